@@ -1,0 +1,31 @@
+// Pose records and their arithmetic, shared by drivers and filters.
+//
+// A pose is 6 floats: x, y, z in the configured length unit, then yaw (azimuth), pitch
+// (elevation), roll in radians. Rotation order: yaw about z, then pitch about y, then roll about
+// x. A quaternion is 4 floats, scalar first.
+#pragma once
+
+#include <array>
+
+namespace kinetrel {
+
+using Pose = std::array<float, 6>;
+using Quaternion = std::array<float, 4>;
+
+inline constexpr Quaternion kIdentityQuaternion = {1.0F, 0.0F, 0.0F, 0.0F};
+
+inline constexpr double kPi = 3.141592653589793;
+inline constexpr double kRadiansPerDegree = 0.017453292519943295;
+inline constexpr double kDegreesPerRadian = 57.29577951308232;
+
+// Brings yaw and roll into [-pi, pi) and folds pitch into [-pi/2, pi/2], turning yaw by pi where
+// it folds; roll is not changed by the fold. Not finite angles are left as they are.
+void NormalizeEuler(float angles[3]);
+
+// Adds the offset component by component, then normalises the pose's angles.
+void AddPoseOffset(float pose[6], const float offset[6]);
+
+// The unit quaternion of yaw, pitch, roll.
+Quaternion EulerToQuaternion(const float angles[3]);
+
+}  // namespace kinetrel

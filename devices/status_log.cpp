@@ -1,0 +1,59 @@
+#include "devices/status_log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <utility>
+
+namespace kinetrel {
+
+StatusLog::StatusLog() : formatBuffer_(kLongestFormatted + 1) {}
+
+bool StatusLog::SetStatus(int code, const char* text) {
+  const std::lock_guard held(lock_);
+  Append(code, text);
+  return true;
+}
+
+bool StatusLog::SetStatusF(int code, const char* format, ...) {
+  const std::lock_guard held(lock_);
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(formatBuffer_.data(), formatBuffer_.size(), format, arguments);
+  va_end(arguments);
+  Append(code, formatBuffer_.data());
+  return true;
+}
+
+const char* StatusLog::CurrentStatusText() const {
+  const std::lock_guard held(lock_);
+  return entries_.empty() ? "" : entries_.back().text.c_str();
+}
+
+StatusEntry StatusLog::Newest() const {
+  const std::lock_guard held(lock_);
+  return entries_.empty() ? StatusEntry{} : entries_.back();
+}
+
+std::vector<StatusEntry> StatusLog::Entries() const {
+  const std::lock_guard held(lock_);
+  return entries_;
+}
+
+void StatusLog::Append(int code, std::string text) {
+  entries_.push_back({std::time(nullptr), code, std::move(text)});
+  if (entries_.size() < kTrimAt) return;
+  entries_.erase(entries_.begin(), entries_.end() - kKeep);
+}
+
+bool Announce(StatusLog& log, const char* prefix, int code, const char* format, ...) {
+  const std::lock_guard held(log.lock_);
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(log.formatBuffer_.data(), log.formatBuffer_.size(), format, arguments);
+  va_end(arguments);
+  std::fprintf(stderr, "%s%s", prefix, log.formatBuffer_.data());
+  log.Append(code, log.formatBuffer_.data());
+  return true;
+}
+
+}  // namespace kinetrel

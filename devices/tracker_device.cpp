@@ -1,0 +1,204 @@
+#include "devices/tracker_device.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "platform/clock.h"
+
+namespace kinetrel {
+namespace {
+
+// Copies `from` as strncpy does: no terminator where the text fills the room.
+void CopyText(char* to, int size, const char* from) {
+  if (to == nullptr || size <= 0) return;
+  const auto room = static_cast<std::size_t>(size);
+  const std::size_t length = std::strlen(from);
+  std::memcpy(to, from, std::min(length + 1, room));
+}
+
+}  // namespace
+
+TrackerDevice::TrackerDevice()
+    : deviceName_(DeviceNameText(DeviceName::NoDevice)),
+      secondsPerTick_(1.0 / static_cast<double>(ClockTicksPerSecond())),
+      startCounter_(ClockTicks()),
+      lastCounter_(startCounter_) {}
+
+TrackerDevice::~TrackerDevice() = default;
+
+// ---- Sampling ------------------------------------------------------------------------------
+
+void TrackerDevice::Poll() {
+  if (!booted_) return;
+  if (continuousByte_ != 0 && lastModeByte_ == continuousByte_) Write(&stopByte_, 1);
+  if (HasHandle()) FlushOutput();
+  if (prePollByte_ != 0) Write(&prePollByte_, 1);
+  WriteModeByte(pollByte_);
+}
+
+void TrackerDevice::StartContinuous() {
+  if (booted_) WriteModeByte(continuousByte_);
+}
+
+void TrackerDevice::WriteModeByte(char mode) {
+  lastModeByte_ = mode;
+  Write(&lastModeByte_, 1);
+}
+
+// ---- Stations ------------------------------------------------------------------------------
+
+int TrackerDevice::SendStationCommand(const char*, unsigned, int) { return 0; }
+
+unsigned TrackerDevice::SetSensorMask(unsigned mask, int sensorCount) {
+  if (mask != 0 && sensorCount == 0) sensorMask_ = mask;
+  return sensorMask_;
+}
+
+// ---- Settings ------------------------------------------------------------------------------
+
+int TrackerDevice::SetUnits(int units) { return units_ = units; }
+int TrackerDevice::SetCrLf(int on) { return crLf_ = on; }
+int TrackerDevice::SetProtocol(int protocol) { return protocol_ = protocol; }
+int TrackerDevice::SetSensorVector4(int, float, float, float, float) { return 0; }
+int TrackerDevice::SetAlignment(int, const float[3], const float[3]) { return 0; }
+int TrackerDevice::SetAlignmentPose(int, const float[6]) { return 0; }
+int TrackerDevice::ResetAlignment(int) { return 0; }
+int TrackerDevice::SetSynchronization(int) { return 0; }
+unsigned TrackerDevice::SetComponentMask(unsigned mask) { return componentMask_ = mask; }
+int TrackerDevice::SetHemisphere(int, const float[3]) { return 0; }
+
+bool TrackerDevice::SetSensorOffsetComponent(int sensor, unsigned component, double value) {
+  if (component >= 6) return false;
+  if (sensor < 0) {
+    for (Pose& offset : offsets_) offset[component] = static_cast<float>(value);
+    return true;
+  }
+  if (!HasRecord(sensor)) return false;
+  offsets_[static_cast<std::size_t>(sensor)][component] = static_cast<float>(value);
+  return true;
+}
+
+bool TrackerDevice::SetSensorPositionOffset(int sensor, const float xyz[3]) {
+  for (unsigned i = 0; i < 3; ++i) {
+    if (!TrackerDevice::SetSensorOffsetComponent(sensor, i, xyz[i])) return false;
+  }
+  return true;
+}
+
+bool TrackerDevice::SetSensorOffset(int sensor, const float pose[6]) {
+  for (unsigned i = 0; i < 6; ++i) {
+    if (!TrackerDevice::SetSensorOffsetComponent(sensor, i, pose[i])) return false;
+  }
+  return true;
+}
+
+bool TrackerDevice::SetControlString(const char* text) {
+  WriteString(text, 0, false);
+  return true;
+}
+
+// ---- Identity ------------------------------------------------------------------------------
+
+bool TrackerDevice::IsProductUnknown() { return productCode_ == kUnknownProduct; }
+bool TrackerDevice::IsBooted() { return booted_; }
+int TrackerDevice::GetSensorCount() { return sensorCount_; }
+const char* TrackerDevice::GetDeviceName() { return deviceName_; }
+
+int TrackerDevice::GetDeviceType(char* name, int size) {
+  CopyText(name, size, deviceName_);
+  return deviceType_;
+}
+
+unsigned TrackerDevice::GetSensorMask() { return sensorMask_; }
+
+int TrackerDevice::GetStatusCode() {
+  return static_cast<std::int16_t>(static_cast<std::uint16_t>(statusWord_ & 0xFFFF));
+}
+
+int TrackerDevice::GetUnits() { return units_; }
+bool TrackerDevice::GetCrLf() { return crLf_ != 0; }
+int TrackerDevice::GetProtocol() { return protocol_; }
+
+int TrackerDevice::GetProtocolText(char* text, int size) {
+  char number[16];
+  std::snprintf(number, sizeof number, "%d", protocol_);
+  CopyText(text, size, number);
+  return protocol_;
+}
+
+unsigned TrackerDevice::GetComponentMask() { return componentMask_; }
+
+int TrackerDevice::GetActiveSensorCount() {
+  int active = 0;
+  // The mask has 32 bits: sensors from 32 on have none and are never active.
+  for (int i = 0; i < std::min(sensorCount_, 32); ++i) active += (sensorMask_ >> i) & 1;
+  return active;
+}
+
+int TrackerDevice::GetFrameRate() {
+  const int active = GetActiveSensorCount();
+  return active > 0 ? totalFrameRate_ / active : 0;
+}
+
+bool TrackerDevice::GetControlString(char* text, int size) {
+  CopyText(text, size, "");
+  return false;
+}
+
+// ---- Records -------------------------------------------------------------------------------
+
+float* TrackerDevice::GetSensorOffset(int sensor) {
+  return HasRecord(sensor) ? offsets_[static_cast<std::size_t>(sensor)].data() : nullptr;
+}
+
+float* TrackerDevice::GetSensorPose(int sensor) {
+  return HasRecord(sensor) ? poses_[static_cast<std::size_t>(sensor)].data() : nullptr;
+}
+
+float* TrackerDevice::GetSensorPosition(int sensor) { return TrackerDevice::GetSensorPose(sensor); }
+
+float* TrackerDevice::GetSensorEuler(int sensor) {
+  float* const pose = TrackerDevice::GetSensorPose(sensor);
+  return pose != nullptr ? pose + 3 : nullptr;
+}
+
+float* TrackerDevice::GetSensorQuaternion(int sensor) {
+  return HasRecord(sensor) ? quaternions_[static_cast<std::size_t>(sensor)].data() : nullptr;
+}
+
+// ---- Not virtual ---------------------------------------------------------------------------
+
+bool TrackerDevice::HasRecord(int sensor) const { return sensor >= 0 && sensor < sensorCount_; }
+
+bool TrackerDevice::AllocateSensors(unsigned count) {
+  if (count == 0 || count > kMostSensors) return false;
+  FreeSensors();
+  try {
+    poses_.assign(count, Pose{});
+    offsets_.assign(count, Pose{});
+    quaternions_.assign(count, kIdentityQuaternion);
+  } catch (const std::bad_alloc&) {
+    FreeSensors();
+    return false;
+  }
+  sensorCount_ = static_cast<int>(count);
+  return true;
+}
+
+void TrackerDevice::FreeSensors() {
+  poses_ = {};
+  offsets_ = {};
+  quaternions_ = {};
+  sensorCount_ = 0;
+}
+
+double TrackerDevice::ElapsedSeconds() {
+  lastCounter_ = ClockTicks();
+  return static_cast<double>(lastCounter_ - startCounter_) * secondsPerTick_;
+}
+
+void TrackerDevice::SetTimeOrigin(std::int64_t counter) { startCounter_ = counter; }
+
+}  // namespace kinetrel

@@ -1,0 +1,188 @@
+// The one interface through which the engine opens, boots, configures and samples a tracker, and
+// the state that every driver shares.
+//
+// A driver overrides what its device has and leaves the rest: each default gives a definite
+// answer. The 47 operations stand in a fixed order, here and in every driver. A sensor index of
+// -1 in a setter means all sensors.
+//
+// Threads  one at a time; the engine's lock sees to it. ReadFrame and Poll run on the sampling
+//          thread without that lock, while no other operation of the device runs.
+// Memory   ReadFrame, Poll, the record getters and ElapsedSeconds allocate nothing.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "devices/device_names.h"
+#include "devices/pose.h"
+#include "devices/serial_port.h"
+#include "devices/status_log.h"
+
+namespace kinetrel {
+
+// What parts of a pose a device delivers; the bits of the component mask.
+inline constexpr unsigned kPositionComponent = 1U << 0;
+inline constexpr unsigned kEulerComponent = 1U << 1;
+inline constexpr unsigned kQuaternionComponent = 1U << 2;
+
+inline constexpr int kUnknownProduct = 0x0BAD0000;
+inline constexpr int kMostSensors = 256;
+
+// Turns a device's integer reading into a value: raw x scale + offset.
+struct ChannelScale {
+  int raw = 0;
+  double offset = 0.0;
+  double scale = 1.0;
+
+  double Value() const { return raw * scale + offset; }
+};
+
+class TrackerDevice : public SerialPort {
+ public:
+  TrackerDevice();
+  ~TrackerDevice() override;
+
+  // ---- Life --------------------------------------------------------------------------------
+
+  // Wakes, identifies and configures the device on the open port.
+  //
+  // reset    nonzero: also back to the device's own defaults.
+  // Returns  kBooted or more, else the failure; see device_names.h.
+  virtual BootResult Boot(int reset) = 0;
+
+  // Asks the instrument for its status and writes it into `text`, at most `size` bytes.
+  // Returns nonzero when it did.
+  virtual int QueryStatus(char* text, int size) = 0;
+
+  // ---- Sampling ----------------------------------------------------------------------------
+
+  // Reads one frame into the pose and quaternion records.
+  //
+  // sampleTime  set to the frame's ElapsedSeconds() unless null; untouched on failure.
+  // Returns     bit i set for each sensor i that has a new record; 0 for no data.
+  virtual unsigned ReadFrame(double* sampleTime) = 0;
+
+  virtual void Poll();             // ends continuous output if it runs, then asks for one frame
+  virtual void StartContinuous();  // from now on the device sends frames by itself
+
+  // ---- Stations ----------------------------------------------------------------------------
+
+  virtual int SendStationCommand(const char* command, unsigned stationMask, int stations);
+  // Both return the mask now in force.
+  virtual unsigned SetSensorMask(unsigned mask, int sensorCount);
+
+  // ---- Settings ----------------------------------------------------------------------------
+
+  virtual int SetUnits(int units);        // 0 inch, 1 centimetre, 3 metre, 2 GPS; those in force
+  virtual int SetCrLf(int on);            // records end with carriage return and line feed
+  virtual int SetProtocol(int protocol);  // a returned value that differs is a refusal
+  virtual int SetSensorVector4(int sensor, float a, float b, float c, float d);
+  virtual int SetAlignment(int sensor, const float xAxis[3], const float yAxis[3]);
+  virtual int SetAlignmentPose(int sensor, const float pose[6]);
+  virtual int ResetAlignment(int sensor);
+  virtual int SetSynchronization(int mode);  // 0 internal, 1 external, 2 CRT
+  virtual unsigned SetComponentMask(unsigned mask);
+  virtual int SetHemisphere(int sensor, const float zenith[3]);
+
+  // The mounting offset added to every reading: x, y, z in the configured unit, then yaw, pitch,
+  // roll in radians. False for a component or sensor that does not exist.
+  virtual bool SetSensorOffsetComponent(int sensor, unsigned component, double value);
+  virtual bool SetSensorPositionOffset(int sensor, const float xyz[3]);
+  virtual bool SetSensorOffset(int sensor, const float pose[6]);
+
+  // Free text to the device; what it means is the driver's. The base writes it to the port as is.
+  virtual bool SetControlString(const char* text);
+
+  // ---- Identity ----------------------------------------------------------------------------
+
+  virtual bool IsProductUnknown();
+  virtual bool IsBooted();
+  virtual int GetSensorCount();
+  virtual const char* GetDeviceName();
+
+  // Copies the name, at most `size` characters (unterminated when it is that long).
+  virtual int GetDeviceType(char* name, int size);
+  virtual unsigned GetSensorMask();
+  virtual int GetStatusCode();  // low 16 bits of the status word, sign-extended
+  virtual int GetUnits();
+  virtual bool GetCrLf();
+  virtual int GetProtocol();
+  virtual int GetProtocolText(char* text, int size);
+  virtual unsigned GetComponentMask();
+  virtual int GetActiveSensorCount();
+  virtual int GetFrameRate();  // Hz of each active sensor; 0 when none is active
+  virtual bool GetControlString(char* text, int size);
+
+  // ---- Records -----------------------------------------------------------------------------
+  // Null for a sensor without records. Pointers into the device's own arrays, good until the
+  // next AllocateSensors or FreeSensors.
+
+  virtual float* GetSensorOffset(int sensor);      // 6 floats
+  virtual float* GetSensorPose(int sensor);        // 6 floats
+  virtual float* GetSensorPosition(int sensor);    // 3 floats
+  virtual float* GetSensorEuler(int sensor);       // 3 floats
+  virtual float* GetSensorQuaternion(int sensor);  // 4 floats
+
+  // ---- Not virtual -------------------------------------------------------------------------
+
+  // Makes the records of `count` sensors (1 to kMostSensors), all zero and at the identity.
+  // False, and nothing changed, for another count; false, and no records, without memory.
+  bool AllocateSensors(unsigned count);
+  void FreeSensors();
+
+  // Seconds since the time origin: the construction, or what SetTimeOrigin said since.
+  double ElapsedSeconds();
+
+  // Gives samples the time origin of their publication, so that the two times can be compared.
+  // counter  a reading of ClockTicks().
+  void SetTimeOrigin(std::int64_t counter);
+
+  void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: say nothing
+
+  // What the engine logs about a failed frame, and with which code; it resets the code.
+  const char* errorText() const { return errorText_.data(); }
+  const char* readText() const { return readText_.data(); }
+  int reportCode() const { return reportCode_; }
+  void ClearReportCode() { reportCode_ = 0; }
+
+ protected:
+  void SetName(DeviceName row) { deviceName_ = DeviceNameText(row); }
+
+  int productCode_ = kUnknownProduct;
+  int sensorCount_ = 0;
+  int totalFrameRate_ = 120;  // records a second over all active sensors together
+  bool booted_ = false;
+  int protocol_ = 0;
+  unsigned componentMask_ = kPositionComponent | kEulerComponent;
+  int crLf_ = 1;
+  int units_ = 1;
+  char continuousByte_ = 0;  // starts continuous output
+  char pollByte_ = 0;        // asks for one record
+  char stopByte_ = 0;        // stops continuous output
+  char prePollByte_ = 0;     // sent before the poll byte unless 0
+  char lastModeByte_ = 0;    // the mode byte last sent
+  int deviceType_ = 0;
+  unsigned sensorMask_ = 1;
+  std::uint32_t statusWord_ = 0;  // low half: product and state; high half: the driver's own flags
+  const char* deviceName_;
+  std::vector<Pose> poses_;
+  std::vector<Pose> offsets_;
+  std::vector<Quaternion> quaternions_;
+  std::array<ChannelScale, 10> channels_;
+  std::array<char, 256> readText_{};   // last text line of the device worth logging
+  std::array<char, 256> errorText_{};  // last error text of the device worth logging
+  int reportCode_ = 0;
+  StatusLog* statusLog_ = nullptr;
+
+ private:
+  bool HasRecord(int sensor) const;
+  void WriteModeByte(char mode);
+
+  double secondsPerTick_;
+  std::int64_t startCounter_;
+  std::int64_t lastCounter_;
+};
+
+}  // namespace kinetrel

@@ -1,0 +1,80 @@
+// The console of this process: single keys without echo, and what the output streams lead to.
+//
+// Threads  any number may take and push back keys; each key is taken once. The lock that keeps
+//          them apart is a leaf and never held while waiting for a person.
+// State    one per process, as the console is: the session below is its owner.
+#pragma once
+
+#include <optional>
+
+namespace kinetrel {
+
+// A key as a program takes it. Character keys carry their code (Ctrl-A 1, ESC 27, Enter 13,
+// Backspace 8, Tab 9); the others carry `extended` and the code below.
+struct Key {
+  int code = 0;
+  bool extended = false;
+
+  bool operator==(const Key&) const = default;
+};
+
+// Codes of the keys that are no characters.
+enum class ExtendedKey : int {
+  Up = 0x48,
+  Down = 0x50,
+  Left = 0x4B,
+  Right = 0x4D,
+  Home = 0x47,
+  End = 0x4F,
+  Insert = 0x52,
+  Delete = 0x53,
+  PageUp = 0x49,
+  PageDown = 0x51,
+  CtrlLeft = 0x73,
+  CtrlRight = 0x74,
+  CtrlUp = 0x8D,
+  CtrlDown = 0x91,
+  CtrlPageUp = 0x86,
+  CtrlPageDown = 0x76,
+  CtrlTab = 0x94,
+};
+
+// While one lives, keys come one at a time and without echo, from standard input.
+//
+// A terminal is put into key-at-a-time mode and is as it was after every way out: the destructor,
+// exit, a signal that ends the process (but SIGKILL), a suspension. It is left alone while the
+// process is in the background. Standard input that is no terminal is read as keys until it ends,
+// and is then silent; a closed one is silent from the start.
+//
+// Nesting is refused: the second session of a process does nothing.
+class KeySession {
+ public:
+  KeySession();
+  ~KeySession();
+  KeySession(const KeySession&) = delete;
+  KeySession& operator=(const KeySession&) = delete;
+
+ private:
+  bool owner_;
+};
+
+// The next key, or nothing when none waits or there is no session. Never waits for a key; a lone
+// ESC byte is looked at for up to 30 ms, to tell the ESC key from the start of a key sequence.
+std::optional<Key> TakeKey();
+
+// Puts a key back: the next TakeKey of any thread gets it first. At most 16 wait so; more are lost.
+void PushBackKey(Key key);
+
+bool StandardOutputIsTerminal();
+
+struct TerminalSize {
+  int columns = 80;
+  int rows = 24;
+};
+// Of the terminal on standard output; 80 x 24 where it does not tell.
+TerminalSize StandardOutputSize();
+
+// Makes the terminal on standard output understand control sequences; false where it cannot.
+bool EnableTerminalSequences();
+
+}  // namespace kinetrel

@@ -1,0 +1,16 @@
+// The system's ways of asking a console program to end: SIGINT, SIGTERM and SIGHUP on Linux,
+// console control events on Windows.
+#pragma once
+
+#include <atomic>
+
+namespace kinetrel {
+
+// From now on the first such request is stored into `request` (nonzero, the system's number) and
+// the program goes on; a second one ends it at once, with the terminal restored. `request` must
+// live as long as the process.
+//
+// A broken output pipe is from now on a failed write, not the end of the process.
+void CatchStopSignals(std::atomic<int>& request);
+
+}  // namespace kinetrel
