@@ -8,6 +8,9 @@ namespace kinetrel {
 
 using Milliseconds = std::chrono::milliseconds;
 
+// As a time-out: none.
+inline constexpr Milliseconds kForever = Milliseconds::max();
+
 // Ticks since some fixed moment before the program started; never goes back. No system call where
 // the system offers the clock without one.
 std::int64_t ClockTicks();
@@ -21,8 +24,8 @@ void SleepFor(Milliseconds time);
 // A moment to wait for, so that a wait made of several steps has one end.
 class Deadline {
  public:
-  explicit Deadline(Milliseconds fromNow);
-  Milliseconds Remaining() const;  // rounded up; 0 once passed
+  explicit Deadline(Milliseconds fromNow);  // kForever never passes
+  Milliseconds Remaining() const;           // rounded up; 0 once passed; kForever if never
   bool Passed() const { return Remaining().count() == 0; }
 
  private:

@@ -1,0 +1,90 @@
+// Memory, mutexes and events that unrelated processes reach by name.
+//
+// An object lives as long as some process has it open; the last one to close it removes it from
+// the system. A process that dies, however it dies, releases what it held. Any account of the
+// machine may open an object that another one made.
+//
+// Opening a name twice in one process shares one object. Every Open may answer:
+//   Denied   the system refuses this account the object
+//   NoSpace  the system's memory or limit for such objects is used up
+//   Invalid  something else, or an object of another size, has the name
+//   Busy     another process holds the object half made for longer than 2 s
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/status.h"
+
+namespace kinetrel {
+
+class SharedObject;  // the system's own part, shared by all users of a name in this process
+
+class NamedMemory {
+ public:
+  // Opens `size` bytes named `name`, or creates them, all zero. Nobody sees them half made.
+  static Result<NamedMemory> Open(const std::string& name, std::size_t size);
+
+  void* data() const;
+
+  // Marks this process as the one that writes. False, and no mark, while another process has it.
+  // The mark goes with the last NamedMemory of this name, or with the process.
+  bool ClaimWriting();
+
+ private:
+  explicit NamedMemory(std::shared_ptr<SharedObject> object);
+  std::shared_ptr<SharedObject> object_;
+};
+
+// A recursive mutex. Its owner may die: the next one to lock it gets it as if it were released.
+// A thread that holds it runs at the priority of the highest one that waits for it.
+//
+// Threads  locked and unlocked by the same thread; several processes, several threads.
+class NamedMutex {
+ public:
+  static Result<NamedMutex> Open(const std::string& name);  // made not locked
+
+  // False: not locked within `timeout`, or what the name holds is no usable mutex. No system call
+  // where nobody else holds it.
+  bool Lock(Milliseconds timeout);
+  void Unlock();
+
+ private:
+  explicit NamedMutex(std::shared_ptr<SharedObject> object);
+  std::shared_ptr<SharedObject> object_;
+};
+
+// An event that stays set until it is reset, and wakes everyone who waits when it is set.
+//
+// Threads  any number may use it at once, in any process. A waiter that dies costs nothing.
+class Event {
+ public:
+  static Result<Event> Open(const std::string& name);  // made not set
+  Event();                                             // without a name, for this process; not set
+
+  // A moment in the event's life, to wait from: what is set after it is never missed, though
+  // somebody else should reset the event before the wait has begun.
+  using Ticket = std::uint32_t;
+
+  void Set();
+  Ticket Reset();
+  bool IsSet() const;
+
+  // Set in two steps, for a caller that holds a lock the waiters want: Mark sets the event, and
+  // when it answers true Wake must follow, after the lock is released. No system call in Mark.
+  [[nodiscard]] bool Mark();
+  void Wake();
+
+  // True when the event is set, or has been since the ticket was taken (or the call began).
+  bool Wait(Milliseconds timeout) const;
+  bool WaitSince(Ticket ticket, Milliseconds timeout) const;
+
+ private:
+  explicit Event(std::shared_ptr<SharedObject> object);
+  std::shared_ptr<SharedObject> object_;
+};
+
+}  // namespace kinetrel

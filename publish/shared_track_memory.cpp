@@ -1,0 +1,153 @@
+#include "publish/shared_track_memory.h"
+
+#include <atomic>
+
+namespace kinetrel {
+namespace {
+
+bool IsBin(int bin) { return bin >= 0 && bin < kSharedBins; }
+
+// New memory is all zero. Atomic: it may be looked at before the mutex is taken.
+bool IsInitialized(SharedTrackBlock& block) { return std::atomic_ref(block.reserved).load() == -1; }
+
+}  // namespace
+
+SharedTrackBlock* SharedTrackMemory::Bin::Block() const {
+  return Open() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
+}
+
+SharedTrackMemory::SharedTrackMemory(int device, int bins)
+    : device_(device >= 0 && device < kSharedDevices ? device : 0),
+      binMask_((1U << (bins >= 1 && bins <= kSharedBins ? bins : 1)) - 1) {}
+
+SharedTrackMemory::~SharedTrackMemory() { SharedTrackMemory::CloseAll(); }
+
+SharedTrackBlock* SharedTrackMemory::block() { return current().Block(); }
+
+const SharedTrackBlock* SharedTrackMemory::block() const {
+  return bins_[static_cast<std::size_t>(currentBin_)].Block();
+}
+
+int SharedTrackMemory::SelectBin(int number) {
+  if (IsBin(number) && bin(number).Open()) currentBin_ = number;
+  return currentBin_;
+}
+
+bool SharedTrackMemory::Lock(Milliseconds timeout) {
+  if (!current().Open() || !current().mutex->Lock(timeout)) return false;
+  locked_ = true;
+  return true;
+}
+
+bool SharedTrackMemory::Unlock() {
+  Bin& here = current();
+  if (!here.Open()) return false;
+  if (!locked_) return true;
+  locked_ = false;
+  here.mutex->Unlock();
+  // Woken while we still held the mutex, the waiters would only have run into it.
+  if (here.wakePending) here.event->Wake();
+  here.wakePending = false;
+  return true;
+}
+
+bool SharedTrackMemory::OpenAll() {
+  if (current().Open()) return true;
+  bool any = false;
+  for (int number = 0; number < kSharedBins; ++number) {
+    if (!bin(number).Open()) {
+      CloseBin(number);
+      if ((binMask_ & (1U << number)) == 0) continue;
+      if (OpenBin(number)) {
+        MakeEvent(number);
+      } else {
+        binMask_ &= ~(1U << number);
+      }
+    }
+    any = any || bin(number).Open();
+  }
+  return any;
+}
+
+bool SharedTrackMemory::OpenObjects(int number, Initialize initialize, bool writerPresent) {
+  if (!IsBin(number)) return false;
+  Bin& here = bin(number);
+  Result<NamedMemory> memory =
+      NamedMemory::Open(BlockName(device_, number), sizeof(SharedTrackBlock));
+  Result<NamedMutex> mutex = NamedMutex::Open(MutexName(device_, number));
+  failure_ = memory.Ok() ? mutex.status() : memory.status();
+  if (!failure_.Ok()) return CloseBin(number);
+
+  here.memory = *memory;
+  here.mutex = *mutex;
+  if (initialize == Initialize::WhenNew && IsInitialized(*here.Block())) return true;
+  if (!here.mutex->Lock(kForever)) {
+    failure_ = {Error::Invalid, 0, "locking the mutex of shared memory"};
+    return CloseBin(number);
+  }
+  if (initialize == Initialize::Always || !IsInitialized(*here.Block())) {
+    InitializeBlock(*here.Block(), writerPresent);
+  }
+  here.mutex->Unlock();
+  return true;
+}
+
+bool SharedTrackMemory::MakeEvent(int number) {
+  if (!IsBin(number)) return false;
+  bin(number).event.reset();
+  Result<StopEvent> event = StopEvent::Open(EventName(device_, number));
+  if (event.Ok()) {
+    bin(number).event = *event;
+  } else {
+    failure_ = event.status();
+  }
+  return event.Ok();
+}
+
+bool SharedTrackMemory::CloseBin(int number) {
+  if (!IsBin(number)) return false;
+  Bin& here = bin(number);
+  if (locked_ && number == currentBin_) Unlock();
+  here.mutex.reset();
+  here.memory.reset();
+  return false;
+}
+
+bool SharedTrackMemory::CloseAll() {
+  Unlock();
+  for (int number = 0; number < kSharedBins; ++number) {
+    CloseBin(number);
+    bin(number).event.reset();
+  }
+  locked_ = false;
+  return false;
+}
+
+bool SharedTrackMemory::Publish(int frame) {
+  Bin& here = current();
+  SharedTrackBlock* const data = here.Block();
+  if (data == nullptr) return false;
+  // Unsigned: after 2^31 frames (103 days at 240 Hz) the count goes round instead of overflowing.
+  data->frameCount =
+      frame != 0 ? frame
+                 : static_cast<std::int32_t>(static_cast<std::uint32_t>(data->frameCount) + 1);
+  data->publishTime = timer_.ElapsedSeconds();
+  if (here.event.has_value()) here.wakePending = here.event->Mark() || here.wakePending;
+  return true;
+}
+
+bool SharedTrackMemory::WaitForFrame(int lastFrame, Milliseconds timeout) {
+  Bin& here = current();
+  if (!here.event.has_value() || !Lock(timeout)) return false;
+  if (here.Block()->frameCount == lastFrame) {
+    // Reset under the mutex and only with the newest frame in hand: no publication is lost.
+    const StopEvent::Ticket ticket = here.event->Reset();
+    Unlock();
+    if (!here.event->WaitSince(ticket, timeout) || !Lock(timeout)) return false;
+  }
+  const int newest = here.Block()->frameCount;
+  Unlock();
+  return newest > lastFrame;
+}
+
+}  // namespace kinetrel
