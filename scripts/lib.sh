@@ -1,0 +1,87 @@
+# shellcheck shell=bash
+# What scripts/run and scripts/test share: installing what is missing, configuring, building.
+
+root=$(cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.." && pwd)
+script=scripts/$(basename "$0")
+
+say() { printf '%s: %s\n' "$script" "$*" >&2; }
+die() {
+  say "$*"
+  exit 1
+}
+
+# quietly COMMAND...: shows what it printed only when it fails. Reads no input: that is the
+# program's.
+quietly() {
+  local output code=0
+  output=$("$@" </dev/null 2>&1) || code=$?
+  if ((code != 0)); then printf '%s\n' "$output" >&2; fi
+  return "$code"
+}
+
+# ---- Packages ------------------------------------------------------------------------------------
+
+# has NEED: a need is the package's name, or command:package, or header.h:package.
+has() {
+  local probe=${1%%:*}
+  if [[ $probe == *.h ]]; then
+    echo "#include <$probe>" | g++ -E -x c++ - >/dev/null 2>&1
+  else
+    command -v "$probe" >/dev/null
+  fi
+}
+
+# Prints the packages of the needs that are not met.
+missing_packages() {
+  local need
+  for need in "$@"; do
+    has "$need" || printf '%s ' "${need##*:}"
+  done
+}
+
+install_packages() {
+  local as_root=()
+  command -v apt-get >/dev/null ||
+    die "missing: $*. There is no apt-get here: install them by hand (names as in Debian 12)."
+  if ((EUID != 0)); then
+    command -v sudo >/dev/null ||
+      die "missing: $*. Installing takes root or sudo, and there is neither. As root: apt-get install $*"
+    as_root=(sudo)
+    say "installing $* (sudo, for apt-get only)"
+  else
+    say "installing $*"
+  fi
+  local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive
+    apt-get -q -y -o DPkg::Lock::Timeout=300)
+  quietly "${apt[@]}" update || say "apt-get update failed; trying with the lists that are here"
+  quietly "${apt[@]}" install --no-install-recommends "$@" || die "could not install: $*"
+}
+
+# need NEED...: installs what is not met. Asks no package manager when all is.
+need() {
+  local missing
+  read -ra missing <<<"$(missing_packages "$@")"
+  ((${#missing[@]} == 0)) && return
+  install_packages "${missing[@]}"
+  read -ra missing <<<"$(missing_packages "$@")"
+  ((${#missing[@]} == 0)) || die "still missing after the installation: ${missing[*]}"
+}
+
+# ---- Building ------------------------------------------------------------------------------------
+
+# configure PRESET OPTION...
+configure() {
+  local cache=$root/build/$1/CMakeCache.txt fresh=()
+  # A tree that was moved or mounted elsewhere would build the sources at the old place.
+  if [[ -e $cache ]] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$cache"; then
+    fresh=(--fresh)
+  fi
+  (cd "$root" && quietly cmake --preset "$1" "${fresh[@]}" "${@:2}")
+}
+
+# build PRESET TARGET...: everything without a target.
+build() {
+  local targets=()
+  if (($# > 1)); then targets=(--target "${@:2}"); fi
+  quietly cmake --build "$root/build/$1" "${targets[@]}"
+}
