@@ -2,7 +2,7 @@
 # What scripts/run and scripts/test share: installing what is missing, configuring, building.
 
 root=$(cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.." && pwd)
-script=scripts/$(basename "$0")
+script=scripts/$(basename "$(readlink -f "$0")")
 
 say() { printf '%s: %s\n' "$script" "$*" >&2; }
 die() {
