@@ -55,6 +55,10 @@ virtual_operations = {
 allowed_statics = {
     ("platform/posix/named_objects.cpp", "objects"):
         "the system's names are the machine's, so a process opens each once",
+    ("platform/posix/console.cpp", "input"): "one per process, as standard input is",
+    ("platform/posix/terminal_mode.cpp", "terminal"): "one per process; signal handlers restore it",
+    ("platform/posix/stop_signals.cpp", "stopRequest"): "a signal handler reaches no other state",
+    ("platform/posix/stop_signals.cpp", "stopAsked"): "a signal handler reaches no other state",
 }
 
 standard_headers = set("""
@@ -406,7 +410,7 @@ def check_tree():
         if b"\0" not in content:
             complaints += check(path, content.decode("utf-8", "replace"))
     complaints += [f"{path}: {name}: no longer there, but still in allowed_statics"
-                   for path, name in sorted(set(allowed_statics) - met_statics)]
+                   for path, name in sorted(set(allowed_statics) - met_statics) if path in files]
     for complaint in complaints:
         print(complaint)
     print(f"rules: {len(files)} files, {len(complaints)} complaints")
