@@ -58,11 +58,14 @@ class KeySession {
   bool owner_;
 };
 
-// The next key, or nothing when none waits or there is no session. Never waits for a key; a lone
-// ESC byte is looked at for up to 30 ms, to tell the ESC key from the start of a key sequence.
+// The next key: one that was put back, else, during a session, one that was typed. Nothing when
+// none waits, and once for each key or terminal's reply that is none of the keys above. Never waits
+// for a key; a lone ESC byte is looked at for up to 30 ms, to tell the ESC key from the start of a
+// key sequence.
 std::optional<Key> TakeKey();
 
-// Puts a key back: the next TakeKey of any thread gets it first. At most 16 wait so; more are lost.
+// Puts a key back: the next TakeKey of any thread gets it first. At most 16 wait so, until the
+// session ends; more are lost.
 void PushBackKey(Key key);
 
 bool StandardOutputIsTerminal();

@@ -1,0 +1,165 @@
+#include "platform/posix/terminal_mode.h"
+
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+
+namespace kinetrel {
+namespace {
+
+constexpr int kInput = STDIN_FILENO;
+
+enum class Mode {
+  Off,        // no session, or the process is ending
+  Suspended,  // about to stop, or stopped: nobody but the resumption enters again
+  Released,   // a session, but the terminal is as it was: the process is in the background
+  Entering,   // one thread is at it; keeps the others, and handlers, away from `before`
+  Entered
+};
+
+// The terminal's mode, one per process as its standard input is. Written by the session, by
+// whoever takes keys, and by signal handlers, hence atomic: `before` belongs to the one who
+// brought the mode from Released to Entering, and is only read once Entered.
+struct TerminalMode {
+  std::atomic<Mode> mode{Mode::Off};
+  std::atomic<pid_t> owner{0};  // a forked child ends without touching its parent's terminal
+  termios before{};
+};
+constinit TerminalMode terminal;
+static_assert(std::atomic<Mode>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
+
+// Changing or reading the terminal from the background would stop the process.
+bool InForeground() {
+  const pid_t foreground = ::tcgetpgrp(kInput);
+  return foreground == -1 ? errno == ENOTTY : foreground == ::getpgrp();
+}
+
+// Signals still come from keys, output is still translated. Enter stays 13. A read returns at once
+// when another process was quicker, rather than wait for the next key.
+termios KeyModeOf(termios settings) {
+  settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+  settings.c_iflag &= ~static_cast<tcflag_t>(ICRNL | INLCR | IGNCR);
+  settings.c_cc[VMIN] = 0;
+  settings.c_cc[VTIME] = 0;
+  return settings;
+}
+
+// TCSANOW keeps what was typed ahead, and does not wait for a terminal that was told to hold.
+void Apply(const termios& settings) {
+  while (::tcsetattr(kInput, TCSANOW, &settings) != 0 && errno == EINTR) {
+  }
+}
+
+bool Advance(Mode from, Mode to) { return terminal.mode.compare_exchange_strong(from, to); }
+
+void Enter() {
+  if (!InForeground() || !Advance(Mode::Released, Mode::Entering)) return;
+  const bool known = ::tcgetattr(kInput, &terminal.before) == 0;
+  // First the mode, so that a signal from here on finds something to restore.
+  if (!Advance(Mode::Entering, known ? Mode::Entered : Mode::Released) || !known) return;
+  Apply(KeyModeOf(terminal.before));
+  if (terminal.mode.load() == Mode::Off) Apply(terminal.before);  // ended in between
+}
+
+void Leave(Mode next) {
+  if (terminal.owner.load() != ::getpid()) return;
+  const Mode now = terminal.mode.exchange(next);
+  if (now == Mode::Entered && InForeground()) Apply(terminal.before);
+}
+
+void LeaveForGood() { Leave(Mode::Off); }
+
+// ---- Signals -------------------------------------------------------------------------------
+
+constexpr int kEndingSignals[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGILL,  SIGABRT, SIGBUS,
+                                  SIGFPE,  SIGSEGV, SIGSYS,  SIGUSR1, SIGUSR2, SIGPIPE,
+                                  SIGALRM, SIGTERM, SIGXCPU, SIGXFSZ};
+
+void SetHandler(int number, void (*handler)(int)) {
+  struct sigaction action {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART | SA_ONSTACK;
+  sigemptyset(&action.sa_mask);
+  ::sigaction(number, &action, nullptr);
+}
+
+bool HandlerIs(int number, void (*handler)(int)) {
+  struct sigaction present {};
+  return ::sigaction(number, nullptr, &present) == 0 && (present.sa_flags & SA_SIGINFO) == 0 &&
+         present.sa_handler == handler;
+}
+
+void Unblock(int number) {
+  sigset_t one;
+  sigemptyset(&one);
+  sigaddset(&one, number);
+  ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
+}
+
+// After a stop that could not be caught the mode is still Entered, but the shell has been there.
+void Resume(int) {
+  const int savedErrno = errno;
+  if (terminal.mode.load() == Mode::Entered && InForeground()) Apply(KeyModeOf(terminal.before));
+  Advance(Mode::Suspended, Mode::Released);
+  Enter();
+  errno = savedErrno;
+}
+
+// The shell gets its terminal back, then the process stops as it would have.
+void Suspend(int number) {
+  const int savedErrno = errno;
+  if (terminal.mode.load() == Mode::Entered) Leave(Mode::Suspended);
+  SetHandler(number, SIG_DFL);
+  ::raise(number);
+  Unblock(number);  // stops here
+  SetHandler(number, Suspend);
+  Resume(SIGCONT);  // the system may have refused to stop it
+  errno = savedErrno;
+}
+
+void RemoveHandler(int number, void (*handler)(int)) {
+  if (HandlerIs(number, handler)) SetHandler(number, SIG_DFL);
+}
+
+}  // namespace
+
+void EndBySignal(int number) {
+  LeaveForGood();
+  SetHandler(number, SIG_DFL);
+  ::raise(number);
+  Unblock(number);
+}
+
+void InstallHandler(int number, void (*handler)(int)) {
+  if (HandlerIs(number, SIG_DFL) || HandlerIs(number, EndBySignal)) SetHandler(number, handler);
+}
+
+bool StartKeyMode() {
+  if (::isatty(kInput) == 0) return false;
+  static const int registered = std::atexit(LeaveForGood);
+  static_cast<void>(registered);
+  terminal.owner.store(::getpid());
+  for (const int number : kEndingSignals) InstallHandler(number, EndBySignal);
+  InstallHandler(SIGTSTP, Suspend);
+  InstallHandler(SIGCONT, Resume);
+  terminal.mode.store(Mode::Released);
+  Enter();
+  return true;
+}
+
+void StopKeyMode() {
+  LeaveForGood();
+  for (const int number : kEndingSignals) RemoveHandler(number, EndBySignal);
+  RemoveHandler(SIGTSTP, Suspend);
+  RemoveHandler(SIGCONT, Resume);
+}
+
+bool InKeyMode() {
+  if (terminal.mode.load() == Mode::Released) Enter();
+  return terminal.mode.load() == Mode::Entered;
+}
+
+}  // namespace kinetrel
