@@ -1,0 +1,435 @@
+#include "platform/console.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <string>
+
+#include "platform/clock.h"
+#include "platform/stop_signals.h"
+#include "tests/support/pseudo_terminal.h"
+#include "tests/support/terminal_job.h"
+#include "tests/support/wait_until.h"
+
+namespace kinetrel {
+namespace {
+
+using test::PseudoTerminal;
+using test::TerminalJob;
+using test::WaitUntil;
+using Place = TerminalJob::Place;
+
+// ---- Standard input that is no terminal of ours --------------------------------------------
+
+// Another standard input for the length of a test.
+class StandardInput {
+ public:
+  explicit StandardInput(int fd) : saved_(::fcntl(0, F_DUPFD_CLOEXEC, 3)) {
+    if (fd >= 0) {
+      ::dup2(fd, 0);
+    } else {
+      ::close(0);
+    }
+  }
+  ~StandardInput() {
+    ::dup2(saved_, 0);
+    ::close(saved_);
+  }
+  StandardInput(const StandardInput&) = delete;
+  StandardInput& operator=(const StandardInput&) = delete;
+
+ private:
+  int saved_;
+};
+
+class PipedInput {
+ public:
+  PipedInput() {
+    if (::pipe2(ends_, O_CLOEXEC) != 0) ends_[0] = ends_[1] = -1;
+    input_.emplace(ends_[0]);
+  }
+  ~PipedInput() {
+    End();
+    ::close(ends_[0]);
+  }
+  void Send(const std::string& bytes) const {
+    EXPECT_EQ(::write(ends_[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  void End() {
+    if (ends_[1] >= 0) ::close(ends_[1]);
+    ends_[1] = -1;
+  }
+
+ private:
+  int ends_[2];
+  std::optional<StandardInput> input_;
+};
+
+std::string TextOf(const std::optional<Key>& key) {
+  if (!key) return "none";
+  return (key->extended ? "x" : "") + std::to_string(key->code);
+}
+
+TEST(PipedKeys, AreTheBytesUntilTheEndThenSilence) {
+  PipedInput pipe;
+  const KeySession session;
+  EXPECT_EQ(TextOf(TakeKey()), "none");
+  pipe.Send("a\x01\x1B[A\x1B");
+  EXPECT_EQ(TextOf(TakeKey()), "97");
+  EXPECT_EQ(TextOf(TakeKey()), "1");
+  EXPECT_EQ(TextOf(TakeKey()), "x72");
+  EXPECT_EQ(TextOf(TakeKey()), "27");  // while the pipe is open
+  pipe.Send("b\x1B");
+  pipe.End();
+  EXPECT_EQ(TextOf(TakeKey()), "98");
+  EXPECT_EQ(TextOf(TakeKey()), "27");
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(TextOf(TakeKey()), "none");
+}
+
+TEST(PipedKeys, EscapeInHasteIsNotLost) {
+  PipedInput pipe;
+  const KeySession session;
+  pipe.Send("\x1B[");
+  pipe.End();
+  EXPECT_EQ(TextOf(TakeKey()), "27");
+  EXPECT_EQ(TextOf(TakeKey()), "91");
+  EXPECT_EQ(TextOf(TakeKey()), "none");
+}
+
+TEST(PipedKeys, UnknownSequencesAreNothingOnceEach) {
+  PipedInput pipe;
+  const KeySession session;
+  pipe.Send("\x1B[15~\x1BOPq");
+  EXPECT_EQ(TextOf(TakeKey()), "none");
+  EXPECT_EQ(TextOf(TakeKey()), "none");
+  EXPECT_EQ(TextOf(TakeKey()), "113");
+}
+
+TEST(StandardInputWithoutKeys, IsSilent) {
+  struct Row {
+    const char* name;
+    int fd;
+  };
+  const int directory = ::open("/", O_RDONLY | O_CLOEXEC);
+  const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  for (const Row& row : {Row{"closed", -1}, Row{"a directory", directory}, Row{"empty", nothing}}) {
+    SCOPED_TRACE(row.name);
+    const StandardInput input(row.fd);
+    const KeySession session;
+    for (int i = 0; i < 3; ++i) EXPECT_EQ(TextOf(TakeKey()), "none");
+  }
+  ::close(directory);
+  ::close(nothing);
+}
+
+TEST(Session, TheSecondOfAProcessDoesNothing) {
+  PipedInput pipe;
+  pipe.Send("ab");
+  EXPECT_EQ(TextOf(TakeKey()), "none");  // no session yet
+  const KeySession session;
+  { const KeySession second; }
+  EXPECT_EQ(TextOf(TakeKey()), "97");
+}
+
+TEST(PutBack, ComesFirstLastOneFirstAndEndsWithTheSession) {
+  PipedInput pipe;
+  pipe.Send("a");
+  {
+    const KeySession session;
+    PushBackKey({27, false});
+    PushBackKey({0x48, true});
+    EXPECT_EQ(TextOf(TakeKey()), "x72");
+    EXPECT_EQ(TextOf(TakeKey()), "27");
+    for (int i = 0; i < 100; ++i) PushBackKey({i, false});
+    EXPECT_EQ(TextOf(TakeKey()), "15");  // the first sixteen are kept
+  }
+  const KeySession next;
+  EXPECT_EQ(TextOf(TakeKey()), "97");
+}
+
+TEST(HungUpTerminal, IsSilentAfterWhatWasTyped) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const StandardInput input(terminal.nearEnd());
+  const KeySession session;
+  terminal.Send("a");
+  std::string typed;
+  EXPECT_TRUE(WaitUntil([&] { return (typed = TextOf(TakeKey())) != "none"; }));
+  EXPECT_EQ(typed, "97");
+  terminal.HangUp();
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(TextOf(TakeKey()), "none");
+}
+
+std::atomic<int> foreignCalls{0};
+void CountForeignCall(int) { ++foreignCalls; }
+
+TEST(Signals, SomebodyElsesHandlerStays) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const StandardInput input(terminal.nearEnd());
+  const auto before = ::signal(SIGUSR1, CountForeignCall);
+  {
+    const KeySession session;
+    ::raise(SIGUSR1);
+    EXPECT_EQ(foreignCalls.load(), 1);
+  }
+  EXPECT_EQ(::signal(SIGUSR1, before), CountForeignCall);
+  EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), SIG_DFL);  // ours went with the session
+}
+
+// ---- A job on a terminal -------------------------------------------------------------------
+
+termios SettingsOf(const PseudoTerminal& terminal) {
+  termios settings{};
+  EXPECT_EQ(::tcgetattr(terminal.nearEnd(), &settings), 0);
+  return settings;
+}
+
+bool Same(const termios& a, const termios& b) {
+  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+         a.c_lflag == b.c_lflag && std::memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0;
+}
+
+bool InKeyMode(const PseudoTerminal& terminal) {
+  return (SettingsOf(terminal).c_lflag & (ICANON | ECHO)) == 0;
+}
+
+void Say(const std::string& text) {
+  std::fputs(text.c_str(), stdout);
+  std::fflush(stdout);
+}
+
+// The job of most stories: says each key; 'q' returns, 'e' exits, 'a' aborts.
+int SayKeys() {
+  const KeySession session;
+  Say("ready ");
+  for (int rounds = 0;; ++rounds) {
+    const std::optional<Key> key = TakeKey();
+    if (key) Say("<" + TextOf(key) + ">");
+    if (key == Key{'q', false}) return 0;
+    if (key == Key{'e', false}) std::exit(3);
+    if (key == Key{'a', false}) std::abort();
+    if (rounds % 100 == 0) Say(".");  // a sign of life
+    SleepFor(Milliseconds{1});
+  }
+}
+
+// Returns the number of the signal that asked it to stop, once 'q' is typed.
+int StopWhenAsked() {
+  static std::atomic<int> request{0};
+  CatchStopSignals(request);
+  const KeySession session;
+  Say("ready ");
+  bool told = false;
+  while (TakeKey() != Key{'q', false}) {
+    if (request != 0 && !std::exchange(told, true)) Say("asked ");
+    SleepFor(Milliseconds{1});
+  }
+  return request;
+}
+
+int StopWhenAskedUnderNohup() {
+  ::signal(SIGHUP, SIG_IGN);
+  return StopWhenAsked();
+}
+
+int StopWhenAskedInsideSession() {
+  const KeySession session;
+  return StopWhenAsked();
+}
+
+struct Ending {
+  const char* name;
+  int (*job)();
+  std::string typed;  // each byte once the words before it were said: ' ' waits for "asked"
+  int signal;         // then sent, unless 0
+  int change;
+};
+
+class TerminalAsItWas : public testing::TestWithParam<Ending> {};
+
+TEST_P(TerminalAsItWas, AfterTheEnd) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const termios before = SettingsOf(terminal);
+  const TerminalJob job(terminal, Place::Foreground, GetParam().job);
+  ASSERT_TRUE(terminal.Expect("ready "));
+  ASSERT_TRUE(InKeyMode(terminal));
+  for (const char byte : GetParam().typed) {
+    if (byte == ' ') {
+      ASSERT_TRUE(terminal.Expect("asked "));
+    } else {
+      terminal.Send(std::string(1, byte));
+    }
+  }
+  if (GetParam().signal != 0) job.Signal(GetParam().signal);
+  EXPECT_EQ(job.NextChange(), GetParam().change);
+  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Console, TerminalAsItWas,
+    testing::Values(Ending{"Destructor", SayKeys, "q", 0, 0}, Ending{"Exit", SayKeys, "e", 0, 3},
+                    Ending{"Abort", SayKeys, "a", 0, -SIGABRT},
+                    Ending{"CtrlC", SayKeys, "\x03", 0, -SIGINT},
+                    Ending{"CtrlBackslash", SayKeys, "\x1C", 0, -SIGQUIT},
+                    Ending{"Terminated", SayKeys, "", SIGTERM, -SIGTERM},
+                    Ending{"HungUp", SayKeys, "", SIGHUP, -SIGHUP},
+                    Ending{"AnyOtherSignal", SayKeys, "", SIGUSR1, -SIGUSR1},
+                    Ending{"AskedOnce", StopWhenAsked, "\x03 q", 0, SIGINT},
+                    Ending{"AskedTwice", StopWhenAsked, "\x03 \x03", 0, -SIGINT},
+                    Ending{"AskedTwiceDifferently", StopWhenAsked, "\x03 ", SIGTERM, -SIGTERM},
+                    Ending{"AskedInsideSession", StopWhenAskedInsideSession, "\x03 \x03", 0,
+                           -SIGINT}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(StopSignals, OneIgnoredFromTheStartStaysIgnored) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const TerminalJob job(terminal, Place::Foreground, StopWhenAskedUnderNohup);
+  ASSERT_TRUE(terminal.Expect("ready "));
+  job.Signal(SIGHUP);
+  job.Signal(SIGTERM);
+  ASSERT_TRUE(terminal.Expect("asked "));
+  terminal.Send("q");
+  EXPECT_EQ(job.NextChange(), SIGTERM);
+}
+
+TEST(StopSignals, ABrokenPipeIsAFailedWrite) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const TerminalJob job(terminal, Place::Foreground, [] {
+    static std::atomic<int> request{0};
+    CatchStopSignals(request);
+    int ends[2];
+    if (::pipe(ends) != 0) return 1;
+    ::close(ends[0]);
+    return ::write(ends[1], "x", 1) == -1 && errno == EPIPE ? 0 : 2;
+  });
+  EXPECT_EQ(job.NextChange(), 0);
+}
+
+TEST(KeyMode, KeepsSignalsAndOutputAndTellsEnterFromLineFeed) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const termios before = SettingsOf(terminal);
+  const TerminalJob job(terminal, Place::Foreground, SayKeys);
+  ASSERT_TRUE(terminal.Expect("ready "));
+  const termios during = SettingsOf(terminal);
+  EXPECT_EQ(before.c_lflag & ~during.c_lflag, static_cast<tcflag_t>(ICANON | ECHO));
+  EXPECT_EQ(before.c_iflag & ~during.c_iflag, static_cast<tcflag_t>(ICRNL));
+  EXPECT_EQ(during.c_oflag, before.c_oflag);
+  terminal.Send("\r\n\x7F\x1B[5;5~\x1B");
+  EXPECT_TRUE(terminal.Expect("<13>"));
+  EXPECT_TRUE(terminal.Expect("<10>"));
+  EXPECT_TRUE(terminal.Expect("<8>"));
+  EXPECT_TRUE(terminal.Expect("<x134>"));
+  EXPECT_TRUE(terminal.Expect("<27>"));
+}
+
+TEST(KeyMode, KeepsWhatWasTypedAhead) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  terminal.Send("\x1B");
+  const TerminalJob job(terminal, Place::Foreground, SayKeys);
+  EXPECT_TRUE(terminal.Expect("<27>"));
+}
+
+// ---- Suspension and background -------------------------------------------------------------
+
+bool TakesKeysAndEnds(PseudoTerminal& terminal, const TerminalJob& job) {
+  if (!WaitUntil([&] { return InKeyMode(terminal); })) return false;
+  terminal.Send("z");
+  if (!terminal.Expect("<122>")) return false;
+  terminal.Send("q");
+  return job.NextChange() == 0;
+}
+
+// Waits for signs of life, so that a job which would have been stopped has had its chance.
+bool Lives(PseudoTerminal& terminal) {
+  const std::size_t sofar = terminal.Received().size();
+  return WaitUntil([&] { return terminal.Received().size() >= sofar + 3; });
+}
+
+TEST(Suspension, GivesTheTerminalBackAndTakesItAgain) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const termios before = SettingsOf(terminal);
+  const TerminalJob job(terminal, Place::Foreground, SayKeys);
+  ASSERT_TRUE(terminal.Expect("ready "));
+  for (int times = 0; times < 3; ++times) {
+    ASSERT_TRUE(WaitUntil([&] { return InKeyMode(terminal); }));
+    terminal.Send("\x1A");
+    ASSERT_EQ(job.NextChange(), TerminalJob::StoppedBy(SIGTSTP));
+    EXPECT_TRUE(Same(SettingsOf(terminal), before));
+    job.Continue(Place::Foreground);
+  }
+  EXPECT_TRUE(TakesKeysAndEnds(terminal, job));
+  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+}
+
+TEST(Suspension, ThatCannotBeCaughtIsMadeGoodAfterwards) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const termios before = SettingsOf(terminal);
+  const TerminalJob job(terminal, Place::Foreground, SayKeys);
+  ASSERT_TRUE(terminal.Expect("ready "));
+  job.Signal(SIGSTOP);
+  ASSERT_EQ(job.NextChange(), TerminalJob::StoppedBy(SIGSTOP));
+  ASSERT_EQ(::tcsetattr(terminal.nearEnd(), TCSANOW, &before), 0);  // as a shell does
+  job.Continue(Place::Foreground);
+  EXPECT_TRUE(TakesKeysAndEnds(terminal, job));
+  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+}
+
+TEST(Background, LeavesTheTerminalAloneUntilMovedToTheFront) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const termios before = SettingsOf(terminal);
+  const TerminalJob job(terminal, Place::Background, SayKeys);
+  terminal.Send("x\n");
+  ASSERT_TRUE(Lives(terminal));
+  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+  EXPECT_EQ(job.NextChange(Milliseconds{0}), TerminalJob::kNothing);
+  EXPECT_EQ(terminal.Received().find("<"), std::string::npos);
+  job.Move(Place::Foreground);  // a shell sends no SIGCONT to a job that runs
+  EXPECT_TRUE(terminal.Expect("<120>"));
+  EXPECT_TRUE(TakesKeysAndEnds(terminal, job));
+  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+}
+
+TEST(Background, AfterSuspensionEndsWithoutTouchingTheTerminal) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const TerminalJob job(terminal, Place::Foreground, SayKeys);
+  ASSERT_TRUE(terminal.Expect("ready "));
+  terminal.Send("\x1A");
+  ASSERT_EQ(job.NextChange(), TerminalJob::StoppedBy(SIGTSTP));
+  job.Continue(Place::Background);
+  ASSERT_TRUE(Lives(terminal));
+  termios ofAnother = SettingsOf(terminal);
+  ofAnother.c_lflag &= ~static_cast<tcflag_t>(ECHO);  // say, a password being asked for
+  ASSERT_EQ(::tcsetattr(terminal.nearEnd(), TCSANOW, &ofAnother), 0);
+  ASSERT_TRUE(Lives(terminal));
+  job.Signal(SIGTERM);
+  EXPECT_EQ(job.NextChange(), -SIGTERM);
+  EXPECT_TRUE(Same(SettingsOf(terminal), ofAnother));
+}
+
+TEST(StandardOutput, TellsItsSizeAndKind) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const winsize size{50, 132, 0, 0};
+  ASSERT_EQ(::ioctl(terminal.nearEnd(), TIOCSWINSZ, &size), 0);
+  const TerminalJob job(terminal, Place::Foreground, [] {
+    ::setenv("TERM", "dumb", 1);
+    const bool dumb = EnableTerminalSequences();
+    ::setenv("TERM", "xterm", 1);
+    const TerminalSize told = StandardOutputSize();
+    return StandardOutputIsTerminal() && told.columns == 132 && told.rows == 50 && !dumb &&
+                   EnableTerminalSequences()
+               ? 0
+               : 1;
+  });
+  EXPECT_EQ(job.NextChange(), 0);
+}
+
+}  // namespace
+}  // namespace kinetrel
