@@ -46,9 +46,12 @@ class SerialPort {
   // ---- Port --------------------------------------------------------------------------------
 
   // Opens `name`: "COM1" to "COM16", a path such as "/dev/ttyUSB0", or '~' and anything for the
-  // simulated port. 8 data bits, no parity, one stop bit, no handshake; reads return at once.
+  // simulated port. 8 data bits, no parity, one stop bit, no handshake; reads return at once. A
+  // port that is open is closed first.
   //
-  // baud     bits a second; see SetLineSettings for the short form.
+  // name     at most 27 characters, a path (anything with a '/') 255.
+  // baud     bits a second; see SetLineSettings for the short form. One that the line refuses does
+  //          not fail the open.
   // Returns  1 opened, 0 failed: portStatus() names the step, openFailure() the cause.
   virtual int OpenPort(const char* name, int baud);
 
@@ -63,6 +66,9 @@ class SerialPort {
 
   // ---- Line --------------------------------------------------------------------------------
 
+  // Sets the frame of a byte and the RTS line, and ends CTS flow control. False when the line
+  // refuses, or none is open: the settings are then only remembered.
+  //
   // baud         a value that is no multiple of 100 but one of 6 counts hundreds: 1152 is 115200.
   // parity       0 none, 1 odd, 2 even, 3 mark, 4 space.
   // stopBits     0 one, 1 one and a half, 2 two.
@@ -73,16 +79,18 @@ class SerialPort {
   // When a read gives up: after totalConstant + perByte x count, or `interval` after the byte
   // before, all in ms. totalConstant 0: reads return at once with what is there; 1: the stored
   // values again. -2 stands for the value just before it. All three 0 (stored): reads block.
+  // False, and nothing changed, for other negative values and without an open port.
   bool SetReadTimeouts(int totalConstant, int perByte, int interval);
 
   // mode  -1 full hardware handshake, 0 none, else bits: 1 RTS on, 2 DTR on, 4 CTS output flow
   //       control, 8 DSR output flow control and sensitivity, 16 (with 1) RTS toggle.
+  // In every mode DTR is raised, as a device may take its power from it.
   // Returns false where the line has no RTS/CTS, as a pseudo-terminal has not.
   bool SetHandshake(int mode);
 
   // ---- Transfers ---------------------------------------------------------------------------
 
-  unsigned Write(const void* data, unsigned count);  // bytes written, 0 on failure
+  unsigned Write(const void* data, unsigned count);  // bytes taken within 1 s, 0 on failure
   bool Read(void* data, unsigned count);             // true only when exactly `count` came
   bool ReadSome(void* data, unsigned count, unsigned* got);
   unsigned InputQueueLength();  // bytes received and not yet read
@@ -90,8 +98,9 @@ class SerialPort {
   void PurgeAll();              // and what waits to be sent
   void FlushOutput();           // waits until all is sent, 1 s at the most
 
-  // Writes `text` up to `terminator`, byte by byte, then the terminator itself if asked.
-  // Returns the characters written, or minus their number when a write failed.
+  // Writes `text` up to `terminator` or its end, then the terminator itself if asked, also after a
+  // write that failed. Returns the characters of the text that were written, or minus their number
+  // when they were not all.
   int WriteString(const char* text, char terminator, bool sendTerminator);
 
   // Reads bytes into `buffer` up to and including `terminator`, and stores a 0 after it where
@@ -99,8 +108,10 @@ class SerialPort {
   // there); -size when the buffer filled first (its last byte is then 0).
   int ReadString(char* buffer, int size, char terminator);
 
-  // Waits until `minBytes` have been received. Wakes when they arrive, not at the end of a step.
-  // timeoutMs below 1 waits for any byte, without a time-out.
+  // True once `minBytes` wait to be read. Wakes when they arrive, not at the end of a step.
+  //
+  // timeoutMs  below 1: waits for any byte, without a time-out; false at once without a handle.
+  // A line that hung up ends the wait at once; a port without a handle only waits out the time.
   bool WaitForRX(int timeoutMs, int minBytes);
 
   static bool Pause(unsigned milliseconds);  // sleeps; true
@@ -121,6 +132,10 @@ class SerialPort {
   int portNumber_ = -1;
 
  private:
+  PortStatus OpenLine(const char* name, int baud);
+  PortStatus SetUpLine(const std::string& name, int baud);
+  PortStatus Refuse(PortStatus step, int osCode, std::string why);
+
   std::optional<SerialLine> line_;
   LineSettings settings_;  // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512
   ReadTimeouts timeouts_;

@@ -1,0 +1,315 @@
+#include "devices/serial_port.h"
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <span>
+#include <utility>
+
+#include "platform/clock.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kLastComPort = 16;
+constexpr int kSameAsBefore = -2;  // of a read time-out: the value just before it
+constexpr int kStoredValues = 1;   // of the first read time-out: those set earlier
+
+// Names keep the bound they have always had, so that a text that is no name fails the same way
+// everywhere. Paths are as long as the machine's tree is deep, and get a bound of their own.
+constexpr std::size_t kLongestName = 27;
+constexpr std::size_t kLongestPath = 255;
+
+std::size_t LongestAllowed(const char* name) {
+  return std::strchr(name, '/') != nullptr ? kLongestPath : kLongestName;
+}
+
+int ComPortOrZero(long number) {
+  return number < 0 || number > kLastComPort ? 0 : static_cast<int>(number);
+}
+
+PortStatus StepOfOpenFailure(Error error) {
+  if (error == Error::NotFound) return PortStatus::NoSuchPort;
+  if (error == Error::Invalid) return PortStatus::NotCharacterDevice;
+  return PortStatus::Refused;
+}
+
+// The short form of a baud rate counts hundreds. No real rate is a multiple of 6 without being
+// one of 100.
+long long FullBaud(int baud) {
+  const bool hundreds = baud % 100 != 0 && baud % 6 == 0;
+  return hundreds ? 100LL * baud : baud;
+}
+
+bool NegativeTimeout(int value) { return value < 0 && value != kSameAsBefore; }
+
+std::uint32_t AsTimeout(int value) { return static_cast<std::uint32_t>(value); }
+
+std::span<std::byte> AsBytes(void* data, unsigned count) {
+  return {static_cast<std::byte*>(data), count};
+}
+
+std::span<const std::byte> AsBytes(const void* data, unsigned count) {
+  return {static_cast<const std::byte*>(data), count};
+}
+
+// Characters before `terminator`, or before the text's end where it has none.
+unsigned LengthUpTo(const char* text, char terminator) {
+  const char* end = text;
+  while (*end != terminator && *end != '\0') ++end;
+  return static_cast<unsigned>(end - text);
+}
+
+// The bits of a handshake mode.
+constexpr unsigned kRtsOn = 1;
+constexpr unsigned kDtrOn = 2;
+constexpr unsigned kCtsFlow = 4;
+constexpr unsigned kDsrFlow = 8;
+constexpr unsigned kRtsToggle = 16;
+
+void PutFullHandshake(LineSettings& settings) {
+  settings.ctsOutputFlow = true;
+  settings.dsrOutputFlow = true;
+  settings.dsrSensitivity = true;
+  settings.dtr = ModemControl::Handshake;
+  settings.rts = ModemControl::Handshake;
+}
+
+void PutHandshakeBits(LineSettings& settings, unsigned bits) {
+  const ModemControl rtsOn = (bits & kRtsToggle) != 0 ? ModemControl::Toggle : ModemControl::On;
+  settings.ctsOutputFlow = (bits & kCtsFlow) != 0;
+  settings.dsrOutputFlow = (bits & kDsrFlow) != 0;
+  settings.dsrSensitivity = settings.dsrOutputFlow;
+  settings.dtr = (bits & kDtrOn) != 0 ? ModemControl::On : ModemControl::Off;
+  settings.rts = (bits & kRtsOn) != 0 ? rtsOn : ModemControl::Off;
+}
+
+void PutNoFlowControl(LineSettings& settings) {
+  PutHandshakeBits(settings, 0);
+  settings.xonXoffInput = false;
+  settings.xonXoffOutput = false;
+  settings.continueAfterXoff = false;
+}
+
+}  // namespace
+
+SerialPort::~SerialPort() { SerialPort::ClosePort(); }
+
+// ---- Port ----------------------------------------------------------------------------------
+
+int SerialPort::OpenPort(const char* name, int baud) {
+  if (HasHandle()) ClosePort();
+  openFailure_.clear();
+  if (name != nullptr && *name == '~') {
+    portNumber_ = 0;
+    portStatus_ = PortStatus::Simulated;
+    return 1;
+  }
+  portStatus_ = PortStatus::OpenStarted;
+  portStatus_ = OpenLine(name, baud);
+  if (portStatus_ == PortStatus::Open) return 1;
+  ClosePort();
+  portNumber_ = -1;
+  return 0;
+}
+
+PortStatus SerialPort::OpenLine(const char* name, int baud) {
+  if (name == nullptr) return Refuse(PortStatus::NoSuchPort, 0, "no port name given");
+  if (::strnlen(name, kLongestPath + 1) > LongestAllowed(name)) {
+    return Refuse(PortStatus::NoSuchPort, 0, "the port name is too long");
+  }
+  if (std::strncmp(name, "COM", 3) == 0 && name[3] != '\0') {
+    portNumber_ = ComPortOrZero(std::strtol(name + 3, nullptr, 10));
+  }
+  Result<SerialLine> opened = SerialLine::Open(name);
+  if (!opened.Ok()) {
+    const Status& cause = opened.status();
+    return Refuse(StepOfOpenFailure(cause.error), cause.osCode,
+                  SerialLine::ExplainOpenFailure(name, cause));
+  }
+  line_ = std::move(*opened);
+  portStatus_ = PortStatus::HandleCreated;
+  return SetUpLine(name, baud);
+}
+
+PortStatus SerialPort::SetUpLine(const std::string& name, int baud) {
+  const Result<SerialCapabilities> capabilities = line_->Capabilities();
+  if (!capabilities.Ok()) {
+    const Status& cause = capabilities.status();
+    return Refuse(PortStatus::CapabilitiesFailed, cause.osCode, name + ": " + Describe(cause));
+  }
+  if (!capabilities->serialLine) {
+    return Refuse(PortStatus::NotSerial, 0, name + ": not a serial line");
+  }
+  capabilities_ = *capabilities;
+  if (const Result<LineSettings> found = line_->Settings(); found.Ok()) settings_ = *found;
+  SetLineSettings(baud, 8, 0, 0, 0);
+  if (!SetReadTimeouts(0, kSameAsBefore, kSameAsBefore)) {
+    return Refuse(PortStatus::TimeoutsFailed, 0, name + ": the read time-outs cannot be set");
+  }
+  return PortStatus::Open;
+}
+
+PortStatus SerialPort::Refuse(PortStatus step, int osCode, std::string why) {
+  lastError_ = osCode;
+  openFailure_ = std::move(why);
+  return step;
+}
+
+int SerialPort::OpenPortNumber(int number, int baud) {
+  portNumber_ = ComPortOrZero(number);
+  const std::string name = "COM" + std::to_string(portNumber_);
+  return OpenPort(name.c_str(), baud);
+}
+
+int SerialPort::ClosePort() {
+  if (!line_) return 0;
+  line_.reset();
+  capabilities_ = {};
+  portNumber_ = -1;
+  if (portStatus_ == PortStatus::Open) portStatus_ = PortStatus::Closed;
+  return 1;
+}
+
+int SerialPort::GetPortNumber() { return portNumber_; }
+
+unsigned SerialPort::GetBaudRate() { return settings_.baud; }
+
+// ---- Line ----------------------------------------------------------------------------------
+
+bool SerialPort::SetLineSettings(int baud, std::uint8_t byteSize, std::uint8_t parity,
+                                 std::uint8_t stopBits, unsigned rtsControl) {
+  const long long rate = FullBaud(baud);
+  if (rate < 1 || rate > std::numeric_limits<unsigned>::max()) return false;
+  settings_.baud = static_cast<unsigned>(rate);
+  settings_.byteSize = byteSize;
+  settings_.parity = static_cast<Parity>(parity);
+  settings_.stopBits = static_cast<StopBits>(stopBits);
+  settings_.rts = static_cast<ModemControl>(rtsControl & 3);
+  settings_.ctsOutputFlow = false;
+  return line_ && line_->Apply(settings_).Ok();
+}
+
+bool SerialPort::SetReadTimeouts(int totalConstant, int perByte, int interval) {
+  if (!line_) return false;
+  if (totalConstant != 0 && totalConstant != kStoredValues) {
+    if (NegativeTimeout(totalConstant) || NegativeTimeout(perByte) || NegativeTimeout(interval)) {
+      return false;
+    }
+    readTotalConstant_ = totalConstant == kSameAsBefore ? 0 : totalConstant;
+    readPerByte_ = perByte == kSameAsBefore ? readTotalConstant_ : perByte;
+    readInterval_ = interval == kSameAsBefore ? readPerByte_ : interval;
+  }
+  if (totalConstant == 0) {
+    timeouts_ = {ReadTimeouts::kReturnAtOnce, 0, 0};
+    timeoutMode_ = TimeoutMode::ReturnAtOnce;
+  } else {
+    timeouts_ = {AsTimeout(readInterval_), AsTimeout(readPerByte_), AsTimeout(readTotalConstant_)};
+    const bool none = readTotalConstant_ == 0 && readPerByte_ == 0 && readInterval_ == 0;
+    timeoutMode_ = none ? TimeoutMode::Blocking : TimeoutMode::Timed;
+  }
+  return line_->SetReadTimeouts(timeouts_).Ok();
+}
+
+bool SerialPort::SetHandshake(int mode) {
+  if (!line_ || !capabilities_.rtsCts) return false;
+  if (mode == -1) {
+    PutFullHandshake(settings_);
+  } else if (mode == 0) {
+    PutNoFlowControl(settings_);
+  } else {
+    PutHandshakeBits(settings_, static_cast<unsigned>(mode));
+  }
+  (void)line_->SetRts(false);
+  (void)line_->SetDtr(true);
+  return line_->Apply(settings_).Ok();
+}
+
+// ---- Transfers -----------------------------------------------------------------------------
+
+unsigned SerialPort::Write(const void* data, unsigned count) {
+  if (!line_) return 0;
+  const Result<std::size_t> written = line_->Write(AsBytes(data, count));
+  if (!written.Ok()) lastError_ = written.status().osCode;
+  return written.Ok() ? static_cast<unsigned>(*written) : 0;
+}
+
+bool SerialPort::Read(void* data, unsigned count) {
+  unsigned got = 0;
+  return ReadSome(data, count, &got) && got == count;
+}
+
+bool SerialPort::ReadSome(void* data, unsigned count, unsigned* got) {
+  *got = 0;
+  if (!line_) return false;
+  const Result<std::size_t> read = line_->Read(AsBytes(data, count));
+  if (!read.Ok()) {
+    lastError_ = read.status().osCode;
+    return false;
+  }
+  *got = static_cast<unsigned>(*read);
+  return true;
+}
+
+unsigned SerialPort::InputQueueLength() {
+  if (!line_) return 0;
+  const Result<std::size_t> length = line_->InputQueueLength();
+  return length.Ok() ? static_cast<unsigned>(*length) : 0;
+}
+
+// A line that is gone has nothing to discard or to send: no result to give.
+void SerialPort::PurgeInput() {
+  if (line_) (void)line_->PurgeInput();
+}
+
+void SerialPort::PurgeAll() {
+  PurgeInput();
+  if (line_) (void)line_->PurgeOutput();
+}
+
+void SerialPort::FlushOutput() {
+  if (line_) (void)line_->DrainOutput();
+}
+
+// In one write: byte by byte each would be a packet of its own on a USB adapter.
+int SerialPort::WriteString(const char* text, char terminator, bool sendTerminator) {
+  if (text == nullptr) return 0;
+  const unsigned length = LengthUpTo(text, terminator);
+  const unsigned written = Write(text, length);
+  if (sendTerminator) Write(&terminator, 1);
+  const int count = static_cast<int>(written);
+  return written == length ? count : -count;
+}
+
+int SerialPort::ReadString(char* buffer, int size, char terminator) {
+  if (buffer == nullptr || size < 1) return 0;
+  for (int count = 0; count < size; ++count) {
+    char* const place = buffer + count;
+    if (!Read(place, 1)) {
+      *place = '\0';
+      return -count;
+    }
+    if (*place != terminator) continue;
+    if (count + 1 < size) place[1] = '\0';
+    return count + 1;
+  }
+  buffer[size - 1] = '\0';
+  return -size;
+}
+
+bool SerialPort::WaitForRX(int timeoutMs, int minBytes) {
+  if (timeoutMs < 1) return line_ && line_->WaitForInput(1, kForever).Ok();
+  if (minBytes < 1) return true;
+  const Milliseconds timeout(timeoutMs);
+  if (line_) return line_->WaitForInput(static_cast<std::size_t>(minBytes), timeout).Ok();
+  SleepFor(timeout);
+  return false;
+}
+
+bool SerialPort::Pause(unsigned milliseconds) {
+  SleepFor(Milliseconds(milliseconds));
+  return true;
+}
+
+}  // namespace kinetrel

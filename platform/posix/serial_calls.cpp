@@ -1,0 +1,171 @@
+#include "platform/posix/serial_calls.h"
+
+#include <asm/termbits.h>
+#include <fcntl.h>
+#include <linux/serial.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <ctime>
+
+#include "platform/posix/os_status.h"
+
+namespace kinetrel {
+namespace {
+
+// The near end of a pseudo-terminal keeps its exclusive mode for as long as the far end lives: a
+// program that was killed would lock every other account out. The lock alone guards it.
+bool IsPseudoTerminal(int fd) {
+  constexpr unsigned kFirstMajor = 136;
+  constexpr unsigned kLastMajor = 143;
+  struct stat found {};
+  if (::fstat(fd, &found) != 0) return false;
+  return major(found.st_rdev) >= kFirstMajor && major(found.st_rdev) <= kLastMajor;
+}
+
+Transfer FailedTransfer(int code) {
+  if (code == EAGAIN) return {};
+  return {code == EIO ? Ended::HungUp : Ended::Failed, 0, code};
+}
+
+// Pseudo-terminals and some adapters have no modem lines; kernels differ in how they say so.
+Status ModemLineStatus(int code, const char* what) {
+  if (code == EINVAL) return {Error::Unsupported, code, what};
+  return StatusFromErrno(code, what);
+}
+
+int BitOf(ModemLine line) { return line == ModemLine::Dtr ? TIOCM_DTR : TIOCM_RTS; }
+
+Result<std::size_t> CountBytes(int fd, unsigned long which) {
+  int count = 0;
+  if (::ioctl(fd, which, &count) != 0) return StatusFromErrno(errno, "count queued bytes");
+  return static_cast<std::size_t>(count);
+}
+
+Status DiscardQueue(int fd, int which) {
+  if (::ioctl(fd, TCFLSH, which) == 0) return {};
+  return StatusFromErrno(errno, "discard queued bytes");
+}
+
+}  // namespace
+
+// ---- Opening -------------------------------------------------------------------------------
+
+Status CheckIsCharacterDevice(const std::string& path) {
+  struct stat found {};
+  if (::stat(path.c_str(), &found) != 0) return StatusFromErrno(errno, "open the serial line");
+  if (!S_ISCHR(found.st_mode)) return {Error::Invalid, 0, "open the serial line"};
+  return {};
+}
+
+Result<int> OpenSerialDevice(const std::string& path) {
+  for (;;) {
+    const int fd = ::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd >= 0) return fd;
+    if (errno == EIO) return Status{Error::NotFound, errno, "open the serial line"};
+    if (errno != EINTR) return StatusFromErrno(errno, "open the serial line");
+  }
+}
+
+// The lock keeps programs that ask for it apart whatever their account; the exclusive mode keeps
+// out all the others but root's.
+Status ClaimLine(int fd) {
+  if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return StatusFromErrno(errno, "lock the serial line");
+  if (!IsPseudoTerminal(fd)) ::ioctl(fd, TIOCEXCL);
+  return {};
+}
+
+void ReleaseExclusiveMode(int fd) { ::ioctl(fd, TIOCNXCL); }
+
+std::optional<int> AskForLowLatency(int fd) {
+  serial_struct driver{};
+  if (::ioctl(fd, TIOCGSERIAL, &driver) != 0) return std::nullopt;
+  const int found = driver.flags;
+  driver.flags |= ASYNC_LOW_LATENCY;
+  if (::ioctl(fd, TIOCSSERIAL, &driver) != 0) return std::nullopt;
+  return found;
+}
+
+void RestoreLatency(int fd, int foundFlags) {
+  serial_struct driver{};
+  if ((foundFlags & ASYNC_LOW_LATENCY) != 0 || ::ioctl(fd, TIOCGSERIAL, &driver) != 0) return;
+  driver.flags &= ~ASYNC_LOW_LATENCY;
+  ::ioctl(fd, TIOCSSERIAL, &driver);
+}
+
+// ---- Transfers -----------------------------------------------------------------------------
+
+// A raw line never gives 0 bytes for "none yet": 0 means that the far end hung up.
+Transfer ReadOnce(int fd, std::span<std::byte> into) {
+  for (;;) {
+    const ssize_t got = ::read(fd, into.data(), into.size());
+    if (got > 0) return {Ended::Bytes, static_cast<std::size_t>(got)};
+    if (got == 0) return {Ended::HungUp};
+    if (errno != EINTR) return FailedTransfer(errno);
+  }
+}
+
+Transfer WriteOnce(int fd, std::span<const std::byte> from) {
+  for (;;) {
+    const ssize_t taken = ::write(fd, from.data(), from.size());
+    if (taken > 0) return {Ended::Bytes, static_cast<std::size_t>(taken)};
+    if (taken == 0) return {};
+    if (errno != EINTR) return FailedTransfer(errno);
+  }
+}
+
+Ready PollInput(int fd, Milliseconds atMost) {
+  pollfd line{fd, POLLIN, 0};
+  const int limit = static_cast<int>(std::min<Milliseconds::rep>(atMost.count(), INT_MAX));
+  if (::poll(&line, 1, limit) <= 0) return Ready::Nothing;
+  return (line.revents & ~POLLIN) != 0 ? Ready::HungUp : Ready::Input;
+}
+
+// ---- Queues --------------------------------------------------------------------------------
+
+Result<std::size_t> CountQueued(int fd) { return CountBytes(fd, FIONREAD); }
+Result<std::size_t> CountUnsent(int fd) { return CountBytes(fd, TIOCOUTQ); }
+
+// Hardware that cannot be asked counts as empty.
+bool SenderIsEmpty(int fd) {
+  unsigned state = 0;
+  return ::ioctl(fd, TIOCSERGETLSR, &state) != 0 || (state & TIOCSER_TEMT) != 0;
+}
+
+Status DiscardInput(int fd) { return DiscardQueue(fd, TCIFLUSH); }
+Status DiscardOutput(int fd) { return DiscardQueue(fd, TCOFLUSH); }
+
+// ---- Modem lines ---------------------------------------------------------------------------
+
+Result<ModemLines> ReadModemLines(int fd) {
+  int lines = 0;
+  if (::ioctl(fd, TIOCMGET, &lines) != 0) return ModemLineStatus(errno, "read the modem lines");
+  return ModemLines{(lines & TIOCM_DTR) != 0, (lines & TIOCM_RTS) != 0};
+}
+
+Status SetModemLine(int fd, ModemLine line, bool on) {
+  const int bit = BitOf(line);
+  if (::ioctl(fd, on ? TIOCMBIS : TIOCMBIC, &bit) == 0) return {};
+  return ModemLineStatus(errno, "set a modem line");
+}
+
+// ---- Naps ----------------------------------------------------------------------------------
+
+void Nap(Microseconds time) {
+  const timespec span{0, time.count() * 1000};
+  ::nanosleep(&span, nullptr);
+}
+
+void NapForBytes(std::size_t bytes, unsigned baud) {
+  const Microseconds time(10'000'000LL * static_cast<long long>(bytes) / std::max(baud, 1U));
+  Nap(std::clamp(time, kShortestNap, kLongestNap));
+}
+
+}  // namespace kinetrel
