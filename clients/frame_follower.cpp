@@ -1,0 +1,73 @@
+#include "clients/frame_follower.h"
+
+namespace kinetrel {
+namespace {
+
+// Longer than any healthy writer holds the mutex; shorter than a person notices.
+constexpr Milliseconds kCopyPatience{250};
+
+// Slower than the slowest tracker.
+constexpr double kSilenceSeconds = 2;
+
+}  // namespace
+
+FrameFollower::FrameFollower(int slot, int bin) : reader_(slot - 1) {
+  now_.slot = slot;
+  now_.bin = bin;
+  InitializeBlock(now_.block, false);
+}
+
+Status FrameFollower::Open() {
+  if (!reader_.OpenOnly(now_.bin)) {
+    const Status& why = reader_.failure();
+    return why.Ok() ? Status{Error::Failed, 0, "opening shared memory"} : why;
+  }
+  TakeNewest();
+  quietSince_ = timer_.ElapsedSeconds();
+  JudgeState(false);
+  return {};
+}
+
+bool FrameFollower::Next(Milliseconds patience) {
+  const Deadline end(patience);
+  const int before = last_;
+  reader_.WaitForFrame(last_, patience);
+  const bool frame = TakeNewest();
+  JudgeState(frame);
+  // A wait that ended early for nothing (a mutex that cannot be had, an event that someone else
+  // sets) must not become a loop without a rest.
+  if (last_ == before) SleepFor(end.Remaining());
+  return frame;
+}
+
+// Takes the newest block; true when it is a new frame. A count that went back is a writer's fresh
+// start, and from then on counts 0 as no frame.
+bool FrameFollower::TakeNewest() {
+  if (!reader_.Copy(now_.block, kCopyPatience)) return false;
+  const bool frame = inStep_ && now_.block.frameCount != last_ && now_.block.frameCount != 0;
+  last_ = now_.block.frameCount;
+  inStep_ = true;
+  return frame;
+}
+
+void FrameFollower::JudgeState(bool frame) {
+  const double now = timer_.ElapsedSeconds();
+  const bool present = now_.block.writerPresent != 0;
+  const bool arrived = present && !writerPresent_;
+  if (arrived) framesSeen_ = false;
+  if (arrived || frame) quietSince_ = now;
+  writerSeen_ = writerSeen_ || present || frame;
+  framesSeen_ = framesSeen_ || frame;
+  writerPresent_ = present;
+
+  now_.silence = now - quietSince_;
+  if (!present) {
+    now_.state = writerSeen_ ? TrackerState::Gone : TrackerState::Awaited;
+  } else if (now_.silence >= kSilenceSeconds) {
+    now_.state = TrackerState::Silent;
+  } else {
+    now_.state = framesSeen_ ? TrackerState::Running : TrackerState::Starting;
+  }
+}
+
+}  // namespace kinetrel

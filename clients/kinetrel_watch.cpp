@@ -1,0 +1,39 @@
+// kinetrel-watch: shows what a running tracker publishes.
+#include <atomic>
+#include <cstdio>
+
+#include "clients/watch_options.h"
+#include "clients/watcher.h"
+#include "platform/stop_signals.h"
+
+namespace {
+
+using kinetrel::ExitCode;
+using kinetrel::WatchRequest;
+
+ExitCode Serve(const kinetrel::WatchCommand& command) {
+  switch (command.request) {
+    case WatchRequest::Help:
+      std::fputs(kinetrel::WatchUsage().c_str(), stdout);
+      return ExitCode::Done;
+    case WatchRequest::Version:
+      std::puts(kinetrel::kWatchVersion);
+      return ExitCode::Done;
+    case WatchRequest::Refuse:
+      std::fprintf(stderr, "kinetrel-watch: %s (see kinetrel-watch --help)\n",
+                   command.complaint.c_str());
+      return ExitCode::BadArguments;
+    case WatchRequest::Watch:
+      break;
+  }
+  // Never deleted: a late signal may still store into it.
+  std::atomic<int>& stop = *new std::atomic<int>(0);
+  kinetrel::CatchStopSignals(stop);
+  return kinetrel::Watcher(command.options, stop).Run();
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+  return static_cast<int>(Serve(kinetrel::ParseWatchCommand(count, arguments)));
+}

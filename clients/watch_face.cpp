@@ -1,0 +1,90 @@
+#include "clients/watch_face.h"
+
+#include <cstdio>
+
+#include "clients/watch_text.h"
+#include "clients/watch_view.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr Milliseconds kDrawPeriod{50};
+constexpr double kDrawSeconds = 0.05;
+
+// Between two looks at the bin; longer means that the program was suspended, and that the shell
+// has since used the terminal.
+constexpr double kSuspended = 1.5;
+
+bool EndsWatching(Key key) {
+  constexpr int kEscape = 27;
+  return !key.extended && (key.code == 'q' || key.code == 'Q' || key.code == kEscape);
+}
+
+}  // namespace
+
+// ---- LineFace --------------------------------------------------------------------------------
+
+LineFace::LineFace(const WatchOptions& options) : form_(options.form), degrees_(options.degrees) {}
+
+WriteResult LineFace::Show(const WatchSnapshot& snapshot, bool frame) {
+  Announce(snapshot);
+  if (!frame) return WriteResult::Written;
+  const std::string line =
+      form_ == OutputForm::Json ? JsonView(snapshot, degrees_) : PlainView(snapshot, degrees_);
+  return WriteOut(line + "\n");
+}
+
+void LineFace::Announce(const WatchSnapshot& snapshot) {
+  if (snapshot.state == TrackerState::Starting || snapshot.state == announced_) return;
+  std::string words = StateWords(snapshot);
+  // A tracker that is there from the start is nothing to talk about.
+  if (words.empty() && announced_.has_value()) {
+    words = "frames from " + Printable(DeviceNameOf(snapshot.block));
+  }
+  announced_ = snapshot.state;
+  if (!words.empty()) std::fprintf(stderr, "kinetrel-watch: %s\n", words.c_str());
+}
+
+// ---- TableFace -------------------------------------------------------------------------------
+
+TableFace::TableFace(const WatchOptions& options) : degrees_(options.degrees) {
+  if (options.frames == 0 && !options.timeout.has_value()) keys_.emplace();
+}
+
+WriteResult TableFace::Show(const WatchSnapshot& snapshot, bool frame) {
+  const double now = timer_.ElapsedSeconds();
+  if (now - lastShow_ > kSuspended) screen_.StartBelow();
+  lastShow_ = now;
+  if (frame) meter_.Add(now, snapshot.block.frameCount);
+  rest_ = Milliseconds(0);
+  return frame && now < nextDraw_ ? WriteResult::Written : Draw(snapshot, now);
+}
+
+WriteResult TableFace::Draw(const WatchSnapshot& snapshot, double now) {
+  const auto count = static_cast<std::uint32_t>(snapshot.block.frameCount);
+  if (count - countDrawn_ >= 2) rest_ = kDrawPeriod;
+  countDrawn_ = count;
+  nextDraw_ = now + kDrawSeconds;
+  const TerminalSize size = StandardOutputSize();
+  return screen_.Draw(TableView(snapshot, {.degrees = degrees_,
+                                           .columns = size.columns,
+                                           .rows = size.rows,
+                                           .publicationRate = meter_.PerSecond()}),
+                      size);
+}
+
+WriteResult TableFace::Finish(const WatchSnapshot& snapshot) {
+  return Draw(snapshot, timer_.ElapsedSeconds());
+}
+
+bool TableFace::WantsEnd() {
+  constexpr int kKeysAtOnce = 16;  // of a pipe that pours
+  for (int i = 0; i < kKeysAtOnce; ++i) {
+    const std::optional<Key> key = TakeKey();
+    if (!key.has_value()) return false;
+    if (EndsWatching(*key)) return true;
+  }
+  return false;
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,69 @@
+// The two faces of kinetrel-watch: a live table on a terminal, lines elsewhere.
+#pragma once
+
+#include <optional>
+
+#include "clients/rate_meter.h"
+#include "clients/watch_options.h"
+#include "clients/watch_screen.h"
+#include "clients/watch_snapshot.h"
+#include "platform/console.h"
+#include "publish/track_timer.h"
+
+namespace kinetrel {
+
+class WatchFace {
+ public:
+  virtual ~WatchFace() = default;
+
+  // frame  the snapshot holds a new frame; else only its state may have changed.
+  virtual WriteResult Show(const WatchSnapshot& snapshot, bool frame) = 0;
+
+  // Shows what Show has held back; the last call.
+  virtual WriteResult Finish(const WatchSnapshot&) { return WriteResult::Written; }
+
+  virtual Milliseconds Rest() const { return Milliseconds(0); }  // before the next frame is wanted
+  virtual bool WantsEnd() { return false; }                      // the operator pressed a key
+};
+
+// One line a frame on standard output; changes of the state on standard error.
+class LineFace final : public WatchFace {
+ public:
+  explicit LineFace(const WatchOptions& options);
+  WriteResult Show(const WatchSnapshot& snapshot, bool frame) override;
+
+ private:
+  void Announce(const WatchSnapshot& snapshot);
+
+  OutputForm form_;
+  bool degrees_;
+  std::optional<TrackerState> announced_;
+};
+
+// Drawn at most 20 times a second. Frames that come faster are slept through, so that watching
+// costs no more wake-ups than there are frames, and no more than 40 a second.
+class TableFace final : public WatchFace {
+ public:
+  // Takes keys only of a watch without an end of its own: what a script has for its other programs
+  // on standard input is not ours to read.
+  explicit TableFace(const WatchOptions& options);
+  WriteResult Show(const WatchSnapshot& snapshot, bool frame) override;
+  WriteResult Finish(const WatchSnapshot& snapshot) override;
+  Milliseconds Rest() const override { return rest_; }
+  bool WantsEnd() override;
+
+ private:
+  WriteResult Draw(const WatchSnapshot& snapshot, double now);
+
+  bool degrees_;
+  std::optional<KeySession> keys_;
+  WatchScreen screen_;
+  RateMeter meter_;
+  TrackTimer timer_;
+  double lastShow_ = 0;
+  double nextDraw_ = 0;
+  std::uint32_t countDrawn_ = 0;
+  Milliseconds rest_{0};
+};
+
+}  // namespace kinetrel

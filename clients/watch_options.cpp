@@ -1,0 +1,168 @@
+#include "clients/watch_options.h"
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <string_view>
+
+#include "clients/watch_text.h"
+#include "publish/shared_track_block.h"
+
+namespace kinetrel {
+namespace {
+
+// ---- Numbers ---------------------------------------------------------------------------------
+
+// All of `text` as a number from `least` to `most`: no sign, no space, no other base.
+template <typename Number>
+bool ParseNumber(std::string_view text, Number least, Number most, Number& into) {
+  Number value{};
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  const bool whole = error == std::errc() && end == text.data() + text.size();
+  if (!whole || text.front() == '-' || !(value >= least && value <= most)) return false;
+  into = value;
+  return true;
+}
+
+constexpr double kLeastTimeout = 0.001;
+constexpr double kMostTimeout = 1'000'000;
+
+bool ParseSeconds(std::string_view text, std::optional<Milliseconds>& into) {
+  double seconds = 0;
+  if (!ParseNumber(text, kLeastTimeout, kMostTimeout, seconds)) return false;
+  into = Milliseconds(std::llround(seconds * 1000));
+  return true;
+}
+
+// ---- The options -----------------------------------------------------------------------------
+
+struct Option {
+  std::string_view name;
+  std::string_view value;  // what the usage calls it; empty where the option takes none
+  std::string_view wants;  // what a value must be
+  std::string_view help;
+  bool (*apply)(WatchCommand& command, std::string_view value);  // false: not what it wants
+};
+
+constexpr std::array kOptions = {
+    Option{"--slot", "NUMBER", "a number from 1 to 16",
+           "shared-memory slot, 1 to 16, as kinetrel -w counts them (default 1)",
+           [](WatchCommand& command, std::string_view value) {
+             return ParseNumber(value, 1, kSharedDevices, command.options.slot);
+           }},
+    Option{"--bin", "NUMBER", "a number from 0 to 15", "bin of the slot, 0 to 15 (default 0)",
+           [](WatchCommand& command, std::string_view value) {
+             return ParseNumber(value, 0, kSharedBins - 1, command.options.bin);
+           }},
+    Option{"--degrees", "", "", "angles in degrees instead of radians",
+           [](WatchCommand& command, std::string_view) { return command.options.degrees = true; }},
+    Option{"--plain", "", "", "one line of text a frame, on a terminal too",
+           [](WatchCommand& command, std::string_view) {
+             command.options.form = OutputForm::Plain;
+             return true;
+           }},
+    Option{"--json", "", "", "one JSON object a frame and line; what is no number is null",
+           [](WatchCommand& command, std::string_view) {
+             command.options.form = OutputForm::Json;
+             return true;
+           }},
+    Option{"--once", "", "", "end after one frame",
+           [](WatchCommand& command, std::string_view) {
+             command.options.frames = 1;
+             return true;
+           }},
+    Option{"--frames", "COUNT", "a number from 1 up", "end after COUNT frames",
+           [](WatchCommand& command, std::string_view value) {
+             return ParseNumber<std::uint64_t>(value, 1, UINT64_MAX, command.options.frames);
+           }},
+    Option{"--timeout", "SECONDS", "a number from 0.001 to 1000000",
+           "give up when no frame comes for so long",
+           [](WatchCommand& command, std::string_view value) {
+             return ParseSeconds(value, command.options.timeout);
+           }},
+    Option{"--help", "", "", "print this and end",
+           [](WatchCommand& command, std::string_view) {
+             command.request = WatchRequest::Help;
+             return true;
+           }},
+    Option{"--version", "", "", "print the version and end",
+           [](WatchCommand& command, std::string_view) {
+             command.request = WatchRequest::Version;
+             return true;
+           }},
+};
+
+const Option* Find(std::string_view name) {
+  for (const Option& option : kOptions) {
+    if (option.name == name) return &option;
+  }
+  return nullptr;
+}
+
+void Refuse(WatchCommand& command, std::string complaint) {
+  command.request = WatchRequest::Refuse;
+  command.complaint = std::move(complaint);
+}
+
+// Applies one option; `next` is the argument after it, null when there is none. True when that
+// was its value.
+bool Apply(WatchCommand& command, std::string_view argument, const char* next) {
+  const std::size_t equals = argument.find('=');
+  const std::string_view name = argument.substr(0, equals);
+  const Option* const option = Find(name);
+  if (option == nullptr) {
+    Refuse(command, "unknown argument '" + Printable(argument) + "'");
+    return false;
+  }
+  const bool joined = equals != std::string_view::npos;
+  const bool takesValue = !option->value.empty();
+  if (joined && !takesValue) {
+    Refuse(command, std::string(name) + " takes no value");
+    return false;
+  }
+  if (takesValue && !joined && next == nullptr) {
+    Refuse(command, std::string(name) + " wants " + std::string(option->wants));
+    return false;
+  }
+  const std::string_view apart = next == nullptr ? "" : next;
+  const std::string_view value = joined ? argument.substr(equals + 1) : apart;
+  if (!option->apply(command, value)) {
+    Refuse(command, std::string(name) + " wants " + std::string(option->wants) + ", not '" +
+                        Printable(value) + "'");
+  }
+  return takesValue && !joined;
+}
+
+}  // namespace
+
+WatchCommand ParseWatchCommand(int count, const char* const* arguments) {
+  WatchCommand command;
+  for (int i = 1; i < count && command.request == WatchRequest::Watch; ++i) {
+    if (Apply(command, arguments[i], i + 1 < count ? arguments[i + 1] : nullptr)) ++i;
+  }
+  return command;
+}
+
+std::string WatchUsage() {
+  std::string text =
+      "usage: kinetrel-watch [OPTION]...\n\n"
+      "Shows the poses that a running tracker publishes: a table on a terminal, a line a frame\n"
+      "elsewhere. Waits for a tracker that is not there yet, and for one that comes back.\n"
+      "q, ESC or Ctrl-C ends it.\n\n";
+  for (const Option& option : kOptions) {
+    std::string left = "  " + std::string(option.name) + " " + std::string(option.value);
+    left.resize(20, ' ');
+    text += left + std::string(option.help) + "\n";
+  }
+  text +=
+      "\nA frame is one publication: a tracker publishes once for each of its sensors.\n"
+      "\nExit codes:\n"
+      "  0  done, or ended by a signal or by the reader of its output\n"
+      "  1  the shared memory cannot be opened\n"
+      "  2  bad arguments\n"
+      "  3  no frame came within --timeout\n"
+      "  4  the output cannot be written\n";
+  return text;
+}
+
+}  // namespace kinetrel

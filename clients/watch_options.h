@@ -1,0 +1,51 @@
+// The command line of kinetrel-watch.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "platform/clock.h"
+
+namespace kinetrel {
+
+inline constexpr const char* kWatchVersion = "kinetrel-watch 1.3 (shared-memory interface 1.42)";
+
+// What the program leaves with; --help lists them.
+enum class ExitCode : int {
+  Done = 0,
+  CannotOpen = 1,
+  BadArguments = 2,
+  TimedOut = 3,
+  CannotWrite = 4,
+};
+
+enum class OutputForm {
+  Automatic,  // a table on a terminal, else plain lines
+  Plain,
+  Json,
+};
+
+struct WatchOptions {
+  int slot = 1;  // 1..16, as the operator counts them; the device number is one less
+  int bin = 0;
+  OutputForm form = OutputForm::Automatic;
+  bool degrees = false;
+  std::uint64_t frames = 0;             // to end after; 0: never
+  std::optional<Milliseconds> timeout;  // without a frame, to give up after
+};
+
+enum class WatchRequest { Watch, Help, Version, Refuse };
+
+struct WatchCommand {
+  WatchRequest request = WatchRequest::Watch;
+  WatchOptions options;
+  std::string complaint;  // why it is refused; printable
+};
+
+// `arguments` as main has them, the program's name first. The last of several values counts.
+WatchCommand ParseWatchCommand(int count, const char* const* arguments);
+
+std::string WatchUsage();
+
+}  // namespace kinetrel
