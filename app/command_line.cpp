@@ -1,0 +1,332 @@
+#include "app/command_line.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <string>
+
+#include "devices/pose.h"
+#include "engine/tracker_engine.h"
+#include "publish/shared_track_block.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kTooManyArguments = 99;
+constexpr int kHighestDeviceType = 13;
+constexpr int kHighestComPort = 16;
+constexpr std::array<const char*, 3> kSyncNames = {"Internal", "External", "CRT"};
+
+// What came of one option.
+enum class Outcome {
+  Applied,
+  Noted,    // reported and ignored
+  Rejected  // ends the walk
+};
+
+struct Options {
+  StartConfig& config;
+  std::string configurationFile;
+};
+
+template <typename... Values>
+void Echo(const char* format, Values... values) {
+  if constexpr (sizeof...(values) == 0) {
+    std::fputs(format, stderr);
+  } else {
+    std::fprintf(stderr, format, values...);
+  }
+}
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+bool BeginsOption(const char* argument) { return argument[0] == '-' || argument[0] == '/'; }
+
+// A whole decimal number from the start of `value`; what is too large becomes the largest. False
+// unless it begins with a digit.
+bool ReadNumber(const std::string& value, int& number) {
+  if (value.empty() || !IsDigit(value[0])) return false;
+  const long read = std::strtol(value.c_str(), nullptr, 10);
+  number = static_cast<int>(std::min<long>(read, std::numeric_limits<int>::max()));
+  return true;
+}
+
+// Reads up to six finite numbers of the form a,b,c;d,e,f and returns how many. None unless a
+// digit stands first or second.
+int ReadVectors(const std::string& value, std::array<float, 6>& numbers) {
+  const bool begins =
+      !value.empty() && (IsDigit(value[0]) || (value.size() > 1 && IsDigit(value[1])));
+  if (!begins) return 0;
+  auto& n = numbers;
+  const int count =
+      std::sscanf(value.c_str(), "%f,%f,%f;%f,%f,%f", &n[0], &n[1], &n[2], &n[3], &n[4], &n[5]);
+  const auto finite =
+      std::find_if_not(n.begin(), n.end(), [](float x) { return std::isfinite(x); });
+  return std::min(count, static_cast<int>(finite - n.begin()));
+}
+
+// ---- One function an option ------------------------------------------------------------------
+
+Outcome SetAlignment(Options& options, const std::string& value) {
+  std::array<float, 6> n{};
+  if (ReadVectors(value, n) < 6) {
+    Echo("\n\tOffsets (%s) ill-formed.", value.c_str());
+    return Outcome::Rejected;
+  }
+  std::copy_n(n.begin(), 3, options.config.alignX.begin());
+  std::copy_n(n.begin() + 3, 3, options.config.alignY.begin());
+  Echo("\n\tReference frame aligned to <%.3f,%.3f,%.3f;%.3f,%.3f,%.3f>.", n[0], n[1], n[2], n[3],
+       n[4], n[5]);
+  return Outcome::Applied;
+}
+
+Outcome SetComponents(Options& options, const std::string& value) {
+  int mask = 0;
+  if (!ReadNumber(value, mask)) return Outcome::Rejected;
+  options.config.componentMask = static_cast<unsigned>(mask) & 0xF;
+  const auto name = [mask](int bit, const char* text) {
+    return (mask >> bit & 1) != 0 ? text : "--";
+  };
+  Echo("\n\tComponents set to %s | %s | %s.", name(0, "CART"), name(1, "EULER"), name(2, "QUAT"));
+  return Outcome::Applied;
+}
+
+Outcome SetDeviceType(Options& options, const std::string& value) {
+  int type = 0;
+  if (!ReadNumber(value, type)) return Outcome::Rejected;
+  if (type > kHighestDeviceType) {
+    Echo("\n\tDevice type (%d) is invalid.", type);
+    return Outcome::Noted;
+  }
+  options.config.deviceType = type;
+  Echo("\n\tDevice type set to %d.", type);
+  return Outcome::Applied;
+}
+
+Outcome SetHemisphere(Options& options, const std::string& value) {
+  std::array<float, 6> n{};
+  if (ReadVectors(value, n) < 3) {
+    Echo("\n\tHemisphere zenith vector (%s) ill-formed.", value.c_str());
+    return Outcome::Rejected;
+  }
+  std::copy_n(n.begin(), 3, options.config.hemisphere.begin());
+  Echo("\n\tHemisphere zenith vectored to <%.1f,%.1f,%.1f>.", n[0], n[1], n[2]);
+  return Outcome::Applied;
+}
+
+Outcome SetConfigurationFile(Options& options, const std::string& value) {
+  if (value.empty()) return Outcome::Rejected;
+  options.configurationFile = value;
+  Echo("\n\tInitial configuration to be read from %s", value.c_str());
+  return Outcome::Applied;
+}
+
+Outcome SetJoystick(Options& options, const std::string& value) {
+  int port = 0;
+  if (!ReadNumber(value, port)) return Outcome::Rejected;
+  options.config.joystickPort = port & 15;
+  if (options.config.joystickPort != 0) {
+    Echo("\n\tJoystick enabled on port %d.", options.config.joystickPort);
+  } else {
+    Echo("\n\tJoystick disabled.");
+  }
+  return Outcome::Applied;
+}
+
+Outcome SetSync(Options& options, const std::string& value) {
+  int sync = 0;
+  if (!ReadNumber(value, sync)) return Outcome::Rejected;
+  if (sync >= static_cast<int>(kSyncNames.size())) {
+    Echo("\n\tGiven sync type (%d) is not recognized.", sync);
+    return Outcome::Noted;
+  }
+  options.config.sync = sync;
+  Echo("\n\tSynchronization set to %s.", kSyncNames[static_cast<std::size_t>(sync)]);
+  return Outcome::Applied;
+}
+
+Outcome SetOffset(Options& options, const std::string& value) {
+  std::array<float, 6> n{};
+  const int count = ReadVectors(value, n);
+  if (count < 3) {
+    Echo("\n\tOffsets (%s) ill-formed.", value.c_str());
+    return Outcome::Rejected;
+  }
+  auto& offset = options.config.transmitterOffset;
+  std::copy_n(n.begin(), 3, offset.begin());
+  Echo("\n\tTransmitter origin offset to <%.3f,%.3f,%.3f>.", n[0], n[1], n[2]);
+  if (count < 6) return Outcome::Applied;
+  for (std::size_t i = 3; i < 6; ++i) offset[i] = static_cast<float>(n[i] * kRadiansPerDegree);
+  Echo("\n\tTransmitter orientation offset to <%.3f,%.3f,%.3f>.", offset[3] * kDegreesPerRadian,
+       offset[4] * kDegreesPerRadian, offset[5] * kDegreesPerRadian);
+  return Outcome::Applied;
+}
+
+Outcome SetPort(Options& options, const std::string& value) {
+  if (!value.empty() && (value[0] == 'U' || value[0] == 'u')) {
+    options.config.port = StartConfig::kUsbPort;
+    Echo("\n\tDevice port set to USB.");
+    return Outcome::Applied;
+  }
+  int port = 0;
+  if (!ReadNumber(value, port)) return Outcome::Rejected;
+  options.config.port = port;
+  if (port > kHighestComPort) {
+    Echo("\n\tDevice port address set to 0x%X.", static_cast<unsigned>(port));
+  } else {
+    Echo("\n\tDevice port set to COM%d.", port);
+  }
+  return Outcome::Applied;
+}
+
+// '+' and nothing at all mean yes.
+int ReadSwitch(const std::string& value) { return !value.empty() && value[0] == '-' ? 0 : 1; }
+
+Outcome SetQuery(Options& options, const std::string& value) {
+  options.config.query = ReadSwitch(value);
+  Echo("\n\tInstrument will %sbe queried and reported.", options.config.query != 0 ? "" : "NOT ");
+  return Outcome::Applied;
+}
+
+Outcome SetRoll(Options& options, const std::string& value) {
+  int roll = 0;
+  if (!ReadNumber(value, roll)) return Outcome::Rejected;
+  if (roll > 1) {
+    Echo("\n\tRoll must be 1 or 0.");
+    return Outcome::Rejected;
+  }
+  options.config.rollAll = roll;
+  Echo("\n\tAll Sensors are rolled.");
+  return Outcome::Applied;
+}
+
+Outcome SetSensors(Options& options, const std::string& value) {
+  if (value.empty() || !IsDigit(value[0])) return Outcome::Rejected;
+  const unsigned long mask = std::strtoul(value.c_str(), nullptr, 0);
+  options.config.sensorMask =
+      static_cast<unsigned>(std::min<unsigned long>(mask, std::numeric_limits<unsigned>::max()));
+  Echo("\n\tSensor mask set to 0x%x.", options.config.sensorMask);
+  return Outcome::Applied;
+}
+
+Outcome SetUnits(Options& options, const std::string& value) {
+  int units = 0;
+  if (!ReadNumber(value, units)) return Outcome::Rejected;
+  units &= 3;
+  if (units == 2) units = 3;  // 2 is the operator's word for metres
+  options.config.units = units;
+  Echo("\n\tUnits type set to %s.", units == 1 ? "CM" : units == 3 ? "METER" : "INCH");
+  return Outcome::Applied;
+}
+
+Outcome SetSlot(Options& options, const std::string& value) {
+  int slot = 0;
+  if (!ReadNumber(value, slot)) return Outcome::Rejected;
+  if (slot < 1 || slot > kSharedDevices) {
+    Echo("\n\tSpecified shared memory slot(%d) is out of range(1:%d).", slot, kSharedDevices);
+    return Outcome::Noted;
+  }
+  options.config.shmDevice = slot - 1;
+  Echo("\n\tTracking data to be written to shared memory slot %d.", slot);
+  return Outcome::Applied;
+}
+
+Outcome SetStreaming(Options& options, const std::string& value) {
+  options.config.streaming = ReadSwitch(value);
+  Echo("\n\tDevice will be %s.", options.config.streaming != 0 ? "streaming" : "polled");
+  return Outcome::Applied;
+}
+
+struct Option {
+  char letter;
+  Outcome (*apply)(Options& options, const std::string& value);
+};
+
+constexpr Option kOptions[] = {
+    {'a', SetAlignment},
+    {'c', SetComponents},
+    {'d', SetDeviceType},
+    {'h', SetHemisphere},
+    {'i', SetConfigurationFile},
+    {'j', SetJoystick},
+    {'k', SetSync},
+    {'o', SetOffset},
+    {'p', SetPort},
+    {'q', SetQuery},
+    {'r', SetRoll},
+    {'s', SetSensors},
+    {'u', SetUnits},
+    {'w', SetSlot},
+    {'z', SetStreaming},
+};
+
+// ---- The walk --------------------------------------------------------------------------------
+
+// Applies the option at `arguments[at]` and moves `at` past what it used.
+Outcome ApplyOption(Options& options, int count, const char* const* arguments, int& at) {
+  const std::string argument = arguments[at++];
+  if (!BeginsOption(argument.c_str()) || argument.size() < 2) return Outcome::Rejected;
+  const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(argument[1])));
+  const auto* const option = std::find_if(std::begin(kOptions), std::end(kOptions),
+                                          [letter](const Option& o) { return o.letter == letter; });
+  if (option == std::end(kOptions)) return Outcome::Rejected;
+  std::string value = argument.substr(2);
+  // A value of its own argument is used up even by an option that makes nothing of it.
+  if (value.empty() && at < count && !BeginsOption(arguments[at])) value = arguments[at++];
+  return option->apply(options, value);
+}
+
+bool ApplyAll(Options& options, int count, const char* const* arguments) {
+  for (int at = 1; at < count;) {
+    if (ApplyOption(options, count, arguments, at) == Outcome::Rejected) return false;
+  }
+  return true;
+}
+
+void PrintUsage(const char* program, const StartConfig& config) {
+  const char* const sync = kSyncNames[static_cast<std::size_t>(std::clamp(config.sync, 0, 2))];
+  Echo("\n\nUSAGE: %s [-flag <param>] ...", program);
+  Echo("\n\t-a {X1,Y1,Z1;X2,Y2,Z2}   \tAlignment frame: <1,0,0;0,1,0>");
+  Echo("\n\t-c {CMPMASK} \tComponent mask: bit0=CART, bit1=EULER, bit2=QUAT <0x03>");
+  Echo("\n\t-d {DEVTYPE} \tDevice type <Polhemus>");
+  Echo("\n\t             \t(1=FKS, 2=PLH/INS, 3=ASC, 4=LGT, 6=ITS, ");
+  Echo("\n\t             \t 8=OTJ, 9=TRX, 10=PDI, 11=RLY, 12=GSP)");
+  Echo("\n\t-h {X,Y,Z}   \tHemisphere zenith: <1,0,0>");
+  Echo("\n\t-j {JOYPORT} \tJoystick sampling: <0>");
+  Echo("\n\t-k (SYNCTYP) \tSychronization 0=int, 1=ext, 2=crt: <%s>", sync);
+  Echo("\n\t-o {X,Y,Z}   \tTransmitter offset: <0,0,0>");
+  Echo("\n\t-p {PORTNUM} \tPort: COM number or ISA hex address <COM1>");
+  Echo("\n\t-q {+/-}     \tQuery and report instrument status: <%s>",
+       config.query != 0 ? "QUERY" : "NO_REPORT");
+  Echo("\n\t-r {1/0}     \tRoll all sensors or not: <0>");
+  Echo("\n\t-s {SNRMASK} \tSensor mask: <0x01>");
+  Echo("\n\t-u {UNITSCL} \tUnits: 0 = INCH, 1 = CM, 2 = METER <CM>");
+  Echo("\n\t-w {SHMEMID} \tShared Memory ID to write: <same as port>");
+  Echo("\n\t-z {+/-}     \tStreaming(+) vs. polled(-): <%s>",
+       config.streaming != 0 ? "streaming" : "polled");
+}
+
+bool ApplyArguments(StartConfig& config, int count, const char* const* arguments) {
+  if (count > 1) Echo("\nProcessing command line arguments ...");
+  Options options{config, {}};
+  const bool accepted = ApplyAll(options, count, arguments) && count < kTooManyArguments;
+  if (!options.configurationFile.empty()) {
+    Echo("\nDon't know how to read Configuration file \"%s\".", options.configurationFile.c_str());
+  }
+  if (!accepted) PrintUsage(count > 0 ? arguments[0] : "kinetrel", config);
+  std::fputs("\n", stdout);
+  std::fflush(stdout);
+  return accepted;
+}
+
+}  // namespace
+
+bool ParseCommandLine(TrackerEngine& engine, int count, const char* const* arguments) {
+  return engine.Configure(
+      [&](StartConfig& config) { return ApplyArguments(config, count, arguments); });
+}
+
+}  // namespace kinetrel

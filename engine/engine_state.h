@@ -1,0 +1,35 @@
+// What one engine and its sampling thread share. Owned by both: a thread that hangs in a device
+// past its time is abandoned, and still finds all it touches when it comes back.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "devices/daq_control.h"
+#include "devices/status_log.h"
+#include "devices/tracker_device.h"
+#include "engine/engine_lock.h"
+#include "engine/mapping.h"
+#include "engine/start_config.h"
+
+namespace kinetrel {
+
+struct EngineState {
+  // Has a lock of its own. First, so that it outlives the device that writes it.
+  StatusLog status;
+
+  PriorityMutex mutex;
+
+  // Guarded by the mutex.
+  StartConfig config;
+  std::shared_ptr<TrackerDevice> device;
+  std::shared_ptr<DAQControl> joystick;
+  MappingTable mappings;
+  float lastRawAzimuth = 0.0F;  // radians; last read from any sensor
+  float azimuthZero = 0.0F;     // radians; subtracted from every published azimuth
+
+  // Read without it.
+  std::atomic<bool> isOpen = false;
+};
+
+}  // namespace kinetrel

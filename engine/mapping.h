@@ -1,0 +1,38 @@
+// Which sensor is published where.
+#pragma once
+
+#include <map>
+#include <tuple>
+
+#include "engine/running_stats.h"
+
+namespace kinetrel {
+
+// One published destination. The device number goes with the key but tells no two apart: an
+// engine publishes on one device number at a time.
+struct MappingKey {
+  int shmDevice = 0;
+  int bin = 0;
+  int poseIndex = 0;
+
+  bool operator<(const MappingKey& other) const {
+    return std::tie(bin, poseIndex) < std::tie(other.bin, other.poseIndex);
+  }
+};
+
+struct Mapping {
+  int sensor = -1;              // none
+  RunningStats latency;         // seconds from sample to publication
+  RunningStats rate;            // Hz between samples
+  double lastSampleTime = 0.0;  // seconds; 0: none yet
+
+  void ResetStatistics() {
+    latency.Reset();
+    rate.Reset();
+    lastSampleTime = 0.0;
+  }
+};
+
+using MappingTable = std::map<MappingKey, Mapping>;
+
+}  // namespace kinetrel

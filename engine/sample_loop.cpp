@@ -1,0 +1,323 @@
+#include "engine/sample_loop.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "platform/thread.h"
+#include "platform/transient_output.h"
+
+namespace kinetrel {
+namespace {
+
+// Status words without their low 8 bits: what kind of device, and how it can be read.
+constexpr int kPanTiltFamily = 0x100;
+constexpr int kSerialFamily = 0x200;  // bit 0 of the word: firmware that can stream
+constexpr int kLogitechFamily = 0x400;
+constexpr int kLibraryFamily = 0x600;
+constexpr int kNoPollFamily = 0x800;
+constexpr int kGpsFamily = 0xC00;
+constexpr int kKeyboardStatus = 8;
+
+constexpr Milliseconds kBackOff{20};
+constexpr int kNapMargin = 10;  // ms; a streaming device is read this much before its next frame
+
+const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
+
+// Prints what is not logged in the same words.
+void Print(const char* text) { std::fputs(text, stderr); }
+
+}  // namespace
+
+std::uint32_t SampleLoop::Header::Flags() const {
+  return (units << TrackFlags::kUnitsShift) | (components << TrackFlags::kComponentShift) |
+         (sensors & TrackFlags::kLowSensors);
+}
+
+SampleLoop::SampleLoop(std::shared_ptr<EngineState> state, const StopEvent& stop)
+    : state_(std::move(state)), stop_(stop) {}
+
+void SampleLoop::Run() {
+  EngineLock lock(state_->mutex);
+  device_ = state_->device;
+  if (device_ == nullptr) return;  // closed before we came to run
+  ChooseMode();
+  if (OpenSharedMemory()) {
+    ReportHeader();
+    WriteBinHeaders();
+    BeginDevice(lock);
+    while (!stop_.IsSet()) Pass(lock);
+    End(lock);
+  }
+  CloseSharedMemory();
+}
+
+// ---- Start -----------------------------------------------------------------------------------
+
+int SampleLoop::Family() const { return device_->GetStatusCode() & ~0xFF; }
+
+int SampleLoop::MaxBin() const {
+  return state_->mappings.empty() ? 0 : state_->mappings.rbegin()->first.bin;
+}
+
+void SampleLoop::ChooseMode() {
+  int& streaming = state_->config.streaming;
+  const int status = device_->GetStatusCode();
+  const int family = Family();
+  const bool oldSerial = (status & kSerialFamily) != 0 && (status & 1) == 0;
+  const bool pollOnly = oldSerial || family == kLogitechFamily || family == kLibraryFamily ||
+                        family == kPanTiltFamily;
+  const bool streamOnly = family == kNoPollFamily || family == kGpsFamily;
+  if (streaming != 0 && pollOnly) {
+    Announce(state_->status, "\n\t\t", 3, "Streaming not supported on %s.",
+             device_->GetDeviceName());
+    streaming = 0;
+  }
+  if (streaming == 0 && streamOnly) {
+    Announce(state_->status, "\n\t\t", 3, "Polling not supported on %s.", device_->GetDeviceName());
+    streaming = 1;
+  }
+  // Kept for the run: a mode set while sampling counts from the next start.
+  streaming_ = streaming != 0;
+}
+
+bool SampleLoop::OpenSharedMemory() {
+  const int device = state_->config.shmDevice;
+  writer_.emplace(device, kSharedBins);
+  if (!writer_->OpenAll()) {
+    Announce(state_->status, "\n\a", -10, "MTS failed to open.");
+    Announce(state_->status, "\n\t\t", -10, "%s", Describe(writer_->failure()).c_str());
+    return false;
+  }
+  if (writer_->rivalPresent()) {
+    Announce(state_->status, "\n\t", -10,
+             "SharedMemory(%d) is being written by another program as well.", device + 1);
+  }
+  device_->SetTimeOrigin(writer_->timer().startCount());
+  Announce(state_->status, "\n\t", 3, "SharedMemory(%d) open ... ", device + 1);
+  return true;
+}
+
+SampleLoop::Header SampleLoop::ReadHeader() {
+  // Only the low four bits of both have a place in the block; a device may use the rest itself.
+  return {device_->GetSensorMask(), device_->GetComponentMask() & 0xF,
+          static_cast<unsigned>(device_->GetUnits()) & 0xF};
+}
+
+void SampleLoop::ReportHeader() {
+  header_ = ReadHeader();
+  const auto sensor = [this](unsigned i) {
+    return (header_.sensors >> i & 1) != 0 ? static_cast<char>('1' + i) : '0';
+  };
+  const auto component = [this](unsigned bit, const char* name) {
+    return (header_.components & bit) != 0 ? name : "";
+  };
+  StatusLog& log = state_->status;
+  Announce(log, "\n\t", 3, "Flags: Sensors(%c%c%c%c), Components(%s|%s|%s), Units(%s) .", sensor(0),
+           sensor(1), sensor(2), sensor(3), component(kPositionComponent, "CART"),
+           component(kEulerComponent, "EULR"), component(kQuaternionComponent, "QUAT"),
+           UnitsText(header_.units));
+  rate_ = device_->GetFrameRate();
+  Announce(log, "\n\t", 3, "Rate = %d Hz.", rate_);
+  nap_ = streaming_ && rate_ > 0 ? std::max(0, 1000 / rate_ - kNapMargin) : 0;
+}
+
+void SampleLoop::WriteBinHeaders() {
+  for (auto& [key, mapping] : state_->mappings) mapping.ResetStatistics();
+  for (int bin = 0; bin <= MaxBin(); ++bin) {
+    if (writer_->SelectBin(bin) != bin || !writer_->Lock(kForever)) continue;
+    SharedTrackBlock& block = *writer_->block();
+    block.flags = header_.Flags();
+    block.frameRate = rate_;
+    block.sensorMask = header_.sensors;
+    SetDeviceName(block, device_->GetDeviceName());
+    writer_->Unlock();
+  }
+}
+
+void SampleLoop::BeginDevice(EngineLock& lock) {
+  Announce(state_->status, "\n\t", 3, "Nap = %d msecs.", nap_);
+  Announce(state_->status, "\n", 3, "Running ...  ");
+  if (streaming_) {
+    device_->StartContinuous();
+  } else {
+    lock.Leave([this] { device_->Poll(); });
+  }
+  const Status raised = RaiseToTimeCritical();
+  if (!raised.Ok()) {
+    state_->status.SetStatusF(3, "Sampling at ordinary priority: %s.", Describe(raised).c_str());
+  }
+}
+
+// ---- One frame -------------------------------------------------------------------------------
+
+void SampleLoop::Pass(EngineLock& lock) {
+  header_ = ReadHeader();
+  const Frame frame = ReadFrame(lock);
+  if ((frame.updated & header_.sensors) != 0) {
+    PublishFrame(frame);
+    NoteSuccess();
+  } else {
+    NoteFailure(lock, frame);
+  }
+  ++runLength_;
+  if (!streaming_) lock.Leave([this] { device_->Poll(); });
+}
+
+SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
+  joystick_ = state_->joystick;
+  return lock.Leave([this] {
+    Frame frame;
+    frame.buttonsValid = joystick_ != nullptr && joystick_->Read(0) != 0;
+    const std::int64_t before = ClockTicks();
+    frame.updated = device_->ReadFrame(&frame.sampleTime);
+    frame.atOnce = ClockTicks() - before < ClockTicksPerSecond() / 1000;
+    return frame;
+  });
+}
+
+void SampleLoop::PublishFrame(const Frame& frame) {
+  for (auto& [key, mapping] : state_->mappings) {
+    const bool active = mapping.sensor >= 0 && mapping.sensor < kPoseSlots &&
+                        (header_.sensors >> mapping.sensor & 1) != 0;
+    if (!active || writer_->SelectBin(key.bin) != key.bin) continue;
+    PublishMapping(key, mapping, frame);
+    Blink();
+  }
+}
+
+void SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame) {
+  if (!writer_->Lock(kForever)) return;
+  SharedTrackBlock& block = *writer_->block();
+  if (key.poseIndex >= 0 && key.poseIndex < kPoseSlots) {
+    WritePose(block, static_cast<std::size_t>(key.poseIndex), mapping.sensor);
+  }
+  block.flags = header_.Flags();
+  WriteButtons(block, frame);
+  block.frameRate = rate_;
+  block.sensorMask = header_.sensors;
+  block.sampleTime = frame.sampleTime;
+  writer_->Publish(0);
+  writer_->Unlock();
+  KeepStatistics(mapping, frame.sampleTime);
+  Nap();
+}
+
+// A sensor without a record is published as zeros, never as what was there before.
+void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) {
+  static constexpr std::array<float, 3> kZeros{};
+  // Position and angles of one record where a device delivers both; else each by itself.
+  const bool whole = header_.components == (kPositionComponent | kEulerComponent);
+  const float* const record = whole ? device_->GetSensorPose(sensor) : nullptr;
+  auto& pose = block.poses[slot];
+  if ((header_.components & kPositionComponent) != 0) {
+    const float* const xyz = whole ? record : device_->GetSensorPosition(sensor);
+    std::copy_n(xyz != nullptr ? xyz : kZeros.data(), 3, pose.begin());
+  }
+  if ((header_.components & kEulerComponent) != 0) {
+    const float* const none = nullptr;
+    const float* const angles = !whole              ? device_->GetSensorEuler(sensor)
+                                : record != nullptr ? record + 3
+                                                    : none;
+    std::copy_n(angles != nullptr ? angles : kZeros.data(), 3, pose.begin() + 3);
+    if (angles != nullptr) {
+      state_->lastRawAzimuth = angles[0];
+      pose[3] -= state_->azimuthZero;
+    }
+  }
+  if ((header_.components & kQuaternionComponent) != 0) {
+    const float* const quaternion = device_->GetSensorQuaternion(sensor);
+    std::copy_n(quaternion != nullptr ? quaternion : kIdentityQuaternion.data(), 4,
+                block.quaternions[slot].begin());
+  }
+}
+
+void SampleLoop::WriteButtons(SharedTrackBlock& block, const Frame& frame) {
+  if (!frame.buttonsValid) return;  // the flags were written without the valid bit
+  const int channels = std::clamp(joystick_->digitalChannels(), 0, 32);
+  const std::uint32_t known = channels == 32 ? ~0U : (1U << channels) - 1;
+  block.buttons = (block.buttons & ~known) | (joystick_->digitalBits() & known);
+  block.flags |= TrackFlags::kButtonsValid;
+}
+
+void SampleLoop::KeepStatistics(Mapping& mapping, double sampleTime) {
+  const double age = writer_->timer().ElapsedSeconds() - sampleTime;
+  // Two samples of one moment have no rate between them.
+  if (mapping.lastSampleTime != 0.0 && sampleTime != mapping.lastSampleTime) {
+    mapping.latency.Add(age);
+    mapping.rate.Add(1.0 / (sampleTime - mapping.lastSampleTime));
+  }
+  mapping.lastSampleTime = sampleTime;
+}
+
+void SampleLoop::Nap() {
+  // Ends early when the port already holds input: a device that streams several stations must not
+  // be read slower than it sends.
+  if (nap_ > 0) device_->WaitForRX(nap_, 1);
+}
+
+void SampleLoop::Blink() {
+  if (rate_ <= 0) return;
+  const int phase = static_cast<int>(static_cast<std::uint32_t>(writer_->block()->frameCount) %
+                                     (2 * static_cast<std::uint32_t>(rate_)));
+  if (phase == 0) ShowTransient(" \b");
+  if (phase == rate_) ShowTransient("*\b");
+}
+
+void SampleLoop::NoteSuccess() {
+  if (!inError_) return;
+  state_->status.SetStatusF(1, "Running. (after %u error samples)", runLength_);
+  inError_ = false;
+  runLength_ = 0;
+}
+
+void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
+  const bool keyboard = device_->GetStatusCode() == kKeyboardStatus;
+  // A read that failed without waiting must not be repeated at once: at this priority that would
+  // take the machine with it.
+  if (frame.atOnce || (nap_ == 0 && !keyboard)) lock.Leave([] { SleepFor(kBackOff); });
+  if (keyboard) return;  // no key pressed is no failure
+  if (!inError_) LogFailure();
+  ShowTransient("e\b");
+}
+
+void SampleLoop::LogFailure() {
+  StatusLog& log = state_->status;
+  log.SetStatusF(device_->reportCode(), "Error: Sampling error. (after %u valid samples)",
+                 runLength_);
+  device_->ClearReportCode();
+  const auto report = [&](const char* format, const char* text) {
+    if (*text == '\0') return;
+    log.SetStatus(device_->reportCode(), (std::string(format) + text).c_str());
+    device_->ClearReportCode();
+  };
+  if (device_->reportCode() != 1) {
+    report("Tracker Error: ", device_->errorText());
+    report("Tracker Read String: ", device_->readText());
+  }
+  inError_ = true;
+  runLength_ = 0;
+}
+
+// ---- End -------------------------------------------------------------------------------------
+
+void SampleLoop::End(EngineLock& lock) {
+  if (streaming_) lock.Leave([this] { device_->Poll(); });  // ends continuous output
+  if (writer_->Lock(kForever)) {
+    SharedTrackBlock& block = *writer_->block();
+    block.flags = header_.Flags();
+    Announce(state_->status, "\t", 5, "%d frames sampled.", block.frameCount);
+    Announce(state_->status, "\n\t", 5, "%8.1f seconds elapsed.", block.publishTime);
+    writer_->Unlock();
+  }
+  Announce(state_->status, "\n", 6, "Closing");
+  Print(" ... ");
+}
+
+void SampleLoop::CloseSharedMemory() {
+  writer_.reset();
+  Announce(state_->status, "\n\t", 6, "MTS closed.");
+  Print(" ");
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,83 @@
+// One run of sampling: reads the device frame by frame and publishes every mapping's pose.
+//
+// The road of a sample is the body of Pass: read, then for each mapping lock, write, publish,
+// unlock. The loop holds the engine lock but for the device's read and poll and its own back-off,
+// so control calls run between frames. Nothing on that road allocates.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "engine/engine_state.h"
+#include "publish/shared_track_writer.h"
+
+namespace kinetrel {
+
+class SampleLoop {
+ public:
+  // `stop` ends the run: within a frame, a nap and the device's read time.
+  SampleLoop(std::shared_ptr<EngineState> state, const StopEvent& stop);
+
+  void Run();  // on the sampling thread
+
+ private:
+  // What the device says of itself, read once a frame.
+  struct Header {
+    unsigned sensors = 0;     // mask
+    unsigned components = 0;  // mask, low four bits
+    unsigned units = 0;
+
+    std::uint32_t Flags() const;
+  };
+
+  // What one read brought.
+  struct Frame {
+    unsigned updated = 0;     // mask of sensors
+    double sampleTime = 0.0;  // seconds since the writer's start
+    bool buttonsValid = false;
+    bool atOnce = false;  // came back without having waited for anything
+  };
+
+  void ChooseMode();
+  bool OpenSharedMemory();
+  void ReportHeader();
+  void WriteBinHeaders();
+  void BeginDevice(EngineLock& lock);
+
+  void Pass(EngineLock& lock);
+  Frame ReadFrame(EngineLock& lock);
+  void PublishFrame(const Frame& frame);
+  void PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame);
+  void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor);
+  void WriteButtons(SharedTrackBlock& block, const Frame& frame);
+  void KeepStatistics(Mapping& mapping, double sampleTime);
+  void Nap();
+  void Blink();
+  void NoteSuccess();
+  void NoteFailure(EngineLock& lock, const Frame& frame);
+  void LogFailure();
+
+  void End(EngineLock& lock);
+  void CloseSharedMemory();
+
+  Header ReadHeader();
+  int Family() const;  // the device's status word without its low 8 bits
+  int MaxBin() const;
+
+  const std::shared_ptr<EngineState> state_;
+  const StopEvent stop_;
+
+  // The sampling thread's own.
+  std::shared_ptr<TrackerDevice> device_;
+  std::shared_ptr<DAQControl> joystick_;  // as it was when the frame was read
+  std::optional<SharedTrackWriter> writer_;
+  Header header_;
+  bool streaming_ = false;
+  int rate_ = 0;  // Hz
+  int nap_ = 0;   // ms after each publication
+  bool inError_ = false;
+  unsigned runLength_ = 0;  // passes since good turned to failed or back
+};
+
+}  // namespace kinetrel

@@ -1,0 +1,267 @@
+#include "engine/tracker_engine.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "engine/sample_loop.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kBaud = 115200;  // every driver that needs another sets it itself
+constexpr int kGpsFamily = 0xC00;
+constexpr int kGpsUnits = 2;
+constexpr float kRolled = -3.1415927F;  // -pi as a float
+
+// Types that once had a driver; refused by name.
+struct RetiredType {
+  int type;
+  const char* name;
+};
+constexpr RetiredType kRetiredTypes[] = {{5, "SpaceBall"}, {7, "Veltrano MTS client"}};
+
+}  // namespace
+
+TrackerEngine::TrackerEngine(DeviceFactory factory)
+    : factory_(std::move(factory)), state_(std::make_shared<EngineState>()) {}
+
+TrackerEngine::~TrackerEngine() { Close(); }
+
+bool TrackerEngine::Configure(const std::function<bool(StartConfig&)>& edit) {
+  const EngineLock lock(state_->mutex);
+  ResetMappings(lock);
+  return edit(state_->config);
+}
+
+StartConfig TrackerEngine::Configuration() const {
+  const EngineLock lock(state_->mutex);
+  return state_->config;
+}
+
+// ---- Open and close --------------------------------------------------------------------------
+
+OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration) {
+  EngineLock lock(state_->mutex);
+  // The device is there before the engine is open, while the lock is left for a moment.
+  if (state_->isOpen || state_->device != nullptr) {
+    state_->status.SetStatus(-2, "Open: MTS already open");
+    return OpenResult::AlreadyOpen;
+  }
+  if (resetConfiguration) state_->config = StartConfig{};
+  state_->config.deviceType = deviceType;
+  state_->config.port = port;
+  const OpenResult result = Attach(lock);
+  if (result != OpenResult::Opened) return result;
+
+  const int shmDevice = state_->config.shmDevice;
+  lock.Leave([&] { SetSharedMemoryDevice(shmDevice); });
+  state_->isOpen = true;
+  return OpenResult::Opened;
+}
+
+OpenResult TrackerEngine::Attach(const EngineLock& lock) {
+  std::shared_ptr<TrackerDevice> device = MakeDeviceOrSay(state_->config.deviceType);
+  if (device == nullptr) return OpenResult::NoDevice;
+  device->SetStatusLog(&state_->status);
+  Announce(state_->status, "\n", 1, "Initializing %s... ", device->GetDeviceName());
+  if (!OpenPort(*device)) return OpenResult::PortFailed;
+  if (!BootDevice(*device)) return OpenResult::BootFailed;
+  state_->device = std::move(device);
+  if (state_->config.joystickPort != 0) {
+    std::fputs("\n\tTrying JOYSTICK ... ", stderr);
+    AttachJoystick(lock);
+  }
+  ResetMappings(lock);
+  ApplyConfiguration(lock);
+  return OpenResult::Opened;
+}
+
+std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
+  StatusLog& log = state_->status;
+  for (const RetiredType& retired : kRetiredTypes) {
+    if (retired.type != deviceType) continue;
+    std::fprintf(stderr, "\n%s instrument (TYPE=%d) not supported.", retired.name, deviceType);
+    log.SetStatusF(-1, "%s instrument not supported.", retired.name);
+    return nullptr;
+  }
+  std::unique_ptr<TrackerDevice> device = factory_.device(deviceType);
+  if (device == nullptr) {
+    std::fprintf(stderr, "Unknown TYPE tistart.dtyp = %d", deviceType);
+    log.SetStatus(-1, "Unknown device type specified.");
+  }
+  return device;
+}
+
+bool TrackerEngine::OpenPort(TrackerDevice& device) {
+  StatusLog& log = state_->status;
+  const int asked = state_->config.port;
+  if (device.OpenPortNumber(asked, kBaud) < 1) {
+    Announce(log, "\n\t", -3, "Port(%d) failed to open(%d).", asked,
+             static_cast<int>(device.portStatus()));
+    if (!device.openFailure().empty()) {
+      Announce(log, "\n\t\t", -3, "%s", device.openFailure().c_str());
+    }
+    return false;
+  }
+  const int opened = device.GetPortNumber();
+  if (opened > 255) {
+    Announce(log, "\n\t", 2, "USB port open ... ");
+  } else {
+    Announce(log, "\n\t", 2, "Serial port(%d) open ... ", opened);
+  }
+  return true;
+}
+
+bool TrackerEngine::BootDevice(TrackerDevice& device) {
+  StatusLog& log = state_->status;
+  const BootResult result = device.Boot(0);
+  if (result >= kBooted) {
+    Announce(log, "\n\t", 3, "Tracker(%s) booted ... ", device.GetDeviceName());
+    return true;
+  }
+  Announce(log, "\n\t", -4, "Tracker(%s) failed to boot(%d).", device.GetDeviceName(), result);
+  if (const char* const text = BootFailureText(result)) {
+    std::printf("\n\t\t%s\n", text);
+    std::fflush(stdout);
+    log.SetStatus(-4, text);
+  }
+  device.ClosePort();
+  return false;
+}
+
+bool TrackerEngine::AttachJoystick(const EngineLock&) {
+  if (state_->joystick != nullptr) return state_->joystick->Boot(0) == 1;
+  // -j only switches it on; the joystick is always the first.
+  std::shared_ptr<DAQControl> joystick = factory_.joystick(0);
+  const int id = joystick != nullptr ? joystick->GetId() : 0;
+  const int booted = joystick != nullptr ? joystick->Boot(0) : 0;
+  if (booted >= 1) {
+    Announce(state_->status, "\n\t", 5, "Joystick(%d) booted ... ", id);
+    state_->joystick = std::move(joystick);
+  } else {
+    Announce(state_->status, "\n\t", -5, "Joystick(%d) failed to boot(%d).", id, booted);
+  }
+  return true;
+}
+
+bool TrackerEngine::Close() {
+  if (!state_->isOpen.exchange(false)) return false;
+  worker_.Stop(true);
+  const EngineLock lock(state_->mutex);
+  state_->joystick.reset();
+  // A thread that was abandoned has the device too and is still in it: the port is closed with
+  // the device, when the thread comes back and gives it up.
+  if (state_->device.use_count() == 1) state_->device->ClosePort();
+  state_->device.reset();
+  state_->config.shmDevice = StartConfig::kShmFromPort;
+  return true;
+}
+
+bool TrackerEngine::IsOpen() const { return state_->isOpen; }
+
+// ---- Configuration ---------------------------------------------------------------------------
+
+void TrackerEngine::ApplyConfiguration(const EngineLock&) {
+  StartConfig& config = state_->config;
+  TrackerDevice& device = *state_->device;
+  device.SetSensorMask(config.sensorMask, 0);
+  device.SetComponentMask(config.componentMask);
+  device.SetSensorOffset(-1, config.transmitterOffset.data());
+  device.SetHemisphere(-1, config.hemisphere.data());
+  if ((device.GetStatusCode() & ~0xFF) == kGpsFamily) config.units = kGpsUnits;
+  device.SetUnits(config.units);
+  device.SetSynchronization(config.sync);
+  if (config.rollAll >= 0) {
+    config.transmitterOffset[5] = config.rollAll >= 1 ? kRolled : 0.0F;
+    device.SetSensorOffset(-1, config.transmitterOffset.data());
+  }
+  if (config.query != 0) ReportDeviceStatus(device);
+  if (config.Aligned() &&
+      device.SetAlignment(-1, config.alignX.data(), config.alignY.data()) != 0) {
+    Announce(state_->status, " ", 6, "ALIGNED");
+  }
+}
+
+void TrackerEngine::ReportDeviceStatus(TrackerDevice& device) {
+  std::array<char, 2048> text{};
+  if (device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1) == 0) return;
+  std::printf("\nSTATUS:\n\t%s\n", text.data());
+  std::fflush(stdout);
+  state_->status.SetStatusF(3, "STATUS: %s", text.data());
+}
+
+bool TrackerEngine::SetSharedMemoryDevice(int id) {
+  EngineLock lock(state_->mutex);
+  StartConfig& config = state_->config;
+  if (id < 0) id = ((config.port - 1) % kSharedDevices + kSharedDevices) % kSharedDevices;
+  if (id == config.shmDevice) return true;
+
+  const bool wasRunning = worker_.IsRunning();
+  lock.Leave([this] { worker_.Stop(true); });
+  MappingTable moved;
+  for (const auto& [key, mapping] : state_->mappings) {
+    moved[{id, key.bin, key.poseIndex}].sensor = mapping.sensor;
+  }
+  state_->mappings = std::move(moved);
+  config.shmDevice = id;
+  if (wasRunning && state_->isOpen) lock.Leave([this] { StartSampling(); });
+  return true;
+}
+
+bool TrackerEngine::ResetMappings() {
+  const EngineLock lock(state_->mutex);
+  ResetMappings(lock);
+  return true;
+}
+
+bool TrackerEngine::AddDefaultMappings() {
+  const EngineLock lock(state_->mutex);
+  AddDefaultMappings(lock);
+  return true;
+}
+
+void TrackerEngine::ResetMappings(const EngineLock& lock) {
+  state_->mappings.clear();
+  AddDefaultMappings(lock);
+}
+
+void TrackerEngine::AddDefaultMappings(const EngineLock&) {
+  const StartConfig& config = state_->config;
+  for (int sensor = 0; sensor < kPoseSlots; ++sensor) {
+    if ((config.sensorMask >> sensor & 1) == 0) continue;
+    const auto [entry, added] = state_->mappings.try_emplace({config.shmDevice, 0, sensor});
+    if (added) entry->second.sensor = sensor;
+  }
+}
+
+// ---- Sampling --------------------------------------------------------------------------------
+
+bool TrackerEngine::StartSampling() {
+  if (!state_->isOpen) return false;
+  return worker_.Start([state = state_](const StopEvent& stop) { SampleLoop(state, stop).Run(); });
+}
+
+bool TrackerEngine::StopSampling(bool wait) {
+  worker_.Stop(wait);
+  return true;
+}
+
+bool TrackerEngine::WaitSampling(Milliseconds timeout) const { return worker_.Wait(timeout); }
+
+bool TrackerEngine::HasSamplingThread() const { return worker_.Exists(); }
+
+bool TrackerEngine::ZeroAzimuth() {
+  const EngineLock lock(state_->mutex);
+  state_->azimuthZero = state_->lastRawAzimuth;
+  return true;
+}
+
+bool TrackerEngine::RestoreAzimuth() {
+  const EngineLock lock(state_->mutex);
+  state_->azimuthZero = 0.0F;
+  return true;
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,42 @@
+#include "engine/worker_thread.h"
+
+#include <utility>
+
+namespace kinetrel {
+
+std::shared_ptr<WorkerThread::Run> WorkerThread::Current() const {
+  const std::lock_guard held(lock_);
+  return run_;
+}
+
+bool WorkerThread::Start(Entry entry) {
+  const std::lock_guard held(lock_);
+  if (run_ != nullptr && !run_->thread.Wait(Milliseconds(0))) return true;
+  const StopEvent stop;
+  Result<Thread> thread = Thread::Start([stop, entry = std::move(entry)] { entry(stop); });
+  if (!thread.Ok()) return false;
+  run_ = std::make_shared<Run>(Run{stop, std::move(*thread)});
+  return true;
+}
+
+void WorkerThread::Stop(bool wait) {
+  std::shared_ptr<Run> run;
+  {
+    const std::lock_guard held(lock_);
+    run = std::exchange(run_, nullptr);
+  }
+  if (run == nullptr) return;
+  run->stop.Set();
+  if (wait && !run->thread.IsCurrent()) run->thread.Wait(kStopPatience);
+}
+
+bool WorkerThread::Exists() const { return Current() != nullptr; }
+
+bool WorkerThread::IsRunning() const { return !Wait(Milliseconds(0)); }
+
+bool WorkerThread::Wait(Milliseconds timeout) const {
+  const std::shared_ptr<Run> run = Current();
+  return run == nullptr || run->thread.Wait(timeout);
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,36 @@
+// Threads whose end can be waited for, and their priority.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+#include "platform/clock.h"
+#include "platform/status.h"
+
+namespace kinetrel {
+
+// Destroying the object neither ends the thread nor waits for it: a thread that hangs in a device
+// is abandoned, so `body` must own whatever it uses.
+class Thread {
+ public:
+  static Result<Thread> Start(std::function<void()> body);
+
+  Thread(Thread&&) noexcept;
+  Thread& operator=(Thread&&) noexcept;
+  ~Thread();
+
+  // True when the thread has ended within `timeout`. Any number of threads may wait at once.
+  bool Wait(Milliseconds timeout) const;
+  bool IsCurrent() const;
+
+ private:
+  struct State;
+  explicit Thread(std::shared_ptr<State> state);
+  std::shared_ptr<State> state_;
+};
+
+// Makes the calling thread time-critical, and its process a high-priority one where the system
+// has such a class. Denied: this account may not; the thread goes on as it was.
+Status RaiseToTimeCritical();
+
+}  // namespace kinetrel

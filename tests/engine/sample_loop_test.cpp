@@ -1,0 +1,335 @@
+// Whole runs of the sampling thread over real shared memory, told by what a reader sees, what the
+// device was asked and what the log keeps.
+
+#include "engine/sample_loop.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include "engine/tracker_engine.h"
+#include "publish/shared_track_reader.h"
+#include "tests/engine/scripted_device.h"
+#include "tests/support/allocation_counter.h"
+#include "tests/support/free_slot.h"
+#include "tests/support/wait_until.h"
+
+namespace kinetrel::test {
+namespace {
+
+class Sampling : public testing::Test {
+ protected:
+  // Opens the scripted device and samples it.
+  void Start(const std::function<void(StartConfig&)>& edit = [](StartConfig&) {}) {
+    engine_ = std::make_unique<TrackerEngine>(factory_);
+    engine_->Configure([&](StartConfig& config) {
+      config.shmDevice = slot_.device();
+      edit(config);
+      return true;
+    });
+    ASSERT_EQ(engine_->Open(3, 1, false), OpenResult::Opened);
+    ASSERT_TRUE(engine_->StartSampling());
+  }
+
+  bool Logged(int code, const std::string& text) {
+    return WaitUntil([&] {
+      const auto entries = engine_->status().Entries();
+      return std::any_of(entries.begin(), entries.end(), [&](const StatusEntry& entry) {
+        return entry.code == code && entry.text == text;
+      });
+    });
+  }
+
+  // The block as soon as it satisfies `condition`.
+  SharedTrackBlock Await(const std::function<bool(const SharedTrackBlock&)>& condition) {
+    SharedTrackBlock block{};
+    EXPECT_TRUE(WaitUntil([&] {
+      return reader_.OpenOnly(0) && reader_.Copy(block, Milliseconds(1000)) && condition(block);
+    }));
+    return block;
+  }
+  SharedTrackBlock AwaitFrames(int count) {
+    return Await([=](const SharedTrackBlock& block) { return block.frameCount >= count; });
+  }
+
+  // A device that moves nothing and delivers `mask` every millisecond, azimuths 30 and 50 degrees.
+  std::function<unsigned(TrackerDevice&, double*)> Deliver(unsigned mask) {
+    return [mask](TrackerDevice& device, double* sampleTime) {
+      SleepFor(Milliseconds(1));
+      for (int sensor = 0; sensor < 2; ++sensor) {
+        const float azimuth = sensor == 0 ? 30.0F : 50.0F;
+        const float pose[6] = {1, 2, 3, azimuth, 5, 6};
+        std::copy_n(pose, 6, device.GetSensorPose(sensor));
+        const float quaternion[4] = {0.5F, 0.5F, 0.5F, 0.5F};
+        std::copy_n(quaternion, 4, device.GetSensorQuaternion(sensor));
+      }
+      *sampleTime = device.ElapsedSeconds();
+      return mask;
+    };
+  }
+
+  FreeSlot slot_;
+  Script script_;
+  DeviceFactory factory_ = ScriptedFactory(script_);
+  std::unique_ptr<TrackerEngine> engine_;
+  SharedTrackReader reader_{slot_.device()};
+};
+
+TEST_F(Sampling, PublishesWhatTheDeviceDelivers) {
+  script_.readFrame = Deliver(3);
+  script_.frameRate = 120;
+  Start([](StartConfig& config) { config.sensorMask = 3; });
+  const SharedTrackBlock block = AwaitFrames(20);
+  EXPECT_EQ(block.writerPresent, 1);
+  EXPECT_EQ(DeviceNameOf(block), "Ascension Flock");
+  EXPECT_EQ(block.flags, 0x133U);
+  EXPECT_EQ(block.sensorMask, 3U);
+  EXPECT_EQ(block.frameRate, 120.0);
+  EXPECT_EQ(block.poses[0], (std::array<float, 6>{1, 2, 3, 30, 5, 6}));
+  EXPECT_EQ(block.poses[1], (std::array<float, 6>{1, 2, 3, 50, 5, 6}));
+  EXPECT_EQ(block.poses[2], (std::array<float, 6>{}));
+  // Both times have the writer's start as origin.
+  EXPECT_GE(block.publishTime, block.sampleTime);
+  EXPECT_LT(block.publishTime - block.sampleTime, 5.0);
+
+  testing::internal::CaptureStderr();
+  EXPECT_TRUE(engine_->StopSampling(true));
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find(" frames sampled.\n\t"), std::string::npos) << said;
+  EXPECT_NE(said.find(" seconds elapsed.\nClosing ... \n\tMTS closed. "), std::string::npos)
+      << said;
+  const SharedTrackBlock last = Await([](const SharedTrackBlock&) { return true; });
+  EXPECT_EQ(last.writerPresent, 0);
+}
+
+TEST_F(Sampling, AzimuthZeroShiftsEverySensorAndNothingElse) {
+  script_.readFrame = Deliver(1);
+  Start([](StartConfig& config) {
+    config.sensorMask = 1;
+    config.componentMask = 7;
+  });
+  AwaitFrames(3);
+  engine_->ZeroAzimuth();
+  const SharedTrackBlock zeroed =
+      Await([](const SharedTrackBlock& block) { return block.poses[0][3] == 0.0F; });
+  EXPECT_EQ(zeroed.poses[0], (std::array<float, 6>{1, 2, 3, 0, 5, 6}));
+  EXPECT_EQ(zeroed.quaternions[0], (std::array<float, 4>{0.5F, 0.5F, 0.5F, 0.5F}));
+  engine_->RestoreAzimuth();
+  Await([](const SharedTrackBlock& block) { return block.poses[0][3] == 30.0F; });
+}
+
+struct ComponentCase {
+  const char* name;
+  unsigned components;
+  bool recordsGone;
+  std::array<float, 6> pose;
+  std::array<float, 4> quaternion;
+};
+
+class Components : public Sampling, public testing::WithParamInterface<ComponentCase> {};
+
+TEST_P(Components, ChooseWhatIsWritten) {
+  const ComponentCase& row = GetParam();
+  const auto deliver = Deliver(1);
+  script_.readFrame = [&, deliver](TrackerDevice& device, double* sampleTime) {
+    if (!row.recordsGone) return deliver(device, sampleTime);
+    SleepFor(Milliseconds(1));
+    return 1U;
+  };
+  script_.recordsGone = row.recordsGone;
+  Start([&](StartConfig& config) { config.componentMask = row.components; });
+  const SharedTrackBlock block = AwaitFrames(2);
+  EXPECT_EQ(ComponentMaskOf(block), row.components);
+  EXPECT_EQ(block.poses[0], row.pose);
+  EXPECT_EQ(block.quaternions[0], row.quaternion);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Engine, Components,
+    testing::Values(ComponentCase{"None", 0, false, {}, {1, 0, 0, 0}},
+                    ComponentCase{"Position", 1, false, {1, 2, 3, 0, 0, 0}, {1, 0, 0, 0}},
+                    ComponentCase{"Angles", 2, false, {0, 0, 0, 30, 5, 6}, {1, 0, 0, 0}},
+                    ComponentCase{"Pose", 3, false, {1, 2, 3, 30, 5, 6}, {1, 0, 0, 0}},
+                    ComponentCase{"Quaternion", 4, false, {}, {0.5F, 0.5F, 0.5F, 0.5F}},
+                    ComponentCase{"NoRecordOfPose", 3, true, {}, {1, 0, 0, 0}},
+                    ComponentCase{"NoRecordOfAnything", 7, true, {}, {1, 0, 0, 0}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Sampling, ReportsARunOfFailuresOnce) {
+  const auto deliver = Deliver(1);
+  int frame = 0;
+  script_.errorText = "BIT error";
+  script_.readText = "01a";
+  script_.reportCode = -7;
+  script_.readFrame = [&, deliver](TrackerDevice& device, double* sampleTime) {
+    ++frame;
+    // 500 good frames, three failures, good for ever.
+    return frame > 500 && frame <= 503 ? 0U : deliver(device, sampleTime);
+  };
+  Start();
+  EXPECT_TRUE(Logged(-7, "Error: Sampling error. (after 500 valid samples)"));
+  EXPECT_TRUE(Logged(0, "Tracker Error: BIT error"));
+  EXPECT_TRUE(Logged(0, "Tracker Read String: 01a"));
+  EXPECT_TRUE(Logged(1, "Running. (after 3 error samples)"));
+}
+
+// A device that fails at once, for ever, must not take the processor with it.
+TEST_F(Sampling, FailuresAtOnceAreFollowedByARest) {
+  std::atomic<int> reads = 0;
+  script_.frameRate = 10;  // a nap of 90 ms after a publication, so none after a failure
+  script_.readFrame = [&](TrackerDevice&, double*) {
+    ++reads;
+    return 0U;
+  };
+  Start();
+  EXPECT_TRUE(Logged(0, "Error: Sampling error. (after 0 valid samples)"));
+  const int before = reads;
+  SleepFor(Milliseconds(200));
+  EXPECT_LE(reads - before, 11);
+}
+
+TEST_F(Sampling, KeyboardTrackerWithoutKeysIsNoFailure) {
+  std::atomic<int> reads = 0;
+  script_.statusCode = 8;
+  script_.readFrame = [&](TrackerDevice&, double*) {
+    SleepFor(Milliseconds(2));
+    ++reads;
+    return 0U;
+  };
+  Start();
+  ASSERT_TRUE(WaitUntil([&] { return reads > 20; }));
+  for (const StatusEntry& entry : engine_->status().Entries()) EXPECT_NE(entry.text[0], 'E');
+}
+
+struct ModeCase {
+  const char* name;
+  int statusCode;
+  int asked;  // 1 streaming
+  bool streams;
+  const char* said;
+};
+
+class Modes : public Sampling, public testing::WithParamInterface<ModeCase> {};
+
+TEST_P(Modes, FollowTheDevice) {
+  const ModeCase& row = GetParam();
+  script_.statusCode = row.statusCode;
+  script_.readFrame = Deliver(1);
+  Start([&](StartConfig& config) { config.streaming = row.asked; });
+  AwaitFrames(1);
+  const auto calls = script_.Calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "StartContinuous"), row.streams ? 1 : 0);
+  EXPECT_EQ(engine_->Configuration().streaming, row.streams ? 1 : 0);
+  EXPECT_TRUE(*row.said == '\0' || Logged(3, row.said));
+}
+
+constexpr const char* kNoStreaming = "Streaming not supported on Ascension Flock.";
+constexpr const char* kNoPolling = "Polling not supported on Ascension Flock.";
+INSTANTIATE_TEST_SUITE_P(
+    Engine, Modes,
+    testing::Values(ModeCase{"AnyStreams", 0, 1, true, ""}, ModeCase{"AnyPolls", 0, 0, false, ""},
+                    ModeCase{"NewSerialStreams", 0x201, 1, true, ""},
+                    ModeCase{"OldSerialIsPolled", 0x204, 1, false, kNoStreaming},
+                    ModeCase{"PanTiltIsPolled", 0x103, 1, false, kNoStreaming},
+                    ModeCase{"LogitechIsPolled", 0x400, 1, false, kNoStreaming},
+                    ModeCase{"LibraryIsPolled", 0x602, 1, false, kNoStreaming},
+                    ModeCase{"GpsStreams", 0xC00, 0, true, kNoPolling},
+                    ModeCase{"NoPollStreams", 0x800, 0, true, kNoPolling}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+class Buttons final : public DAQControl {
+ public:
+  explicit Buttons(std::atomic<std::uint32_t>& bits) : bits_(bits) { digitalChannels_ = 4; }
+  int Boot(int) override { return 1; }
+  int QueryCaps(char*, int) override { return 1; }
+  int Read(int) override {
+    digitalBits_ = bits_;
+    return digitalBits_ != kUnplugged ? 1 : 0;
+  }
+  static constexpr std::uint32_t kUnplugged = 0xFFFFFFFF;
+
+ private:
+  std::atomic<std::uint32_t>& bits_;
+};
+
+TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
+  std::atomic<std::uint32_t> bits = 0x15;  // a fifth bit that is no channel
+  factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits); };
+  script_.readFrame = Deliver(1);
+  Start([](StartConfig& config) { config.joystickPort = 1; });
+  const auto pressed = [](std::uint32_t buttons) {
+    return [=](const SharedTrackBlock& block) {
+      return ButtonsValid(block) && block.buttons == buttons;
+    };
+  };
+  Await(pressed(0x5));
+  bits = Buttons::kUnplugged;
+  Await([](const SharedTrackBlock& block) { return !ButtonsValid(block); });
+  bits = 0xA;
+  Await(pressed(0xA));
+}
+
+TEST_F(Sampling, WithoutSharedMemoryTheThreadEndsAndSaysSo) {
+  // Objects of another size bear all sixteen names, and somebody has them open.
+  std::vector<int> taken;
+  for (int bin = 0; bin < kSharedBins; ++bin) {
+    const std::string path = "/" + BlockName(slot_.device(), bin);
+    const int fd = ::shm_open(path.c_str(), O_RDWR | O_CREAT, 0666);
+    ASSERT_GE(fd, 0);
+    struct flock lock {};
+    lock.l_type = F_RDLCK;
+    ASSERT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
+    taken.push_back(fd);
+  }
+  Start();
+  EXPECT_TRUE(engine_->WaitSampling(Milliseconds(20000)));
+  EXPECT_TRUE(Logged(-10, "MTS failed to open."));
+  EXPECT_TRUE(Logged(6, "MTS closed."));
+  for (int bin = 0; bin < kSharedBins; ++bin) {
+    ::close(taken[static_cast<std::size_t>(bin)]);
+    ::shm_unlink(("/" + BlockName(slot_.device(), bin)).c_str());
+  }
+}
+
+TEST_F(Sampling, NothingIsAllocatedPerFrame) {
+  std::atomic<int> frames = 0;
+  script_.readFrame = [&](TrackerDevice& device, double* sampleTime) {
+    CountAllocations(++frames > 100 && frames <= 10100);
+    *sampleTime = device.ElapsedSeconds();
+    return 0xFFFFFFFFU;
+  };
+  Start([](StartConfig& config) {
+    config.sensorMask = 0xFFFFFFFF;
+    config.componentMask = 7;
+    config.streaming = 0;
+  });
+  ASSERT_TRUE(WaitUntil([&] { return frames > 10200; }));
+  EXPECT_EQ(CountedAllocations(), 0);
+}
+
+// A device that never comes back from a read: the stop gives up after its time, and what the
+// thread still holds is there when it comes back at last.
+TEST_F(Sampling, AHungDeviceIsAbandonedNotCrashed) {
+  std::atomic<bool> hung = false;
+  StopEvent release;
+  script_.readFrame = [&](TrackerDevice&, double*) {
+    hung = true;
+    release.Wait(kForever);
+    return 0U;
+  };
+  Start();
+  ASSERT_TRUE(WaitUntil([&] { return hung.load(); }));
+  engine_.reset();
+  EXPECT_EQ(script_.alive, 1);  // the thread still owns the device
+  const auto calls = script_.Calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "ClosePort"), 0);
+  release.Set();
+  EXPECT_TRUE(WaitUntil([&] { return script_.alive == 0; }));
+}
+
+}  // namespace
+}  // namespace kinetrel::test

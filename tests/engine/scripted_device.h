@@ -1,0 +1,143 @@
+// A tracker whose every answer a test decides, and that remembers what it was asked.
+#pragma once
+
+#include <atomic>
+#include <cstdio>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "devices/device_factory.h"
+#include "devices/tracker_device.h"
+
+namespace kinetrel::test {
+
+// What the device does and has seen; outlives the device, which the engine owns.
+struct Script {
+  int portResult = 1;
+  int portNumber = 1;
+  BootResult bootResult = kBooted;
+  int statusCode = 0;
+  int frameRate = 0;  // 0: as fast as frames come
+  std::function<unsigned(TrackerDevice&, double*)> readFrame;
+  bool recordsGone = false;  // the record getters answer null
+  const char* errorText = "";
+  const char* readText = "";
+  int reportCode = 0;
+
+  void Note(const std::string& call) {
+    const std::lock_guard held(lock);
+    calls.push_back(call);
+  }
+  std::vector<std::string> Calls() {
+    const std::lock_guard held(lock);
+    return calls;
+  }
+
+  std::mutex lock;
+  std::vector<std::string> calls;
+  std::atomic<int> alive = 0;
+};
+
+class ScriptedDevice final : public TrackerDevice {
+ public:
+  explicit ScriptedDevice(Script& script) : script_(script) {
+    AllocateSensors(32);
+    SetName(DeviceName::AscensionFlock);
+    ++script_.alive;
+  }
+  ~ScriptedDevice() override { --script_.alive; }
+
+  int OpenPortNumber(int number, int baud) override {
+    Note("OpenPortNumber %d %d", number, baud);
+    portNumber_ = script_.portNumber;
+    return script_.portResult;
+  }
+  int ClosePort() override {
+    Note("ClosePort");
+    return 1;
+  }
+  BootResult Boot(int reset) override {
+    Note("Boot %d", reset);
+    booted_ = script_.bootResult >= kBooted;
+    return script_.bootResult;
+  }
+  int QueryStatus(char* text, int size) override {
+    return std::snprintf(text, static_cast<std::size_t>(size), "all well");
+  }
+  unsigned ReadFrame(double* sampleTime) override {
+    if (script_.readFrame == nullptr) return Pause(1) ? 0U : 0U;
+    const unsigned updated = script_.readFrame(*this, sampleTime);
+    if (updated == 0) FillReport();
+    return updated;
+  }
+  void Poll() override {}
+  void StartContinuous() override { Note("StartContinuous"); }
+  unsigned SetSensorMask(unsigned mask, int count) override {
+    Note("SetSensorMask %x %d", mask, count);
+    return TrackerDevice::SetSensorMask(mask, count);
+  }
+  int SetUnits(int units) override {
+    Note("SetUnits %d", units);
+    return TrackerDevice::SetUnits(units);
+  }
+  int SetAlignment(int sensor, const float x[3], const float y[3]) override {
+    Note("SetAlignment %d %g,%g,%g %g,%g,%g", sensor, x[0], x[1], x[2], y[0], y[1], y[2]);
+    return 1;
+  }
+  int SetSynchronization(int mode) override {
+    Note("SetSynchronization %d", mode);
+    return 0;
+  }
+  unsigned SetComponentMask(unsigned mask) override {
+    Note("SetComponentMask %x", mask);
+    return TrackerDevice::SetComponentMask(mask);
+  }
+  int SetHemisphere(int sensor, const float zenith[3]) override {
+    Note("SetHemisphere %d %g,%g,%g", sensor, zenith[0], zenith[1], zenith[2]);
+    return 0;
+  }
+  bool SetSensorOffset(int sensor, const float pose[6]) override {
+    Note("SetSensorOffset %d %g,%g,%g,%g,%g,%g", sensor, pose[0], pose[1], pose[2], pose[3],
+         pose[4], pose[5]);
+    return true;
+  }
+  int GetStatusCode() override { return script_.statusCode; }
+  int GetFrameRate() override { return script_.frameRate; }
+  float* GetSensorPose(int sensor) override {
+    return script_.recordsGone ? nullptr : TrackerDevice::GetSensorPose(sensor);
+  }
+  float* GetSensorPosition(int sensor) override { return GetSensorPose(sensor); }
+  float* GetSensorEuler(int sensor) override {
+    return script_.recordsGone ? nullptr : TrackerDevice::GetSensorEuler(sensor);
+  }
+  float* GetSensorQuaternion(int sensor) override {
+    return script_.recordsGone ? nullptr : TrackerDevice::GetSensorQuaternion(sensor);
+  }
+
+ private:
+  template <typename... Values>
+  void Note(const char* format, Values... values) {
+    char text[128];
+    std::snprintf(text, sizeof text, format, values...);
+    script_.Note(text);
+  }
+  void Note(const char* text) { script_.Note(text); }
+  void FillReport() {
+    std::snprintf(errorText_.data(), errorText_.size(), "%s", script_.errorText);
+    std::snprintf(readText_.data(), readText_.size(), "%s", script_.readText);
+    reportCode_ = script_.reportCode;
+  }
+
+  Script& script_;
+};
+
+inline DeviceFactory ScriptedFactory(Script& script) {
+  DeviceFactory factory;
+  factory.device = [&script](int) { return std::make_unique<ScriptedDevice>(script); };
+  return factory;
+}
+
+}  // namespace kinetrel::test

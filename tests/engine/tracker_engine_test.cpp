@@ -1,0 +1,313 @@
+#include "engine/tracker_engine.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/engine/scripted_device.h"
+#include "tests/support/free_slot.h"
+
+namespace kinetrel::test {
+namespace {
+
+std::vector<std::pair<int, std::string>> LogOf(TrackerEngine& engine) {
+  std::vector<std::pair<int, std::string>> lines;
+  for (const StatusEntry& entry : engine.status().Entries()) {
+    lines.emplace_back(entry.code, entry.text);
+  }
+  return lines;
+}
+
+// Each way that an Open can end, with what it leaves in the log and says on the console.
+struct OpenCase {
+  const char* name;
+  int type;
+  int portResult;
+  int portNumber;
+  BootResult bootResult;
+  OpenResult result;
+  std::vector<std::pair<int, std::string>> log;
+  std::string console;
+};
+
+class OpenEndings : public testing::TestWithParam<OpenCase> {};
+
+TEST_P(OpenEndings, SayWhatHappened) {
+  const OpenCase& row = GetParam();
+  Script script;
+  script.portResult = row.portResult;
+  script.portNumber = row.portNumber;
+  script.bootResult = row.bootResult;
+  DeviceFactory factory;
+  factory.device = [&](int type) -> std::unique_ptr<TrackerDevice> {
+    if (type == 13) return nullptr;
+    return std::make_unique<ScriptedDevice>(script);
+  };
+  TrackerEngine engine(factory);
+
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  const OpenResult result = engine.Open(row.type, 3, false);
+  const std::string console =
+      testing::internal::GetCapturedStderr() + testing::internal::GetCapturedStdout();
+
+  EXPECT_EQ(result, row.result);
+  EXPECT_EQ(engine.IsOpen(), row.result == OpenResult::Opened);
+  EXPECT_EQ(console, row.console);
+  EXPECT_EQ(LogOf(engine), row.log);
+  EXPECT_EQ(script.alive, row.result == OpenResult::Opened ? 1 : 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Engine, OpenEndings,
+    testing::Values(
+        OpenCase{"Opened",
+                 3,
+                 1,
+                 3,
+                 1,
+                 OpenResult::Opened,
+                 {{1, "Initializing Ascension Flock... "},
+                  {2, "Serial port(3) open ... "},
+                  {3, "Tracker(Ascension Flock) booted ... "}},
+                 "\nInitializing Ascension Flock... \n\tSerial port(3) open ... "
+                 "\n\tTracker(Ascension Flock) booted ... "},
+        OpenCase{"OnUsb",
+                 3,
+                 1,
+                 257,
+                 1,
+                 OpenResult::Opened,
+                 {{1, "Initializing Ascension Flock... "},
+                  {2, "USB port open ... "},
+                  {3, "Tracker(Ascension Flock) booted ... "}},
+                 "\nInitializing Ascension Flock... \n\tUSB port open ... "
+                 "\n\tTracker(Ascension Flock) booted ... "},
+        OpenCase{"PortRefused",
+                 3,
+                 0,
+                 3,
+                 1,
+                 OpenResult::PortFailed,
+                 {{1, "Initializing Ascension Flock... "}, {-3, "Port(3) failed to open(0)."}},
+                 "\nInitializing Ascension Flock... \n\tPort(3) failed to open(0)."},
+        OpenCase{"UnknownProduct",
+                 3,
+                 1,
+                 3,
+                 -7,
+                 OpenResult::BootFailed,
+                 {{1, "Initializing Ascension Flock... "},
+                  {2, "Serial port(3) open ... "},
+                  {-4, "Tracker(Ascension Flock) failed to boot(-7)."},
+                  {-4, "Unrecognized product"}},
+                 "\nInitializing Ascension Flock... \n\tSerial port(3) open ... "
+                 "\n\tTracker(Ascension Flock) failed to boot(-7).\n\t\tUnrecognized product\n"},
+        OpenCase{"BootResultBeyondTheTexts",
+                 3,
+                 1,
+                 3,
+                 -11,
+                 OpenResult::BootFailed,
+                 {{1, "Initializing Ascension Flock... "},
+                  {2, "Serial port(3) open ... "},
+                  {-4, "Tracker(Ascension Flock) failed to boot(-11)."}},
+                 "\nInitializing Ascension Flock... \n\tSerial port(3) open ... "
+                 "\n\tTracker(Ascension Flock) failed to boot(-11)."},
+        OpenCase{"SpaceBall",
+                 5,
+                 1,
+                 3,
+                 1,
+                 OpenResult::NoDevice,
+                 {{-1, "SpaceBall instrument not supported."}},
+                 "\nSpaceBall instrument (TYPE=5) not supported."},
+        OpenCase{"OldClient",
+                 7,
+                 1,
+                 3,
+                 1,
+                 OpenResult::NoDevice,
+                 {{-1, "Veltrano MTS client instrument not supported."}},
+                 "\nVeltrano MTS client instrument (TYPE=7) not supported."},
+        OpenCase{"UnknownType",
+                 13,
+                 1,
+                 3,
+                 1,
+                 OpenResult::NoDevice,
+                 {{-1, "Unknown device type specified."}},
+                 "Unknown TYPE tistart.dtyp = 13"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(Engine, OpensOnceAndClosesOnce) {
+  Script script;
+  TrackerEngine engine(ScriptedFactory(script));
+  EXPECT_FALSE(engine.Close());
+  EXPECT_FALSE(engine.StartSampling());
+  ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+  EXPECT_EQ(engine.Open(3, 2, false), OpenResult::AlreadyOpen);
+  EXPECT_EQ(engine.status().Newest().code, -2);
+  EXPECT_EQ(engine.status().Newest().text, "Open: MTS already open");
+  EXPECT_EQ(engine.Configuration().port, 1);
+  EXPECT_EQ(script.alive, 1);
+  EXPECT_TRUE(engine.Close());
+  EXPECT_EQ(script.alive, 0);
+  EXPECT_EQ(script.Calls().back(), "ClosePort");
+  EXPECT_FALSE(engine.Close());
+  EXPECT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+}
+
+// What reaches the device after boot, and in which order.
+struct PushCase {
+  const char* name;
+  std::function<void(StartConfig&)> edit;
+  int statusCode;
+  std::vector<std::string> calls;
+};
+
+class ConfigurationPush : public testing::TestWithParam<PushCase> {};
+
+TEST_P(ConfigurationPush, ReachesTheDeviceInOrder) {
+  const PushCase& row = GetParam();
+  Script script;
+  script.statusCode = row.statusCode;
+  TrackerEngine engine(ScriptedFactory(script));
+  engine.Configure([&](StartConfig& config) {
+    row.edit(config);
+    return true;
+  });
+  ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+  std::vector<std::string> calls = script.Calls();
+  calls.erase(calls.begin(), calls.begin() + 2);  // OpenPortNumber, Boot
+  EXPECT_EQ(calls, row.calls);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Engine, ConfigurationPush,
+    testing::Values(
+        PushCase{"Defaults",
+                 [](StartConfig&) {},
+                 0,
+                 {"SetSensorMask 1 0", "SetComponentMask 3", "SetSensorOffset -1 0,0,0,0,0,0",
+                  "SetHemisphere -1 1,0,0", "SetUnits 1", "SetSynchronization 0",
+                  "SetSensorOffset -1 0,0,0,0,0,0"}},
+        PushCase{"RollGivenIsTakenBack",
+                 [](StartConfig& c) { c.transmitterOffset = {10, 0, 0, 0, 0, 0.5F}; },
+                 0,
+                 {"SetSensorMask 1 0", "SetComponentMask 3", "SetSensorOffset -1 10,0,0,0,0,0.5",
+                  "SetHemisphere -1 1,0,0", "SetUnits 1", "SetSynchronization 0",
+                  "SetSensorOffset -1 10,0,0,0,0,0"}},
+        PushCase{"RolledAndAligned",
+                 [](StartConfig& c) {
+                   c.rollAll = 1;
+                   c.sync = 2;
+                   c.sensorMask = 5;
+                   c.alignX = {1, 0, 0};
+                   c.alignY = {0, 1, 0};
+                 },
+                 0,
+                 {"SetSensorMask 5 0", "SetComponentMask 3", "SetSensorOffset -1 0,0,0,0,0,0",
+                  "SetHemisphere -1 1,0,0", "SetUnits 1", "SetSynchronization 2",
+                  "SetSensorOffset -1 0,0,0,0,0,-3.14159", "SetAlignment -1 1,0,0 0,1,0"}},
+        PushCase{"GpsHasItsOwnUnits",
+                 [](StartConfig&) {},
+                 0xC00,
+                 {"SetSensorMask 1 0", "SetComponentMask 3", "SetSensorOffset -1 0,0,0,0,0,0",
+                  "SetHemisphere -1 1,0,0", "SetUnits 2", "SetSynchronization 0",
+                  "SetSensorOffset -1 0,0,0,0,0,0"}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(Engine, ReportsStatusAndAlignmentWhenAsked) {
+  Script script;
+  TrackerEngine engine(ScriptedFactory(script));
+  engine.Configure([](StartConfig& config) {
+    config.query = 1;
+    config.alignX = {1, 0, 0};
+    return true;
+  });
+  testing::internal::CaptureStdout();
+  ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nSTATUS:\n\tall well\n");
+  const auto log = LogOf(engine);
+  EXPECT_NE(std::find(log.begin(), log.end(), std::pair(3, std::string("STATUS: all well"))),
+            log.end());
+  EXPECT_EQ(log.back(), std::pair(6, std::string("ALIGNED")));
+}
+
+TEST(Engine, DerivesTheSharedMemoryDeviceFromThePort) {
+  struct Row {
+    int port;
+    int configured;
+    int expected;
+  };
+  for (const Row& row : {Row{1, -1, 0}, Row{2, -1, 1}, Row{17, -1, 0}, Row{0, -1, 15},
+                         Row{StartConfig::kUsbPort, -1, 0}, Row{2, 9, 9}}) {
+    Script script;
+    TrackerEngine engine(ScriptedFactory(script));
+    engine.Configure([&](StartConfig& config) {
+      config.shmDevice = row.configured;
+      return true;
+    });
+    ASSERT_EQ(engine.Open(3, row.port, false), OpenResult::Opened);
+    EXPECT_EQ(engine.Configuration().shmDevice, row.expected) << row.port;
+    engine.Close();
+    EXPECT_EQ(engine.Configuration().shmDevice, -1);
+  }
+}
+
+class Stick final : public DAQControl {
+ public:
+  explicit Stick(int bootResult) : bootResult_(bootResult) {}
+  int Boot(int) override { return bootResult_; }
+  int QueryCaps(char*, int) override { return 0; }
+  int Read(int) override { return 0; }
+
+ private:
+  int bootResult_;
+};
+
+TEST(Engine, SaysWhetherTheJoystickIsThere) {
+  struct Row {
+    int bootResult;  // -1: the system has no joysticks
+    std::pair<int, std::string> entry;
+  };
+  for (const Row& row :
+       {Row{1, {5, "Joystick(0) booted ... "}}, Row{0, {-5, "Joystick(0) failed to boot(0)."}},
+        Row{-1, {-5, "Joystick(0) failed to boot(0)."}}}) {
+    Script script;
+    DeviceFactory factory = ScriptedFactory(script);
+    factory.joystick = [&](int) -> std::unique_ptr<DAQControl> {
+      if (row.bootResult < 0) return nullptr;
+      return std::make_unique<Stick>(row.bootResult);
+    };
+    TrackerEngine engine(factory);
+    engine.Configure([](StartConfig& config) {
+      config.joystickPort = 2;
+      return true;
+    });
+    ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+    EXPECT_EQ(LogOf(engine).back(), row.entry);
+  }
+}
+
+TEST(Engine, ManyThreadsOpenAndCloseWithoutHarm) {
+  Script script;
+  TrackerEngine engine(ScriptedFactory(script));
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&engine] {
+      for (int round = 0; round < 10; ++round) {
+        if (engine.Open(3, 1, false) == OpenResult::Opened) engine.Close();
+        engine.ZeroAzimuth();
+        engine.ResetMappings();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  engine.Close();
+  EXPECT_EQ(script.alive, 0);
+}
+
+}  // namespace
+}  // namespace kinetrel::test
