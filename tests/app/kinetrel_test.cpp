@@ -1,0 +1,196 @@
+// The program as its operator has it: a real process on a real terminal, and its clients' view.
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <termios.h>
+
+#include <cmath>
+
+#include "publish/shared_track_reader.h"
+#include "tests/support/child_process.h"
+#include "tests/support/free_slot.h"
+#include "tests/support/pseudo_terminal.h"
+
+namespace kinetrel::test {
+namespace {
+
+std::vector<std::string> Simulated(const FreeSlot& slot, std::vector<std::string> more = {}) {
+  std::vector<std::string> arguments = {"-d8", "-z-", "-w" + std::to_string(slot.slot())};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
+
+bool SameSettings(const termios& a, const termios& b) {
+  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+         a.c_lflag == b.c_lflag;
+}
+
+class Program : public testing::Test {
+ protected:
+  void Start(std::vector<std::string> more = {}) {
+    tcgetattr(terminal_.nearEnd(), &before_);
+    program_.emplace("kinetrel", Simulated(slot_, std::move(more)),
+                     ChildProcess::Options{.terminal = &terminal_});
+    ASSERT_TRUE(terminal_.Expect("Running ..."));
+  }
+
+  int Wait() {
+    const bool ended = WaitUntil([&] {
+      terminal_.Received();  // a full terminal would hold the program up
+      return program_->Wait(std::chrono::milliseconds(1)) != ChildProcess::kStillRuns;
+    });
+    return ended ? program_->Wait() : ChildProcess::kStillRuns;
+  }
+
+  bool TerminalIsAsBefore() {
+    termios now{};
+    tcgetattr(terminal_.nearEnd(), &now);
+    return SameSettings(before_, now);
+  }
+
+  FreeSlot slot_;
+  PseudoTerminal terminal_{PseudoTerminal::Mode::Cooked};
+  termios before_{};
+  std::optional<ChildProcess> program_;
+};
+
+TEST_F(Program, RunsFromTheCommandLineToAClientAndBack) {
+  Start({"-s0x3"});
+  SharedTrackReader reader(slot_.device());
+  SharedTrackBlock block{};
+  ASSERT_TRUE(WaitUntil([&] {
+    return reader.OpenOnly(0) && reader.Copy(block, Milliseconds(1000)) && block.frameCount > 4;
+  }));
+  EXPECT_EQ(DeviceNameOf(block), "OrvixTraject");
+  EXPECT_EQ(block.writerPresent, 1);
+  EXPECT_EQ(block.flags, 0x133U);
+  // Sensor 0 moves on a circle of 80 cm, sensor 1 on one of three times that.
+  EXPECT_NEAR(std::hypot(block.poses[0][0], block.poses[0][1]), 80.0, 1e-3);
+  EXPECT_NEAR(std::hypot(block.poses[1][0], block.poses[1][1]), 240.0, 1e-3);
+
+  terminal_.Send("\x01");
+  EXPECT_TRUE(terminal_.Expect("\rRunning ... (Azimuth Zeroed) "));
+  EXPECT_TRUE(WaitUntil([&] {
+    return reader.Copy(block, Milliseconds(1000)) && std::abs(block.poses[1][3]) < 1.0F;
+  }));
+  terminal_.Send("a");
+  EXPECT_TRUE(terminal_.Expect("\r                                \rRunning ... "));
+  terminal_.Send("\x1b");
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_TRUE(terminal_.Expect(" frames sampled."));
+  EXPECT_TRUE(terminal_.Expect("MTS closed."));
+  EXPECT_TRUE(TerminalIsAsBefore());
+  EXPECT_TRUE(reader.Copy(block, Milliseconds(1000)));
+  EXPECT_EQ(block.writerPresent, 0);
+}
+
+TEST_F(Program, KeysThatMeanNothingDoNothing) {
+  Start();
+  terminal_.Send("bz\x1b[A\xff");  // two letters, the Up key and a byte that is no character
+  EXPECT_FALSE(terminal_.Expect("Azimuth", std::chrono::milliseconds(1500)));
+  EXPECT_EQ(program_->Wait(std::chrono::milliseconds(1)), ChildProcess::kStillRuns);
+}
+
+class EndedBySignal : public Program, public testing::WithParamInterface<int> {};
+
+TEST_P(EndedBySignal, EndsAsByEscape) {
+  Start();
+  program_->Signal(GetParam());
+  EXPECT_EQ(Wait(), 0);
+  EXPECT_TRUE(terminal_.Expect("MTS closed."));
+  EXPECT_TRUE(TerminalIsAsBefore());
+}
+
+INSTANTIATE_TEST_SUITE_P(App, EndedBySignal, testing::Values(SIGINT, SIGTERM, SIGHUP),
+                         [](const auto& row) { return std::string(sigabbrev_np(row.param)); });
+
+// How the program ends when it cannot run, and what it says.
+struct Ending {
+  const char* name;
+  std::vector<std::string> arguments;
+  int code;  // as the system gives it: -1 is 255, -2 is 254
+  const char* said;
+};
+
+class Endings : public testing::TestWithParam<Ending> {};
+
+TEST_P(Endings, HaveTheirCode) {
+  ChildProcess program("kinetrel", GetParam().arguments,
+                       {.environment = {{"KINETREL_COM3", "no-such-device"}}});
+  EXPECT_EQ(program.Wait(), GetParam().code);
+  EXPECT_NE(program.error().find("\n\tService Version:  1.300 \tKinetrel Version:  1.420\n"),
+            std::string::npos);
+  EXPECT_NE(program.error().find(GetParam().said), std::string::npos) << program.error();
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    App, Endings,
+    testing::Values(
+        Ending{"BadArgument", {"-d"}, 255, "\n\nUSAGE: "},
+        Ending{"UnknownType", {"-d13"}, 254, "Unknown TYPE tistart.dtyp = 13"},
+        Ending{"RetiredType", {"-d5"}, 254, "\nSpaceBall instrument (TYPE=5) not supported."}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+// Standard input that is no terminal, in all its forms.
+TEST(ProgramInput, KeysMayComeThroughAPipe) {
+  FreeSlot slot;
+  ChildProcess program("kinetrel", Simulated(slot));
+  ASSERT_TRUE(program.ExpectError("Running ..."));
+  program.Send("\x01\x1b");
+  EXPECT_EQ(program.Wait(), 0);
+  EXPECT_NE(program.output().find("(Azimuth Zeroed)"), std::string::npos);
+}
+
+TEST(ProgramInput, ItsEndIsNoStop) {
+  FreeSlot slot;
+  ChildProcess program("kinetrel", Simulated(slot), {.emptyInput = true});
+  ASSERT_TRUE(program.ExpectError("Running ..."));
+  EXPECT_EQ(program.Wait(std::chrono::milliseconds(1200)), ChildProcess::kStillRuns);
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+}
+
+TEST(ProgramInput, AFileOfAnyBytesHarmsNothing) {
+  FreeSlot slot;
+  ChildProcess program("kinetrel", Simulated(slot, {"-s0xF"}));
+  std::string bytes;
+  for (int i = 0; i < 4096; ++i) bytes += static_cast<char>(i * 31 % 256);
+  std::erase(bytes, '\x1b');
+  program.Send(bytes);
+  program.CloseInput();
+  ASSERT_TRUE(program.ExpectError("Running ..."));
+  EXPECT_EQ(program.Wait(std::chrono::milliseconds(1500)), ChildProcess::kStillRuns);
+  program.Signal(SIGINT);
+  EXPECT_EQ(program.Wait(), 0);
+}
+
+// Nobody reads what the program prints: the poses go on all the same.
+TEST(ProgramOutput, AStoppedTerminalStopsNoSampling) {
+  FreeSlot slot;
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  ChildProcess program("kinetrel", Simulated(slot), {.terminal = &terminal});
+  ASSERT_TRUE(terminal.Expect("Running ..."));
+  terminal.Send("\x13");  // Ctrl-S
+  SharedTrackReader reader(slot.device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  SharedTrackBlock block{};
+  EXPECT_TRUE(WaitUntil([&] {
+    return reader.Copy(block, Milliseconds(1000)) && block.frameCount > 150;  // past two blinks
+  }));
+}
+
+TEST(ProgramSlots, ASlotInUseIsSaidInOneLine) {
+  FreeSlot slot;
+  ChildProcess first("kinetrel", Simulated(slot));
+  ASSERT_TRUE(first.ExpectError("Running ..."));
+  const std::string line = "\n\tSharedMemory(" + std::to_string(slot.slot()) +
+                           ") is being written by another program as well.";
+  EXPECT_EQ(first.error().find(line), std::string::npos);
+  ChildProcess second("kinetrel", Simulated(slot));
+  ASSERT_TRUE(second.ExpectError("Running ..."));
+  EXPECT_NE(second.error().find(line), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kinetrel::test
