@@ -1,0 +1,449 @@
+#include "devices/keyboard_device.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "platform/console.h"
+
+namespace kinetrel {
+namespace {
+
+using Field = KeyboardDevice::Field;
+
+constexpr unsigned kWithSteered = 0x0F;
+
+// What `act` prints on the standard output.
+template <typename Act>
+std::string Printed(const Act& act) {
+  testing::internal::CaptureStdout();
+  act();
+  return testing::internal::GetCapturedStdout();
+}
+
+Pose PoseOf(KeyboardDevice& device, int sensor) {
+  Pose pose{};
+  std::copy_n(device.GetSensorPose(sensor), pose.size(), pose.begin());
+  return pose;
+}
+
+void ExpectNear(const Pose& got, const Pose& wanted, float tolerance = 1e-5F) {
+  for (std::size_t i = 0; i < got.size(); ++i) {
+    EXPECT_NEAR(got[i], wanted[i], tolerance * std::max(1.0F, std::fabs(wanted[i]))) << i;
+  }
+}
+
+// ---- Paths ---------------------------------------------------------------------------------
+
+// The direction in which a pose, or a quaternion, turns the x axis.
+std::array<double, 3> ForwardOf(double yaw, double pitch) {
+  return {std::cos(yaw) * std::cos(pitch), std::sin(yaw) * std::cos(pitch), -std::sin(pitch)};
+}
+std::array<double, 3> ForwardOf(const float q[4]) {
+  const double w = q[0];
+  const double x = q[1];
+  const double y = q[2];
+  const double z = q[3];
+  return {1 - 2 * (y * y + z * z), 2 * (x * y + w * z), 2 * (x * z - w * y)};
+}
+
+TEST(KeyboardPaths, FirstFrameInCentimetres) {
+  KeyboardDevice device;
+  device.Boot(0);
+  device.SetSensorMask(0x0013, 0);
+  EXPECT_EQ(device.ReadFrame(nullptr), 0x0013U);
+  // A quarter of a degree on: 80 cm x cos, 80 cm x sin, 20 cm x cos; yaw half a turn ahead.
+  ExpectNear(PoseOf(device, 0),
+             {79.999238F, 0.3490647F, 19.999810F, -3.1372293F, 0.2526778F, 0.00043633F});
+  // 1 rad and a quarter of a degree on, three times as wide; yaw 1.0043633 + pi - 2 pi.
+  ExpectNear(PoseOf(device, 1),
+             {128.79050F, 202.51513F, 32.197626F, -2.1372293F, 0.1345666F, 1.00043633F});
+  // 4 rad on: as wide as sensor 0. Roll 4.0004363 - 2 pi.
+  const double angle = 4.0 + kPi / 720;
+  ExpectNear(PoseOf(device, 4),
+             {static_cast<float>(80 * std::cos(angle)), static_cast<float>(80 * std::sin(angle)),
+              static_cast<float>(20 * std::cos(angle)), static_cast<float>(angle - kPi),
+              static_cast<float>(std::asin(0.25 * std::cos(angle))), -2.2827490F});
+}
+
+TEST(KeyboardPaths, ScaleWithUnitsAndSensor) {
+  struct Row {
+    int units;
+    double perMetre;
+  };
+  for (const Row& row : {Row{0, 39.370079}, Row{1, 100.0}, Row{2, 1.0}, Row{3, 1.0}}) {
+    KeyboardDevice device;
+    device.Boot(0);
+    device.SetUnits(row.units);
+    device.SetSensorMask(0xFFFFFFF7, 0);
+    EXPECT_EQ(device.ReadFrame(nullptr), 0xFFFFFFF7U);
+    for (int sensor = 4; sensor < 32; ++sensor) {
+      const float* const pose = device.GetSensorPose(sensor);
+      const double radius = 0.8 * row.perMetre * std::pow(3.0, sensor % 4);
+      EXPECT_NEAR(std::hypot(pose[0], pose[1]) / radius, 1.0, 1e-5) << sensor;
+      EXPECT_NEAR(pose[2], pose[0] / 4, radius * 1e-5) << sensor;
+    }
+  }
+}
+
+TEST(KeyboardPaths, TurnFifteenDegreesASecondAndLookAlongTheQuaternion) {
+  KeyboardDevice device;
+  device.Boot(0);
+  device.SetSensorMask(2, 0);
+  const auto azimuth = [&] {
+    return std::atan2(device.GetSensorPose(1)[1], device.GetSensorPose(1)[0]);
+  };
+  device.ReadFrame(nullptr);
+  const double first = azimuth();
+  for (int i = 0; i < 12; ++i) device.ReadFrame(nullptr);
+  EXPECT_NEAR(azimuth() - first, 12.0 / 60.0 * 15.0 * kRadiansPerDegree, 1e-5);
+  const float* const angles = device.GetSensorEuler(1);
+  const auto fromAngles = ForwardOf(angles[0], angles[1]);
+  const auto fromQuaternion = ForwardOf(device.GetSensorQuaternion(1));
+  for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(fromAngles[i], fromQuaternion[i], 1e-5) << i;
+}
+
+TEST(KeyboardPaths, OffsetMovesThePoseAndNotTheQuaternion) {
+  KeyboardDevice plain;
+  KeyboardDevice moved;
+  const float offset[6] = {1.0F, -2.0F, 3.0F, 0.5F, 0.0F, 7.0F};
+  moved.SetSensorOffset(-1, offset);
+  for (KeyboardDevice* device : {&plain, &moved}) {
+    device->Boot(0);
+    device->ReadFrame(nullptr);
+  }
+  Pose wanted = PoseOf(plain, 0);
+  AddPoseOffset(wanted.data(), offset);
+  ExpectNear(PoseOf(moved, 0), wanted);
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(moved.GetSensorQuaternion(0)[i], plain.GetSensorQuaternion(0)[i]);
+  }
+}
+
+// ---- Frames --------------------------------------------------------------------------------
+
+TEST(KeyboardFrames, NoneBeforeBoot) {
+  KeyboardDevice device;
+  double when = -1.0;
+  EXPECT_EQ(device.ReadFrame(&when), 0U);
+  EXPECT_EQ(when, -1.0);
+}
+
+TEST(KeyboardFrames, TakeSixteenMillisecondsAndTellTheTimeAfterThem) {
+  KeyboardDevice device;
+  device.Boot(0);
+  const double before = device.ElapsedSeconds();
+  double when = 0.0;
+  device.ReadFrame(&when);
+  EXPECT_GE(when, before + 0.016);
+  EXPECT_LE(when, device.ElapsedSeconds());
+}
+
+TEST(KeyboardFrames, LeaveKeysAloneWithoutTheSteeredSensor) {
+  KeyboardDevice device;
+  device.Boot(0);
+  PushBackKey({'z', false});
+  EXPECT_EQ(device.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(TakeKey(), (Key{'z', false}));
+}
+
+TEST(KeyboardFrames, ReportTheSteeredSensorWhenAKeyWasActedUpon) {
+  KeyboardDevice device;
+  device.Boot(0);
+  device.SetSensorMask(kWithSteered, 0);
+  EXPECT_EQ(Printed([&] { EXPECT_EQ(device.ReadFrame(nullptr), 0x07U); }), "");
+  PushBackKey({static_cast<int>(ExtendedKey::Up), true});
+  Printed([&] { EXPECT_EQ(device.ReadFrame(nullptr), 0x0FU); });
+  PushBackKey({'q', false});
+  Printed([&] { EXPECT_EQ(device.ReadFrame(nullptr), 0x07U); });
+  EXPECT_EQ(device.ReadFrame(nullptr), 0x07U);
+}
+
+// ---- Identity and masks --------------------------------------------------------------------
+
+TEST(KeyboardDevice, IsWhatItSays) {
+  KeyboardDevice device;
+  EXPECT_STREQ(device.GetDeviceName(), "OrvixTraject");
+  EXPECT_EQ(device.GetDeviceType(nullptr, 0), 8);
+  EXPECT_EQ(device.GetStatusCode(), 8);
+  EXPECT_EQ(device.GetSensorCount(), 32);
+  EXPECT_EQ(device.GetFrameRate(), 60);
+  EXPECT_EQ(device.OpenPortNumber(3, 9600), 1);
+  EXPECT_EQ(device.portStatus(), PortStatus::Simulated);
+}
+
+TEST(KeyboardDevice, ResetAndQuery) {
+  KeyboardDevice device;
+  device.SetSensorMask(0xF0, 0);
+  EXPECT_EQ(device.Boot(1), kBooted);
+  EXPECT_EQ(device.GetProtocol(), 1);
+  EXPECT_EQ(device.GetComponentMask(), 7U);
+  EXPECT_EQ(device.GetSensorMask(), 1U);
+  EXPECT_EQ(device.GetStatusCode(), 0);
+  char text[8] = "as was";
+  EXPECT_NE(device.QueryStatus(text, sizeof text), 0);
+  EXPECT_STREQ(text, "as was");
+  EXPECT_EQ(device.GetStatusCode(), 8);
+}
+
+TEST(KeyboardDevice, MasksFollowTheSensorCountAndMarkTheSteeredSensor) {
+  struct Row {
+    unsigned mask;
+    int count;
+    unsigned sensors;
+    unsigned components;
+  };
+  KeyboardDevice device;
+  for (const Row& row :
+       {Row{0xFFFFFFFF, 0, 0xFFFFFFFF, 0x8003}, Row{0xFFFF, 4, 0x0F, 0x8003},
+        Row{0xFFFF, 3, 0x07, 0x0003}, Row{0xFFFF, 40, 0xFFFF, 0x8003}, Row{0x18, 32, 0x18, 0x8003},
+        Row{0xFF, -1, 0xFF, 0x8003}, Row{0, 0, 0, 0x0003}}) {
+    EXPECT_EQ(device.SetSensorMask(row.mask, row.count), row.sensors);
+    EXPECT_EQ(device.GetComponentMask(), row.components);
+  }
+  EXPECT_EQ(device.SetComponentMask(0x8007), 7U);
+}
+
+// ---- Keys ----------------------------------------------------------------------------------
+
+std::vector<Key> Typed(const std::string& text) {
+  std::vector<Key> keys;
+  for (const char letter : text) keys.push_back({static_cast<unsigned char>(letter), false});
+  return keys;
+}
+
+std::vector<Key> Pressed(std::initializer_list<ExtendedKey> codes) {
+  std::vector<Key> keys;
+  for (const ExtendedKey code : codes) keys.push_back({static_cast<int>(code), true});
+  return keys;
+}
+
+// True when the device acted upon the last key.
+bool Feed(KeyboardDevice& device, const std::vector<Key>& keys) {
+  bool acted = false;
+  for (const Key& key : keys) {
+    PushBackKey(key);
+    acted = device.HandleKeys();
+  }
+  return acted;
+}
+
+// The editor's lines for a text that grows: a new field, then each text in turn.
+std::string Prompts(const std::string& field, const std::vector<std::string>& texts) {
+  std::string lines = "\n";
+  for (const std::string& text : texts) lines += "\rEnter value for " + field + ": " + text + " \b";
+  return lines;
+}
+
+struct Story {
+  const char* name;
+  std::vector<Key> keys;
+  std::string printed;
+  Pose pose;  // afterwards, from a pose of zeros
+  bool acted = true;
+};
+
+class KeyboardStory : public testing::TestWithParam<Story> {};
+
+TEST_P(KeyboardStory, PrintsAndMoves) {
+  KeyboardDevice device;
+  bool acted = false;
+  EXPECT_EQ(Printed([&] { acted = Feed(device, GetParam().keys); }), GetParam().printed);
+  EXPECT_EQ(acted, GetParam().acted);
+  ExpectNear(PoseOf(device, KeyboardDevice::kSteeredSensor), GetParam().pose);
+  EXPECT_EQ(TakeKey(), std::nullopt);
+}
+
+std::string Name(const testing::TestParamInfo<Story>& row) { return row.param.name; }
+
+constexpr float kRightAngle = 1.5707963F;
+
+INSTANTIATE_TEST_SUITE_P(
+    Steering, KeyboardStory,
+    testing::Values(
+        Story{"ThreeTimesUp",
+              Pressed({ExtendedKey::Up, ExtendedKey::Up, ExtendedKey::Up}),
+              "\r(  1.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]"
+              "\r(  2.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]"
+              "\r(  3.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]",
+              {3.0F}},
+        Story{"TurnedAndShownInDegrees",
+              Pressed({ExtendedKey::CtrlLeft}),
+              "\r(  0.000,  0.000,  0.000;   5.7,   0.0,   0.0) [1.00, 5.7,0.10]",
+              {0.0F, 0.0F, 0.0F, 0.1F}},
+        Story{"LargerStepsByALargerFactor",
+              Typed("+\t="),
+              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.10, 5.7,0.10]"
+              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.10, 5.7,0.15]"
+              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.26, 5.7,0.15]",
+              {}},
+        Story{"SmallerSteps",
+              Typed("-]}"),
+              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [0.90, 5.7,0.10]"
+              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [0.90, 5.2,0.10]"
+              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [0.90, 4.6,0.10]",
+              {}},
+        Story{"UnknownKeys", Typed("q\x01"), "\nKey(q) = 113\nKey(\x01) = 1", {}, false},
+        Story{"UnknownExtendedKey", Pressed({ExtendedKey::Home}), "\nKey = 0x47", {}, false}),
+    Name);
+
+INSTANTIATE_TEST_SUITE_P(
+    Editing, KeyboardStory,
+    testing::Values(
+        Story{"Number",
+              Typed("x12.5\r"),
+              Prompts("X", {"", "1", "12", "12.", "12.5"}) + "\rNew value for X = 12.500000\n",
+              {12.5F}},
+        Story{"AngleInDegrees",
+              Typed("E-90\n"),
+              Prompts("PITCH", {"", "-", "-9", "-90"}) + "\rNew value for PITCH = -90.000000\n",
+              {0.0F, 0.0F, 0.0F, 0.0F, -kRightAngle}},
+        Story{"Corrected",
+              Typed("\x79\b4\b5\r"),
+              Prompts("Y", {"", "", "4", "", "5"}) + "\rNew value for Y = 5.000000\n",
+              {0.0F, 5.0F}},
+        Story{"Nothing",
+              Typed("a\r"),
+              Prompts("YAW", {""}) + "\rNo value stored" + std::string(45, ' ') + "\r",
+              {}},
+        Story{"NoNumber", Typed("r-.\r"), Prompts("ROLL", {"", "-", "-."}), {}},
+        Story{"SeparatorsAreForVectorsOnly",
+              Typed("z,1;\r"),
+              Prompts("Z", {"", "", "1", "1"}) + "\rNew value for Z = 1.000000\n",
+              {0.0F, 0.0F, 1.0F}},
+        Story{"UnknownKeyIsIgnored", Typed("x1q"), Prompts("X", {"", "1"}), {}, false},
+        Story{"AnotherFieldBeginsAnew",
+              Typed("x1y2\r"),
+              Prompts("X", {"", "1"}) + Prompts("Y", {"", "2"}) + "\rNew value for Y = 2.000000\n",
+              {0.0F, 2.0F}},
+        Story{"SameFieldAgainGoesOn",
+              Typed("x1x2\r"),
+              Prompts("X", {"", "1", "1", "12"}) + "\rNew value for X = 12.000000\n",
+              {12.0F}},
+        Story{"SameFieldAfterEnterBeginsAnew",
+              Typed("x1\rx\r"),
+              Prompts("X", {"", "1"}) + "\rNew value for X = 1.000000\n" + Prompts("X", {""}) +
+                  "\rNo value stored" + std::string(45, ' ') + "\r",
+              {1.0F}},
+        Story{"EnterWithoutEditor", Typed("\r"), "\nKey(\r) = 13", {}, false}),
+    Name);
+
+// Only the end of what long stories print is of interest.
+TEST(KeyboardEditor, WholePose) {
+  KeyboardDevice device;
+  const std::string all = Printed([&] { Feed(device, Typed("v1,2,3;90,0,0\r")); });
+  EXPECT_TRUE(
+      all.ends_with("\rNew vector = (1.000000,2.000000,3.000000;90.000000,0.000000,0.000000)\n"))
+      << all;
+  ExpectNear(PoseOf(device, 3), {1.0F, 2.0F, 3.0F, kRightAngle});
+
+  const std::string one = Printed([&] { Feed(device, Typed("v4\r")); });
+  EXPECT_TRUE(one.ends_with("(4.000000,2.000000,3.000000;90.000000,0.000000,0.000000)\n")) << one;
+  ExpectNear(PoseOf(device, 3), {4.0F, 2.0F, 3.0F, kRightAngle});
+
+  Printed([&] { Feed(device, Typed("v7,8,9;180\r")); });
+  ExpectNear(PoseOf(device, 3), {7.0F, 8.0F, 9.0F, 2 * kRightAngle});
+
+  Printed([&] { Feed(device, Typed("v,,;\r")); });
+  ExpectNear(PoseOf(device, 3), {7.0F, 8.0F, 9.0F, 2 * kRightAngle});
+}
+
+TEST(KeyboardEditor, KeepsThirtyOneCharacters) {
+  KeyboardDevice device;
+  const std::string all = Printed([&] { Feed(device, Typed("x" + std::string(40, '9'))); });
+  EXPECT_TRUE(all.ends_with(": " + std::string(31, '9') + " \b")) << all;
+  Printed([&] { Feed(device, Typed("\r")); });
+  EXPECT_NEAR(device.GetSensorPose(3)[0] / 1e31F, 1.0F, 1e-6F);
+}
+
+TEST(KeyboardEditor, RefusesFieldsThatDoNotExist) {
+  KeyboardDevice device;
+  EXPECT_FALSE(device.EnterValue(static_cast<Field>(8), 0));
+  EXPECT_FALSE(device.EnterValue(static_cast<Field>(-1), '1'));
+  EXPECT_FALSE(device.EnterValue(Field::None, '\r'));
+}
+
+TEST(KeyboardKeys, EveryMoveAndItsOpposite) {
+  struct Row {
+    ExtendedKey more;
+    ExtendedKey less;
+    std::size_t component;
+    float step;
+  };
+  for (const Row& row : {Row{ExtendedKey::Up, ExtendedKey::Down, 0, 1.0F},
+                         Row{ExtendedKey::Left, ExtendedKey::Right, 1, 1.0F},
+                         Row{ExtendedKey::PageUp, ExtendedKey::PageDown, 2, 1.0F},
+                         Row{ExtendedKey::CtrlLeft, ExtendedKey::CtrlRight, 3, 0.1F},
+                         Row{ExtendedKey::CtrlUp, ExtendedKey::CtrlDown, 4, 0.1F},
+                         Row{ExtendedKey::CtrlPageUp, ExtendedKey::CtrlPageDown, 5, 0.1F}}) {
+    KeyboardDevice device;
+    Pose wanted{};
+    wanted[row.component] = row.step;
+    Printed([&] { EXPECT_TRUE(Feed(device, Pressed({row.more}))); });
+    ExpectNear(PoseOf(device, 3), wanted);
+    wanted[row.component] = -row.step;
+    Printed([&] { EXPECT_TRUE(Feed(device, Pressed({row.less, row.less}))); });
+    ExpectNear(PoseOf(device, 3), wanted);
+  }
+}
+
+TEST(KeyboardKeys, CtrlTabMakesStepKeysFiner) {
+  KeyboardDevice device;
+  const std::string all = Printed([&] {
+    Feed(device, Pressed({ExtendedKey::CtrlTab}));
+    Feed(device, Typed("+{"));
+  });
+  EXPECT_TRUE(all.ends_with("[1.05, 6.0,0.05]")) << all;
+}
+
+TEST(KeyboardKeys, TheConsoleLoopsOwnAreHandedOn) {
+  for (const int code : {27, int{'O'}, int{'o'}}) {
+    KeyboardDevice device;
+    Printed([&] { EXPECT_TRUE(Feed(device, {{code, false}})); });
+    EXPECT_EQ(TakeKey(), (Key{code, false}));
+  }
+}
+
+// The offset last applied belongs to the process, so each device here starts where the one before
+// left it; the last one leaves it at zero for the other tests.
+TEST(KeyboardKeys, TheFirstLookAppliesTheChangeOfOffset) {
+  const float offset[6] = {1.0F, 2.0F, 3.0F, 0.5F, 0.0F, 0.0F};
+  const float later[6] = {50.0F, 50.0F, 50.0F, 0.0F, 0.0F, 0.0F};
+  KeyboardDevice first;
+  first.SetSensorOffset(-1, offset);
+  EXPECT_FALSE(first.HandleKeys());
+  ExpectNear(PoseOf(first, 3), {1.0F, 2.0F, 3.0F});
+  first.SetSensorOffset(-1, later);
+  EXPECT_FALSE(first.HandleKeys());
+  ExpectNear(PoseOf(first, 3), {1.0F, 2.0F, 3.0F});
+
+  KeyboardDevice second;
+  second.SetSensorOffset(-1, offset);
+  EXPECT_FALSE(second.HandleKeys());
+  ExpectNear(PoseOf(second, 3), {});
+
+  KeyboardDevice third;
+  EXPECT_FALSE(third.HandleKeys());
+  ExpectNear(PoseOf(third, 3), {-1.0F, -2.0F, -3.0F});
+}
+
+TEST(KeyboardKeys, NothingTypedMakesAPoseThatIsNoNumber) {
+  KeyboardDevice device;
+  Printed([&] {
+    for (const char* step : {"+", "[", "-", "]"}) {
+      for (int i = 0; i < 3000; ++i) Feed(device, Typed(step));
+      for (int i = 0; i < 3; ++i) {
+        Feed(device, Pressed({ExtendedKey::Up, ExtendedKey::CtrlUp, ExtendedKey::CtrlTab}));
+      }
+    }
+    Feed(device, Typed("v99999999999999999999999999999999\r"));
+  });
+  for (const float value : PoseOf(device, 3)) EXPECT_TRUE(std::isfinite(value));
+}
+
+}  // namespace
+}  // namespace kinetrel
