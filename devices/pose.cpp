@@ -5,7 +5,8 @@
 namespace kinetrel {
 namespace {
 
-// pi and pi/2 rounded to float: the bounds against which single-precision angles are held.
+// A little above pi and pi/2, so that the nearest a float comes to either, from a device that is
+// pointed straight up or back, is within the bounds and stays as it is.
 constexpr double kFloatPi = 3.1415927727990827;
 constexpr double kFloatHalfPi = 1.570796446004186;
 

@@ -170,7 +170,10 @@ float* TrackerDevice::GetSensorQuaternion(int sensor) {
 
 // ---- Not virtual ---------------------------------------------------------------------------
 
-bool TrackerDevice::HasRecord(int sensor) const { return sensor >= 0 && sensor < sensorCount_; }
+// A driver may count more sensors than it has made records for.
+bool TrackerDevice::HasRecord(int sensor) const {
+  return sensor >= 0 && sensor < sensorCount_ && static_cast<std::size_t>(sensor) < poses_.size();
+}
 
 bool TrackerDevice::AllocateSensors(unsigned count) {
   if (count == 0 || count > kMostSensors) return false;

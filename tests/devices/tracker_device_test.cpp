@@ -1,0 +1,291 @@
+#include "devices/tracker_device.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+
+#include "tests/support/pseudo_terminal.h"
+
+namespace kinetrel {
+namespace {
+
+using test::PseudoTerminal;
+
+// A device that overrides only what it must.
+class PlainDevice final : public TrackerDevice {
+ public:
+  BootResult Boot(int) override { return booted_ = true; }
+  int QueryStatus(char*, int) override { return 0; }
+  unsigned ReadFrame(double*) override { return 0; }
+
+  void SetModeBytes(char continuous, char poll, char stop, char prePoll) {
+    continuousByte_ = continuous;
+    pollByte_ = poll;
+    stopByte_ = stop;
+    prePollByte_ = prePoll;
+  }
+  void SetStatusWord(std::uint32_t word) { statusWord_ = word; }
+  void SetProductCode(int code) { productCode_ = code; }
+  using TrackerDevice::channels_;
+};
+
+bool CopiesName(PlainDevice& device, int size, const std::string& expected) {
+  std::string text(12, '#');
+  return device.GetDeviceType(text.data(), size) == 0 && text == expected;
+}
+
+bool CopiesProtocol(PlainDevice& device, int size, const std::string& expected) {
+  std::string text(6, '#');
+  device.SetProtocol(1234);
+  return device.GetProtocolText(text.data(), size) == 1234 && text == expected;
+}
+
+bool Empties(PlainDevice& device, char* text, int size) {
+  return !device.GetControlString(text, size) && (text == nullptr || *text == '\0');
+}
+
+// ---- Defaults ------------------------------------------------------------------------------
+
+constexpr float kXyz[3] = {1, 2, 3};
+constexpr float kPose[6] = {1, 2, 3, 4, 5, 6};
+
+struct Default {
+  const char* operation;
+  bool (*holds)(PlainDevice& d);  // on a device with 2 sensors, closed and not booted
+};
+
+class TrackerDeviceDefault : public testing::TestWithParam<Default> {};
+
+TEST_P(TrackerDeviceDefault, GivesADefiniteAnswer) {
+  PlainDevice device;
+  ASSERT_TRUE(device.AllocateSensors(2));
+  EXPECT_TRUE(GetParam().holds(device));
+}
+
+using D = PlainDevice;
+
+// Boot, QueryStatus and ReadFrame have no default, and the destructor is no question.
+constexpr Default kDefaults[] = {
+    {"OpenPort", [](D& d) { return d.OpenPort("~x", 9600) == 1 && d.OpenPort(nullptr, 1) == 0; }},
+    {"OpenPortNumber", [](D& d) { return d.OpenPortNumber(-4, 9600) == 0; }},
+    {"ClosePort", [](D& d) { return d.ClosePort() == 0; }},
+    {"GetPortNumber", [](D& d) { return d.GetPortNumber() == -1; }},
+    {"GetBaudRate", [](D& d) { return d.GetBaudRate() == 0; }},
+    {"Poll", [](D& d) { return d.Poll(), true; }},
+    {"StartContinuous", [](D& d) { return d.StartContinuous(), true; }},
+    {"SendStationCommand", [](D& d) { return d.SendStationCommand("H", 1, 2) == 0; }},
+    {"SetSensorMask",
+     [](D& d) {
+       return d.SetSensorMask(0, 0) == 1 && d.SetSensorMask(5, 2) == 1 &&
+              d.SetSensorMask(6, 0) == 6 && d.GetSensorMask() == 6;
+     }},
+    {"SetUnits", [](D& d) { return d.SetUnits(3) == 3 && d.GetUnits() == 3; }},
+    {"SetCrLf", [](D& d) { return d.SetCrLf(0) == 0 && !d.GetCrLf(); }},
+    {"SetProtocol", [](D& d) { return d.SetProtocol(7) == 7 && d.GetProtocol() == 7; }},
+    {"SetSensorVector4", [](D& d) { return d.SetSensorVector4(0, 1, 2, 3, 4) == 0; }},
+    {"SetAlignment", [](D& d) { return d.SetAlignment(-1, kXyz, kXyz) == 0; }},
+    {"SetAlignmentPose", [](D& d) { return d.SetAlignmentPose(-1, kPose) == 0; }},
+    {"ResetAlignment", [](D& d) { return d.ResetAlignment(-1) == 0; }},
+    {"SetSynchronization", [](D& d) { return d.SetSynchronization(1) == 0; }},
+    {"SetComponentMask",
+     [](D& d) { return d.SetComponentMask(4) == 4 && d.GetComponentMask() == 4; }},
+    {"SetHemisphere", [](D& d) { return d.SetHemisphere(-1, kXyz) == 0; }},
+    {"SetSensorOffsetComponent", [](D& d) { return d.SetSensorOffsetComponent(1, 5, 0.5); }},
+    {"SetSensorPositionOffset", [](D& d) { return d.SetSensorPositionOffset(1, kXyz); }},
+    {"SetSensorOffset", [](D& d) { return d.SetSensorOffset(1, kPose); }},
+    {"SetControlString", [](D& d) { return d.SetControlString("R1\r"); }},
+    {"IsProductUnknown",
+     [](D& d) {
+       const bool fresh = d.IsProductUnknown();
+       d.SetProductCode(0);
+       return fresh && !d.IsProductUnknown();
+     }},
+    {"IsBooted", [](D& d) { return !d.IsBooted() && d.Boot(0) == kBooted && d.IsBooted(); }},
+    {"GetSensorCount", [](D& d) { return d.GetSensorCount() == 2; }},
+    {"GetDeviceName", [](D& d) { return std::string(d.GetDeviceName()) == "No Device"; }},
+    {"GetDeviceType",
+     [](D& d) {
+       return d.GetDeviceType(nullptr, 5) == 0 && CopiesName(d, 12, {"No Device\0##", 12}) &&
+              CopiesName(d, 9, "No Device###") && CopiesName(d, 2, "No##########") &&
+              CopiesName(d, -1, "############");
+     }},
+    {"GetSensorMask", [](D& d) { return d.GetSensorMask() == 1; }},
+    {"GetStatusCode",
+     [](D& d) {
+       const bool fresh = d.GetStatusCode() == 0;
+       d.SetStatusWord(0x7777C001);
+       return fresh && d.GetStatusCode() == 0xC001 - 0x10000;
+     }},
+    {"GetUnits", [](D& d) { return d.GetUnits() == 1; }},
+    {"GetCrLf", [](D& d) { return d.GetCrLf(); }},
+    {"GetProtocol", [](D& d) { return d.GetProtocol() == 0; }},
+    {"GetProtocolText",
+     [](D& d) {
+       return d.GetProtocolText(nullptr, 9) == 0 && CopiesProtocol(d, 6, {"1234\0#", 6}) &&
+              CopiesProtocol(d, 3, "123###");
+     }},
+    {"GetComponentMask", [](D& d) { return d.GetComponentMask() == 3; }},
+    {"GetActiveSensorCount",
+     [](D& d) { return d.SetSensorMask(0xFFFFFFFE, 0) != 0 && d.GetActiveSensorCount() == 1; }},
+    {"GetFrameRate",
+     [](D& d) {
+       return d.GetFrameRate() == 120 && d.SetSensorMask(3, 0) == 3 && d.GetFrameRate() == 60 &&
+              d.SetSensorMask(4, 0) == 4 && d.GetFrameRate() == 0;
+     }},
+    {"GetControlString",
+     [](D& d) {
+       char text[2] = "x";
+       return !d.GetControlString(text, 0) && *text == 'x' && Empties(d, text, 2) &&
+              Empties(d, nullptr, 2);
+     }},
+    {"GetSensorOffset", [](D& d) { return d.GetSensorOffset(1) && !d.GetSensorOffset(2); }},
+    {"GetSensorPose", [](D& d) { return d.GetSensorPose(1) && !d.GetSensorPose(-1); }},
+    {"GetSensorPosition",
+     [](D& d) { return d.GetSensorPosition(1) == d.GetSensorPose(1) && !d.GetSensorPosition(2); }},
+    {"GetSensorEuler",
+     [](D& d) { return d.GetSensorEuler(1) == d.GetSensorPose(1) + 3 && !d.GetSensorEuler(-1); }},
+    {"GetSensorQuaternion",
+     [](D& d) {
+       const float* const q = d.GetSensorQuaternion(1);
+       return std::equal(q, q + 4, kIdentityQuaternion.begin()) && !d.GetSensorQuaternion(2);
+     }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Of, TrackerDeviceDefault, testing::ValuesIn(kDefaults),
+                         [](const auto& row) { return std::string(row.param.operation); });
+
+// ---- Stations and records ------------------------------------------------------------------
+
+TEST(TrackerDevice, AFreshDeviceHasNoSensorsAndNoRate) {
+  PlainDevice device;
+  EXPECT_EQ(device.GetSensorCount(), 0);
+  EXPECT_EQ(device.GetActiveSensorCount(), 0);
+  EXPECT_EQ(device.GetFrameRate(), 0);
+  EXPECT_EQ(device.GetSensorPose(0), nullptr);
+  EXPECT_EQ(device.GetSensorQuaternion(0), nullptr);
+  EXPECT_EQ(device.channels_[9].Value(), 0.0);
+  device.channels_[9] = {.raw = 4, .offset = 0.5, .scale = 2.0};
+  EXPECT_EQ(device.channels_[9].Value(), 8.5);
+}
+
+TEST(TrackerDevice, RecordsAreMadeForOneTo256Sensors) {
+  PlainDevice device;
+  EXPECT_TRUE(device.AllocateSensors(256));
+  float* const last = device.GetSensorPose(255);
+  ASSERT_NE(last, nullptr);
+  last[5] = 7;
+  for (const unsigned bad : {0U, 257U, 0xFFFFFFFFU}) {
+    EXPECT_FALSE(device.AllocateSensors(bad)) << bad;
+    EXPECT_EQ(device.GetSensorPose(255), last);
+    EXPECT_EQ(last[5], 7);
+  }
+  device.SetSensorMask(0xFFFFFFFF, 0);
+  EXPECT_EQ(device.GetActiveSensorCount(), 32);  // the mask knows no more
+
+  EXPECT_TRUE(device.AllocateSensors(256));
+  EXPECT_EQ(device.GetSensorPose(255)[5], 0);
+  device.FreeSensors();
+  EXPECT_EQ(device.GetSensorCount(), 0);
+  EXPECT_EQ(device.GetSensorOffset(0), nullptr);
+}
+
+TEST(TrackerDevice, OffsetsAreSetForOneSensorOrForAll) {
+  PlainDevice device;
+  ASSERT_TRUE(device.AllocateSensors(3));
+  EXPECT_TRUE(device.SetSensorOffset(-1, kPose));
+  EXPECT_TRUE(device.SetSensorPositionOffset(1, kXyz + 0));
+  EXPECT_TRUE(device.SetSensorOffsetComponent(-1, 5, -3.14159));
+  EXPECT_TRUE(device.SetSensorOffsetComponent(2, 0, 9));
+  for (int sensor = 0; sensor < 3; ++sensor) {
+    const float* const offset = device.GetSensorOffset(sensor);
+    EXPECT_EQ(offset[0], sensor == 2 ? 9.0F : 1.0F);
+    EXPECT_EQ(offset[4], 5.0F);
+    EXPECT_EQ(offset[5], -3.14159F);
+  }
+  EXPECT_FALSE(device.SetSensorOffsetComponent(0, 6, 1.0));
+  EXPECT_FALSE(device.SetSensorOffsetComponent(-1, 6, 1.0));
+  EXPECT_FALSE(device.SetSensorOffsetComponent(3, 0, 1.0));
+  EXPECT_FALSE(device.SetSensorPositionOffset(3, kXyz));
+  EXPECT_FALSE(device.SetSensorOffset(3, kPose));
+}
+
+TEST(TrackerDevice, OffsetsOfNoSensorsAreSetToNoEffect) {
+  PlainDevice device;
+  EXPECT_TRUE(device.SetSensorOffset(-1, kPose));
+  EXPECT_TRUE(device.SetSensorPositionOffset(-1, kXyz));
+  EXPECT_FALSE(device.SetSensorOffset(0, kPose));
+}
+
+// ---- Mode bytes ----------------------------------------------------------------------------
+
+class TrackerOnALine : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(device_.OpenPort(far_.path().c_str(), 9600), 1); }
+
+  // What the device was sent up to `mark`, which is written after it.
+  std::string Sent() {
+    device_.Write("|", 1);
+    EXPECT_TRUE(far_.Expect(std::string(1, '|')));
+    const std::string all = far_.Received();
+    const std::string news = all.substr(seen_, all.size() - seen_ - 1);
+    EXPECT_TRUE(all.ends_with('|'));
+    seen_ = all.size();
+    return news;
+  }
+
+  PseudoTerminal far_;
+  PlainDevice device_;
+
+ private:
+  std::size_t seen_ = 0;
+};
+
+TEST_F(TrackerOnALine, ModeBytesGoOutOnlyOnceBooted) {
+  device_.SetModeBytes('C', 'P', 'c', 0);
+  device_.Poll();
+  device_.StartContinuous();
+  EXPECT_EQ(Sent(), "");
+}
+
+TEST_F(TrackerOnALine, APollStopsAStreamOnce) {
+  device_.SetModeBytes('C', 'P', 'c', 0);
+  device_.Boot(0);
+  device_.Poll();
+  EXPECT_EQ(Sent(), "P");
+  device_.StartContinuous();
+  EXPECT_EQ(Sent(), "C");
+  device_.Poll();
+  EXPECT_EQ(Sent(), "cP");
+  device_.Poll();
+  EXPECT_EQ(Sent(), "P");
+}
+
+TEST_F(TrackerOnALine, AByteMayGoBeforeThePoll) {
+  device_.SetModeBytes(0, 'P', 'c', 'w');
+  device_.Boot(0);
+  device_.StartContinuous();
+  EXPECT_EQ(Sent(), std::string(1, '\0'));
+  device_.Poll();  // a device without a continuous mode cannot be in it
+  EXPECT_EQ(Sent(), "wP");
+}
+
+TEST_F(TrackerOnALine, AControlStringIsWrittenAsItIs) {
+  EXPECT_TRUE(device_.SetControlString("R1\r"));
+  EXPECT_TRUE(device_.SetControlString(""));
+  EXPECT_EQ(Sent(), "R1\r");
+}
+
+// ---- Time ----------------------------------------------------------------------------------
+
+TEST(TrackerDevice, SecondsRunFromTheTimeOrigin) {
+  PlainDevice device;
+  const double first = device.ElapsedSeconds();
+  EXPECT_GE(first, 0);
+  device.SetTimeOrigin(ClockTicks() - 10 * ClockTicksPerSecond());
+  EXPECT_GE(device.ElapsedSeconds(), 10);
+  EXPECT_LT(device.ElapsedSeconds(), 30);
+}
+
+}  // namespace
+}  // namespace kinetrel

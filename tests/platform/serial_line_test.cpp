@@ -1,0 +1,409 @@
+#include "platform/serial_line.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sys/fsuid.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/pseudo_terminal.h"
+
+namespace kinetrel {
+namespace {
+
+using test::PseudoTerminal;
+
+constexpr Milliseconds kLong{20000};  // a wait that must end early
+constexpr double kSoon = 10000;       // ms: early, on the slowest of machines
+
+double MillisecondsSince(std::int64_t start) {
+  return static_cast<double>(ClockTicks() - start) * 1e3 /
+         static_cast<double>(ClockTicksPerSecond());
+}
+
+double ThreadCpuMilliseconds() {
+  timespec used{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return static_cast<double>(used.tv_sec) * 1e3 + static_cast<double>(used.tv_nsec) * 1e-6;
+}
+
+SerialLine MustOpen(const std::string& name) {
+  Result<SerialLine> line = SerialLine::Open(name);
+  if (!line.Ok()) throw std::runtime_error(Describe(line.status()));
+  return std::move(*line);
+}
+
+std::string ReadText(SerialLine& line, std::size_t count) {
+  std::string text(count, '?');
+  const Result<std::size_t> got = line.Read(std::as_writable_bytes(std::span(text)));
+  if (!got.Ok()) return Describe(got.status());
+  return text.substr(0, *got);
+}
+
+Result<std::size_t> WriteText(SerialLine& line, const std::string& text) {
+  return line.Write(std::as_bytes(std::span(text)));
+}
+
+termios TerminalOf(const PseudoTerminal& terminal) {
+  termios settings{};
+  tcgetattr(terminal.nearEnd(), &settings);
+  return settings;
+}
+
+// ---- Opening -------------------------------------------------------------------------------
+
+struct BadName {
+  const char* test;
+  std::string name;
+  Error error;
+  std::string explanation;
+};
+
+class SerialLineRefuses : public testing::TestWithParam<BadName> {};
+
+TEST_P(SerialLineRefuses, AndSaysWhy) {
+  const BadName& row = GetParam();
+  const Result<SerialLine> line = SerialLine::Open(row.name);
+  ASSERT_FALSE(line.Ok());
+  EXPECT_EQ(line.status().error, row.error);
+  EXPECT_EQ(SerialLine::ExplainOpenFailure(row.name, line.status()), row.explanation);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Names, SerialLineRefuses,
+    testing::Values(
+        BadName{"MissingPath", "/dev/no-such-line", Error::NotFound,
+                "/dev/no-such-line: no such device"},
+        BadName{"MissingNumber", "COM4000", Error::NotFound,
+                "COM4000 (/dev/ttyS3999): no such device; KINETREL_COM4000 can name another one"},
+        BadName{"NumberZero", "COM0", Error::NotFound,
+                "COM0: no such device; KINETREL_COM0 can name another one"},
+        BadName{"NumberTooLarge", "COM99999999999", Error::NotFound,
+                "COM99999999999: no such device"},
+        BadName{"Empty", "", Error::NotFound, ": no such device"},
+        BadName{"Directory", "/", Error::Invalid, "/: not a serial device"},
+        BadName{"RegularFile", KINETREL_SOURCE_DIR "/CMakeLists.txt", Error::Invalid,
+                KINETREL_SOURCE_DIR "/CMakeLists.txt: not a serial device"}),
+    [](const auto& row) { return std::string(row.param.test); });
+
+TEST(SerialLine, ANumberIsTheDeviceThatItsVariableNames) {
+  PseudoTerminal far;
+  ASSERT_EQ(setenv("KINETREL_COM57", far.path().c_str(), 1), 0);
+  SerialLine line = MustOpen("COM57");
+  EXPECT_EQ(*WriteText(line, "R1\r"), 3U);
+  EXPECT_TRUE(far.Expect("R1\r"));
+}
+
+TEST(SerialLine, ASecondOpenerIsRefusedUntilTheFirstCloses) {
+  PseudoTerminal far;
+  {
+    const SerialLine first = MustOpen(far.path());
+    const Result<SerialLine> second = SerialLine::Open(far.path());
+    ASSERT_FALSE(second.Ok());
+    EXPECT_EQ(second.status().error, Error::Busy);
+    EXPECT_EQ(SerialLine::ExplainOpenFailure(far.path(), second.status()),
+              far.path() + ": in use by another program");
+  }
+  EXPECT_TRUE(SerialLine::Open(far.path()).Ok());
+}
+
+// Gives up the rights of root for one thread's file accesses.
+class AsNobody {
+ public:
+  AsNobody() { setfsuid(65534); }
+  ~AsNobody() { setfsuid(0); }
+};
+
+TEST(SerialLine, ARefusalNamesTheGroupThatMayUseTheDevice) {
+  const group* const dialout = getgrnam("dialout");
+  if (geteuid() != 0 || dialout == nullptr) GTEST_SKIP() << "needs root and the group dialout";
+  PseudoTerminal far;
+  ASSERT_EQ(chown(far.path().c_str(), 0, dialout->gr_gid), 0);
+  ASSERT_EQ(chmod(far.path().c_str(), 0660), 0);
+  const AsNobody nobody;
+  const Result<SerialLine> line = SerialLine::Open(far.path());
+  ASSERT_FALSE(line.Ok());
+  EXPECT_EQ(line.status().error, Error::Denied);
+  EXPECT_EQ(SerialLine::ExplainOpenFailure(far.path(), line.status()),
+            far.path() + ": permission denied: add this account to group dialout and log in again");
+}
+
+TEST(SerialLine, ACharacterDeviceThatIsNoLineSaysSo) {
+  const SerialLine line = MustOpen("/dev/null");
+  const Result<SerialCapabilities> capabilities = line.Capabilities();
+  ASSERT_TRUE(capabilities.Ok());
+  EXPECT_FALSE(capabilities->serialLine);
+}
+
+TEST(SerialLine, APseudoTerminalIsALineWithoutModemLines) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  const Result<SerialCapabilities> capabilities = line.Capabilities();
+  ASSERT_TRUE(capabilities.Ok());
+  EXPECT_TRUE(capabilities->serialLine);
+  EXPECT_FALSE(capabilities->rtsCts);
+  EXPECT_EQ(line.SetDtr(true).error, Error::Unsupported);
+  EXPECT_EQ(line.SetRts(false).error, Error::Unsupported);
+}
+
+TEST(SerialLine, IsRawWhileOpenAndAsItWasFoundAfterwards) {
+  PseudoTerminal far(PseudoTerminal::Mode::Cooked);
+  const termios before = TerminalOf(far);
+  {
+    SerialLine line = MustOpen(far.path());
+    ASSERT_TRUE(line.Apply({.baud = 4800}).Ok());
+    const std::string all("\x03\r\n\x11\x13\x7F\xFF\0z", 9);  // what a person's terminal would eat
+    far.Send(all);
+    ASSERT_TRUE(line.WaitForInput(all.size(), kLong).Ok());
+    EXPECT_EQ(ReadText(line, 20), all);
+    EXPECT_EQ(*WriteText(line, all), all.size());
+    EXPECT_TRUE(far.Expect(all));
+    EXPECT_EQ(far.Received(), all);  // and no echo of what came
+  }
+  const termios after = TerminalOf(far);
+  EXPECT_EQ(after.c_iflag, before.c_iflag);
+  EXPECT_EQ(after.c_oflag, before.c_oflag);
+  EXPECT_EQ(after.c_cflag, before.c_cflag);
+  EXPECT_EQ(after.c_lflag, before.c_lflag);
+  EXPECT_EQ(cfgetospeed(&after), cfgetospeed(&before));
+}
+
+TEST(SerialLine, TakesAnyRateAndShowsStandardOnesToOtherPrograms) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  for (const unsigned baud : {300U, 9600U, 31250U, 115200U, 250000U}) {
+    ASSERT_TRUE(line.Apply({.baud = baud, .stopBits = StopBits::Two}).Ok()) << baud;
+    EXPECT_EQ(line.Settings()->baud, baud);
+    EXPECT_EQ(line.Settings()->stopBits, StopBits::Two);
+  }
+  ASSERT_TRUE(line.Apply({.baud = 19200}).Ok());
+  const termios seen = TerminalOf(far);
+  EXPECT_EQ(cfgetospeed(&seen), static_cast<speed_t>(B19200));
+  EXPECT_EQ(line.Apply({.baud = 0}).error, Error::Invalid);
+  EXPECT_EQ(line.Settings()->baud, 19200U);
+}
+
+// ---- Reading -------------------------------------------------------------------------------
+
+struct Piece {
+  int afterMs;
+  std::string bytes;
+};
+
+// What the far end does while the near end reads or waits. Pieces at 0 ms are there before.
+class FarEnd {
+ public:
+  FarEnd(PseudoTerminal& far, std::vector<Piece> pieces) {
+    if (!pieces.empty() && pieces.front().afterMs == 0) {
+      far.Send(pieces.front().bytes);
+      pieces.erase(pieces.begin());
+    }
+    thread_ = std::thread([&far, pieces] {
+      for (const Piece& piece : pieces) {
+        SleepFor(Milliseconds(piece.afterMs));
+        if (piece.bytes == "hang up") return far.HangUp();
+        far.Send(piece.bytes);
+      }
+    });
+  }
+  ~FarEnd() { thread_.join(); }
+
+ private:
+  std::thread thread_;
+};
+
+struct TimedRead {
+  const char* name;
+  ReadTimeouts timeouts;
+  std::vector<Piece> far;
+  std::string expected;  // of a read of 4 bytes
+  double atLeastMs;
+};
+
+class SerialLineReads : public testing::TestWithParam<TimedRead> {};
+
+TEST_P(SerialLineReads, UnderItsTimeouts) {
+  const TimedRead& row = GetParam();
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  ASSERT_TRUE(line.SetReadTimeouts(row.timeouts).Ok());
+  const std::int64_t start = ClockTicks();
+  const FarEnd script(far, row.far);
+  EXPECT_EQ(ReadText(line, 4), row.expected);
+  EXPECT_GE(MillisecondsSince(start), row.atLeastMs);
+  EXPECT_LT(MillisecondsSince(start), row.atLeastMs + kSoon);
+}
+
+constexpr std::uint32_t kAtOnce = ReadTimeouts::kReturnAtOnce;
+constexpr std::uint32_t kLongMs = 20000;
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, SerialLineReads,
+    testing::Values(
+        TimedRead{"AtOnceWithNothing", {kAtOnce, 0, 0}, {}, "", 0},
+        TimedRead{"AtOnceWithWhatIsThere", {kAtOnce, 0, 0}, {{0, "ab"}}, "ab", 0},
+        TimedRead{"AtOnceTakesNoMoreThanAsked", {kAtOnce, 0, 0}, {{0, "abcdef"}}, "abcd", 0},
+        TimedRead{"ConstantPassesInSilence", {0, 0, 50}, {}, "", 50},
+        TimedRead{"MultiplierCountsTheBytesAsked", {0, 10, 20}, {{0, "a"}}, "a", 60},
+        TimedRead{"ConstantEndsAnUnfinishedRead", {0, 0, 60}, {{0, "ab"}}, "ab", 60},
+        TimedRead{"IntervalEndsAnUnfinishedRead", {40, 0, kLongMs}, {{0, "abc"}}, "abc", 40},
+        TimedRead{"IntervalStartsWithTheFirstByte", {30, 0, 0}, {{100, "a"}}, "a", 130},
+        TimedRead{"IntervalAloneNeverEndsSilence", {1, 0, 0}, {{100, "abcd"}}, "abcd", 100},
+        TimedRead{"PiecesMakeOneRead",
+                  {kLongMs, 0, kLongMs},
+                  {{0, "a"}, {30, "bc"}, {30, "d"}},
+                  "abcd",
+                  60},
+        TimedRead{"BlocksWithoutTimeouts", {0, 0, 0}, {{0, "a"}, {80, "bcd"}}, "abcd", 80},
+        TimedRead{"HangUpEndsSilence", {0, 0, kLongMs}, {{50, "hang up"}}, "read: closed", 50},
+        TimedRead{"HangUpEndsABlockedRead", {0, 0, 0}, {{50, "hang up"}}, "read: closed", 50}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(SerialLine, AHangUpIsToldOnEveryOperation) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  far.HangUp();
+  std::byte one{};
+  for (int round = 0; round < 3; ++round) {
+    EXPECT_EQ(line.Read({&one, 1}).status().error, Error::Closed);
+    EXPECT_EQ(line.Write({&one, 1}).status().error, Error::Closed);
+    EXPECT_EQ(line.WaitForInput(1, kLong).error, Error::Closed);
+    EXPECT_EQ(line.InputQueueLength().status().error, Error::Closed);
+    EXPECT_EQ(line.DrainOutput().error, Error::Closed);
+    EXPECT_EQ(line.Apply({.baud = 9600}).error, Error::Closed);
+  }
+}
+
+// ---- Waiting -------------------------------------------------------------------------------
+
+struct Wait {
+  const char* name;
+  std::size_t count;
+  Milliseconds timeout;
+  std::vector<Piece> far;
+  Error error;
+  double atLeastMs;
+};
+
+class SerialLineWaits : public testing::TestWithParam<Wait> {};
+
+TEST_P(SerialLineWaits, AndWakesWhenBytesArrive) {
+  const Wait& row = GetParam();
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  const std::int64_t start = ClockTicks();
+  const FarEnd script(far, row.far);
+  EXPECT_EQ(line.WaitForInput(row.count, row.timeout).error, row.error);
+  EXPECT_GE(MillisecondsSince(start), row.atLeastMs);
+  EXPECT_LT(MillisecondsSince(start), row.atLeastMs + kSoon);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, SerialLineWaits,
+    testing::Values(
+        Wait{"AlreadyThere", 2, kLong, {{0, "ab"}}, Error::None, 0},
+        Wait{"InOnePiece", 4, kLong, {{50, "abcd"}}, Error::None, 50},
+        Wait{"InPieces", 4, kLong, {{0, "a"}, {40, "b"}, {40, "cd"}}, Error::None, 80},
+        Wait{"WithoutATimeout", 1, kForever, {{50, "a"}}, Error::None, 50},
+        Wait{"Silence", 1, Milliseconds(60), {}, Error::TimedOut, 60},
+        Wait{"TooFew", 3, Milliseconds(60), {{0, "ab"}}, Error::TimedOut, 60},
+        Wait{"MoreThanTheSystemKeeps", 100000, Milliseconds(60), {{0, "a"}}, Error::TimedOut, 60},
+        Wait{"HangUpInSilence", 1, kForever, {{50, "hang up"}}, Error::Closed, 50},
+        Wait{"HangUpInARecord", 3, kForever, {{0, "ab"}, {50, "hang up"}}, Error::Closed, 50}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(SerialLine, AnUnfinishedRecordIsWaitedForWithoutSpinning) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  far.Send("ab");
+  const double before = ThreadCpuMilliseconds();
+  EXPECT_EQ(line.WaitForInput(3, Milliseconds(600)).error, Error::TimedOut);
+  EXPECT_LT(ThreadCpuMilliseconds() - before, 300);
+}
+
+TEST(SerialLine, ARecordThatArrivesInOnePieceCostsAboutOneWakeUp) {
+  constexpr int kRecords = 200;
+  const std::string record(20, 'r');
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  std::thread device([&] {
+    for (int i = 1; i <= kRecords; ++i) {
+      if (!far.Expect(std::string(static_cast<std::size_t>(i), 'P'))) return;
+      SleepFor(Milliseconds(1));  // the reader waits by then, or this record costs it less
+      far.Send(record);
+    }
+  });
+  rusage before{};
+  getrusage(RUSAGE_THREAD, &before);
+  for (int i = 0; i < kRecords; ++i) {
+    ASSERT_EQ(*WriteText(line, "P"), 1U);
+    ASSERT_TRUE(line.WaitForInput(record.size(), kLong).Ok());
+    ASSERT_EQ(ReadText(line, record.size()), record);
+  }
+  rusage after{};
+  getrusage(RUSAGE_THREAD, &after);
+  device.join();
+  const double wakeUps = static_cast<double>(after.ru_nvcsw - before.ru_nvcsw) / kRecords;
+  RecordProperty("wakeUpsPerRecord", std::to_string(wakeUps));
+  EXPECT_LT(wakeUps, 2.5);  // 1 and what the kernel's own hand-over adds
+}
+
+// ---- Queues and writing --------------------------------------------------------------------
+
+TEST(SerialLine, TheInputQueueIsCountedAsSoonAsBytesAreSent) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  EXPECT_EQ(*line.InputQueueLength(), 0U);
+  for (std::size_t i = 1; i <= 100; ++i) {
+    far.Send("abc");
+    ASSERT_TRUE(line.WaitForInput(3, kLong).Ok());
+    ASSERT_EQ(*line.InputQueueLength(), 3U);
+    ASSERT_TRUE(line.PurgeInput().Ok());
+    ASSERT_EQ(*line.InputQueueLength(), 0U);
+  }
+}
+
+TEST(SerialLine, PurgingOutputLeavesWhatTheFarEndAlreadyHas) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  ASSERT_EQ(*WriteText(line, "reset"), 5U);
+  EXPECT_TRUE(line.PurgeOutput().Ok());
+  EXPECT_TRUE(far.Expect("reset"));
+}
+
+TEST(SerialLine, WhatWasWrittenBeforeClosingArrives) {
+  PseudoTerminal far;
+  {
+    SerialLine line = MustOpen(far.path());
+    ASSERT_EQ(*WriteText(line, "stop"), 4U);
+  }
+  EXPECT_TRUE(far.Expect("stop"));
+}
+
+TEST(SerialLine, ALineThatTakesNothingIsGivenUpAfterASecond) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  const std::string much(1 << 20, 'x');
+  std::int64_t start = ClockTicks();
+  const Result<std::size_t> first = WriteText(line, much);
+  ASSERT_TRUE(first.Ok());
+  EXPECT_GT(*first, 0U);
+  EXPECT_LT(*first, much.size());
+  EXPECT_GE(MillisecondsSince(start), 1000);
+
+  start = ClockTicks();
+  EXPECT_EQ(WriteText(line, much).status().error, Error::TimedOut);
+  EXPECT_GE(MillisecondsSince(start), 1000);
+  EXPECT_LT(MillisecondsSince(start), 1000 + kSoon);
+}
+
+}  // namespace
+}  // namespace kinetrel
