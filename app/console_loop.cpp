@@ -9,6 +9,8 @@ namespace kinetrel {
 namespace {
 
 constexpr Milliseconds kStep{500};
+// A tracker that is steered by keys looks for them every frame and comes first.
+constexpr Milliseconds kFewFrames{60};
 constexpr int kCtrlA = 1;
 constexpr int kEscape = 27;
 
@@ -43,7 +45,7 @@ void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stopRequest) 
   while (engine.HasSamplingThread() && !engine.WaitSampling(kStep)) {
     if (stopRequest != 0) {
       engine.StopSampling(true);
-    } else if (const std::optional<Key> key = TakeKey()) {
+    } else if (const std::optional<Key> key = TakeLeftKey(kFewFrames)) {
       ActOn(engine, *key);
     }
   }

@@ -7,6 +7,8 @@
 
 #include <optional>
 
+#include "platform/clock.h"
+
 namespace kinetrel {
 
 // A key as a program takes it. Character keys carry their code (Ctrl-A 1, ESC 27, Enter 13,
@@ -63,6 +65,10 @@ class KeySession {
 // for a key; a lone ESC byte is looked at for up to 30 ms, to tell the ESC key from the start of a
 // key sequence.
 std::optional<Key> TakeKey();
+
+// As TakeKey, for a reader that lets others have the first look: takes a key only when one waits
+// and nobody takes any for `patience`. Returns at once when none waits.
+std::optional<Key> TakeLeftKey(Milliseconds patience);
 
 // Puts a key back: the next TakeKey of any thread gets it first. At most 16 wait so, until the
 // session ends; more are lost.

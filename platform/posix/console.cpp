@@ -34,6 +34,7 @@ struct KeyInput {
   std::size_t count = 0;
   std::array<Key, 16> putBack{};  // the last one comes first
   std::size_t putBackCount = 0;
+  std::uint64_t taken = 0;  // keys, less those put back
 };
 constinit KeyInput input;
 
@@ -113,6 +114,18 @@ std::optional<Key> NextTypedKey() {
   }
 }
 
+std::optional<Key> NextKey() {
+  if (input.putBackCount > 0) return input.putBack[--input.putBackCount];
+  return input.open ? NextTypedKey() : std::nullopt;
+}
+
+// Whether anything waits to be taken, a key or the beginning of one.
+bool KeyWaits() {
+  if (input.putBackCount > 0 || input.count > 0) return true;
+  if (!input.open || input.ended || (input.terminal && !InKeyMode())) return false;
+  return PollInput(Deadline(Milliseconds(0))) != 0;
+}
+
 }  // namespace
 
 KeySession::KeySession() {
@@ -135,13 +148,28 @@ KeySession::~KeySession() {
 
 std::optional<Key> TakeKey() {
   const std::lock_guard guard(input.lock);
-  if (input.putBackCount > 0) return input.putBack[--input.putBackCount];
-  return input.open ? NextTypedKey() : std::nullopt;
+  const std::optional<Key> key = NextKey();
+  if (key.has_value()) ++input.taken;
+  return key;
+}
+
+std::optional<Key> TakeLeftKey(Milliseconds patience) {
+  std::uint64_t before = 0;
+  {
+    const std::lock_guard guard(input.lock);
+    if (!KeyWaits()) return {};
+    before = input.taken;
+  }
+  SleepFor(patience);
+  const std::lock_guard guard(input.lock);
+  return input.taken == before ? NextKey() : std::nullopt;
 }
 
 void PushBackKey(Key key) {
   const std::lock_guard guard(input.lock);
-  if (input.putBackCount < input.putBack.size()) input.putBack[input.putBackCount++] = key;
+  if (input.putBackCount == input.putBack.size()) return;
+  input.putBack[input.putBackCount++] = key;
+  --input.taken;
 }
 
 // ---- Standard output -----------------------------------------------------------------------

@@ -92,6 +92,25 @@ TEST_F(Program, KeysThatMeanNothingDoNothing) {
   EXPECT_EQ(program_->Wait(std::chrono::milliseconds(1)), ChildProcess::kStillRuns);
 }
 
+// The keyboard's own sensor and the program look for keys side by side: none is lost to the wrong
+// one, however long the typing takes.
+TEST_F(Program, TypingReachesTheKeyboardTrackerWhole) {
+  Start({"-s0x8"});
+  for (int round = 1; round <= 12; ++round) {
+    terminal_.Send("x");
+    for (const char digit : std::to_string(1000 + round)) {
+      ASSERT_TRUE(terminal_.Expect("Enter value for X: "));
+      terminal_.Send(std::string(1, digit));
+      SleepFor(Milliseconds(20));
+    }
+    terminal_.Send("\r");
+    ASSERT_TRUE(terminal_.Expect("New value for X = 10" + std::string(round < 10 ? "0" : "") +
+                                 std::to_string(round) + ".000000"));
+  }
+  terminal_.Send("\x1b");
+  EXPECT_EQ(Wait(), 0);
+}
+
 class EndedBySignal : public Program, public testing::WithParamInterface<int> {};
 
 TEST_P(EndedBySignal, EndsAsByEscape) {
