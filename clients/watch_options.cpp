@@ -71,7 +71,7 @@ constexpr std::array kOptions = {
              command.options.frames = 1;
              return true;
            }},
-    Option{"--frames", "COUNT", "a number from 1 up", "end after COUNT frames",
+    Option{"--frames", "COUNT", "a number from 1 up", "end after COUNT frames shown",
            [](WatchCommand& command, std::string_view value) {
              return ParseNumber<std::uint64_t>(value, 1, UINT64_MAX, command.options.frames);
            }},
@@ -155,7 +155,9 @@ std::string WatchUsage() {
     text += left + std::string(option.help) + "\n";
   }
   text +=
-      "\nA frame is one publication: a tracker publishes once for each of its sensors.\n"
+      "\nA frame is one publication: a tracker publishes once for each of its sensors. Frames "
+      "that\n"
+      "come faster than they are shown are passed over; the newest is always shown.\n"
       "\nExit codes:\n"
       "  0  done, or ended by a signal or by the reader of its output\n"
       "  1  the shared memory cannot be opened\n"

@@ -59,15 +59,6 @@ std::string SensorWords(std::uint32_t mask) { return mask == 0 ? "none" : BitLis
 
 std::string ButtonWords(std::uint32_t bits) { return bits == 0 ? "none pressed" : BitList(bits); }
 
-std::string ComponentWords(std::uint32_t mask) {
-  constexpr std::array kWords = {"position", "angles", "quaternion", "component 4"};
-  std::string list;
-  for (std::size_t bit = 0; bit < kWords.size(); ++bit) {
-    if (Has(mask, static_cast<int>(bit))) AppendTo(list, kWords[bit]);
-  }
-  return list.empty() ? "none" : list;
-}
-
 std::string UnitWord(int code) {
   constexpr std::array kWords = {"inch", "cm", "m", "m"};  // 2 is the metre of GPS receivers
   const auto index = static_cast<std::size_t>(code);
@@ -79,11 +70,10 @@ std::string Fixed(double value, int decimals) {
   return Format("%.*f", decimals, value);
 }
 
-std::string Cell(double value, int width, int decimals) {
-  const auto room = static_cast<std::size_t>(width);
+std::string Cell(double value, std::size_t width, int decimals) {
   std::string text = Fixed(value, decimals);
-  if (text.size() > room) text = Format("%.*e", 1, value);
-  if (text.size() < room) text.insert(0, room - text.size(), ' ');
+  if (text.size() > width) text = Format("%.*e", 1, value);
+  if (text.size() < width) text.insert(0, width - text.size(), ' ');
   return text;
 }
 

@@ -4,7 +4,7 @@
 #include <array>
 #include <cmath>
 #include <numbers>
-#include <span>
+#include <utility>
 
 #include "clients/watch_text.h"
 
@@ -18,26 +18,25 @@ using Getter = bool (*)(const SharedTrackBlock& block, int slot, float* values);
 // One component of a pose, in every form it is shown in.
 struct Component {
   std::uint32_t flag;
-  const char* plain;
-  const char* json;
+  const char* name;
   std::array<const char*, 4> heads;  // one per value
   std::size_t count;
+  std::size_t width;  // of a value on a line where all components stand
   bool isAngle;
   Getter get;
 };
 
-constexpr std::array kComponents = {
-    Component{TrackFlags::kPosition, "position", "position", {"x", "y", "z"}, 3, false, PositionOf},
-    Component{
-        TrackFlags::kEuler, "angles", "angles", {"azimuth", "elevation", "roll"}, 3, true, EulerOf},
-    Component{TrackFlags::kQuaternion,
-              "quaternion",
-              "quaternion",
-              {"q.w", "q.x", "q.y", "q.z"},
-              4,
-              false,
-              QuaternionOf},
-};
+constexpr std::array<Component, 3> kComponents = {{
+    {TrackFlags::kPosition, "position", {"x", "y", "z"}, 3, 10, false, PositionOf},
+    {TrackFlags::kEuler, "angles", {"azimuth", "elevation", "roll"}, 3, 10, true, EulerOf},
+    {TrackFlags::kQuaternion,
+     "quaternion",
+     {"q.w", "q.x", "q.y", "q.z"},
+     4,
+     8,
+     false,
+     QuaternionOf},
+}};
 
 struct Values {
   std::array<float, 4> value{};
@@ -101,13 +100,24 @@ ViewLine StateRow(const WatchSnapshot& snapshot) {
   return row;
 }
 
-std::string RateWords(const SharedTrackBlock& block, std::optional<double> publications) {
-  const std::string stated = "device states " + Fixed(block.frameRate, 1) + " Hz; ";
-  if (!publications.has_value()) return stated + "measuring ...";
-  const int sensors = SensorCountOf(block);
-  std::string words = stated + "measured " + Fixed(*publications, 1) + " publications/s";
+// A writer publishes once for each sensor, so a sensor's own rate is a share of what is counted.
+std::string RateWords(const WatchSnapshot& snapshot, std::optional<double> publications) {
+  std::string words = Fixed(snapshot.block.frameRate, 1) + " Hz stated";
+  if (snapshot.state != TrackerState::Running || !publications.has_value()) return words;
+  words += "; " + Fixed(*publications, 1) + " publications/s measured";
+  const int sensors = SensorCountOf(snapshot.block);
   if (sensors > 1) words += ", " + Fixed(*publications / sensors, 1) + " a sensor";
   return words;
+}
+
+std::string DataWords(const SharedTrackBlock& block, bool degrees) {
+  std::string words;
+  ForEachComponent(block, [&](const Component& component) {
+    words += (words.empty() ? "" : ", ") + std::string(component.name);
+    if (component.flag == TrackFlags::kPosition) words += " (" + UnitWord(UnitsOf(block)) + ")";
+    if (component.isAngle) words += degrees ? " (degrees)" : " (radians)";
+  });
+  return words.empty() ? "none" : words;
 }
 
 std::string TimeWords(const SharedTrackBlock& block) {
@@ -115,88 +125,111 @@ std::string TimeWords(const SharedTrackBlock& block) {
          Fixed((block.publishTime - block.sampleTime) * 1000, 1) + " ms before";
 }
 
-void AddHead(std::vector<ViewLine>& lines, const WatchSnapshot& snapshot, const TableForm& form) {
+std::vector<ViewLine> Details(const WatchSnapshot& snapshot, const TableForm& form) {
   const SharedTrackBlock& block = snapshot.block;
-  lines.push_back(Row("frame", std::to_string(block.frameCount) + ", " + TimeWords(block)));
-  lines.push_back(Row("rate", RateWords(block, form.publicationRate)));
-  lines.push_back(Row("sensors", SensorWords(SensorMaskOf(block))));
-  lines.push_back(Row("shows", ComponentWords(ComponentMaskOf(block)) + " (lengths in " +
-                                   UnitWord(UnitsOf(block)) + ", angles in " +
-                                   (form.degrees ? "degrees)" : "radians)")));
+  std::vector<ViewLine> lines = {
+      Row("data", DataWords(block, form.degrees)),
+      Row("sensors", SensorWords(SensorMaskOf(block))),
+      Row("rate", RateWords(snapshot, form.publicationRate)),
+      Row("frame", std::to_string(block.frameCount) + ", " + TimeWords(block)),
+  };
   if (ButtonsValid(block)) lines.push_back(Row("buttons", ButtonWords(block.buttons)));
+  lines.push_back({});
+  return lines;
 }
 
 // ---- Sensors of the table --------------------------------------------------------------------
 
-constexpr int kCellWidth = 10;  // with the space before it
-constexpr int kSensorWidth = 6;
+constexpr std::size_t kCellWidth = 10;  // with the space before it
+constexpr std::size_t kLabelWidth = 6;
 
-int Decimals(const Component& component, const WatchSnapshot& snapshot, bool degrees) {
-  if (component.isAngle) return degrees ? 2 : 4;
-  return component.flag == TrackFlags::kPosition && UnitsOf(snapshot.block) < 2 ? 3 : 4;
+using Components = std::vector<const Component*>;
+
+std::string Right(std::string text, std::size_t width) {
+  if (text.size() < width) text.insert(0, width - text.size(), ' ');
+  return text;
 }
 
-// The line of one sensor, or the head above it (slot -1), of these components.
-std::string SensorLine(const WatchSnapshot& snapshot, int slot, bool degrees,
-                       std::span<const Component* const> components, const std::string& label) {
-  std::string line(kSensorWidth - std::min<std::size_t>(label.size(), kSensorWidth), ' ');
-  line += label;
-  for (const Component* component : components) {
-    const Values values = ValuesOf(snapshot.block, slot, *component, degrees);
-    for (std::size_t i = 0; i < values.count; ++i) {
-      std::string cell =
-          slot < 0 ? component->heads[i]
-                   : Cell(values.value[i], kCellWidth - 1, Decimals(*component, snapshot, degrees));
-      cell.insert(0, kCellWidth - std::min<std::size_t>(cell.size(), kCellWidth), ' ');
-      line += cell;
+int Decimals(const Component& component, const SharedTrackBlock& block, bool degrees) {
+  if (component.isAngle) return degrees ? 2 : 4;
+  return component.flag == TrackFlags::kPosition && UnitsOf(block) < 2 ? 3 : 4;
+}
+
+// Sensors as lines of cells. All components of a sensor stand on one line where the window is wide
+// enough; else the quaternion takes one of its own.
+class SensorTable {
+ public:
+  SensorTable(const WatchSnapshot& snapshot, const TableForm& form)
+      : block_(snapshot.block), degrees_(form.degrees) {
+    std::size_t width = kLabelWidth;
+    ForEachComponent(block_, [&](const Component& component) {
+      lines_[0].push_back(&component);
+      width += component.count * component.width;
+    });
+    if (width < static_cast<std::size_t>(std::max(form.columns, 0)) || lines_[0].size() < 2) return;
+    if (lines_[0].back()->flag != TrackFlags::kQuaternion) return;
+    lines_[1] = {lines_[0].back()};
+    lines_[0].pop_back();
+  }
+
+  std::vector<ViewLine> Lines(LineStyle style) const {
+    std::vector<ViewLine> lines;
+    const auto head = [](const Component& component, std::size_t i) { return component.heads[i]; };
+    Add(lines, "sensor", LineStyle::Faint, head);
+    ForEachSensor(block_, [&](int slot) {
+      const auto value = [&](const Component& component, std::size_t i) {
+        return Cell(ValuesOf(block_, slot, component, degrees_).value[i], Width(component) - 1,
+                    Decimals(component, block_, degrees_));
+      };
+      Add(lines, std::to_string(slot + 1), style, value);
+    });
+    return lines;
+  }
+
+ private:
+  bool OnOneLine() const { return lines_[1].empty(); }
+  std::size_t Width(const Component& component) const {
+    return OnOneLine() ? component.width : kCellWidth;
+  }
+
+  template <typename TextOf>
+  void Add(std::vector<ViewLine>& lines, std::string label, LineStyle style,
+           const TextOf& textOf) const {
+    for (const Components& components : lines_) {
+      if (&components != &lines_[0] && components.empty()) continue;
+      ViewLine line{Right(std::exchange(label, ""), kLabelWidth), style};
+      for (const Component* component : components) {
+        for (std::size_t i = 0; i < component->count; ++i) {
+          line.text += Right(textOf(*component, i), Width(*component));
+        }
+      }
+      lines.push_back(line);
     }
   }
-  return line;
-}
 
-// The published components, in as many lines a sensor as the width asks for: the quaternion takes
-// one of its own where it does not fit beside the pose.
-std::vector<std::vector<const Component*>> Arrange(const SharedTrackBlock& block, int columns) {
-  std::vector<std::vector<const Component*>> lines(1);
-  std::size_t width = kSensorWidth;
-  ForEachComponent(block, [&](const Component& component) {
-    const std::size_t more = component.count * kCellWidth;
-    const bool tooWide = width + more >= static_cast<std::size_t>(std::max(columns, 0));
-    if (component.flag == TrackFlags::kQuaternion && tooWide && !lines.back().empty()) {
-      lines.emplace_back();
-      width = kSensorWidth;
-    }
-    lines.back().push_back(&component);
-    width += more;
-  });
-  return lines;
-}
+  const SharedTrackBlock& block_;
+  bool degrees_;
+  std::array<Components, 2> lines_;
+};
 
-void AddSensors(std::vector<ViewLine>& lines, const WatchSnapshot& snapshot,
-                const TableForm& form) {
-  const auto arranged = Arrange(snapshot.block, form.columns);
-  const auto add = [&](int slot, const std::string& firstLabel, LineStyle style) {
-    for (std::size_t i = 0; i < arranged.size(); ++i) {
-      const std::string label = i == 0 ? firstLabel : "";
-      lines.push_back({SensorLine(snapshot, slot, form.degrees, arranged[i], label), style});
-    }
-  };
-  lines.push_back({});
-  add(-1, "sensor", LineStyle::Faint);
-  ForEachSensor(snapshot.block,
-                [&](int slot) { add(slot, std::to_string(slot + 1), LineStyle::Plain); });
+// ---- The whole table -------------------------------------------------------------------------
+
+void Append(std::vector<ViewLine>& lines, const std::vector<ViewLine>& more, std::size_t most) {
+  const std::size_t count = std::min(more.size(), most);
+  lines.insert(lines.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
 // Cuts what the terminal has no room for, and says so.
-void Fit(std::vector<ViewLine>& lines, const TableForm& form) {
-  const auto rows = static_cast<std::size_t>(std::max(form.rows - 1, 1));
+void Fit(std::vector<ViewLine>& lines, std::size_t rows, std::size_t columns) {
   if (lines.size() > rows) {
     lines.resize(rows);
     lines.back() = {"... more than the window shows", LineStyle::Faint};
   }
-  const auto columns = static_cast<std::size_t>(std::max(form.columns - 1, 1));
   for (ViewLine& line : lines) line.text.resize(std::min(line.text.size(), columns));
 }
+
+// The most that may be used of a terminal's rows or columns: the last one belongs to the cursor.
+std::size_t Usable(int size) { return static_cast<std::size_t>(std::max(size - 1, 1)); }
 
 // ---- Lines -----------------------------------------------------------------------------------
 
@@ -211,7 +244,7 @@ std::string JsonArray(const Values& values) {
 std::string JsonSensor(const SharedTrackBlock& block, int slot, bool degrees) {
   std::string text = "{\"sensor\":" + std::to_string(slot + 1);
   ForEachComponent(block, [&](const Component& component) {
-    text += std::string(",\"") + component.json +
+    text += std::string(",\"") + component.name +
             "\":" + JsonArray(ValuesOf(block, slot, component, degrees));
   });
   return text + "}";
@@ -221,7 +254,7 @@ std::string PlainSensor(const SharedTrackBlock& block, int slot, bool degrees) {
   std::string text = " sensor " + std::to_string(slot + 1);
   ForEachComponent(block, [&](const Component& component) {
     const Values values = ValuesOf(block, slot, component, degrees);
-    text += std::string(" ") + component.plain;
+    text += std::string(" ") + component.name;
     for (std::size_t i = 0; i < values.count; ++i) text += " " + Fixed(values.value[i], 5);
   });
   return text;
@@ -247,12 +280,18 @@ std::string StateWords(const WatchSnapshot& snapshot) {
 }
 
 std::vector<ViewLine> TableView(const WatchSnapshot& snapshot, const TableForm& form) {
+  const std::size_t rows = Usable(form.rows);
   std::vector<ViewLine> lines = {Title(snapshot, form.columns), StateRow(snapshot)};
   if (snapshot.state != TrackerState::Awaited) {
-    AddHead(lines, snapshot, form);
-    AddSensors(lines, snapshot, form);
+    const bool live = snapshot.state == TrackerState::Running;
+    const std::vector<ViewLine> sensors =
+        SensorTable(snapshot, form).Lines(live ? LineStyle::Plain : LineStyle::Faint);
+    // In a low window the poses come first.
+    const std::size_t needed = lines.size() + sensors.size();
+    Append(lines, Details(snapshot, form), rows > needed ? rows - needed : 0);
+    Append(lines, sensors, sensors.size());
   }
-  Fit(lines, form);
+  Fit(lines, rows, Usable(form.columns));
   return lines;
 }
 

@@ -1,0 +1,82 @@
+// A tracker's writing side in the test's own process, and blocks that no honest writer makes.
+#pragma once
+
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+
+#include "publish/shared_track_writer.h"
+#include "tests/support/free_slot.h"
+#include "tests/support/wait_until.h"
+
+namespace kinetrel::test {
+
+// What a tracker with sensors 1 and 3 publishes, everything included.
+inline void FillBlock(SharedTrackBlock& block) {
+  SetDeviceName(block, "Test tracker");
+  block.sensorMask = 0x5;
+  block.flags = 0x5 | 0x7 << 4 | 1 << 8 | TrackFlags::kButtonsValid;
+  block.buttons = 0xB;
+  block.frameRate = 60;
+  block.poses[0] = {1, -2.5F, 3, 0.5F, -0.25F, 0.125F};
+  block.poses[2] = {-100, 200, -300, 3.14159F, 1, -1};
+  block.quaternions[2] = {0.5F, -0.5F, 0.5F, -0.5F};
+}
+
+inline void FillWithNaN(SharedTrackBlock& block) {
+  FillBlock(block);
+  block.sensorMask = ~0U;
+  for (auto& pose : block.poses) pose.fill(std::numeric_limits<float>::quiet_NaN());
+  for (auto& quaternion : block.quaternions)
+    quaternion.fill(-std::numeric_limits<float>::infinity());
+  block.frameRate = std::numeric_limits<double>::infinity();
+  block.sampleTime = block.publishTime = -std::numeric_limits<double>::quiet_NaN();
+}
+
+inline void FillWithEscapes(SharedTrackBlock& block) {
+  FillBlock(block);
+  // No 0 at the end: clear the screen, ring, C1 controls, a quote, a backslash, broken UTF-8.
+  const std::string evil = "\x1b[2J\a\r\n\x9b\"\\\xff\xc3\x7f";
+  for (std::size_t i = 0; i < block.deviceName.size(); ++i) {
+    block.deviceName[i] = evil[i % evil.size()];
+  }
+  block.padding1.fill('\x1b');
+}
+
+inline void FillWithNoise(SharedTrackBlock& block) {
+  std::mt19937 random(1);
+  auto* const bytes = reinterpret_cast<unsigned char*>(&block);
+  std::generate(bytes, bytes + sizeof block, [&] { return static_cast<unsigned char>(random()); });
+}
+
+class Tracker {
+ public:
+  explicit Tracker(const FreeSlot& slot) : writer_(slot.device(), 1) {
+    if (!writer_.OpenAll()) throw std::runtime_error("no shared memory");
+  }
+
+  // False when the bin was not to be had within 5 s. frame: as the writer's Publish.
+  bool Publish(void (*fill)(SharedTrackBlock&) = FillBlock, int frame = 0) {
+    if (!writer_.Lock(Milliseconds(5000))) return false;
+    const int count = writer_.block()->frameCount;
+    fill(*writer_.block());
+    writer_.block()->frameCount = count;
+    const bool published = writer_.Publish(frame);
+    return writer_.Unlock() && published;
+  }
+
+  // Publishes until `condition` holds: for a client that has yet to come into step.
+  bool PublishUntil(const std::function<bool()>& condition,
+                    void (*fill)(SharedTrackBlock&) = FillBlock) {
+    return WaitUntil([&] { return condition() || !Publish(fill); }) && condition();
+  }
+
+ private:
+  SharedTrackWriter writer_;
+};
+
+}  // namespace kinetrel::test
