@@ -101,6 +101,7 @@ SerialPort::~SerialPort() { SerialPort::ClosePort(); }
 int SerialPort::OpenPort(const char* name, int baud) {
   if (HasHandle()) ClosePort();
   openFailure_.clear();
+  lineLost_ = false;
   if (name != nullptr && *name == '~') {
     portNumber_ = 0;
     portStatus_ = PortStatus::Simulated;
@@ -228,11 +229,18 @@ bool SerialPort::SetHandshake(int mode) {
 
 // ---- Transfers -----------------------------------------------------------------------------
 
+// Keeps what a failed transfer teaches about the line.
+bool SerialPort::Done(const Status& status) {
+  if (status.Ok()) return true;
+  if (status.osCode != 0) lastError_ = status.osCode;
+  lineLost_ = lineLost_ || status.error == Error::Closed;
+  return false;
+}
+
 unsigned SerialPort::Write(const void* data, unsigned count) {
   if (!line_) return 0;
   const Result<std::size_t> written = line_->Write(AsBytes(data, count));
-  if (!written.Ok()) lastError_ = written.status().osCode;
-  return written.Ok() ? static_cast<unsigned>(*written) : 0;
+  return Done(written.status()) ? static_cast<unsigned>(*written) : 0;
 }
 
 bool SerialPort::Read(void* data, unsigned count) {
@@ -244,10 +252,7 @@ bool SerialPort::ReadSome(void* data, unsigned count, unsigned* got) {
   *got = 0;
   if (!line_) return false;
   const Result<std::size_t> read = line_->Read(AsBytes(data, count));
-  if (!read.Ok()) {
-    lastError_ = read.status().osCode;
-    return false;
-  }
+  if (!Done(read.status())) return false;
   *got = static_cast<unsigned>(*read);
   return true;
 }
@@ -255,7 +260,7 @@ bool SerialPort::ReadSome(void* data, unsigned count, unsigned* got) {
 unsigned SerialPort::InputQueueLength() {
   if (!line_) return 0;
   const Result<std::size_t> length = line_->InputQueueLength();
-  return length.Ok() ? static_cast<unsigned>(*length) : 0;
+  return Done(length.status()) ? static_cast<unsigned>(*length) : 0;
 }
 
 // A line that is gone has nothing to discard or to send: no result to give.
@@ -299,10 +304,10 @@ int SerialPort::ReadString(char* buffer, int size, char terminator) {
 }
 
 bool SerialPort::WaitForRX(int timeoutMs, int minBytes) {
-  if (timeoutMs < 1) return line_ && line_->WaitForInput(1, kForever).Ok();
+  if (timeoutMs < 1) return line_ && Done(line_->WaitForInput(1, kForever));
   if (minBytes < 1) return true;
   const Milliseconds timeout(timeoutMs);
-  if (line_) return line_->WaitForInput(static_cast<std::size_t>(minBytes), timeout).Ok();
+  if (line_) return Done(line_->WaitForInput(static_cast<std::size_t>(minBytes), timeout));
   SleepFor(timeout);
   return false;
 }

@@ -119,6 +119,11 @@ class SerialPort {
   // ---- State -------------------------------------------------------------------------------
 
   bool HasHandle() const { return line_.has_value(); }
+
+  // The far end hung up or the device was unplugged since the port was opened: only opening it
+  // anew can bring it back.
+  bool LineLost() const { return lineLost_; }
+
   PortStatus portStatus() const { return portStatus_; }
   int lastError() const { return lastError_; }
   TimeoutMode timeoutMode() const { return timeoutMode_; }
@@ -132,6 +137,7 @@ class SerialPort {
   int portNumber_ = -1;
 
  private:
+  bool Done(const Status& status);
   PortStatus OpenLine(const char* name, int baud);
   PortStatus SetUpLine(const std::string& name, int baud);
   PortStatus Refuse(PortStatus step, int osCode, std::string why);
@@ -146,6 +152,7 @@ class SerialPort {
   int readInterval_ = 0;       // ms
   TimeoutMode timeoutMode_ = TimeoutMode::ReturnAtOnce;
   PortStatus portStatus_ = PortStatus::NeverOpened;
+  bool lineLost_ = false;
   std::string openFailure_;
 };
 

@@ -143,6 +143,7 @@ void SampleLoop::BeginDevice(EngineLock& lock) {
   } else {
     lock.Leave([this] { device_->Poll(); });
   }
+  recovery_.emplace(state_, device_);
   const Status raised = RaiseToTimeCritical();
   if (!raised.Ok()) {
     state_->status.SetStatusF(3, "Sampling at ordinary priority: %s.", Describe(raised).c_str());
@@ -265,6 +266,7 @@ void SampleLoop::Blink() {
 }
 
 void SampleLoop::NoteSuccess() {
+  recovery_->NoteFrame();
   if (!inError_) return;
   state_->status.SetStatusF(1, "Running. (after %u error samples)", runLength_);
   inError_ = false;
@@ -279,6 +281,7 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   if (keyboard) return;  // no key pressed is no failure
   if (!inError_) LogFailure();
   ShowTransient("e\b");
+  if (recovery_->Try(lock) && streaming_) device_->StartContinuous();
 }
 
 void SampleLoop::LogFailure() {

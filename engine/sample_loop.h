@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "engine/engine_state.h"
+#include "engine/recovery.h"
 #include "publish/shared_track_writer.h"
 
 namespace kinetrel {
@@ -72,6 +73,7 @@ class SampleLoop {
   std::shared_ptr<TrackerDevice> device_;
   std::shared_ptr<DAQControl> joystick_;  // as it was when the frame was read
   std::optional<SharedTrackWriter> writer_;
+  std::optional<Recovery> recovery_;
   Header header_;
   bool streaming_ = false;
   int rate_ = 0;  // Hz

@@ -1,19 +1,16 @@
 #include "engine/tracker_engine.h"
 
-#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
 
+#include "engine/apply_configuration.h"
 #include "engine/sample_loop.h"
 
 namespace kinetrel {
 namespace {
 
 constexpr int kBaud = 115200;  // every driver that needs another sets it itself
-constexpr int kGpsFamily = 0xC00;
-constexpr int kGpsUnits = 2;
-constexpr float kRolled = -3.1415927F;  // -pi as a float
 
 // Types that once had a driver; refused by name.
 struct RetiredType {
@@ -74,7 +71,7 @@ OpenResult TrackerEngine::Attach(const EngineLock& lock) {
     AttachJoystick(lock);
   }
   ResetMappings(lock);
-  ApplyConfiguration(lock);
+  ApplyConfiguration(*state_, lock);
   return OpenResult::Opened;
 }
 
@@ -162,35 +159,6 @@ bool TrackerEngine::Close() {
 bool TrackerEngine::IsOpen() const { return state_->isOpen; }
 
 // ---- Configuration ---------------------------------------------------------------------------
-
-void TrackerEngine::ApplyConfiguration(const EngineLock&) {
-  StartConfig& config = state_->config;
-  TrackerDevice& device = *state_->device;
-  device.SetSensorMask(config.sensorMask, 0);
-  device.SetComponentMask(config.componentMask);
-  device.SetSensorOffset(-1, config.transmitterOffset.data());
-  device.SetHemisphere(-1, config.hemisphere.data());
-  if ((device.GetStatusCode() & ~0xFF) == kGpsFamily) config.units = kGpsUnits;
-  device.SetUnits(config.units);
-  device.SetSynchronization(config.sync);
-  if (config.rollAll >= 0) {
-    config.transmitterOffset[5] = config.rollAll >= 1 ? kRolled : 0.0F;
-    device.SetSensorOffset(-1, config.transmitterOffset.data());
-  }
-  if (config.query != 0) ReportDeviceStatus(device);
-  if (config.Aligned() &&
-      device.SetAlignment(-1, config.alignX.data(), config.alignY.data()) != 0) {
-    Announce(state_->status, " ", 6, "ALIGNED");
-  }
-}
-
-void TrackerEngine::ReportDeviceStatus(TrackerDevice& device) {
-  std::array<char, 2048> text{};
-  if (device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1) == 0) return;
-  std::printf("\nSTATUS:\n\t%s\n", text.data());
-  std::fflush(stdout);
-  state_->status.SetStatusF(3, "STATUS: %s", text.data());
-}
 
 bool TrackerEngine::SetSharedMemoryDevice(int id) {
   EngineLock lock(state_->mutex);

@@ -71,8 +71,6 @@ class TrackerEngine {
   OpenResult Attach(const EngineLock& lock);
   bool OpenPort(TrackerDevice& device);
   bool BootDevice(TrackerDevice& device);
-  void ApplyConfiguration(const EngineLock& lock);
-  void ReportDeviceStatus(TrackerDevice& device);
   bool AttachJoystick(const EngineLock& lock);
   void ResetMappings(const EngineLock& lock);
   void AddDefaultMappings(const EngineLock& lock);

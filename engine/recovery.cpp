@@ -1,0 +1,89 @@
+#include "engine/recovery.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include "engine/apply_configuration.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kBaud = 115200;  // every driver that needs another sets it itself
+
+double SecondsSince(std::int64_t tick) {
+  return static_cast<double>(ClockTicks() - tick) / static_cast<double>(ClockTicksPerSecond());
+}
+
+}  // namespace
+
+Recovery::Recovery(std::shared_ptr<EngineState> state, std::shared_ptr<TrackerDevice> device)
+    : state_(std::move(state)),
+      device_(std::move(device)),
+      serial_(device_->portStatus() == PortStatus::Open),
+      deviceType_(device_->GetDeviceType(nullptr, 0)),
+      name_(device_->GetDeviceName()),
+      lastFrame_(ClockTicks()) {}
+
+void Recovery::NoteFrame() {
+  if (trouble_ != Trouble::None) {
+    Announce(state_->status, "\n\t", 1, "%s is back after %.1f seconds.", name_,
+             SecondsSince(lastFrame_));
+    std::fputs("\nRunning ...  ", stderr);
+    trouble_ = Trouble::None;
+    strangerReported_ = false;
+  }
+  lastFrame_ = ClockTicks();
+}
+
+Recovery::Trouble Recovery::Diagnose() const {
+  if (device_->LineLost() || !device_->HasHandle()) return Trouble::PortGone;
+  const double patience = static_cast<double>(kSilencePatience.count()) / 1000.0;
+  return SecondsSince(lastFrame_) > patience ? Trouble::Silent : Trouble::None;
+}
+
+void Recovery::Report(Trouble trouble) {
+  trouble_ = trouble;
+  pause_ = kFirstPause;
+  next_ = Deadline(trouble == Trouble::PortGone ? kFirstPause : Milliseconds(0));
+  Announce(state_->status, "\n\t", -3,
+           trouble == Trouble::PortGone ? "The port of %s has gone; waiting for it ... "
+                                        : "%s sends nothing usable; starting it anew ... ",
+           name_);
+}
+
+bool Recovery::Try(const EngineLock& lock) {
+  if (!serial_) return false;
+  if (trouble_ == Trouble::None) {
+    const Trouble found = Diagnose();
+    if (found == Trouble::None) return false;
+    Report(found);
+  }
+  if (!next_.Passed()) return false;
+  const bool booted = Reopen();
+  if (booted) ApplyConfiguration(*state_, lock);
+  // One that has just booted is given the time to deliver.
+  next_ = Deadline(booted ? std::max(pause_, kSilencePatience) : pause_);
+  pause_ = std::min(pause_ * 2, kLongestPause);
+  return booted;
+}
+
+bool Recovery::Reopen() {
+  device_->ClosePort();
+  if (device_->OpenPortNumber(state_->config.port, kBaud) < 1) return false;
+  if (device_->Boot(0) >= kBooted && SameDevice()) return true;
+  device_->ClosePort();
+  return false;
+}
+
+bool Recovery::SameDevice() {
+  if (device_->GetDeviceType(nullptr, 0) == deviceType_) return true;
+  if (!strangerReported_) {
+    Announce(state_->status, "\n\t", -3, "%s answers in place of %s; it is left alone.",
+             device_->GetDeviceName(), name_);
+    strangerReported_ = true;
+  }
+  return false;
+}
+
+}  // namespace kinetrel
