@@ -1,0 +1,102 @@
+// The machine under a benchmark: other processes, where they run, and what they cost.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kinetrel::bench {
+
+// The shared-memory device number of every benchmark.
+inline constexpr int kBenchDevice = 15;
+
+// Gives this process and its children shared-memory names of their own, so that neither another
+// run nor a live program meets them. Where the system does not permit it the machine's own names
+// are used. Returns what to say about it. Call it first.
+std::string IsolateNames();
+
+// While one lives, no CPU sleeps deeper than it wakes at once, where that is permitted.
+class WakefulCpus {
+ public:
+  WakefulCpus();
+  ~WakefulCpus();
+  WakefulCpus(const WakefulCpus&) = delete;
+  WakefulCpus& operator=(const WakefulCpus&) = delete;
+  std::string note() const;
+
+ private:
+  int request_;
+};
+
+int CpuCount();
+void RunOnCpu(int cpu);  // the calling thread; a CPU that is not there changes nothing
+void RunOnAnyCpu();
+
+// Real-time priority for the calling thread, 1 upward; false where it is not permitted.
+bool RunAtPriority(int priority);
+void RunAtNormalPriority();
+
+// One T in memory that this process and the children it forks have in common.
+void* MapCommon(std::size_t size);
+void UnmapCommon(void* memory, std::size_t size);
+
+template <typename T>
+class Common {
+ public:
+  Common() : value_(new (MapCommon(sizeof(T))) T{}) {}
+  ~Common() { UnmapCommon(value_, sizeof(T)); }
+  Common(const Common&) = delete;
+  Common& operator=(const Common&) = delete;
+  T* operator->() const { return value_; }
+  T& operator*() const { return *value_; }
+
+ private:
+  T* value_;
+};
+
+// A child process that runs `body` and ends. It opens what it needs itself: what its parent had
+// open at the fork would count as one user with it.
+class Child {
+ public:
+  explicit Child(const std::function<void()>& body);
+  ~Child();  // kills it if it still runs
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void Kill() const;
+  bool Sleeps() const;  // is in the kernel, waiting
+  bool Join();          // true when it ended by itself, with exit code 0
+
+ private:
+  pid_t pid_;
+  int stat_ = -1;
+  bool joined_ = false;
+};
+
+// Becomes one of the project's own programs, with a standard input that stays silent and its output
+// thrown away; for a child's body.
+void RunProgram(const std::string& name, const std::vector<std::string>& arguments);
+
+long OwnSwitches();                  // context switches of this process, of both kinds
+long WakeUpsOf(pid_t process);       // how often its threads, those that live, had to wait
+double CpuSecondsOf(pid_t process);  // of all its threads, so far
+double OwnThreadCpuSeconds();
+
+// System calls by number.
+using SystemCalls = std::map<long, int>;
+
+// Runs `body` in a traced child and counts the system calls made between BeginCount and EndCount.
+// Nothing where tracing is not permitted here.
+std::optional<SystemCalls> CountSystemCalls(const std::function<void()>& body);
+void BeginCount();
+void EndCount();
+double PerOperation(const SystemCalls& calls, int operations);
+
+}  // namespace kinetrel::bench

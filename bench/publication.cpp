@@ -1,0 +1,56 @@
+#include "bench/publication.h"
+
+#include <stdexcept>
+
+#include "bench/machine.h"
+
+namespace kinetrel::bench {
+namespace {
+
+constexpr Milliseconds kPatience{1000};
+
+}  // namespace
+
+void PublishSample(SharedTrackWriter& writer, int bin, int sensor) {
+  writer.SelectBin(bin);
+  if (!writer.Lock(kForever)) throw std::runtime_error("the bin cannot be locked");
+  SharedTrackBlock& block = *writer.block();
+  const auto step = static_cast<float>(block.frameCount);
+  block.poses[static_cast<std::size_t>(sensor)] = {step, step, step, 0.1F, 0.2F, 0.3F};
+  block.flags = TrackFlags::kPosition | TrackFlags::kEuler | 0x101;
+  block.frameRate = 120.0;
+  block.sensorMask = 0xFFFFFFFF;
+  writer.Publish(0);
+  writer.Unlock();
+}
+
+void Publication::OpenGiver() { writer_ = OpenWriter(); }
+
+void Publication::OpenTaker() { reader_ = OpenReader(); }
+
+void Publication::CloseGiver() { writer_.reset(); }
+
+void Publication::Give() { PublishSample(*writer_, kBin, 0); }
+
+void Publication::Rehearse() { PublishSample(*writer_, kLonelyBin, 0); }
+
+void Publication::Take() {
+  while (!reader_->WaitForFrame(copy_.frameCount, kPatience)) {
+  }
+  reader_->Copy(copy_, kPatience);
+}
+
+std::unique_ptr<SharedTrackWriter> OpenWriter() {
+  auto writer = std::make_unique<SharedTrackWriter>(kBenchDevice, kLonelyBin + 1);
+  if (!writer->OpenAll()) throw std::runtime_error(Describe(writer->failure()));
+  if (writer->rivalPresent()) throw std::runtime_error("another program writes slot 16");
+  return writer;
+}
+
+std::unique_ptr<SharedTrackReader> OpenReader() {
+  auto reader = std::make_unique<SharedTrackReader>(kBenchDevice);
+  if (!reader->OpenOnly(kBin)) throw std::runtime_error(Describe(reader->failure()));
+  return reader;
+}
+
+}  // namespace kinetrel::bench

@@ -1,0 +1,58 @@
+// What a publication and a client's read cost when nobody waits.
+#include "bench/floors.h"
+#include "bench/machine.h"
+#include "bench/publication.h"
+
+namespace kinetrel::bench {
+namespace {
+
+constexpr int kCycles = 2000;
+constexpr int kBlockSize = 500;
+constexpr int kCounted = 1000;
+
+void Publishing(Report& report) {
+  const auto writer = OpenWriter();
+  BarePublication bare;
+  const std::vector<Paired> time =
+      Interleave(kCycles, TimedBlock(kBlockSize, [&] { bare(); }),
+                 TimedBlock(kBlockSize, [&] { PublishSample(*writer, kBin, 0); }));
+  report.Ratio("publishing a sample, nobody waiting", time[0], "ns", 1.5);
+}
+
+void SystemCallsOfPublishing(Report& report) {
+  const std::string item = "system calls of a publication, nobody waiting";
+  const auto calls = CountSystemCalls([] {
+    const auto writer = OpenWriter();
+    BeginCount();
+    for (int i = 0; i < kCounted; ++i) PublishSample(*writer, kBin, 0);
+    EndCount();
+  });
+  if (!calls) return report.Undecided(item, "tracing a child is not permitted here");
+  report.AtMost(item, PerOperation(*calls, kCounted), "", 0);
+}
+
+void Reading(Report& report) {
+  const auto writer = OpenWriter();
+  const auto reader = OpenReader();
+  BareMutex mutex;
+  const auto lockAndUnlock = [&] {
+    mutex.Lock();
+    mutex.Unlock();
+  };
+  SharedTrackBlock copy{};
+  const std::vector<Paired> time =
+      Interleave(kCycles, TimedBlock(kBlockSize, lockAndUnlock),
+                 TimedBlock(kBlockSize, [&] { reader->Copy(copy, kForever); }));
+  report.Ratio("a client's read, over lock and unlock", time[0], "ns", 2.5);
+}
+
+void Measure(Report& report) {
+  Publishing(report);
+  SystemCallsOfPublishing(report);
+  Reading(report);
+}
+
+}  // namespace
+}  // namespace kinetrel::bench
+
+int main() { return kinetrel::bench::RunBenchmark("bench-publish", kinetrel::bench::Measure); }
