@@ -13,7 +13,7 @@ constexpr double kDrawSeconds = 0.05;
 
 // Between two looks at the bin; longer means that the program was suspended, and that the shell
 // has since used the terminal.
-constexpr double kSuspended = 1.5;
+constexpr double kSuspended = 0.8;
 
 bool EndsWatching(Key key) {
   constexpr int kEscape = 27;

@@ -67,7 +67,11 @@ std::string UnitWord(int code) {
 
 std::string Fixed(double value, int decimals) {
   if (std::isnan(value)) return "nan";  // never "-nan"
-  return Format("%.*f", decimals, value);
+  std::string text = Format("%.*f", decimals, value);
+  // Nothing is left of it but the sign: a value that hovers about zero would flicker.
+  const bool zero = text.find_first_not_of("-0.") == std::string::npos;
+  if (zero && text.front() == '-') text.erase(0, 1);
+  return text;
 }
 
 std::string Cell(double value, std::size_t width, int decimals) {

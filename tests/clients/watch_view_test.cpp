@@ -125,6 +125,8 @@ TEST(WatchText, SaysMasksAndNumbersInWords) {
   EXPECT_EQ(UnitWord(0) + UnitWord(15), "inchunit 15");
   EXPECT_EQ(Cell(-12.3456, 9, 3), "  -12.346");
   EXPECT_EQ(Cell(-1.0e30, 9, 3), " -1.0e+30");
+  EXPECT_EQ(Cell(-0.0004, 9, 3), "    0.000");
+  EXPECT_EQ(Cell(-std::numeric_limits<double>::infinity(), 9, 3), "     -inf");
   EXPECT_EQ(Cell(-std::numeric_limits<double>::quiet_NaN(), 9, 3), "      nan");
   EXPECT_EQ(JsonText("a\"b\\c\x1b\xff"), R"("a\"b\\c??")");
   EXPECT_EQ(JsonNumber(0.1F), "0.1");
