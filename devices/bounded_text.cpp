@@ -15,6 +15,12 @@ int CopyTruncated(char* to, int size, const char* from) {
   return static_cast<int>(length);
 }
 
+void CopyUpTo(char* to, int size, const char* from) {
+  if (to == nullptr || size <= 0) return;
+  const std::size_t length = std::strlen(from);
+  std::memcpy(to, from, std::min(length + 1, static_cast<std::size_t>(size)));
+}
+
 void TextAppender::AppendF(const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);

@@ -10,6 +10,10 @@ namespace kinetrel {
 // room at all. Returns the characters copied.
 int CopyTruncated(char* to, int size, const char* from);
 
+// Copies at most `size` characters of `from`: no terminator where the text fills the room. Nothing
+// without room.
+void CopyUpTo(char* to, int size, const char* from);
+
 // Appends to a text in `room`, which holds its terminator too. What does not fit is cut.
 class TextAppender {
  public:

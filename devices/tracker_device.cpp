@@ -2,23 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <new>
 
+#include "devices/bounded_text.h"
 #include "platform/clock.h"
 
 namespace kinetrel {
-namespace {
-
-// Copies `from` as strncpy does: no terminator where the text fills the room.
-void CopyText(char* to, int size, const char* from) {
-  if (to == nullptr || size <= 0) return;
-  const auto room = static_cast<std::size_t>(size);
-  const std::size_t length = std::strlen(from);
-  std::memcpy(to, from, std::min(length + 1, room));
-}
-
-}  // namespace
 
 TrackerDevice::TrackerDevice()
     : deviceName_(DeviceNameText(DeviceName::NoDevice)),
@@ -107,7 +96,7 @@ int TrackerDevice::GetSensorCount() { return sensorCount_; }
 const char* TrackerDevice::GetDeviceName() { return deviceName_; }
 
 int TrackerDevice::GetDeviceType(char* name, int size) {
-  CopyText(name, size, deviceName_);
+  CopyUpTo(name, size, deviceName_);
   return deviceType_;
 }
 
@@ -124,7 +113,7 @@ int TrackerDevice::GetProtocol() { return protocol_; }
 int TrackerDevice::GetProtocolText(char* text, int size) {
   char number[16];
   std::snprintf(number, sizeof number, "%d", protocol_);
-  CopyText(text, size, number);
+  CopyUpTo(text, size, number);
   return protocol_;
 }
 
@@ -143,7 +132,7 @@ int TrackerDevice::GetFrameRate() {
 }
 
 bool TrackerDevice::GetControlString(char* text, int size) {
-  CopyText(text, size, "");
+  CopyUpTo(text, size, "");
   return false;
 }
 
