@@ -56,4 +56,15 @@ bool Announce(StatusLog& log, const char* prefix, int code, const char* format, 
   return true;
 }
 
+bool Post(StatusLog* log, int code, const char* format, ...) {
+  if (log == nullptr) return true;
+  const std::lock_guard held(log->lock_);
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(log->formatBuffer_.data(), log->formatBuffer_.size(), format, arguments);
+  va_end(arguments);
+  log->Append(code, log->formatBuffer_.data());
+  return true;
+}
+
 }  // namespace kinetrel

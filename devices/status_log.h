@@ -48,6 +48,7 @@ class StatusLog {
 
  private:
   friend bool Announce(StatusLog&, const char*, int, const char*, ...);
+  friend bool Post(StatusLog*, int, const char*, ...);
   void Append(int code, std::string text);  // with the lock held
 
   mutable std::mutex lock_;
@@ -59,5 +60,8 @@ class StatusLog {
 // way to say a thing in both places. Always true.
 [[gnu::format(printf, 4, 5)]] bool Announce(StatusLog& log, const char* prefix, int code,
                                             const char* format, ...);
+
+// SetStatusF for a device that may have been given no log: with null, nothing. Always true.
+[[gnu::format(printf, 3, 4)]] bool Post(StatusLog* log, int code, const char* format, ...);
 
 }  // namespace kinetrel
