@@ -1,6 +1,7 @@
 #include "devices/device_factory.h"
 
 #include "devices/keyboard_device.h"
+#include "drivers/flock_device.h"
 
 namespace kinetrel {
 namespace {
@@ -15,6 +16,7 @@ struct DriverRow {
   std::unique_ptr<TrackerDevice> (*make)();
 };
 constexpr DriverRow kDrivers[] = {
+    {3, Make<FlockDevice>},
     {8, Make<KeyboardDevice>},
 };
 
