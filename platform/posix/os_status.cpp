@@ -32,6 +32,11 @@ Status StatusFromErrno(int code, const char* what) {
     case EPIPE:
     case EBADF:
       return {Error::Closed, code, what};
+    case EINVAL:
+    case EISDIR:
+    case ELOOP:
+    case ENAMETOOLONG:
+      return {Error::Invalid, code, what};
     case ENOTTY:
     case EOPNOTSUPP:
     case ENOSYS:
