@@ -1,6 +1,7 @@
 #include "publish/shared_track_block.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstring>
 #include <string_view>
@@ -27,11 +28,28 @@ char Digit(int value) {
 }  // namespace
 
 void InitializeBlock(SharedTrackBlock& block, bool writerPresent) {
-  block = SharedTrackBlock{};
-  block.reserved = -1;
-  for (auto& quaternion : block.quaternions) quaternion = {1.0F, 0.0F, 0.0F, 0.0F};
+  // Looked at without the mutex; -1 comes last, so that nobody takes for initialised what a
+  // process left that was killed in here.
+  const std::atomic_ref initialized(block.reserved);
+  initialized.store(0);
+  block.flags = 0;
+  block.buttons = 0;
+  block.poses = {};
+  block.quaternions.fill({1.0F, 0.0F, 0.0F, 0.0F});
+  block.padding0 = 0;
+  block.sampleTime = 0.0;
+  block.publishTime = 0.0;
+  block.frameCount = 0;
   block.writerPresent = writerPresent ? 1 : 0;
+  block.deviceName = {};
+  block.padding1 = {};
+  block.frameRate = 0.0;
+  block.sensorMask = 0;
+  block.padding2 = 0;
+  initialized.store(-1);
 }
+
+bool IsInitialized(SharedTrackBlock& block) { return std::atomic_ref(block.reserved).load() == -1; }
 
 void SetDeviceName(SharedTrackBlock& block, const char* name) {
   const std::string_view text = name;

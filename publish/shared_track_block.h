@@ -63,6 +63,9 @@ struct TrackFlags {
 // A block as it is before the first publication.
 void InitializeBlock(SharedTrackBlock& block, bool writerPresent);
 
+// New memory is all zero, and not initialised. May be asked without the mutex.
+bool IsInitialized(SharedTrackBlock& block);
+
 // Names the device; a name past 128 characters is cut.
 void SetDeviceName(SharedTrackBlock& block, const char* name);
 

@@ -1,19 +1,20 @@
 #include "publish/shared_track_memory.h"
 
-#include <atomic>
+#include <utility>
 
 namespace kinetrel {
 namespace {
 
 bool IsBin(int bin) { return bin >= 0 && bin < kSharedBins; }
 
-// New memory is all zero. Atomic: it may be looked at before the mutex is taken.
-bool IsInitialized(SharedTrackBlock& block) { return std::atomic_ref(block.reserved).load() == -1; }
-
 }  // namespace
 
 SharedTrackBlock* SharedTrackMemory::Bin::Block() const {
   return Open() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
+}
+
+void SharedTrackMemory::Bin::WakeWaiters() {
+  if (std::exchange(wakePending, false) && event.has_value()) event->Wake();
 }
 
 SharedTrackMemory::SharedTrackMemory(int device, int bins)
@@ -34,21 +35,25 @@ int SharedTrackMemory::SelectBin(int number) {
 }
 
 bool SharedTrackMemory::Lock(Milliseconds timeout) {
-  if (!current().Open() || !current().mutex->Lock(timeout)) return false;
-  locked_ = true;
+  if (!current().Open()) return false;
+  if (lockedBin_ == currentBin_) return true;
+  Release();
+  if (!current().mutex->Lock(timeout)) return false;
+  lockedBin_ = currentBin_;
   return true;
 }
 
 bool SharedTrackMemory::Unlock() {
-  Bin& here = current();
-  if (!here.Open()) return false;
-  if (!locked_) return true;
-  locked_ = false;
-  here.mutex->Unlock();
+  Release();
+  return current().Open();
+}
+
+void SharedTrackMemory::Release() {
+  if (!locked()) return;
+  Bin& held = bin(std::exchange(lockedBin_, kNoBin));
+  held.mutex->Unlock();
   // Woken while we still held the mutex, the waiters would only have run into it.
-  if (here.wakePending) here.event->Wake();
-  here.wakePending = false;
-  return true;
+  held.WakeWaiters();
 }
 
 bool SharedTrackMemory::OpenAll() {
@@ -74,8 +79,10 @@ bool SharedTrackMemory::OpenObjects(int number, Initialize initialize, bool writ
   Bin& here = bin(number);
   Result<NamedMemory> memory =
       NamedMemory::Open(BlockName(device_, number), sizeof(SharedTrackBlock));
+  failure_ = memory.status();
+  if (!failure_.Ok()) return CloseBin(number);
   Result<NamedMutex> mutex = NamedMutex::Open(MutexName(device_, number));
-  failure_ = memory.Ok() ? mutex.status() : memory.status();
+  failure_ = mutex.status();
   if (!failure_.Ok()) return CloseBin(number);
 
   here.memory = *memory;
@@ -107,19 +114,18 @@ bool SharedTrackMemory::MakeEvent(int number) {
 bool SharedTrackMemory::CloseBin(int number) {
   if (!IsBin(number)) return false;
   Bin& here = bin(number);
-  if (locked_ && number == currentBin_) Unlock();
+  if (number == lockedBin_) Release();
   here.mutex.reset();
   here.memory.reset();
   return false;
 }
 
 bool SharedTrackMemory::CloseAll() {
-  Unlock();
+  Release();
   for (int number = 0; number < kSharedBins; ++number) {
     CloseBin(number);
     bin(number).event.reset();
   }
-  locked_ = false;
   return false;
 }
 
@@ -132,7 +138,10 @@ bool SharedTrackMemory::Publish(int frame) {
       frame != 0 ? frame
                  : static_cast<std::int32_t>(static_cast<std::uint32_t>(data->frameCount) + 1);
   data->publishTime = timer_.ElapsedSeconds();
-  if (here.event.has_value()) here.wakePending = here.event->Mark() || here.wakePending;
+  if (here.event.has_value() && here.event->Mark()) {
+    here.wakePending = true;
+    if (lockedBin_ != currentBin_) here.WakeWaiters();
+  }
   return true;
 }
 

@@ -26,11 +26,12 @@ class SharedTrackMemory {
   SharedTrackMemory(const SharedTrackMemory&) = delete;
   SharedTrackMemory& operator=(const SharedTrackMemory&) = delete;
 
-  // Takes the bin's mutex. False: no bin open, not free in time, or no usable mutex any more.
+  // Takes the bin's mutex, and first gives back another bin's that is still held. True at once
+  // when held already. False: no bin open, not free in time, or no usable mutex any more.
   virtual bool Lock(Milliseconds timeout);
 
-  // Gives the mutex back, then wakes who waits for what was published under it. True at once when
-  // not locked; false with no bin open.
+  // Gives back the mutex that is held, then wakes who waits for what was published under it. True
+  // at once when none is; false when the current bin is not open.
   virtual bool Unlock();
 
   virtual bool OpenBin(int bin) = 0;
@@ -45,7 +46,7 @@ class SharedTrackMemory {
   bool OpenAll();
   bool CloseBin(int bin);  // always false
 
-  // Counts and dates a sample and sets the bin's event; call it locked.
+  // Counts and dates a sample and sets the bin's event; call it locked. False: no bin open.
   // frame  the new frame count; 0: one more than the last.
   bool Publish(int frame);
 
@@ -59,7 +60,7 @@ class SharedTrackMemory {
 
   int device() const { return device_; }
   int currentBin() const { return currentBin_; }
-  bool locked() const { return locked_; }
+  bool locked() const { return lockedBin_ != kNoBin; }
   TrackTimer& timer() { return timer_; }
 
   // Why the last bin that failed to open did; allocates.
@@ -74,6 +75,7 @@ class SharedTrackMemory {
 
     bool Open() const { return memory.has_value() && mutex.has_value(); }
     SharedTrackBlock* Block() const;
+    void WakeWaiters();
   };
 
   enum class Initialize { Always, WhenNew };
@@ -87,9 +89,13 @@ class SharedTrackMemory {
   Bin& current() { return bin(currentBin_); }
 
  private:
+  static constexpr int kNoBin = -1;
+
+  void Release();
+
   int device_;
   int currentBin_ = 0;
-  bool locked_ = false;
+  int lockedBin_ = kNoBin;  // whose mutex is held
   std::uint32_t binMask_;
   std::array<Bin, kSharedBins> bins_;
   TrackTimer timer_;

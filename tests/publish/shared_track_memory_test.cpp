@@ -1,0 +1,352 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <optional>
+
+#include "platform/clock.h"
+#include "publish/shared_track_reader.h"
+#include "publish/shared_track_writer.h"
+#include "tests/support/free_slot.h"
+#include "tests/support/peer.h"
+
+namespace kinetrel::test {
+namespace {
+
+constexpr Milliseconds kLong{20000};
+constexpr Milliseconds kShort{50};
+constexpr Milliseconds kNow{0};
+
+// A device number of one's own, and commands to peers that name it.
+class SharedTracks : public testing::Test {
+ protected:
+  int device() const { return slot_.device(); }
+  std::string Writer(int bins) const {
+    return "writer " + std::to_string(device()) + " " + std::to_string(bins);
+  }
+  std::string Reader(int bin) const {
+    return "reader " + std::to_string(device()) + " " + std::to_string(bin);
+  }
+  int ObjectsInSystem() const {
+    int there = 0;
+    for (int bin = 0; bin < kSharedBins; ++bin) {
+      there += InSystem(BlockName(device(), bin)) + InSystem(MutexName(device(), bin)) +
+               InSystem(EventName(device(), bin));
+    }
+    return there;
+  }
+
+ private:
+  FreeSlot slot_;
+};
+
+bool PublishOne(SharedTrackMemory& bins, int frame = 0) {
+  return bins.Lock(kLong) && bins.Publish(frame) && bins.Unlock();
+}
+
+// ---- Writers and readers come and go ----------------------------------------------------------
+
+TEST_F(SharedTracks, ReaderMayComeFirst) {
+  SharedTrackReader reader(device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  EXPECT_EQ(reader.block()->reserved, -1);
+  EXPECT_EQ(reader.block()->writerPresent, 0);
+  EXPECT_EQ(reader.block()->frameCount, 0);
+  ASSERT_TRUE(reader.Lock(kLong));
+  reader.block()->frameCount = 5;
+  reader.block()->sensorMask = 9;
+  reader.Unlock();
+
+  Peer writer;
+  EXPECT_EQ(writer.Ask(Writer(1)), "done");
+  EXPECT_EQ(reader.block()->writerPresent, 1);
+  EXPECT_EQ(reader.block()->frameCount, 0);
+  EXPECT_EQ(reader.block()->sensorMask, 0U);
+  writer.Ask("publish 0 0");
+  EXPECT_EQ(reader.block()->frameCount, 1);
+  writer.Ask("close");
+  EXPECT_EQ(reader.block()->writerPresent, 0);
+  EXPECT_EQ(reader.block()->frameCount, 1) << "the last data stay";
+}
+
+TEST_F(SharedTracks, ReaderStaysWhenTheWriterIsKilledAndComesBack) {
+  SharedTrackReader reader(device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  {
+    Peer writer;
+    writer.Ask(Writer(1));
+    for (int frame = 1; frame <= 10; ++frame) writer.Ask("publish 0 0");
+    EXPECT_TRUE(reader.WaitForFrame(9, kNow));
+    EXPECT_EQ(writer.Ask("lockbin 0"), "yes");
+    writer.Kill();
+  }
+  Peer again;
+  EXPECT_EQ(again.Ask(Writer(1)), "done") << "the dead writer is no rival";
+  EXPECT_EQ(reader.block()->frameCount, 0);
+  EXPECT_FALSE(reader.WaitForFrame(10, kLong)) << "told at once that counts started afresh";
+  again.Ask("publish 0 0");
+  EXPECT_TRUE(reader.WaitForFrame(0, kLong));
+}
+
+TEST_F(SharedTracks, PublicationGoesOnWhenAReaderIsKilledWithTheMutex) {
+  SharedTrackWriter writer(device(), 2);
+  ASSERT_TRUE(writer.OpenAll());
+  for (int round = 0; round < 3; ++round) {
+    Peer reader;
+    ASSERT_EQ(reader.Ask(Reader(0)), "done");
+    ASSERT_EQ(reader.Ask("lockbin 0"), "yes");
+    EXPECT_FALSE(writer.Lock(kNow));
+    reader.Kill();
+    EXPECT_TRUE(PublishOne(writer));
+  }
+  EXPECT_EQ(writer.block()->frameCount, 3);
+}
+
+TEST_F(SharedTracks, ReinitialiseWhatKilledProcessesLeft) {
+  {
+    Peer writer;
+    writer.Ask(Writer(1));
+    writer.Ask("publish 0 41");
+    writer.Kill();
+  }
+  SharedTrackReader reader(device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  EXPECT_EQ(reader.block()->frameCount, 0);
+  EXPECT_EQ(reader.block()->writerPresent, 0);
+}
+
+TEST_F(SharedTracks, TwoWritersOfOneDeviceAreRivals) {
+  Peer first;
+  Peer second;
+  EXPECT_EQ(first.Ask(Writer(16)), "done");
+  EXPECT_EQ(second.Ask(Writer(1)), "rival");
+  first.Kill();
+  second.Ask("close");
+  EXPECT_EQ(second.Ask(Writer(1)), "done");
+}
+
+TEST_F(SharedTracks, TwoDevicesAreApart) {
+  const FreeSlot other;
+  Peer writer;
+  ASSERT_EQ(writer.Ask("writer " + std::to_string(other.device()) + " 1"), "done");
+  SharedTrackWriter ours(device(), 1);
+  ASSERT_TRUE(ours.OpenAll());
+  EXPECT_FALSE(ours.rivalPresent());
+  writer.Ask("publish 0 7");
+  EXPECT_EQ(ours.block()->frameCount, 0);
+}
+
+TEST_F(SharedTracks, OpenSixteenBinsAndLeaveNoneBehind) {
+  SharedTrackWriter writer(device(), 16);
+  ASSERT_TRUE(writer.OpenAll());
+  EXPECT_TRUE(writer.OpenAll());
+  EXPECT_EQ(ObjectsInSystem(), 48);
+  std::deque<Peer> readers(16);
+  for (int bin = 0; bin < 16; ++bin) {
+    Peer& reader = readers[static_cast<std::size_t>(bin)];
+    ASSERT_EQ(reader.Ask(Reader(bin)), "done");
+    ASSERT_EQ(writer.SelectBin(bin), bin);
+    EXPECT_TRUE(PublishOne(writer, 100 + bin));
+    EXPECT_EQ(reader.Ask("count"), std::to_string(100 + bin));
+  }
+  writer.CloseAll();
+  EXPECT_EQ(ObjectsInSystem(), 48) << "the readers still have them";
+  for (Peer& reader : readers) reader.Ask("close");
+  EXPECT_EQ(ObjectsInSystem(), 0);
+}
+
+TEST_F(SharedTracks, ReaderAndWriterMayOpenAndCloseAtTheSameMoment) {
+  const std::string place = UniqueName("place");
+  const Result<NamedMemory> held = NamedMemory::Open(place, sizeof(int));
+  Peer writer;
+  Peer reader;
+  const std::string rest = std::to_string(device()) + " 500 " + place;
+  writer.Tell("collide writer " + rest);
+  reader.Tell("collide reader " + rest);
+  EXPECT_EQ(writer.Answer(), "done");
+  EXPECT_EQ(reader.Answer(), "done");
+}
+
+// ---- The operations on a bin ------------------------------------------------------------------
+
+TEST_F(SharedTracks, DoNothingOnWhatIsClosed) {
+  SharedTrackWriter writer(device(), 2);
+  EXPECT_FALSE(writer.Lock(kForever));
+  EXPECT_FALSE(writer.Unlock());
+  EXPECT_FALSE(writer.Publish(0));
+  EXPECT_FALSE(writer.WaitForFrame(0, kForever));
+  EXPECT_EQ(writer.block(), nullptr);
+  EXPECT_FALSE(writer.CloseAll());
+
+  ASSERT_TRUE(writer.OpenAll());
+  EXPECT_EQ(writer.SelectBin(1), 1);
+  for (const int bin : {2, 16, -1}) EXPECT_EQ(writer.SelectBin(bin), 1) << bin;
+  EXPECT_TRUE(writer.Unlock()) << "not locked: nothing to do";
+  writer.CloseAll();
+  EXPECT_FALSE(writer.Lock(kForever));
+}
+
+TEST_F(SharedTracks, HoldAtMostOneMutexAndNeverTwice) {
+  SharedTrackWriter writer(device(), 2);
+  ASSERT_TRUE(writer.OpenAll());
+  Peer first;
+  Peer second;
+  first.Ask(Reader(0));
+  second.Ask(Reader(1));
+
+  EXPECT_TRUE(writer.Lock(kNow));
+  EXPECT_TRUE(writer.Lock(kNow));
+  EXPECT_TRUE(writer.locked());
+  EXPECT_EQ(first.Ask("waitframe 0 0"), "no");
+  EXPECT_TRUE(writer.Unlock());
+  EXPECT_FALSE(writer.locked());
+  EXPECT_TRUE(writer.Unlock());
+
+  EXPECT_TRUE(writer.Lock(kNow));
+  writer.SelectBin(1);
+  EXPECT_TRUE(writer.Lock(kNow));
+  EXPECT_EQ(first.Ask("lockbin 0"), "yes");
+  EXPECT_EQ(second.Ask("lockbin 0"), "no");
+  first.Kill();
+  writer.CloseAll();
+  EXPECT_EQ(second.Ask("lockbin 0"), "yes") << "closing gives the mutex back";
+}
+
+TEST_F(SharedTracks, LockThatTimesOutLeavesTheBlockUntouched) {
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  PublishOne(writer);
+  Peer reader;
+  reader.Ask(Reader(0));
+  reader.Ask("lockbin 0");
+  const SharedTrackBlock before = *writer.block();
+  EXPECT_FALSE(writer.Lock(kShort));
+  EXPECT_EQ(std::memcmp(&before, writer.block(), sizeof before), 0);
+  SharedTrackReader other(device());
+  ASSERT_TRUE(other.OpenOnly(0)) << "opening waits for nobody";
+}
+
+TEST_F(SharedTracks, PublishCountsAndDates) {
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  const int most = std::numeric_limits<int>::max();
+  struct Row {
+    int before, frame, after;
+  };
+  for (const Row& row : {Row{0, 0, 1}, Row{1, 0, 2}, Row{2, 50, 50}, Row{50, 3, 3},
+                         Row{most, 0, -most - 1}, Row{-1, 0, 0}}) {
+    writer.block()->frameCount = row.before;
+    const double earliest = writer.timer().ElapsedSeconds();
+    ASSERT_TRUE(PublishOne(writer, row.frame));
+    EXPECT_EQ(writer.block()->frameCount, row.after);
+    EXPECT_GE(writer.block()->sampleTime, earliest);
+    EXPECT_GE(writer.block()->publishTime, writer.block()->sampleTime);
+    EXPECT_LE(writer.block()->publishTime, writer.timer().ElapsedSeconds());
+  }
+}
+
+TEST_F(SharedTracks, CopyIsOfOnePiece) {
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  ASSERT_TRUE(writer.Lock(kLong));
+  SetDeviceName(*writer.block(), "Lodestar");
+  writer.Publish(12);
+  writer.Unlock();
+  SharedTrackReader reader(device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  SharedTrackBlock copy{};
+  ASSERT_TRUE(reader.Copy(copy, kLong));
+  EXPECT_FALSE(reader.locked());
+  EXPECT_EQ(DeviceNameOf(copy), "Lodestar");
+  EXPECT_EQ(copy.frameCount, 12);
+}
+
+// ---- Waiting for frames -----------------------------------------------------------------------
+
+TEST_F(SharedTracks, WaitForFrameAnswersAtOnceWhatIsKnown) {
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  PublishOne(writer, 10);
+  SharedTrackReader reader(device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  EXPECT_TRUE(reader.WaitForFrame(9, kForever));
+  EXPECT_TRUE(reader.WaitForFrame(-1, kNow));
+  EXPECT_FALSE(reader.WaitForFrame(11, kForever)) << "the writer started afresh";
+  EXPECT_FALSE(reader.WaitForFrame(10, kNow));
+  EXPECT_FALSE(reader.locked());
+
+  const std::int64_t start = ClockTicks();
+  EXPECT_FALSE(reader.WaitForFrame(10, kShort));
+  EXPECT_GE(ClockTicks() - start, 50'000'000);
+
+  Peer holder;
+  holder.Ask(Reader(0));
+  holder.Ask("lockbin 0");
+  EXPECT_FALSE(reader.WaitForFrame(0, kShort)) << "the mutex is not to be had";
+  SharedTrackReader eventless(device());
+  ASSERT_TRUE(eventless.OpenBin(0));
+  EXPECT_FALSE(eventless.WaitForFrame(0, kForever));
+}
+
+TEST_F(SharedTracks, WaitForFrameWakesForTheNextOne) {
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  PublishOne(writer, 10);
+  Peer reader;
+  reader.Ask(Reader(0));
+  for (const bool locked : {true, false}) {
+    const int last = writer.block()->frameCount;
+    reader.Tell("waitframe " + std::to_string(last) + " 20000");
+    ASSERT_TRUE(WaitUntil([&] { return reader.Asleep(); }));
+    if (locked) {
+      PublishOne(writer);
+    } else {
+      writer.Publish(0);  // wrong, but still heard of
+    }
+    EXPECT_EQ(reader.Answer(), "yes") << locked;
+  }
+}
+
+struct Crowd {
+  const char* name;
+  int readers;
+  int frames;
+};
+class Following : public SharedTracks, public testing::WithParamInterface<Crowd> {};
+
+// The writer publishes as soon as every reader has had the frame before: a wake that is lost would
+// stop it.
+TEST_P(Following, EveryReaderHasEveryFrame) {
+  const auto [name, readers, frames] = GetParam();
+  const std::string tally = UniqueName("tally");
+  Result<NamedMemory> seen = NamedMemory::Open(tally, sizeof(int));
+  Result<Event> progress = Event::Open(tally + "-event");
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  std::deque<Peer> peers(static_cast<std::size_t>(readers));
+  for (Peer& peer : peers) {
+    peer.Ask("memory " + tally + " 4");
+    peer.Ask("event " + tally + "-event");
+    ASSERT_EQ(peer.Ask(Reader(0)), "done");
+    peer.Tell("follow " + std::to_string(frames));
+  }
+  const std::atomic_ref count(*static_cast<int*>(seen->data()));
+  for (int frame = 1; frame <= frames; ++frame) {
+    ASSERT_TRUE(PublishOne(writer));
+    for (;;) {
+      const Event::Ticket before = progress->Reset();
+      if (count >= frame * readers) break;
+      ASSERT_TRUE(progress->WaitSince(before, kLong)) << "frame " << frame << " is lost";
+    }
+  }
+  for (Peer& peer : peers) EXPECT_EQ(peer.Answer(), "skipped 0");
+}
+
+INSTANTIATE_TEST_SUITE_P(SharedTracks, Following,
+                         testing::Values(Crowd{"One", 1, 10000}, Crowd{"Six", 6, 1000}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace kinetrel::test
