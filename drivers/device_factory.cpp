@@ -2,6 +2,7 @@
 
 #include "devices/keyboard_device.h"
 #include "drivers/flock_device.h"
+#include "drivers/pan_tilt_device.h"
 
 namespace kinetrel {
 namespace {
@@ -16,6 +17,7 @@ struct DriverRow {
   std::unique_ptr<TrackerDevice> (*make)();
 };
 constexpr DriverRow kDrivers[] = {
+    {1, Make<PanTiltDevice>},
     {3, Make<FlockDevice>},
     {8, Make<KeyboardDevice>},
 };
