@@ -1,5 +1,6 @@
 #include "devices/pose.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace kinetrel {
@@ -18,15 +19,29 @@ double Wrap(double angle) {
 
 using QuaternionD = std::array<double, 4>;
 
-QuaternionD UnitProduct(const QuaternionD& a, const QuaternionD& b) {
-  QuaternionD c = {a[0] * b[0] - a[1] * b[1] - a[2] * b[2] - a[3] * b[3],
-                   a[0] * b[1] + a[1] * b[0] + a[2] * b[3] - a[3] * b[2],
-                   a[0] * b[2] - a[1] * b[3] + a[2] * b[0] + a[3] * b[1],
-                   a[0] * b[3] + a[1] * b[2] - a[2] * b[1] + a[3] * b[0]};
-  const double length = std::sqrt(c[0] * c[0] + c[1] * c[1] + c[2] * c[2] + c[3] * c[3]);
-  for (double& part : c) part /= length;
-  return c;
+QuaternionD Widened(const float q[4]) { return {q[0], q[1], q[2], q[3]}; }
+
+Quaternion Narrowed(const QuaternionD& q) {
+  return {static_cast<float>(q[0]), static_cast<float>(q[1]), static_cast<float>(q[2]),
+          static_cast<float>(q[3])};
 }
+
+QuaternionD AtUnitLength(const QuaternionD& q) {
+  const double square = q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3];
+  if (square == 0.0) return q;
+  const double factor = 1.0 / std::sqrt(square);
+  return {q[0] * factor, q[1] * factor, q[2] * factor, q[3] * factor};
+}
+
+QuaternionD UnitProduct(const QuaternionD& a, const QuaternionD& b) {
+  return AtUnitLength({a[0] * b[0] - a[1] * b[1] - a[2] * b[2] - a[3] * b[3],
+                       a[0] * b[1] + a[1] * b[0] + a[2] * b[3] - a[3] * b[2],
+                       a[0] * b[2] - a[1] * b[3] + a[2] * b[0] + a[3] * b[1],
+                       a[0] * b[3] + a[1] * b[2] - a[2] * b[1] + a[3] * b[0]});
+}
+
+// Floats do not tell yaw from roll any nearer to straight up than this; a cosine of the pitch.
+constexpr double kGimbalLock = 1.1920928955078125e-7;
 
 }  // namespace
 
@@ -64,9 +79,29 @@ Quaternion EulerToQuaternion(const float angles[3]) {
   const QuaternionD yaw = {std::cos(y), 0.0, 0.0, std::sin(y)};
   const QuaternionD pitch = {std::cos(p), 0.0, std::sin(p), 0.0};
   const QuaternionD roll = {std::cos(r), std::sin(r), 0.0, 0.0};
-  const QuaternionD whole = UnitProduct(UnitProduct(yaw, pitch), roll);
-  return {static_cast<float>(whole[0]), static_cast<float>(whole[1]), static_cast<float>(whole[2]),
-          static_cast<float>(whole[3])};
+  return Narrowed(UnitProduct(UnitProduct(yaw, pitch), roll));
 }
+
+std::array<float, 3> QuaternionToEuler(float q[4]) {
+  const QuaternionD unit = AtUnitLength(Widened(q));
+  std::ranges::copy(Narrowed(unit), q);
+  const auto [w, x, y, z] = unit;
+  const double sine = 2.0 * (w * y - x * z);
+  const double cosine = std::sqrt(std::max(0.0, 1.0 - sine * sine));
+  const auto pitch = static_cast<float>(std::atan2(sine, cosine));
+  if (cosine < kGimbalLock) {  // all that is left to turn is in the roll
+    const double roll = std::atan2(2.0 * (w * x - y * z), 1.0 - 2.0 * (x * x + z * z));
+    return {0.0F, pitch, static_cast<float>(roll)};
+  }
+  const double yaw = std::atan2(2.0 * (x * y + w * z), 1.0 - 2.0 * (y * y + z * z));
+  const double roll = std::atan2(2.0 * (w * x + y * z), 1.0 - 2.0 * (x * x + y * y));
+  return {static_cast<float>(yaw), pitch, static_cast<float>(roll)};
+}
+
+Quaternion UnitProduct(const float a[4], const float b[4]) {
+  return Narrowed(UnitProduct(Widened(a), Widened(b)));
+}
+
+void NormalizeQuaternion(float q[4]) { std::ranges::copy(Narrowed(AtUnitLength(Widened(q))), q); }
 
 }  // namespace kinetrel

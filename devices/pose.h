@@ -28,4 +28,15 @@ void AddPoseOffset(float pose[6], const float offset[6]);
 // The unit quaternion of yaw, pitch, roll.
 Quaternion EulerToQuaternion(const float angles[3]);
 
+// Yaw, pitch, roll of a quaternion, which is brought to unit length in place; the inverse of
+// EulerToQuaternion. Straight up and straight down, where only yaw and roll together have a
+// meaning, yaw is 0.
+std::array<float, 3> QuaternionToEuler(float q[4]);
+
+// The Hamilton product of both, at unit length: turns by `b`, then by `a`. Zeros for a quaternion
+// of zeros.
+Quaternion UnitProduct(const float a[4], const float b[4]);
+
+void NormalizeQuaternion(float q[4]);  // to unit length; one of zeros stays
+
 }  // namespace kinetrel

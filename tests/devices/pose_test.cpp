@@ -6,6 +6,8 @@
 #include <limits>
 #include <string>
 
+#include "tests/support/rotation.h"
+
 namespace kinetrel {
 namespace {
 
@@ -85,6 +87,60 @@ TEST(EulerToQuaternion, TurnsAboutZThenYThenX) {
     const Quaternion got = EulerToQuaternion(row.angles.data());
     for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(got[i], row.expected[i], 1e-6) << i;
   }
+}
+
+TEST(QuaternionToEuler, IsTheSameRotationAndTheSameAngles) {
+  for (int i = 0; i < 17 * 15 * 17; ++i) {
+    const std::array<float, 3> angles = {static_cast<float>(i % 17 - 8) * 0.39F,
+                                         static_cast<float>(i / 17 % 15 - 7) * 0.22F,
+                                         static_cast<float>(i / 17 / 15 - 8) * 0.39F};
+    Quaternion q = EulerToQuaternion(angles.data());
+    const std::array<float, 3> got = QuaternionToEuler(q.data());
+    EXPECT_LT(Distance(test::RotationOf(got), test::RotationOf(angles)), 1e-6) << i;
+    for (std::size_t k = 0; k < 3; ++k) ASSERT_NEAR(got[k], angles[k], 2e-5) << i << ' ' << k;
+  }
+}
+
+TEST(QuaternionToEuler, StraightUpAndDownHasNoYawAndTurnsAlike) {
+  for (const float pitch : {kHalfPiF, -kHalfPiF}) {
+    for (const float yaw : {-2.5F, -1.0F, 0.0F, 0.3F, kHalfPiF, 3.0F}) {
+      const std::array<float, 3> angles = {yaw, pitch, 0.2F};
+      Quaternion q = EulerToQuaternion(angles.data());
+      const std::array<float, 3> got = QuaternionToEuler(q.data());
+      EXPECT_EQ(got[0], 0) << yaw;
+      EXPECT_NEAR(got[1], pitch, 1e-6) << yaw;
+      EXPECT_LT(Distance(test::RotationOf(got), test::RotationOf(angles)), 1e-6) << yaw;
+    }
+  }
+}
+
+TEST(QuaternionToEuler, AQuaternionOfAnyLengthIsBroughtToOne) {
+  struct Row {
+    Quaternion given, unit;
+    std::array<float, 3> angles;
+  };
+  const float h = std::sqrt(0.5F);
+  for (const Row& row :
+       {Row{{1, 0, 0, 0}, {1, 0, 0, 0}, {0, 0, 0}}, Row{{-7, 0, 0, 0}, {-1, 0, 0, 0}, {0, 0, 0}},
+        Row{{1e30F, 0, 0, 1e30F}, {h, 0, 0, h}, {kHalfPiF, 0, 0}},
+        Row{{1e-30F, 1e-30F, 0, 0}, {h, h, 0, 0}, {0, 0, kHalfPiF}},
+        Row{{h, 0, h, 0}, {h, 0, h, 0}, {0, kHalfPiF, 0}},
+        Row{{0, 0, 0, 0}, {0, 0, 0, 0}, {0, 0, 0}}}) {
+    Quaternion q = row.given;
+    const std::array<float, 3> got = QuaternionToEuler(q.data());
+    for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(q[i], row.unit[i], 1e-6) << row.given[0];
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(got[i], row.angles[i], 1e-6) << row.given[0];
+  }
+}
+
+TEST(UnitProduct, TurnsByTheSecondThenByTheFirst) {
+  const std::array<float, 3> a = {0.4F, -0.7F, 2.0F};
+  const std::array<float, 3> b = {-2.9F, 1.1F, 0.5F};
+  Quaternion left = EulerToQuaternion(a.data());
+  for (float& part : left) part *= 5;
+  const Quaternion got = UnitProduct(left.data(), EulerToQuaternion(b.data()).data());
+  EXPECT_LT(Distance(test::RotationOf(got), test::RotationOf(a) * test::RotationOf(b)), 1e-6);
+  EXPECT_EQ(UnitProduct(Quaternion{}.data(), got.data()), Quaternion{});
 }
 
 }  // namespace

@@ -1,0 +1,76 @@
+#include "filters/filter_chain.h"
+
+#include <utility>
+
+namespace kinetrel {
+namespace {
+
+using Filters = std::vector<std::unique_ptr<Filter>>;
+
+Filters Clones(const Filters& filters) {
+  Filters clones;
+  clones.reserve(filters.size());
+  for (const auto& filter : filters) clones.push_back(filter->Clone());
+  return clones;
+}
+
+}  // namespace
+
+FilterChain::FilterChain(const FilterChain& other)
+    : Filter(other), filters_(Clones(other.filters_)) {}
+
+// Cloned first, so that a chain may be assigned to itself.
+FilterChain& FilterChain::operator=(const FilterChain& other) {
+  filters_ = Clones(other.filters_);
+  Filter::operator=(other);
+  return *this;
+}
+
+std::unique_ptr<Filter> FilterChain::Clone() const { return std::make_unique<FilterChain>(*this); }
+
+void FilterChain::FilterPose(float p[3], float q[4]) {
+  for (const auto& filter : filters_) filter->SetPose(p, q);
+}
+
+int FilterChain::AddFilter(int) { return -1; }
+
+int FilterChain::Append(std::unique_ptr<Filter> filter) {
+  if (filter == nullptr) return -1;
+  filters_.push_back(std::move(filter));
+  return GetNumFilters() - 1;
+}
+
+Filter* FilterChain::GetFilter(int index) {
+  return Has(index) ? filters_[static_cast<std::size_t>(index)].get() : nullptr;
+}
+
+bool FilterChain::RemoveFilter(int index) {
+  if (!Has(index)) return false;
+  filters_.erase(filters_.begin() + index);
+  return true;
+}
+
+void FilterChain::ClearFilters() { filters_.clear(); }
+
+// "Cuurrent" is what hosts have always been told, and what some compare with.
+bool FilterChain::MoveFilter(int index, bool up) {
+  if (!Has(index)) {
+    if (statusLog_ != nullptr) {
+      statusLog_->SetStatusF(-1, "Filter index %d invalid.  Cuurrent filter list size: %d.", index,
+                             GetNumFilters());
+    }
+    return false;
+  }
+  const int target = up ? index - 1 : index + 1;
+  if (!Has(target)) {
+    if (statusLog_ != nullptr) {
+      statusLog_->SetStatusF(-1, "Unable to move index %d %s.  Cuurrent filter list size: %d.",
+                             index, up ? "up" : "down", GetNumFilters());
+    }
+    return false;
+  }
+  std::swap(filters_[static_cast<std::size_t>(index)], filters_[static_cast<std::size_t>(target)]);
+  return true;
+}
+
+}  // namespace kinetrel
