@@ -78,6 +78,9 @@ class Event {
   [[nodiscard]] bool Mark();
   void Wake();
 
+  // A hint that a Mark comes soon: asks for the memory that whoever waited last has on its CPU.
+  void Prefetch() const;
+
   // True when the event is set, or has been since the ticket was taken (or the call began).
   bool Wait(Milliseconds timeout) const;
   bool WaitSince(Ticket ticket, Milliseconds timeout) const;

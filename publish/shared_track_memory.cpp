@@ -13,6 +13,11 @@ SharedTrackBlock* SharedTrackMemory::Bin::Block() const {
   return Open() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
 }
 
+void SharedTrackMemory::Bin::Prefetch() const {
+  if (const SharedTrackBlock* const data = Block()) __builtin_prefetch(&data->publishTime);
+  if (event.has_value()) event->Prefetch();
+}
+
 void SharedTrackMemory::Bin::WakeWaiters() {
   if (std::exchange(wakePending, false) && event.has_value()) event->Wake();
 }

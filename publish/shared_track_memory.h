@@ -75,6 +75,7 @@ class SharedTrackMemory {
 
     bool Open() const { return memory.has_value() && mutex.has_value(); }
     SharedTrackBlock* Block() const;
+    void Prefetch() const;  // what a publication writes and its waiters had last
     void WakeWaiters();
   };
 

@@ -177,6 +177,8 @@ bool Event::Mark() {
   return (old & kStateBits) == kAwaited;
 }
 
+void Event::Prefetch() const { __builtin_prefetch(object_->memory()); }
+
 void Event::Wake() { Futex(*object_, FUTEX_WAKE, INT_MAX, nullptr); }
 
 Event::Ticket Event::Reset() {
