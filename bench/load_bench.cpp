@@ -5,6 +5,8 @@
 
 #include "bench/machine.h"
 #include "bench/publication.h"
+#include "engine/tracker_engine.h"
+#include "platform/thread.h"
 
 namespace kinetrel::bench {
 namespace {
@@ -12,31 +14,93 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-// ---- The publishing loop -----------------------------------------------------------------------
+int FrameCount(SharedTrackReader& reader) {
+  SharedTrackBlock copy{};
+  if (!reader.Copy(copy, Milliseconds(1000))) throw std::runtime_error("the bin cannot be read");
+  return copy.frameCount;
+}
+
+void AwaitFrames(SharedTrackReader& reader, int atLeast) {
+  for (int i = 0; i < 1000 && FrameCount(reader) < atLeast; ++i) {
+    std::this_thread::sleep_for(milliseconds(10));
+  }
+  if (FrameCount(reader) < atLeast) throw std::runtime_error("kinetrel publishes nothing");
+}
+
+// ---- Many sensors ------------------------------------------------------------------------------
 
 constexpr int kRate = 120;  // Hz
-constexpr int kFramesInBlock = 30;
 
-// CPU microseconds of a frame in which `work` is done.
-Block PacedBlock(std::function<void()> work) {
-  return [work = std::move(work)] {
-    const double before = OwnThreadCpuSeconds();
-    auto next = std::chrono::steady_clock::now();
-    for (int frame = 0; frame < kFramesInBlock; ++frame) {
-      next += std::chrono::microseconds(1'000'000 / kRate);
-      std::this_thread::sleep_until(next);
-      work();
-    }
-    return std::vector{(OwnThreadCpuSeconds() - before) * 1e6 / kFramesInBlock};
+// Wakes 120 times a second, whatever the work in between took.
+class Pace {
+ public:
+  void Wait() {
+    next_ += std::chrono::microseconds(1'000'000 / kRate);
+    std::this_thread::sleep_until(next_);
+  }
+
+ private:
+  std::chrono::steady_clock::time_point next_ = std::chrono::steady_clock::now();
+};
+
+// A tracker of 32 sensors that costs nothing to read.
+class ManySensorDevice final : public TrackerDevice {
+ public:
+  ManySensorDevice() { AllocateSensors(kPoseSlots); }
+  int OpenPortNumber(int, int baud) override { return OpenPort("~", baud); }
+  BootResult Boot(int) override { return kBooted; }
+  int QueryStatus(char*, int) override { return 0; }
+  int GetFrameRate() override { return kRate; }
+  void Poll() override {}
+  void StartContinuous() override {}
+  unsigned ReadFrame(double* sampleTime) override {
+    pace_.Wait();
+    *sampleTime = ElapsedSeconds();
+    return ~0U;
+  }
+
+ private:
+  Pace pace_;
+};
+
+void SampleManySensors() {
+  ThrowAwayOutput();
+  DeviceFactory factory;
+  factory.device = [](int) { return std::make_unique<ManySensorDevice>(); };
+  TrackerEngine engine(factory);
+  engine.Configure([](StartConfig& config) {
+    config.shmDevice = kBenchDevice;
+    config.sensorMask = ~0U;
+    return true;
+  });
+  if (engine.Open(2, 1, false) == OpenResult::Opened) engine.StartSampling();
+  engine.WaitSampling(kForever);
+}
+
+void RunEmptyLoop() {
+  RaiseToTimeCritical().Ok();
+  for (Pace pace;;) pace.Wait();
+}
+
+// CPU of `process` over half a second, in microseconds a frame. Both loops run all the time, so
+// the block before and after has the same machine.
+Block CpuBlock(pid_t process) {
+  return [process] {
+    const double before = CpuSecondsOf(process);
+    std::this_thread::sleep_for(milliseconds(500));
+    return std::vector{(CpuSecondsOf(process) - before) * 1e6 / (kRate / 2.0)};
   };
 }
 
 void ManySensors(Report& report) {
-  const auto writer = OpenWriter();
-  const auto publishAll = [&] {
-    for (int sensor = 0; sensor < kPoseSlots; ++sensor) PublishSample(*writer, kBin, sensor);
-  };
-  const std::vector<Paired> cost = Interleave(16, PacedBlock([] {}), PacedBlock(publishAll));
+  const auto reader = OpenReader();
+  const Child empty(RunEmptyLoop);
+  const Child sampling(SampleManySensors);
+  AwaitFrames(*reader, kRate * kPoseSlots);
+  const int before = FrameCount(*reader);
+  const std::vector<Paired> cost = Interleave(12, CpuBlock(empty.pid()), CpuBlock(sampling.pid()));
+  const double frames = (FrameCount(*reader) - before) / (13.0 * kPoseSlots);
+  report.Note(std::to_string(frames) + " frames a second with 32 sensors");
   report.Ratio("CPU of 32 sensors at 120 Hz, over an empty loop", cost[0], "us a frame", 3);
 }
 
@@ -52,12 +116,6 @@ struct Account {
   int frames = 0;  // published meanwhile
 };
 
-int FrameCount(SharedTrackReader& reader) {
-  SharedTrackBlock copy{};
-  if (!reader.Copy(copy, Milliseconds(1000))) throw std::runtime_error("the bin cannot be read");
-  return copy.frameCount;
-}
-
 Account Observe(const Child& program, SharedTrackReader& reader) {
   const int frames = FrameCount(reader);
   const double cpu = CpuSecondsOf(program.pid());
@@ -67,13 +125,6 @@ Account Observe(const Child& program, SharedTrackReader& reader) {
   const std::chrono::duration<double> passed = std::chrono::steady_clock::now() - start;
   return {passed.count(), CpuSecondsOf(program.pid()) - cpu,
           static_cast<double>(WakeUpsOf(program.pid()) - wakeUps), FrameCount(reader) - frames};
-}
-
-void AwaitFrames(SharedTrackReader& reader, int atLeast) {
-  for (int i = 0; i < 1000 && FrameCount(reader) < atLeast; ++i) {
-    std::this_thread::sleep_for(milliseconds(10));
-  }
-  if (FrameCount(reader) < atLeast) throw std::runtime_error("kinetrel publishes nothing");
 }
 
 void Programs(Report& report) {

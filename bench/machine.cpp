@@ -121,16 +121,20 @@ bool Child::Join() {
   return joined_ && status == 0;
 }
 
+void ThrowAwayOutput() {
+  const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  ::dup2(nowhere, STDOUT_FILENO);
+  ::dup2(nowhere, STDERR_FILENO);
+  ::close(nowhere);
+}
+
 void RunProgram(const std::string& name, const std::vector<std::string>& arguments) {
   const std::string path =
       std::filesystem::read_symlink("/proc/self/exe").replace_filename(name).string();
   int silence[2];
   if (::pipe(silence) != 0) ::_exit(127);  // both ends stay with the program
   ::dup2(silence[0], STDIN_FILENO);
-  const int nowhere = ::open("/dev/null", O_WRONLY);
-  ::dup2(nowhere, STDOUT_FILENO);
-  ::dup2(nowhere, STDERR_FILENO);
-
+  ThrowAwayOutput();
   std::vector<char*> argv = {const_cast<char*>(path.c_str())};
   for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);

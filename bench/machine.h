@@ -80,6 +80,8 @@ class Child {
   bool joined_ = false;
 };
 
+void ThrowAwayOutput();  // of this process, from now on
+
 // Becomes one of the project's own programs, with a standard input that stays silent and its output
 // thrown away; for a child's body.
 void RunProgram(const std::string& name, const std::vector<std::string>& arguments);
