@@ -1,0 +1,97 @@
+// The device's end of its line: what it sends waits here, leaves at the line's real speed, and
+// meets the faults that are due on the way.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "emulators/faults.h"
+#include "emulators/moment.h"
+#include "emulators/random_source.h"
+
+namespace kinetrel {
+
+// A line of text for a person, with the time it is about.
+using ShowLine = std::function<void(Moment, const std::string&)>;
+
+struct LineOptions {
+  unsigned baud = 9600;
+  bool whole = false;  // a record is handed over in one piece when its last byte is out
+  std::uint64_t seed = 1;
+  std::vector<FaultRule> faults = {};
+  ShowLine show = {};  // none: nobody looks
+};
+
+class DeviceLine {
+ public:
+  explicit DeviceLine(LineOptions options);
+
+  // ---- The device's side -----------------------------------------------------------------------
+
+  unsigned baud() const { return options_.baud; }
+  void SetBaud(unsigned baud) { options_.baud = baud; }  // for what is sent from now on
+
+  // The first byte starts at `start`, or when all that was sent before is out; each takes ten bits.
+  // A record is what faults count and damage. More than the device's buffer holds is lost.
+  void SendRecord(Moment start, std::span<const std::byte> bytes);
+  void SendReply(Moment start, std::span<const std::byte> bytes);
+
+  Moment FreeAt() const { return freeAt_; }  // when all that was sent so far is out
+  void DropWaiting();                        // what has not left yet never will
+
+  bool Shown() const { return static_cast<bool>(options_.show); }
+  void Say(Moment now, const std::string& text) const;
+
+  // ---- The emulator's side ---------------------------------------------------------------------
+
+  Moment NextDeparture() const;
+
+  // Appends what has left by `now`, in the pieces in which a serial port hands bytes over.
+  void Take(Moment now, std::vector<std::byte>& into);
+
+  Moment NextFault() const { return faults_.NextTime(); }
+  std::vector<Fault> TakeDueFaults(Moment now) { return faults_.TakeDue(now); }
+  std::vector<Fault> FaultsFor(FaultTrigger asked) const { return faults_.For(asked); }
+
+  // Faults that a record brought and that are none of the line's.
+  std::vector<Fault> TakeForeignFaults();
+
+  // False: no fault of a line.
+  bool Strike(Moment now, const Fault& fault);
+
+  std::byte Noise() { return random_.Byte(); }
+  std::uint64_t records() const { return records_; }
+
+ private:
+  struct Burst {
+    Moment start;
+    unsigned baud;
+    std::vector<std::byte> bytes;
+    std::size_t gone = 0;
+    Moment EndOf(std::size_t count) const { return NthOf(start, count, baud / kBitsPerByte); }
+  };
+  static constexpr double kBitsPerByte = 10;  // with start and stop bit
+
+  void Send(Moment start, std::vector<std::byte> bytes);
+  void Damage(std::vector<std::byte>& record);
+  std::size_t NextPiece(const Burst& burst) const;
+
+  LineOptions options_;
+  FaultSchedule faults_;
+  RandomSource random_;
+  std::deque<Burst> bursts_;
+  std::size_t waiting_ = 0;
+  Moment freeAt_{0};
+  Moment silentUntil_{0};
+  std::optional<Fault> cut_;  // strikes the next record, as does garble_
+  std::optional<Fault> garble_;
+  std::vector<Fault> foreignFaults_;
+  std::uint64_t records_ = 0;
+};
+
+}  // namespace kinetrel

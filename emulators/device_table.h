@@ -1,0 +1,29 @@
+// The devices that kinetrel-emulate can be. A new one is a pair of files that make it, and a row.
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "emulators/emulated_device.h"
+#include "emulators/motion.h"
+#include "emulators/options.h"
+
+namespace kinetrel {
+
+struct DeviceRow {
+  std::string_view name;     // as the command line has it
+  std::string_view summary;  // one line for the help
+  int kinetrelType;          // n of kinetrel -d n
+  unsigned baud;             // of its line, when power comes on
+  OptionTable (*options)();  // its own options
+
+  // A refused option leaves a complaint in `options`; the device made is then not used.
+  std::unique_ptr<EmulatedDevice> (*make)(OptionValues& options,
+                                          std::shared_ptr<const Motion> motion);
+};
+
+std::span<const DeviceRow> Devices();
+const DeviceRow* FindDevice(std::string_view name);  // null: none of that name
+
+}  // namespace kinetrel

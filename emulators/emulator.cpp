@@ -1,0 +1,190 @@
+#include "emulators/emulator.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "platform/clock.h"
+
+namespace kinetrel {
+namespace {
+
+// Whoever was stopped for longer than this goes on from where he was, instead of making up for it.
+constexpr Moment kLongestLag = std::chrono::seconds(1);
+
+// One host that writes without end must not keep the device from its own work.
+constexpr int kMostReads = 16;
+
+}  // namespace
+
+Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions& options,
+                   PseudoTerminal port)
+    : device_(std::move(device), options.line),
+      port_(std::move(port)),
+      link_(options.link),
+      firstBaud_(options.line.baud),
+      origin_(ClockTicks()) {}
+
+Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice> device,
+                                                 EmulatorOptions options) {
+  auto port = PseudoTerminal::Open(options.line.baud);
+  if (!port.Ok()) return port.status();
+  std::shared_ptr<Emulator> emulator(new Emulator(std::move(device), options, std::move(*port)));
+  if (const Status status = emulator->Link(); !status.Ok()) return status;
+  return emulator;
+}
+
+// ---- The loop ----------------------------------------------------------------------------------
+
+Moment Emulator::Now() {
+  const auto since = [this] {
+    const double seconds =
+        static_cast<double>(ClockTicks() - origin_) / static_cast<double>(ClockTicksPerSecond());
+    return Moment(static_cast<std::int64_t>(seconds * 1e9));
+  };
+  Moment now = since();
+  if (now > last_ + kLongestLag) {
+    origin_ += (now - last_).count() * ClockTicksPerSecond() / 1'000'000'000;
+    now = last_;
+  }
+  last_ = std::max(now, last_);
+  return last_;
+}
+
+void Emulator::Run() {
+  while (!stop_) {
+    const Moment now = Now();
+    ServeRequests(now);
+    ServePlug(now);
+    device_.Advance(now, out_);
+    Deliver();
+    ReadHost(now);
+    if (const auto fault = device_.TakePortFault()) PullPlug(now + Duration(*fault));
+    records_ = device_.line().records();
+    port_.Wait(std::min(device_.NextEvent(), replugAt_) - Now());
+  }
+}
+
+void Emulator::Stop() {
+  stop_ = true;
+  port_.Interrupt();
+}
+
+void Emulator::Deliver() {
+  const std::size_t taken = port_.Write(out_);
+  lost_ += out_.size() - taken;
+  out_.clear();
+}
+
+void Emulator::ReadHost(Moment now) {
+  std::array<std::byte, 512> bytes;
+  for (int i = 0; i < kMostReads; ++i) {
+    const std::size_t count = port_.Read(bytes);
+    NoticeHost(now);
+    if (count == 0) break;
+    device_.Receive(now, std::span(bytes).first(count));
+    if (i == kMostReads - 1) port_.Interrupt();  // the rest in the next round
+  }
+  PublishPort(now);  // a port whose user died was replaced
+}
+
+void Emulator::NoticeHost(Moment now) {
+  const bool present = port_.HostPresent();
+  if (present && !hostPresent_) device_.HostOpened(now);
+  if (!present && hostPresent_) device_.line().Say(now, "the port is closed");
+  hostPresent_ = present;
+  if (present) device_.SetHostBaud(now, port_.HostBaud());
+}
+
+// ---- The plug ----------------------------------------------------------------------------------
+
+void Emulator::PullPlug(Moment replugAt) {
+  port_.Unplug();
+  hostPresent_ = false;
+  replugAt_ = replugAt;
+  device_.line().Say(last_, "the port is unplugged");
+  PublishPort(last_);
+}
+
+void Emulator::ServePlug(Moment now) {
+  if (now < replugAt_) return;
+  replugAt_ = kNever;
+  if (port_.Plugged()) return;
+  // With none to be had right now, there may be one later.
+  if (!port_.Plug(firstBaud_).Ok()) replugAt_ = now + std::chrono::seconds(1);
+  if (port_.Plugged()) device_.line().Say(now, "the port is plugged in: " + port_.path());
+  PublishPort(now);
+}
+
+void Emulator::PublishPort(Moment now) {
+  if (port_.path() == linked_) return;
+  const Status status = Link();
+  if (!status.Ok()) device_.line().Say(now, Describe(status));
+}
+
+Status Emulator::Link() {
+  linked_ = port_.path();
+  const Status status = link_.Point(linked_);
+  const std::lock_guard lock(mutex_);
+  published_ = link_.path().empty() || linked_.empty() ? linked_ : link_.path();
+  return status;
+}
+
+std::string Emulator::Port() const {
+  const std::lock_guard lock(mutex_);
+  return published_;
+}
+
+// ---- Requests ----------------------------------------------------------------------------------
+
+void Emulator::Post(Request request) {
+  {
+    const std::lock_guard lock(mutex_);
+    requests_.push_back(std::move(request));
+  }
+  port_.Interrupt();
+}
+
+void Emulator::ServeRequests(Moment now) {
+  std::vector<Request> requests;
+  {
+    const std::lock_guard lock(mutex_);
+    requests.swap(requests_);
+  }
+  for (const Request& request : requests) request(now);
+}
+
+void Emulator::Strike(const Fault& fault) {
+  Post([this, fault](Moment now) { device_.Strike(now, fault); });
+}
+
+void Emulator::StrikeAll(FaultTrigger asked) {
+  Post([this, asked](Moment now) { device_.StrikeAll(now, asked); });
+}
+
+void Emulator::Unplug() {
+  Post([this](Moment) { PullPlug(kNever); });
+}
+
+void Emulator::Plug() {
+  Post([this](Moment now) { replugAt_ = now; });
+}
+
+// ---- In the background -------------------------------------------------------------------------
+
+Result<EmulatorThread> EmulatorThread::Start(std::unique_ptr<EmulatedDevice> device,
+                                             EmulatorOptions options) {
+  auto emulator = Emulator::Open(std::move(device), std::move(options));
+  if (!emulator.Ok()) return emulator.status();
+  auto thread = Thread::Start([shared = *emulator] { shared->Run(); });
+  if (!thread.Ok()) return thread.status();
+  return EmulatorThread(std::move(*emulator), std::move(*thread));
+}
+
+EmulatorThread::~EmulatorThread() {
+  if (emulator_ == nullptr) return;
+  emulator_->Stop();
+  thread_.Wait(kForever);
+}
+
+}  // namespace kinetrel

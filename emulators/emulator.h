@@ -1,0 +1,107 @@
+// A device on a real port: a pseudo-terminal that another program opens as its serial line.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "emulators/port_link.h"
+#include "emulators/stepped_device.h"
+#include "platform/pseudo_terminal.h"
+#include "platform/thread.h"
+
+namespace kinetrel {
+
+struct EmulatorOptions {
+  LineOptions line = {};
+  std::string link =
+      {};  // a name for the port that stays when the port's own changes; none if empty
+};
+
+// One loop serves the device and the port.
+//
+// Threads  Run belongs to one; the others may be called by any, also before and after it.
+class Emulator {
+ public:
+  // Invalid, Denied, NotFound: the link cannot be made. NoSpace: no pseudo-terminal is to be had.
+  static Result<std::shared_ptr<Emulator>> Open(std::unique_ptr<EmulatedDevice> device,
+                                                EmulatorOptions options);
+
+  void Run();   // until Stop
+  void Stop();  // for good
+
+  // What a host opens: the link, or the port's own name; empty while the port is unplugged.
+  std::string Port() const;
+
+  void Strike(const Fault& fault);
+  void StrikeAll(FaultTrigger asked);  // the rules that wait for this
+  void Unplug();                       // until Plug
+  void Plug();
+
+  std::uint64_t RecordsSent() const { return records_; }
+  std::uint64_t BytesLost() const { return lost_; }  // the host was there and did not read
+
+ private:
+  using Request = std::function<void(Moment)>;
+
+  Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions& options,
+           PseudoTerminal port);
+
+  Moment Now();
+  void Post(Request request);
+  void ServeRequests(Moment now);
+  void ServePlug(Moment now);
+  void PullPlug(Moment replugAt);
+  void ReadHost(Moment now);
+  void NoticeHost(Moment now);
+  void Deliver();
+  void PublishPort(Moment now);
+  Status Link();
+
+  // Of the thread that runs.
+  SteppedDevice device_;
+  PseudoTerminal port_;
+  PortLink link_;
+  std::string linked_;  // the port's own name, as the link has it
+  const unsigned firstBaud_;
+  std::int64_t origin_;
+  Moment last_{0};
+  Moment replugAt_ = kNever;
+  bool hostPresent_ = false;
+  std::vector<std::byte> out_;
+
+  std::atomic<bool> stop_{false};
+  std::atomic<std::uint64_t> records_{0};
+  std::atomic<std::uint64_t> lost_{0};
+
+  mutable std::mutex mutex_;  // a leaf, held for a moment; guards the two below
+  std::vector<Request> requests_;
+  std::string published_;
+};
+
+// An emulator that runs in the background for as long as this lives.
+class EmulatorThread {
+ public:
+  static Result<EmulatorThread> Start(std::unique_ptr<EmulatedDevice> device,
+                                      EmulatorOptions options);
+  EmulatorThread(EmulatorThread&&) noexcept = default;
+  EmulatorThread& operator=(EmulatorThread&&) = delete;
+  ~EmulatorThread();
+
+  Emulator& operator*() const { return *emulator_; }
+  Emulator* operator->() const { return emulator_.get(); }
+
+ private:
+  EmulatorThread(std::shared_ptr<Emulator> emulator, Thread thread)
+      : emulator_(std::move(emulator)), thread_(std::move(thread)) {}
+
+  std::shared_ptr<Emulator> emulator_;
+  Thread thread_;
+};
+
+}  // namespace kinetrel

@@ -1,0 +1,152 @@
+// The FASTRAK family: FasTRAK, InsideTRAK, IsoTRAK, IsoTRAK2, and the IS-300 and IS-600 that speak
+// the same language. 8 data bits, no parity, one stop bit; see fastrak_records.h for what it sends.
+//
+//   P            one record of each active station     C, c     records as they are measured; stop
+//   S            status record                         f, F     binary, ASCII
+//   U, u         inches, centimetres                   K        saves the configuration
+//   ^Y           starts anew: silent for seconds, then what came meanwhile is answered
+//   O1,2,4,1     output list of station 1; O1 tells it (without station digits: O2,4,1 and O)
+//   l1,1         station 1 on, 0: off; l1 tells the states (IsoTRAK: l1 turns it over, l tells)
+//   A1,o,x,y     alignment frame of station 1: origin, a point on x, a point toward y; R1 resets it
+//   H1,x,y,z     hemisphere        N1,x,y,z  tip offset        y0  synchronization 0, 1 or 2
+//   T65,0        clears that BIT error
+//
+// Lines end with CR or LF. What it does not understand is answered with an error record.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "emulators/emulated_device.h"
+#include "emulators/fastrak_models.h"
+#include "emulators/fastrak_parser.h"
+#include "emulators/fastrak_records.h"
+#include "emulators/motion.h"
+#include "emulators/options.h"
+#include "emulators/rotation.h"
+
+namespace kinetrel {
+
+// The state in which a host finds it.
+enum class FastrakStart {
+  Ascii,       // just switched on
+  Binary,      // as an earlier host left it
+  Streaming,   // the same, and still sending
+  HalfRecord,  // the same, with the rest of a record still to come when the port is opened
+  HalfCommand  // a command came without its end
+};
+
+struct FastrakSettings {
+  FastrakModel model = FastrakModel::Fastrak;
+  FastrakStart start = FastrakStart::Ascii;
+  unsigned receivers = 16;  // plugged in, at most the model's stations
+  Moment resetTime = std::chrono::seconds(10);
+  std::vector<int> errors = {};  // BIT errors pending at the start
+  bool stickyErrors = false;     // T does not clear them
+};
+
+class FastrakEmulator final : public EmulatedDevice {
+ public:
+  FastrakEmulator(FastrakSettings settings, std::shared_ptr<const Motion> motion);
+
+  std::string Name() const override { return std::string(model_.name); }
+  void PowerOn(Moment now, DeviceLine& line) override;
+  void Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) override;
+  Moment NextEvent() const override;
+  void OnEvent(Moment now, DeviceLine& line) override;
+  void HostOpened(Moment now, DeviceLine& line) override;
+  bool RaiseError(Moment now, std::optional<int> code) override;
+
+ private:
+  struct Station {
+    bool active = true;
+    std::vector<FastrakItem> items;
+    Frame frame;
+    Vector3 tip{};
+  };
+  struct CommandRow;
+  using Numbers = std::vector<double>;
+  struct Context {  // one command's surroundings
+    Moment now;
+    DeviceLine& line;
+  };
+
+  // ---- Commands: what they did, for people; empty: refused
+  // ----------------------------------------
+
+  std::string StartStream(const Numbers& numbers, Context context);
+  std::string StopStream(const Numbers& numbers, Context context);
+  std::string Poll(const Numbers& numbers, Context context);
+  std::string TellStatus(const Numbers& numbers, Context context);
+  std::string UseInches(const Numbers& numbers, Context context);
+  std::string UseCentimetres(const Numbers& numbers, Context context);
+  std::string UseBinary(const Numbers& numbers, Context context);
+  std::string UseAscii(const Numbers& numbers, Context context);
+  std::string Save(const Numbers& numbers, Context context);
+  std::string Reinitialize(const Numbers& numbers, Context context);
+  std::string OutputList(const Numbers& numbers, Context context);
+  std::string ActiveStations(const Numbers& numbers, Context context);
+  std::string Align(const Numbers& numbers, Context context);
+  std::string ResetAlignment(const Numbers& numbers, Context context);
+  std::string Hemisphere(const Numbers& numbers, Context context);
+  std::string TipOffset(const Numbers& numbers, Context context);
+  std::string Synchronization(const Numbers& numbers, Context context);
+  std::string ClearError(const Numbers& numbers, Context context);
+
+  static std::span<const CommandRow> Commands();
+  static const CommandRow* FindCommand(char letter);
+  void Obey(const FastrakCommand& command, Context context);
+  std::string SetStationActive(unsigned index, bool on, Moment now);
+
+  void Reply(Context context, const std::string& text) const;
+  Station* StationOf(const Numbers& numbers, std::size_t wantedCount);
+  Vector3 Length(const Numbers& numbers, std::size_t from) const;  // in cm, from the unit in force
+
+  // ---- Sending
+  // -----------------------------------------------------------------------------------
+
+  void SetDefaults();
+  void SetAsLeftByHost();
+  void RestartStream(Moment now);
+  void SendNextOfStream(Moment now, DeviceLine& line);
+  void AnswerPoll(Moment now, DeviceLine& line);
+  FastrakRecord Measure(unsigned index) const;
+  unsigned ActiveCount() const;
+  double FramesPerSecond() const;
+  unsigned NextActive(unsigned from) const;  // the first one at or after; the count when none
+
+  // Constant.
+  const FastrakSettings settings_;
+  const FastrakModelRow& model_;
+  const std::shared_ptr<const Motion> motion_;
+
+  // What the host has set.
+  bool binary_ = false;
+  bool metric_ = false;
+  std::vector<Station> stations_;
+
+  // What it does now.
+  FastrakParser parser_;
+  bool poweredBefore_ = false;
+  bool owesHalfRecord_ = false;
+  std::vector<int> errors_;
+  Moment busyUntil_{0};
+  std::vector<std::byte> unread_;  // came while it was busy
+  bool streaming_ = false;
+  Moment streamStart_{0};
+  std::uint64_t slot_ = 0;    // of the stream: each may take one record
+  unsigned nextStation_ = 0;  // of the frame that is being sent
+  std::uint64_t frame_ = 0;
+  Moment pollAt_ = kNever;
+  Moment nextMeasured_{0};  // a poll is never answered with an old frame
+};
+
+// ---- For the table of devices
+// --------------------------------------------------------------------
+
+OptionTable FastrakOptions();
+std::unique_ptr<EmulatedDevice> MakeFastrak(OptionValues& options,
+                                            std::shared_ptr<const Motion> motion);
+
+}  // namespace kinetrel

@@ -1,0 +1,46 @@
+// Cuts what a host sends a FASTRAK-family unit into commands.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kinetrel {
+
+struct FastrakCommand {
+  char letter = 0;
+  std::string arguments = {};  // as they came, without the end of the line
+  bool known = true;           // false: no such letter, or a line too long
+
+  // The numbers between the commas; nothing where one is none.
+  std::optional<std::vector<double>> Numbers() const;
+
+  std::string Shown() const;  // for people
+};
+
+// A letter that acts at once is a command of its own; one with a line is complete at CR or LF. Of a
+// run of unknown letters only the first is reported, so that noise is not answered byte by byte.
+class FastrakParser {
+ public:
+  FastrakParser(std::string_view actAtOnce, std::string_view withLine)
+      : actAtOnce_(actAtOnce), withLine_(withLine) {}
+
+  // The command that `byte` completes.
+  std::optional<FastrakCommand> Feed(std::byte byte);
+
+  void Clear() { *this = FastrakParser(actAtOnce_, withLine_); }
+
+ private:
+  std::optional<FastrakCommand> FeedLetter(char letter);
+  std::optional<FastrakCommand> FeedLine(char letter);
+
+  std::string_view actAtOnce_;
+  std::string_view withLine_;
+  FastrakCommand open_;  // letter 0: none
+  bool unknownRun_ = false;
+};
+
+}  // namespace kinetrel

@@ -1,0 +1,145 @@
+#include "emulators/fastrak_records.h"
+
+#include <array>
+#include <cstdio>
+#include <span>
+
+#include "emulators/rotation.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr double kInch = 2.54;  // cm
+
+struct ItemName {
+  FastrakItem item;
+  const char* name;
+};
+constexpr ItemName kNames[] = {
+    {FastrakItem::Space, "space"},
+    {FastrakItem::CrLf, "CR LF"},
+    {FastrakItem::Position, "position"},
+    {FastrakItem::Euler, "Euler angles"},
+    {FastrakItem::Quaternion, "quaternion"},
+    {FastrakItem::ShortPosition, "short position"},
+    {FastrakItem::ShortEuler, "short Euler angles"},
+    {FastrakItem::ShortQuaternion, "short quaternion"},
+};
+
+// The values of one item, with what they are full at.
+struct Values {
+  std::array<double, 4> value{};
+  std::size_t count = 3;
+  double fullScale = 1;
+  int decimals = 2;
+
+  std::span<const double> all() const { return std::span(value).first(count); }
+};
+
+Values PositionOf(const FastrakRecord& record, double fullScale) {
+  const double unit = record.metric ? 1 : kInch;
+  const MotionPose& p = record.pose;
+  return {{p.x / unit, p.y / unit, p.z / unit}, 3, fullScale / unit, 2};
+}
+
+Values EulerOf(const FastrakRecord& record, double fullAngle) {
+  const MotionPose& p = record.pose;
+  return {{p.azimuth, p.elevation, p.roll}, 3, fullAngle, 2};
+}
+
+Values QuaternionValues(const FastrakRecord& record) {
+  return {QuaternionOf(record.pose), 4, 1, 4};
+}
+
+class Encoder {
+ public:
+  Encoder(const FastrakRecord& record, const FastrakModelRow& model)
+      : record_(record), model_(model) {}
+
+  WireWriter Run() {
+    out_.U8('0').U8('1' + record_.station).U8(static_cast<unsigned char>(record_.error));
+    for (const FastrakItem item : record_.items) Add(item);
+    return std::move(out_);
+  }
+
+ private:
+  void Add(FastrakItem item) {
+    switch (item) {
+      case FastrakItem::Space:
+        out_.U8(' ');
+        break;
+      case FastrakItem::CrLf:
+        out_.Text("\r\n");
+        break;
+      case FastrakItem::Position:
+      case FastrakItem::ShortPosition:
+        AddValues(item, PositionOf(record_, model_.fullScale));
+        break;
+      case FastrakItem::Euler:
+      case FastrakItem::ShortEuler:
+        AddValues(item, EulerOf(record_, model_.fullAngle));
+        break;
+      case FastrakItem::Quaternion:
+      case FastrakItem::ShortQuaternion:
+        AddValues(item, QuaternionValues(record_));
+        break;
+    }
+  }
+
+  // The short items are binary even among ASCII.
+  void AddValues(FastrakItem item, const Values& values) {
+    const bool isShort = item >= FastrakItem::ShortPosition;
+    if (!record_.binary && !isShort) return AddAscii(values);
+    for (const double value : values.all()) {
+      if (isShort && model_.floats) {
+        AddShort(Scaled(value, values.fullScale, 14));
+      } else if (model_.floats) {
+        out_.F32Le(value);
+      } else {
+        out_.U16Le(static_cast<std::uint32_t>(Scaled(value, values.fullScale, 16)));
+      }
+    }
+  }
+
+  void AddAscii(const Values& values) {
+    for (const double value : values.all()) {
+      char text[32];
+      std::snprintf(text, sizeof text, "%7.*f", values.decimals, value);
+      out_.Text(text);
+    }
+  }
+
+  void AddShort(std::int32_t raw) {
+    const auto bits = static_cast<std::uint32_t>(raw);
+    out_.U8((bits & 0x7F) | (phased_ ? 0 : 0x80)).U8(bits >> 7 & 0x7F);
+    phased_ = true;
+  }
+
+  const FastrakRecord& record_;
+  const FastrakModelRow& model_;
+  WireWriter out_;
+  bool phased_ = false;
+};
+
+}  // namespace
+
+const char* NameOf(FastrakItem item) {
+  for (const ItemName& row : kNames) {
+    if (row.item == item) return row.name;
+  }
+  return nullptr;
+}
+
+WireWriter EncodeRecord(const FastrakRecord& record, const FastrakModelRow& model) {
+  return Encoder(record, model).Run();
+}
+
+std::string StatusRecord(const FastrakStatus& status, const FastrakModelRow& model) {
+  char text[64];
+  std::snprintf(text, sizeof text, "21S0%d%d%3d%6s%-6.6s%-32.32s\r\n", status.continuous ? 1 : 0,
+                (status.binary ? 1 : 0) + (status.metric ? 2 : 0), status.error % 1000, "",
+                std::string(model.version).c_str(), std::string(model.identity).c_str());
+  return text;
+}
+
+}  // namespace kinetrel

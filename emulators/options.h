@@ -1,0 +1,80 @@
+// Command-line options out of tables: one row each, with its help.
+#pragma once
+
+#include <algorithm>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "emulators/numbers.h"
+
+namespace kinetrel {
+
+struct OptionRow {
+  std::string_view name;   // "--seed"
+  std::string_view value;  // what the help calls its value; empty: it takes none
+  std::string_view help;
+};
+
+using OptionTable = std::span<const OptionRow>;
+
+// The lines of `table` for a help text.
+std::string DescribeOptions(OptionTable table);
+
+// What was given. Asking for a value that is not as wanted leaves a complaint; the first one stays.
+class OptionValues {
+ public:
+  // Reads "--name value", "--name=value" and "--name"; every option must be in one of `tables`.
+  static OptionValues Parse(std::span<const char* const> arguments,
+                            std::initializer_list<OptionTable> tables);
+
+  bool Has(std::string_view name) const { return !All(name).empty(); }
+  std::vector<std::string> All(std::string_view name) const;  // every value, in order
+  std::string Text(std::string_view name, std::string_view byItself) const;  // the last one counts
+
+  template <typename Number>
+  Number Get(std::string_view name, Number byItself, Number least, Number most) {
+    if (!Has(name)) return byItself;
+    const std::string text = Text(name, "");
+    const auto number = ParseNumber(text, least, most);
+    if (!number) {
+      Refuse(std::string(name) + " wants a number from " + Shown(least) + " to " + Shown(most) +
+             ", not '" + text + "'");
+    }
+    return number.value_or(byItself);
+  }
+
+  // Row of the value in `rows`, a table whose rows have a field `option`. The first by itself.
+  template <typename Rows>
+  std::size_t Choice(std::string_view name, const Rows& rows) {
+    const std::string text = Text(name, rows[0].option);
+    std::string all;
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+      if (text == rows[i].option) return i;
+      all += (i == 0 ? "" : ", ") + std::string(rows[i].option);
+    }
+    Refuse(std::string(name) + " wants one of " + all + ", not '" + text + "'");
+    return 0;
+  }
+
+  void Refuse(std::string complaint) {
+    if (complaint_.empty()) complaint_ = std::move(complaint);
+  }
+  const std::string& complaint() const { return complaint_; }
+
+ private:
+  template <typename Number>
+  static std::string Shown(Number number) {
+    std::string text = std::to_string(number);
+    if (text.find('.') != std::string::npos) text.erase(text.find_last_not_of("0.") + 1);
+    return text.empty() ? "0" : text;
+  }
+
+  std::vector<std::pair<std::string, std::string>> given_;
+  std::string complaint_;
+};
+
+}  // namespace kinetrel
