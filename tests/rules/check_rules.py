@@ -62,6 +62,7 @@ allowed_statics = {
     ("platform/posix/stop_signals.cpp", "stopAsked"): "a signal handler reaches no other state",
     ("app/main.cpp", "stopRequest"): "signals are the process's; the console loop reads it",
     ("devices/keyboard_device.cpp", "entry"): "one operator types, whatever devices there are",
+    ("drivers/fastrak_boot.cpp", "bootInProgress"): "one unit of the family boots at a time",
 }
 
 standard_headers = set("""
@@ -183,7 +184,7 @@ def macros(source):
 
 # ---- Names --------------------------------------------------------------------------------------
 
-capitals = r"[A-Z][A-Z0-9_]+"
+capitals = r"[A-Z][0-9]*[A-Z_][A-Z0-9_]*"  # U8 and the like are no shouting
 no_type = set("""
     case co_return const constexpr consteval constinit delete do else explicit extern goto if inline
     mutable new operator return sizeof static switch thread_local throw typedef volatile
