@@ -1,7 +1,11 @@
 #include "devices/device_factory.h"
 
 #include "devices/keyboard_device.h"
+#include "drivers/fastrak_device.h"
 #include "drivers/flock_device.h"
+#include "drivers/gps_device.h"
+#include "drivers/intertrax_device.h"
+#include "drivers/logitech_device.h"
 #include "drivers/pan_tilt_device.h"
 
 namespace kinetrel {
@@ -12,14 +16,25 @@ std::unique_ptr<TrackerDevice> Make() {
   return std::make_unique<Device>();
 }
 
+// Records without CR LF: two bytes less, and its absence is no loss.
+std::unique_ptr<TrackerDevice> MakeFastrak() {
+  auto device = std::make_unique<FastrakDevice>();
+  device->SetCrLf(0);
+  return device;
+}
+
 struct DriverRow {
   int deviceType;
   std::unique_ptr<TrackerDevice> (*make)();
 };
 constexpr DriverRow kDrivers[] = {
     {1, Make<PanTiltDevice>},
+    {2, MakeFastrak},
     {3, Make<FlockDevice>},
+    {4, Make<LogitechDevice>},
     {8, Make<KeyboardDevice>},
+    {9, Make<IntertraxDevice>},
+    {12, Make<GpsDevice>},
 };
 
 }  // namespace

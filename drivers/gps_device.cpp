@@ -1,0 +1,201 @@
+#include "drivers/gps_device.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <span>
+
+#include "devices/bounded_text.h"
+#include "devices/station_mask.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kBaud = 9600;
+constexpr unsigned kRtsOff = 0;
+constexpr int kSettingsRefused = -5;
+constexpr int kNotOpen = -4;
+constexpr int kNoStatusText = -13;
+
+constexpr unsigned kSensors = 15;
+constexpr int kFirstSatellite = 3;
+constexpr unsigned kAnythingHeard = 1U << kFirstSatellite;
+constexpr unsigned kPositionSensors = 7;
+constexpr int kReportsPerSecond = 5;
+
+constexpr unsigned kFamily = 0x0C00;
+constexpr unsigned kFlagsCleared = 0x000F0000;
+constexpr unsigned kFlagsSet = 0x00100000;
+
+// Asks for the time and the receiver's health. Bare, without the frame of a packet: a receiver that
+// does not take them reports by itself.
+constexpr char kRequests[] = {0x21, 0x26};
+constexpr int kAnswerMs = 500;
+constexpr int kAnswerSize = 10;
+
+// A receiver reports once a second at the least.
+constexpr Milliseconds kReportPatience{1500};
+
+// One frame takes no more: a line that never pauses must not keep the sampling thread for ever.
+constexpr unsigned kMostBytesPerFrame = 4096;
+
+struct LengthUnit {
+  int code;
+  double perMetre;
+};
+constexpr LengthUnit kLengthUnits[] = {{0, 39.37007874015748}, {1, 100.0}, {2, 1.0}};
+
+}  // namespace
+
+GpsDevice::GpsDevice() {
+  sensorCount_ = kSensors;
+  totalFrameRate_ = kReportsPerSecond;
+  componentMask_ = kPositionComponent;
+  units_ = 2;
+  continuousByte_ = '6';
+  pollByte_ = 'k';
+  stopByte_ = '6';
+  deviceType_ = static_cast<int>(DeviceName::GpsTsip);
+  statusWord_ = kFamily;
+  SetName(DeviceName::GpsTsip);
+}
+
+// ---- Port ----------------------------------------------------------------------------------
+
+int GpsDevice::OpenPort(const char* name, int) {
+  if (portStatus() == PortStatus::Simulated || HasHandle()) return 1;
+  if (TrackerDevice::OpenPort(name, kBaud) == 0) return 0;
+  if (portStatus() == PortStatus::Simulated) return 1;
+  return SetLineSettings(kBaud, 8, 0, 0, kRtsOff) ? 1 : kSettingsRefused;
+}
+
+// What was booted was the receiver on this port; the next one has to show itself again.
+int GpsDevice::ClosePort() {
+  booted_ = false;
+  return TrackerDevice::ClosePort() == 1 ? 1 : kNotOpen;
+}
+
+// ---- Life ----------------------------------------------------------------------------------
+
+BootResult GpsDevice::Boot(int) {
+  if (booted_) return kBooted;
+  if (!HasHandle() && portStatus() != PortStatus::Simulated) return kPortNotOpen;
+  reports_.Restart();
+  for (const char request : kRequests) Write(&request, 1);
+  WaitForRX(kAnswerMs, kAnswerSize);
+  if (Listen(kReportPatience, 0) == 0) return kPortNotOpen;
+  statusWord_ = (statusWord_ & ~(0xFFFFU | kFlagsCleared)) | kFamily | kFlagsSet;
+  if (!AllocateSensors(kSensors)) return kPortNotOpen;
+  booted_ = true;
+  return kBooted;
+}
+
+int GpsDevice::QueryStatus(char*, int) { return kNoStatusText; }
+
+// ---- Sampling ------------------------------------------------------------------------------
+
+unsigned GpsDevice::ReadFrame(double* sampleTime) {
+  const unsigned accepted = Listen(kReportPatience, sensorMask_);
+  const unsigned mask = News() | kAnythingHeard;
+  if (reports_.TakePositionNews()) PublishPosition();
+  if (reports_.TakeSatelliteNews()) PublishSatellites();
+  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  return accepted > 0 ? mask : 0;
+}
+
+// The sensors that have something new.
+unsigned GpsDevice::News() const {
+  return (reports_.HasPositionNews() ? kPositionSensors : 0) |
+         (reports_.HasSatelliteNews() ? SatelliteMask() : 0);
+}
+
+unsigned GpsDevice::SatelliteMask() const {
+  const int count = std::min(gps().satelliteCount, static_cast<int>(kSensors) - kFirstSatellite);
+  return FirstStations(count) << kFirstSatellite;
+}
+
+// Takes what comes until a sensor of `wanted` has news, or with none wanted until the first byte
+// that a receiver sends. Returns the number of such bytes.
+unsigned GpsDevice::Listen(Milliseconds patience, unsigned wanted) {
+  const Deadline deadline(patience);
+  unsigned accepted = 0;
+  unsigned taken = 0;
+  while (taken < kMostBytesPerFrame) {
+    const int left = static_cast<int>(deadline.Remaining().count());
+    if (left == 0 || !WaitForRX(left, 1)) break;
+    const unsigned got = TakeWaiting(accepted);
+    if (got == 0) break;
+    taken += got;
+    const bool enough = wanted == 0 ? accepted > 0 : (News() & wanted) != 0;
+    if (enough) break;
+  }
+  return accepted;
+}
+
+// All of it, also what lies behind a report that is wanted: of a backlog the newest counts.
+unsigned GpsDevice::TakeWaiting(unsigned& accepted) {
+  std::array<std::byte, 512> bytes;
+  unsigned got = 0;
+  ReadSome(bytes.data(), static_cast<unsigned>(bytes.size()), &got);
+  for (const std::byte byte : std::span(bytes).first(got)) accepted += reports_.Take(byte) ? 1 : 0;
+  return got;
+}
+
+void GpsDevice::PublishPosition() {
+  if (poses_.empty()) return;
+  const GpsState& fix = gps();
+  const auto put = [this](std::size_t sensor, double x, double y, double z) {
+    poses_[sensor] = {static_cast<float>(x), static_cast<float>(y), static_cast<float>(z)};
+  };
+  put(0, static_cast<double>(fix.localNorth) * unitScale_,
+      static_cast<double>(fix.localEast) * unitScale_,
+      static_cast<double>(fix.localUp) * unitScale_);
+  put(1, fix.northArc * 0.001, fix.eastArc * 0.001, fix.altitude * unitScale_);
+  put(2, fix.latitudeText.degrees, fix.longitudeText.degrees, fix.altitude * unitScale_);
+}
+
+void GpsDevice::PublishSatellites() {
+  const unsigned mask = SatelliteMask();
+  for (std::size_t sensor = kFirstSatellite; sensor < poses_.size(); ++sensor) {
+    if (!HasStation(mask, static_cast<int>(sensor))) break;
+    const GpsSatellite& satellite = gps().satellites[sensor - kFirstSatellite];
+    poses_[sensor] = {static_cast<float>(gps().satelliteCount),
+                      static_cast<float>(satellite.prn),
+                      satellite.signalLevel,
+                      satellite.elevation,
+                      satellite.azimuth,
+                      0.0F};
+  }
+}
+
+void GpsDevice::Poll() {}
+
+// ---- Settings ------------------------------------------------------------------------------
+
+int GpsDevice::SetUnits(int units) {
+  for (const LengthUnit& unit : kLengthUnits) {
+    if (unit.code != units) continue;
+    unitScale_ = unit.perMetre;
+    units_ = units;
+  }
+  return units_;
+}
+
+int GpsDevice::SetProtocol(int protocol) {
+  protocol_ = protocol;
+  reports_.state().MoveOriginHere();
+  return protocol_;
+}
+
+// ---- Identity ------------------------------------------------------------------------------
+
+int GpsDevice::GetProtocolText(char* text, int size) {
+  char line[32];
+  std::snprintf(line, sizeof line, "%d: %s", protocol_, "Invalid");
+  CopyTruncated(text, size, line);
+  return protocol_;
+}
+
+int GpsDevice::GetFrameRate() { return totalFrameRate_; }
+
+}  // namespace kinetrel

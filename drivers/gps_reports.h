@@ -1,0 +1,134 @@
+// What a GPS receiver reports in TSIP, its binary protocol, and what is known from it.
+//
+// A packet is DLE (0x10), an identifier, a body, DLE, ETX (0x03). A byte 0x10 in a body is sent
+// twice. All numbers are big-endian, floats IEEE single, angles in radians.
+//   id    body  report
+//   0x41  10    time         float time of week (s), int16 week, float GPS-UTC offset (s)
+//   0x46  2     health       status, error flags
+//   0x47  1+5n  levels       n, then of each satellite: PRN, float signal level
+//   0x4A  20    position     floats latitude, longitude, altitude (m), clock bias, time of fix
+//   0x4B  3     identity     machine, status 1, status 2
+//   0x56  20    velocity     not kept
+//   0x5C  24    tracking     PRN, 3 bytes, floats level, time, elevation, azimuth, 4 bytes
+//   0x6D  17+n  selection    n * 16 + fix mode, floats PDOP HDOP VDOP TDOP, n PRNs
+//   0x82  1     differential mode
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+namespace kinetrel {
+
+struct GpsSatellite {
+  int prn = 0;
+  float elevation = 0.0F;  // radians
+  float azimuth = 0.0F;    // radians
+  float signalLevel = 0.0F;
+};
+
+// An angle on the globe as people write it.
+struct GpsAngle {
+  double degrees = 0.0;   // without sign, with all its fraction
+  double minutes = 0.0;   // of the last degree, with their fraction
+  double seconds = 0.0;   // of the last minute
+  char hemisphere = ' ';  // N S E W
+};
+
+struct GpsState {
+  static constexpr double kMeanRadiusKm = 6371.3;
+  static constexpr double kEquatorRadiusKm = 6378.137;
+  static constexpr std::size_t kMostSatellites = 32;
+
+  int gpsWeek = 0;
+  double utcOffset = 0.0;   // s
+  double timeOfWeek = 0.0;  // s
+  double timeOfFix = 0.0;   // s into the week
+
+  double latitude = 0.0;   // radians, north positive
+  double longitude = 0.0;  // radians, east positive
+  double altitude = 0.0;   // m
+  double altitudeFeet = 0.0;
+  GpsAngle latitudeText;
+  GpsAngle longitudeText;
+
+  // The place that the local position counts from; latitude 0: there is none yet.
+  double startLatitude = 0.0;
+  double startLongitude = 0.0;
+  double startAltitude = 0.0;
+
+  double northArc = 0.0;  // m from the equator along a meridian
+  double eastArc = 0.0;   // m from Greenwich along the equator, whatever the latitude
+  float localNorth = 0.0F;
+  float localEast = 0.0F;
+  float localUp = 0.0F;
+
+  int satelliteCount = 0;
+  std::array<GpsSatellite, kMostSatellites> satellites{};
+  int fixMode = 0;
+  int differentialMode = 0;
+  float pdop = 0.0F;
+  float hdop = 0.0F;
+  float vdop = 0.0F;
+  float tdop = 0.0F;
+
+  int healthStatus = 0;
+  int healthFlagsA = 0;
+  int healthFlagsB = 0;
+  int machineId = 0;
+  int statusByte1 = 0;
+  int statusByte2 = 0;
+
+  void MoveOriginHere();
+};
+
+// Walks over a stream of bytes that may begin, break and be damaged anywhere. A packet that is cut,
+// too long or not plausible changes nothing and costs only itself.
+//
+// Memory  fixed; nothing allocates.
+class GpsReports {
+ public:
+  // False: the byte belongs to nothing that this protocol sends.
+  bool Take(std::byte byte);
+
+  // Forgets everything but the origin: what follows comes from a receiver anew.
+  void Restart();
+
+  const GpsState& state() const { return state_; }
+  GpsState& state() { return state_; }
+
+  // There was such a report since this was last asked.
+  bool TakePositionNews();
+  bool TakeSatelliteNews();
+  bool HasPositionNews() const { return news_.position; }
+  bool HasSatelliteNews() const { return news_.satellites; }
+
+  struct News {
+    bool position = false;
+    bool satellites = false;
+  };
+
+ private:
+  enum class Place { Between, Report, Unknown };
+
+  bool TakeAfterMark(std::byte byte);
+  bool TakeUnmarked(std::byte byte);
+  bool Begin(std::byte id);
+  void Append(std::byte byte);
+  void Abandon(Place next);
+  void Finish();
+  std::size_t Expected() const;
+
+  static constexpr std::size_t kLongestBody = 1 + 5 * GpsState::kMostSatellites;
+
+  GpsState state_;
+  News news_;
+  Place place_ = Place::Between;
+  bool afterMark_ = false;  // the byte before was a DLE whose meaning is still open
+  std::size_t report_ = 0;  // row of the report that has begun
+  std::size_t size_ = 0;
+  std::array<std::byte, kLongestBody> body_{};
+};
+
+}  // namespace kinetrel

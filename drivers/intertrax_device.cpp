@@ -1,0 +1,204 @@
+#include "drivers/intertrax_device.h"
+
+#include "devices/bounded_text.h"
+#include "devices/wire.h"
+
+namespace kinetrel {
+namespace {
+
+// ---- Wire ----------------------------------------------------------------------------------
+
+constexpr int kSlowBaud = 1200;
+constexpr int kFastBaud = 38400;
+constexpr unsigned kRtsOff = 0;
+constexpr unsigned kRtsOn = 1;
+constexpr unsigned kResetMs = 100;
+
+constexpr char kFirstAsk = 'c';
+constexpr char kFirstAnswer = 'o';
+constexpr char kSecondAsk = 'd';
+constexpr char kSecondAnswer = 'd';
+constexpr char kVersionAsk[] = {'v', '\0'};
+
+constexpr int kHandshakeMs = 80;
+constexpr int kFieldMs = 200;
+constexpr unsigned kFieldSize = 2;
+constexpr int kVersionTextMs = 400;
+constexpr int kVersionTextSize = 50;
+constexpr std::size_t kVersionTextRoom = 100;  // a unit that never ends its text is cut off here
+
+constexpr int kRecordMs = 200;
+constexpr int kQuietMs = 1;  // on a line at rest
+constexpr int kTimedBytes = 4;
+
+constexpr unsigned kSensors = 1;
+constexpr unsigned kFamily = 0x0602;
+constexpr unsigned kFlagsCleared = 0x000F0000;
+constexpr unsigned kFlagsSet = 0x00100000;
+constexpr double kRadiansPerCount = kPi / 32767;
+
+// How fast the unit measures is not known. No record comes faster than this: the line carries a
+// request and an answer of ten bits a byte, and is quiet for a while before the next request.
+constexpr int kBitsPerFrame = 10 * (1 + static_cast<int>(kIntertraxRecordSize));
+constexpr int kRecordsPerSecond = 1000 * kFastBaud / (1000 * kBitsPerFrame + kQuietMs * kFastBaud);
+
+// The ends of a version query that a caller can tell from a failed link.
+constexpr int kNoEcho = -12;
+constexpr int kNoFirstField = -11;
+constexpr int kNoSecondField = -10;
+
+}  // namespace
+
+std::array<int, 3> DecodeIntertraxRecord(std::span<const std::byte, kIntertraxRecordSize> record) {
+  WireReader wire(record);
+  std::array<int, 3> angles{};
+  for (int& angle : angles) angle = wire.I16Le();
+  return angles;
+}
+
+IntertraxDevice::IntertraxDevice() {
+  sensorCount_ = kSensors;
+  totalFrameRate_ = kRecordsPerSecond;
+  componentMask_ = kEulerComponent;
+  continuousByte_ = '6';
+  pollByte_ = '3';
+  stopByte_ = '6';
+  deviceType_ = static_cast<int>(DeviceName::InterSenseIntertrax);
+  SetName(DeviceName::InterSenseIntertrax);
+}
+
+// ---- Life ----------------------------------------------------------------------------------
+
+BootResult IntertraxDevice::Boot(int) {
+  booted_ = false;
+  lastModeByte_ = 0;
+  std::array<char, kVersionTextRoom> version{};
+  const bool up = ResetUnit() && ShakeHands() &&
+                  QueryStatus(version.data(), static_cast<int>(version.size())) != 0 && SpeedUp();
+  if (!up) return reportCode_;
+  for (std::size_t i = 0; i < 6; ++i) {
+    const bool reversed = i == 1 || i == 2;
+    channels_[i].scale = reversed ? -kRadiansPerCount : kRadiansPerCount;
+  }
+  if (!AllocateSensors(kSensors)) return 0;
+  booted_ = true;
+  return kBooted;
+}
+
+// The way up again is taken whatever came of the query: a unit left at 1200 baud would not be heard
+// again before the next reset.
+int IntertraxDevice::QueryStatus(char* text, int size) {
+  CopyTruncated(text, size, "");
+  statusWord_ = (statusWord_ & ~(0xFFFFU | kFlagsCleared)) | kFamily | kFlagsSet;
+  const bool wasFast = link_ == IntertraxLink::Fast;
+  if (!ShakeHands()) return reportCode_;
+  const int asked = AskVersion(text, size);
+  if (wasFast && !SpeedUp()) return 0;
+  reportCode_ = static_cast<int>(IntertraxResult::Done);
+  return asked;
+}
+
+int IntertraxDevice::AskVersion(char* text, int size) {
+  PurgeInput();
+  Write(kVersionAsk, sizeof kVersionAsk);
+  if (!ReadField()) return kNoEcho;
+  if (!ReadField()) return kNoFirstField;
+  if (!ReadField()) return kNoSecondField;
+  std::array<char, kVersionTextRoom> version{};
+  WaitForRX(kVersionTextMs, kVersionTextSize);
+  ReadString(version.data(), static_cast<int>(version.size()), '\0');
+  CopyTruncated(text, size, version.data());
+  return 1;
+}
+
+// What the fields mean is not known here; the first repeats the question.
+bool IntertraxDevice::ReadField() {
+  std::array<char, kFieldSize> field{};
+  return WaitForRX(kFieldMs, kFieldSize) && Read(field.data(), kFieldSize);
+}
+
+// ---- Link ----------------------------------------------------------------------------------
+
+bool IntertraxDevice::Fail(IntertraxResult result) {
+  reportCode_ = static_cast<int>(result);
+  return false;
+}
+
+bool IntertraxDevice::Succeed() {
+  reportCode_ = static_cast<int>(IntertraxResult::Done);
+  return true;
+}
+
+bool IntertraxDevice::SetLine(int baud, unsigned rts) {
+  return SetLineSettings(baud, 8, 0, 0, rts);
+}
+
+void IntertraxDevice::SetTimeouts() {
+  const int step = kTimedBytes * 10000 / static_cast<int>(GetBaudRate()) + 1;
+  SetReadTimeouts(3 * step, step, 2 * step);
+}
+
+bool IntertraxDevice::Exchange(char ask, char expected) {
+  PurgeInput();
+  Write(&ask, 1);
+  char answer = 0;
+  return WaitForRX(kHandshakeMs, 1) && Read(&answer, 1) && answer == expected;
+}
+
+bool IntertraxDevice::ResetUnit() {
+  link_ = IntertraxLink::Resetting;
+  SetLine(kSlowBaud, kRtsOff);
+  Pause(kResetMs);
+  if (!SetLine(kSlowBaud, kRtsOn)) return Fail(IntertraxResult::ResetRefused);
+  link_ = IntertraxLink::Reset;
+  return Succeed();
+}
+
+bool IntertraxDevice::ShakeHands() {
+  if (link_ == IntertraxLink::Answered) return Succeed();
+  if (link_ != IntertraxLink::Reset && !ResetUnit()) return false;
+  SetTimeouts();
+  if (!Exchange(kFirstAsk, kFirstAnswer)) return Fail(IntertraxResult::NoFirstAnswer);
+  link_ = IntertraxLink::Answered;
+  return Succeed();
+}
+
+bool IntertraxDevice::SpeedUp() {
+  if (link_ == IntertraxLink::Fast) return Succeed();
+  if (link_ != IntertraxLink::Answered && !ShakeHands()) return false;
+  if (!Exchange(kSecondAsk, kSecondAnswer)) return Fail(IntertraxResult::NoSecondAnswer);
+  link_ = IntertraxLink::Fast;
+  if (!SetLine(kFastBaud, kRtsOn)) return Fail(IntertraxResult::SpeedRefused);
+  SetTimeouts();
+  return Succeed();
+}
+
+// ---- Sampling ------------------------------------------------------------------------------
+
+unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
+  lastModeByte_ = 0;  // the unit answers one request: there is nothing to stop before the next
+  std::array<std::byte, kIntertraxRecordSize> record{};
+  const bool read =
+      WaitForRX(kRecordMs, kIntertraxRecordSize) && Read(record.data(), kIntertraxRecordSize);
+  if (!read || poses_.empty()) return 0;
+  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const auto angles = DecodeIntertraxRecord(record);
+  for (std::size_t i = 0; i < angles.size(); ++i) {
+    channels_[i].raw = angles[i];
+    poses_[0][3 + i] = static_cast<float>(channels_[i].Value());
+  }
+  return 1;
+}
+
+// The rest of a damaged record would shift every record after it. So the unit is asked only when
+// the line has been quiet for longer than a byte takes.
+void IntertraxDevice::Poll() {
+  if (booted_ && WaitForRX(kQuietMs, 1)) PurgeInput();
+  TrackerDevice::Poll();
+}
+
+// ---- Settings ------------------------------------------------------------------------------
+
+unsigned IntertraxDevice::SetComponentMask(unsigned) { return componentMask_ = kEulerComponent; }
+
+}  // namespace kinetrel
