@@ -1,0 +1,289 @@
+// Waking and identifying a unit of the FASTRAK family.
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+
+#include "devices/bounded_text.h"
+#include "drivers/fastrak_device.h"
+
+namespace kinetrel {
+namespace {
+
+// While a unit boots, the commands that need a booted one go through. One for the process: only
+// one device of this family boots at a time.
+std::atomic<bool> bootInProgress{false};
+
+class BootInProgress {
+ public:
+  BootInProgress() { bootInProgress = true; }
+  ~BootInProgress() { bootInProgress = false; }
+  BootInProgress(const BootInProgress&) = delete;
+  BootInProgress& operator=(const BootInProgress&) = delete;
+};
+
+constexpr BootResult kNoAnswerAfterReset = -11;
+
+constexpr unsigned kLetterPause = 2;      // ms after a single letter
+constexpr int kFirstReplyMs = 200;        // how long the first answer may take
+constexpr int kQuietMs = 50;              // longer than the pause between streamed records
+constexpr int kSlowReplyMs = 200;         // a status record behind a slow adapter
+constexpr int kMostStatusPasses = 16;     // each clears one test error
+constexpr std::size_t kLongFailure = 48;  // characters: the unit did say something
+
+// What units of this family are found set to, beside the rate the port was opened with.
+constexpr int kOtherRates[] = {9600, 19200, 38400, 57600, 115200};
+
+}  // namespace
+
+bool FastrakDevice::AcceptsCommands() { return bootInProgress || IsBooted(); }
+
+// ---- Boot ----------------------------------------------------------------------------------
+
+BootResult FastrakDevice::Boot(int reset) {
+  if (portStatus() != PortStatus::Simulated && !HasHandle()) return kPortNotOpen;
+  SetHandshake(0);
+  const BootInProgress inProgress;
+  booted_ = false;
+  lastModeByte_ = 0;
+  window_.Clear();
+  FreeSensors();
+  SetReadTimeouts(10, 2, 3);
+  if (const int baud = static_cast<int>(GetBaudRate()); HasHandle() && baud > 0) {
+    const int perByte = 1000000 / baud + 1;
+    SetReadTimeouts(3 * perByte, perByte, 2 * perByte);
+  }
+  if (const BootResult woken = WakeAtAnyRate(); woken != kBooted) return woken;
+  SilenceUnit();
+  if (reset != 0 && !Reinitialize()) return kNoAnswerAfterReset;
+  std::array<char, 2048> text;
+  if (QueryStatus(text.data(), static_cast<int>(text.size())) == 0) {
+    return ReportFailedStatus(text.data());
+  }
+  return Configure();
+}
+
+// Ends streaming, and whatever command was left half sent, and asks for a record.
+BootResult FastrakDevice::WakeUnit() {
+  Write("c", 1);
+  Write("\r", 1);
+  FlushOutput();
+  Write("P", 1);
+  return WaitForReply(kFirstReplyMs);
+}
+
+// A unit whose switches were set to another rate neither understands nor is understood; so it is
+// asked at the others too. The read time-outs stay: they are ample for all.
+BootResult FastrakDevice::WakeAtAnyRate() {
+  const BootResult first = WakeUnit();
+  if (first != kTimedOut && first != kUnknownFailure) return first;
+  const int opened = static_cast<int>(GetBaudRate());
+  for (const int rate : kOtherRates) {
+    if (rate == opened || !SetLineSettings(rate, 8, 0, 0, 0)) continue;
+    PurgeInput();
+    if (WakeUnit() != kBooted) continue;
+    Post(statusLog_, 3, "The unit is set to %d baud.", rate);
+    return kBooted;
+  }
+  SetLineSettings(opened, 8, 0, 0, 0);
+  return first;
+}
+
+BootResult FastrakDevice::WaitForReply(int timeoutMs) {
+  if (const int baud = static_cast<int>(GetBaudRate());
+      timeoutMode() == TimeoutMode::Blocking && baud > 0) {
+    const int perByte = 20000 / baud + 1;
+    SetReadTimeouts(3 * perByte, perByte, 2 * perByte);
+  }
+  std::array<char, 250> reply;
+  unsigned got = 0;
+  const Deadline deadline{Milliseconds(timeoutMs)};
+  while (got == 0) {
+    if (!ReadSome(reply.data(), static_cast<unsigned>(reply.size()), &got)) return kReadFailed;
+    if (got == 0 && deadline.Passed()) return kTimedOut;
+  }
+  return JudgeFastrakReply({reply.data(), got});
+}
+
+// A unit that was left streaming with half a command pending took our 'c' for the end of that
+// command, and still floods the line: it is told again.
+void FastrakDevice::SilenceUnit() {
+  for (int round = 0; round < 3; ++round) {
+    PurgeInput();
+    if (!WaitForRX(kQuietMs, 1)) return;
+    Write("c", 1);
+    FlushOutput();
+  }
+}
+
+// Ctrl-Y makes the unit start anew, which it does for seconds, deaf; it answers the 'S' then.
+bool FastrakDevice::Reinitialize() {
+  constexpr int kTries = 200;
+  constexpr unsigned kTryMs = 100;
+  PurgeInput();
+  WriteCommand("\x19", kLetterPause);
+  Write("S", 1);
+  for (int i = 0; i < kTries; ++i) {
+    if (InputQueueLength() > 0) {
+      PurgeInput();
+      return true;
+    }
+    Pause(kTryMs);
+  }
+  return false;
+}
+
+BootResult FastrakDevice::ReportFailedStatus(const char* text) const {
+  std::fprintf(stderr, "%s", text);
+  if (std::strlen(text) < kLongFailure) return kNoResponse;
+  return (statusWord_ & kFastrakFromStart) != 0 ? kNoStatus : kNoSensors;
+}
+
+BootResult FastrakDevice::Configure() {
+  if ((statusWord_ & kFastrakParsed) == 0) return kUnrecognizedProduct;
+  const FastrakModel& model = FindFastrakModel(Model());
+  TakeModel(model);
+  if (FastrakClass()) {
+    ConfigureFastrak(model.stations);
+  } else {
+    ConfigureIsotrak();
+  }
+  SetSensorMask(sensorMask_, model.stations);
+  SetUnits(units_);
+  WriteCommand("f", kLetterPause);  // binary
+  WriteCommand("c", kLetterPause);
+  FlushOutput();
+  PurgeAll();
+  std::array<char, 128> text;
+  if (QueryStatus(text.data(), static_cast<int>(text.size())) == 0) {
+    ReadString(text.data(), static_cast<int>(text.size()), '\0');
+    return kInitializationFailed;
+  }
+  if (!AllocateSensors(static_cast<unsigned>(model.stations))) return kStorageFailed;
+  LayOutRecords();
+  booted_ = true;
+  return kBooted;
+}
+
+void FastrakDevice::TakeModel(const FastrakModel& model) {
+  totalFrameRate_ = model.frameRate;
+  protocol_ = static_cast<int>(model.protocol);
+  modelFormat_ = model.format;
+  SetName(model.name);
+  deviceType_ = static_cast<int>(Model() << 16) + model.stations;
+}
+
+void FastrakDevice::ConfigureFastrak(int stations) {
+  constexpr unsigned kFourStations = 0xF;
+  SendStationCommand(crLf_ != 0 ? "O1, 2, 4,1\r" : "O1,2,4\r", kFourStations, stations);
+  SendStationCommand("R1\r", kFourStations, stations);
+  if (Model() == kFastrakProper) SendStationCommand("N1,0,0,0\r", kFourStations, stations);
+}
+
+void FastrakDevice::ConfigureIsotrak() {
+  WriteCommand("K", kLetterPause);
+  WriteCommand("R1\r", kLetterPause);
+  WriteCommand(crLf_ != 0 ? "O2,4,1\r" : "O2,4\r", kLetterPause);
+}
+
+// ---- Status --------------------------------------------------------------------------------
+
+// What came in answer to 'S', always terminated.
+struct FastrakDevice::Reply {
+  std::array<char, 256> text{};
+  unsigned size = 0;
+
+  std::string_view view() const { return {text.data(), size}; }
+};
+
+int FastrakDevice::QueryStatus(char* text, int size) {
+  if (!AcceptsCommands()) return 0;
+  // Between records the answer would be lost.
+  const bool streaming = booted_ && lastModeByte_ == continuousByte_;
+  if (streaming) Write(&stopByte_, 1);
+  const std::uint32_t wordBefore = statusWord_;
+  Reply reply;
+  std::array<char, 2048> room;
+  TextAppender diagnosis(room);
+  const bool found = ClearBitErrors(reply, diagnosis);
+  // A booted unit that did not answer this time is still the same model.
+  if (!found && booted_) statusWord_ = wordBefore;
+  CopyTruncated(text, size, found ? reply.text.data() : diagnosis.c_str());
+  if (streaming) StartContinuous();
+  return found ? 1 : 0;
+}
+
+// The unit reports one error at a time.
+bool FastrakDevice::ClearBitErrors(Reply& reply, TextAppender& diagnosis) {
+  bool found = false;
+  for (int attempt = 0; attempt < kMostStatusPasses; ++attempt) {
+    const FastrakStatus status = QueryOnce(reply, diagnosis);
+    found = status.found;
+    const int error = status.bitError;
+    if (error == 0) return found;
+    diagnosis.AppendF("%d: Cleared bit error %d: %s\n", attempt, error, BitErrorText(error));
+    Post(statusLog_, found ? 1 : 0, "%d: Cleared bit error %d: %s", attempt, error,
+         BitErrorText(error));
+    ClearBitError(error);
+  }
+  constexpr int kAtLimit = -16;
+  diagnosis.AppendF("Maximum number of errors reached.  Current status: \n%s", reply.text.data());
+  Post(statusLog_, kAtLimit, "Maximum number of errors reached.");
+  Post(statusLog_, kAtLimit, "Status: %s", reply.text.data());
+  return found;
+}
+
+FastrakStatus FastrakDevice::QueryOnce(Reply& reply, TextAppender& diagnosis) {
+  const bool answered = RequestStatus(reply);
+  const FastrakStatus status = answered ? ParseFastrakStatus(reply.view()) : FastrakStatus{};
+  statusWord_ = status.word;
+  if (status.found) return status;
+  if (answered) {
+    const int reason = static_cast<int>(status.fault);
+    diagnosis.AppendF("Failed. %u bytes read, reason: %d\n", reply.size, reason);
+    Post(statusLog_, 0, "Failed. %u bytes read, reason: %d", reply.size, reason);
+  }
+  if (reply.text[0] != 'F') {
+    diagnosis.Append("WaitForRX failed.\n");
+    Post(statusLog_, 0, "WaitForRX failed");
+  }
+  return status;
+}
+
+bool FastrakDevice::RequestStatus(Reply& reply) {
+  constexpr unsigned kMostOfIt = 30;  // bytes of a status record
+  reply = Reply{};
+  PurgeInput();
+  Write("S", 1);
+  FlushOutput();
+  const unsigned baud = GetBaudRate();
+  for (int i = 0; i < 3 && InputQueueLength() <= kMostOfIt; ++i) {
+    if (baud > 0) Pause(800000 / baud + 1);
+  }
+  if (InputQueueLength() > 0 || WaitForRX(kSlowReplyMs, 1)) return ReadReply(reply);
+  constexpr int kShortest = 20;
+  const int length = ReadString(reply.text.data(), static_cast<int>(reply.text.size()), '\r');
+  reply.size = static_cast<unsigned>(std::max(length, 0));
+  return length >= kShortest;
+}
+
+// False when nothing was read, or when the unit goes on sending: then this is no status record.
+bool FastrakDevice::ReadReply(Reply& reply) {
+  const auto room = static_cast<unsigned>(reply.text.size()) - 1;
+  for (int i = 0; i < 6 && reply.size == 0; ++i) ReadSome(reply.text.data(), room, &reply.size);
+  return reply.size > 0 && InputQueueLength() == 0;
+}
+
+bool FastrakDevice::ClearBitError(int code) {
+  if (code == 0) return true;
+  if (code < kFirstBitError || code > kLastBitError) return false;
+  std::array<char, 16> room;
+  TextAppender command(room);
+  command.AppendF("T%d,0\n", code);  // LF: a CR would be an error of its own
+  const unsigned baud = GetBaudRate();
+  WriteCommand(command.c_str(), baud > 0 ? 200000 / baud + 1 : 0);
+  return true;
+}
+
+}  // namespace kinetrel

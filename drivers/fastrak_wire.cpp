@@ -1,0 +1,376 @@
+#include "drivers/fastrak_wire.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+
+#include "devices/station_mask.h"
+#include "devices/wire.h"
+
+namespace kinetrel {
+namespace {
+
+// ---- Models --------------------------------------------------------------------------------
+
+constexpr FastrakModel kModels[] = {
+    {0x201, DeviceName::Fastrak, 4, 120, FastrakProtocol::Bits32, FastrakFormat::Bits32},
+    {0x203, DeviceName::Insidetrak, 2, 30, FastrakProtocol::Bits16, FastrakFormat::Bits16},
+    {0x204, DeviceName::Isotrak2, 2, 60, FastrakProtocol::Bits16, FastrakFormat::Bits16},
+    {0x209, DeviceName::InterSense300, 4, 150, FastrakProtocol::Bits32, FastrakFormat::Bits32},
+    {0x219, DeviceName::InterSense600, 4, 150, FastrakProtocol::Bits32, FastrakFormat::Bits32},
+};
+constexpr FastrakModel kIsotrak = {0,  DeviceName::Isotrak,     1,
+                                   30, FastrakProtocol::Bits16, FastrakFormat::Bits16};
+
+// ---- Values --------------------------------------------------------------------------------
+
+// Values come in groups; the first channel tells the kind of a group.
+struct Group {
+  unsigned component;
+  unsigned channel;
+  unsigned count;
+};
+constexpr Group kPositions = {kPositionComponent, 0, 3};
+constexpr Group kAngles = {kEulerComponent, 3, 3};
+constexpr Group kQuaternionParts = {kQuaternionComponent, 6, 4};
+constexpr std::array kGroups = {kPositions, kAngles, kQuaternionParts};
+
+constexpr float kSmallest = 1e-8F;
+constexpr float kLargest = 360.0F;  // degrees, and more than any range of the family
+
+float Tame(float value, int& flags) {
+  if (std::fabs(value) < kSmallest) {
+    flags |= kFastrakTiny;
+    return 0.0F;
+  }
+  if (value > kLargest) {
+    flags |= kFastrakAbove;
+    return kLargest;
+  }
+  if (value < -kLargest) {
+    flags |= kFastrakBelow;
+    return -kLargest;
+  }
+  return value;
+}
+
+float UnitsFactor(const Group& group, int units) {
+  constexpr float kRadians = 0.017453292F;  // in a degree
+  if (group.channel == kAngles.channel) return kRadians;
+  const bool metres = (units & 2) != 0;
+  return group.channel == kPositions.channel && metres ? 0.01F : 1.0F;
+}
+
+// A value that is not a number is none: the record ends there and is dropped whole.
+int ReadValues32(WireReader& wire, const Group& group, int units, FastrakReading& reading) {
+  const float factor = UnitsFactor(group, units);
+  int flags = 0;
+  for (unsigned k = 0; k < group.count; ++k) {
+    const float value = wire.F32Le();
+    if (!wire.Ok() || std::isnan(value)) return static_cast<int>(k) | flags;
+    reading.values[group.channel + k] = Tame(value, flags) * factor;
+  }
+  return static_cast<int>(group.count) | flags;
+}
+
+int ReadValues16(WireReader& wire, const Group& group, FastrakChannels& channels,
+                 FastrakReading& reading) {
+  for (unsigned k = 0; k < group.count; ++k) {
+    const std::int16_t raw = wire.I16Le();
+    if (!wire.Ok()) return static_cast<int>(k);
+    ChannelScale& channel = channels[group.channel + k];
+    channel.raw = raw;
+    reading.values[group.channel + k] = static_cast<float>(channel.Value());
+  }
+  return static_cast<int>(group.count);
+}
+
+int ReadValues14(WireReader& wire, const Group& group, FastrakChannels& channels,
+                 FastrakReading& reading) {
+  for (unsigned k = 0; k < group.count; ++k) {
+    ChannelScale& channel = channels[group.channel + k];
+    channel.raw = wire.I14Pair();
+    reading.values[group.channel + k] = static_cast<float>(channel.Value());
+  }
+  return static_cast<int>(group.count);
+}
+
+bool SyncBit(std::byte byte) { return (byte & std::byte{0x80}) != std::byte{0}; }
+
+bool InStep(std::span<const std::byte> body) {
+  return body.empty() || (SyncBit(body[0]) && std::none_of(body.begin() + 1, body.end(), SyncBit));
+}
+
+// A count of values and flags, both summed up over the groups.
+int AddGroup(int sum, int group) {
+  constexpr int kFlags = kFastrakTiny | kFastrakAbove | kFastrakBelow;
+  return ((sum & ~kFlags) + (group & ~kFlags)) | (sum & kFlags) | (group & kFlags);
+}
+
+template <typename ReadGroup>
+int ForGroups(unsigned components, ReadGroup read) {
+  int sum = 0;
+  for (const Group& group : kGroups) {
+    if ((components & group.component) != 0) sum = AddGroup(sum, read(group));
+  }
+  return sum;
+}
+
+// ---- Replies -------------------------------------------------------------------------------
+
+// The character at `offset`; 0 past the end.
+char At(std::string_view text, std::size_t offset) {
+  return offset < text.size() ? text[offset] : '\0';
+}
+
+bool IsStationDigit(char letter) { return letter >= '1' && letter <= '4'; }
+
+bool IsBitError(char letter) { return letter >= kFirstBitError && letter <= kLastBitError; }
+
+// Three characters of a model number as the sum of their codes.
+int DigitSum(std::string_view text, std::size_t offset) {
+  return At(text, offset) + At(text, offset + 1) + At(text, offset + 2);
+}
+
+bool NamesTheIs600(std::string_view record, std::size_t name) {
+  for (const std::size_t number : {name + 2, name + 6}) {
+    const int sum = DigitSum(record, number);
+    if (sum == '6' + '0' + '0' || sum == 241) return true;
+  }
+  return false;
+}
+
+// The firmware identification stands at 16 to 22, in one of the forms of the family.
+std::uint32_t IdentifyModel(std::string_view record) {
+  std::uint32_t model = 0;
+  if (At(record, 18) == '.' || At(record, 16) == '.') {
+    model = At(record, 16) == '5' ? 3U : 1U;
+  } else if (At(record, 17) == '3' && At(record, 20) == '3') {
+    model = 4U;
+  }
+  if ((model & kFastrakClass) == 0) return model;
+  const std::size_t name = At(record, 22) == 'I' ? 22 : 21;
+  if (At(record, name) != 'I' || At(record, name + 1) != 'S') return model;
+  return model | kFastrakInterSense | (NamesTheIs600(record, name) ? 1U << 4 : 0U);
+}
+
+int NumberAt(std::string_view text, std::size_t offset) {
+  text = text.substr(std::min(offset, text.size()));
+  text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+  int number = 0;
+  std::from_chars(text.data(), text.data() + text.size(), number);
+  return number;
+}
+
+std::size_t FindRecord(std::string_view reply, char kind) {
+  for (std::size_t i = 0; i + 2 < reply.size(); ++i) {
+    if (reply[i] == '2' && reply[i + 2] == kind) return i;
+  }
+  return reply.npos;
+}
+
+std::uint32_t DiagnosisBits(std::string_view record, std::size_t start) {
+  const auto digit = static_cast<unsigned char>(At(record, 5));
+  return (start == 0 ? 1U << 16 : 0U) | (digit & 7U) << 17 |
+         (At(record, 54) == '\n' ? 1U << 20 : 0U);
+}
+
+// ---- Built-in test errors ------------------------------------------------------------------
+
+struct BitError {
+  int first;
+  int last;
+  const char* text;
+};
+constexpr BitError kBitErrors[] = {
+    {65, 65, "X Driver Linearity"},
+    {66, 66, "Y Driver Linearity"},
+    {67, 67, "Z Driver Linearity"},
+    {68, 68, "X Gain Linearity"},
+    {69, 69, "Y Gain Linearity"},
+    {70, 70, "Z Gain Linearity"},
+    {71, 71, "X Slope of Driver X Linearity Line"},
+    {72, 72, "Y Slope of Driver Y Linearity Line"},
+    {73, 73, "Z Slope of Driver Z Linearity Line"},
+    {74, 74, "X Slope of Coil / Receiver X Linearity"},
+    {75, 75, "Y Slope of Coil / Receiver Y Linearity"},
+    {76, 76, "Z Slope of Coil / Receiver Z Linearity"},
+    {84, 84, "Receiver PROM Error"},
+    {85, 85, "Transmitter PROM Error"},
+    {86, 86, "Receiver PROM Circuit Error"},
+    {87, 87, "Transmitter PROM Circuit Error"},
+    {88, 88, "Driver Characterization Validity"},
+    {89, 89, "Receiver Characterization Validity"},
+    {90, 90, "Receiver Coil Validity"},
+    {97, 97, "X Driver Limits Self-Calibration"},
+    {98, 98, "Y Driver Limits Self-Calibration"},
+    {99, 99, "Z Driver Limits Self-Calibration"},
+    {100, 100, "X Gain Limits Self-Calibration"},
+    {101, 101, "Y Gain Limits Self-Calibration"},
+    {102, 102, "Z Gain Limits Self-Calibration"},
+    {103, 103, "Coil Limits Self-Calibration"},
+    {104, 105, "Not Used in FASTRAK"},
+    {106, 106, "A Signal Saturation"},
+    {107, 107, "A Low Signal"},
+    {108, 108, "A Maximum Signal Element Zero"},
+    {109, 109, "EEPROM Validity Checksum Error or Data Validity Discrepancy"},
+    {110, 114, "Reserved for Future Use"},
+    {115, 115, "Unit Normal Position Vector Reset (P/RNorm)"},
+    {116, 116, "Compensation Structure Errors."},
+    {117, 117, "Compensation Point Not Within Mapped Bounds."},
+    {118, 118, "No CRT Sync Signal Available"},
+    {119, 119, "Write Error on Configuration EEPROM."},
+    {120, 120, "Receiver Out of Motion Box."},
+    {121, 121, "Euler Angles Outside Allowed Angular Envelope."},
+    {122, 122, "Unused, Reserved."},
+};
+
+}  // namespace
+
+const FastrakModel& FindFastrakModel(std::uint32_t code) {
+  for (const FastrakModel& model : kModels) {
+    if (model.code == code) return model;
+  }
+  return kIsotrak;
+}
+
+// ---- Station records -----------------------------------------------------------------------
+
+int FastrakLayout::ValueCount() const {
+  return ForGroups(components, [](const Group& group) { return static_cast<int>(group.count); });
+}
+
+std::size_t FastrakLayout::BodySize() const {
+  const std::size_t valueSize = format == FastrakFormat::Bits32 ? 4 : 2;
+  return static_cast<std::size_t>(ValueCount()) * valueSize;
+}
+
+std::size_t FastrakLayout::Size() const {
+  return kFastrakHeadSize + BodySize() + (crLf ? kFastrakTailSize : 0);
+}
+
+Pose FastrakReading::ToPose() const {
+  Pose pose;
+  std::copy_n(values.begin(), pose.size(), pose.begin());
+  return pose;
+}
+
+Quaternion FastrakReading::ToQuaternion() const {
+  Quaternion quaternion;
+  std::copy_n(values.begin() + kQuaternionParts.channel, quaternion.size(), quaternion.begin());
+  return quaternion;
+}
+
+int DecodeFastrakBody(const FastrakLayout& layout, std::span<const std::byte> body, int units,
+                      FastrakChannels& channels, FastrakReading& reading) {
+  WireReader wire(body);
+  if (layout.format == FastrakFormat::Bits32) {
+    return ForGroups(layout.components,
+                     [&](const Group& group) { return ReadValues32(wire, group, units, reading); });
+  }
+  if (layout.format == FastrakFormat::Bits16) {
+    return ForGroups(layout.components, [&](const Group& group) {
+      return ReadValues16(wire, group, channels, reading);
+    });
+  }
+  if (body.size() < layout.BodySize()) return 0;
+  if (!InStep(body.first(layout.BodySize()))) return kFastrakOutOfStep;
+  return ForGroups(layout.components, [&](const Group& group) {
+    return ReadValues14(wire, group, channels, reading);
+  });
+}
+
+void MountFastrakReading(unsigned components, const Pose& offset, FastrakReading& reading) {
+  constexpr double kHalfTurnMargin = 1e-4;
+  AddPoseOffset(reading.values.data(), offset.data());
+  float& roll = reading.values[5];
+  if ((components & kEulerComponent) != 0) {
+    if (roll > kPi) roll = static_cast<float>(roll - 2.0 * kPi);
+    if (roll < -kPi) roll = static_cast<float>(roll + 2.0 * kPi);
+  }
+  if ((components & kQuaternionComponent) == 0) return;
+  if (std::fabs(std::fabs(offset[5]) - kPi) > kHalfTurnMargin) return;
+  const auto [w, x, y, z] = reading.ToQuaternion();
+  const Quaternion turned = {-x, w, z, -y};  // times (0, 1, 0, 0): half a turn about x
+  std::copy(turned.begin(), turned.end(), reading.values.begin() + kQuaternionParts.channel);
+}
+
+bool HoldsFastrakHead(std::span<const std::byte> body,
+                      std::span<const std::byte, kFastrakHeadSize> head, std::size_t atEnd) {
+  const auto found = std::search(body.begin(), body.end(), head.begin(), head.end());
+  if (found != body.end()) return true;
+  for (std::size_t count = atEnd; count < head.size() && count <= body.size(); ++count) {
+    const auto end = body.last(count);
+    if (std::equal(end.begin(), end.end(), head.begin())) return true;
+  }
+  return false;
+}
+
+void SetFastrakScales(bool fastrakClass, int units, FastrakFormat format,
+                      FastrakChannels& channels) {
+  double position = fastrakClass ? 118.11023622047244 : 65.48;  // inches
+  if (units != 0) position *= 2.54;
+  if ((units & 2) != 0) position *= 0.01;
+  const double angle = fastrakClass ? kPi : 4.0;
+  const double divisor = format == FastrakFormat::Bits14 ? 8192 : 32768;
+  for (const Group& group : kGroups) {
+    const double full = group.channel == kPositions.channel ? position
+                        : group.channel == kAngles.channel  ? angle
+                                                            : 1.0;
+    for (unsigned k = 0; k < group.count; ++k) channels[group.channel + k].scale = full / divisor;
+  }
+}
+
+// ---- Replies -------------------------------------------------------------------------------
+
+BootResult JudgeFastrakReply(std::string_view reply) {
+  for (std::size_t i = 0; i + 2 < reply.size(); ++i) {
+    const char first = reply[i];
+    const char third = reply[i + 2];
+    if (first == '2' && (third == '*' || third == 'E')) return kBooted;
+    if (first == '2' && third == 'l') {
+      const int sum = DigitSum(reply, i + 3) + At(reply, i + 6);
+      return sum > 4 * '0' ? kBooted : kNoSensors;
+    }
+    if (first == '0' && third == ' ') return kBooted;
+    // A unit that was left in binary with a test error pending answers with that error's code.
+    if (first == '0' && IsStationDigit(reply[i + 1]) && IsBitError(third)) return kBooted;
+    if (first == '\r' && reply[i + 1] == '\n') return kBooted;
+  }
+  return kUnknownFailure;
+}
+
+FastrakStatus ParseFastrakStatus(std::string_view reply) {
+  FastrakStatus status;
+  const std::size_t start = FindRecord(reply, 'S');
+  if (start == reply.npos) return status;
+  const std::string_view record = reply.substr(start);
+  const std::uint32_t model = IdentifyModel(record);
+  status.word = DiagnosisBits(record, start) | kFastrakParsed | model;
+  status.bitError = NumberAt(record, 6);
+  const bool notFastrak = (model & kFastrakClass) == 0 && At(reply, 14) == '2';
+  status.fault = notFastrak ? FastrakStatusFault::NotFastrak : FastrakStatusFault::None;
+  status.found = !notFastrak;
+  return status;
+}
+
+bool ParseActiveStations(std::string_view reply, int stations, unsigned& active) {
+  const std::size_t wanted = 3 + static_cast<std::size_t>(std::max(stations, 0));
+  if (reply.size() < wanted || reply[0] != '2' || reply[2] != 'l') return false;
+  active = 0;
+  for (int i = 0; i < stations; ++i) {
+    if (reply[3 + static_cast<std::size_t>(i)] != '0') active |= StationBit(i);
+  }
+  return true;
+}
+
+// ---- Built-in test errors ------------------------------------------------------------------
+
+const char* BitErrorText(int code) {
+  for (const BitError& error : kBitErrors) {
+    if (code >= error.first && code <= error.last) return error.text;
+  }
+  return "Unknown error code.";
+}
+
+}  // namespace kinetrel
