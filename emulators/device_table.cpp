@@ -1,6 +1,8 @@
 #include "emulators/device_table.h"
 
 #include "emulators/fastrak_emulator.h"
+#include "emulators/flock_emulator.h"
+#include "emulators/pan_tilt_emulator.h"
 
 namespace kinetrel {
 namespace {
@@ -8,6 +10,9 @@ namespace {
 constexpr DeviceRow kDevices[] = {
     {"fastrak", "magnetic trackers of the FASTRAK family, 1 to 4 stations", 2, 115200,
      FastrakOptions, MakeFastrak},
+    {"flock", "Flock of Birds, or a single Bird, through its master", 3, 115200, FlockOptions,
+     MakeFlock},
+    {"pan-tilt", "pan-tilt head with joint encoders", 1, 9600, PanTiltOptions, MakePanTilt},
 };
 
 }  // namespace
