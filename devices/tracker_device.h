@@ -5,8 +5,8 @@
 // answer. The 47 operations stand in a fixed order, here and in every driver. A sensor index of
 // -1 in a setter means all sensors.
 //
-// Threads  one at a time; the engine's lock sees to it. ReadFrame and Poll run on the sampling
-//          thread without that lock, while no other operation of the device runs.
+// Threads  one at a time; the engine's lock and inUse() see to it. ReadFrame and Poll run on the
+//          sampling thread without the engine's lock.
 // Memory   ReadFrame, Poll, the record getters and ElapsedSeconds allocate nothing.
 #pragma once
 
@@ -19,6 +19,7 @@
 #include "devices/pose.h"
 #include "devices/serial_port.h"
 #include "devices/status_log.h"
+#include "platform/priority_mutex.h"
 
 namespace kinetrel {
 
@@ -139,6 +140,10 @@ class TrackerDevice : public SerialPort {
   // counter  a reading of ClockTicks().
   void SetTimeOrigin(std::int64_t counter);
 
+  // Held around every use of the device that another thread's may meet: frames are read without
+  // the engine's lock. Taken after that lock, and by nobody for longer than one operation.
+  PriorityMutex& inUse() { return inUse_; }
+
   void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: say nothing
 
   // What the engine logs about a failed frame, and with which code; it resets the code.
@@ -180,6 +185,7 @@ class TrackerDevice : public SerialPort {
   bool HasRecord(int sensor) const;
   void WriteModeByte(char mode);
 
+  PriorityMutex inUse_;
   double secondsPerTick_;
   std::int64_t startCounter_;
   std::int64_t lastCounter_;

@@ -8,7 +8,6 @@ namespace {
 
 constexpr int kGpsFamily = 0xC00;
 constexpr int kGpsUnits = 2;
-constexpr float kRolled = -3.1415927F;  // -pi as a float
 
 void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
   std::array<char, 2048> text{};
@@ -20,7 +19,21 @@ void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
 
 }  // namespace
 
-void ApplyConfiguration(EngineState& state, const EngineLock&) {
+void PushRoll(EngineState& state, const EngineLock&) {
+  StartConfig& config = state.config;
+  if (config.rollAll < 0) return;
+  config.transmitterOffset[5] = config.rollAll >= 1 ? kRolledOver : 0.0F;
+  state.device->SetSensorOffset(-1, config.transmitterOffset.data());
+}
+
+void PushAlignment(EngineState& state, const EngineLock&, int code) {
+  const StartConfig& config = state.config;
+  if (!config.Aligned()) return;
+  if (state.device->SetAlignment(-1, config.alignX.data(), config.alignY.data()) == 0) return;
+  Announce(state.status, " ", code, "ALIGNED");
+}
+
+void ApplyConfiguration(EngineState& state, const EngineLock& lock) {
   StartConfig& config = state.config;
   TrackerDevice& device = *state.device;
   device.SetSensorMask(config.sensorMask, 0);
@@ -30,15 +43,9 @@ void ApplyConfiguration(EngineState& state, const EngineLock&) {
   if ((device.GetStatusCode() & ~0xFF) == kGpsFamily) config.units = kGpsUnits;
   device.SetUnits(config.units);
   device.SetSynchronization(config.sync);
-  if (config.rollAll >= 0) {
-    config.transmitterOffset[5] = config.rollAll >= 1 ? kRolled : 0.0F;
-    device.SetSensorOffset(-1, config.transmitterOffset.data());
-  }
+  PushRoll(state, lock);
   if (config.query != 0) ReportDeviceStatus(device, state.status);
-  if (config.Aligned() &&
-      device.SetAlignment(-1, config.alignX.data(), config.alignY.data()) != 0) {
-    Announce(state.status, " ", 6, "ALIGNED");
-  }
+  PushAlignment(state, lock, 6);
 }
 
 }  // namespace kinetrel

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "devices/daq_control.h"
 #include "devices/status_log.h"
@@ -22,11 +23,19 @@ struct EngineState {
 
   // Guarded by the mutex.
   StartConfig config;
+  std::string trackerName;  // the host's own word for the tracker
   std::shared_ptr<TrackerDevice> device;
   std::shared_ptr<DAQControl> joystick;
   MappingTable mappings;
   float lastRawAzimuth = 0.0F;  // radians; last read from any sensor
   float azimuthZero = 0.0F;     // radians; subtracted from every published azimuth
+
+  // The mapping of a destination, made if there is none.
+  Mapping& MappingAt(const MappingKey& key) {
+    Mapping& mapping = mappings[key];
+    mapping.filters.SetStatusLog(&status);
+    return mapping;
+  }
 
   // Read without it.
   std::atomic<bool> isOpen = false;

@@ -2,9 +2,12 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <tuple>
 
 #include "engine/running_stats.h"
+#include "filters/filter_chain.h"
+#include "publish/shared_track_reader.h"
 
 namespace kinetrel {
 
@@ -21,10 +24,12 @@ struct MappingKey {
 };
 
 struct Mapping {
-  int sensor = -1;              // none
-  RunningStats latency;         // seconds from sample to publication
-  RunningStats rate;            // Hz between samples
-  double lastSampleTime = 0.0;  // seconds; 0: none yet
+  int sensor = -1;                            // none
+  FilterChain filters;                        // reached by the control interface
+  std::unique_ptr<SharedTrackReader> reader;  // of what is published for it; made when asked for
+  RunningStats latency;                       // seconds from sample to publication
+  RunningStats rate;                          // Hz between samples
+  double lastSampleTime = 0.0;                // seconds; 0: none yet
 
   void ResetStatistics() {
     latency.Reset();

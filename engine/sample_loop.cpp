@@ -141,7 +141,7 @@ void SampleLoop::BeginDevice(EngineLock& lock) {
   if (streaming_) {
     device_->StartContinuous();
   } else {
-    lock.Leave([this] { device_->Poll(); });
+    Poll(lock);
   }
   recovery_.emplace(state_, device_);
   const Status raised = RaiseToTimeCritical();
@@ -162,12 +162,20 @@ void SampleLoop::Pass(EngineLock& lock) {
     NoteFailure(lock, frame);
   }
   ++runLength_;
-  if (!streaming_) lock.Leave([this] { device_->Poll(); });
+  if (!streaming_) Poll(lock);
+}
+
+void SampleLoop::Poll(EngineLock& lock) {
+  lock.Leave([this] {
+    const std::lock_guard inUse(device_->inUse());
+    device_->Poll();
+  });
 }
 
 SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
   joystick_ = state_->joystick;
   return lock.Leave([this] {
+    const std::lock_guard inUse(device_->inUse());
     Frame frame;
     frame.buttonsValid = joystick_ != nullptr && joystick_->Read(0) != 0;
     const std::int64_t before = ClockTicks();
@@ -305,7 +313,7 @@ void SampleLoop::LogFailure() {
 // ---- End -------------------------------------------------------------------------------------
 
 void SampleLoop::End(EngineLock& lock) {
-  if (streaming_) lock.Leave([this] { device_->Poll(); });  // ends continuous output
+  if (streaming_) Poll(lock);  // ends continuous output
   if (writer_->Lock(kForever)) {
     SharedTrackBlock& block = *writer_->block();
     block.flags = header_.Flags();

@@ -48,6 +48,7 @@ class SampleLoop {
 
   void Pass(EngineLock& lock);
   Frame ReadFrame(EngineLock& lock);
+  void Poll(EngineLock& lock);
   void PublishFrame(const Frame& frame);
   void PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame);
   void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor);

@@ -52,8 +52,7 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
   const OpenResult result = Attach(lock);
   if (result != OpenResult::Opened) return result;
 
-  const int shmDevice = state_->config.shmDevice;
-  lock.Leave([&] { SetSharedMemoryDevice(shmDevice); });
+  SetSharedMemoryDevice(lock, state_->config.shmDevice);
   state_->isOpen = true;
   return OpenResult::Opened;
 }
@@ -162,19 +161,27 @@ bool TrackerEngine::IsOpen() const { return state_->isOpen; }
 
 bool TrackerEngine::SetSharedMemoryDevice(int id) {
   EngineLock lock(state_->mutex);
+  return SetSharedMemoryDevice(lock, id);
+}
+
+bool TrackerEngine::SetSharedMemoryDevice(EngineLock& lock, int id) {
   StartConfig& config = state_->config;
+  if (id >= kSharedDevices) return false;
   if (id < 0) id = ((config.port - 1) % kSharedDevices + kSharedDevices) % kSharedDevices;
   if (id == config.shmDevice) return true;
 
   const bool wasRunning = worker_.IsRunning();
-  lock.Leave([this] { worker_.Stop(true); });
+  if (wasRunning) lock.Leave([this] { worker_.Stop(true); });
   MappingTable moved;
-  for (const auto& [key, mapping] : state_->mappings) {
-    moved[{id, key.bin, key.poseIndex}].sensor = mapping.sensor;
+  while (!state_->mappings.empty()) {
+    auto entry = state_->mappings.extract(state_->mappings.begin());
+    entry.key().shmDevice = id;
+    entry.mapped().ResetStatistics();
+    moved.insert(std::move(entry));
   }
   state_->mappings = std::move(moved);
   config.shmDevice = id;
-  if (wasRunning && state_->isOpen) lock.Leave([this] { StartSampling(); });
+  if (wasRunning) StartSampling();
   return true;
 }
 
@@ -199,8 +206,8 @@ void TrackerEngine::AddDefaultMappings(const EngineLock&) {
   const StartConfig& config = state_->config;
   for (int sensor = 0; sensor < kPoseSlots; ++sensor) {
     if ((config.sensorMask >> sensor & 1) == 0) continue;
-    const auto [entry, added] = state_->mappings.try_emplace({config.shmDevice, 0, sensor});
-    if (added) entry->second.sensor = sensor;
+    const MappingKey key = {config.shmDevice, 0, sensor};
+    if (!state_->mappings.contains(key)) state_->MappingAt(key).sensor = sensor;
   }
 }
 

@@ -13,6 +13,7 @@
 #include "devices/device_factory.h"
 #include "engine/engine_state.h"
 #include "engine/worker_thread.h"
+#include "filters/attribute_info.h"
 
 namespace kinetrel {
 
@@ -23,6 +24,43 @@ enum class OpenResult : int {
   AlreadyOpen = -2,
   PortFailed = -3,
   BootFailed = -4,
+};
+
+class ControlCall;
+
+// The numbers of the engine's attributes, in the order of their table.
+enum class EngineAttribute : int {
+  TrackerName = 0,  // text: the host's own
+  CurrentStatus,    // text: the newest status; setting it has no effect
+  SharedMemoryId,   // 0..15, or negative: from the port
+  SensorMask,
+  ComponentMask,
+  Units,
+  JoystickPort,
+  Offset,          // 6 floats
+  Hemisphere,      // 3 floats
+  AlignX,          // 3 floats
+  AlignY,          // 3 floats
+  RollAllSensors,  // 1, 0; -1 read: the offset's roll is another
+  Bore,
+  Continuous,
+  Query,  // setting it nonzero asks and prints at once
+  Synchronization,
+  Protocol,       // text that begins with the number
+  ControlString,  // text for the driver
+  DeviceType,     // read: the open device's status word; cannot be set
+};
+
+// The numbers of a mapping's attributes, which a filter index of -1 addresses. None can be set.
+enum class MappingAttribute : int {
+  Name = 0,
+  Position,     // 3 floats, as published
+  Euler,        // 3 floats, as published
+  Orientation,  // the quaternion: 4 floats, as published
+  Digital,      // the buttons
+  FrameCount,
+  FrameRate,  // 1 to 4 floats: mean, standard deviation, minimum, maximum; Hz
+  Latency,    // the same; seconds from sample to publication
 };
 
 class TrackerEngine {
@@ -58,7 +96,7 @@ class TrackerEngine {
   bool RestoreAzimuth();
 
   // Publishes on device number 0..15, or the one derived from the port when negative. A running
-  // sampling thread is stopped and started again. Always true.
+  // sampling thread is stopped and started again. False, and nothing changed, for 16 and above.
   bool SetSharedMemoryDevice(int id);
 
   // Makes the mapping table anew: sensor i to pose slot i of bin 0, for every enabled sensor.
@@ -66,6 +104,53 @@ class TrackerEngine {
   bool AddDefaultMappings();  // for those that have none
 
   StatusLog& status() { return state_->status; }
+
+  // ---- Control -----------------------------------------------------------------------------
+  // Refused while closed, but for the first two. Every refusal leaves all as it was and says why
+  // in the status log. A setting that the device cannot take while it samples stops the sampling
+  // thread and starts it again: its frame counts start afresh. One that reaches the device waits
+  // for the frame being read.
+
+  bool GetNumAvailableAttributes(int* count);
+  bool GetAvailableAttributes(int count, AttributeInfo* rows);  // the first min(count, all)
+
+  bool GetAttributeInt(int id, int* value);
+  bool SetAttributeInt(int id, int value);
+  // The count must be the attribute's own. Lengths in the configured unit, angles in radians.
+  bool GetAttributeFloatArray(int id, int count, float* values);
+  bool SetAttributeFloatArray(int id, int count, const float* values);
+  // At most `size` characters are copied: a text that fills them has no terminator.
+  bool GetAttributeString(int id, int size, char* text);
+  bool SetAttributeString(int id, const char* text);
+
+  // A key is {device, bin 0..15, pose slot 0..31}; the device number is carried, not compared.
+  bool GetMappingSize(int* count);
+  bool GetMappingList(int count, int* keys);  // 3 ints a mapping; the count must be the size
+  bool GetMapping(const int key[3], int* sensor);
+  bool SetMapping(const int key[3], int sensor);  // a negative sensor removes it
+
+  // Filters count from 0 in the order in which they are applied. -1 in the place of a filter's
+  // index means the mapping itself.
+  int AddFilter(const int key[3], int filterType);  // the index, -1: no such type; 0 when closed
+  bool ClearFilters(const int key[3]);
+  bool ClearFilter(const int key[3], int index);
+  bool GetNumFilters(const int key[3], int* count);
+  bool GetFilterType(const int key[3], int index, int* type);
+  bool MoveFilter(const int key[3], int index, bool up);
+  bool EnableFilter(const int key[3], int index, bool enable);
+  bool GetFilterEnabled(const int key[3], int index, bool* enabled);
+
+  bool SetFilterAttributeInt(const int key[3], int index, int id, int value);
+  bool SetFilterAttributeDouble(const int key[3], int index, int id, double value);
+  bool SetFilterAttributeFloatArray(const int key[3], int index, int id, int count,
+                                    const float* values);
+  bool SetFilterAttributeString(const int key[3], int index, int id, const char* text);
+  bool GetFilterAttributeInt(const int key[3], int index, int id, int* value);
+  bool GetFilterAttributeDouble(const int key[3], int index, int id, double* value);
+  bool GetFilterAttributeFloatArray(const int key[3], int index, int id, int count, float* values);
+  bool GetFilterAttributeString(const int key[3], int index, int id, int size, char* text);
+  bool GetNumAvailableFilterAttributes(const int key[3], int index, int* count);
+  bool GetAvailableFilterAttributes(const int key[3], int index, int count, AttributeInfo* rows);
 
  private:
   OpenResult Attach(const EngineLock& lock);
@@ -75,6 +160,18 @@ class TrackerEngine {
   void ResetMappings(const EngineLock& lock);
   void AddDefaultMappings(const EngineLock& lock);
   std::unique_ptr<TrackerDevice> MakeDeviceOrSay(int deviceType);
+  bool SetSharedMemoryDevice(EngineLock& lock, int id);
+
+  template <typename Change>
+  bool ChangeWhileStopped(ControlCall& call, bool stop, Change change);
+  bool SetInt(ControlCall& call, EngineAttribute attribute, int value);
+  bool SetText(ControlCall& call, EngineAttribute attribute, const char* text);
+  bool SetProtocol(ControlCall& call, const char* text);
+  void PushFloats(ControlCall& call, EngineAttribute attribute);
+  void ReportStatusOnDemand(TrackerDevice& device);
+  Filter* SettableFilter(ControlCall& call, const int key[3], int index);
+  bool GetMappingFloats(ControlCall& call, const int key[3], Mapping& mapping, int id, int count,
+                        float* values);
 
   const DeviceFactory factory_;
   const std::shared_ptr<EngineState> state_;

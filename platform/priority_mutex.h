@@ -5,6 +5,8 @@
 
 #include <memory>
 
+#include "platform/clock.h"
+
 namespace kinetrel {
 
 class PriorityMutex {
@@ -16,6 +18,7 @@ class PriorityMutex {
 
   void lock();
   bool try_lock();
+  bool LockWithin(Milliseconds timeout);  // false: still another's when the time was up
   void unlock();
 
  private:

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include "platform/posix/timed_lock.h"
+
 namespace kinetrel {
 
 struct PriorityMutex::Os {
@@ -20,6 +22,9 @@ PriorityMutex::~PriorityMutex() { pthread_mutex_destroy(&os_->mutex); }
 
 void PriorityMutex::lock() { pthread_mutex_lock(&os_->mutex); }
 bool PriorityMutex::try_lock() { return pthread_mutex_trylock(&os_->mutex) == 0; }
+bool PriorityMutex::LockWithin(Milliseconds timeout) {
+  return kinetrel::LockWithin(&os_->mutex, timeout) == 0;
+}
 void PriorityMutex::unlock() { pthread_mutex_unlock(&os_->mutex); }
 
 }  // namespace kinetrel

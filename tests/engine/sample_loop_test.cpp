@@ -74,6 +74,9 @@ class Sampling : public testing::Test {
 
   FreeSlot slot_;
   Script script_;
+  // What a script changes must outlive the engine, whose thread runs until it goes.
+  std::atomic<int> reads_ = 0;
+  std::atomic<std::uint32_t> bits_ = 0;
   DeviceFactory factory_ = ScriptedFactory(script_);
   std::unique_ptr<TrackerEngine> engine_;
   SharedTrackReader reader_{slot_.device()};
@@ -161,12 +164,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(Sampling, ReportsARunOfFailuresOnce) {
   const auto deliver = Deliver(1);
-  int frame = 0;
   script_.errorText = "BIT error";
   script_.readText = "01a";
   script_.reportCode = -7;
-  script_.readFrame = [&, deliver](TrackerDevice& device, double* sampleTime) {
-    ++frame;
+  script_.readFrame = [this, deliver](TrackerDevice& device, double* sampleTime) {
+    const int frame = ++reads_;
     // 500 good frames, three failures, good for ever.
     return frame > 500 && frame <= 503 ? 0U : deliver(device, sampleTime);
   };
@@ -179,29 +181,27 @@ TEST_F(Sampling, ReportsARunOfFailuresOnce) {
 
 // A device that fails at once, for ever, must not take the processor with it.
 TEST_F(Sampling, FailuresAtOnceAreFollowedByARest) {
-  std::atomic<int> reads = 0;
   script_.frameRate = 10;  // a nap of 90 ms after a publication, so none after a failure
-  script_.readFrame = [&](TrackerDevice&, double*) {
-    ++reads;
+  script_.readFrame = [this](TrackerDevice&, double*) {
+    ++reads_;
     return 0U;
   };
   Start();
   EXPECT_TRUE(Logged(0, "Error: Sampling error. (after 0 valid samples)"));
-  const int before = reads;
+  const int before = reads_;
   SleepFor(Milliseconds(200));
-  EXPECT_LE(reads - before, 11);
+  EXPECT_LE(reads_ - before, 11);
 }
 
 TEST_F(Sampling, KeyboardTrackerWithoutKeysIsNoFailure) {
-  std::atomic<int> reads = 0;
   script_.statusCode = 8;
   script_.readFrame = [&](TrackerDevice&, double*) {
     SleepFor(Milliseconds(2));
-    ++reads;
+    ++reads_;
     return 0U;
   };
   Start();
-  ASSERT_TRUE(WaitUntil([&] { return reads > 20; }));
+  ASSERT_TRUE(WaitUntil([&] { return reads_ > 20; }));
   for (const StatusEntry& entry : engine_->status().Entries()) EXPECT_NE(entry.text[0], 'E');
 }
 
@@ -257,8 +257,8 @@ class Buttons final : public DAQControl {
 };
 
 TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
-  std::atomic<std::uint32_t> bits = 0x15;  // a fifth bit that is no channel
-  factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits); };
+  bits_ = 0x15;  // a fifth bit that is no channel
+  factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits_); };
   script_.readFrame = Deliver(1);
   Start([](StartConfig& config) { config.joystickPort = 1; });
   const auto pressed = [](std::uint32_t buttons) {
@@ -267,9 +267,9 @@ TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
     };
   };
   Await(pressed(0x5));
-  bits = Buttons::kUnplugged;
+  bits_ = Buttons::kUnplugged;
   Await([](const SharedTrackBlock& block) { return !ButtonsValid(block); });
-  bits = 0xA;
+  bits_ = 0xA;
   Await(pressed(0xA));
 }
 
@@ -280,6 +280,7 @@ TEST_F(Sampling, WithoutSharedMemoryTheThreadEndsAndSaysSo) {
     const std::string path = "/" + BlockName(slot_.device(), bin);
     const int fd = ::shm_open(path.c_str(), O_RDWR | O_CREAT, 0666);
     ASSERT_GE(fd, 0);
+    ASSERT_EQ(::ftruncate(fd, 1), 0);
     struct flock lock {};
     lock.l_type = F_RDLCK;
     ASSERT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
@@ -296,9 +297,8 @@ TEST_F(Sampling, WithoutSharedMemoryTheThreadEndsAndSaysSo) {
 }
 
 TEST_F(Sampling, NothingIsAllocatedPerFrame) {
-  std::atomic<int> frames = 0;
   script_.readFrame = [&](TrackerDevice& device, double* sampleTime) {
-    CountAllocations(++frames > 100 && frames <= 10100);
+    CountAllocations(++reads_ > 100 && reads_ <= 10100);
     *sampleTime = device.ElapsedSeconds();
     return 0xFFFFFFFFU;
   };
@@ -307,7 +307,7 @@ TEST_F(Sampling, NothingIsAllocatedPerFrame) {
     config.componentMask = 7;
     config.streaming = 0;
   });
-  ASSERT_TRUE(WaitUntil([&] { return frames > 10200; }));
+  ASSERT_TRUE(WaitUntil([&] { return reads_ > 10200; }));
   EXPECT_EQ(CountedAllocations(), 0);
 }
 

@@ -1,0 +1,56 @@
+#include "engine/control_call.h"
+
+namespace kinetrel {
+
+ControlCall::ControlCall(EngineState& state, const char* name)
+    : state_(state), name_(name), lock_(state.mutex) {}
+
+ControlCall::~ControlCall() {
+  if (used_ != nullptr) used_->inUse().unlock();
+}
+
+bool ControlCall::Refuse(const char* reason, int code) {
+  state_.status.SetStatusF(code, "%s: %s", name_, reason);
+  return false;
+}
+
+bool ControlCall::Open() { return state_.isOpen || Refuse("MTS Not Open"); }
+
+bool ControlCall::Given(const void* pointer, const char* whatIsNull) {
+  if (pointer != nullptr) return true;
+  state_.status.SetStatusF(-1, "%s: %s is NULL", name_, whatIsNull);
+  return false;
+}
+
+bool ControlCall::UseDevice() {
+  if (used_ != nullptr) return true;
+  if (!state_.device->inUse().LockWithin(kDevicePatience)) {
+    return Refuse("the device does not answer");
+  }
+  used_ = state_.device;
+  return true;
+}
+
+Mapping* ControlCall::Find(const int key[3]) {
+  if (!Given(key, "key")) return nullptr;
+  const auto entry = state_.mappings.find(KeyFrom(key));
+  if (entry != state_.mappings.end()) return &entry->second;
+  state_.status.SetStatusF(-1, "%s: Mapping (%d,%d,%d) doesn't exist", name_, key[0], key[1],
+                           key[2]);
+  return nullptr;
+}
+
+Filter* ControlCall::FindFilter(const int key[3], int index) {
+  Mapping* const mapping = Find(key);
+  return mapping != nullptr ? FindFilter(*mapping, index) : nullptr;
+}
+
+Filter* ControlCall::FindFilter(Mapping& mapping, int index) {
+  Filter* const filter = mapping.filters.GetFilter(index);
+  if (filter == nullptr) {
+    state_.status.SetStatusF(-1, "%s: Filter %d doesn't exist", name_, index);
+  }
+  return filter;
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,306 @@
+// The engine's attributes: the part of TrackerEngine that reads and changes a running
+// configuration by number.
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <span>
+
+#include "devices/bounded_text.h"
+#include "engine/apply_configuration.h"
+#include "engine/control_call.h"
+#include "engine/tracker_engine.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr AttributeInfo kAttributes[] = {
+    {0, AttributeType::Text, AttributeInfo::kTextCount, "Tracker Name"},
+    {1, AttributeType::Text, AttributeInfo::kTextCount, "Current Status"},
+    {2, AttributeType::Number, 1, "Shared Memory ID"},
+    {3, AttributeType::Number, 1, "Sensor Mask"},
+    {4, AttributeType::Number, 1, "Component Mask"},
+    {5, AttributeType::Number, 1, "Units"},
+    {6, AttributeType::Number, 1, "Joystick Port"},
+    {7, AttributeType::Floats, 6, "Offset"},
+    {8, AttributeType::Floats, 3, "Hemisphere"},
+    {9, AttributeType::Floats, 3, "Align X"},
+    {10, AttributeType::Floats, 3, "Align Y"},
+    {11, AttributeType::Number, 1, "Roll All Sensors"},
+    {12, AttributeType::Number, 1, "Bore"},
+    {13, AttributeType::Number, 1, "Continuous"},
+    {14, AttributeType::Number, 1, "Query"},
+    {15, AttributeType::Number, 1, "Synchronization"},
+    {16, AttributeType::Text, AttributeInfo::kTextCount, "Protocol"},
+    {17, AttributeType::Text, AttributeInfo::kTextCount, "Control String"},
+    {18, AttributeType::Number, 1, "DeviceType"},
+};
+constexpr int kAttributeCount = static_cast<int>(std::size(kAttributes));
+static_assert(kAttributeCount == static_cast<int>(EngineAttribute::DeviceType) + 1);
+
+// ---- Whole numbers ---------------------------------------------------------------------------
+
+int RollOf(const StartConfig& config) {
+  const float roll = config.transmitterOffset[5];
+  return roll == kRolledOver ? 1 : roll == 0.0F ? 0 : -1;
+}
+
+struct IntRow {
+  EngineAttribute id;
+  bool ofDevice;  // asks the device, so waits for it
+  int (*get)(EngineState& state);
+};
+constexpr IntRow kIntRows[] = {
+    {EngineAttribute::SharedMemoryId, false, [](EngineState& s) { return s.config.shmDevice; }},
+    {EngineAttribute::SensorMask, true,
+     [](EngineState& s) { return static_cast<int>(s.device->GetSensorMask()); }},
+    {EngineAttribute::ComponentMask, false,
+     [](EngineState& s) { return static_cast<int>(s.config.componentMask); }},
+    {EngineAttribute::Units, true, [](EngineState& s) { return s.device->GetUnits(); }},
+    {EngineAttribute::JoystickPort, false, [](EngineState& s) { return s.config.joystickPort; }},
+    {EngineAttribute::RollAllSensors, false, [](EngineState& s) { return RollOf(s.config); }},
+    {EngineAttribute::Bore, false, [](EngineState& s) { return s.config.bore; }},
+    {EngineAttribute::Continuous, false, [](EngineState& s) { return s.config.streaming; }},
+    {EngineAttribute::Query, false, [](EngineState& s) { return s.config.query; }},
+    {EngineAttribute::Synchronization, false, [](EngineState& s) { return s.config.sync; }},
+    {EngineAttribute::DeviceType, true, [](EngineState& s) { return s.device->GetStatusCode(); }},
+};
+
+// ---- Float arrays ----------------------------------------------------------------------------
+
+struct FloatsRow {
+  EngineAttribute id;
+  const char* wrongCount;
+  std::span<float> (*values)(StartConfig& config);
+};
+constexpr FloatsRow kFloatsRows[] = {
+    {EngineAttribute::Offset, "Offset requires 6 floats",
+     [](StartConfig& c) { return std::span<float>(c.transmitterOffset); }},
+    {EngineAttribute::Hemisphere, "Hemisphere requires 3 floats",
+     [](StartConfig& c) { return std::span<float>(c.hemisphere); }},
+    {EngineAttribute::AlignX, "Align requires 3 floats",
+     [](StartConfig& c) { return std::span<float>(c.alignX); }},
+    {EngineAttribute::AlignY, "Align requires 3 floats",
+     [](StartConfig& c) { return std::span<float>(c.alignY); }},
+};
+
+}  // namespace
+
+bool TrackerEngine::GetNumAvailableAttributes(int* count) {
+  if (count == nullptr) return false;
+  *count = kAttributeCount;
+  return true;
+}
+
+bool TrackerEngine::GetAvailableAttributes(int count, AttributeInfo* rows) {
+  return CopyAttributeRows(kAttributes, count, rows);
+}
+
+// ---- Reading ---------------------------------------------------------------------------------
+
+bool TrackerEngine::GetAttributeInt(int id, int* value) {
+  ControlCall call(*state_, "GetAttributeInt");
+  if (!call.Open() || !call.Given(value, "val")) return false;
+  const IntRow* const row = FindRow(kIntRows, id);
+  if (row == nullptr) {
+    state_->status.SetStatus(-1, "SetAttributeInt: Invalid Attribute");
+    return false;
+  }
+  if (row->ofDevice && !call.UseDevice()) return false;
+  *value = row->get(*state_);
+  return true;
+}
+
+bool TrackerEngine::GetAttributeFloatArray(int id, int count, float* values) {
+  ControlCall call(*state_, "GetAttributeFloatArray");
+  if (!call.Open() || values == nullptr) return false;
+  const FloatsRow* const row = FindRow(kFloatsRows, id);
+  if (row == nullptr) return call.Refuse("Invalid Attribute");
+  const std::span<float> from = row->values(state_->config);
+  if (count != static_cast<int>(from.size())) return call.Refuse(row->wrongCount);
+  std::copy(from.begin(), from.end(), values);
+  return true;
+}
+
+bool TrackerEngine::GetAttributeString(int id, int size, char* text) {
+  ControlCall call(*state_, "GetAttributeString");
+  if (!call.Open() || text == nullptr || size <= 0) return false;
+  switch (static_cast<EngineAttribute>(id)) {
+    case EngineAttribute::TrackerName:
+      CopyUpTo(text, size, state_->trackerName.c_str());
+      break;
+    case EngineAttribute::CurrentStatus:
+      CopyUpTo(text, size, state_->status.Newest().text.c_str());
+      break;
+    case EngineAttribute::Protocol:
+      if (!call.UseDevice()) return false;
+      call.device().GetProtocolText(text, size);
+      break;
+    case EngineAttribute::ControlString:
+      if (!call.UseDevice()) return false;
+      return call.device().GetControlString(text, size);
+    default:
+      return call.Refuse("Invalid Attribute");
+  }
+  return true;
+}
+
+// ---- Changing --------------------------------------------------------------------------------
+
+// Runs `change` with the sampling thread stopped, if the change asks for it, and starts the thread
+// again if it ran. While the thread ends the lock is left, so the engine may have been closed.
+template <typename Change>
+bool TrackerEngine::ChangeWhileStopped(ControlCall& call, bool stop, Change change) {
+  const bool ran = stop && worker_.IsRunning();
+  if (ran) call.lock().Leave([this] { worker_.Stop(true); });
+  if (!call.Open()) return false;
+  const bool changed = change();
+  if (ran) StartSampling();
+  return changed;
+}
+
+bool TrackerEngine::SetAttributeInt(int id, int value) {
+  ControlCall call(*state_, "SetAttributeInt");
+  if (!call.Open()) return false;
+  const auto attribute = static_cast<EngineAttribute>(id);
+  const bool stops =
+      attribute == EngineAttribute::SharedMemoryId || attribute == EngineAttribute::SensorMask ||
+      attribute == EngineAttribute::ComponentMask || attribute == EngineAttribute::Units ||
+      attribute == EngineAttribute::Synchronization;
+  const bool set = ChangeWhileStopped(call, stops, [&] { return SetInt(call, attribute, value); });
+  return set || call.Refuse("Set Failed", -3);
+}
+
+bool TrackerEngine::SetInt(ControlCall& call, EngineAttribute attribute, int value) {
+  StartConfig& config = state_->config;
+  TrackerDevice& device = call.device();
+  switch (attribute) {
+    case EngineAttribute::SharedMemoryId:
+      return SetSharedMemoryDevice(call.lock(), value);
+    case EngineAttribute::JoystickPort:
+      if (!call.UseDevice()) return false;  // the sampling thread reads both under one lock
+      config.joystickPort = value;
+      if (value != 0) AttachJoystick(call.lock());
+      return true;
+    case EngineAttribute::Bore:
+      config.bore = value;
+      return true;
+    case EngineAttribute::Continuous:
+      config.streaming = value;
+      return true;
+    case EngineAttribute::DeviceType:
+      return call.Refuse("MtsDeviceType cannot be set.", -2);
+    default:
+      break;
+  }
+  if (!call.UseDevice()) return false;
+  switch (attribute) {
+    case EngineAttribute::SensorMask:
+      config.sensorMask = device.SetSensorMask(static_cast<unsigned>(value), 0);
+      ResetMappings(call.lock());
+      return true;
+    case EngineAttribute::ComponentMask:
+      config.componentMask = static_cast<unsigned>(value);
+      device.SetComponentMask(config.componentMask);
+      return true;
+    case EngineAttribute::Units:
+      config.units = value;
+      device.SetUnits(value);
+      return true;
+    case EngineAttribute::RollAllSensors:
+      config.rollAll = value;
+      PushRoll(*state_, call.lock());
+      return true;
+    case EngineAttribute::Query:
+      config.query = value;
+      if (value != 0) ReportStatusOnDemand(device);
+      return true;
+    case EngineAttribute::Synchronization:
+      config.sync = value;
+      device.SetSynchronization(value);
+      return true;
+    default:
+      return call.Refuse("Invalid Attribute", -2);
+  }
+}
+
+void TrackerEngine::ReportStatusOnDemand(TrackerDevice& device) {
+  std::array<char, 256> text{};
+  if (device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1) == 0) return;
+  std::printf("STATUS: %s\n", text.data());
+  std::fflush(stdout);
+  state_->status.SetStatus(1, text.data());
+}
+
+bool TrackerEngine::SetAttributeFloatArray(int id, int count, const float* values) {
+  ControlCall call(*state_, "SetAttributeFloatArray");
+  if (!call.Open()) return false;
+  const FloatsRow* const row = FindRow(kFloatsRows, id);
+  const bool stops = row != nullptr && row->id != EngineAttribute::Offset;
+  const bool set = ChangeWhileStopped(call, stops, [&] {
+    if (row == nullptr) return call.Refuse("Invalid Attribute", -3);
+    const std::span<float> into = row->values(state_->config);
+    if (count != static_cast<int>(into.size())) return call.Refuse(row->wrongCount);
+    if (!call.Given(values, "vec") || !call.UseDevice()) return false;
+    std::copy_n(values, into.size(), into.begin());
+    PushFloats(call, row->id);
+    return true;
+  });
+  return set || call.Refuse("Set Failed", -3);
+}
+
+void TrackerEngine::PushFloats(ControlCall& call, EngineAttribute attribute) {
+  const StartConfig& config = state_->config;
+  TrackerDevice& device = call.device();
+  if (attribute == EngineAttribute::Offset) {
+    device.SetSensorOffset(-1, config.transmitterOffset.data());
+  } else if (attribute == EngineAttribute::Hemisphere) {
+    device.SetHemisphere(-1, config.hemisphere.data());
+  } else {
+    PushAlignment(*state_, call.lock(), 1);
+  }
+}
+
+bool TrackerEngine::SetAttributeString(int id, const char* text) {
+  ControlCall call(*state_, "SetAttributeString");
+  if (!call.Open() || !call.Given(text, "str")) return false;
+  const auto attribute = static_cast<EngineAttribute>(id);
+  const bool known =
+      attribute == EngineAttribute::TrackerName || attribute == EngineAttribute::CurrentStatus ||
+      attribute == EngineAttribute::Protocol || attribute == EngineAttribute::ControlString;
+  if (!known) return call.Refuse("Invalid Attribute");
+  const bool stops = attribute == EngineAttribute::Protocol;
+  const bool set = ChangeWhileStopped(call, stops, [&] { return SetText(call, attribute, text); });
+  if (!set) state_->status.SetStatus(-3, "SetAttributeFloatArray: Set Failed");
+  return set;
+}
+
+bool TrackerEngine::SetText(ControlCall& call, EngineAttribute attribute, const char* text) {
+  if (attribute == EngineAttribute::CurrentStatus) return true;  // accepted, without effect
+  if (attribute == EngineAttribute::TrackerName) {
+    state_->trackerName = text;
+    return true;
+  }
+  if (attribute == EngineAttribute::Protocol) return SetProtocol(call, text);
+  if (!call.UseDevice()) return false;
+  if (call.device().SetControlString(text)) return true;
+  state_->status.SetStatusF(-1, "SetAttributeString: SetControlString(%s) failed", text);
+  return false;
+}
+
+bool TrackerEngine::SetProtocol(ControlCall& call, const char* text) {
+  int asked = 0;
+  if (std::sscanf(text, "%9d", &asked) != 1) {
+    return call.Refuse("Invalid Protocol.  Protocol string must start with an integer.");
+  }
+  if (!call.UseDevice()) return false;
+  const int got = call.device().SetProtocol(asked);
+  if (got == asked) return true;
+  state_->status.SetStatusF(
+      -1, "SetAttributeString: MtsProtocol failed. Requested protocol %d, returned %d.", asked,
+      got);
+  return false;
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,341 @@
+// The mapping table, the filters of each mapping, and what has been published for it: the part of
+// TrackerEngine that a host program reaches by key.
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "devices/bounded_text.h"
+#include "engine/control_call.h"
+#include "engine/tracker_engine.h"
+#include "publish/shared_track_reader.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kMappingItself = -1;  // in the place of a filter's index
+constexpr Milliseconds kReadPatience{1000};
+
+constexpr AttributeInfo kMappingAttributes[] = {
+    {0, AttributeType::Text, AttributeInfo::kTextCount, "Mapping Name"},
+    {1, AttributeType::Floats, 3, "Position"},
+    {2, AttributeType::Floats, 3, "Euler"},
+    {3, AttributeType::Floats, 4, "Quaternion"},
+    {4, AttributeType::Number, 1, "Digital"},
+    {5, AttributeType::Number, 1, "Frame Count"},
+    {6, AttributeType::Floats, 4, "Frame Rate"},
+    {7, AttributeType::Floats, 4, "Latency"},
+};
+
+bool IsDestination(const int key[3]) {
+  return key[1] >= 0 && key[1] < kSharedBins && key[2] >= 0 && key[2] < kPoseSlots;
+}
+
+// ---- Published components --------------------------------------------------------------------
+
+// The three that are read from the block of the mapping's bin.
+struct ComponentRow {
+  MappingAttribute id;
+  int count;
+  const char* wrongCount;
+  bool (*get)(const SharedTrackBlock& block, int slot, float* values);
+};
+constexpr ComponentRow kComponentRows[] = {
+    {MappingAttribute::Position, 3, "MappingPosition: num_vec must be 3.", PositionOf},
+    {MappingAttribute::Euler, 3, "MappingEuler: num_vec must be 3.", EulerOf},
+    {MappingAttribute::Orientation, 4, "MappingQuaternion: num_vec must be 4.", QuaternionOf},
+};
+
+struct StatisticRow {
+  MappingAttribute id;
+  const char* wrongCount;
+  RunningStats Mapping::*statistic;
+};
+constexpr StatisticRow kStatisticRows[] = {
+    {MappingAttribute::FrameRate, "MappingFrameRate: num_vec must be between 1 and 4.",
+     &Mapping::rate},
+    {MappingAttribute::Latency, "MappingLatency: num_vec must be between 1 and 4.",
+     &Mapping::latency},
+};
+
+bool GetStatistic(const RunningStats& statistic, int count, float* values) {
+  if (statistic.GetCount() < 2) return false;
+  const std::array<double, 4> all = {statistic.GetMean(), statistic.GetStdDev(), statistic.GetMin(),
+                                     statistic.GetMax()};
+  std::transform(all.begin(), all.begin() + count, values,
+                 [](double value) { return static_cast<float>(value); });
+  return true;
+}
+
+// Both typed readers of a mapping's attributes speak of themselves by this name.
+bool RefusePublished(ControlCall& call, const char* reason) {
+  call.state().status.SetStatusF(-1, "GetFilterAttributeInt: %s", reason);
+  return false;
+}
+
+// Copies the bin that the mapping is published in. The reader stays with the mapping, and with it
+// the last published data once sampling has ended.
+bool ReadPublished(ControlCall& call, const int key[3], Mapping& mapping, SharedTrackBlock& into) {
+  constexpr const char* kFailed = "Unable to open shared memory to desired mapping.";
+  if (key[0] < 0 || key[0] >= kSharedDevices) return RefusePublished(call, kFailed);
+  if (mapping.reader == nullptr || mapping.reader->device() != key[0]) {
+    mapping.reader = std::make_unique<SharedTrackReader>(key[0]);
+  }
+  SharedTrackReader& reader = *mapping.reader;
+  const bool open = reader.SelectBin(key[1]) == key[1] && reader.block() != nullptr;
+  if ((open || reader.OpenOnly(key[1])) && reader.Copy(into, kReadPatience)) return true;
+  return RefusePublished(call, kFailed);
+}
+
+}  // namespace
+
+// ---- The table -------------------------------------------------------------------------------
+
+bool TrackerEngine::GetMappingSize(int* count) {
+  ControlCall call(*state_, "GetMappingSize");
+  if (!call.Open() || count == nullptr) return false;
+  *count = static_cast<int>(state_->mappings.size());
+  return true;
+}
+
+bool TrackerEngine::GetMappingList(int count, int* keys) {
+  ControlCall call(*state_, "GetMappingList");
+  if (!call.Open()) return false;
+  if (count != static_cast<int>(state_->mappings.size())) {
+    return call.Refuse("Invalid mapping size requested");
+  }
+  if (count > 0 && !call.Given(keys, "keys")) return false;
+  for (const auto& [key, mapping] : state_->mappings) {
+    *keys++ = key.shmDevice;
+    *keys++ = key.bin;
+    *keys++ = key.poseIndex;
+  }
+  return true;
+}
+
+bool TrackerEngine::GetMapping(const int key[3], int* sensor) {
+  ControlCall call(*state_, "GetMapping");
+  if (!call.Open() || sensor == nullptr) return false;
+  const Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  *sensor = mapping->sensor;
+  return true;
+}
+
+bool TrackerEngine::SetMapping(const int key[3], int sensor) {
+  ControlCall call(*state_, "SetMapping");
+  if (!call.Open() || !call.Given(key, "key")) return false;
+  const MappingKey here = {state_->config.shmDevice, key[1], key[2]};
+  if (sensor < 0) {
+    state_->mappings.erase(here);
+    return true;
+  }
+  // A destination or a sensor that could never be published is a mistake of the host's.
+  if (!IsDestination(key) || sensor >= kPoseSlots) return call.Refuse("Invalid Mapping");
+  state_->MappingAt(here).sensor = sensor;
+  return true;
+}
+
+// ---- Filters ---------------------------------------------------------------------------------
+
+int TrackerEngine::AddFilter(const int key[3], int filterType) {
+  ControlCall call(*state_, "AddFilter");
+  if (!call.Open()) return 0;
+  if (!call.Given(key, "key")) return -1;
+  if (!IsDestination(key)) call.Refuse("Invalid Mapping");
+  return IsDestination(key) ? state_->MappingAt(KeyFrom(key)).filters.AddFilter(filterType) : -1;
+}
+
+bool TrackerEngine::ClearFilters(const int key[3]) {
+  ControlCall call(*state_, "ClearFilters");
+  if (!call.Open() || !call.Given(key, "key")) return false;
+  if (!IsDestination(key)) return call.Refuse("Invalid Mapping");
+  state_->MappingAt(KeyFrom(key)).filters.ClearFilters();
+  return true;
+}
+
+bool TrackerEngine::ClearFilter(const int key[3], int index) {
+  ControlCall call(*state_, "ClearFilter");
+  Mapping* const mapping = call.Open() ? call.Find(key) : nullptr;
+  return mapping != nullptr && mapping->filters.RemoveFilter(index);
+}
+
+bool TrackerEngine::GetNumFilters(const int key[3], int* count) {
+  ControlCall call(*state_, "GetNumFilters");
+  if (!call.Open() || count == nullptr) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  *count = mapping->filters.GetNumFilters();
+  return true;
+}
+
+bool TrackerEngine::GetFilterType(const int key[3], int index, int* type) {
+  ControlCall call(*state_, "GetFilterType");
+  if (!call.Open() || type == nullptr) return false;
+  Filter* const filter = call.FindFilter(key, index);
+  if (filter == nullptr) return false;
+  *type = static_cast<int>(filter->GetType());
+  return true;
+}
+
+bool TrackerEngine::MoveFilter(const int key[3], int index, bool up) {
+  ControlCall call(*state_, "MoveFilter");
+  Mapping* const mapping = call.Open() ? call.Find(key) : nullptr;
+  return mapping != nullptr && mapping->filters.MoveFilter(index, up);
+}
+
+bool TrackerEngine::EnableFilter(const int key[3], int index, bool enable) {
+  ControlCall call(*state_, "EnableFilter");
+  Filter* const filter = call.Open() ? call.FindFilter(key, index) : nullptr;
+  if (filter == nullptr) return false;
+  filter->Enable(enable);
+  return true;
+}
+
+bool TrackerEngine::GetFilterEnabled(const int key[3], int index, bool* enabled) {
+  ControlCall call(*state_, "GetFilterEnabled");
+  if (!call.Open() || enabled == nullptr) return false;
+  Filter* const filter = call.FindFilter(key, index);
+  if (filter == nullptr) return false;
+  *enabled = filter->IsEnabled();
+  return true;
+}
+
+// ---- Filter attributes -----------------------------------------------------------------------
+
+// Finds the filter whose attribute is to be set. A mapping's own attributes cannot be; whatever
+// the type, that is said in the same words.
+Filter* TrackerEngine::SettableFilter(ControlCall& call, const int key[3], int index) {
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return nullptr;
+  if (index != kMappingItself) return call.FindFilter(*mapping, index);
+  state_->status.SetStatus(-1, "SetFilterAttributeInt: No settable Mapping Attributes");
+  return nullptr;
+}
+
+bool TrackerEngine::SetFilterAttributeInt(const int key[3], int index, int id, int value) {
+  ControlCall call(*state_, "SetFilterAttributeInt");
+  if (!state_->isOpen) {
+    state_->status.SetStatus(-1, "GetFilterAttributeInt: MTS Not Open");
+    return false;
+  }
+  Filter* const filter = SettableFilter(call, key, index);
+  return filter != nullptr && filter->SetAttributeInt(id, value);
+}
+
+bool TrackerEngine::SetFilterAttributeDouble(const int key[3], int index, int id, double value) {
+  ControlCall call(*state_, "SetFilterAttributeDouble");
+  Filter* const filter = call.Open() ? SettableFilter(call, key, index) : nullptr;
+  return filter != nullptr && filter->SetAttributeDouble(id, value);
+}
+
+bool TrackerEngine::SetFilterAttributeFloatArray(const int key[3], int index, int id, int count,
+                                                 const float* values) {
+  ControlCall call(*state_, "SetFilterAttributeFloatArray");
+  Filter* const filter = call.Open() ? SettableFilter(call, key, index) : nullptr;
+  return filter != nullptr && filter->SetAttributeFloatArray(id, count, values);
+}
+
+bool TrackerEngine::SetFilterAttributeString(const int key[3], int index, int id,
+                                             const char* text) {
+  ControlCall call(*state_, "SetFilterAttributeString");
+  Filter* const filter = call.Open() ? SettableFilter(call, key, index) : nullptr;
+  if (filter == nullptr || !call.Given(text, "str")) return false;
+  return filter->SetAttributeString(id, static_cast<int>(std::strlen(text)), text);
+}
+
+bool TrackerEngine::GetFilterAttributeInt(const int key[3], int index, int id, int* value) {
+  ControlCall call(*state_, "GetFilterAttributeInt");
+  if (!call.Open() || !call.Given(value, "val")) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  if (index != kMappingItself) {
+    Filter* const filter = call.FindFilter(*mapping, index);
+    return filter != nullptr && filter->GetAttributeInt(id, value);
+  }
+  const bool digital = id == static_cast<int>(MappingAttribute::Digital);
+  if (!digital && id != static_cast<int>(MappingAttribute::FrameCount)) {
+    return call.Refuse("Invalid Attribute");
+  }
+  SharedTrackBlock block;
+  if (!ReadPublished(call, key, *mapping, block)) return false;
+  *value = digital ? static_cast<int>(block.buttons) : block.frameCount;
+  return true;
+}
+
+bool TrackerEngine::GetFilterAttributeDouble(const int key[3], int index, int id, double* value) {
+  ControlCall call(*state_, "GetFilterAttributeDouble");
+  if (!call.Open() || !call.Given(value, "val")) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  if (index == kMappingItself) return call.Refuse("Invalid Attribute");
+  Filter* const filter = call.FindFilter(*mapping, index);
+  return filter != nullptr && filter->GetAttributeDouble(id, value);
+}
+
+bool TrackerEngine::GetFilterAttributeFloatArray(const int key[3], int index, int id, int count,
+                                                 float* values) {
+  ControlCall call(*state_, "GetFilterAttributeFloatArray");
+  if (!call.Open() || !call.Given(values, "vec")) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  if (index == kMappingItself) return GetMappingFloats(call, key, *mapping, id, count, values);
+  Filter* const filter = call.FindFilter(*mapping, index);
+  return filter != nullptr && filter->GetAttributeFloatArray(id, count, values);
+}
+
+bool TrackerEngine::GetMappingFloats(ControlCall& call, const int key[3], Mapping& mapping, int id,
+                                     int count, float* values) {
+  const ComponentRow* const component = FindRow(kComponentRows, id);
+  const StatisticRow* const statistic = FindRow(kStatisticRows, id);
+  if (component == nullptr && statistic == nullptr) return call.Refuse("Invalid Attribute");
+  SharedTrackBlock block;
+  if (!ReadPublished(call, key, mapping, block)) return false;
+  if (component != nullptr) {
+    if (count != component->count) return RefusePublished(call, component->wrongCount);
+    return component->get(block, key[2], values);
+  }
+  if (count < 1 || count > 4) return RefusePublished(call, statistic->wrongCount);
+  return GetStatistic(mapping.*(statistic->statistic), count, values);
+}
+
+bool TrackerEngine::GetFilterAttributeString(const int key[3], int index, int id, int size,
+                                             char* text) {
+  ControlCall call(*state_, "GetFilterAttributeString");
+  if (!call.Open() || !call.Given(text, "str")) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  if (index != kMappingItself) {
+    Filter* const filter = call.FindFilter(*mapping, index);
+    return filter != nullptr && filter->GetAttributeString(id, size, text);
+  }
+  if (id != static_cast<int>(MappingAttribute::Name)) return call.Refuse("Invalid Attribute");
+  CopyUpTo(text, size, kMappingAttributes[0].name);
+  return true;
+}
+
+bool TrackerEngine::GetNumAvailableFilterAttributes(const int key[3], int index, int* count) {
+  ControlCall call(*state_, "GetNumAvailableFilterAttributes");
+  if (!call.Open() || !call.Given(count, "num_attrs")) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  if (index == kMappingItself) {
+    *count = static_cast<int>(std::size(kMappingAttributes));
+    return true;
+  }
+  Filter* const filter = call.FindFilter(*mapping, index);
+  return filter != nullptr && filter->GetNumAvailableAttributes(count);
+}
+
+bool TrackerEngine::GetAvailableFilterAttributes(const int key[3], int index, int count,
+                                                 AttributeInfo* rows) {
+  ControlCall call(*state_, "GetAvailableFilterAttributes");
+  if (!call.Open() || !call.Given(rows, "attrs")) return false;
+  Mapping* const mapping = call.Find(key);
+  if (mapping == nullptr) return false;
+  if (index == kMappingItself) return CopyAttributeRows(kMappingAttributes, count, rows);
+  Filter* const filter = call.FindFilter(*mapping, index);
+  return filter != nullptr && filter->GetAvailableAttributes(count, rows);
+}
+
+}  // namespace kinetrel

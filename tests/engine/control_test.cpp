@@ -1,0 +1,512 @@
+// The control interface as a host program has it: its refusals, its settings, and many threads at
+// it while frames are published.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+#include "engine/tracker_engine.h"
+#include "tests/engine/scripted_device.h"
+#include "tests/support/free_slot.h"
+#include "tests/support/wait_until.h"
+
+namespace kinetrel::test {
+namespace {
+
+constexpr int kHere[3] = {0, 0, 0};      // a mapping that is there
+constexpr int kNowhere[3] = {0, 3, 31};  // one that is not
+constexpr int kItself = -1;
+
+class Control : public testing::Test {
+ protected:
+  Control() {
+    script_.readFrame = [this](TrackerDevice& device, double* sampleTime) {
+      SleepFor(Milliseconds(1));
+      device.GetSensorPose(0)[0] = 7;
+      *sampleTime = device.ElapsedSeconds();
+      ++frames_;
+      return 3U;
+    };
+    engine_.Configure([&](StartConfig& config) {
+      config.shmDevice = slot_.device();
+      config.componentMask = 7;
+      config.sensorMask = 3;
+      return true;
+    });
+  }
+  void Open() { ASSERT_EQ(engine_.Open(3, 1, false), OpenResult::Opened); }
+  void Start() {
+    Open();
+    ASSERT_TRUE(engine_.StartSampling());
+    ASSERT_TRUE(WaitUntil([&] { return frames_ > 5; }));
+  }
+  int At(EngineAttribute id) {
+    int value = -99;
+    EXPECT_TRUE(engine_.GetAttributeInt(static_cast<int>(id), &value));
+    return value;
+  }
+  bool Set(EngineAttribute id, int value) {
+    return engine_.SetAttributeInt(static_cast<int>(id), value);
+  }
+  // What the engine has said since the last call.
+  std::vector<std::pair<int, std::string>> Said() {
+    std::vector<std::pair<int, std::string>> lines;
+    const auto entries = engine_.status().Entries();
+    for (; said_ < entries.size(); ++said_) {
+      lines.emplace_back(entries[said_].code, entries[said_].text);
+    }
+    return lines;
+  }
+
+  FreeSlot slot_;
+  Script script_;
+  std::atomic<int> frames_ = 0;
+  TrackerEngine engine_{ScriptedFactory(script_)};
+  std::size_t said_ = 0;
+};
+
+using Lines = std::vector<std::pair<int, std::string>>;
+
+// ---- Refusals --------------------------------------------------------------------------------
+
+struct Refusal {
+  const char* name;
+  bool open;
+  std::function<bool(TrackerEngine&)> call;
+  Lines said;
+};
+
+class Refusals : public Control, public testing::WithParamInterface<Refusal> {};
+
+TEST_P(Refusals, AreSaidInTheirWords) {
+  if (GetParam().open) Open();
+  Said();
+  EXPECT_FALSE(GetParam().call(engine_));
+  EXPECT_EQ(Said(), GetParam().said);
+}
+
+int number = 0;
+double real = 0;
+float floats[6] = {};
+char text[64] = {};
+bool flag = false;
+AttributeInfo rows[20];
+
+const Refusal kClosed[] = {
+    {"GetAttributeInt",
+     false,
+     [](auto& e) { return e.GetAttributeInt(2, &number); },
+     {{-1, "GetAttributeInt: MTS Not Open"}}},
+    {"SetAttributeInt",
+     false,
+     [](auto& e) { return e.SetAttributeInt(2, 1); },
+     {{-1, "SetAttributeInt: MTS Not Open"}}},
+    {"GetAttributeFloatArray",
+     false,
+     [](auto& e) { return e.GetAttributeFloatArray(7, 6, floats); },
+     {{-1, "GetAttributeFloatArray: MTS Not Open"}}},
+    {"SetAttributeFloatArray",
+     false,
+     [](auto& e) { return e.SetAttributeFloatArray(7, 6, floats); },
+     {{-1, "SetAttributeFloatArray: MTS Not Open"}}},
+    {"GetAttributeString",
+     false,
+     [](auto& e) { return e.GetAttributeString(0, 64, text); },
+     {{-1, "GetAttributeString: MTS Not Open"}}},
+    {"SetAttributeString",
+     false,
+     [](auto& e) { return e.SetAttributeString(0, "a"); },
+     {{-1, "SetAttributeString: MTS Not Open"}}},
+    {"GetMappingSize",
+     false,
+     [](auto& e) { return e.GetMappingSize(&number); },
+     {{-1, "GetMappingSize: MTS Not Open"}}},
+    {"GetMappingList",
+     false,
+     [](auto& e) { return e.GetMappingList(0, &number); },
+     {{-1, "GetMappingList: MTS Not Open"}}},
+    {"GetMapping",
+     false,
+     [](auto& e) { return e.GetMapping(kHere, &number); },
+     {{-1, "GetMapping: MTS Not Open"}}},
+    {"SetMapping",
+     false,
+     [](auto& e) { return e.SetMapping(kHere, 1); },
+     {{-1, "SetMapping: MTS Not Open"}}},
+    {"AddFilter",
+     false,
+     [](auto& e) { return e.AddFilter(kHere, 3) != 0; },
+     {{-1, "AddFilter: MTS Not Open"}}},
+    {"ClearFilters",
+     false,
+     [](auto& e) { return e.ClearFilters(kHere); },
+     {{-1, "ClearFilters: MTS Not Open"}}},
+    {"ClearFilter",
+     false,
+     [](auto& e) { return e.ClearFilter(kHere, 0); },
+     {{-1, "ClearFilter: MTS Not Open"}}},
+    {"GetNumFilters",
+     false,
+     [](auto& e) { return e.GetNumFilters(kHere, &number); },
+     {{-1, "GetNumFilters: MTS Not Open"}}},
+    {"GetFilterType",
+     false,
+     [](auto& e) { return e.GetFilterType(kHere, 0, &number); },
+     {{-1, "GetFilterType: MTS Not Open"}}},
+    {"MoveFilter",
+     false,
+     [](auto& e) { return e.MoveFilter(kHere, 0, true); },
+     {{-1, "MoveFilter: MTS Not Open"}}},
+    {"EnableFilter",
+     false,
+     [](auto& e) { return e.EnableFilter(kHere, 0, true); },
+     {{-1, "EnableFilter: MTS Not Open"}}},
+    {"GetFilterEnabled",
+     false,
+     [](auto& e) { return e.GetFilterEnabled(kHere, 0, &flag); },
+     {{-1, "GetFilterEnabled: MTS Not Open"}}},
+    {"SetFilterAttributeInt",
+     false,
+     [](auto& e) { return e.SetFilterAttributeInt(kHere, 0, 0, 1); },
+     {{-1, "GetFilterAttributeInt: MTS Not Open"}}},
+    {"SetFilterAttributeDouble",
+     false,
+     [](auto& e) { return e.SetFilterAttributeDouble(kHere, 0, 0, 1); },
+     {{-1, "SetFilterAttributeDouble: MTS Not Open"}}},
+    {"SetFilterAttributeFloatArray",
+     false,
+     [](auto& e) { return e.SetFilterAttributeFloatArray(kHere, 0, 0, 1, floats); },
+     {{-1, "SetFilterAttributeFloatArray: MTS Not Open"}}},
+    {"SetFilterAttributeString",
+     false,
+     [](auto& e) { return e.SetFilterAttributeString(kHere, 0, 0, "a"); },
+     {{-1, "SetFilterAttributeString: MTS Not Open"}}},
+    {"GetFilterAttributeInt",
+     false,
+     [](auto& e) { return e.GetFilterAttributeInt(kHere, 0, 0, &number); },
+     {{-1, "GetFilterAttributeInt: MTS Not Open"}}},
+    {"GetFilterAttributeDouble",
+     false,
+     [](auto& e) { return e.GetFilterAttributeDouble(kHere, 0, 0, &real); },
+     {{-1, "GetFilterAttributeDouble: MTS Not Open"}}},
+    {"GetFilterAttributeFloatArray",
+     false,
+     [](auto& e) { return e.GetFilterAttributeFloatArray(kHere, 0, 0, 1, floats); },
+     {{-1, "GetFilterAttributeFloatArray: MTS Not Open"}}},
+    {"GetFilterAttributeString",
+     false,
+     [](auto& e) { return e.GetFilterAttributeString(kHere, 0, 0, 64, text); },
+     {{-1, "GetFilterAttributeString: MTS Not Open"}}},
+    {"GetNumAvailableFilterAttributes",
+     false,
+     [](auto& e) { return e.GetNumAvailableFilterAttributes(kHere, 0, &number); },
+     {{-1, "GetNumAvailableFilterAttributes: MTS Not Open"}}},
+    {"GetAvailableFilterAttributes",
+     false,
+     [](auto& e) { return e.GetAvailableFilterAttributes(kHere, 0, 1, rows); },
+     {{-1, "GetAvailableFilterAttributes: MTS Not Open"}}},
+};
+
+const Refusal kOpen[] = {
+    {"IntNull",
+     true,
+     [](auto& e) { return e.GetAttributeInt(2, nullptr); },
+     {{-1, "GetAttributeInt: val is NULL"}}},
+    {"IntUnknown",
+     true,
+     [](auto& e) { return e.GetAttributeInt(7, &number); },
+     {{-1, "SetAttributeInt: Invalid Attribute"}}},
+    {"IntNegative",
+     true,
+     [](auto& e) { return e.GetAttributeInt(-1, &number); },
+     {{-1, "SetAttributeInt: Invalid Attribute"}}},
+    {"IntSetUnknown",
+     true,
+     [](auto& e) { return e.SetAttributeInt(19, 1); },
+     {{-2, "SetAttributeInt: Invalid Attribute"}, {-3, "SetAttributeInt: Set Failed"}}},
+    {"DeviceTypeSet",
+     true,
+     [](auto& e) { return e.SetAttributeInt(18, 2); },
+     {{-2, "SetAttributeInt: MtsDeviceType cannot be set."}, {-3, "SetAttributeInt: Set Failed"}}},
+    {"SlotBeyondTheLast",
+     true,
+     [](auto& e) { return e.SetAttributeInt(2, 16); },
+     {{-3, "SetAttributeInt: Set Failed"}}},
+    {"FloatsNull", true, [](auto& e) { return e.GetAttributeFloatArray(7, 6, nullptr); }, {}},
+    {"FloatsCount",
+     true,
+     [](auto& e) { return e.GetAttributeFloatArray(7, 3, floats); },
+     {{-1, "GetAttributeFloatArray: Offset requires 6 floats"}}},
+    {"FloatsCountHemisphere",
+     true,
+     [](auto& e) { return e.GetAttributeFloatArray(8, -1, floats); },
+     {{-1, "GetAttributeFloatArray: Hemisphere requires 3 floats"}}},
+    {"FloatsCountAlign",
+     true,
+     [](auto& e) { return e.GetAttributeFloatArray(10, 6, floats); },
+     {{-1, "GetAttributeFloatArray: Align requires 3 floats"}}},
+    {"FloatsUnknown",
+     true,
+     [](auto& e) { return e.GetAttributeFloatArray(2, 1, floats); },
+     {{-1, "GetAttributeFloatArray: Invalid Attribute"}}},
+    {"FloatsSetCount",
+     true,
+     [](auto& e) { return e.SetAttributeFloatArray(9, 2, floats); },
+     {{-1, "SetAttributeFloatArray: Align requires 3 floats"},
+      {-3, "SetAttributeFloatArray: Set Failed"}}},
+    {"FloatsSetUnknown",
+     true,
+     [](auto& e) { return e.SetAttributeFloatArray(2, 1, floats); },
+     {{-3, "SetAttributeFloatArray: Invalid Attribute"},
+      {-3, "SetAttributeFloatArray: Set Failed"}}},
+    {"FloatsSetNull",
+     true,
+     [](auto& e) { return e.SetAttributeFloatArray(7, 6, nullptr); },
+     {{-1, "SetAttributeFloatArray: vec is NULL"}, {-3, "SetAttributeFloatArray: Set Failed"}}},
+    {"TextNull", true, [](auto& e) { return e.GetAttributeString(0, 64, nullptr); }, {}},
+    {"TextUnknown",
+     true,
+     [](auto& e) { return e.GetAttributeString(2, 64, text); },
+     {{-1, "GetAttributeString: Invalid Attribute"}}},
+    {"TextSetUnknown",
+     true,
+     [](auto& e) { return e.SetAttributeString(18, "a"); },
+     {{-1, "SetAttributeString: Invalid Attribute"}}},
+    {"ProtocolWord",
+     true,
+     [](auto& e) { return e.SetAttributeString(16, "x3"); },
+     {{-1, "SetAttributeString: Invalid Protocol.  Protocol string must start with an integer."},
+      {-3, "SetAttributeFloatArray: Set Failed"}}},
+    {"ListTooLong",
+     true,
+     [](auto& e) { return e.GetMappingList(3, &number); },
+     {{-1, "GetMappingList: Invalid mapping size requested"}}},
+    {"MappingMissing",
+     true,
+     [](auto& e) { return e.GetMapping(kNowhere, &number); },
+     {{-1, "GetMapping: Mapping (0,3,31) doesn't exist"}}},
+    {"MappingBinBeyond",
+     true,
+     [](auto& e) {
+       const int key[3] = {0, 16, 0};
+       return e.SetMapping(key, 0);
+     },
+     {{-1, "SetMapping: Invalid Mapping"}}},
+    {"MappingSlotBelow",
+     true,
+     [](auto& e) {
+       const int key[3] = {0, 0, -1};
+       return e.SetMapping(key, 0);
+     },
+     {{-1, "SetMapping: Invalid Mapping"}}},
+    {"KeyNull",
+     true,
+     [](auto& e) { return e.GetMapping(nullptr, &number); },
+     {{-1, "GetMapping: key is NULL"}}},
+    {"FilterMissing",
+     true,
+     [](auto& e) { return e.GetFilterType(kHere, 2, &number); },
+     {{-1, "GetFilterType: Filter 2 doesn't exist"}}},
+    {"FilterOfNoMapping",
+     true,
+     [](auto& e) { return e.EnableFilter(kNowhere, 0, true); },
+     {{-1, "EnableFilter: Mapping (0,3,31) doesn't exist"}}},
+    {"FilterMoved",
+     true,
+     [](auto& e) { return e.MoveFilter(kHere, 0, true); },
+     {{-1, "Filter index 0 invalid.  Cuurrent filter list size: 0."}}},
+    {"NotSettable",
+     true,
+     [](auto& e) { return e.SetFilterAttributeString(kHere, kItself, 0, "a"); },
+     {{-1, "SetFilterAttributeInt: No settable Mapping Attributes"}}},
+    {"NoDoubles",
+     true,
+     [](auto& e) { return e.GetFilterAttributeDouble(kHere, kItself, 1, &real); },
+     {{-1, "GetFilterAttributeDouble: Invalid Attribute"}}},
+    {"NameOnly",
+     true,
+     [](auto& e) { return e.GetFilterAttributeString(kHere, kItself, 1, 64, text); },
+     {{-1, "GetFilterAttributeString: Invalid Attribute"}}},
+    {"PositionCount",
+     true,
+     [](auto& e) { return e.GetFilterAttributeFloatArray(kHere, kItself, 1, 4, floats); },
+     {{-1, "GetFilterAttributeInt: MappingPosition: num_vec must be 3."}}},
+    {"ComponentOfNoDevice",
+     true,
+     [](auto& e) {
+       const int key[3] = {99, 0, 0};
+       return e.GetFilterAttributeInt(key, kItself, 5, &number);
+     },
+     {{-1, "GetFilterAttributeInt: Unable to open shared memory to desired mapping."}}},
+};
+
+std::string NameOf(const testing::TestParamInfo<Refusal>& row) { return row.param.name; }
+INSTANTIATE_TEST_SUITE_P(Closed, Refusals, testing::ValuesIn(kClosed), NameOf);
+INSTANTIATE_TEST_SUITE_P(Open, Refusals, testing::ValuesIn(kOpen), NameOf);
+
+TEST_F(Control, AttributesAreListedEvenWhileClosed) {
+  int count = 0;
+  EXPECT_TRUE(engine_.GetNumAvailableAttributes(&count));
+  EXPECT_EQ(count, 19);
+  EXPECT_FALSE(engine_.GetNumAvailableAttributes(nullptr));
+  rows[19].id = 77;
+  EXPECT_TRUE(engine_.GetAvailableAttributes(30, rows));
+  EXPECT_STREQ(rows[18].name, "DeviceType");
+  EXPECT_EQ(rows[7].count, 6);
+  EXPECT_EQ(rows[19].id, 77);
+}
+
+// ---- Settings --------------------------------------------------------------------------------
+
+TEST_F(Control, SettingsReachTheDeviceAndAreReadBack) {
+  Start();
+  EXPECT_TRUE(Set(EngineAttribute::Units, 3));
+  EXPECT_EQ(At(EngineAttribute::Units), 3);
+  EXPECT_TRUE(Set(EngineAttribute::Synchronization, 2));
+  EXPECT_TRUE(Set(EngineAttribute::SensorMask, 5));
+  EXPECT_EQ(At(EngineAttribute::SensorMask), 5);
+  int size = 0;
+  EXPECT_TRUE(engine_.GetMappingSize(&size));
+  EXPECT_EQ(size, 2);
+  int keys[6] = {};
+  EXPECT_TRUE(engine_.GetMappingList(2, keys));
+  EXPECT_EQ(keys[5], 2);  // pose slot of the third sensor
+  // The thread was stopped and started once for each.
+  const auto count = [&](const char* call) {
+    const auto calls = script_.Calls();
+    return std::count(calls.begin(), calls.end(), call);
+  };
+  EXPECT_TRUE(WaitUntil([&] { return count("StartContinuous") == 4; }));
+  EXPECT_EQ(count("SetSensorMask 5 0"), 1);
+  const int before = frames_;
+  EXPECT_TRUE(WaitUntil([&] { return frames_ > before + 5; }));
+}
+
+TEST_F(Control, RollFollowsTheOffset) {
+  Open();
+  EXPECT_EQ(At(EngineAttribute::RollAllSensors), 0);
+  EXPECT_TRUE(Set(EngineAttribute::RollAllSensors, 1));
+  EXPECT_EQ(At(EngineAttribute::RollAllSensors), 1);
+  const float turned[6] = {1, 2, 3, 0, 0, 0.5F};
+  EXPECT_TRUE(engine_.SetAttributeFloatArray(7, 6, turned));
+  EXPECT_EQ(At(EngineAttribute::RollAllSensors), -1);
+  EXPECT_TRUE(engine_.GetAttributeFloatArray(7, 6, floats));
+  EXPECT_EQ(std::memcmp(floats, turned, sizeof turned), 0);
+  EXPECT_EQ(script_.Calls().back(), "SetSensorOffset -1 1,2,3,0,0,0.5");
+}
+
+TEST_F(Control, TextsAreCutToTheCallersRoom) {
+  Open();
+  EXPECT_TRUE(engine_.SetAttributeString(0, "north wall"));
+  char small[6] = {'?', '?', '?', '?', '?', '?'};
+  EXPECT_TRUE(engine_.GetAttributeString(0, 5, small));
+  EXPECT_EQ(std::string(small, 6), "north?");
+  EXPECT_TRUE(engine_.SetAttributeString(16, " 3 of them"));
+  EXPECT_TRUE(engine_.GetAttributeString(16, 64, text));
+  EXPECT_STREQ(text, "3");
+}
+
+TEST_F(Control, AMappingIsKnownByBinAndSlot) {
+  Start();
+  const int asked[3] = {7, 2, 4};
+  EXPECT_TRUE(engine_.SetMapping(asked, 0));
+  const int other[3] = {99, 2, 4};
+  int sensor = -1;
+  EXPECT_TRUE(engine_.GetMapping(other, &sensor));
+  EXPECT_EQ(sensor, 0);
+  const int published[3] = {slot_.device(), 2, 4};
+  EXPECT_TRUE(WaitUntil([&] {
+    float position[3] = {};
+    return engine_.GetFilterAttributeFloatArray(published, kItself, 1, 3, position) &&
+           position[0] == 7;
+  }));
+  EXPECT_TRUE(WaitUntil([&] {
+    float rate[4] = {};
+    return engine_.GetFilterAttributeFloatArray(published, kItself, 6, 4, rate) && rate[0] > 1 &&
+           rate[2] <= rate[0] && rate[0] <= rate[3];
+  }));
+  EXPECT_TRUE(engine_.GetFilterAttributeString(published, kItself, 0, 64, text));
+  EXPECT_STREQ(text, "Mapping Name");
+  EXPECT_TRUE(engine_.SetMapping(asked, -1));
+  EXPECT_FALSE(engine_.GetMapping(asked, &sensor));
+}
+
+TEST_F(Control, AddFilterMakesTheMappingButNoFilter) {
+  Open();
+  EXPECT_EQ(engine_.AddFilter(kNowhere, 3), -1);
+  int count = -1;
+  EXPECT_TRUE(engine_.GetNumFilters(kNowhere, &count));
+  EXPECT_EQ(count, 0);
+}
+
+// ---- While frames are published --------------------------------------------------------------
+
+TEST_F(Control, ManyThreadsCostNoFrame) {
+  Start();
+  const int second[3] = {0, 1, 0};
+  ASSERT_TRUE(engine_.SetMapping(second, 1));
+  std::atomic<bool> over = false;
+  std::atomic<int> gaps = 0;
+  std::thread watcher([&] {
+    for (const int bin : {0, 1}) {
+      SharedTrackReader reader(slot_.device());
+      SharedTrackBlock block{};
+      int last = -1;
+      if (!reader.OpenOnly(bin)) ++gaps;
+      // A stop and start would begin the counts anew: they never fall.
+      for (int i = 0; i < 100 && !over; ++i) {
+        if (!reader.Copy(block, Milliseconds(1000)) || block.frameCount < last) ++gaps;
+        last = block.frameCount;
+        SleepFor(Milliseconds(1));
+      }
+    }
+  });
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, i] {
+      for (int call = 0; call < 2500; ++call) {
+        int value = 0;
+        float offset[6] = {};
+        engine_.GetAttributeInt(call % 19, &value);
+        if (call % 50 == i) engine_.SetAttributeFloatArray(7, 6, offset);
+        engine_.GetFilterAttributeInt(kHere, kItself, 5, &value);
+        engine_.ZeroAzimuth();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  over = true;
+  watcher.join();
+  EXPECT_EQ(gaps, 0);
+  const int before = frames_;
+  EXPECT_TRUE(WaitUntil([&] { return frames_ > before; }));
+}
+
+TEST_F(Control, CallsDuringOpenAndCloseDoNoHarm) {
+  std::atomic<bool> over = false;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 3; ++i) {
+    threads.emplace_back([&, i] {
+      while (!over) {
+        int value = 0;
+        engine_.GetAttributeInt(3, &value);
+        engine_.SetAttributeInt(i == 0 ? 5 : 12, 1);
+        engine_.SetMapping(kHere, 0);
+        engine_.GetFilterAttributeInt(kHere, kItself, 5, &value);
+      }
+    });
+  }
+  for (int round = 0; round < 20; ++round) {
+    Open();
+    engine_.StartSampling();
+    engine_.Close();
+  }
+  over = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(script_.alive, 0);
+}
+
+}  // namespace
+}  // namespace kinetrel::test
