@@ -1,4 +1,5 @@
 // What the system costs while it runs at a tracker's rate, and while it has nothing to do.
+#include <atomic>
 #include <chrono>
 #include <stdexcept>
 #include <thread>
@@ -6,6 +7,7 @@
 #include "bench/machine.h"
 #include "bench/publication.h"
 #include "engine/tracker_engine.h"
+#include "platform/stop_signals.h"
 #include "platform/thread.h"
 
 namespace kinetrel::bench {
@@ -73,8 +75,11 @@ void SampleManySensors() {
     config.sensorMask = ~0U;
     return true;
   });
+  static std::atomic<int> stopRequest = 0;
+  CatchStopSignals(stopRequest);
   if (engine.Open(2, 1, false) == OpenResult::Opened) engine.StartSampling();
-  engine.WaitSampling(kForever);
+  while (stopRequest == 0 && !engine.WaitSampling(milliseconds(500))) {
+  }
 }
 
 void RunEmptyLoop() {
@@ -95,13 +100,14 @@ Block CpuBlock(pid_t process) {
 void ManySensors(Report& report) {
   const auto reader = OpenReader();
   const Child empty(RunEmptyLoop);
-  const Child sampling(SampleManySensors);
+  Child sampling(SampleManySensors);
   AwaitFrames(*reader, kRate * kPoseSlots);
   const int before = FrameCount(*reader);
   const std::vector<Paired> cost = Interleave(12, CpuBlock(empty.pid()), CpuBlock(sampling.pid()));
   const double frames = (FrameCount(*reader) - before) / (13.0 * kPoseSlots);
   report.Note(std::to_string(frames) + " frames a second with 32 sensors");
   report.Ratio("CPU of 32 sensors at 120 Hz, over an empty loop", cost[0], "us a frame", 3);
+  sampling.End();
 }
 
 // ---- The programs as a user runs them ----------------------------------------------------------
@@ -130,13 +136,13 @@ Account Observe(const Child& program, SharedTrackReader& reader) {
 void Programs(Report& report) {
   const std::string slot = std::to_string(kBenchDevice + 1);
   const auto reader = OpenReader();
-  const Child watch([&] { RunProgram("kinetrel-watch", {"--slot", slot}); });
+  Child watch([&] { RunProgram("kinetrel-watch", {"--slot", slot}); });
   std::this_thread::sleep_for(seconds(1));  // it has started, and waits
   const Account waiting = Observe(watch, *reader);
   report.AtMost("wake-ups of kinetrel-watch without a writer", waiting.wakeUps / waiting.seconds,
                 "/s", 5);
 
-  const Child tracker([&] { RunProgram("kinetrel", {"-d8", "-s1", "-z-", "-w", slot}); });
+  Child tracker([&] { RunProgram("kinetrel", {"-d8", "-s1", "-z-", "-w", slot}); });
   AwaitFrames(*reader, 60);
   const Account sampling = Observe(tracker, *reader);
   report.AtMost("CPU of one sensor at 60 Hz, of one core",
@@ -145,6 +151,8 @@ void Programs(Report& report) {
                 (sampling.wakeUps - sampling.frames) / sampling.seconds, "/s", 5);
   const Account watching = Observe(watch, *reader);
   report.AtMost("wake-ups a frame, of kinetrel-watch", watching.wakeUps / watching.frames, "", 1.1);
+  tracker.End();
+  watch.End();
 }
 
 void Measure(Report& report) {

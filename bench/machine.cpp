@@ -107,6 +107,11 @@ Child::~Child() {
 
 void Child::Kill() const { ::kill(pid_, SIGKILL); }
 
+void Child::End() {
+  ::kill(pid_, SIGTERM);
+  Join();
+}
+
 bool Child::Sleeps() const {
   char text[128];
   const ssize_t length = ::pread(stat_, text, sizeof text, 0);

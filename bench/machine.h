@@ -71,6 +71,7 @@ class Child {
 
   pid_t pid() const { return pid_; }
   void Kill() const;
+  void End();           // asks it to end, and waits until it has
   bool Sleeps() const;  // is in the kernel, waiting
   bool Join();          // true when it ended by itself, with exit code 0
 
