@@ -1,6 +1,7 @@
 #include "emulators/fastrak_records.h"
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <span>
 
@@ -102,9 +103,12 @@ class Encoder {
   }
 
   void AddAscii(const Values& values) {
+    const double least = 0.5 * std::pow(10.0, -values.decimals);
     for (const double value : values.all()) {
       char text[32];
-      std::snprintf(text, sizeof text, "%7.*f", values.decimals, value);
+      // No "-0.00".
+      std::snprintf(text, sizeof text, "%7.*f", values.decimals,
+                    std::abs(value) < least ? 0 : value);
       out_.Text(text);
     }
   }

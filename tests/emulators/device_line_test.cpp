@@ -1,0 +1,187 @@
+// The line's speed and the faults that strike on it, by a clock of the test's own.
+#include "emulators/device_line.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/emulators/device_bench.h"
+
+namespace kinetrel::test {
+namespace {
+
+// Sends a record of twenty letters every 100 ms, the n-th of the n-th letter.
+class Beacon final : public EmulatedDevice {
+ public:
+  std::string Name() const override { return "beacon"; }
+  void PowerOn(Moment now, DeviceLine&) override { ++starts, start_ = now, sent_ = 0; }
+  void Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) override {
+    line.SendReply(now, bytes);
+  }
+  Moment NextEvent() const override { return NthOf(start_, sent_ + 1, 10); }
+  void OnEvent(Moment now, DeviceLine& line) override {
+    line.SendRecord(now, AsBytes(std::string(20, static_cast<char>('a' + sent_++ % 26))));
+  }
+  bool RaiseError(Moment, std::optional<int> code) override {
+    error = code;
+    return code.has_value();
+  }
+
+  std::optional<int> error;
+  int starts = 0;
+
+ private:
+  Moment start_{0};
+  std::uint64_t sent_ = 0;
+};
+
+DeviceBench BeaconAt(LineOptions options) {
+  return DeviceBench(std::make_unique<Beacon>(), std::move(options));
+}
+
+LineOptions With(std::initializer_list<const char*> rules, std::uint64_t seed = 1) {
+  LineOptions options{19200};
+  options.seed = seed;
+  for (const char* const rule : rules) {
+    const auto parsed = ParseFaultRule(rule);
+    EXPECT_TRUE(parsed) << rule;
+    if (parsed) options.faults.push_back(*parsed);
+  }
+  return options;
+}
+
+// ---- Speed -------------------------------------------------------------------------------------
+
+TEST(DeviceLine, BytesLeaveAtTenBitsEachInPieces) {
+  DeviceBench bench = BeaconAt({1000});  // a byte in 10 ms
+  const auto pieces = bench.Watch(milliseconds(300));
+  ASSERT_EQ(pieces.size(), 3U);
+  EXPECT_EQ(pieces[0].when, milliseconds(180));
+  EXPECT_EQ(pieces[0].bytes, std::string(8, 'a'));
+  EXPECT_EQ(pieces[1].when, milliseconds(260));
+  EXPECT_EQ(pieces[2].when, milliseconds(300));  // the end of a record waits for nothing
+  EXPECT_EQ(pieces[2].bytes, std::string(4, 'a'));
+}
+
+TEST(DeviceLine, WholeRecordsLeaveWhenTheirLastByteIsOut) {
+  LineOptions options{1000};
+  options.whole = true;
+  DeviceBench bench = BeaconAt(options);
+  const auto pieces = bench.Watch(milliseconds(500));
+  ASSERT_EQ(pieces.size(), 2U);
+  EXPECT_EQ(pieces[0].when, milliseconds(300));
+  EXPECT_EQ(pieces[0].bytes, std::string(20, 'a'));
+  EXPECT_EQ(pieces[1].when, milliseconds(500));  // the second one had to wait for the line
+}
+
+TEST(DeviceLine, AnHourLaterEveryRecordIsStillOnTime) {
+  DeviceBench bench = BeaconAt({115200});
+  std::size_t pieces = 0;
+  Moment last{0};
+  for (const auto& piece : bench.Watch(std::chrono::hours(1) + milliseconds(50))) {
+    pieces += 1;
+    last = piece.when;
+  }
+  EXPECT_EQ(pieces, 3U * 36000);
+  const Moment due = std::chrono::hours(1) + Moment(20 * 10'000'000'000LL / 115200);
+  EXPECT_NEAR(static_cast<double>((last - due).count()), 0, 1000);
+}
+
+TEST(DeviceLine, KeepsNoMoreThanADeviceWould) {
+  DeviceBench bench = BeaconAt({300});
+  for (int i = 0; i < 100; ++i) bench.Send(std::string(1000, 'x'));
+  EXPECT_LE(bench->line().FreeAt(), seconds(16384 / 30 + 1));
+}
+
+// ---- Faults ------------------------------------------------------------------------------------
+
+struct FaultCase {
+  const char* name;
+  std::vector<const char*> rules;
+  std::string received;  // in 450 ms, four records; a byte that is noise is shown as ?
+};
+
+void PrintTo(const FaultCase& row, std::ostream* out) { *out << row.name; }
+
+class Faults : public testing::TestWithParam<FaultCase> {};
+
+std::string Letters(std::string_view counts) {
+  std::string text;
+  for (std::size_t i = 0; i + 1 < counts.size(); i += 2) {
+    text += std::string(static_cast<std::size_t>(counts[i + 1] - '0') * 2, counts[i]);
+  }
+  return text;
+}
+
+TEST_P(Faults, StrikeWhereTheyAreWanted) {
+  LineOptions options = With({});
+  for (const char* const rule : GetParam().rules) options.faults.push_back(*ParseFaultRule(rule));
+  std::string got = BeaconAt(options).Collect(milliseconds(450));
+  for (char& byte : got) byte = byte >= 'a' && byte <= 'd' ? byte : '?';
+  EXPECT_EQ(got, GetParam().received);
+}
+
+const std::string kAll = Letters("a5a5b5b5c5c5d5d5");
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, Faults,
+    testing::Values(FaultCase{"None", {}, kAll},
+                    FaultCase{"CutByRecord", {"cut@#2"}, Letters("a5a5b5c5c5d5d5")},
+                    FaultCase{"CutTo", {"cut:4@/#2"}, Letters("a5a5b2c5c5d2")},
+                    FaultCase{"CutByTime", {"cut:0@0.25s"}, Letters("a5a5b5b5d5d5")},
+                    FaultCase{"Noise", {"noise:4@0.35s"}, Letters("a5a5b5b5c5c5?2d5d5")},
+                    FaultCase{"NoiseAgain", {"noise:2@/0.15s"}, Letters("a5a5?1b5b5?1c5c5d5d5")},
+                    FaultCase{"Silence", {"silence:0.1@0.18s"}, Letters("a5a5c5c5d5d5")},
+                    FaultCase{
+                        "SilenceInARecord", {"silence:0.05@0.2045s"}, Letters("a5a5b4c5c5d5d5")},
+                    FaultCase{"NeverByChance", {"cut@0%"}, kAll},
+                    FaultCase{"AlwaysByChance", {"cut:2@100%"}, Letters("a1b1c1d1")}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(Faults, AreTheSameWithTheSameSeed) {
+  const auto run = [](std::uint64_t seed) {
+    return BeaconAt(With({"noise@10%", "garble:3@20%", "cut@5%"}, seed)).Collect(seconds(30));
+  };
+  EXPECT_EQ(run(7), run(7));
+  EXPECT_NE(run(7), run(8));
+}
+
+TEST(Faults, ReachTheDeviceAndThePort) {
+  DeviceBench bench = BeaconAt(With({"error:65@0.15s", "error@usr1", "restart@#3", "unplug:4@#5"}));
+  const auto& beacon = static_cast<const Beacon&>(bench->device());
+  bench.Collect(milliseconds(160));
+  EXPECT_EQ(beacon.error, 65);
+  bench->StrikeAll(bench.now(), FaultTrigger::ByFirst);
+  EXPECT_EQ(beacon.error, std::nullopt);
+  bench.Collect(milliseconds(160));
+  EXPECT_EQ(beacon.starts, 2);
+  EXPECT_FALSE(bench->TakePortFault());
+  bench.Collect(milliseconds(300));
+  const auto fault = bench->TakePortFault();
+  ASSERT_TRUE(fault);
+  EXPECT_EQ(Duration(*fault), seconds(4));
+  EXPECT_FALSE(bench->TakePortFault());
+}
+
+TEST(Faults, RulesThatAreNoneAreRefused) {
+  for (const char* const text :
+       {"",        "cut",      "@5s",       "cut@",         "cut@5",        "cut@-1s",
+        "cut@/0s", "cut@#0",   "cut@#1.5",  "cut@/#0",      "cut@101%",     "cut@nan%",
+        "cut:@5s", "cut:x@5s", "cut:-1@5s", "restart:1@5s", "noise:1e9@5s", "silence:inf@5s",
+        "fire@5s", "cut@usr3"}) {
+    EXPECT_FALSE(ParseFaultRule(text)) << text;
+  }
+  EXPECT_EQ(ParseFault("error:A")->argument, 65);
+  EXPECT_EQ(ParseFault("error:7")->argument, 7);
+}
+
+// ---- Rates that differ -------------------------------------------------------------------------
+
+TEST(DeviceLine, AtDifferentRatesBothHearNoise) {
+  DeviceBench bench = BeaconAt({19200});
+  bench->SetHostBaud(bench.now(), 9600);
+  EXPECT_NE(bench.Ask("hello", milliseconds(50)), "hello");
+  bench->SetHostBaud(bench.now(), 19200);
+  EXPECT_EQ(bench.Ask("hello", milliseconds(40)), "hello");
+}
+
+}  // namespace
+}  // namespace kinetrel::test

@@ -1,0 +1,100 @@
+#include "emulators/motion.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <sstream>
+
+#include "emulators/motion_file.h"
+
+namespace kinetrel::test {
+namespace {
+
+TEST(Motion, TheRampTellsItsFrameAtTheCoarsestPrecision) {
+  const auto ramp = MakeRamp();
+  const double step = 300.0 / 8192;
+  for (const std::uint64_t frame : {0ULL, 1ULL, 1999ULL, 2000ULL, 123456ULL, 3999999ULL}) {
+    const MotionPose pose = ramp->At(3, frame, 0);
+    EXPECT_EQ(pose.y, 40);
+    EXPECT_EQ(RampFrame(pose.x, pose.z), frame);
+    EXPECT_EQ(RampFrame(std::round(pose.x / step) * step, std::round(pose.z / step) * step), frame);
+  }
+}
+
+TEST(Motion, ACircleHasItsRadiusAndPeriod) {
+  const auto motion = ParseMotion("circle:25,4").motion;
+  ASSERT_TRUE(motion);
+  for (unsigned station = 0; station < 4; ++station) {
+    for (int i = 0; i < 100; ++i) {
+      const MotionPose pose = motion->At(station, 0, 0.1 * i);
+      EXPECT_NEAR(std::hypot(pose.x - 40, pose.y), 25, 1e-9);
+      EXPECT_LE(std::abs(pose.azimuth), 180);
+      EXPECT_NEAR(pose.x, motion->At(station, 0, 0.1 * i + 4).x, 1e-9);
+      EXPECT_NEAR(pose.x, motion->At(station + 1, 0, 0.1 * i - 1).x, 1e-9);
+    }
+  }
+}
+
+TEST(Motion, ATextThatIsNoneTellsWhy) {
+  EXPECT_EQ(ParseMotion("hold:1,2,3,4,5,6").motion->At(9, 9, 9), (MotionPose{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(ParseMotion("hold: -1, 2.5 ,3").motion->At(0, 0, 0), (MotionPose{-1, 2.5, 3}));
+  for (const char* const text :
+       {"", "spiral", "hold", "hold:1,2", "hold:1,2,x", "hold:1,2,3,4,5,6,7", "hold:1,2,nan",
+        "circle:1,0", "circle:,", "rampage", "file:/nowhere/at/all"}) {
+    const MadeMotion made = ParseMotion(text);
+    EXPECT_FALSE(made.motion) << text;
+    EXPECT_NE(made.complaint, "") << text;
+  }
+}
+
+MadeMotion Read(const std::string& text) {
+  std::istringstream stream(text);
+  return ReadMotion(stream);
+}
+
+TEST(MotionFile, RowsHoldUntilTheNextOneAndStartAgain) {
+  const auto motion = Read(
+                          "# by hand\n\n"
+                          "time,station,x,azimuth\r\n"
+                          "0,1,10,0\n"
+                          "0.5, 1, 20, 90\n"
+                          "0,0,-1,0\n")
+                          .motion;
+  ASSERT_TRUE(motion);
+  EXPECT_EQ(motion->At(0, 7, 0.49).x, 10);
+  EXPECT_EQ(motion->At(0, 7, 0.5), (MotionPose{20, 0, 0, 90, 0, 0}));
+  EXPECT_EQ(motion->At(0, 7, 1.01).x, 10);  // the last row held for as long as the one before
+  EXPECT_EQ(motion->At(2, 7, 0).x, -1);     // a station without rows of its own
+}
+
+TEST(MotionFile, RowsAreFramesWithoutATime) {
+  const auto motion = Read("x,y\n1,2\n3,4\n").motion;
+  ASSERT_TRUE(motion);
+  EXPECT_EQ(motion->At(0, 1, 99).y, 4);
+  EXPECT_EQ(motion->At(0, 2, 99).y, 2);
+  const auto framed = Read("frame,x\n0,1\n10,2\n").motion;
+  EXPECT_EQ(framed->At(0, 9, 0).x, 1);
+  EXPECT_EQ(framed->At(0, 10, 0).x, 2);
+  EXPECT_EQ(framed->At(0, 11, 0).x, 1);
+}
+
+TEST(MotionFile, WhatIsWrongNamesItsLine) {
+  for (const auto& [text, complaint] :
+       std::vector<std::pair<std::string, std::string>>{{"", "no poses"},
+                                                        {"x,y\n", "no poses"},
+                                                        {"x,why\n1,2\n", "line 1"},
+                                                        {"x,y\n1\n", "line 2"},
+                                                        {"x,y\n1,2\n1,2,3\n", "line 3"},
+                                                        {"x\nnan\n", "line 2"},
+                                                        {"time,x\n1,0\n1,0\n", "line 3"},
+                                                        {"time,x\n-1,0\n", "line 2"},
+                                                        {"station,x\n1.5,0\n", "line 2"},
+                                                        {"station,x\n99,0\n", "line 2"}}) {
+    const MadeMotion made = Read(text);
+    EXPECT_FALSE(made.motion) << text;
+    EXPECT_NE(made.complaint.find(complaint), std::string::npos) << text << ": " << made.complaint;
+  }
+}
+
+}  // namespace
+}  // namespace kinetrel::test
