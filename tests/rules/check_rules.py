@@ -35,7 +35,8 @@ may_include = {
     "emulators": {"platform", "rpc"},
     "clients": {"publish", "platform"},
     "app": libraries | {"emulators"},
-    "examples": libraries,
+    "capi": libraries | {"app"},  # the C interface takes the console program's options
+    "examples": libraries | {"capi"},
     "bench": anything,
     "fuzz": anything,
     "tests": anything,

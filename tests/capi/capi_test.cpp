@@ -1,0 +1,87 @@
+#include <gtest/gtest.h>
+
+#include "capi/kinetrel.h"
+#include "tests/support/child_process.h"
+#include "tests/support/free_slot.h"
+
+namespace kinetrel::test {
+namespace {
+
+TEST(CInterface, ANullHandleIsRefusedByAll) {
+  int number = 7;
+  float floats[6] = {};
+  char text[8] = "as was";
+  const int key[3] = {0, 0, 0};
+  EXPECT_EQ(kinetrel_open(nullptr, 8, 1, 0), kinetrel_no_engine);
+  EXPECT_EQ(kinetrel_open_configured(nullptr), kinetrel_no_engine);
+  EXPECT_EQ(kinetrel_close(nullptr), 0);
+  EXPECT_EQ(kinetrel_is_open(nullptr), 0);
+  EXPECT_EQ(kinetrel_start_sampling(nullptr), 0);
+  EXPECT_EQ(kinetrel_get_attribute_int(nullptr, 2, &number), 0);
+  EXPECT_EQ(kinetrel_get_attribute_floats(nullptr, 7, 6, floats), 0);
+  EXPECT_EQ(kinetrel_status_text(nullptr, &number, sizeof text, text), 0);
+  EXPECT_EQ(kinetrel_add_filter(nullptr, key, 3), -1);
+  EXPECT_EQ(number, 7);
+  EXPECT_STREQ(text, "as was");
+  kinetrel_destroy(nullptr);
+}
+
+TEST(CInterface, RefusesAndWritesNothingBeyondTheCallersRoom) {
+  kinetrel_engine* const engine = kinetrel_create();
+  EXPECT_EQ(kinetrel_set_options(engine, 2, nullptr), 0);
+  EXPECT_EQ(kinetrel_get_available_attributes(engine, 3, nullptr), 0);
+  kinetrel_attribute rows[3] = {};
+  rows[2].id = 77;
+  EXPECT_EQ(kinetrel_get_available_attributes(engine, 2, rows), 1);
+  EXPECT_STREQ(rows[1].name, "Current Status");
+  EXPECT_EQ(rows[2].id, 77);
+  EXPECT_EQ(kinetrel_get_available_attributes(engine, -1, rows), 1);
+
+  EXPECT_EQ(kinetrel_set_attribute_int(engine, kinetrel_units, 1), 0);
+  int code = 0;
+  char text[12] = {};
+  EXPECT_EQ(kinetrel_status_text(engine, &code, 11, text), 1);
+  EXPECT_EQ(code, -1);
+  EXPECT_STREQ(text, "SetAttribu");
+  kinetrel_destroy(engine);
+}
+
+TEST(CInterface, RunsATrackerFromOpenToClose) {
+  FreeSlot slot;
+  const std::string where = "-w" + std::to_string(slot.slot());
+  const char* const options[] = {"host", "-d8", "-z-", where.c_str()};
+  kinetrel_engine* const engine = kinetrel_create();
+  ASSERT_EQ(kinetrel_set_options(engine, 4, options), 1);
+  ASSERT_EQ(kinetrel_open_configured(engine), kinetrel_opened);
+  EXPECT_EQ(kinetrel_open(engine, 8, 1, 0), kinetrel_already_open);
+  ASSERT_EQ(kinetrel_start_sampling(engine), 1);
+  const int key[3] = {slot.device(), 0, 0};
+  EXPECT_TRUE(WaitUntil([&] {
+    int frames = 0;
+    float position[3] = {};
+    return kinetrel_get_filter_attribute_int(engine, key, -1, kinetrel_mapping_frame_count,
+                                             &frames) == 1 &&
+           frames > 3 &&
+           kinetrel_get_filter_attribute_floats(engine, key, -1, kinetrel_mapping_position, 3,
+                                                position) == 1 &&
+           position[0] > 70.0F;  // cm: near the start of a circle of 80
+  }));
+  EXPECT_EQ(kinetrel_stop_sampling(engine, 1), 1);
+  EXPECT_EQ(kinetrel_wait_sampling(engine, 0), 1);
+  EXPECT_EQ(kinetrel_close(engine), 1);
+  kinetrel_destroy(engine);
+}
+
+#ifdef KINETREL_INSTALL_TEST
+TEST(Installation, HostsBuildAndRunAgainstIt) {
+  FreeSlot slot;
+  ChildProcess script(
+      "/bin/bash", {std::string(KINETREL_SOURCE_DIR) + "/tests/capi/install.sh", KINETREL_BUILD_DIR,
+                    KINETREL_SOURCE_DIR, std::to_string(slot.slot())});
+  EXPECT_EQ(script.Wait(std::chrono::minutes(2)), 0) << script.error();
+  EXPECT_NE(script.output().find("Hz"), std::string::npos);
+}
+#endif
+
+}  // namespace
+}  // namespace kinetrel::test
