@@ -2,6 +2,9 @@
 
 #include "emulators/fastrak_emulator.h"
 #include "emulators/flock_emulator.h"
+#include "emulators/gps_emulator.h"
+#include "emulators/intertrax_emulator.h"
+#include "emulators/logitech_emulator.h"
 #include "emulators/pan_tilt_emulator.h"
 
 namespace kinetrel {
@@ -13,6 +16,10 @@ constexpr DeviceRow kDevices[] = {
     {"flock", "Flock of Birds, or a single Bird, through its master", 3, 115200, FlockOptions,
      MakeFlock},
     {"pan-tilt", "pan-tilt head with joint encoders", 1, 9600, PanTiltOptions, MakePanTilt},
+    {"logitech", "Logitech head tracker, one sensor with buttons", 4, 19200, LogitechOptions,
+     MakeLogitech},
+    {"intertrax", "InterTrax, angles only", 9, 1200, IntertraxOptions, MakeIntertrax},
+    {"gps", "GPS receiver in TSIP, with satellites", 12, 9600, GpsOptions, MakeGps},
 };
 
 }  // namespace

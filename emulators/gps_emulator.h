@@ -1,0 +1,96 @@
+// A GPS receiver that talks TSIP. 9600 baud, 8 data bits, no parity, one stop bit.
+//
+// A packet is DLE (10h), an identifier, data, DLE, ETX (03h); a 10h among the data is sent twice.
+// Numbers have their highest byte first. By itself it sends its position and velocity at its rate,
+// and once a second the time, the satellites in use, their levels, and one of them in detail; its
+// health and identity every five seconds. A host may ask with packets:
+//   21h  time    26h  health and identity    37h  position and velocity
+//
+// It moves as told, centimetres taken for metres: x is north of its origin, y east, z up. Its
+// satellites rise and set.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "emulators/emulated_device.h"
+#include "emulators/motion.h"
+#include "emulators/options.h"
+#include "emulators/wire_writer.h"
+
+namespace kinetrel {
+
+// Degrees and metres.
+struct GpsPlace {
+  double latitude = 1;
+  double longitude = 1;
+  double altitude = 100;
+};
+
+struct GpsSettings {
+  GpsPlace origin = {};
+  double rate = 5;          // positions a second
+  unsigned satellites = 8;  // 0 to 15
+};
+
+// What a satellite looks like from the receiver; its number tells them apart.
+struct GpsSky {
+  unsigned prn;
+  double elevation;  // radians
+  double azimuth;    // radians
+  double level;
+};
+GpsSky SatelliteAt(unsigned index, double seconds);
+
+// A whole packet on the wire.
+WireWriter TsipPacket(std::uint8_t id, const WireWriter& data);
+
+WireWriter EncodePosition(const GpsPlace& place, double seconds);
+
+class GpsEmulator final : public EmulatedDevice {
+ public:
+  GpsEmulator(GpsSettings settings, std::shared_ptr<const Motion> motion);
+
+  std::string Name() const override { return "GPS receiver"; }
+  void PowerOn(Moment now, DeviceLine& line) override;
+  void Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) override;
+  Moment NextEvent() const override;
+  void OnEvent(Moment now, DeviceLine& line) override;
+
+  // It has no fix for so many seconds (5): no positions come.
+  bool RaiseError(Moment now, std::optional<int> code) override;
+
+ private:
+  const char* Obey(Moment now, unsigned id, DeviceLine& line);
+  void Send(Moment now, std::uint8_t id, const WireWriter& data, DeviceLine& line);
+  void SendPosition(Moment now, DeviceLine& line);
+  void SendTime(Moment now, DeviceLine& line);
+  void SendHealth(Moment now, DeviceLine& line);
+  void SendSatellites(Moment now, DeviceLine& line);
+  GpsPlace PlaceAt(double seconds) const;
+  bool HasFix(Moment now) const { return now >= fixAt_; }
+
+  const GpsSettings settings_;
+  const std::shared_ptr<const Motion> motion_;
+
+  Moment start_{0};
+  std::uint64_t slot_ = 0;     // positions due so far
+  std::uint64_t seconds_ = 0;  // whole ones told so far
+  std::uint64_t frame_ = 0;    // positions sent
+  Moment fixAt_{0};
+
+  // The packet that comes from the host.
+  enum class Place { Outside, Mark, Inside, MarkInside };
+  Place place_ = Place::Outside;
+  unsigned request_ = 0;
+};
+
+// ---- For the table of devices ------------------------------------------------------------------
+
+OptionTable GpsOptions();
+std::unique_ptr<EmulatedDevice> MakeGps(OptionValues& options,
+                                        std::shared_ptr<const Motion> motion);
+
+}  // namespace kinetrel
