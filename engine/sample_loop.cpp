@@ -27,6 +27,10 @@ const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? 
 // Prints what is not logged in the same words.
 void Print(const char* text) { std::fputs(text, stderr); }
 
+void PutBits(std::uint32_t& word, std::uint32_t known, std::uint32_t bits) {
+  word = (word & ~known) | (bits & known);
+}
+
 }  // namespace
 
 std::uint32_t SampleLoop::Header::Flags() const {
@@ -41,6 +45,7 @@ void SampleLoop::Run() {
   EngineLock lock(state_->mutex);
   device_ = state_->device;
   if (device_ == nullptr) return;  // closed before we came to run
+  ownButtons_ = dynamic_cast<const ButtonBits*>(device_.get());
   ChooseMode();
   if (OpenSharedMemory()) {
     ReportHeader();
@@ -241,12 +246,17 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
   }
 }
 
+// Without a joystick's bits the flags stay as written, without the valid bit. A device's own
+// buttons are always there and do not raise it.
 void SampleLoop::WriteButtons(SharedTrackBlock& block, const Frame& frame) {
-  if (!frame.buttonsValid) return;  // the flags were written without the valid bit
-  const int channels = std::clamp(joystick_->digitalChannels(), 0, 32);
-  const std::uint32_t known = channels == 32 ? ~0U : (1U << channels) - 1;
-  block.buttons = (block.buttons & ~known) | (joystick_->digitalBits() & known);
-  block.flags |= TrackFlags::kButtonsValid;
+  if (frame.buttonsValid) {
+    const int channels = std::clamp(joystick_->digitalChannels(), 0, 32);
+    PutBits(block.buttons, channels == 32 ? ~0U : (1U << channels) - 1, joystick_->digitalBits());
+    block.flags |= TrackFlags::kButtonsValid;
+  }
+  if (ownButtons_ == nullptr) return;
+  const ButtonBits::Buttons own = ownButtons_->OwnButtons();
+  PutBits(block.buttons, own.known, own.bits);
 }
 
 void SampleLoop::KeepStatistics(Mapping& mapping, double sampleTime) {

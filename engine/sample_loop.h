@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 
+#include "devices/button_bits.h"
 #include "engine/engine_state.h"
 #include "engine/recovery.h"
 #include "publish/shared_track_writer.h"
@@ -72,7 +73,8 @@ class SampleLoop {
 
   // The sampling thread's own.
   std::shared_ptr<TrackerDevice> device_;
-  std::shared_ptr<DAQControl> joystick_;  // as it was when the frame was read
+  const ButtonBits* ownButtons_ = nullptr;  // the device once more; null: it has none
+  std::shared_ptr<DAQControl> joystick_;    // as it was when the frame was read
   std::optional<SharedTrackWriter> writer_;
   std::optional<Recovery> recovery_;
   Header header_;

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "devices/button_bits.h"
 #include "engine/tracker_engine.h"
 #include "publish/shared_track_reader.h"
 #include "tests/engine/scripted_device.h"
@@ -243,7 +244,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 class Buttons final : public DAQControl {
  public:
-  explicit Buttons(std::atomic<std::uint32_t>& bits) : bits_(bits) { digitalChannels_ = 4; }
+  explicit Buttons(std::atomic<std::uint32_t>& bits, int channels = 4) : bits_(bits) {
+    digitalChannels_ = channels;
+  }
   int Boot(int) override { return 1; }
   int QueryCaps(char*, int) override { return 1; }
   int Read(int) override {
@@ -271,6 +274,36 @@ TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
   Await([](const SharedTrackBlock& block) { return !ButtonsValid(block); });
   bits_ = 0xA;
   Await(pressed(0xA));
+}
+
+// A tracker that delivers frames and knows bits 0 to 6 of the buttons.
+class TrackerWithButtons final : public TrackerDevice, public ButtonBits {
+ public:
+  explicit TrackerWithButtons(std::atomic<std::uint32_t>& bits) : bits_(bits) {
+    AllocateSensors(1);
+  }
+  int OpenPortNumber(int number, int) override { return portNumber_ = number; }
+  BootResult Boot(int) override { return kBooted; }
+  int QueryStatus(char*, int) override { return 0; }
+  unsigned ReadFrame(double*) override { return Pause(1) ? 1U : 0U; }
+  Buttons OwnButtons() const override { return {0x7F, bits_}; }
+
+ private:
+  std::atomic<std::uint32_t>& bits_;
+};
+
+TEST_F(Sampling, ATrackersOwnButtonsGoBeforeTheJoysticksAndLeaveTheOthers) {
+  std::atomic<std::uint32_t> own = 0x141;
+  bits_ = 0x2FF;
+  factory_.device = [&](int) { return std::make_unique<TrackerWithButtons>(own); };
+  factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits_, 10); };
+  Start([](StartConfig& config) { config.joystickPort = 1; });
+  Await([](const SharedTrackBlock& block) { return block.buttons == 0x2C1; });
+  bits_ = Buttons::kUnplugged;
+  own = 0x12;
+  Await(
+      [](const SharedTrackBlock& block) { return !ButtonsValid(block) && block.buttons == 0x292; });
+  engine_.reset();  // before what its device looks at
 }
 
 TEST_F(Sampling, WithoutSharedMemoryTheThreadEndsAndSaysSo) {
