@@ -85,6 +85,12 @@ void DeviceLine::Take(Moment now, std::vector<std::byte>& into) {
 // ---- Faults ------------------------------------------------------------------------------------
 
 bool DeviceLine::Strike(Moment now, const Fault& fault) {
+  if (!StrikeBytes(now, fault)) return false;
+  Say(now, "fault: " + std::string(NameOf(fault.kind)));
+  return true;
+}
+
+bool DeviceLine::StrikeBytes(Moment now, const Fault& fault) {
   switch (fault.kind) {
     case FaultKind::Noise: {
       std::vector<std::byte> noise(static_cast<std::size_t>(fault.Or(8)));

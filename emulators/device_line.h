@@ -78,6 +78,7 @@ class DeviceLine {
   static constexpr double kBitsPerByte = 10;  // with start and stop bit
 
   void Send(Moment start, std::vector<std::byte> bytes);
+  bool StrikeBytes(Moment now, const Fault& fault);
   void Damage(std::vector<std::byte>& record);
   std::size_t NextPiece(const Burst& burst) const;
 

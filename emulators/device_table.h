@@ -1,4 +1,7 @@
-// The devices that kinetrel-emulate can be. A new one is a pair of files that make it, and a row.
+// The devices that kinetrel-emulate can be.
+//
+// A new one is a pair of files and a row of the table: a class of EmulatedDevice, its own options,
+// and a function that makes it of them. It is then in the program and its help, and is fuzzed.
 #pragma once
 
 #include <memory>

@@ -76,6 +76,13 @@ std::optional<FaultRule> WithTrigger(FaultRule rule, std::string_view when) {
 
 }  // namespace
 
+std::string_view NameOf(FaultKind kind) {
+  for (const KindName& row : kKinds) {
+    if (row.kind == kind) return row.name;
+  }
+  return {};
+}
+
 Moment Duration(const Fault& fault) { return FromSeconds(fault.Or(2)); }
 
 std::optional<Fault> ParseFault(std::string_view text) {

@@ -37,6 +37,8 @@ struct Fault {
   bool operator==(const Fault&) const = default;
 };
 
+std::string_view NameOf(FaultKind kind);  // as a rule has it
+
 // Of Silence and Unplug: seconds, as a time.
 Moment Duration(const Fault& fault);
 

@@ -17,14 +17,22 @@ using namespace kinetrel;
 
 enum class ExitCode : int { Done = 0, CannotOpen = 1, BadArguments = 2 };
 
-// Lines on their way from the emulator to a terminal that may be slow.
+// Lines on their way from the emulator to a terminal that may be slow. A host that polls says the
+// same thing all the time: that is counted, and told once a second.
 class Lines {
  public:
   void Put(Moment now, const std::string& text) {
+    const std::lock_guard lock(mutex_);
+    if (text == last_ && now < toldAt_ + std::chrono::seconds(1)) {
+      ++repeats_;
+      return;
+    }
+    TellRepeats();
     char time[32];
     std::snprintf(time, sizeof time, "%12.6f  ", static_cast<double>(now.count()) * 1e-9);
-    const std::lock_guard lock(mutex_);
-    if (waiting_.size() < kMostWaiting) waiting_.push_back(time + text);
+    Queue(time + text);
+    last_ = text;
+    toldAt_ = now;
   }
 
   void Print() {
@@ -40,8 +48,22 @@ class Lines {
 
  private:
   static constexpr std::size_t kMostWaiting = 1000;
-  std::mutex mutex_;
+
+  void Queue(std::string line) {
+    if (waiting_.size() < kMostWaiting) waiting_.push_back(std::move(line));
+  }
+
+  void TellRepeats() {
+    if (repeats_ == 0) return;
+    Queue(std::string(14, ' ') + "(the same " + std::to_string(repeats_) + " more times)");
+    repeats_ = 0;
+  }
+
+  std::mutex mutex_;  // guards all below
   std::deque<std::string> waiting_;
+  std::string last_;
+  Moment toldAt_{0};
+  unsigned repeats_ = 0;
 };
 
 struct FaultKey {

@@ -72,6 +72,7 @@ void SteppedDevice::StrikeAll(Moment now, FaultTrigger asked) {
 
 void SteppedDevice::Strike(Moment now, const Fault& fault) {
   if (line_.Strike(now, fault)) return;
+  line_.Say(now, "fault: " + std::string(NameOf(fault.kind)));
   switch (fault.kind) {
     case FaultKind::Error: {
       std::optional<int> code;
@@ -80,7 +81,6 @@ void SteppedDevice::Strike(Moment now, const Fault& fault) {
       break;
     }
     case FaultKind::Restart:
-      line_.Say(now, "it loses its power for a moment");
       line_.DropWaiting();
       device_->PowerOn(now, line_);
       break;
