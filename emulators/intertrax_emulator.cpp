@@ -11,7 +11,7 @@ namespace {
 // From a command's last byte to the first one of its answer.
 constexpr Moment kReplyDelay = std::chrono::microseconds(200);
 
-// A host that is not seen to change its rate.
+// Of a host whose rate is not seen. Others are followed: a rate is seen only when bytes come.
 constexpr Moment kSpeedUpDelay = std::chrono::milliseconds(50);
 
 constexpr unsigned kSlowBaud = 1200;
@@ -50,21 +50,24 @@ void IntertraxEmulator::Reset(Moment, DeviceLine& line) {
   line.DropWaiting();
   line.SetBaud(kSlowBaud);
   link_ = Link::Reset;
+  speedUpDue_ = false;
   speedUpAt_ = kNever;
   askedVersion_ = false;
   streaming_ = false;
 }
 
 void IntertraxEmulator::HostRateChanged(Moment now, unsigned baud, DeviceLine& line) {
+  hostBaud_ = baud;
   if (baud == kSlowBaud) {
     Reset(now, line);
     line.Say(now, "the host is at 1200 baud: reset");
-  } else if (baud == kFastBaud && speedUpAt_ != kNever) {
+  } else if (baud == kFastBaud && speedUpDue_) {
     SpeedUp(now, line);
   }
 }
 
 void IntertraxEmulator::SpeedUp(Moment, DeviceLine& line) {
+  speedUpDue_ = false;
   speedUpAt_ = kNever;
   link_ = Link::Fast;
   line.SetBaud(kFastBaud);
@@ -91,12 +94,15 @@ const char* IntertraxEmulator::Obey(Moment now, char command, DeviceLine& line) 
     case 'c':
       if (link_ == Link::Fast) return kUnknown;
       link_ = Link::Answered;
+      speedUpDue_ = false;
+      speedUpAt_ = kNever;
       line.SendReply(now + kReplyDelay, AsBytes("o"));
       return "first handshake";
     case 'd':
       if (link_ != Link::Answered) return kUnknown;
       line.SendReply(now + kReplyDelay, AsBytes("d"));
-      speedUpAt_ = line.FreeAt() + kSpeedUpDelay;
+      speedUpDue_ = true;
+      speedUpAt_ = hostBaud_ == 0 ? line.FreeAt() + kSpeedUpDelay : kNever;
       return "second handshake: 38400 baud";
     case 'v':
       askedVersion_ = true;

@@ -59,7 +59,9 @@ class IntertraxEmulator final : public EmulatedDevice {
   const std::shared_ptr<const Motion> motion_;
   bool poweredBefore_ = false;
   Link link_ = Link::Reset;
-  Moment speedUpAt_ = kNever;  // its answer goes out at the old rate
+  bool speedUpDue_ = false;    // its answer goes out at the old rate
+  Moment speedUpAt_ = kNever;  // for a host whose rate is not seen
+  unsigned hostBaud_ = 0;      // as last seen; 0: never
   bool askedVersion_ = false;  // "v" came, its 0 has not
   bool streaming_ = false;
   Moment streamStart_{0};
