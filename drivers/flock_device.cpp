@@ -28,11 +28,10 @@ constexpr int kFlockStatus = 3;  // the status word of a booted flock
 
 // ---- How long a bird may take, ms ------------------------------------------------------------
 
-// The way to the bird and back. It is longer than a bird needs, because USB adapters hold what they
-// receive for up to 16 ms.
-constexpr int kAnswerPatience = 40;
+// The way to the bird and back: far longer than a bird needs, because USB adapters hold what they
+// receive for up to 16 ms, and the machine may be busy.
+constexpr int kAnswerPatience = 100;
 constexpr int kMasterPatience = 180;
-constexpr int kBusPatience = 50;
 constexpr int kConfigurationPatience = 700;  // a bird is deaf while it configures the bus
 constexpr Milliseconds kFirstBoot{5000};     // it may be starting up
 constexpr Milliseconds kLaterBoot{2000};     // tried again anyway; and sampling may be stopped
@@ -409,7 +408,7 @@ int FlockDevice::SetHemisphere(int sensor, const float zenith[3]) {
   }
   const QuietLine quiet(*this);
   std::array<std::uint8_t, 5> birds{};
-  Ask(Parameter::BirdsOnBus, birds, kBusPatience);
+  Ask(Parameter::BirdsOnBus, birds);
   const unsigned mask = birds[1] | unsigned{birds[2]} << 8;
   for (int address = 1; address <= kLastAddress; ++address) {
     if ((mask >> address & 1) != 0) tell(address);

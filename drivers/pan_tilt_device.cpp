@@ -43,9 +43,10 @@ constexpr double kRadiansPerCount = kPi / 2000.0;
 
 // ---- How long the head may take, ms ----------------------------------------------------------
 
-// An answer of 12 bytes takes 13 at this rate. One that has begun is given the same again: a USB
-// adapter hands over what it has every 16.
-constexpr int kPatience = 20;
+// An answer of 12 bytes takes 13 at this rate. But a USB adapter hands over what it has every 16,
+// and the machine may be busy.
+constexpr int kPatience = 50;
+constexpr int kExcess = 20;  // more than an answer should have would come in this time
 constexpr int kSilence = 10;
 constexpr int kMostNoise = 5;  // silences waited for in vain
 
@@ -104,9 +105,9 @@ int PanTiltDevice::QueryStatus(char* text, int size) {
   due_ = 0;
   NoteRequest();
   Write(&pollByte_, 1);
-  WaitForRX(kPatience, kLongestAnswer);
   const RequestRow* const row = FindRequest(pollByte_);
   if (row != nullptr) WaitForRX(kPatience, static_cast<int>(row->fewest));
+  WaitForRX(kExcess, kLongestAnswer);
   statusWord_ = kHeadStatus;
   const unsigned waiting = InputQueueLength();
   if (text != nullptr && size > kShortestText) {
