@@ -1,8 +1,8 @@
 // A source of buttons (digital channels) and axes (analog channels) that is sampled beside the
 // tracker: a joystick.
 //
-// Threads  Read runs on the sampling thread without the engine's lock; the rest under it, while
-//          no Read runs.
+// Threads  Read runs on the sampling thread without the engine's lock; the rest under it, perhaps
+//          while a Read runs. The channels are asked for under it, by the thread that read them.
 #pragma once
 
 #include <array>

@@ -5,6 +5,7 @@
 #include "drivers/flock_device.h"
 #include "drivers/gps_device.h"
 #include "drivers/intertrax_device.h"
+#include "drivers/joystick.h"
 #include "drivers/logitech_device.h"
 #include "drivers/pan_tilt_device.h"
 
@@ -28,12 +29,8 @@ struct DriverRow {
   std::unique_ptr<TrackerDevice> (*make)();
 };
 constexpr DriverRow kDrivers[] = {
-    {1, Make<PanTiltDevice>},
-    {2, MakeFastrak},
-    {3, Make<FlockDevice>},
-    {4, Make<LogitechDevice>},
-    {8, Make<KeyboardDevice>},
-    {9, Make<IntertraxDevice>},
+    {1, Make<PanTiltDevice>},  {2, MakeFastrak},          {3, Make<FlockDevice>},
+    {4, Make<LogitechDevice>}, {8, Make<KeyboardDevice>}, {9, Make<IntertraxDevice>},
     {12, Make<GpsDevice>},
 };
 
@@ -46,7 +43,8 @@ std::unique_ptr<TrackerDevice> MakeDevice(int deviceType) {
   return nullptr;
 }
 
-// No joystick is supported yet.
-std::unique_ptr<DAQControl> MakeJoystick(int) { return nullptr; }
+std::unique_ptr<DAQControl> MakeJoystick(int joystickId) {
+  return std::make_unique<Joystick>(joystickId);
+}
 
 }  // namespace kinetrel

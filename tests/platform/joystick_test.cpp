@@ -1,0 +1,249 @@
+#include "platform/joystick.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "platform/clock.h"
+#include "tests/support/allocation_counter.h"
+#include "tests/support/joystick_file.h"
+#include "tests/support/joystick_pipes.h"
+#include "tests/support/wait_until.h"
+
+namespace kinetrel {
+namespace {
+
+using test::AtRest;
+using test::BytesOf;
+using test::JoystickPipe;
+using test::JoystickRecord;
+using test::WaitUntil;
+
+constexpr auto kButton = JoystickRecord::Button;
+constexpr auto kAxis = JoystickRecord::Axis;
+constexpr std::uint32_t kMiddle = 32767;
+
+class Joysticks : public testing::Test {
+ protected:
+  test::JoystickDirectory directory_;
+};
+
+JoystickInput OpenFirst() {
+  Result<JoystickInput> opened = JoystickInput::Open(0);
+  if (!opened.Ok()) throw std::runtime_error(Describe(opened.status()));
+  return std::move(*opened);
+}
+
+bool Reads(JoystickInput& stick) { return stick.Read().Ok(); }
+
+// ---- Finding -------------------------------------------------------------------------------
+
+TEST_F(Joysticks, AreCountedAndInTheOrderOfTheirNumbers) {
+  EXPECT_EQ(CountJoysticks(), 0);
+  const JoystickPipe tenth(directory_.Path("js10"), AtRest(10, 0));
+  const JoystickPipe second(directory_.Path("js2"), AtRest(2, 0));
+  for (const char* const other : {"js", "jsx", "js1x", "mouse0", "event3", "js-1"}) {
+    ::close(::open(directory_.Path(other).c_str(), O_CREAT | O_CLOEXEC, 0600));
+  }
+  EXPECT_EQ(CountJoysticks(), 2);
+  EXPECT_EQ(JoystickInput::Open(0)->Capabilities()->buttons, 2U);
+  EXPECT_EQ(JoystickInput::Open(1)->Capabilities()->buttons, 10U);
+  for (const int none : {2, -1, 2147483647}) {
+    EXPECT_EQ(JoystickInput::Open(none).status().error, Error::NotFound);
+  }
+}
+
+TEST_F(Joysticks, AreNoneWhereTheyCannotBe) {
+  ::setenv("KINETREL_JOYSTICKS", "/nonexistent", 1);
+  EXPECT_EQ(CountJoysticks(), 0);
+  EXPECT_FALSE(JoystickInput::Open(0).Ok());
+}
+
+TEST_F(Joysticks, WhatSendsNothingMoreIsUnplugged) {
+  ::mkdir(directory_.Path("js0").c_str(), 0700);
+  ::close(::open(directory_.Path("js1").c_str(), O_CREAT | O_CLOEXEC, 0600));
+  ::mkfifo(directory_.Path("js2").c_str(), 0600);
+  for (const int number : {0, 1, 2}) {
+    EXPECT_EQ(JoystickInput::Open(number).status().error, Error::Closed) << number;
+  }
+}
+
+// ---- Reading -------------------------------------------------------------------------------
+
+struct Story {
+  const char* name;
+  std::string bytes;  // after a stick with 2 buttons and 3 axes at rest
+  std::uint32_t buttons;
+  std::array<std::uint32_t, 3> axes;
+};
+
+class JoystickStory : public testing::TestWithParam<Story> {
+ protected:
+  test::JoystickDirectory directory_;
+};
+
+TEST_P(JoystickStory, EndsWithTheStickStandingSo) {
+  const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 3));
+  JoystickInput stick = OpenFirst();
+  pipe.SendBytes(GetParam().bytes);
+  const Result<JoystickState> state = stick.Read();
+  ASSERT_TRUE(state.Ok());
+  EXPECT_EQ(state->buttons, GetParam().buttons);
+  EXPECT_EQ(state->axes, GetParam().axes);
+}
+
+TEST_P(JoystickStory, WhateverPiecesItComesIn) {
+  const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 3));
+  JoystickInput stick = OpenFirst();
+  for (const char byte : GetParam().bytes) {
+    pipe.SendBytes(std::string(1, byte));
+    ASSERT_TRUE(stick.Read().Ok());
+  }
+  EXPECT_EQ(stick.Read()->buttons, GetParam().buttons);
+  EXPECT_EQ(stick.Read()->axes, GetParam().axes);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Records, JoystickStory,
+    testing::Values(Story{"Rest", "", 0, {kMiddle, kMiddle, kMiddle}},
+                    Story{"Pressed", BytesOf({{kButton, 1, 1}}), 2, {kMiddle, kMiddle, kMiddle}},
+                    Story{"PressedAndReleased",
+                          BytesOf({{kButton, 0, 1}, {kButton, 1, 1}, {kButton, 0, 0}}),
+                          2,
+                          {kMiddle, kMiddle, kMiddle}},
+                    Story{"ButtonsOf32",
+                          BytesOf({{kButton, 31, 1}, {kButton, 32, 1}, {kButton, 255, 1}}),
+                          0x80000000,
+                          {kMiddle, kMiddle, kMiddle}},
+                    Story{"AxesAtTheirEnds",
+                          BytesOf({{kAxis, 0, -32767}, {kAxis, 1, 32767}, {kAxis, 2, -32768}}),
+                          0,
+                          {0, 65535, 0}},
+                    Story{"AxesHalfWay",
+                          BytesOf({{kAxis, 0, -16384}, {kAxis, 1, 16384}, {kAxis, 2, 1}}),
+                          0,
+                          {16383, 49151, 32768}},
+                    Story{"AxisBeyondTheThird",
+                          BytesOf({{kAxis, 3, 32767}, {kAxis, 255, 32767}}),
+                          0,
+                          {kMiddle, kMiddle, kMiddle}},
+                    Story{"UnknownRecords",
+                          BytesOf({{0, 0, 1}, {3, 0, 1}, {0x7F, 0, 1}, {0x80, 0, 1}}),
+                          0,
+                          {kMiddle, kMiddle, kMiddle}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(Joysticks, AFloodOfRecordsKeepsNoReadForEver) {
+  const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 0));
+  JoystickInput stick = OpenFirst();
+  std::string flood;
+  for (int i = 0; i < 4000; ++i) flood += BytesOf({{kButton, 0, static_cast<std::int16_t>(i % 2)}});
+  pipe.SendBytes(flood + BytesOf({{kButton, 1, 1}}));
+  EXPECT_EQ(stick.Read()->buttons & 2, 0U);  // not yet
+  EXPECT_TRUE(WaitUntil([&] { return stick.Read()->buttons == 3; }));
+}
+
+TEST_F(Joysticks, ReadingAllocatesNothing) {
+  auto pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(2, 2));
+  JoystickInput stick = OpenFirst();
+  pipe->Send({kButton, 0, 1});
+  const int before = test::CountedAllocations();
+  test::CountAllocations(true);
+  const bool read = Reads(stick);
+  test::CountAllocations(false);
+  pipe.reset();
+  test::CountAllocations(true);
+  const bool lost = !Reads(stick) && !Reads(stick);
+  test::CountAllocations(false);
+  EXPECT_TRUE(read && lost);
+  EXPECT_EQ(test::CountedAllocations(), before);
+}
+
+// ---- Unplugged -----------------------------------------------------------------------------
+
+TEST_F(Joysticks, OneThatIsUnpluggedIsReadAgainWhenItIsBack) {
+  auto pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(2, 1));
+  JoystickInput stick = OpenFirst();
+  for (const std::int16_t turn : std::array<std::int16_t, 3>{1, 0, 1}) {
+    pipe->Send({kButton, 0, 1});
+    EXPECT_EQ(stick.Read()->buttons & 1, 1U);
+    pipe.reset();
+    EXPECT_EQ(stick.Read().status().error, Error::Closed);
+    EXPECT_EQ(stick.Capabilities().status().error, Error::Closed);
+
+    pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(2, 1));
+    pipe->Send({kButton, 1, turn});
+    ASSERT_TRUE(WaitUntil([&] { return Reads(stick); }));
+    EXPECT_EQ(stick.Read()->buttons, turn != 0 ? 2U : 0U);  // nothing is left from before
+  }
+}
+
+TEST_F(Joysticks, OneMayBeGivenUpWhileItIsLookedFor) {
+  auto pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(1, 1));
+  {
+    JoystickInput stick = OpenFirst();
+    pipe.reset();
+    EXPECT_FALSE(Reads(stick));
+    JoystickInput moved = std::move(stick);
+    EXPECT_FALSE(Reads(moved));
+  }
+  pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(1, 1));
+  EXPECT_TRUE(JoystickInput::Open(0).Ok());
+}
+
+// ---- A file that answers as a device does --------------------------------------------------
+
+class JoystickDevice : public Joysticks {
+ protected:
+  void SetUp() override {
+    if (!file_.mounted()) GTEST_SKIP() << "mounting is not permitted here";
+  }
+
+  const test::JoystickFile::Stick stick_{"Lodestar Pad", 40, 6};
+  test::JoystickFile file_{directory_.Path("js0"), stick_};
+};
+
+TEST_F(JoystickDevice, SaysWhatItIs) {
+  JoystickInput stick = OpenFirst();
+  const Result<JoystickCapabilities> found = stick.Capabilities();
+  ASSERT_TRUE(found.Ok());
+  EXPECT_EQ(found->product, "Lodestar Pad");
+  EXPECT_EQ(found->buttons, 40U);
+  EXPECT_EQ(found->maxButtons, 40U);
+  EXPECT_EQ(found->axes, 6U);
+  EXPECT_EQ(found->axisMax[5], 65535U);
+  EXPECT_EQ(found->productId, 0U);
+  file_.Send(BytesOf({{kButton, 7, 1}}));
+  EXPECT_EQ(stick.Read()->buttons, 1U << 7);
+  EXPECT_EQ(stick.Read()->axes[2], kMiddle);
+}
+
+TEST_F(JoystickDevice, ANameWithoutEndIsCut) {
+  file_.Become({std::string(500, 'n'), 1, 1});
+  EXPECT_EQ(OpenFirst().Capabilities()->product, std::string(127, 'n'));
+}
+
+TEST_F(JoystickDevice, AnotherInItsPlaceIsNotTakenForIt) {
+  JoystickInput stick = OpenFirst();
+  file_.Become({"", 0, 0, false});
+  EXPECT_EQ(stick.Capabilities().status().error, Error::Closed);
+  EXPECT_EQ(stick.Read().status().error, Error::Closed);
+
+  file_.Become({"Another Pad", 40, 6});
+  const std::int64_t start = ClockTicks();
+  const int before = file_.openings();
+  EXPECT_TRUE(WaitUntil([&] { return Reads(stick) || file_.openings() >= before + 3; }));
+  EXPECT_FALSE(Reads(stick));
+  EXPECT_GT(ClockTicks() - start,
+            ClockTicksPerSecond() * 9 / 10);  // and it is not asked all the time
+
+  file_.Become(stick_);
+  EXPECT_TRUE(WaitUntil([&] { return Reads(stick); }));
+  EXPECT_EQ(stick.Capabilities()->buttons, 40U);
+}
+
+}  // namespace
+}  // namespace kinetrel
