@@ -61,7 +61,8 @@ void Emulator::Run() {
     ReadHost(now);
     if (const auto fault = device_.TakePortFault()) PullPlug(now + Duration(*fault));
     records_ = device_.line().records();
-    port_.Wait(std::min(device_.NextEvent(), replugAt_) - Now());
+    const Moment next = std::min({device_.NextEvent(), replugAt_, now + kLongestLag / 2});
+    port_.Wait(next - Now());
   }
 }
 

@@ -148,7 +148,7 @@ TEST(Emulator, UnpluggedThePortIsGoneAndComesBackUnderItsLink) {
     emulator->Plug();
     // The unit had its power all the time.
     EXPECT_EQ(Host(link).Ask("S", kStatusLength).substr(3, 3), "003");
-    emulator->Strike({FaultKind::Unplug, 0.1});
+    emulator->Strike({FaultKind::Unplug, 1.5});  // with nothing else to do meanwhile
     EXPECT_TRUE(WaitUntil([&] { return emulator->Port().empty(); }));
     EXPECT_TRUE(WaitUntil([&] { return emulator->Port() == link; }));
     EXPECT_EQ(Host(link).Ask("S", kStatusLength).size(), kStatusLength);
