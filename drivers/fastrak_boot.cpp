@@ -54,14 +54,40 @@ BootResult FastrakDevice::Boot(int reset) {
     const int perByte = 1000000 / baud + 1;
     SetReadTimeouts(3 * perByte, perByte, 2 * perByte);
   }
-  if (const BootResult woken = WakeAtAnyRate(); woken != kBooted) return woken;
+  const BootResult found = FindUnit(reset);
+  return found == kBooted ? Configure() : found;
+}
+
+// A unit whose switches were set to another rate neither understands nor is understood, though
+// noise may pass for an answer; so it is asked at the other rates too. The read time-outs stay:
+// they are ample for all.
+BootResult FastrakDevice::FindUnit(int reset) {
+  std::array<char, 2048> failure{};
+  const BootResult first = Identify(reset, failure);
+  const bool hopeless = first == kReadFailed || first == kNoAnswerAfterReset;
+  if (first == kBooted || hopeless) return first;
+  const int opened = static_cast<int>(GetBaudRate());
+  for (const int rate : kOtherRates) {
+    if (rate == opened || !SetLineSettings(rate, 8, 0, 0, 0)) continue;
+    PurgeInput();
+    std::array<char, 2048> text;
+    if (Identify(reset, text) != kBooted) continue;
+    Post(statusLog_, 3, "The unit is set to %d baud.", rate);
+    return kBooted;
+  }
+  SetLineSettings(opened, 8, 0, 0, 0);
+  std::fprintf(stderr, "%s", failure.data());
+  return first;
+}
+
+// failure  what the status query says, should it come to that.
+BootResult FastrakDevice::Identify(int reset, std::span<char> failure) {
+  if (const BootResult woken = WakeUnit(); woken != kBooted) return woken;
   SilenceUnit();
   if (reset != 0 && !Reinitialize()) return kNoAnswerAfterReset;
-  std::array<char, 2048> text;
-  if (QueryStatus(text.data(), static_cast<int>(text.size())) == 0) {
-    return ReportFailedStatus(text.data());
-  }
-  return Configure();
+  if (QueryStatus(failure.data(), static_cast<int>(failure.size())) != 0) return kBooted;
+  if (std::strlen(failure.data()) < kLongFailure) return kNoResponse;
+  return (statusWord_ & kFastrakFromStart) != 0 ? kNoStatus : kNoSensors;
 }
 
 // Ends streaming, and whatever command was left half sent, and asks for a record.
@@ -71,23 +97,6 @@ BootResult FastrakDevice::WakeUnit() {
   FlushOutput();
   Write("P", 1);
   return WaitForReply(kFirstReplyMs);
-}
-
-// A unit whose switches were set to another rate neither understands nor is understood; so it is
-// asked at the others too. The read time-outs stay: they are ample for all.
-BootResult FastrakDevice::WakeAtAnyRate() {
-  const BootResult first = WakeUnit();
-  if (first != kTimedOut && first != kUnknownFailure) return first;
-  const int opened = static_cast<int>(GetBaudRate());
-  for (const int rate : kOtherRates) {
-    if (rate == opened || !SetLineSettings(rate, 8, 0, 0, 0)) continue;
-    PurgeInput();
-    if (WakeUnit() != kBooted) continue;
-    Post(statusLog_, 3, "The unit is set to %d baud.", rate);
-    return kBooted;
-  }
-  SetLineSettings(opened, 8, 0, 0, 0);
-  return first;
 }
 
 BootResult FastrakDevice::WaitForReply(int timeoutMs) {
@@ -132,12 +141,6 @@ bool FastrakDevice::Reinitialize() {
     Pause(kTryMs);
   }
   return false;
-}
-
-BootResult FastrakDevice::ReportFailedStatus(const char* text) const {
-  std::fprintf(stderr, "%s", text);
-  if (std::strlen(text) < kLongFailure) return kNoResponse;
-  return (statusWord_ & kFastrakFromStart) != 0 ? kNoStatus : kNoSensors;
 }
 
 BootResult FastrakDevice::Configure() {

@@ -13,6 +13,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <string_view>
 
 #include "devices/bounded_text.h"
@@ -112,13 +113,12 @@ class FastrakDevice final : public TrackerDevice {
   struct Alignment;
 
   // fastrak_boot.cpp
-  BootResult BootOpenPort(int reset);
+  BootResult FindUnit(int reset);
+  BootResult Identify(int reset, std::span<char> failure);
   BootResult WakeUnit();
-  BootResult WakeAtAnyRate();
   BootResult WaitForReply(int timeoutMs);
   void SilenceUnit();
   bool Reinitialize();
-  BootResult ReportFailedStatus(const char* text) const;
   BootResult Configure();
   void TakeModel(const FastrakModel& model);
   void ConfigureFastrak(int stations);

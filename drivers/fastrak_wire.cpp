@@ -154,8 +154,9 @@ std::uint32_t IdentifyModel(std::string_view record) {
   return model | kFastrakInterSense | (NamesTheIs600(record, name) ? 1U << 4 : 0U);
 }
 
+// A field of three characters: what follows a blank one is another's.
 int NumberAt(std::string_view text, std::size_t offset) {
-  text = text.substr(std::min(offset, text.size()));
+  text = text.substr(std::min(offset, text.size()), 3);
   text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
   int number = 0;
   std::from_chars(text.data(), text.data() + text.size(), number);

@@ -1,0 +1,290 @@
+#include "drivers/fastrak_wire.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace kinetrel {
+namespace {
+
+constexpr unsigned kPosition = 1;
+constexpr unsigned kEuler = 2;
+constexpr unsigned kQuaternion = 4;
+
+std::span<const std::byte> AsBytes(const std::string& text) {
+  return std::as_bytes(std::span(text));
+}
+
+// ---- Values --------------------------------------------------------------------------------
+
+struct Decoding {
+  const char* name;
+  FastrakLayout layout;
+  int units;
+  std::string body;
+  int result;  // values, with flags
+  std::vector<float> values;
+};
+
+class FastrakDecoding : public testing::TestWithParam<Decoding> {};
+
+TEST_P(FastrakDecoding, TurnsBytesIntoValues) {
+  const Decoding& row = GetParam();
+  FastrakChannels channels;
+  SetFastrakScales(true, row.units, row.layout.format, channels);
+  FastrakReading reading;
+  EXPECT_EQ(DecodeFastrakBody(row.layout, AsBytes(row.body), row.units, channels, reading),
+            row.result);
+  for (std::size_t i = 0; i < row.values.size(); ++i) {
+    EXPECT_NEAR(reading.values[i], row.values[i], 2e-6) << "value " << i;
+  }
+}
+
+using enum FastrakFormat;
+using namespace std::string_literals;
+
+const std::string kOne = "\x00\x00\x80\x3f"s;
+const std::string kMinusTwo = "\x00\x00\x00\xc0"s;
+const std::string kZero(4, '\0');
+const std::string kNinety = "\x00\x00\xb4\x42"s;
+const std::string kFourHundred = "\x00\x00\xc8\x43"s;
+const std::string kMinusFourHundred = "\x00\x00\xc8\xc3"s;
+const std::string kTiny = "\x77\xcc\x2b\x31"s;  // 2.5e-9
+const std::string kNotANumber = "\x00\x00\xc0\x7f"s;
+const std::string kInfinity = "\x00\x00\x80\x7f"s;
+constexpr int kTinyFlag = 0x10000;
+constexpr int kAboveFlag = 0x20000;
+constexpr int kBelowFlag = 0x40000;
+
+INSTANTIATE_TEST_SUITE_P(
+    Bits32, FastrakDecoding,
+    testing::Values(
+        Decoding{"PositionAndAngles",
+                 {Bits32, kPosition | kEuler},
+                 1,
+                 kOne + kMinusTwo + kFourHundred + kNinety + kMinusTwo + kOne,
+                 6 | kAboveFlag,
+                 {1, -2, 360, 1.5707963F, -0.034906585F, 0.017453292F}},
+        Decoding{"MetresCountHundredths",
+                 {Bits32, kPosition},
+                 3,
+                 kOne + kMinusTwo + kNinety,
+                 3,
+                 {0.01F, -0.02F, 0.9F}},
+        Decoding{"GpsUnitsCountAsMetres",
+                 {Bits32, kPosition},
+                 2,
+                 kOne + kOne + kOne,
+                 3,
+                 {0.01F, 0.01F, 0.01F}},
+        Decoding{"AnglesBeyondATurn",
+                 {Bits32, kEuler},
+                 1,
+                 kFourHundred + kMinusFourHundred + kTiny,
+                 3 | kTinyFlag | kAboveFlag | kBelowFlag,
+                 {0, 0, 0, 6.2831851F, -6.2831851F, 0}},
+        Decoding{"QuaternionAlone",
+                 {Bits32, kQuaternion},
+                 3,
+                 kOne + kMinusTwo + kOne + kMinusTwo,
+                 4,
+                 {0, 0, 0, 0, 0, 0, 1, -2, 1, -2}},
+        Decoding{
+            "ZeroIsTiny", {Bits32, kPosition}, 1, kOne + kZero + kOne, 3 | kTinyFlag, {1, 0, 1}},
+        Decoding{"InfinityIsABound",
+                 {Bits32, kPosition},
+                 1,
+                 kOne + kOne + kInfinity,
+                 3 | kAboveFlag,
+                 {1, 1, 360}},
+        Decoding{"NotANumberIsNoValue",
+                 {Bits32, kPosition | kEuler},
+                 1,
+                 kOne + kNotANumber + kOne + kOne + kNotANumber + kOne,
+                 3,
+                 {}},
+        Decoding{"Short", {Bits32, kPosition}, 1, kOne + kOne + "\x00\x00"s, 2, {}},
+        Decoding{"Nothing", {Bits32, 0}, 1, "", 0, {}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Bits16, FastrakDecoding,
+    testing::Values(Decoding{"FullScalesInCentimetres",
+                             {Bits16, kPosition | kEuler},
+                             1,
+                             "\xff\x7f\x00\x80\x00\x40\x00\x80\x00\x40\x00\x00"s,
+                             6,
+                             {299.990845F, -300, 150, -3.1415927F, 1.5707963F, 0}},
+                    Decoding{"Inches",
+                             {Bits16, kPosition},
+                             0,
+                             "\x00\x40\x00\x00\x00\xc0"s,
+                             3,
+                             {59.055118F, 0, -59.055118F}},
+                    Decoding{"Short", {Bits16, kPosition}, 1, "\x00\x40\x00\x00\x00"s, 2, {}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(
+    Bits14, FastrakDecoding,
+    testing::Values(
+        Decoding{"LowBitsFirstWithSign",
+                 {Bits14, kPosition},
+                 3,
+                 "\xff\x3f\x00\x40\x00\x20"s,
+                 3,
+                 {2.9996338F, -3, 1.5F}},
+        Decoding{
+            "AllGroups",
+            {Bits14, 7},
+            1,
+            "\x80\x00\x01\x00\x7f\x7f\x00\x20\x00\x60\x00\x00\x7f\x3f\x00\x00\x00\x40\x00\x20"s,
+            10,
+            {0, 0.0366211F, -0.0366211F, 1.5707963F, -1.5707963F, 0, 0.99987793F, 0, -1, 0.5F}},
+        Decoding{"FirstByteUnmarked", {Bits14, kPosition}, 1, "\x7f\x3f\x00\x40\x00\x20"s, -1, {}},
+        Decoding{"LaterByteMarked", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00\xa0"s, -1, {}},
+        Decoding{"Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 0, {}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(FastrakScales, OfTheIsotrakClass) {
+  FastrakChannels channels;
+  SetFastrakScales(false, 1, Bits16, channels);
+  EXPECT_DOUBLE_EQ(channels[0].scale, 65.48 * 2.54 / 32768);
+  EXPECT_DOUBLE_EQ(channels[5].scale, 4.0 / 32768);
+  EXPECT_DOUBLE_EQ(channels[9].scale, 1.0 / 32768);
+}
+
+TEST(FastrakMounting, ASensorUpsideDownTurnsItsQuaternion) {
+  FastrakReading reading{{1, 2, 3, 0, 0, 0.5F, 0.1F, 0.2F, 0.3F, 0.4F}};
+  MountFastrakReading(7, {10, 0, 0, 0, 0, -3.1415927F}, reading);
+  EXPECT_FLOAT_EQ(reading.values[0], 11);
+  EXPECT_FLOAT_EQ(reading.values[5], 0.5F - 3.1415927F);
+  EXPECT_EQ(reading.ToQuaternion(), (Quaternion{-0.2F, 0.1F, 0.4F, -0.3F}));
+  MountFastrakReading(7, {}, reading);
+  EXPECT_EQ(reading.ToQuaternion(), (Quaternion{-0.2F, 0.1F, 0.4F, -0.3F}));
+}
+
+// ---- Replies -------------------------------------------------------------------------------
+
+struct Field {
+  std::size_t offset;
+  const char* text;
+};
+
+// A status record of full length with these fields.
+std::string Status(std::vector<Field> fields) {
+  std::string record(55, ' ');
+  record.replace(0, 3, "21S");
+  record.replace(53, 2, "\r\n");
+  for (const Field& field : fields) {
+    record.replace(field.offset, std::string(field.text).size(), field.text);
+  }
+  return record;
+}
+
+struct Identification {
+  const char* name;
+  std::string reply;
+  bool found;
+  std::uint32_t word;
+  int bitError;
+};
+
+class FastrakIdentification : public testing::TestWithParam<Identification> {};
+
+TEST_P(FastrakIdentification, FollowsTheStatusRecord) {
+  const Identification& row = GetParam();
+  const FastrakStatus status = ParseFastrakStatus(row.reply);
+  EXPECT_EQ(status.found, row.found);
+  EXPECT_EQ(status.word, row.word);
+  EXPECT_EQ(status.bitError, row.bitError);
+}
+
+constexpr std::uint32_t kWhole = 0x110000;  // from the first byte to the line feed
+
+INSTANTIATE_TEST_SUITE_P(
+    Replies, FastrakIdentification,
+    testing::Values(
+        Identification{"Fastrak", Status({{15, "3.02"}}), true, kWhole | 0x201, 0},
+        Identification{"FastrakWithTheDotAt18", Status({{17, "3.02"}}), true, kWhole | 0x201, 0},
+        Identification{"Insidetrak", Status({{16, "53.02"}, {18, "."}}), true, kWhole | 0x203, 0},
+        Identification{"Isotrak2", Status({{17, "3"}, {20, "3"}}), true, kWhole | 0x204, 0},
+        Identification{"Is300", Status({{17, "3.02"}, {21, "IS300 "}}), true, kWhole | 0x209, 0},
+        Identification{"Is600", Status({{17, "3.02"}, {21, "IS600"}}), true, kWhole | 0x219, 0},
+        Identification{"Is600OneFurther", Status({{17, "3.02"}, {22, "IS600"}}), true,
+                       kWhole | 0x219, 0},
+        Identification{"Is600NumberLater", Status({{17, "3.02"}, {21, "IS    600"}}), true,
+                       kWhole | 0x219, 0},
+        Identification{"Isotrak", Status({}), true, kWhole | 0x200, 0},
+        Identification{"NoneOfTheFamily", Status({{14, "2"}}), false, kWhole | 0x200, 0},
+        Identification{"BitError", Status({{5, "7"}, {6, " 87"}, {15, "3.02"}}), true,
+                       kWhole | 0xE0000 | 0x201, 87},
+        Identification{"BehindOtherBytes", "01 x\r\n" + Status({{15, "3.02"}}), true, 0x100201, 0},
+        Identification{"CutAfterTheVersion", Status({{15, "3.02"}}).substr(0, 20), true, 0x10201,
+                       0},
+        Identification{"HeadOnly", "21S", true, 0x10200, 0},
+        Identification{"NoRecord", "21l1000\r\n", false, 0, 0},
+        Identification{"Empty", "", false, 0, 0}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(FastrakModels, HaveStationsRateAndProtocol) {
+  struct Row {
+    std::uint32_t code;
+    const char* name;
+    int stations, rate, protocol;
+  };
+  for (const Row& row : {Row{0x201, "FasTRAK", 4, 120, 3}, Row{0x203, "InsideTRAK", 2, 30, 2},
+                         Row{0x204, "IsoTRAK2", 2, 60, 2}, Row{0x209, "InterSense 300", 4, 150, 3},
+                         Row{0x219, "InterSense 600", 4, 150, 3}, Row{0x200, "IsoTRAK", 1, 30, 2},
+                         Row{0x20B, "IsoTRAK", 1, 30, 2}}) {
+    const FastrakModel& model = FindFastrakModel(row.code);
+    EXPECT_STREQ(DeviceNameText(model.name), row.name);
+    EXPECT_EQ(model.stations, row.stations) << row.name;
+    EXPECT_EQ(model.frameRate, row.rate) << row.name;
+    EXPECT_EQ(static_cast<int>(model.protocol), row.protocol) << row.name;
+  }
+}
+
+TEST(FastrakFirstReply, IsJudgedByItsFirstKnownRecord) {
+  struct Row {
+    std::string reply;
+    BootResult judgement;
+  };
+  for (const Row& row : {Row{"01 1.00", 1},
+                         Row{"x\x80"
+                             "0\x07 ",
+                             1},
+                         Row{"21*", 1}, Row{"21E", 1}, Row{"x\r\nx", 1}, Row{"21l1000\r\n", 1},
+                         Row{"21l0000\r\n", -6}, Row{"21l0", -6}, Row{"02A", 1}, Row{"05A", -10},
+                         Row{"hello", -10}, Row{"01", -10}, Row{"", -10}, Row{"x\r\n", -10}}) {
+    EXPECT_EQ(JudgeFastrakReply(row.reply), row.judgement) << row.reply;
+  }
+}
+
+TEST(FastrakStations, AreOnWhereTheListSaysSo) {
+  unsigned active = 9;
+  EXPECT_FALSE(ParseActiveStations("21l101", 4, active));
+  EXPECT_FALSE(ParseActiveStations("31l1010\r\n", 4, active));
+  EXPECT_EQ(active, 9U);
+  EXPECT_TRUE(ParseActiveStations("21l10Z0\r\n", 4, active));
+  EXPECT_EQ(active, 5U);
+}
+
+TEST(FastrakBitErrors, HaveTexts) {
+  struct Row {
+    int code;
+    const char* text;
+  };
+  for (const Row& row :
+       {Row{65, "X Driver Linearity"}, Row{76, "Z Slope of Coil / Receiver Z Linearity"},
+        Row{77, "Unknown error code."}, Row{84, "Receiver PROM Error"},
+        Row{104, "Not Used in FASTRAK"}, Row{105, "Not Used in FASTRAK"},
+        Row{112, "Reserved for Future Use"}, Row{122, "Unused, Reserved."},
+        Row{123, "Unknown error code."}, Row{-1, "Unknown error code."}}) {
+    EXPECT_STREQ(BitErrorText(row.code), row.text) << row.code;
+  }
+}
+
+}  // namespace
+}  // namespace kinetrel

@@ -1,0 +1,59 @@
+// The far end of a line that plays a fixed dialogue, in a thread of its own: expects these bytes,
+// then sends those.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/pseudo_terminal.h"
+
+namespace kinetrel::test {
+
+struct PeerStep {
+  enum class Kind { Expect, Send, Wait, HangUp };
+  Kind kind;
+  std::string bytes = {};
+  std::chrono::milliseconds time{0};
+};
+using Script = std::vector<PeerStep>;
+
+inline Script Expect(std::string bytes) { return {{PeerStep::Kind::Expect, std::move(bytes)}}; }
+inline Script Send(std::string bytes) { return {{PeerStep::Kind::Send, std::move(bytes)}}; }
+inline Script Wait(std::chrono::milliseconds time) { return {{PeerStep::Kind::Wait, {}, time}}; }
+inline Script HangUp() { return {{PeerStep::Kind::HangUp}}; }
+
+inline Script operator+(Script first, const Script& then) {
+  first.insert(first.end(), then.begin(), then.end());
+  return first;
+}
+
+class ScriptedPeer {
+ public:
+  // Uses the far end of `line` until the verdict is given.
+  ScriptedPeer(PseudoTerminal& line, Script script);
+  ~ScriptedPeer();
+  ScriptedPeer(const ScriptedPeer&) = delete;
+  ScriptedPeer& operator=(const ScriptedPeer&) = delete;
+
+  // Waits for the end of the script. Empty when the bytes expected came, and no others before the
+  // last of them; else what was wrong, readable. Bytes after the script's end are left in the line.
+  const std::string& Verdict();
+
+ private:
+  void Play(const Script& script);
+  bool PlayStep(const PeerStep& step);
+  bool Take(const std::string& expected);
+
+  PseudoTerminal& line_;
+  std::string verdict_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+// Bytes as C++ would write them in a string.
+std::string Readable(const std::string& bytes);
+
+}  // namespace kinetrel::test
