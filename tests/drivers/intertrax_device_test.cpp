@@ -1,0 +1,260 @@
+// The InterTrax driver against a peer that plays the unit; its bytes are written out from the
+// protocol.
+#include "drivers/intertrax_device.h"
+
+#include <gtest/gtest.h>
+#include <termios.h>
+
+#include <cmath>
+
+#include "tests/support/allocation_counter.h"
+#include "tests/support/scripted_peer.h"
+
+namespace kinetrel::test {
+namespace {
+
+using namespace std::string_literals;
+using std::chrono::milliseconds;
+
+Script Answer(const std::string& request, const std::string& answer) {
+  return Expect(request) + Send(answer);
+}
+
+const Script kFirst = Answer("c", "o");
+const Script kVersion = Answer("v\0"s, "v\0\x01\x00\x02\x00IT 1.2\0"s);
+const Script kSecond = Answer("d", "d");
+const Script kBoot = kFirst + kVersion + kSecond;
+
+class IntertraxOnALine : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(unit_.OpenPort(line_.path().c_str(), 115200), 1); }
+
+  BootResult Boot(const Script& script = kBoot) {
+    ScriptedPeer peer(line_, script);
+    const BootResult result = unit_.Boot(0);
+    EXPECT_EQ(peer.Verdict(), "");
+    return result;
+  }
+
+  // What the system has the line at.
+  unsigned LineRate() const {
+    termios settings{};
+    tcgetattr(line_.nearEnd(), &settings);
+    const speed_t speed = cfgetospeed(&settings);
+    return speed == B1200 ? 1200 : speed == B38400 ? 38400 : 0;
+  }
+
+  PseudoTerminal line_;
+  IntertraxDevice unit_;
+};
+
+// ---- Boot ----------------------------------------------------------------------------------
+
+struct BootStory {
+  const char* name;
+  Script script;
+  BootResult result;
+  IntertraxLink link;
+};
+
+void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
+
+class IntertraxBoot : public IntertraxOnALine, public testing::WithParamInterface<BootStory> {};
+
+TEST_P(IntertraxBoot, Ends) {
+  const BootStory& row = GetParam();
+  EXPECT_EQ(Boot(row.script), row.result);
+  EXPECT_EQ(unit_.IsBooted(), row.result == kBooted);
+  EXPECT_EQ(unit_.reportCode(), row.result);
+  EXPECT_EQ(unit_.link(), row.link);
+  EXPECT_EQ(LineRate(), row.link == IntertraxLink::Fast ? 38400U : 1200U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, IntertraxBoot,
+    testing::Values(
+        BootStory{"Plain", kBoot, kBooted, IntertraxLink::Fast},
+        BootStory{"BytesOfAnEarlierRunPending", Send("\x12\x34o") + kBoot, kBooted,
+                  IntertraxLink::Fast},
+        BootStory{"TheVersionTellsSomethingElse",
+                  kFirst + Answer("v\0"s, "x\x07\1\2\3\4\0"s) + kSecond, kBooted,
+                  IntertraxLink::Fast},
+        BootStory{"NoVersion", kFirst + Expect("v\0"s) + kSecond, kBooted, IntertraxLink::Fast},
+        BootStory{"TheVersionStopsAfterItsEcho", kFirst + Answer("v\0"s, "v\0"s) + kSecond, kBooted,
+                  IntertraxLink::Fast},
+        BootStory{"TheVersionStopsAfterAField", kFirst + Answer("v\0"s, "v\0\1\0\2"s) + kSecond,
+                  kBooted, IntertraxLink::Fast},
+        BootStory{"WrongFirstAnswer", Answer("c", "x"), -2, IntertraxLink::Reset},
+        BootStory{"NobodyAnswers", {}, -2, IntertraxLink::Reset},
+        BootStory{"WrongSecondAnswer", kFirst + kVersion + Answer("d", "o"), -3,
+                  IntertraxLink::Answered},
+        BootStory{"NoSecondAnswer", kFirst + kVersion + Expect("d"), -3, IntertraxLink::Answered}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(IntertraxOnALine, APulledPlugEndsTheBoot) {
+  ScriptedPeer peer(line_, Expect("c") + HangUp());
+  EXPECT_EQ(unit_.Boot(0), -2);
+  EXPECT_EQ(peer.Verdict(), "");
+  unit_.ClosePort();
+  EXPECT_EQ(unit_.Boot(0), -1);
+}
+
+TEST_F(IntertraxOnALine, IsWhatItSays) {
+  EXPECT_EQ(unit_.GetStatusCode(), 0);
+  ASSERT_EQ(Boot(), kBooted);
+  EXPECT_EQ(unit_.GetStatusCode(), 0x602);
+  EXPECT_STREQ(unit_.GetDeviceName(), "InterSense InterTrax");
+  EXPECT_EQ(unit_.GetDeviceType(nullptr, 0), 15);
+  EXPECT_EQ(unit_.GetSensorCount(), 1);
+  EXPECT_EQ(unit_.SetComponentMask(5), 2U);
+  EXPECT_EQ(unit_.GetComponentMask(), 2U);
+  EXPECT_EQ(unit_.GetFrameRate(), 354);
+  EXPECT_EQ(unit_.readTimeouts().constant, 6U);
+  EXPECT_EQ(unit_.readTimeouts().multiplier, 2U);
+  EXPECT_EQ(unit_.readTimeouts().interval, 4U);
+}
+
+// ---- Version -------------------------------------------------------------------------------
+
+struct VersionStory {
+  const char* name;
+  Script answer;  // to the question
+  int size;
+  int result;
+  std::string text;
+};
+
+void PrintTo(const VersionStory& story, std::ostream* out) { *out << story.name; }
+
+class IntertraxVersion : public IntertraxOnALine,
+                         public testing::WithParamInterface<VersionStory> {};
+
+// Whatever came of it, the unit is at 38400 baud again afterwards, and sends frames.
+TEST_P(IntertraxVersion, IsAskedForAtTheLowRate) {
+  const VersionStory& row = GetParam();
+  ASSERT_EQ(Boot(), kBooted);
+  ScriptedPeer peer(line_, kFirst + row.answer + kSecond + Answer("3", std::string(6, '\0')));
+  char text[64] = "untouched";
+  EXPECT_EQ(unit_.QueryStatus(text, row.size), row.result);
+  EXPECT_EQ(text, row.text);
+  EXPECT_EQ(unit_.link(), IntertraxLink::Fast);
+  EXPECT_EQ(LineRate(), 38400U);
+  unit_.Poll();
+  EXPECT_EQ(unit_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(peer.Verdict(), "");
+}
+
+const std::string kHead = "v\0\x01\x00\x02\x00"s;
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, IntertraxVersion,
+    testing::Values(VersionStory{"Whole", Answer("v\0"s, kHead + "IT 1.2\0"s), 64, 1, "IT 1.2"},
+                    VersionStory{"WithoutEnd", Answer("v\0"s, kHead + "IT"), 64, 1, "IT"},
+                    VersionStory{"WithoutText", Answer("v\0"s, kHead), 64, 1, ""},
+                    VersionStory{"NoRoom", Answer("v\0"s, kHead + "IT 1.2\0"s), 3, 1, "IT"},
+                    VersionStory{"Endless", Answer("v\0"s, kHead + std::string(300, 'e')), 9, 1,
+                                 "eeeeeeee"},
+                    VersionStory{"NoEcho", Expect("v\0"s), 64, -12, ""},
+                    VersionStory{"EchoOnly", Answer("v\0"s, "v\0"s), 64, -11, ""},
+                    VersionStory{"OneField", Answer("v\0"s, "v\0\1\0"s), 64, -10, ""}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(IntertraxOnALine, AVersionQueryThatFindsNobody) {
+  ASSERT_EQ(Boot(), kBooted);
+  EXPECT_EQ(unit_.QueryStatus(nullptr, 0), -2);
+  EXPECT_EQ(unit_.reportCode(), -2);
+  ScriptedPeer peer(line_, Expect("c") + Send("") + kFirst + kVersion + Answer("d", "?"));
+  EXPECT_EQ(unit_.QueryStatus(nullptr, 0), 1);  // from the low rate, where it stays
+  EXPECT_EQ(unit_.link(), IntertraxLink::Answered);
+}
+
+// ---- Frames --------------------------------------------------------------------------------
+
+TEST_F(IntertraxOnALine, AFrameScalesEveryAngle) {
+  ASSERT_EQ(Boot(), kBooted);
+  struct Row {
+    std::string record;
+    float angles[3];
+  };
+  const auto counts = [](int count) { return static_cast<float>(count * (kPi / 32767)); };
+  const Row rows[] = {
+      {"\xFF\x7F\x00\x80\x00\x00"s, {counts(32767), counts(32768), 0}},
+      {"\x01\x80\x01\x00\xFF\xFF"s, {counts(-32767), counts(-1), counts(1)}},
+      {"\x00\x40\x00\xC0\x00\x40"s, {counts(16384), counts(16384), counts(-16384)}},
+  };
+  for (const Row& row : rows) {
+    line_.Send(row.record);
+    double time = -1;
+    CountAllocations(true);
+    EXPECT_EQ(unit_.ReadFrame(&time), 1U);
+    CountAllocations(false);
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(unit_.GetSensorEuler(0)[i], row.angles[i]) << i;
+    EXPECT_GT(time, 0);
+  }
+  EXPECT_EQ(CountedAllocations(), 0);
+}
+
+// Yaw counts the record, so that a shifted one shows.
+std::string Record(int yaw) {
+  return {
+      static_cast<char>(yaw & 0xFF), static_cast<char>(yaw >> 8), '\x11', '\x22', '\x33', '\x44'};
+}
+
+struct FrameStory {
+  const char* name;
+  Script script;
+  std::vector<int> frames;
+};
+
+void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
+
+class IntertraxFrames : public IntertraxOnALine, public testing::WithParamInterface<FrameStory> {};
+
+// Polled as the engine does, until as many frames have come as are expected.
+TEST_P(IntertraxFrames, AreRead) {
+  ASSERT_EQ(Boot(), kBooted);
+  ScriptedPeer peer(line_, GetParam().script);
+  std::vector<int> frames;
+  const auto readMore = [&] {
+    unit_.Poll();
+    if (unit_.ReadFrame(nullptr) == 1) {
+      frames.push_back(static_cast<int>(std::lround(unit_.GetSensorEuler(0)[0] / kPi * 32767)));
+    }
+    return frames.size() >= GetParam().frames.size();
+  };
+  WaitUntil(readMore);
+  EXPECT_EQ(peer.Verdict(), "");
+  EXPECT_EQ(frames, GetParam().frames);
+}
+
+const Script kAsked = Expect("3");
+const std::string kOne = Record(1);
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, IntertraxFrames,
+    testing::Values(
+        FrameStory{"Clean", kAsked + Send(kOne), {1}},
+        FrameStory{"OneAfterTheOther", kAsked + Send(kOne) + kAsked + Send(Record(770)), {1, 770}},
+        FrameStory{"InTwoPieces",
+                   kAsked + Send(kOne.substr(0, 3)) + Wait(milliseconds(50)) + Send(kOne.substr(3)),
+                   {1}},
+        FrameStory{"AByteLost", kAsked + Send(kOne.substr(1)) + kAsked + Send(Record(2)), {2}},
+        FrameStory{
+            "AByteTooMany",
+            kAsked + Send("\x07" + kOne) + kAsked + Send(Record(2)) + kAsked + Send(Record(3)),
+            {0x107, 2, 3}},
+        FrameStory{"NoiseBetween",
+                   Send("\x01\x02\x03") + kAsked + Send(kOne) + kAsked + Send(Record(2)),
+                   {1, 2}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(IntertraxOnALine, APulledPlugFailsAtOnce) {
+  ASSERT_EQ(Boot(), kBooted);
+  line_.HangUp();
+  const std::int64_t start = ClockTicks();
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
+  EXPECT_LT(ClockTicks() - start, ClockTicksPerSecond());
+}
+
+}  // namespace
+}  // namespace kinetrel::test
