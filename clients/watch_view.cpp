@@ -121,8 +121,10 @@ std::string DataWords(const SharedTrackBlock& block, bool degrees) {
 }
 
 std::string TimeWords(const SharedTrackBlock& block) {
-  return "published " + Fixed(block.publishTime, 3) + " s; sampled " +
-         Fixed((block.publishTime - block.sampleTime) * 1000, 1) + " ms before";
+  const double age = block.publishTime - block.sampleTime;
+  const std::string published = "published " + Fixed(block.publishTime, 3) + " s";
+  // A writer that closes has stamped the sample time once more, with no sample to it.
+  return age < 0 ? published : published + "; sampled " + Fixed(age * 1000, 1) + " ms before";
 }
 
 std::vector<ViewLine> Details(const WatchSnapshot& snapshot, const TableForm& form) {
