@@ -1,0 +1,369 @@
+// The Flock of Birds driver against a peer that plays the bird; its bytes are written out from the
+// protocol.
+#include "drivers/flock_device.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tests/support/allocation_counter.h"
+#include "tests/support/scripted_peer.h"
+
+namespace kinetrel::test {
+namespace {
+
+using namespace std::string_literals;
+using std::chrono::milliseconds;
+
+// ---- The bird's side -----------------------------------------------------------------------
+
+const std::string kFlockStatus = "\xE0\xA0"s + std::string(12, '\0');
+
+Script Answer(const std::string& request, const std::string& answer) {
+  return Expect(request) + Send(answer);
+}
+
+Script Parameters() {
+  return Answer("O\x00"s, "\x00\xD0"s) + Answer("O\x01", "\x03\x43") + Answer("O$", kFlockStatus) +
+         Answer("O2", "\x03\x0E\x00\x00\x81"s) + Answer("O#", "\x01") +
+         Answer("O\x0F", "6DFOB\x1B    ") + Answer("O\x02", "\x28\x00"s) +
+         Answer("O\x06", "\x10\x27") + Answer("O\x07", "\x80\x67") + Answer("O\x0A", "\x00"s);
+}
+
+Script Configuration() {
+  return Answer("O2", "\x01\x00\x00\x00\x00"s) + Expect("P2\x03") +
+         Answer("O2", "\x03\x00\x00\x00\x80"s);
+}
+
+Script BootDialogue() { return Answer("O\x00"s, "\x00\x90"s) + Configuration() + Parameters(); }
+
+// x is `word` of 8192 parts of the full scale, all else is zero.
+std::string Record(int word) {
+  std::string record(12, '\0');
+  record[0] = static_cast<char>(0x80 | (word & 0x7F));
+  record[1] = static_cast<char>(word >> 7 & 0x7F);
+  return record;
+}
+
+class FlockOnALine : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(flock_.OpenPort(line_.path().c_str(), 9600), 1); }
+
+  BootResult Boot(const Script& script) {
+    ScriptedPeer peer(line_, script);
+    testing::internal::CaptureStdout();
+    const BootResult result = flock_.Boot(0);
+    console_ = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(peer.Verdict(), "");
+    return result;
+  }
+
+  // The x of every frame in parts of the full scale, until the line stays silent.
+  std::vector<long> ReadAll() {
+    std::vector<long> words;
+    while (flock_.ReadFrame(nullptr) != 0 || flock_.InputQueueLength() > 0) {
+      words.push_back(std::lround(flock_.GetSensorPose(0)[0] / 365.76 * 8192));
+    }
+    return words;
+  }
+
+  PseudoTerminal line_;
+  FlockDevice flock_;
+  std::string console_;
+};
+
+// ---- Decoding ------------------------------------------------------------------------------
+
+struct Decoded {
+  std::string record;
+  std::array<int, 6> words;
+};
+
+TEST(FlockRecord, Decodes) {
+  const Decoded rows[] = {
+      {std::string(12, '\x7F'), {-4, -4, -4, -4, -4, -4}},
+      {std::string(12, '\xFF'), {-4, -4, -4, -4, -4, -4}},
+      {"\x80\x40\x7F\x3F\x01\x00\x00\x01\x00\x20\x00\x60"s, {-32768, 32764, 4, 512, 16384, -16384}},
+  };
+  for (const Decoded& row : rows) {
+    const auto bytes = std::as_bytes(std::span(row.record));
+    EXPECT_EQ(DecodeFlockRecord(bytes.first<12>()), row.words) << Readable(row.record);
+  }
+}
+
+// ---- Boot ----------------------------------------------------------------------------------
+
+TEST_F(FlockOnALine, BootsAndPrintsWhatTheFlockSays) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  const std::string noBits = "\t0\t0\t0\t0\t0\t0\t0\t0\n";
+  const std::string bit7 = "\t0\t0\t0\t0\t0\t0\t0\t1\n";
+  std::string expected = "\nAUTO configuration: 1\n\t1\t0\t0\t0\t0\t0\t0\t0\n";
+  for (int i = 0; i < 4; ++i) expected += noBits;
+  expected += "\nautoconfig request successful.\n\nAUTO configuration: 3\n";
+  expected += "\t1\t1\t0\t0\t0\t0\t0\t0\n" + noBits + noBits + noBits + bit7;
+  expected +=
+      "\n\n****** CALLING STATUS.. **********\n"
+      "\nsystem status: D000\nversion is: 3.670000\ncrys speed is: 40000000.000000"
+      "\nmeasurement count: 3333\nsample rate: 103.500000\nerror code: 0"
+      "\nsystem model ID: 6DFOB?    \nmaster groupmode: 1\nflock system status: E0\n"
+      "\t0\t0\t0\t0\t0\t1\t1\t1\n\t0\t0\t0\t0\t0\t1\t0\t1\n";
+  for (int i = 0; i < 12; ++i) expected += noBits;
+  expected += "\nFBB configuration: 3\n\t1\t1\t0\t0\t0\t0\t0\t0\n\t0\t1\t1\t1\t0\t0\t0\t0\n" +
+              noBits + noBits + "\t1\t0\t0\t0\t0\t0\t0\t1\n";
+  EXPECT_EQ(console_, expected);
+  EXPECT_EQ(flock_.parameters().modelId, std::to_array("6DFOB\x1B    "));
+
+  EXPECT_TRUE(flock_.IsBooted());
+  EXPECT_EQ(flock_.GetStatusCode(), 3);
+  EXPECT_EQ(flock_.GetSensorCount(), 5);
+  EXPECT_EQ(flock_.readTimeouts().constant, 35U);
+  EXPECT_EQ(flock_.readTimeouts().multiplier, 18U);
+  EXPECT_EQ(flock_.readTimeouts().interval, 16U);
+}
+
+struct BootStory {
+  const char* name;
+  Script script;
+  BootResult result;
+  const char* said = "";  // somewhere on the console
+};
+
+void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
+
+class FlockBoot : public FlockOnALine, public testing::WithParamInterface<BootStory> {};
+
+TEST_P(FlockBoot, Ends) {
+  EXPECT_EQ(Boot(GetParam().script), GetParam().result);
+  EXPECT_EQ(flock_.IsBooted(), GetParam().result == kBooted);
+  EXPECT_NE(console_.find(GetParam().said), std::string::npos) << console_;
+}
+
+const Script kRest = Configuration() + Parameters();
+const Script kAsksAgain = Answer("O\x00"s, "\x00\x90"s) + kRest;
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, FlockBoot,
+    testing::Values(
+        BootStory{"TheFirstQuestionsGoUnheard",
+                  Expect("O\x00"s) + Expect("O\x00"s) + Send("\x07") + kAsksAgain, kBooted},
+        BootStory{"TheBirdStillStreams",
+                  Answer("O\x00"s, Record(1) + Record(2)) + Answer("B", Record(3)) + kAsksAgain,
+                  kBooted},
+        BootStory{"ABirdWithAnError",
+                  Answer("O\x00"s, "\x00\xB0"s) + Answer("O\x0A", "\x0D") + kRest, kBooted,
+                  "\nBird error: 0x0D\nAUTO"},
+        BootStory{"AnErrorThatCannotBeRead", Answer("O\x00"s, "\x00\x20"s) + Expect("O\x0A"),
+                  kPortNotOpen},
+        BootStory{"NoStatus", Answer("O\x00"s, "\x00\x00"s), kPortNotOpen},
+        BootStory{"NobodyAnswers", {}, kPortNotOpen},
+        BootStory{"ThePlugIsPulledAtOnce", Expect("O\x00"s) + HangUp(), kPortNotOpen},
+        BootStory{"ThePlugIsPulledLater",
+                  Answer("O\x00"s, "\x00\x90"s) + Configuration() + Expect("O\x00"s) + HangUp(),
+                  kPortNotOpen}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+// Numbers need all their bytes; a row of bits shows those that came.
+TEST_F(FlockOnALine, AnswersThatAreCutCountAsNoneOrInPart) {
+  ASSERT_EQ(Boot(Answer("O\x00"s, "\x00\x90"s) + Answer("O2", "\x01") + Expect("P2\x03") +
+                 Answer("O2", "\x03\x05") + Answer("O\x00"s, "\x11") + Expect("O\x01") +
+                 Answer("O$", "\xE0\xE1") + Expect("O2") + Expect("O#") + Answer("O\x0F", "6D") +
+                 Expect("O\x02") + Answer("O\x06", "\x10\x27") + Expect("O\x07") + Expect("O\x0A")),
+            kBooted);
+  const FlockParameters& p = flock_.parameters();
+  EXPECT_EQ(p.autoConfig, (std::array<std::uint8_t, 5>{3, 5}));
+  EXPECT_EQ(p.systemStatus, 0);
+  EXPECT_EQ(p.flockStatus, (std::array<std::uint8_t, 14>{0xE0, 0xE1}));
+  EXPECT_STREQ(p.modelId.data(), "6D");
+  EXPECT_EQ(p.measurementRate, 0U);
+}
+
+TEST_F(FlockOnALine, ASecondBootIsAsTheFirst) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  flock_.StartContinuous();
+  line_.Send(Record(1) + Record(2).substr(0, 5));
+  EXPECT_EQ(ReadAll(), std::vector<long>{1});
+  flock_.SetSensorOffsetComponent(0, 0, 5.0);
+  flock_.ClosePort();
+
+  PseudoTerminal other;
+  ASSERT_EQ(flock_.OpenPort(other.path().c_str(), 115200), 1);
+  ScriptedPeer peer(other, BootDialogue() + Send(Record(7)));
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(flock_.Boot(0), kBooted);
+  testing::internal::GetCapturedStdout();
+  EXPECT_EQ(peer.Verdict(), "");
+  EXPECT_EQ(flock_.GetSensorOffset(0)[0], 0.0F);
+  EXPECT_EQ(ReadAll(), std::vector<long>{7});
+}
+
+// ---- Frames --------------------------------------------------------------------------------
+
+struct FrameStory {
+  const char* name;
+  Script script;
+  std::vector<long> frames;
+};
+
+void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
+
+class FlockFrames : public FlockOnALine, public testing::WithParamInterface<FrameStory> {};
+
+TEST_P(FlockFrames, AreRead) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  ScriptedPeer peer(line_, GetParam().script);
+  std::vector<long> frames;
+  const auto readMore = [&] {
+    const std::vector<long> more = ReadAll();
+    frames.insert(frames.end(), more.begin(), more.end());
+    return frames.size() >= GetParam().frames.size();
+  };
+  WaitUntil(readMore);
+  EXPECT_EQ(peer.Verdict(), "");
+  readMore();
+  EXPECT_EQ(frames, GetParam().frames);
+}
+
+std::string Marked(std::string record, std::size_t at) {
+  record[at] = static_cast<char>(record[at] | 0x80);
+  return record;
+}
+
+const std::string kOne = Record(1);
+const std::string kTwo = Record(2);
+const std::string kThree = Record(3);
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, FlockFrames,
+    testing::Values(
+        FrameStory{"CleanRecord", Send(kOne), {1}},
+        FrameStory{"WithoutMarks", Send(std::string(12, '\x7F')), {-1}},
+        FrameStory{"Several", Send(kOne + kTwo + kThree), {1, 2, 3}},
+        FrameStory{"InTwoPieces",
+                   Send(kOne.substr(0, 5)) + Wait(milliseconds(5)) + Send(kOne.substr(5)),
+                   {1}},
+        FrameStory{"WithALongPause",
+                   Send(kOne.substr(0, 5)) + Wait(milliseconds(100)) + Send(kOne.substr(5) + kTwo),
+                   {1, 2}},
+        FrameStory{"NoiseBefore", Send("\x11\x22" + kOne), {1}},
+        FrameStory{"NoiseThatLooksLikeAStart", Send("\xFF\xC3" + kOne), {1}},
+        FrameStory{"CutBeforeTheNext", Send(kOne.substr(0, 7) + kTwo + kThree), {2, 3}},
+        FrameStory{"WithoutItsFirstByte", Send(kOne.substr(1) + kTwo + kThree), {2, 3}},
+        FrameStory{"WithoutItsLastByte", Send(kOne.substr(0, 11) + kTwo + kThree), {2, 3}},
+        FrameStory{"WronglyMarked", Send(Marked(kOne, 6) + kTwo + kThree), {2, 3}},
+        FrameStory{"UnmarkedTailThenSilence",
+                   Send(kOne.substr(6)) + Wait(milliseconds(100)) + Send(kTwo),
+                   {2}},
+        FrameStory{"HalfThenSilence", Send(kOne.substr(0, 6)), {}}, FrameStory{"Silence", {}, {}},
+        FrameStory{"PlugPulled", Send(kOne) + Wait(milliseconds(50)) + HangUp(), {1}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(FlockOnALine, AFrameScalesAndTurnsEveryWord) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  const float offset[6] = {1, 2, 3, 9, 9, 9};
+  flock_.SetSensorOffset(-1, offset);
+  struct UnitRow {
+    int units;
+    double range;
+  };
+  for (const UnitRow& row : {UnitRow{0, 144}, {1, 365.76}, {3, 3.6576}, {2, 144}, {-7, 144}}) {
+    EXPECT_EQ(flock_.SetUnits(row.units), 1);
+    EXPECT_EQ(flock_.GetUnits(), row.units);
+    line_.Send("\x80\x20\x00\x20\x00\x60\x00\x20\x00\x10\x00\x60"s);
+    double time = -1;
+    CountAllocations(true);
+    EXPECT_EQ(flock_.ReadFrame(&time), 1U);
+    CountAllocations(false);
+    const float* const pose = flock_.GetSensorPose(0);
+    EXPECT_FLOAT_EQ(pose[0], static_cast<float>(row.range / 2 + 1));
+    EXPECT_FLOAT_EQ(pose[1], static_cast<float>(-row.range / 2 + 2));
+    EXPECT_FLOAT_EQ(pose[2], static_cast<float>(row.range / 2 + 3));
+    EXPECT_FLOAT_EQ(pose[3], static_cast<float>(-kPi / 2));
+    EXPECT_FLOAT_EQ(pose[4], static_cast<float>(-kPi / 4));
+    EXPECT_FLOAT_EQ(pose[5], static_cast<float>(-kPi / 2));
+    EXPECT_GT(time, 0);
+    EXPECT_EQ(flock_.GetSensorPose(1)[0], 0.0F);
+  }
+  EXPECT_EQ(CountedAllocations(), 0);
+}
+
+TEST_F(FlockOnALine, ReadsNothingBeforeItIsBooted) {
+  line_.Send(kOne);
+  double time = -1;
+  EXPECT_EQ(flock_.ReadFrame(&time), 0U);
+  EXPECT_EQ(time, -1);
+}
+
+TEST_F(FlockOnALine, AnAnswerThatComesTooLateIsDropped) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  flock_.Poll();
+  EXPECT_EQ(flock_.ReadFrame(nullptr), 0U);
+  line_.Send(kOne);
+  ASSERT_TRUE(WaitUntil([&] { return flock_.InputQueueLength() == 12; }));
+  ScriptedPeer peer(line_, Expect("BB") + Send(kTwo));
+  flock_.Poll();
+  EXPECT_EQ(ReadAll(), std::vector<long>{2});
+  EXPECT_EQ(peer.Verdict(), "");
+}
+
+// ---- Settings ------------------------------------------------------------------------------
+
+TEST_F(FlockOnALine, IsWhatItSays) {
+  EXPECT_EQ(flock_.GetBaudRate(), 115200U);
+  EXPECT_STREQ(flock_.GetDeviceName(), "Ascension Flock");
+  EXPECT_EQ(flock_.GetDeviceType(nullptr, 0), 6);
+  EXPECT_EQ(flock_.GetStatusCode(), 0);
+  EXPECT_EQ(flock_.GetFrameRate(), 144);
+  EXPECT_EQ(flock_.SetComponentMask(4), 0U);
+  EXPECT_EQ(flock_.GetComponentMask(), 3U);
+}
+
+struct HemisphereCase {
+  int sensor;
+  float zenith[3];
+  std::string sent;
+};
+
+TEST_F(FlockOnALine, TellsOneBirdItsHemisphere) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  const HemisphereCase cases[] = {
+      {0, {1, 0, 0}, "\xF0L\x00\x00"s},
+      {1, {-1, 0, 0}, "\xF1L\x00\x01"s},
+      {2, {0, 1, 0}, "\xF2L\x06\x00"s},
+      {3, {0, -1, 0}, "\xF3L\x06\x01"s},
+      {4, {0, 0, 1}, "\xF4L\x0C\x00"s},
+      {14, {0, 0, -1}, "\xFEL\x0C\x01"s},
+      {5, {.5, .5, 0}, "\xF5L\x00\x00"s},
+      {5, {1, -1, 0}, "\xF5L\x00\x00"s},
+      {15, {1, 0, 0}, ""},
+      {80, {1, 0, 0}, ""},
+      {-2, {1, 0, 0}, ""},
+  };
+  std::string all;
+  for (const HemisphereCase& row : cases) {
+    EXPECT_EQ(flock_.SetHemisphere(row.sensor, row.zenith), 0);
+    all += row.sent;
+  }
+  EXPECT_TRUE(line_.Expect(all));
+  EXPECT_EQ(line_.Received(), all);
+}
+
+TEST_F(FlockOnALine, TellsAllBirdsOnTheBusAlsoWhileTheyStream) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  const float down[3] = {0, 0, -1};
+  const Script dialogue =
+      Answer("O!", "\x00\x06\x00\x00\x00"s) + Expect("\xF1L\x0C\x01") + Expect("\xF2L\x0C\x01");
+  ScriptedPeer still(line_, dialogue);
+  EXPECT_EQ(flock_.SetHemisphere(-1, down), 0);
+  EXPECT_EQ(still.Verdict(), "");
+
+  ScriptedPeer streaming(
+      line_, Answer("@", kOne) + Answer("B", kTwo) + dialogue + Expect("@") + Send(kThree));
+  flock_.StartContinuous();
+  ASSERT_TRUE(WaitUntil([&] { return flock_.InputQueueLength() == 12; }));
+  EXPECT_EQ(flock_.SetHemisphere(-1, down), 0);
+  EXPECT_EQ(ReadAll(), std::vector<long>{3});
+  EXPECT_EQ(streaming.Verdict(), "");
+}
+
+}  // namespace
+}  // namespace kinetrel::test

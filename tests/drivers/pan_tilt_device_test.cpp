@@ -1,0 +1,284 @@
+// The pan-tilt head driver against a peer that plays the head; its bytes are written out from the
+// protocol.
+#include "drivers/pan_tilt_device.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "tests/support/allocation_counter.h"
+#include "tests/support/scripted_peer.h"
+
+namespace kinetrel::test {
+namespace {
+
+using namespace std::string_literals;
+using std::chrono::milliseconds;
+
+// ---- The head's side -----------------------------------------------------------------------
+
+std::string Word(int value) {
+  return {static_cast<char>(value & 0xFF), static_cast<char>(value >> 8 & 0xFF)};
+}
+
+std::string Encoders(int pan, int tilt) {
+  return "\x11\x12\x13\x14"s.append(4, '\x7F') + Word(pan) + Word(tilt);
+}
+
+Script Answer(const std::string& request, const std::string& answer) {
+  return Expect(request) + Send(answer);
+}
+
+const std::string kZero = Encoders(0, 0);
+const std::string kOne = Encoders(1000, -2000);
+const std::string kTwo = Encoders(-500, 250);
+
+class HeadOnALine : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(head_.OpenPort(line_.path().c_str(), 115200), 1); }
+
+  BootResult Boot(const Script& script) {
+    ScriptedPeer peer(line_, script);
+    const BootResult result = head_.Boot(0);
+    EXPECT_EQ(peer.Verdict(), "");
+    return result;
+  }
+
+  // With the answer to the boot's own request read.
+  void BootAndRead() {
+    ASSERT_EQ(Boot(Answer("d", kZero) + Expect("Z")), kBooted);
+    ScriptedPeer peer(line_, Answer("d", kZero));
+    ASSERT_EQ(head_.ReadFrame(nullptr), 1U);
+  }
+
+  long Azimuth() { return std::lround(head_.GetSensorEuler(0)[0] * 2000 / kPi); }
+  long Elevation() { return std::lround(head_.GetSensorEuler(0)[1] * 2000 / kPi); }
+
+  PseudoTerminal line_;
+  PanTiltDevice head_;
+};
+
+// ---- Decoding ------------------------------------------------------------------------------
+
+TEST(PanTiltAnswer, WordsFillTheirPlacesAndTheLastPlaceTakesTheRest) {
+  struct Row {
+    std::string bytes;
+    std::size_t count;
+    std::array<int, kPanTiltWords> words;
+  };
+  std::string many;
+  for (int i = 0; i < 12; ++i) many += Word(i);
+  const Row rows[] = {{"", 0, {}},
+                      {"\x01", 0, {}},
+                      {"\x01\x02\x03", 1, {0x201}},
+                      {"\xFF\xFF\x00\x80"s, 2, {-1, -32768}},
+                      {many, 12, {0, 1, 2, 3, 4, 5, 6, 7, 8, 11}}};
+  for (const Row& row : rows) {
+    std::array<int, kPanTiltWords> words{};
+    EXPECT_EQ(DecodePanTilt(std::as_bytes(std::span(row.bytes)), words), row.count);
+    EXPECT_EQ(words, row.words) << Readable(row.bytes);
+  }
+}
+
+// ---- Boot ----------------------------------------------------------------------------------
+
+struct BootStory {
+  const char* name;
+  Script script;
+  BootResult result;
+};
+
+void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
+
+class HeadBoot : public HeadOnALine, public testing::WithParamInterface<BootStory> {};
+
+TEST_P(HeadBoot, Ends) {
+  EXPECT_EQ(Boot(GetParam().script), GetParam().result);
+  EXPECT_EQ(head_.IsBooted(), GetParam().result == kBooted);
+  EXPECT_EQ(head_.GetBaudRate(), 9600U);
+  EXPECT_EQ(head_.GetStatusCode(), 0x103);
+}
+
+Script ThreeTimes(const Script& script) { return script + script + script; }
+
+INSTANTIATE_TEST_SUITE_P(
+    Line, HeadBoot,
+    testing::Values(
+        BootStory{"EncodersOnly", Answer("d", kZero) + Expect("Z"), kBooted},
+        BootStory{"ByteTooFew", ThreeTimes(Answer("d", kZero.substr(1))), kPortNotOpen},
+        BootStory{"ByteTooMany", ThreeTimes(Answer("d", kZero + "x")), kPortNotOpen},
+        BootStory{"Silence", ThreeTimes(Expect("d")), kPortNotOpen},
+        BootStory{"TheRestOfAnOldAnswerComesFirst",
+                  Answer("d", kOne.substr(5) + kZero) + Answer("d", kZero) + Expect("Z"), kBooted},
+        BootStory{"PlugPulled", Expect("d") + HangUp(), kPortNotOpen}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+// ---- Status --------------------------------------------------------------------------------
+
+struct StatusRow {
+  char request;
+  std::size_t bytes;
+  int result;
+  const char* text;
+};
+
+TEST_F(HeadOnALine, TheAnswersLengthIsTheStatus) {
+  const StatusRow rows[] = {
+      {'d', 12, 1, "Encoders only enabled.  12 bytes returned."},
+      {'d', 14, 0, "Encoders only enabled.  14 bytes returned."},
+      {'b', 14, 3, "All data enabled.  14 bytes returned."},
+      {'b', 13, 3, "All data enabled.  13 bytes returned."},
+      {'b', 12, 0, "All data enabled.  12 bytes returned."},
+      {'a', 2, 2, "Alternate data only enabled.  2 bytes returned."},
+      {'a', 11, 2, "Alternate data only enabled.  11 bytes returned."},
+      {'a', 12, 0, "Alternate data only enabled.  12 bytes returned."},
+      {'a', 0, 0, "Alternate data only enabled.  0 bytes returned."},
+      {'q', 12, 0, "Unrecognized data request.  12 bytes returned."},
+      {'\0', 0, 0, "Unrecognized data request.  0 bytes returned."},
+  };
+  for (const StatusRow& row : rows) {
+    ScriptedPeer peer(line_, Answer(std::string(1, row.request), std::string(row.bytes, 'x')));
+    EXPECT_EQ(head_.SetProtocol(row.request), row.request);
+    char text[100] = "";
+    EXPECT_EQ(head_.QueryStatus(text, sizeof text), row.result) << text;
+    EXPECT_STREQ(text, row.text);
+    EXPECT_EQ(peer.Verdict(), "");
+  }
+}
+
+TEST_F(HeadOnALine, AStatusTextNeedsRoom) {
+  char text[40] = "as it was";
+  EXPECT_EQ(head_.QueryStatus(text, 32), 0);
+  EXPECT_STREQ(text, "as it was");
+  EXPECT_EQ(head_.QueryStatus(text, 33), 0);
+  EXPECT_STREQ(text, "Encoders only enabled.  0 bytes ");
+  EXPECT_EQ(head_.QueryStatus(nullptr, 100), 0);
+}
+
+// ---- Frames --------------------------------------------------------------------------------
+
+struct FrameStory {
+  const char* name;
+  Script answer;  // to one request
+  unsigned result;
+  long azimuth = 0;
+  long elevation = 0;
+};
+
+void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
+
+class HeadFrame : public HeadOnALine, public testing::WithParamInterface<FrameStory> {};
+
+// Whatever came before, the next answer is read as it is.
+TEST_P(HeadFrame, IsRead) {
+  BootAndRead();
+  {
+    ScriptedPeer peer(line_, Expect("d") + GetParam().answer);
+    EXPECT_EQ(head_.ReadFrame(nullptr), GetParam().result);
+    EXPECT_EQ(Azimuth(), GetParam().azimuth);
+    EXPECT_EQ(Elevation(), GetParam().elevation);
+    EXPECT_EQ(peer.Verdict(), "");
+  }
+  ScriptedPeer peer(line_, Answer("d", kTwo));
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Azimuth(), 500);
+  EXPECT_EQ(Elevation(), 250);
+  EXPECT_EQ(peer.Verdict(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Line, HeadFrame,
+                         testing::Values(FrameStory{"Clean", Send(kOne), 1, -1000, -2000},
+                                         FrameStory{"InTwoPieces",
+                                                    Send(kOne.substr(0, 7)) +
+                                                        Wait(milliseconds(3)) +
+                                                        Send(kOne.substr(7)),
+                                                    1, -1000, -2000},
+                                         FrameStory{"Cut", Send(kOne.substr(0, 11)), 0},
+                                         FrameStory{"WithNoise", Send("\x55" + kOne), 0},
+                                         FrameStory{"AFlood", Send(std::string(300, '\x0C')), 0},
+                                         FrameStory{"Silence", {}, 0}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(HeadOnALine, TheFirstFrameIsOfTheAnswerLeftByTheBoot) {
+  ASSERT_EQ(Boot(Answer("d", kOne) + Expect("Z")), kBooted);
+  ScriptedPeer peer(line_, Answer("d", kTwo));
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Azimuth(), -1000);
+  EXPECT_EQ(head_.InputQueueLength(), 0U);  // that to the frame's own poll does not lag behind
+}
+
+TEST_F(HeadOnALine, AFrameTellsItsTimeAndTurnsNothingElse) {
+  BootAndRead();
+  ScriptedPeer peer(line_, Answer("d", kOne));
+  head_.Poll();
+  double time = -1;
+  CountAllocations(true);
+  EXPECT_EQ(head_.ReadFrame(&time), 1U);
+  CountAllocations(false);
+  EXPECT_EQ(CountedAllocations(), 0);
+  EXPECT_GT(time, 0);
+  const float* const pose = head_.GetSensorPose(0);
+  EXPECT_FLOAT_EQ(pose[3], static_cast<float>(-kPi / 2));
+  EXPECT_FLOAT_EQ(pose[4], static_cast<float>(-kPi));
+  EXPECT_EQ(pose[0], 0.0F);
+  EXPECT_EQ(pose[5], 0.0F);
+  EXPECT_EQ(peer.Verdict(), "");
+}
+
+// The answer that was too late comes together with the next one.
+TEST_F(HeadOnALine, ALateAnswerDelaysNoLaterOne) {
+  BootAndRead();
+  head_.Poll();
+  EXPECT_EQ(head_.ReadFrame(nullptr), 0U);
+  ScriptedPeer late(line_, Expect("d") + Answer("d", kOne + kTwo));
+  head_.Poll();
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Azimuth(), -1000);
+  EXPECT_EQ(late.Verdict(), "");
+  ScriptedPeer next(line_, Answer("d", kZero));
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Azimuth(), 0);
+}
+
+TEST_F(HeadOnALine, NothingIsReadFromAHeadThatIsNotThere) {
+  EXPECT_EQ(head_.ReadFrame(nullptr), 0U);  // not booted
+  BootAndRead();
+  line_.HangUp();
+  double time = -1;
+  EXPECT_EQ(head_.ReadFrame(&time), 0U);
+  EXPECT_EQ(time, -1);
+  EXPECT_TRUE(head_.LineLost());
+}
+
+// ---- Settings ------------------------------------------------------------------------------
+
+TEST_F(HeadOnALine, IsWhatItSays) {
+  EXPECT_STREQ(head_.GetDeviceName(), "Fakespace PanTiltHead");
+  EXPECT_EQ(head_.GetDeviceType(nullptr, 0), 20);
+  EXPECT_EQ(head_.GetStatusCode(), 0);
+  EXPECT_EQ(head_.GetFrameRate(), 30);
+  EXPECT_EQ(head_.SetComponentMask(7), 2U);
+  EXPECT_EQ(head_.GetComponentMask(), 2U);
+}
+
+TEST_F(HeadOnALine, TheProtocolIsTheRequest) {
+  BootAndRead();
+  EXPECT_EQ(head_.SetProtocol('b'), 'b');
+  ScriptedPeer all(line_, Answer("b", kOne + "\x01\x02"));
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Azimuth(), -1000);
+  EXPECT_EQ(all.Verdict(), "");
+
+  EXPECT_EQ(head_.SetProtocol('a'), 'a');
+  ScriptedPeer alternate(line_, Answer("a", "\x01\x02") + Answer("a", "\x01\x02"));
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Azimuth(), -1000);
+  EXPECT_EQ(alternate.Verdict(), "");
+
+  EXPECT_EQ(head_.SetProtocol(0x164), 0x64);
+  EXPECT_EQ(head_.GetProtocol(), 0x164);
+}
+
+}  // namespace
+}  // namespace kinetrel::test

@@ -1,0 +1,81 @@
+// The whole road with real processes: kinetrel-emulate, kinetrel on its port, and this process as
+// the client.
+#pragma once
+
+#include <unistd.h>
+#include <csignal>
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "publish/shared_track_reader.h"
+#include "tests/support/child_process.h"
+#include "tests/support/free_slot.h"
+
+namespace kinetrel::test {
+
+class EmulatedRun {
+ public:
+  // Starts both; arguments beyond the device, its type, the port and the slot are the test's.
+  EmulatedRun(const std::string& device, int type, std::vector<std::string> ofEmulator = {},
+              std::vector<std::string> ofTracker = {})
+      : link_(MakeLink()), reader_(slot_.device()) {
+    ofEmulator.insert(ofEmulator.begin(), {device, "--link", link_});
+    emulator_.emplace("kinetrel-emulate", ofEmulator);
+    WaitUntil([this] { return std::filesystem::is_symlink(link_); });
+    ofTracker.insert(ofTracker.begin(),
+                     {"-d", std::to_string(type), "-p", "1", "-w", std::to_string(slot_.slot())});
+    tracker_.emplace(
+        "kinetrel", ofTracker,
+        ChildProcess::Options{.environment = {{"KINETREL_COM1", link_}}, .emptyInput = true});
+  }
+
+  // What a client gets until `count` frames have been published since its first one; fewer when
+  // they do not come in time. A client may oversleep frames: frameCount tells how many.
+  std::vector<SharedTrackBlock> Watch(int count,
+                                      std::chrono::milliseconds patience = 3 * kPatience) {
+    std::vector<SharedTrackBlock> seen;
+    int last = 0;
+    WaitUntil(
+        [&] {
+          SharedTrackBlock block{};
+          if (!reader_.OpenOnly(0) || !reader_.WaitForFrame(last, Milliseconds(100)) ||
+              !reader_.Copy(block, Milliseconds(1000)) || block.frameCount <= last) {
+            return false;
+          }
+          last = block.frameCount;
+          seen.push_back(block);
+          return last - seen.front().frameCount >= count;
+        },
+        patience);
+    return seen;
+  }
+
+  ChildProcess& emulator() { return *emulator_; }
+  ChildProcess& tracker() { return *tracker_; }
+
+  // Ends the tracker as a user would; its exit code.
+  int Stop() {
+    tracker_->Signal(SIGINT);
+    return tracker_->Wait();
+  }
+
+ private:
+  static std::string MakeLink() {
+    static int runs = 0;
+    const std::string name =
+        "kinetrel-run-" + std::to_string(getpid()) + "-" + std::to_string(++runs);
+    return std::filesystem::temp_directory_path() / name;
+  }
+
+  FreeSlot slot_;
+  std::string link_;
+  SharedTrackReader reader_;
+  std::optional<ChildProcess> emulator_;
+  std::optional<ChildProcess> tracker_;
+};
+
+}  // namespace kinetrel::test
