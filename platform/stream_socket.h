@@ -1,0 +1,127 @@
+// TCP: connecting, listening, sending and receiving, each step with one deadline.
+//
+// Every socket carries keep-alive (idle 30 s, then 3 probes 10 s apart) and sends small messages
+// at once. A peer that has gone is a failed step, never a signal.
+//
+// Errors   NotFound: no such host. Denied: not permitted. Busy: the address is taken. TimedOut: the
+//          deadline passed. Closed: the far end refused, ended or broke the connection. NoSpace:
+//          the system's limit. Else Failed, with the system's number.
+// Memory   nothing is allocated but where it says so.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/clock.h"
+#include "platform/status.h"
+
+namespace kinetrel {
+
+// An address and port in the system's own form.
+struct StreamAddress {
+  alignas(8) std::array<std::byte, 128> bytes{};
+  std::uint32_t length = 0;
+  int family = 0;
+};
+
+class StreamListener;
+struct StreamWait;
+
+// One connection.
+//
+// Threads  one at a time.
+class StreamSocket {
+ public:
+  // Allocates only to word a failure.
+  static Result<StreamSocket> Connect(const StreamAddress& to, const Deadline& deadline);
+
+  StreamSocket(StreamSocket&& other) noexcept : handle_(other.Release()) {}
+  StreamSocket& operator=(StreamSocket&& other) noexcept;
+  ~StreamSocket() { Close(); }
+
+  // Sends all of `bytes`. After a failure some may have gone: the connection is of no more use.
+  Status Send(std::span<const std::byte> bytes, const Deadline& deadline);
+
+  // Receives at least one byte and at most what fits. Closed: the far end ended the connection.
+  Result<std::size_t> Receive(std::span<std::byte> into, const Deadline& deadline);
+
+  // The same without waiting: 0 when there is no room, or nothing there.
+  Result<std::size_t> SendSome(std::span<const std::byte> bytes);
+  Result<std::size_t> ReceiveSome(std::span<std::byte> into);
+
+  // Open, and nothing has come that was not received.
+  bool IsQuiet() const;
+
+ private:
+  friend StreamListener;
+  friend void WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
+  explicit StreamSocket(std::intptr_t handle) : handle_(handle) {}
+  std::intptr_t Release();
+  void Close();
+
+  std::intptr_t handle_;
+};
+
+// Connects by name. A look-up that takes too long is left to itself, and taken up again by the next
+// attempt at the same name: there is never more than one for each object and name.
+//
+// Threads  one at a time.
+class StreamConnector {
+ public:
+  // Tries the addresses of `host` in turn; numeric ones are not looked up. Allocates.
+  Result<StreamSocket> Connect(const std::string& host, std::uint16_t port,
+                               const Deadline& deadline);
+
+ private:
+  struct LookUp;  // posix/host_lookup.cpp
+  Result<std::vector<StreamAddress>> Resolve(const std::string& host, std::uint16_t port,
+                                             const Deadline& deadline);
+
+  std::shared_ptr<LookUp> pending_;
+};
+
+// A port that takes connections.
+//
+// Threads  one at a time.
+class StreamListener {
+ public:
+  // address  numeric, IPv4 or IPv6 ("0.0.0.0" for all of the machine's). Allocates.
+  // port     0: any that is free; see port().
+  static Result<StreamListener> Open(const std::string& address, std::uint16_t port);
+
+  StreamListener(StreamListener&& other) noexcept;
+  StreamListener& operator=(StreamListener&&) = delete;
+  ~StreamListener();
+
+  // The next connection that waits. TimedOut: none does.
+  Result<StreamSocket> Accept();
+
+  std::uint16_t port() const;
+
+ private:
+  friend void WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
+  explicit StreamListener(std::intptr_t handle) : handle_(handle) {}
+
+  std::intptr_t handle_;
+};
+
+// One connection to wait for.
+struct StreamWait {
+  const StreamSocket* socket = nullptr;
+  bool forRoom = false;  // to send; else for something to receive
+  bool ready = false;    // set by the wait
+};
+
+inline constexpr std::size_t kMostStreamWaits = 255;
+
+// Waits until the listener (null: none) has a connection or one of `waits` is ready, which may also
+// mean that it has ended. Only the first kMostStreamWaits are looked at.
+void WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
+                    Milliseconds timeout);
+
+}  // namespace kinetrel

@@ -1,0 +1,115 @@
+// Real connections on loopback, and what becomes of a step whose far end does not play along.
+#include "platform/stream_socket.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string_view>
+#include <thread>
+
+#include "tests/support/wait_until.h"
+
+namespace kinetrel::test {
+namespace {
+
+using std::chrono::steady_clock;
+
+class Pair : public testing::Test {
+ protected:
+  void SetUp() override {
+    StreamConnector connector;
+    auto near = connector.Connect("127.0.0.1", listener_.port(), Deadline(kPatience));
+    ASSERT_TRUE(near.Ok()) << Describe(near.status());
+    near_ = std::move(*near);
+    ASSERT_TRUE(WaitUntil([&] {
+      auto far = listener_.Accept();
+      if (far.Ok()) far_ = std::move(*far);
+      return far.Ok();
+    }));
+  }
+
+  StreamListener listener_ = std::move(*StreamListener::Open("127.0.0.1", 0));
+  std::optional<StreamSocket> near_, far_;
+  std::array<std::byte, 256> buffer_{};
+};
+
+std::span<const std::byte> Bytes(std::string_view text) { return std::as_bytes(std::span(text)); }
+
+TEST_F(Pair, CarriesBytesBothWaysAndTellsTheEnd) {
+  EXPECT_TRUE(near_->IsQuiet());
+  ASSERT_TRUE(far_->Send(Bytes("hello"), Deadline(kPatience)).Ok());
+  ASSERT_TRUE(WaitUntil([&] { return !near_->IsQuiet(); }));
+  const auto got = near_->Receive(buffer_, Deadline(kPatience));
+  ASSERT_TRUE(got.Ok());
+  EXPECT_EQ(*got, 5U);
+  EXPECT_EQ(*near_->ReceiveSome(buffer_), 0U);
+
+  far_.reset();
+  EXPECT_EQ(near_->Receive(buffer_, Deadline(kPatience)).status().error, Error::Closed);
+  EXPECT_FALSE(near_->IsQuiet());
+  // The second one meets a broken connection: a result, not a signal.
+  Status last;
+  EXPECT_TRUE(WaitUntil([&] {
+    last = near_->Send(Bytes("x"), Deadline(Milliseconds(10)));
+    return !last.Ok();
+  }));
+  EXPECT_EQ(last.error, Error::Closed);
+}
+
+TEST_F(Pair, WaitsNoLongerThanTheDeadline) {
+  const auto start = steady_clock::now();
+  const auto got = near_->Receive(buffer_, Deadline(Milliseconds(100)));
+  EXPECT_EQ(got.status().error, Error::TimedOut);
+  // A far end that does not read: the system's buffers fill, and the time runs out.
+  const std::vector<std::byte> much(64 << 20);
+  const Status sent = near_->Send(much, Deadline(Milliseconds(100)));
+  EXPECT_EQ(sent.error, Error::TimedOut);
+  EXPECT_GE(steady_clock::now() - start, std::chrono::milliseconds(200));
+  EXPECT_LT(steady_clock::now() - start, kPatience);
+}
+
+TEST_F(Pair, IsWaitedForTogetherWithOthers) {
+  std::array<StreamWait, 2> waits = {{{&*near_, false}, {&*far_, true}}};
+  WaitForStreams(&listener_, waits, kPatience);
+  EXPECT_FALSE(waits[0].ready);
+  EXPECT_TRUE(waits[1].ready);
+  ASSERT_TRUE(far_->Send(Bytes("x"), Deadline(kPatience)).Ok());
+  WaitForStreams(nullptr, std::span(waits).first(1), kPatience);
+  EXPECT_TRUE(waits[0].ready);
+}
+
+TEST(StreamConnector, TellsWhyThereIsNoConnection) {
+  StreamConnector connector;
+  std::uint16_t port = 0;
+  {
+    const auto listener = StreamListener::Open("127.0.0.1", 0);
+    ASSERT_TRUE(listener.Ok());
+    port = listener->port();
+    EXPECT_EQ(StreamListener::Open("127.0.0.1", port).status().error, Error::Busy);
+  }
+  const Deadline end(kPatience);
+  EXPECT_EQ(connector.Connect("127.0.0.1", port, end).status().error, Error::Closed);
+  EXPECT_EQ(connector.Connect("", port, end).status().error, Error::NotFound);
+  EXPECT_EQ(StreamListener::Open("nobody.invalid", 0).status().error, Error::NotFound);
+}
+
+// However long the system looks for a name, the caller is back in time, and asks again as often as
+// it likes.
+TEST(StreamConnector, DoesNotWaitForALookUpBeyondTheDeadline) {
+  StreamConnector connector;
+  for (int i = 0; i < 20; ++i) {
+    const auto start = steady_clock::now();
+    EXPECT_FALSE(connector.Connect("nobody.invalid", 9, Deadline(Milliseconds(20))).Ok());
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(5));
+  }
+}
+
+TEST(StreamConnector, FindsTheMachineByName) {
+  const auto listener = StreamListener::Open("127.0.0.1", 0);
+  ASSERT_TRUE(listener.Ok());
+  StreamConnector connector;
+  EXPECT_TRUE(connector.Connect("localhost", listener->port(), Deadline(kPatience)).Ok());
+}
+
+}  // namespace
+}  // namespace kinetrel::test
