@@ -54,6 +54,10 @@ class StreamSocket {
   Result<std::size_t> SendSome(std::span<const std::byte> bytes);
   Result<std::size_t> ReceiveSome(std::span<std::byte> into);
 
+  // How many bytes of each direction the system may hold for this connection, roughly. Without,
+  // a far end that does not read may have it hold megabytes.
+  void LimitBuffers(int bytes);
+
   // Open, and nothing has come that was not received.
   bool IsQuiet() const;
 

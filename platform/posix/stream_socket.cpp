@@ -17,7 +17,7 @@ namespace kinetrel {
 namespace {
 
 constexpr std::intptr_t kNoHandle = -1;
-constexpr int kBacklog = 64;
+constexpr int kBacklog = 256;  // beyond it, the system lets connections wait a second
 constexpr std::int64_t kLongestPoll = 1'000'000;  // ms
 
 int FdOf(std::intptr_t handle) { return static_cast<int>(handle); }
@@ -160,6 +160,11 @@ Result<std::size_t> StreamSocket::Receive(std::span<std::byte> into, const Deadl
     const Result<std::size_t> got = ReceiveSome(into);
     if (!got.Ok() || *got > 0) return got;
   }
+}
+
+void StreamSocket::LimitBuffers(int bytes) {
+  SetOption(FdOf(handle_), SOL_SOCKET, SO_SNDBUF, bytes);
+  SetOption(FdOf(handle_), SOL_SOCKET, SO_RCVBUF, bytes);
 }
 
 bool StreamSocket::IsQuiet() const {

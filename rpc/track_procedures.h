@@ -1,0 +1,86 @@
+// The three procedures of a tracking service, and how their arguments and replies are written.
+//
+//   20  in key            out engine, sensor   whether the service has the mapping
+//   14  in engine, id     out value            a whole-number attribute of the engine
+//   37  in key, filter,   out values           numbers of a mapping (filter -1) or its filter
+//          id, count
+//
+// All are 4-byte values, one after the other; a reply ends with the procedure's truth value. Peers
+// differ in how they write it (1 byte or 4) and whether an array comes with its count in front; the
+// length of a reply tells them apart.
+//
+// Memory   nothing here allocates.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "rpc/octets.h"
+
+namespace kinetrel::rpc {
+
+enum class Procedure : std::uint16_t { GetAttribute = 14, GetMapping = 20, GetFloats = 37 };
+
+inline constexpr std::uint16_t kTrackPort = 5437;
+inline constexpr std::size_t kMostFloats = 64;  // of one call
+inline constexpr std::size_t kLongestArguments = 24;
+inline constexpr std::size_t kLongestReply = 4 + kMostFloats * 4 + 4;
+
+using TrackKey = std::array<std::int32_t, 3>;  // device, bin, pose slot: as the engine names it
+
+struct AttributeArguments {
+  std::int32_t engine = 0;
+  std::int32_t id = 0;
+};
+
+struct FloatsArguments {
+  TrackKey key{};
+  std::int32_t filter = -1;
+  std::int32_t id = 0;
+  std::int32_t count = 0;
+};
+
+struct MappingReply {
+  bool found = false;
+  std::int32_t engine = 0;
+  std::int32_t sensor = 0;
+};
+
+struct AttributeReply {
+  bool known = false;
+  std::int32_t value = 0;
+};
+
+struct AnglesReply {
+  bool known = false;
+  std::array<float, 3> values{};  // may be no numbers at all
+};
+
+// ---- The client's side -----------------------------------------------------------------------
+// The readers answer nothing for a stub that is none of the forms.
+
+void WriteKey(OctetWriter& out, const TrackKey& key);
+void WriteArguments(OctetWriter& out, const AttributeArguments& arguments);
+void WriteArguments(OctetWriter& out, const FloatsArguments& arguments);
+
+std::optional<MappingReply> ReadMappingReply(std::span<const std::byte> stub, ByteOrder order);
+std::optional<AttributeReply> ReadAttributeReply(std::span<const std::byte> stub, ByteOrder order);
+std::optional<AnglesReply> ReadAnglesReply(std::span<const std::byte> stub, ByteOrder order);
+
+// ---- The server's side -----------------------------------------------------------------------
+// The readers answer nothing for a stub that is too short; what is too much is ignored.
+
+std::optional<TrackKey> ReadKey(std::span<const std::byte> stub, ByteOrder order);
+std::optional<AttributeArguments> ReadAttributeArguments(std::span<const std::byte> stub,
+                                                         ByteOrder order);
+std::optional<FloatsArguments> ReadFloatsArguments(std::span<const std::byte> stub,
+                                                   ByteOrder order);
+
+void WriteReply(OctetWriter& out, const MappingReply& reply);
+void WriteReply(OctetWriter& out, const AttributeReply& reply);
+void WriteFloatsReply(OctetWriter& out, bool known, std::span<const float> values);
+
+}  // namespace kinetrel::rpc

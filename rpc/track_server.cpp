@@ -1,0 +1,121 @@
+#include "rpc/track_server.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kinetrel::rpc {
+namespace {
+
+// How soon a stop, and a client that is late, are noticed.
+constexpr Milliseconds kStep{100};
+// A listener whose connections cannot be taken stays ready: not to be spun on.
+constexpr Milliseconds kAcceptRest{200};
+// What the system may hold of a client: several messages either way.
+constexpr int kSystemBuffer = 16384;
+
+}  // namespace
+
+TrackServer::TrackServer(StreamListener listener, TrackProcedures& procedures)
+    : listener_(std::move(listener)),
+      procedures_(procedures),
+      endpoint_(std::to_string(listener_.port())) {
+  clients_.reserve(kMostClients);
+  waits_.reserve(kMostClients);
+}
+
+TrackServer::~TrackServer() { Stop(); }
+
+Status TrackServer::Start() {
+  Result<Thread> thread = Thread::Start([this] { Run(); });
+  if (thread.Ok()) thread_ = std::move(*thread);
+  return thread.status();
+}
+
+void TrackServer::Stop() {
+  stop_ = true;
+  if (thread_) thread_->Wait(kForever);
+  thread_.reset();
+}
+
+void TrackServer::Run() {
+  while (!stop_) {
+    Wait();
+    moreToDo_ = false;
+    for (std::size_t i = 0; i < clients_.size(); ++i) {
+      if (!Serve(*clients_[i], waits_[i].ready)) clients_[i] = nullptr;
+    }
+    std::erase(clients_, nullptr);
+    AcceptWaiting();
+    clientCount_ = clients_.size();
+  }
+  clients_.clear();
+}
+
+void TrackServer::Wait() {
+  waits_.clear();
+  for (const auto& client : clients_) {
+    waits_.push_back({&client->socket, !client->session.Output().empty(), false});
+  }
+  const StreamListener* const listener = acceptAgain_.Passed() ? &listener_ : nullptr;
+  WaitForStreams(listener, waits_, moreToDo_ ? Milliseconds(0) : kStep);
+}
+
+// ---- Connections -----------------------------------------------------------------------------
+
+void TrackServer::AcceptWaiting() {
+  // As many as there is room for in one round, so that those who come do not starve those served.
+  for (std::size_t i = 0; i < kMostClients && acceptAgain_.Passed(); ++i) {
+    Result<StreamSocket> socket = listener_.Accept();
+    if (socket.Ok()) {
+      Admit(std::move(*socket));
+    } else if (socket.status().error == Error::TimedOut) {
+      return;
+    } else {
+      acceptAgain_ = Deadline(kAcceptRest);
+    }
+  }
+}
+
+void TrackServer::Admit(StreamSocket socket) {
+  if (clients_.size() >= kMostClients) {
+    const auto idlest = std::max_element(
+        clients_.begin(), clients_.end(),
+        [](const auto& a, const auto& b) { return a->session.Idle() < b->session.Idle(); });
+    if ((*idlest)->session.Idle() < kIdleLimit) return;
+    clients_.erase(idlest);
+  }
+  socket.LimitBuffers(kSystemBuffer);
+  if (++lastGroup_ == 0) ++lastGroup_;
+  clients_.push_back(std::unique_ptr<Client>(
+      new Client{std::move(socket), ServerSession(procedures_, lastGroup_, endpoint_)}));
+}
+
+// ---- One client ------------------------------------------------------------------------------
+
+// False: the connection is over.
+bool TrackServer::Serve(Client& client, bool ready) {
+  if (ready && !TakeInput(client)) return false;
+  // One message a round: a client that sends many at once waits its turn with the others.
+  client.session.Work();
+  if (!GiveOutput(client) || client.session.IsOver()) return false;
+  moreToDo_ |= client.session.HasWork();
+  return true;
+}
+
+bool TrackServer::TakeInput(Client& client) {
+  const std::span<std::byte> room = client.session.InputRoom();
+  if (room.empty()) return true;
+  const Result<std::size_t> got = client.socket.ReceiveSome(room);
+  if (got.Ok()) client.session.Received(*got);
+  return got.Ok();
+}
+
+bool TrackServer::GiveOutput(Client& client) {
+  const std::span<const std::byte> output = client.session.Output();
+  if (output.empty()) return true;
+  const Result<std::size_t> sent = client.socket.SendSome(output);
+  if (sent.Ok()) client.session.Sent(*sent);
+  return sent.Ok();
+}
+
+}  // namespace kinetrel::rpc
