@@ -1,0 +1,67 @@
+#include "platform/dynamic_library.h"
+
+#include <dlfcn.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <vector>
+
+namespace kinetrel {
+namespace {
+
+// A library looks for a function first among the program's: with ours of the same name there, it
+// would call us where it means itself. The sanitizers cannot live with this flag.
+#if defined(RTLD_DEEPBIND) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+constexpr int kOwnFunctionsFirst = RTLD_DEEPBIND;
+#else
+constexpr int kOwnFunctionsFirst = 0;
+#endif
+
+std::string Stem(const std::string& name) { return name.substr(0, name.find('.')); }
+
+const char* ChosenFile(const std::string& name) {
+  std::string variable = "KINETREL_";
+  for (const char letter : Stem(name)) {
+    variable += static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
+  }
+  const char* const file = std::getenv(variable.c_str());
+  return file != nullptr && *file != '\0' ? file : nullptr;
+}
+
+std::vector<std::string> Candidates(const std::string& name) {
+  if (name.find('/') != std::string::npos) return {name};
+  if (const char* const file = ChosenFile(name)) return {file};
+  return {"lib" + Stem(name) + ".so", name};
+}
+
+// The first failure is the one that a user can act on.
+void NoteFailure(std::string* why) {
+  const char* const text = ::dlerror();
+  if (why != nullptr && why->empty() && text != nullptr) *why = text;
+}
+
+}  // namespace
+
+Result<DynamicLibrary> DynamicLibrary::Load(const std::string& name, std::string* why) {
+  if (why != nullptr) why->clear();
+  for (const std::string& file : Candidates(name)) {
+    void* const handle = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | kOwnFunctionsFirst);
+    if (handle != nullptr) return DynamicLibrary(handle);
+    NoteFailure(why);
+  }
+  return Status{Error::NotFound, ENOENT, "loading a library"};
+}
+
+DynamicLibrary::~DynamicLibrary() {
+  if (handle_ != nullptr) ::dlclose(handle_);
+}
+
+// The system has no number of its own for a missing function.
+Status DynamicLibrary::Find(const char* function, AnyFunction& found) const {
+  found = reinterpret_cast<AnyFunction>(::dlsym(handle_, function));
+  if (found != nullptr) return {};
+  return {Error::NotFound, ENOSYS, "looking up a function"};
+}
+
+}  // namespace kinetrel
