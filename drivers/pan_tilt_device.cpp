@@ -45,7 +45,7 @@ constexpr double kRadiansPerCount = kPi / 2000.0;
 
 // An answer of 12 bytes takes 13 at this rate. But a USB adapter hands over what it has every 16,
 // and the machine may be busy.
-constexpr int kPatience = 50;
+constexpr int kPatience = 100;
 constexpr int kExcess = 20;  // more than an answer should have would come in this time
 constexpr int kSilence = 10;
 constexpr int kMostNoise = 5;  // silences waited for in vain

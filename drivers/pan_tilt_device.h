@@ -45,7 +45,7 @@ class PanTiltDevice final : public TrackerDevice {
   // elevation of sensor 0.
   //
   // Returns  1, also for alternate data, which leave the pose as it is; 0 when nothing came within
-  //          50 ms or its length is wrong.
+  //          100 ms or its length is wrong.
   unsigned ReadFrame(double* sampleTime) override;
 
   void Poll() override;
