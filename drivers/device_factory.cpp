@@ -8,6 +8,7 @@
 #include "drivers/joystick.h"
 #include "drivers/logitech_device.h"
 #include "drivers/pan_tilt_device.h"
+#include "drivers/relay_device.h"
 
 namespace kinetrel {
 namespace {
@@ -31,7 +32,7 @@ struct DriverRow {
 constexpr DriverRow kDrivers[] = {
     {1, Make<PanTiltDevice>},  {2, MakeFastrak},          {3, Make<FlockDevice>},
     {4, Make<LogitechDevice>}, {8, Make<KeyboardDevice>}, {9, Make<IntertraxDevice>},
-    {12, Make<GpsDevice>},
+    {11, Make<RelayDevice>},   {12, Make<GpsDevice>},
 };
 
 }  // namespace
