@@ -1,0 +1,100 @@
+// The InterSense library, bound while the program runs, and the 20 functions of its C interface as
+// this program exports them.
+//
+// Every result is a flag, nonzero for success, but where it says otherwise. Handles are 1 and more;
+// stations count from 1.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "drivers/isense_records.h"
+#include "platform/dynamic_library.h"
+
+namespace kinetrel {
+
+// What the library exports; null: it does not, or is not loaded.
+struct IsenseCalls {
+  int (*openTracker)(void* window, std::uint32_t port, int infoScreen, int verbose) = nullptr;
+  std::uint32_t (*openAllTrackers)(void* window, int* handles, int infoScreen,
+                                   int verbose) = nullptr;
+  int (*closeTracker)(int handle) = nullptr;
+  int (*getCommInfo)(int handle, IsenseTrackerInfo* info) = nullptr;
+  int (*getTrackerConfig)(int handle, IsenseTrackerInfo* info, int verbose) = nullptr;
+  int (*setTrackerConfig)(int handle, IsenseTrackerInfo* info, int verbose) = nullptr;
+  int (*getStationConfig)(int handle, IsenseStationInfo* info, std::uint16_t station,
+                          int verbose) = nullptr;
+  int (*setStationConfig)(int handle, IsenseStationInfo* info, std::uint16_t station,
+                          int verbose) = nullptr;
+  int (*getData)(int handle, IsenseTrackerData* data) = nullptr;
+  int (*getCameraData)(int handle, void* data) = nullptr;
+  int (*sendScript)(int handle, const char* script) = nullptr;
+  int (*numOpenTrackers)(std::uint16_t* count) = nullptr;
+  int (*resetHeading)(int handle, std::uint16_t station) = nullptr;
+  int (*boresight)(int handle, std::uint16_t station, int on) = nullptr;
+  int (*boresightReferenced)(int handle, std::uint16_t station, float yaw, float pitch,
+                             float roll) = nullptr;
+  float (*getTime)() = nullptr;
+  int (*configureFromFile)(int handle, const char* path, int verbose) = nullptr;
+  int (*auxOutput)(int handle, std::uint8_t station, std::uint8_t* bytes,
+                   std::uint32_t count) = nullptr;
+  int (*udpBroadcastData)(int handle, std::uint32_t port, IsenseTrackerData* data,
+                          void* cameraData) = nullptr;
+  int (*getSystemHardwareInfo)(int handle, void* info) = nullptr;
+};
+
+// The process's one binding: the library counts its trackers for the process.
+//
+// Threads  one at a time, as for the devices that use it.
+class IsenseLibrary {
+ public:
+  static IsenseLibrary& OfProcess();
+
+  // Loads the library unless it is. What is missing, the library or a function, is reported on the
+  // standard error stream.
+  bool Load();
+
+  void UnloadIfUnused();  // when it says that no tracker is open
+
+  bool IsLoaded() const { return module_.has_value(); }
+  const IsenseCalls& calls() const { return calls_; }
+
+ private:
+  IsenseLibrary() = default;
+  void BindAll();
+  template <typename Call>
+  void Bind(const char* name, Call& call, Call own);
+
+  std::optional<DynamicLibrary> module_;
+  IsenseCalls calls_;
+};
+
+}  // namespace kinetrel
+
+// A call whose function is not bound returns 0. Opening loads the library first, closing unloads it
+// with the last tracker.
+extern "C" {
+int ISD_OpenTracker(void* window, std::uint32_t port, int infoScreen, int verbose);
+std::uint32_t ISD_OpenAllTrackers(void* window, int* handles, int infoScreen, int verbose);
+int ISD_CloseTracker(int handle);
+int ISD_GetCommInfo(int handle, kinetrel::IsenseTrackerInfo* info);
+int ISD_GetTrackerConfig(int handle, kinetrel::IsenseTrackerInfo* info, int verbose);
+int ISD_SetTrackerConfig(int handle, kinetrel::IsenseTrackerInfo* info, int verbose);
+int ISD_GetStationConfig(int handle, kinetrel::IsenseStationInfo* info, std::uint16_t station,
+                         int verbose);
+int ISD_SetStationConfig(int handle, kinetrel::IsenseStationInfo* info, std::uint16_t station,
+                         int verbose);
+int ISD_GetData(int handle, kinetrel::IsenseTrackerData* data);
+int ISD_GetCameraData(int handle, void* data);
+int ISD_SendScript(int handle, const char* script);
+int ISD_NumOpenTrackers(std::uint16_t* count);
+int ISD_ResetHeading(int handle, std::uint16_t station);
+int ISD_Boresight(int handle, std::uint16_t station, int on);
+int ISD_BoresightReferenced(int handle, std::uint16_t station, float yaw, float pitch, float roll);
+float ISD_GetTime();
+int ISD_ConfigureFromFile(int handle, const char* path, int verbose);
+int ISD_AuxOutput(int handle, std::uint8_t station, std::uint8_t* bytes, std::uint32_t count);
+int ISD_UdpBroadcastData(int handle, std::uint32_t port, kinetrel::IsenseTrackerData* data,
+                         void* cameraData);
+int ISD_GetSystemHardwareInfo(int handle, void* info);
+}
