@@ -28,7 +28,7 @@ struct IsenseTrackerInfo {
 static_assert(sizeof(IsenseTrackerInfo) == 84);
 
 // How a station tells its orientation.
-enum class IsenseAngleFormat : std::uint32_t { Euler = 1, Quaternion = 2 };
+enum class IsenseAngleFormat : std::uint32_t { AsEuler = 1, AsQuaternion = 2 };
 
 struct IsenseStationInfo {
   std::uint32_t id = 0;

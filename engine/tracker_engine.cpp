@@ -12,6 +12,9 @@ namespace {
 
 constexpr int kBaud = 115200;  // every driver that needs another sets it itself
 
+// What its library delivers from the start, whatever was configured before.
+constexpr int kIsenseType = 6;
+
 // Types that once had a driver; refused by name.
 struct RetiredType {
   int type;
@@ -49,6 +52,7 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
   if (resetConfiguration) state_->config = StartConfig{};
   state_->config.deviceType = deviceType;
   state_->config.port = port;
+  if (deviceType == kIsenseType) state_->config.componentMask = kEulerComponent;
   const OpenResult result = Attach(lock);
   if (result != OpenResult::Opened) return result;
 
