@@ -126,11 +126,15 @@ bool Child::Join() {
   return joined_ && status == 0;
 }
 
-void ThrowAwayOutput() {
+void ThrowAwayErrors() {
   const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  ::dup2(nowhere, STDOUT_FILENO);
   ::dup2(nowhere, STDERR_FILENO);
   ::close(nowhere);
+}
+
+void ThrowAwayOutput() {
+  ThrowAwayErrors();
+  ::dup2(STDERR_FILENO, STDOUT_FILENO);
 }
 
 void RunProgram(const std::string& name, const std::vector<std::string>& arguments) {

@@ -81,7 +81,8 @@ class Child {
   bool joined_ = false;
 };
 
-void ThrowAwayOutput();  // of this process, from now on
+void ThrowAwayErrors();  // what this process prints on standard error, from now on
+void ThrowAwayOutput();  // on both streams
 
 // Becomes one of the project's own programs, with a standard input that stays silent and its output
 // thrown away; for a child's body.
