@@ -21,10 +21,14 @@ quietly() {
 
 # ---- Packages ------------------------------------------------------------------------------------
 
-# has NEED: a need is the package's name, or command:package, or header.h:package.
+# has NEED: a need is the package's name, or command:package, header.h:package, -flag:package (one of
+# clang++ that links a runtime).
 has() {
   local probe=${1%%:*}
-  if [[ $probe == *.h ]]; then
+  if [[ $probe == -f* ]]; then
+    echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
+      clang++ "$probe" -x c++ - -o /dev/null >/dev/null 2>&1
+  elif [[ $probe == *.h ]]; then
     echo "#include <$probe>" | g++ -E -x c++ - >/dev/null 2>&1
   else
     command -v "$probe" >/dev/null
