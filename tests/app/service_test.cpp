@@ -1,0 +1,288 @@
+// Machines in a row, as processes on this one: services with the simulated tracker, and programs
+// that follow them.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <fstream>
+#include <optional>
+#include <set>
+
+#include "platform/stream_socket.h"
+#include "publish/shared_track_reader.h"
+#include "rpc/track_client.h"
+#include "tests/support/child_process.h"
+#include "tests/support/free_slot.h"
+
+namespace kinetrel::test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+// All of 127 is loopback: every process has addresses of its own there, and so the one port.
+std::string OwnAddress(int index) {
+  const int pid = ::getpid();
+  return "127." + std::to_string(32 * (index + 1) + (pid >> 16 & 31)) + '.' +
+         std::to_string(pid >> 8 & 255) + '.' + std::to_string(pid & 255);
+}
+
+struct Machine {
+  FreeSlot slot;
+  std::string address;
+  std::optional<ChildProcess> program;
+  std::optional<SharedTrackReader> reader;
+
+  explicit Machine(int index) : address(OwnAddress(index)) { reader.emplace(slot.device()); }
+
+  std::string Key() const { return address + ':' + std::to_string(slot.device()) + ", 0, 0"; }
+  bool Copy(SharedTrackBlock& block) {
+    return (reader->block() != nullptr || reader->OpenOnly(0)) &&
+           reader->Copy(block, Milliseconds(1000));
+  }
+  int Frames() {
+    SharedTrackBlock block{};
+    return Copy(block) ? block.frameCount : 0;
+  }
+  bool Advances(int frames) {
+    const int before = Frames();
+    return WaitUntil([&] { return Frames() >= before + frames || Frames() < before; });
+  }
+  // Nothing new for a while.
+  bool StandsStill() {
+    return WaitUntil([&] {
+      const int before = Frames();
+      SleepFor(Milliseconds(500));
+      return Frames() == before;
+    });
+  }
+};
+
+class Machines : public testing::Test {
+ protected:
+  using Arguments = std::vector<std::string>;
+
+  void Serve(Machine& machine, Arguments tracker, const std::string& follows = "") {
+    tracker.insert(tracker.end(),
+                   {"--listen", machine.address, "-w" + std::to_string(machine.slot.slot())});
+    Start(machine, "kinetrel-service", tracker, follows);
+    ASSERT_TRUE(machine.program->ExpectError(": ready.")) << machine.program->error();
+  }
+  void Follow(Machine& machine, const std::string& follows) {
+    Start(machine, "kinetrel", {"-d11", "-w" + std::to_string(machine.slot.slot())}, follows);
+    ASSERT_TRUE(machine.program->ExpectError("Running ...")) << machine.program->error();
+  }
+  void Start(Machine& machine, const std::string& program, const Arguments& arguments,
+             const std::string& follows) {
+    ChildProcess::Options options{.emptyInput = true};
+    if (!follows.empty()) options.environment = {{"KINETREL_RELAY", follows}};
+    machine.program.emplace(program, arguments, options);
+  }
+
+  // Whether what `follower` shows is what `source` showed, bit for bit, several times over.
+  static bool ShowsTheSame(Machine& source, Machine& follower) {
+    std::set<float> original, shown;
+    SharedTrackBlock block{};
+    return WaitUntil([&] {
+      if (source.Copy(block)) original.insert(block.poses[0][3]);
+      if (follower.Copy(block) && block.frameCount > 0) shown.insert(block.poses[0][3]);
+      int common = 0;
+      for (const float yaw : shown) common += original.count(yaw) > 0 ? 1 : 0;
+      return common >= 5;
+    });
+  }
+
+  const Arguments simulated_ = {"-d8", "-z-"};
+  Machine source_{0}, relay_{1};
+};
+
+TEST_F(Machines, AFollowerShowsTheSourcesAngles) {
+  Serve(source_, simulated_);
+  Follow(relay_, source_.Key());
+  EXPECT_TRUE(ShowsTheSame(source_, relay_));
+  SharedTrackBlock block{};
+  ASSERT_TRUE(relay_.Copy(block));
+  EXPECT_EQ(DeviceNameOf(block), "Mts Relay");
+  EXPECT_EQ(block.poses[0][0], 0.0F);  // positions are not relayed
+  relay_.program->Signal(SIGTERM);
+  source_.program->Signal(SIGTERM);
+  EXPECT_EQ(relay_.program->Wait(), 0);
+  EXPECT_EQ(source_.program->Wait(), 0);
+}
+
+TEST_F(Machines, FollowEachOtherInAChain) {
+  Machine last(2);
+  Serve(source_, simulated_);
+  Serve(relay_, {"-d11"}, source_.Key());
+  Follow(last, relay_.Key());
+  EXPECT_TRUE(ShowsTheSame(source_, last));
+}
+
+TEST_F(Machines, AServiceThatIsKilledIsFollowedAgain) {
+  Follow(relay_, source_.Key());  // which is not there yet
+  ASSERT_TRUE(relay_.program->ExpectError("Sample: Unable to find an MtsService at "));
+  for (int round = 0; round < 2; ++round) {
+    Serve(source_, simulated_);
+    ASSERT_TRUE(ShowsTheSame(source_, relay_)) << round;
+    source_.program->Signal(SIGKILL);
+    ASSERT_EQ(source_.program->Wait(), -SIGKILL);
+    ASSERT_TRUE(relay_.StandsStill());
+  }
+  EXPECT_EQ(relay_.program->Wait(milliseconds(1)), ChildProcess::kStillRuns);
+}
+
+TEST_F(Machines, AServiceThatStandsStillHoldsNobodyUp) {
+  Serve(source_, simulated_);
+  Follow(relay_, source_.Key());
+  ASSERT_TRUE(relay_.Advances(5));
+  source_.program->Signal(SIGSTOP);
+  ASSERT_TRUE(relay_.StandsStill());
+  source_.program->Signal(SIGCONT);
+  EXPECT_TRUE(ShowsTheSame(source_, relay_));
+
+  source_.program->Signal(SIGSTOP);
+  ASSERT_TRUE(relay_.StandsStill());
+  const auto start = steady_clock::now();
+  relay_.program->Signal(SIGTERM);
+  EXPECT_EQ(relay_.program->Wait(), 0);
+  EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(kSanitized ? 6 : 3));
+}
+
+TEST_F(Machines, ASecondServiceAndABadAddressAreRefusedAtOnce) {
+  Serve(source_, simulated_);
+  ChildProcess second("kinetrel-service", {"--listen", source_.address, "-d8"});
+  EXPECT_TRUE(second.ExpectError("Cannot serve on " + source_.address + ", port 5437"));
+  EXPECT_EQ(second.Wait(), 256 - 3);
+  ChildProcess odd("kinetrel-service", {"--listen", "127.0.0.1:x", "-d8"});
+  EXPECT_TRUE(odd.ExpectError("is no address to listen on"));
+  EXPECT_EQ(odd.Wait(), 256 - 1);
+}
+
+TEST_F(Machines, AServiceAnswersOnlyWhatItHas) {
+  Serve(source_, simulated_);
+  rpc::RpcTrackClient client;
+  ASSERT_EQ(client.Bind(source_.address), rpc::CallResult::Success);
+  const rpc::TrackKey here = {source_.slot.device(), 0, 0};
+  std::int32_t engine = 0, sensor = -1, units = -1;
+  std::array<float, 3> angles{};
+  EXPECT_EQ(client.GetMapping({here[0], 0, 7}, engine, sensor), rpc::CallResult::ReturnedFalse);
+  ASSERT_EQ(client.GetMapping(here, engine, sensor), rpc::CallResult::Success);
+  EXPECT_EQ(sensor, 0);
+  EXPECT_EQ(client.GetAttribute({engine, 5}, units), rpc::CallResult::Success);
+  EXPECT_EQ(units, 1);
+  EXPECT_EQ(client.GetAttribute({engine + 1, 5}, units), rpc::CallResult::ReturnedFalse);
+  EXPECT_EQ(client.GetAttribute({engine, 99}, units), rpc::CallResult::ReturnedFalse);
+  EXPECT_TRUE(WaitUntil([&] {
+    return client.GetAngles({here, -1, 2, 3}, angles) == rpc::CallResult::Success;
+  }));
+  EXPECT_EQ(client.GetAngles({here, 0, 2, 3}, angles), rpc::CallResult::ReturnedFalse);
+  EXPECT_EQ(client.GetAngles({here, -1, 77, 3}, angles), rpc::CallResult::ReturnedFalse);
+}
+
+// ---- Crowds ----------------------------------------------------------------------------------
+
+long ResidentKilobytes(pid_t process) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  }
+  return -1;
+}
+
+TEST_F(Machines, ACrowdOfStrangersDisturbsNobody) {
+  Serve(source_, simulated_);
+  Follow(relay_, source_.Key());
+  ASSERT_TRUE(relay_.Advances(30));
+  const long before = ResidentKilobytes(source_.program->pid());
+  const int frames = relay_.Frames();
+  const auto start = steady_clock::now();
+  StreamConnector connector;
+  const auto dial = [&] {
+    auto socket = connector.Connect(source_.address, rpc::kTrackPort, Deadline(kPatience));
+    EXPECT_TRUE(socket.Ok());
+    return socket;
+  };
+  for (int i = 0; i < 1000; ++i) dial().value();
+  std::vector<Result<StreamSocket>> crowd;
+  for (int i = 0; i < 100; ++i) crowd.push_back(dial());
+  const std::vector<std::byte> noise(4000, std::byte{0x55});
+  for (auto& socket : crowd) (void)socket->SendSome(noise).Ok();
+  SleepFor(Milliseconds(500));
+  const std::chrono::duration<double> time = steady_clock::now() - start;
+  const double rate = (relay_.Frames() - frames) / time.count();
+  EXPECT_GT(rate, kSanitized ? 5.0 : 40.0);  // of 120 on a machine of its own
+  const long most = before + (kSanitized ? 200000 : 4096);
+  EXPECT_LT(ResidentKilobytes(source_.program->pid()), most);
+}
+
+// ---- Two machines with a network between them ------------------------------------------------
+
+bool Shell(const std::string& command) {
+  return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+// Two network namespaces joined by a link, named after this process.
+class Network {
+ public:
+  Network() {
+    made_ = Shell("ip netns add " + here_) && Shell("ip netns add " + there_) &&
+            Shell("ip -n " + here_ + " link add near type veth peer name far netns " + there_) &&
+            Shell("ip -n " + here_ + " addr add 10.77.0.1/24 dev near") &&
+            Shell("ip -n " + there_ + " addr add 10.77.0.2/24 dev far") &&
+            Shell("ip -n " + here_ + " link set near up") && Up(true);
+  }
+  ~Network() {
+    Shell("ip netns del " + here_);
+    Shell("ip netns del " + there_);
+  }
+  Network(const Network&) = delete;
+  Network& operator=(const Network&) = delete;
+
+  bool made() const { return made_; }
+  bool Up(bool up) const {
+    return Shell("ip -n " + there_ + " link set far " + (up ? "up" : "down"));
+  }
+  // What runs `program` at one end.
+  std::vector<std::string> At(bool here, const std::string& program) const {
+    return {"-c", "exec ip netns exec " + (here ? here_ : there_) + ' ' + KINETREL_BIN_DIR + '/' +
+                      program};
+  }
+
+ private:
+  const std::string here_ = "kinetrel-a-" + std::to_string(::getpid());
+  const std::string there_ = "kinetrel-b-" + std::to_string(::getpid());
+  bool made_ = false;
+};
+
+TEST_F(Machines, TheNetworkBetweenThemMayGoAndComeBack) {
+  const Network network;
+  if (!network.made()) GTEST_SKIP() << "network namespaces need root and ip (iproute2)";
+  source_.program.emplace("/bin/sh",
+                          network.At(false, "kinetrel-service --listen 10.77.0.2 -d8 -z- -w" +
+                                                std::to_string(source_.slot.slot())),
+                          ChildProcess::Options{.emptyInput = true});
+  ASSERT_TRUE(source_.program->ExpectError(": ready.")) << source_.program->error();
+  EXPECT_TRUE(source_.program->ExpectError("Whoever can reach this address"));
+  const std::string key = "10.77.0.2:" + std::to_string(source_.slot.device()) + ", 0, 0";
+  relay_.program.emplace(
+      "/bin/sh", network.At(true, "kinetrel -d11 -w" + std::to_string(relay_.slot.slot())),
+      ChildProcess::Options{.environment = {{"KINETREL_RELAY", key}}, .emptyInput = true});
+  ASSERT_TRUE(ShowsTheSame(source_, relay_)) << relay_.program->error();
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_TRUE(network.Up(false));
+    ASSERT_TRUE(relay_.StandsStill());
+    ASSERT_TRUE(network.Up(true));
+    ASSERT_TRUE(ShowsTheSame(source_, relay_));
+  }
+}
+
+}  // namespace
+}  // namespace kinetrel::test
