@@ -259,7 +259,7 @@ unsigned IsenseDevice::ReadFrame(double* sampleTime) {
 // The timer ticks a little faster than the tracker measures, so about every tenth record is not
 // there yet. Reported as a failure that would cost the engine's pause, and so the records after it.
 bool IsenseDevice::TakeNewData() {
-  const Deadline patience{Milliseconds(framePeriodMs_ + 1)};
+  const Deadline patience{Milliseconds(2 * framePeriodMs_)};
   do {
     if (ISD_GetData(trackerHandle_, &data_) == 0) return false;
     if (data_.stations[0].newData != 0) return true;

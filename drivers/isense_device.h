@@ -59,8 +59,8 @@ class IsenseDevice final : public TrackerDevice {
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Takes a new record of station 1, for which it waits at most one period and 1 ms, and passes it
-  // on where SetControlString says.
+  // Takes a new record of station 1, for which it waits at most two periods, and passes it on
+  // where SetControlString says.
   //
   // Returns  1; 0 when the library fails or has nothing new, or the record could not be passed on.
   //          A UDP source that has not come yet: 1 and a pose of zeros, after 1 s.
