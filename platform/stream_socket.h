@@ -63,7 +63,7 @@ class StreamSocket {
 
  private:
   friend StreamListener;
-  friend void WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
+  friend bool WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
   explicit StreamSocket(std::intptr_t handle) : handle_(handle) {}
   std::intptr_t Release();
   void Close();
@@ -108,7 +108,7 @@ class StreamListener {
   std::uint16_t port() const;
 
  private:
-  friend void WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
+  friend bool WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
   explicit StreamListener(std::intptr_t handle) : handle_(handle) {}
 
   std::intptr_t handle_;
@@ -124,8 +124,9 @@ struct StreamWait {
 inline constexpr std::size_t kMostStreamWaits = 255;
 
 // Waits until the listener (null: none) has a connection or one of `waits` is ready, which may also
-// mean that it has ended. Only the first kMostStreamWaits are looked at.
-void WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
+// mean that it has ended. Only the first kMostStreamWaits are looked at. Returns whether the
+// listener has one.
+bool WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
                     Milliseconds timeout);
 
 }  // namespace kinetrel

@@ -39,25 +39,25 @@ void TrackServer::Stop() {
 
 void TrackServer::Run() {
   while (!stop_) {
-    Wait();
+    const bool somebodyCame = Wait();
     moreToDo_ = false;
     for (std::size_t i = 0; i < clients_.size(); ++i) {
       if (!Serve(*clients_[i], waits_[i].ready)) clients_[i] = nullptr;
     }
     std::erase(clients_, nullptr);
-    AcceptWaiting();
+    if (somebodyCame) AcceptWaiting();
     clientCount_ = clients_.size();
   }
   clients_.clear();
 }
 
-void TrackServer::Wait() {
+bool TrackServer::Wait() {
   waits_.clear();
   for (const auto& client : clients_) {
     waits_.push_back({&client->socket, !client->session.Output().empty(), false});
   }
   const StreamListener* const listener = acceptAgain_.Passed() ? &listener_ : nullptr;
-  WaitForStreams(listener, waits_, moreToDo_ ? Milliseconds(0) : kStep);
+  return WaitForStreams(listener, waits_, moreToDo_ ? Milliseconds(0) : kStep);
 }
 
 // ---- Connections -----------------------------------------------------------------------------

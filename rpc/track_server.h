@@ -44,7 +44,7 @@ class TrackServer {
   };
 
   void Run();
-  void Wait();
+  bool Wait();
   void AcceptWaiting();
   void Admit(StreamSocket socket);
   bool Serve(Client& client, bool ready);

@@ -221,7 +221,7 @@ std::uint16_t StreamListener::port() const {
   return ntohs(any->sin_port);
 }
 
-void WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
+bool WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
                     Milliseconds timeout) {
   std::array<pollfd, kMostStreamWaits + 1> watched;
   const std::size_t count = std::min(waits.size(), kMostStreamWaits);
@@ -232,6 +232,7 @@ void WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
   watched[count] = {listener != nullptr ? FdOf(listener->handle_) : -1, POLLIN, 0};
   const int ready = PollOnce(std::span(watched).first(count + 1), timeout);
   for (std::size_t i = 0; i < count; ++i) waits[i].ready = ready > 0 && watched[i].revents != 0;
+  return ready > 0 && watched[count].revents != 0;
 }
 
 }  // namespace kinetrel
