@@ -7,6 +7,7 @@
 #include "drivers/intertrax_device.h"
 #include "drivers/isense_device.h"
 #include "drivers/joystick.h"
+#include "drivers/liberty_device.h"
 #include "drivers/logitech_device.h"
 #include "drivers/pan_tilt_device.h"
 #include "drivers/relay_device.h"
@@ -31,9 +32,10 @@ struct DriverRow {
   std::unique_ptr<TrackerDevice> (*make)();
 };
 constexpr DriverRow kDrivers[] = {
-    {1, Make<PanTiltDevice>},   {2, MakeFastrak},        {3, Make<FlockDevice>},
-    {4, Make<LogitechDevice>},  {6, Make<IsenseDevice>}, {8, Make<KeyboardDevice>},
-    {9, Make<IntertraxDevice>}, {11, Make<RelayDevice>}, {12, Make<GpsDevice>},
+    {1, Make<PanTiltDevice>},   {2, MakeFastrak},          {3, Make<FlockDevice>},
+    {4, Make<LogitechDevice>},  {6, Make<IsenseDevice>},   {8, Make<KeyboardDevice>},
+    {9, Make<IntertraxDevice>}, {10, Make<LibertyDevice>}, {11, Make<RelayDevice>},
+    {12, Make<GpsDevice>},
 };
 
 }  // namespace

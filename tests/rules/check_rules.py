@@ -29,11 +29,12 @@ may_include = {
     "devices": {"platform"},
     "rpc": {"platform"},
     "filters": {"devices"},
-    "drivers": {"devices", "filters", "rpc", "platform"},
+    "drivers": {"devices", "filters", "rpc", "platform", "drivers/interface"},
+    "drivers/interface": set(),  # what a site's own adapter to a vendor's library compiles against
     "engine": {"publish", "filters", "devices", "platform"},  # drivers only through the factory
     # An emulator that encodes with the driver's own table would prove nothing.
     "emulators": {"platform", "rpc"},
-    "substitutes": {"platform"},  # as an emulator: they would prove nothing
+    "substitutes": {"platform", "drivers/interface"},  # as an emulator: they would prove nothing
     "clients": {"publish", "platform"},
     "app": libraries | {"emulators"},
     "capi": libraries | {"app"},  # the C interface takes the console program's options

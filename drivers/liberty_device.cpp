@@ -1,0 +1,457 @@
+#include "drivers/liberty_device.h"
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdio>
+
+#include "devices/bounded_text.h"
+#include "devices/station_mask.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr int kDeviceType = 10;
+constexpr unsigned kStationBits = 0xFFFF;
+constexpr int kAllStations = -1;
+constexpr int kFrameWaitMs = 500;
+constexpr int kTriesWithoutPeriod = 10;
+constexpr Milliseconds kStreamStart{100};
+constexpr float kRadians = 0.017453292F;
+
+constexpr std::int32_t kPositionItem = 2;
+constexpr std::int32_t kEulerItem = 4;
+constexpr std::int32_t kQuaternionItem = 7;
+constexpr std::int32_t kFrameCountItem = 9;
+
+// By the library's code.
+constexpr unsigned kBauds[] = {1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200};
+constexpr int k115200 = 7;
+
+// By the driver's protocol.
+struct RateRow {
+  int protocol;
+  int code;  // the library's
+  const char* text;
+};
+constexpr RateRow kRates[] = {{4, 3, "120 Hz"}, {5, 4, "240 Hz"}};
+
+const RateRow* RateOf(int protocol) {
+  const auto* const row = std::ranges::find(kRates, protocol, &RateRow::protocol);
+  return row != std::end(kRates) ? row : nullptr;
+}
+
+constexpr float kOrigin[3] = {0, 0, 0};
+constexpr float kXAxis[3] = {1, 0, 0};
+constexpr float kYAxis[3] = {0, 1, 0};
+
+}  // namespace
+
+LibertyDevice::LibertyDevice() : pdiSerial_(k115200, 0, 1) {
+  const std::lock_guard lock(pdiLock_);
+  if (!resolution_.Raised()) std::fputs("Function call timeGetDevCaps error\n", stderr);
+  offsetFilter_.SetSubtract(false);
+  offsetFilter_.SetPreTransform(false);
+  sensorMask_ = 0xFFFFFFFF;
+  deviceType_ = kDeviceType;
+  statusWord_ = kDeviceType;
+  SetName(DeviceName::PolhemusLiberty);
+  productCode_ = static_cast<int>(DeviceName::PolhemusLiberty);
+  protocol_ = 5;
+  LibertyDevice::SetComponentMask(kPositionComponent | kEulerComponent);
+}
+
+LibertyDevice::~LibertyDevice() {
+  const std::lock_guard lock(pdiLock_);
+  pdiDevice_.Disconnect();
+}
+
+// Logs the library's own words for what a call came to, and passes its result on.
+bool LibertyDevice::Tell(int result, const char* call) {
+  Post(statusLog_, 0, "%s result: %s", call, pdiDevice_.GetLastResultStr());
+  return result != 0;
+}
+
+// ---- Port ----------------------------------------------------------------------------------
+
+int LibertyDevice::OpenPort(const char*, int) { return 0; }
+
+int LibertyDevice::OpenPortNumber(int number, int baud) {
+  const std::lock_guard lock(pdiLock_);
+  if (number > 0) pdiSerial_.SetPort(number);
+  const auto* const found = std::ranges::find(kBauds, static_cast<unsigned>(baud));
+  if (found == std::end(kBauds)) return 0;
+  pdiSerial_.SetBaudRate(static_cast<int>(found - kBauds));
+  return 1;
+}
+
+int LibertyDevice::ClosePort() {
+  const std::lock_guard lock(pdiLock_);
+  pdiDevice_.Disconnect();
+  streaming_ = false;  // nothing streams over no connection
+  return 0;
+}
+
+int LibertyDevice::GetPortNumber() {
+  const std::lock_guard lock(pdiLock_);
+  return pdiSerial_.GetPort();
+}
+
+unsigned LibertyDevice::GetBaudRate() {
+  const std::lock_guard lock(pdiLock_);
+  const int code = pdiSerial_.GetBaudRate();
+  return code >= 0 && code < static_cast<int>(std::size(kBauds)) ? kBauds[code] : 0;
+}
+
+// ---- Life ----------------------------------------------------------------------------------
+
+BootResult LibertyDevice::Boot(int) {
+  const std::lock_guard lock(pdiLock_);
+  if (pdiDevice_.CnxReady() == 0) Connect();
+  if (pdiDevice_.CnxReady() == 0) return kPortNotOpen;
+  Tell(pdiDevice_.SetSDataList(kAllStations, motionList_), "SetSDataList");
+  ReportBitErrors();
+  ReadStationMap();
+  framePeriodMs_ = 1;
+  // Without a timer ReadFrame paces itself by sleeping.
+  const Status started = frameTimer_.Start(Milliseconds(framePeriodMs_));
+  if (!started.Ok()) Post(statusLog_, -3, "Frame timer: %s", Describe(started).c_str());
+  return kBooted;
+}
+
+void LibertyDevice::Connect() {
+  streaming_ = false;  // whatever streamed was another connection
+  pdiDevice_.SetSerialIF(pdiSerial_);
+  const int kind = pdiDevice_.DiscoverCnx();
+  const char* const text = pdiDevice_.GetLastResultStr();
+  switch (static_cast<PdiConnection>(kind)) {
+    case PdiConnection::Usb:
+      Post(statusLog_, 0, "USB Connection: %s", text);
+      break;
+    case PdiConnection::Serial:
+      Post(statusLog_, 0, "Serial Connection: %s", text);
+      break;
+    default:
+      Post(statusLog_, 0, "DiscoverCnx result: %s", text);
+  }
+}
+
+void LibertyDevice::ReportBitErrors() {
+  CPDIbiterr errors;
+  Tell(pdiDevice_.GetBITErrs(errors), "GetBITErrs");
+  std::array<char, 100> text{};
+  errors.Parse(text.data(), static_cast<int>(text.size()));
+  Post(statusLog_, 0, "BIT Errors: %s", text.data());
+  if (!errors.IsClear()) Tell(pdiDevice_.ClearBITErrs(), "ClearBITErrs");
+}
+
+void LibertyDevice::ReadStationMap() {
+  const int result = pdiDevice_.GetStationMap(stationMap_);
+  stationMap_ &= kStationBits;
+  sensorMask_ = stationMap_;
+  Tell(result, "GetStationMap");
+  Post(statusLog_, 0, "ActiveStationMap: %#x", stationMap_);
+}
+
+int LibertyDevice::QueryStatus(char*, int) { return 0; }
+
+// ---- Sampling ------------------------------------------------------------------------------
+
+void LibertyDevice::StopStream() {
+  const std::lock_guard lock(pdiLock_);
+  if (!streaming_) return;
+  pdiDevice_.StopContPno();
+  streaming_ = false;
+}
+
+void LibertyDevice::StartStream() {
+  {
+    const std::lock_guard lock(pdiLock_);
+    if (streaming_) return;
+    pdiDevice_.StartContPno();
+    streaming_ = true;
+  }
+  resolution_.Sleep(kStreamStart);
+}
+
+unsigned LibertyDevice::ReadFrame(double* sampleTime) {
+  {
+    const std::lock_guard lock(pdiLock_);
+    if (pdiDevice_.CnxReady() == 0) return 0;
+  }
+  if (paused_) {
+    StopStream();
+  } else {
+    StartStream();
+  }
+  const std::lock_guard lock(pdiLock_);
+  // A tracker that sends nothing by itself is asked, or a polling host would never see a frame.
+  if (paused_) pdiDevice_.RequestPno();
+  if (!WaitForFrame()) return 0;
+  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  return stationMap_;
+}
+
+bool LibertyDevice::WaitForFrame() {
+  int tries = framePeriodMs_ > 0 ? kFrameWaitMs / framePeriodMs_ + 1 : kTriesWithoutPeriod;
+  while (tries-- > 0) {
+    if (!frameTimer_.Wait(Milliseconds(2 * framePeriodMs_))) {
+      // A timer that could not be started ends its wait at once: never look without a pause.
+      resolution_.Sleep(Milliseconds(1));
+    }
+    if (TakeFrame()) return true;
+  }
+  return false;
+}
+
+bool LibertyDevice::TakeFrame() {
+  const std::uint8_t* bytes = nullptr;
+  std::uint32_t size = 0;
+  if (pdiDevice_.LastPnoPtr(bytes, size) == 0 || bytes == nullptr || size == 0) return false;
+  // Never more than the active stations send, whatever the library says.
+  const std::size_t limit = std::min(expectedFrameSize_, frame_.size());
+  const auto frame = std::as_bytes(std::span(bytes, std::min<std::size_t>(size, limit)));
+  const auto count = LibertyFrameCount(layout_, frame);
+  if (!count || *count == lastFrameCount_) return false;
+  std::ranges::copy(frame, frame_.begin());
+  frameSize_ = frame.size();
+  lastFrameCount_ = *count;
+  return true;
+}
+
+void LibertyDevice::Poll() {
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  paused_ = true;
+}
+
+void LibertyDevice::StartContinuous() {
+  {
+    const std::lock_guard lock(pdiLock_);
+    paused_ = false;
+  }
+  StartStream();
+}
+
+// ---- Stations ------------------------------------------------------------------------------
+
+unsigned LibertyDevice::SetSensorMask(unsigned mask, int) {
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  if (pdiDevice_.SetStationMap(mask) != 0) sensorMask_ = mask;
+  RefreshStations();
+  return sensorMask_;
+}
+
+void LibertyDevice::RefreshStations() {
+  StopStream();
+  std::uint32_t map = 0;
+  if (pdiDevice_.GetStationMap(map) != 0) {
+    stationMap_ = map & kStationBits;
+    sensorMask_ = stationMap_;
+    activeStationCount_ = std::popcount(stationMap_ & FirstStations(pdiDevice_.MaxSensors()));
+  } else {
+    Post(statusLog_, -1, "%s result: %s", "GetStationMap", pdiDevice_.GetLastResultStr());
+  }
+  LayOutRecord();
+}
+
+void LibertyDevice::LayOutRecord() {
+  const auto items = static_cast<std::size_t>(motionList_.NumItems());
+  layout_ = LibertyLayoutOf(std::span(motionList_.items(), items));
+  expectedFrameSize_ = static_cast<std::size_t>(activeStationCount_) * layout_.recordSize;
+  frameSize_ = 0;
+}
+
+// ---- Settings ------------------------------------------------------------------------------
+
+int LibertyDevice::SetUnits(int units) {
+  StopStream();
+  if (units < 0 || units > 2) return 0;
+  const std::lock_guard lock(pdiLock_);
+  const int metric = units == 0 ? 0 : 1;
+  pdiDevice_.SetMetric(metric);
+  units_ = metric;
+  return units;
+}
+
+int LibertyDevice::SetCrLf(int) { return 0; }
+
+int LibertyDevice::SetProtocol(int protocol) {
+  const RateRow* const row = RateOf(protocol);
+  if (row == nullptr) return 0;
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  const int result = pdiDevice_.SetFrameRate(row->code);
+  Post(statusLog_, 0, "%s(%d) result: %s", "SetFrameRate", row->code,
+       pdiDevice_.GetLastResultStr());
+  if (result != 0) protocol_ = protocol;
+  return protocol;
+}
+
+int LibertyDevice::SetSensorVector4(int, float, float, float, float) { return 0; }
+
+int LibertyDevice::Align(int sensor, const float origin[3], const float xAxis[3],
+                         const float yAxis[3]) {
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  const int result = pdiDevice_.SetSAlignment(sensor, origin, xAxis, yAxis);
+  Tell(result, "SetSAlignment");
+  return result;
+}
+
+int LibertyDevice::SetAlignment(int sensor, const float xAxis[3], const float yAxis[3]) {
+  return Align(sensor, kOrigin, xAxis, yAxis);
+}
+
+int LibertyDevice::SetAlignmentPose(int sensor, const float pose[6]) {
+  if (pose == nullptr) return 0;
+  const float cosYaw = std::cos(pose[3]);
+  const float sinYaw = std::sin(pose[3]);
+  const float cosPitch = std::cos(pose[4]);
+  const float sinPitch = std::sin(pose[4]);
+  const float cosRoll = std::cos(pose[5]);
+  const float sinRoll = std::sin(pose[5]);
+  const float xAxis[3] = {cosYaw * cosPitch, sinYaw * cosPitch, -sinPitch};
+  const float yAxis[3] = {sinPitch * cosYaw * sinRoll - cosRoll * sinYaw,
+                          sinPitch * sinYaw * sinRoll + cosRoll * cosYaw, cosPitch * sinRoll};
+  return Align(sensor, pose, xAxis, yAxis);
+}
+
+int LibertyDevice::ResetAlignment(int sensor) { return Align(sensor, kOrigin, kXAxis, kYAxis); }
+
+int LibertyDevice::SetSynchronization(int mode) {
+  if (mode < 0 || mode > 2) return 0;
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  const int result = pdiDevice_.SetSyncEnabled(mode == 0 ? 0 : 1);
+  Post(statusLog_, 0, "%s(%s) result: %s", "SetSyncEnabled", mode == 0 ? "internal" : "external",
+       pdiDevice_.GetLastResultStr());
+  return result != 0 ? mode : 0;
+}
+
+unsigned LibertyDevice::SetComponentMask(unsigned mask) {
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  motionList_.Empty();
+  if ((mask & kPositionComponent) != 0) motionList_.Append(kPositionItem);
+  if ((mask & kEulerComponent) != 0) motionList_.Append(kEulerItem);
+  if ((mask & kQuaternionComponent) != 0) motionList_.Append(kQuaternionItem);
+  if (motionList_.NumItems() == 0) {
+    motionList_.Append(kPositionItem);
+    mask = kPositionComponent;
+  }
+  motionList_.Append(kFrameCountItem);
+  componentMask_ = mask;
+  RefreshStations();
+  Tell(pdiDevice_.SetSDataList(kAllStations, motionList_), "SetSDataList(mask)");
+  return componentMask_;
+}
+
+int LibertyDevice::SetHemisphere(int, const float zenith[3]) {
+  constexpr int kLastStation = 8;
+  StopStream();
+  const std::lock_guard lock(pdiLock_);
+  bool all = true;
+  for (int station = 1; station <= kLastStation; ++station) {
+    if (!HasStation(sensorMask_, station - 1)) continue;
+    all = pdiDevice_.SetSHemisphere(station, zenith) != 0 && all;
+    Post(statusLog_, 0, "%s(%d, %f, %f, %f) result: %s", "SetSHemisphere", station,
+         static_cast<double>(zenith[0]), static_cast<double>(zenith[1]),
+         static_cast<double>(zenith[2]), pdiDevice_.GetLastResultStr());
+    all = pdiDevice_.SetSHemiTrack(station) != 0 && all;
+    Post(statusLog_, 0, "%s(%d) result: %s", "SetSHemiTrack", station,
+         pdiDevice_.GetLastResultStr());
+  }
+  return all ? 1 : 0;
+}
+
+bool LibertyDevice::SetSensorOffsetComponent(int, unsigned component, double value) {
+  if (component >= 6) return false;
+  const std::lock_guard lock(pdiLock_);
+  const bool place = component < 3;
+  (place ? positionOffset_[component] : eulerOffset_[component - 3]) = static_cast<float>(value);
+  if (place) {
+    offsetFilter_.SetPositionOffset(positionOffset_.data());
+  } else {
+    offsetFilter_.SetEulerOffset(eulerOffset_.data());
+  }
+  return true;
+}
+
+bool LibertyDevice::SetSensorPositionOffset(int, const float xyz[3]) {
+  const std::lock_guard lock(pdiLock_);
+  std::copy_n(xyz, 3, positionOffset_.begin());
+  offsetFilter_.SetPositionOffset(positionOffset_.data());
+  return true;
+}
+
+bool LibertyDevice::SetSensorOffset(int sensor, const float pose[6]) {
+  const std::lock_guard lock(pdiLock_);
+  LibertyDevice::SetSensorPositionOffset(sensor, pose);
+  std::copy_n(pose + 3, 3, eulerOffset_.begin());
+  offsetFilter_.SetEulerOffset(eulerOffset_.data());
+  return true;
+}
+
+// ---- Identity ------------------------------------------------------------------------------
+
+int LibertyDevice::GetProtocolText(char* text, int size) {
+  const RateRow* const row = RateOf(protocol_);
+  std::array<char, 256> room{};
+  std::snprintf(room.data(), room.size(), "%d: %s", protocol_,
+                row != nullptr ? row->text : "Invalid");
+  CopyUpTo(text, size, room.data());
+  return protocol_;
+}
+
+int LibertyDevice::GetFrameRate() {
+  const std::lock_guard lock(pdiLock_);
+  int code = 3;
+  pdiDevice_.GetFrameRate(code);
+  return code == 2 || code == 4 ? 240 : 120;
+}
+
+// ---- Records -------------------------------------------------------------------------------
+
+bool LibertyDevice::ReadFloats(int sensor, std::size_t offset, std::span<float> into) {
+  if (frameSize_ == 0 || sensor < 0 || sensor >= activeStationCount_) return false;
+  return ReadLibertyFloats(layout_, std::span(frame_).first(frameSize_),
+                           static_cast<std::size_t>(sensor), offset, into);
+}
+
+float* LibertyDevice::GetSensorOffset(int) { return zeroOffset_.data(); }
+
+float* LibertyDevice::GetSensorPose(int sensor) {
+  constexpr unsigned kBoth = kPositionComponent | kEulerComponent;
+  if ((componentMask_ & kBoth) != kBoth) return nullptr;
+  const std::lock_guard lock(pdiLock_);
+  const bool whole =
+      LibertyDevice::GetSensorPosition(sensor) != nullptr && GetSensorEuler(sensor) != nullptr;
+  return whole ? poseOut_.data() : nullptr;
+}
+
+float* LibertyDevice::GetSensorPosition(int sensor) {
+  const std::lock_guard lock(pdiLock_);
+  if (!ReadFloats(sensor, layout_.position, std::span(poseOut_).first<3>())) return nullptr;
+  offsetFilter_.SetPosition(poseOut_.data());
+  return poseOut_.data();
+}
+
+float* LibertyDevice::GetSensorEuler(int sensor) {
+  const std::lock_guard lock(pdiLock_);
+  const auto angles = std::span(poseOut_).last<3>();
+  if (!ReadFloats(sensor, layout_.euler, angles)) return nullptr;
+  for (float& angle : angles) angle *= kRadians;
+  offsetFilter_.SetEuler(angles.data());
+  return angles.data();
+}
+
+float* LibertyDevice::GetSensorQuaternion(int sensor) {
+  const std::lock_guard lock(pdiLock_);
+  if (!ReadFloats(sensor, layout_.quaternion, quaternionOut_)) return nullptr;
+  offsetFilter_.SetQuaternion(quaternionOut_.data());
+  return quaternionOut_.data();
+}
+
+}  // namespace kinetrel

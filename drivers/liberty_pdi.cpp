@@ -1,0 +1,154 @@
+#include "drivers/liberty_pdi.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+namespace kinetrel {
+namespace {
+
+constexpr char kLibraryName[] = "pdi.dll";
+constexpr char kNotLoaded[] = "the device library is not loaded";
+
+void SayMissing(const char* what, const std::string& why) {
+  std::fprintf(stderr,
+               "\nThe Liberty device library %s %s (%s).\n"
+               "KINETREL_PDI may name the file to load.\n",
+               kLibraryName, what, why.c_str());
+}
+
+// Null, with a reason, for a library that does not speak our version.
+const PdiTable* TableOf(const DynamicLibrary& library, std::string& why) {
+  DynamicLibrary::AnyFunction found = nullptr;
+  if (!library.Find(kPdiTableFunction, found).Ok()) {
+    why = std::string("it exports no ") + kPdiTableFunction;
+    return nullptr;
+  }
+  const PdiTable* const table = reinterpret_cast<PdiTableFunction>(found)(kPdiTableVersion);
+  if (table == nullptr || table->version < kPdiTableVersion || table->size < sizeof(PdiTable)) {
+    why = "it has no table of version " + std::to_string(kPdiTableVersion);
+    return nullptr;
+  }
+  return table;
+}
+
+}  // namespace
+
+// ---- List of items -------------------------------------------------------------------------
+
+bool CPDImdat::Append(std::int32_t code) {
+  if (count_ == kMostItems) return false;
+  items_[static_cast<std::size_t>(count_++)] = code;
+  return true;
+}
+
+std::int32_t CPDImdat::ItemAt(int index) const {
+  return index >= 0 && index < count_ ? items_[static_cast<std::size_t>(index)] : -1;
+}
+
+// ---- Built-in test -------------------------------------------------------------------------
+
+void CPDIbiterr::Parse(char* text, int size) const {
+  if (text == nullptr || size < 1) return;
+  text[0] = '\0';
+  if (table_ == nullptr || table_->describeBITErrs == nullptr) return;
+  table_->describeBITErrs(words_.data(), count_, text, size);
+  text[size - 1] = '\0';
+}
+
+bool CPDIbiterr::IsClear() const {
+  return std::all_of(words_.begin(), words_.begin() + count_, [](auto word) { return word == 0; });
+}
+
+// ---- Loading -------------------------------------------------------------------------------
+
+CPDIdev::~CPDIdev() {
+  if (device_ != nullptr && table_->destroyDevice != nullptr) table_->destroyDevice(device_);
+}
+
+bool CPDIdev::Ready() {
+  if (!tried_) Load();
+  return device_ != nullptr;
+}
+
+void CPDIdev::Load() {
+  tried_ = true;
+  std::string why;
+  Result<DynamicLibrary> loaded = DynamicLibrary::Load(kLibraryName, &why);
+  if (!loaded.Ok()) return SayMissing("cannot be loaded", why);
+  table_ = TableOf(*loaded, why);
+  if (table_ == nullptr) return SayMissing("cannot be used", why);
+  library_ = std::move(*loaded);
+  if (table_->createDevice != nullptr) device_ = table_->createDevice();
+  if (device_ == nullptr) SayMissing("cannot be used", "it makes no device");
+}
+
+// ---- Calls ---------------------------------------------------------------------------------
+
+int CPDIdev::CnxReady() { return Call(&PdiTable::cnxReady); }
+
+int CPDIdev::SetSerialIF(const CPDIser& serial) {
+  return Call(&PdiTable::setSerialIF, serial.GetPort(), serial.GetBaudRate(), serial.parityCode());
+}
+
+int CPDIdev::DiscoverCnx() {
+  if (!Ready() || table_->discoverCnx == nullptr) return static_cast<int>(PdiConnection::None);
+  return table_->discoverCnx(device_);
+}
+
+int CPDIdev::Disconnect() {
+  // What was never used has nothing to let go of.
+  return tried_ ? Call(&PdiTable::disconnect) : 0;
+}
+
+int CPDIdev::SetSDataList(int station, const CPDImdat& list) {
+  return Call(&PdiTable::setSDataList, station, list.items(), list.NumItems());
+}
+
+int CPDIdev::GetStationMap(std::uint32_t& map) { return Call(&PdiTable::getStationMap, &map); }
+int CPDIdev::SetStationMap(std::uint32_t map) { return Call(&PdiTable::setStationMap, map); }
+int CPDIdev::MaxSensors() { return Call(&PdiTable::maxSensors); }
+int CPDIdev::StartContPno() { return Call(&PdiTable::startContPno); }
+int CPDIdev::StopContPno() { return Call(&PdiTable::stopContPno); }
+int CPDIdev::RequestPno() { return Call(&PdiTable::requestPno); }
+
+int CPDIdev::LastPnoPtr(const std::uint8_t*& frame, std::uint32_t& size) {
+  return Call(&PdiTable::lastPnoPtr, &frame, &size);
+}
+
+int CPDIdev::SetFrameRate(int code) { return Call(&PdiTable::setFrameRate, code); }
+int CPDIdev::GetFrameRate(int& code) { return Call(&PdiTable::getFrameRate, &code); }
+int CPDIdev::SetMetric(int on) { return Call(&PdiTable::setMetric, on); }
+int CPDIdev::SetSyncEnabled(int on) { return Call(&PdiTable::setSyncEnabled, on); }
+
+int CPDIdev::SetSAlignment(int station, const float origin[3], const float xAxis[3],
+                           const float yAxis[3]) {
+  return Call(&PdiTable::setSAlignment, station, origin, xAxis, yAxis);
+}
+
+int CPDIdev::SetSHemisphere(int station, const float zenith[3]) {
+  return Call(&PdiTable::setSHemisphere, station, zenith);
+}
+
+int CPDIdev::SetSHemiTrack(int station) { return Call(&PdiTable::setSHemiTrack, station); }
+
+int CPDIdev::GetBITErrs(CPDIbiterr& errors) {
+  errors.count_ = 0;
+  const int result = Call(&PdiTable::getBITErrs, errors.words_.data(),
+                          static_cast<std::int32_t>(CPDIbiterr::kMostWords), &errors.count_);
+  errors.table_ = table_;
+  errors.count_ = std::clamp(errors.count_, 0, static_cast<std::int32_t>(CPDIbiterr::kMostWords));
+  return result;
+}
+
+int CPDIdev::ClearBITErrs() { return Call(&PdiTable::clearBITErrs); }
+
+const char* CPDIdev::GetLastResultStr() {
+  const char* text = nullptr;
+  if (device_ != nullptr && table_->lastResultText != nullptr) {
+    text = table_->lastResultText(device_);
+  }
+  return text != nullptr ? text : kNotLoaded;
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,124 @@
+// The Liberty device library as the driver uses it: the connection, its serial settings, the list
+// of items in a record, and the errors of the tracker's built-in test.
+//
+// Thin classes over the table of functions in interface/pdi_table.h. The library is loaded by the
+// first call that needs it and stays loaded as long as the object. Without it every call fails.
+//
+// Threads  one at a time.
+// Memory   CnxReady and LastPnoPtr allocate nothing once the library is loaded.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+
+#include "drivers/interface/pdi_table.h"
+#include "platform/dynamic_library.h"
+
+namespace kinetrel {
+
+// The serial port at which the library looks for the tracker.
+class CPDIser {
+ public:
+  CPDIser(int baudCode, int parityCode, int port)
+      : baudCode_(baudCode), parityCode_(parityCode), port_(port) {}
+
+  void SetPort(int port) { port_ = port; }
+  int GetPort() const { return port_; }
+  void SetBaudRate(int code) { baudCode_ = code; }
+  int GetBaudRate() const { return baudCode_; }
+  int parityCode() const { return parityCode_; }
+
+ private:
+  int baudCode_;
+  int parityCode_;
+  int port_;
+};
+
+// The items of a record, in order.
+class CPDImdat {
+ public:
+  static constexpr int kMostItems = 20;
+
+  void Empty() { count_ = 0; }
+  bool Append(std::int32_t code);  // false: the list is full
+  int NumItems() const { return count_; }
+  std::int32_t ItemAt(int index) const;  // -1 where there is none
+  const std::int32_t* items() const { return items_.data(); }
+
+ private:
+  std::array<std::int32_t, kMostItems> items_{};
+  int count_ = 0;
+};
+
+// What the built-in test found.
+class CPDIbiterr {
+ public:
+  static constexpr std::size_t kMostWords = 32;
+
+  // Writes what was found into `text`, at most `size` characters with the 0 that ends them.
+  void Parse(char* text, int size) const;
+  bool IsClear() const;
+
+ private:
+  friend class CPDIdev;
+  std::array<std::uint32_t, kMostWords> words_{};
+  std::int32_t count_ = 0;
+  const PdiTable* table_ = nullptr;
+};
+
+// The tracker. Results are the library's: nonzero for success.
+class CPDIdev {
+ public:
+  CPDIdev() = default;
+  ~CPDIdev();
+  CPDIdev(const CPDIdev&) = delete;
+  CPDIdev& operator=(const CPDIdev&) = delete;
+
+  int CnxReady();
+  int SetSerialIF(const CPDIser& serial);
+  int DiscoverCnx();  // 0 USB, 1 serial, any other a failure
+  int Disconnect();
+
+  int SetSDataList(int station, const CPDImdat& list);
+  int GetStationMap(std::uint32_t& map);
+  int SetStationMap(std::uint32_t map);
+  int MaxSensors();
+  int StartContPno();
+  int StopContPno();
+  int RequestPno();  // 0 also where the library cannot
+  int LastPnoPtr(const std::uint8_t*& frame, std::uint32_t& size);
+
+  int SetFrameRate(int code);
+  int GetFrameRate(int& code);
+  int SetMetric(int on);
+  int SetSyncEnabled(int on);
+  int SetSAlignment(int station, const float origin[3], const float xAxis[3], const float yAxis[3]);
+  int SetSHemisphere(int station, const float zenith[3]);
+  int SetSHemiTrack(int station);
+
+  int GetBITErrs(CPDIbiterr& errors);
+  int ClearBITErrs();
+
+  const char* GetLastResultStr();  // never null; good until the next call
+
+ private:
+  bool Ready();
+  void Load();
+
+  // Calls the table's function for our device; `absent` without a library.
+  template <typename... Parameters, typename... Arguments>
+  int Call(std::int32_t (*PdiTable::*function)(PdiDevice*, Parameters...), Arguments... arguments) {
+    if (!Ready() || table_->*function == nullptr) return 0;
+    return (table_->*function)(device_, arguments...);
+  }
+
+  std::optional<DynamicLibrary> library_;
+  const PdiTable* table_ = nullptr;
+  PdiDevice* device_ = nullptr;
+  bool tried_ = false;  // what cannot be loaded is looked for once
+};
+
+}  // namespace kinetrel
