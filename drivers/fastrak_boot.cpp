@@ -32,6 +32,8 @@ constexpr int kSlowReplyMs = 200;         // a status record behind a slow adapt
 constexpr int kMostStatusPasses = 16;     // each clears one test error
 constexpr std::size_t kLongFailure = 48;  // characters: the unit did say something
 
+constexpr Milliseconds kSearchPatience{2000};
+
 // What units of this family are found set to, beside the rate the port was opened with.
 constexpr int kOtherRates[] = {9600, 19200, 38400, 57600, 115200};
 
@@ -62,12 +64,14 @@ BootResult FastrakDevice::Boot(int reset) {
 // noise may pass for an answer; so it is asked at the other rates too. The read time-outs stay:
 // they are ample for all.
 BootResult FastrakDevice::FindUnit(int reset) {
+  const Deadline patience(kSearchPatience);  // on a line of nothing but noise
   std::array<char, 2048> failure{};
   const BootResult first = Identify(reset, failure);
   const bool hopeless = first == kReadFailed || first == kNoAnswerAfterReset;
   if (first == kBooted || hopeless) return first;
   const int opened = static_cast<int>(GetBaudRate());
   for (const int rate : kOtherRates) {
+    if (patience.Passed()) break;
     if (rate == opened || !SetLineSettings(rate, 8, 0, 0, 0)) continue;
     PurgeInput();
     std::array<char, 2048> text;
@@ -99,20 +103,14 @@ BootResult FastrakDevice::WakeUnit() {
   return WaitForReply(kFirstReplyMs);
 }
 
+// A silent line is not read for all that an answer may be long: that would wait for seconds.
 BootResult FastrakDevice::WaitForReply(int timeoutMs) {
-  if (const int baud = static_cast<int>(GetBaudRate());
-      timeoutMode() == TimeoutMode::Blocking && baud > 0) {
-    const int perByte = 20000 / baud + 1;
-    SetReadTimeouts(3 * perByte, perByte, 2 * perByte);
-  }
   std::array<char, 250> reply;
   unsigned got = 0;
-  const Deadline deadline{Milliseconds(timeoutMs)};
-  while (got == 0) {
-    if (!ReadSome(reply.data(), static_cast<unsigned>(reply.size()), &got)) return kReadFailed;
-    if (got == 0 && deadline.Passed()) return kTimedOut;
-  }
-  return JudgeFastrakReply({reply.data(), got});
+  const bool came = WaitForRX(timeoutMs, 1);
+  const unsigned wanted = came ? static_cast<unsigned>(reply.size()) : 1;
+  if (!ReadSome(reply.data(), wanted, &got)) return kReadFailed;
+  return got > 0 ? JudgeFastrakReply({reply.data(), got}) : kTimedOut;
 }
 
 // A unit that was left streaming with half a command pending took our 'c' for the end of that

@@ -2,12 +2,15 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
 #include <string>
 #include <vector>
 
+#include "tests/drivers/fastrak_unit.h"
+
 namespace kinetrel {
 namespace {
+
+using test::Status;
 
 constexpr unsigned kPosition = 1;
 constexpr unsigned kEuler = 2;
@@ -166,22 +169,6 @@ TEST(FastrakMounting, ASensorUpsideDownTurnsItsQuaternion) {
 }
 
 // ---- Replies -------------------------------------------------------------------------------
-
-struct Field {
-  std::size_t offset;
-  const char* text;
-};
-
-// A status record of full length with these fields.
-std::string Status(std::vector<Field> fields) {
-  std::string record(55, ' ');
-  record.replace(0, 3, "21S");
-  record.replace(53, 2, "\r\n");
-  for (const Field& field : fields) {
-    record.replace(field.offset, std::string(field.text).size(), field.text);
-  }
-  return record;
-}
 
 struct Identification {
   const char* name;

@@ -1,0 +1,336 @@
+// Frames of the FASTRAK driver: what it makes of records that come clean, in pieces, damaged or not
+// at all.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <string>
+#include <vector>
+
+#include "tests/drivers/fastrak_unit.h"
+#include "tests/support/allocation_counter.h"
+
+namespace kinetrel {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using test::BootedFastrak;
+using test::Expect;
+using test::FastrakBoots;
+using test::FastrakTest;
+using test::HangUp;
+using test::Script;
+using test::ScriptedPeer;
+using test::Send;
+using test::Wait;
+
+std::string F32(float value) {
+  const auto bits = std::bit_cast<std::uint32_t>(value);
+  std::string bytes;
+  for (int shift = 0; shift < 32; shift += 8) bytes += static_cast<char>(bits >> shift & 0xFF);
+  return bytes;
+}
+
+// A 32-bit record; x tells one from another.
+std::string Record(int station, float x, char error = ' ') {
+  return "0" + std::to_string(station) + error + F32(x) + F32(-20) + F32(3) + F32(90) + F32(-45) +
+         F32(10);
+}
+
+std::string Ended(const std::string& record) { return record + "\r\n"; }
+
+constexpr unsigned kOutOfStep = ~0U;
+
+// What is read, frame by frame, and of each station the x of its last good record.
+struct Story {
+  const char* name;
+  unsigned stations;
+  bool crLf;
+  bool streamed;
+  Script sent;  // after 'P' or 'C'
+  std::vector<unsigned> frames;
+  std::vector<float> x;
+  std::vector<std::string> logged;
+};
+
+class FastrakStories : public FastrakTest, public testing::WithParamInterface<Story> {
+ protected:
+  void Prepare() {
+    const Story& story = GetParam();
+    const std::string list = story.stations == 1 ? "1000" : story.stations == 3 ? "1100" : "1111";
+    ASSERT_EQ(Boot(FastrakBoots(list)), kBooted);
+    ASSERT_EQ(device_->GetSensorMask(), story.stations);
+    if (story.crLf) {
+      ASSERT_NE(Heard([&] { device_->SetCrLf(1); }), "");
+    }
+  }
+};
+
+TEST_P(FastrakStories, AreReadAsTold) {
+  Prepare();
+  const Story& story = GetParam();
+  if (story.streamed) device_->StartContinuous();
+  ScriptedPeer unit(line_, Expect(story.streamed ? "C" : "P") + story.sent);
+  std::vector<unsigned> frames;
+  for (std::size_t i = 0; i < story.frames.size(); ++i) {
+    double time = -1;
+    frames.push_back(device_->ReadFrame(&time));
+    EXPECT_GE(time, frames.back() != 0 ? 0 : -1);
+  }
+  EXPECT_EQ(unit.Verdict(), "");
+  EXPECT_EQ(frames, story.frames);
+  EXPECT_EQ(Logged(), story.logged);
+  for (std::size_t i = 0; i < story.x.size(); ++i) {
+    const float* const pose = device_->GetSensorPose(static_cast<int>(i));
+    EXPECT_FLOAT_EQ(pose[0], story.x[i]) << "station " << i + 1;
+    if (story.x[i] == 0) continue;
+    EXPECT_FLOAT_EQ(pose[1], -20);
+    EXPECT_FLOAT_EQ(pose[4], -0.7853982F);
+  }
+}
+
+const std::string kOneWhole = Record(1, 5);
+const std::string kFourWhole = Record(1, 1) + Record(2, 2) + Record(3, 3) + Record(4, 4);
+
+INSTANTIATE_TEST_SUITE_P(
+    Clean, FastrakStories,
+    testing::Values(Story{"PolledRecord", 1, false, false, Send(kOneWhole), {1}, {5}, {}},
+                    Story{"PolledTwice",
+                          1,
+                          false,
+                          false,
+                          Send(kOneWhole) + Expect("P") + Send(Record(1, 6)),
+                          {1, 1},
+                          {6},
+                          {}},
+                    Story{"InPieces",
+                          1,
+                          false,
+                          false,
+                          Send(kOneWhole.substr(0, 1)) + Wait(5ms) + Send(kOneWhole.substr(1, 1)) +
+                              Wait(5ms) + Send(kOneWhole.substr(2, 9)) + Wait(5ms) +
+                              Send(kOneWhole.substr(11)),
+                          {1},
+                          {5},
+                          {}},
+                    Story{"FourStations",
+                          15,
+                          false,
+                          true,
+                          Send(kFourWhole + kFourWhole),
+                          {15, 15},
+                          {1, 2, 3, 4},
+                          {}},
+                    Story{"FourStationsWithTails",
+                          15,
+                          true,
+                          true,
+                          Send(Ended(Record(1, 1)) + Ended(Record(2, 2)) + Ended(Record(3, 3)) +
+                               Ended(Record(4, 4))),
+                          {15},
+                          {1, 2, 3, 4},
+                          {}},
+                    // A value that reads like the next head, with a head behind it: it is one.
+                    Story{"LooksLikeAHead",
+                          1,
+                          false,
+                          true,
+                          Send("01 " + "01 \x41"s + kOneWhole.substr(7) + kOneWhole),
+                          {1, 1},
+                          {5},
+                          {}},
+                    // The same at the end of a stream: nothing comes that could have cut it.
+                    Story{"LooksLikeAHeadThenSilence",
+                          1,
+                          false,
+                          true,
+                          Send("01 " + F32(5) + F32(-20) + F32(3) + F32(90) + F32(-45) +
+                               "\x80"
+                               "01 "),
+                          {1},
+                          {5},
+                          {}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+const std::string kNoHead = "-1 Read Head failed.  0/2.";
+const std::string kCut = "-1 Read Record failed.  Another one begins in it.";
+
+INSTANTIATE_TEST_SUITE_P(
+    Damaged, FastrakStories,
+    testing::Values(
+        Story{"NoiseBefore", 1, false, true, Send("\x11\x30\x99 xx0" + kOneWhole), {1}, {5}, {}},
+        Story{"NoiseOfAHeadsFirstByte", 1, false, true, Send("0000" + kOneWhole), {1}, {5}, {}},
+        Story{"TooMuchNoise",
+              1,
+              false,
+              true,
+              Send(std::string(57, 'x') + kOneWhole),
+              {0, 1},
+              {5},
+              {"-1 Read Head failed.  Record Length too long 29/27."}},
+        Story{"Silence", 1, false, true, {}, {0}, {0}, {kNoHead}},
+        Story{"OneByte", 1, false, true, Send("0"), {0}, {0}, {"-1 Read Head failed.  1/2."}},
+        Story{"HeadWithoutError", 1, false, true, Send("01"), {0}, {0}, {"-1 Read Head failed."}},
+        Story{"CutThenSilence",
+              1,
+              false,
+              false,
+              Send(kOneWhole.substr(0, 17)),
+              {0},
+              {0},
+              {"-1 read_32 failed: 1. 2/4"}},
+        Story{"CutThenAnother",
+              1,
+              false,
+              true,
+              Send(kOneWhole.substr(0, 17) + Record(1, 6)),
+              {0, 1},
+              {6},
+              {kCut}},
+        Story{"CutByItsLastByte",
+              1,
+              false,
+              true,
+              Send(kOneWhole.substr(0, 26) + Record(1, 6)),
+              {0, 1},
+              {6},
+              {kCut}},
+        Story{"SecondOfFourCut",
+              15,
+              false,
+              true,
+              Send(Record(1, 1) + Record(2, 2).substr(0, 8) + Record(3, 3) + Record(4, 4) +
+                   kFourWhole),
+              {13, 15},
+              {1, 2, 3, 4},
+              {kCut}},
+        Story{"SecondOfFourMissing",
+              15,
+              false,
+              true,
+              Send(Record(1, 1) + Record(3, 3) + Record(4, 4) + kFourWhole),
+              {13, 15},
+              {1, 2, 3, 4},
+              {"-1 Read Head failed.  1/2."}},
+        Story{"HeadOfTheSecondCutOff",
+              15,
+              false,
+              true,
+              Send(Record(1, 1) + Record(2, 2).substr(3) + Record(3, 3) + Record(4, 4)),
+              {13},
+              {1, 0, 3, 4},
+              {"-1 Read Head failed.  1/2."}},
+        Story{"TailWrong",
+              1,
+              true,
+              true,
+              Send(kOneWhole + "\r\r" + Ended(Record(1, 6))),
+              {0, 1},
+              {6},
+              {"-1 Read tail: Tail != 0x0A0D."}},
+        Story{"TailMissing",
+              1,
+              true,
+              true,
+              Send(kOneWhole + "\r"),
+              {0},
+              {0},
+              {"-1 Read Tail Failed.  Serial read error."}},
+        Story{"CutWithTails",
+              3,
+              true,
+              true,
+              Send(Ended(Record(1, 1).substr(0, 12)) + Ended(Record(2, 2)) + Ended(Record(1, 6)) +
+                   Ended(Record(2, 7))),
+              {2, 3},
+              {6, 7},
+              {"-1 Read tail: Tail != 0x0A0D."}},
+        Story{"NotANumber",
+              1,
+              false,
+              true,
+              Send("01 " + F32(NAN) + kOneWhole.substr(7) + Record(1, 6)),
+              {0, 1},
+              {6},
+              {"-1 read_32 failed: not a number."}},
+        Story{"Unplugged",
+              1,
+              false,
+              true,
+              Send(kOneWhole) + Wait(50ms) + HangUp(),
+              {1, 0},
+              {5},
+              {kNoHead}}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+INSTANTIATE_TEST_SUITE_P(TestErrors, FastrakStories,
+                         testing::Values(Story{
+                             "ComeAndGo",
+                             3,
+                             false,
+                             true,
+                             Send(Record(1, 1) + Record(2, 2) + Record(1, 1, 'A') + Record(2, 2) +
+                                  Record(1, 1, 'A') + Record(2, 2) + Record(1, 1, 'k') +
+                                  Record(2, 2) + Record(1, 1) + Record(2, 2)),
+                             {3, 3, 3, 3, 3},
+                             {1, 2},
+                             {"-65 Sensor 1: Error #65: X Driver Linearity (after 1 valid samples)",
+                              "-107 Sensor 1: Error #107: A Low Signal (after 2 valid samples)",
+                              "0 Sensor 1: No Errors.  (after 1 error samples)"}}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST_F(BootedFastrak, A14BitRecordOutOfStepSpoilsTheFrame) {
+  device_->SetProtocol(1);
+  device_->StartContinuous();
+  line_.Send(
+      "01 \x80\x20\x00\x00\x00\x00"
+      "\x00\x00\x00\x00\x00\x20"s);
+  EXPECT_EQ(device_->ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 150);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[5], 1.5707964F);
+  line_.Send(
+      "01 \x80\x10\x80\x00\x00\x00"
+      "\x00\x00\x00\x00\x00\x20"s);
+  EXPECT_EQ(device_->ReadFrame(nullptr), kOutOfStep);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 150);
+  EXPECT_EQ(Logged(),
+            (std::vector<std::string>{"-1 Syc bit invalid in 14 bit read. 101000000000"}));
+  line_.Send("01 \x80\x20");
+  EXPECT_EQ(device_->ReadFrame(nullptr), 0U);
+  EXPECT_EQ(log_.Newest().text, "Read Record failed in serial port read 2/12.");
+}
+
+TEST_F(BootedFastrak, AnAnswerThatCameTooLateIsNotTakenForTheNext) {
+  device_->Poll();
+  EXPECT_EQ(device_->ReadFrame(nullptr), 0U);
+  line_.Send(Record(1, 1));
+  ASSERT_TRUE(device_->WaitForRX(20000, 27));
+  ScriptedPeer unit(line_, Expect("PP") + Send(Record(1, 2)));
+  EXPECT_EQ(device_->ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 2);
+}
+
+TEST_F(BootedFastrak, OffsetsAreAddedToWhatIsRead) {
+  const float offset[6] = {10, 0, 0, 0, 0, 0.5F};
+  ASSERT_TRUE(device_->SetSensorOffset(-1, offset));
+  ScriptedPeer unit(line_, Expect("P") + Send(kOneWhole));
+  ASSERT_EQ(device_->ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 15);
+  EXPECT_NEAR(device_->GetSensorPose(0)[5], 0.5 + 0.17453293, 1e-6);
+}
+
+TEST_F(BootedFastrak, ReadingAllocatesNothing) {
+  device_->StartContinuous();
+  for (int i = 0; i < 20; ++i) line_.Send("noise" + Record(1, 1));
+  const int before = test::CountedAllocations();
+  test::CountAllocations(true);
+  unsigned good = 0;
+  for (int i = 0; i < 20; ++i) good += device_->ReadFrame(nullptr);
+  test::CountAllocations(false);
+  EXPECT_EQ(good, 20U);
+  EXPECT_EQ(test::CountedAllocations(), before);
+}
+
+}  // namespace
+}  // namespace kinetrel
