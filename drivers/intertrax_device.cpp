@@ -20,7 +20,7 @@ constexpr char kSecondAsk = 'd';
 constexpr char kSecondAnswer = 'd';
 constexpr char kVersionAsk[] = {'v', '\0'};
 
-constexpr int kHandshakeMs = 80;
+constexpr int kHandshakeMs = 250;  // the unit takes 80; more for adapters and busy machines
 constexpr int kFieldMs = 200;
 constexpr unsigned kFieldSize = 2;
 constexpr int kVersionTextMs = 400;

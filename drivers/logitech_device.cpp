@@ -27,6 +27,7 @@ constexpr int kSelfTestMs = 1000;
 constexpr int kInformationMs = 100;
 constexpr unsigned kInformationSize = 30;
 constexpr int kStreamPauseMs = 60;  // one that streams leaves no longer pause
+constexpr int kLateMs = 100;        // for adapters that hold bytes back, and busy machines
 
 constexpr std::byte kHeaderMark{0x80};
 constexpr std::byte kNotValid{0x20};
@@ -297,9 +298,16 @@ unsigned LogitechDevice::ReadFrame(double* sampleTime) {
   return valid ? 1 : 0;
 }
 
+// The time-outs are just what the unit and the line take.
+bool LogitechDevice::Await(std::size_t count) {
+  if (window_.Want(*this, count)) return true;
+  const int missing = static_cast<int>(count - window_.size());
+  return WaitForRX(kLateMs, missing) && window_.Want(*this, count);
+}
+
 bool LogitechDevice::ReadRecord(double* sampleTime) {
   for (std::size_t skipped = 0; skipped < kLogitechRecordSize; ++skipped) {
-    if (!window_.Want(*this, 1)) return false;
+    if (!Await(1)) return false;
     if (IsHeader(window_.bytes()[0])) return ReadRest(sampleTime);
     window_.Drop(1);
   }
@@ -312,7 +320,7 @@ bool LogitechDevice::ReadRest(double* sampleTime) {
   for (int headers = 0; headers < kMostHeaders; ++headers) {
     if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
     lastHeader_ = static_cast<unsigned>(window_.bytes()[0]) & kHeaderBits;
-    if (!window_.Want(*this, kLogitechRecordSize)) return false;
+    if (!Await(kLogitechRecordSize)) return false;
     const auto record = window_.bytes();
     const auto next = std::find_if(record.begin() + 1, record.end(), IsHeader);
     if (next == record.end()) return true;

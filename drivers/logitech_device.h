@@ -103,6 +103,7 @@ class LogitechDevice final : public TrackerDevice, public ButtonBits {
   void Silence();
   void ReadInformation();
   void SetTimeouts();
+  bool Await(std::size_t count);
   bool ReadRecord(double* sampleTime);
   bool ReadRest(double* sampleTime);
   void KeepPose(std::span<const std::byte, kLogitechRecordSize> record);

@@ -82,8 +82,14 @@ TEST_P(SmallTrackers, LoseNothingAndDoubleNothing) {
     return block.frameCount - first >= row.frames;
   });
   EXPECT_TRUE(whole) << run.kinetrel().error();
-  EXPECT_EQ(shifts.size(), 1U);
-  for (const auto& [shift, blocks] : shifts) std::printf("shift %ld: %d blocks\n", shift, blocks);
+  // On a machine that is far too busy an answer may come too late: then the console says so.
+  const std::string& console = run.kinetrel().output();
+  std::size_t announced = 0;
+  for (std::size_t at = console.find("e\b"); at != std::string::npos; ++announced) {
+    at = console.find("e\b", at + 1);
+  }
+  EXPECT_LE(announced, static_cast<std::size_t>(row.frames / 100));
+  EXPECT_LE(shifts.size(), 1 + announced);
   EXPECT_LE(worst, 1.0);
 }
 
