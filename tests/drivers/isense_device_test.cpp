@@ -1,0 +1,339 @@
+// The InterSense driver over the substitute library.
+#include "drivers/isense_device.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "tests/support/allocation_counter.h"
+#include "tests/support/isense_settings.h"
+#include "tests/support/wait_until.h"
+
+namespace kinetrel::test {
+namespace {
+
+constexpr float kRadians = 3.14159265F / 180;
+
+using Calls = std::vector<std::string>;
+
+class IsenseDeviceTest : public testing::Test {
+ protected:
+  // What the library got while `act` ran.
+  template <typename Act>
+  Calls CallsOf(Act act) {
+    settings_.TakeCalls();
+    act();
+    return settings_.TakeCalls();
+  }
+
+  void Start(int port = 1) {
+    ASSERT_EQ(device_.OpenPortNumber(port, 9600), 1);
+    ASSERT_EQ(device_.Boot(0), 1);
+  }
+
+  bool ReadNext() {
+    return WaitUntil([this] { return device_.ReadFrame(nullptr) == 1; });
+  }
+
+  // Quarters of a degree since the start, as the yaw tells.
+  int Frame() {
+    return static_cast<int>(std::lround((180 - device_.GetSensorPose(0)[3] / kRadians) * 4)) % 1440;
+  }
+
+  IsenseSettings settings_;
+  IsenseDevice device_;
+};
+
+struct Model {
+  int model;
+  int type;
+  const char* name;
+  unsigned components;
+  int sensors;
+  int rate;
+};
+
+class IsenseModels : public IsenseDeviceTest, public testing::WithParamInterface<Model> {};
+
+TEST_P(IsenseModels, BootSetsThemUp) {
+  const Model& model = GetParam();
+  settings_.Set("MODEL", std::to_string(model.model));
+  Start();
+  EXPECT_TRUE(device_.IsBooted());
+  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), model.type);
+  EXPECT_STREQ(device_.GetDeviceName(), model.name);
+  EXPECT_EQ(device_.GetComponentMask(), model.components);
+  EXPECT_EQ(device_.GetSensorCount(), model.sensors);
+  EXPECT_EQ(device_.GetFrameRate(), model.rate);
+  EXPECT_EQ(device_.GetStatusCode(), 0x602);
+  EXPECT_EQ(device_.SetSensorMask(3, 0), 3U);
+  EXPECT_EQ(device_.GetFrameRate(), model.sensors == 1 ? model.rate : model.rate / 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(All, IsenseModels,
+                         testing::Values(Model{1, 14, "InterSense 300", 2, 4, 150},
+                                         Model{2, 13, "InterSense 600", 3, 4, 180},
+                                         Model{3, 18, "InterSense DLL", 2, 1, 180},
+                                         Model{4, 15, "InterSense InterTrax", 2, 1, 256},
+                                         Model{7, 15, "InterSense InterTrax", 2, 1, 256},
+                                         Model{8, 19, "InterSense InertiCube2", 2, 1, 120},
+                                         Model{9, 19, "InterSense InertiCube2", 2, 1, 120},
+                                         Model{10, 18, "InterSense DLL", 2, 1, 120},
+                                         Model{11, 23, "InterSense InertiCube3", 2, 1, 180},
+                                         Model{12, 18, "InterSense DLL", 2, 1, 120},
+                                         Model{0, 18, "InterSense DLL", 2, 1, 120}),
+                         [](const auto& row) { return "Model" + std::to_string(row.param.model); });
+
+TEST_F(IsenseDeviceTest, IsNotYetAnyModelWhenNew) {
+  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 18);
+  EXPECT_STREQ(device_.GetDeviceName(), "InterSense DLL");
+  EXPECT_EQ(device_.GetStatusCode(), 0x600);
+  EXPECT_EQ(device_.GetComponentMask(), 2U);
+  EXPECT_EQ(device_.GetFrameRate(), 120);
+  EXPECT_EQ(device_.GetPortNumber(), 0);
+  EXPECT_EQ(device_.GetBaudRate(), 0U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+  EXPECT_EQ(device_.QueryStatus(nullptr, 0), -13);
+}
+
+TEST_F(IsenseDeviceTest, CallsTheLibraryInOrder) {
+  EXPECT_EQ(CallsOf([this] { device_.OpenPort("COM 3", 9600); }), Calls{"OpenTracker 3 1 0"});
+  EXPECT_EQ(device_.GetPortNumber(), 3);
+  EXPECT_EQ(CallsOf([this] { device_.OpenPortNumber(5, 0); }), Calls{"GetCommInfo 1"});
+  EXPECT_EQ(device_.GetPortNumber(), 3);
+  EXPECT_EQ(CallsOf([this] { device_.Boot(0); }),
+            (Calls{"GetCommInfo 1", "GetTrackerConfig 1 0", "GetStationConfig 1 1 0",
+                   "SetStationConfig 1 1 0 0 1"}));
+  EXPECT_EQ(CallsOf([this] { device_.SetComponentMask(4); }),
+            (Calls{"GetStationConfig 1 1 0", "SetStationConfig 1 1 0 0 2"}));
+  EXPECT_EQ(CallsOf([this] { device_.GetBaudRate(); }), Calls{"GetCommInfo 1"});
+  EXPECT_EQ(CallsOf([this] { device_.ClosePort(); }), (Calls{"CloseTracker 1", "NumOpenTrackers"}));
+  EXPECT_EQ(CallsOf([this] { device_.ClosePort(); }), Calls{});
+  EXPECT_EQ(device_.GetPortNumber(), 0);
+}
+
+TEST_F(IsenseDeviceTest, EveryFrameComesOnceAndExact) {
+  Start();
+  for (int frame = 0; frame < 200; ++frame) {
+    ASSERT_TRUE(ReadNext());
+    ASSERT_EQ(Frame(), frame);
+    const float* const pose = device_.GetSensorPose(0);
+    ASSERT_FLOAT_EQ(pose[3], (180 - static_cast<float>(frame) / 4) * kRadians);
+    ASSERT_FLOAT_EQ(pose[4], 45 * kRadians);
+    ASSERT_FLOAT_EQ(pose[5], (-90 + static_cast<float>(frame) / 4) * kRadians);
+    ASSERT_EQ(pose[0], 0.0F);
+    device_.Poll();
+  }
+}
+
+TEST_F(IsenseDeviceTest, AQuaternionComesWithTwoSignsTurned) {
+  Start();
+  ASSERT_EQ(device_.SetComponentMask(4), 4U);
+  const double before = device_.ElapsedSeconds();
+  double sampleTime = -1;
+  ASSERT_TRUE(WaitUntil([&] { return device_.ReadFrame(&sampleTime) == 1; }));
+  EXPECT_GE(sampleTime, before);
+  // Yaw -180, pitch -45, roll -90, in the field's usual order.
+  const float* const q = device_.GetSensorQuaternion(0);
+  const double half = std::sqrt(0.5);
+  const double c = std::cos(M_PI / 8), s = std::sin(M_PI / 8);
+  EXPECT_NEAR(q[0], -s * half, 1e-6);
+  EXPECT_NEAR(q[1], -s * half, 1e-6);
+  EXPECT_NEAR(q[2], -c * half, 1e-6);
+  EXPECT_NEAR(q[3], c * half, 1e-6);
+  EXPECT_EQ(device_.GetSensorPose(0)[3], 0.0F);
+}
+
+TEST_F(IsenseDeviceTest, NoFrameCountsWhileTheCounterStandsAndItsJumpsAreSeen) {
+  settings_.Set("FRAMES", "stall@3+30,jump@5+7,lost@15+10");
+  Start();
+  std::vector<int> seen;
+  int failed = 0;
+  ASSERT_TRUE(WaitUntil([&] {
+    device_.ReadFrame(nullptr) == 1 ? seen.push_back(Frame()) : void(++failed);
+    return seen.size() == 9;
+  }));
+  EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4, 12, 13, 14, 15}));
+  EXPECT_GE(failed, 2);
+}
+
+TEST_F(IsenseDeviceTest, SettingsAndTheirRefusals) {
+  EXPECT_EQ(device_.SetProtocol(1), 1);
+  EXPECT_EQ(device_.SetComponentMask(6), 2U);
+  Start();
+  EXPECT_EQ(device_.GetProtocol(), 0);
+  EXPECT_EQ(device_.SetProtocol(2), 2);
+  EXPECT_EQ(device_.SetProtocol(3), -20);
+  EXPECT_EQ(device_.SetProtocol(-1), -20);
+  settings_.Set("FAIL", "SetStationConfig");
+  EXPECT_EQ(device_.SetProtocol(1), -21);
+  EXPECT_EQ(device_.SetComponentMask(5), 5U);
+  settings_.Set("FAIL", "GetStationConfig");
+  EXPECT_EQ(device_.SetProtocol(1), -14);
+  EXPECT_EQ(device_.GetProtocol(), 2);
+  char text[16];
+  EXPECT_EQ(device_.GetProtocolText(text, sizeof text), 2);
+  EXPECT_STREQ(text, "2: Smooth");
+  device_.GetProtocolText(text, 5);
+  EXPECT_STREQ(text, "2: S");
+}
+
+struct Text {
+  const char* text;
+  bool taken;
+  const char* after;
+};
+
+TEST_F(IsenseDeviceTest, TheControlStringIsAPort) {
+  const Text rows[] = {{"8080", true, "8080"},   {"", true, "8080"},
+                       {"0x1F90", true, "8080"}, {"port 5", false, "0"},
+                       {"010", true, "8"},       {"5000 and more", true, "5000"},
+                       {"65536", false, "0"},    {"-7", false, "0"},
+                       {" 2000", true, "2000"},  {"99999999999999999999", false, "0"}};
+  for (const Text& row : rows) {
+    EXPECT_EQ(device_.SetControlString(row.text), row.taken) << row.text;
+    char text[8] = {};
+    EXPECT_TRUE(device_.GetControlString(text, sizeof text));
+    EXPECT_STREQ(text, row.after) << row.text;
+  }
+  EXPECT_TRUE(device_.SetControlString(nullptr));
+}
+
+TEST_F(IsenseDeviceTest, AnUnknownLineRateIsTestedAndThenTaken) {
+  Start();
+  EXPECT_EQ(device_.GetBaudRate(), 115200U);
+  settings_.Set("KBITS", "0");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(device_.GetBaudRate(), 38400U);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(),
+            "\nsizeof(ISD_TRACKER_DATA_TYPE) = 1088\nTesting port " + std::string(100, '.') +
+                "*\n\nKBitsPerSec:\t0.000000\nRecordsPerSec:\t180\nSyncRate:\t0.000000");
+  for (const char* const odd : {"nan", "-5", "1e30"}) {
+    settings_.Set("KBITS", odd);
+    EXPECT_EQ(device_.GetBaudRate(), 0U);
+  }
+}
+
+TEST_F(IsenseDeviceTest, TellsTheTrackerInWholeLines) {
+  Start(2);
+  char text[512];
+  EXPECT_EQ(device_.QueryStatus(text, sizeof text), 1);
+  EXPECT_STREQ(text,
+               "TRACKER INFO STATUS:\nLibVersion: \t  1.000\nTrackerType: \t  1\tPrecision Series"
+               "\nTrackerModel: \t 11\tIntertiaCube3\nPort:     \t  2\nRecordsPerSec: \t180"
+               "\nKBitsPerSec: \t115.200\nSyncState: \t  0\nSyncRate: \t  0.000"
+               "\nSyncPhase: \t  0\nInterface: \t  1\tRS-232");
+  EXPECT_EQ(device_.QueryStatus(text, 100), 1);
+  EXPECT_STREQ(text, "TRACKER INFO STATUS:\nLibVersion: \t  1.000");
+  std::strcpy(text, "as it was");
+  EXPECT_EQ(device_.QueryStatus(text, 99), 1);
+  EXPECT_STREQ(text, "as it was");
+  EXPECT_EQ(device_.QueryStatus(nullptr, 512), 1);
+  settings_.Set("FAIL", "GetTrackerConfig");
+  EXPECT_EQ(device_.QueryStatus(text, sizeof text), -13);
+}
+
+TEST(IsenseTexts, AStationAndCodesThatNobodyKnows) {
+  IsenseStationInfo station;
+  station.id = 3;
+  station.state = 1;
+  station.compass = -1;
+  station.angleFormat = IsenseAngleFormat::AsQuaternion;
+  station.getCameraData = 1;
+  char text[512];
+  FormatStationInfo(station, text, sizeof text);
+  EXPECT_STREQ(text,
+               "STATION(3) INFO STATUS (ACTIVE):\nCompass: \t-1\tUNKNOWN COMPASS SETTING"
+               "\nInertiaCube: \t0\nEnhancement: \t0\nSensitivity: \t0\nPrediction: \t0"
+               "\nAngleFormat: \t2 QUATERNION\nTimeStamped: \tDISABLED\nGetEncoderData: \tDISABLED"
+               "\nCoordFrame: \t0\nGetCameraData: \tACTIVE");
+  IsenseTrackerInfo tracker;
+  tracker.libVersion = std::numeric_limits<float>::max();
+  tracker.trackerType = tracker.trackerModel = tracker.interface = 0xFFFFFFFF;
+  for (int size = -1; size < 512; ++size) {
+    FormatTrackerInfo(tracker, text, size);
+    ASSERT_LT(std::strlen(text), 512U);
+  }
+  EXPECT_NE(std::strstr(text, "\tUnknown Interface"), nullptr);
+}
+
+// ---- A library that fails ------------------------------------------------------------------
+
+struct Failing {
+  const char* call;
+  int open;
+  int boot;
+  unsigned frame;
+};
+
+class IsenseFailures : public IsenseDeviceTest, public testing::WithParamInterface<Failing> {};
+
+TEST_P(IsenseFailures, EndInTheirCode) {
+  const Failing& row = GetParam();
+  settings_.Set("FAIL", row.call);
+  EXPECT_EQ(device_.OpenPortNumber(1, 0), row.open);
+  EXPECT_EQ(device_.Boot(0), row.boot);
+  unsigned frame = 0;
+  for (int i = 0; i < 20 && frame == 0; ++i) frame = device_.ReadFrame(nullptr);
+  EXPECT_EQ(frame, row.frame);
+  device_.Poll();
+  EXPECT_EQ(device_.ClosePort(), 1);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, IsenseFailures,
+    testing::Values(Failing{"OpenTracker", -4, 0, 0}, Failing{"CloseTracker", 1, 1, 1},
+                    Failing{"GetCommInfo", 1, 1, 1}, Failing{"GetTrackerConfig", 1, -13, 0},
+                    Failing{"GetStationConfig", 1, 1, 1}, Failing{"SetStationConfig", 1, 1, 1},
+                    Failing{"GetData", 1, 1, 0}, Failing{"NumOpenTrackers", 1, 1, 1},
+                    Failing{"UdpBroadcastData", 1, 1, 1}),
+    [](const auto& row) { return std::string(row.param.call); });
+
+TEST_F(IsenseDeviceTest, AFrameThatCouldNotBePassedOnIsSeenButFails) {
+  Start();
+  ASSERT_TRUE(device_.SetControlString("5000"));
+  settings_.Set("FAIL", "UdpBroadcastData");
+  EXPECT_TRUE(WaitUntil([this] {
+    EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+    return device_.GetSensorPose(0)[3] != 0.0F;
+  }));
+}
+
+TEST_F(IsenseDeviceTest, ALostTrackerIsClosedBeforeItIsOpenedAgain) {
+  Start();
+  settings_.Set("FAIL", "GetCommInfo");
+  EXPECT_EQ(CallsOf([this] { device_.OpenPortNumber(1, 0); }),
+            (Calls{"GetCommInfo 1", "CloseTracker 1", "NumOpenTrackers", "OpenTracker 1 1 0"}));
+}
+
+TEST_F(IsenseDeviceTest, SamplingAllocatesNothing) {
+  settings_.Set("CALLS", "");
+  Start();
+  ASSERT_TRUE(ReadNext());
+  const int before = CountedAllocations();
+  CountAllocations(true);
+  for (int i = 0; i < 20; ++i) {
+    device_.ReadFrame(nullptr);
+    device_.Poll();
+  }
+  CountAllocations(false);
+  EXPECT_EQ(CountedAllocations(), before);
+}
+
+TEST(IsenseWithoutLibrary, OpensButDoesNotBoot) {
+  const IsenseSettings settings("/nowhere/libisense.so");
+  IsenseDevice device;
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(device.OpenPortNumber(1, 0), 1);
+  EXPECT_EQ(device.Boot(0), -13);
+  EXPECT_EQ(device.ReadFrame(nullptr), 0U);
+  EXPECT_EQ(device.SetProtocol(1), 1);
+  EXPECT_EQ(device.ClosePort(), 1);
+  testing::internal::GetCapturedStderr();
+}
+
+}  // namespace
+}  // namespace kinetrel::test

@@ -1,0 +1,130 @@
+// The substitute library, the program and a client: what the client sees is the substitute's
+// motion.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <csignal>
+#include <optional>
+
+#include "drivers/isense_udp_probe.h"
+#include "publish/shared_track_reader.h"
+#include "tests/support/child_process.h"
+#include "tests/support/free_slot.h"
+#include "tests/support/isense_settings.h"
+
+namespace kinetrel::test {
+namespace {
+
+constexpr double kDegrees = 180 / 3.14159265358979;
+
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+class IsenseProgram {
+ public:
+  explicit IsenseProgram(std::vector<std::string> arguments, Environment environment = {})
+      : reader_(slot_.device()) {
+    arguments.insert(arguments.begin(), {"-d", "6", "-w", std::to_string(slot_.slot())});
+    program_.emplace(
+        "kinetrel", arguments,
+        ChildProcess::Options{.environment = std::move(environment), .emptyInput = true});
+  }
+
+  ChildProcess& program() { return *program_; }
+
+  // What a client gets until `count` frames have been published since its first one.
+  std::vector<SharedTrackBlock> Watch(int count) {
+    std::vector<SharedTrackBlock> seen;
+    int last = 0;
+    WaitUntil(
+        [&] {
+          SharedTrackBlock block{};
+          if (!reader_.OpenOnly(0) || !reader_.WaitForFrame(last, Milliseconds(100)) ||
+              !reader_.Copy(block, Milliseconds(1000)) || block.frameCount <= last) {
+            return false;
+          }
+          last = block.frameCount;
+          seen.push_back(block);
+          return last - seen.front().frameCount >= count;
+        },
+        3 * kPatience);
+    return seen;
+  }
+
+  int Stop() {
+    program_->Signal(SIGINT);
+    return program_->Wait(std::chrono::seconds(30));
+  }
+
+ private:
+  FreeSlot slot_;
+  SharedTrackReader reader_;
+  std::optional<ChildProcess> program_;
+};
+
+// The frame that a pose belongs to, within the two minutes of the tests.
+long FrameOf(const SharedTrackBlock& block) {
+  const double yaw = -block.poses[0][3] * kDegrees;
+  const double pitch = -block.poses[0][4] * kDegrees;
+  return std::lround((yaw + 180) * 4) + 1440 * std::lround((pitch + 45) * 4);
+}
+
+class IsenseRun : public testing::Test {
+ protected:
+  IsenseSettings settings_;
+};
+
+TEST_F(IsenseRun, AThousandFramesReachTheClientEachOnce) {
+  IsenseProgram run({"-p", "1"});
+  const auto frames = run.Watch(1000);
+  ASSERT_FALSE(frames.empty()) << run.program().error();
+  EXPECT_GE(frames.back().frameCount - frames.front().frameCount, 1000);
+  const long ahead = FrameOf(frames.front()) - frames.front().frameCount;
+  for (const SharedTrackBlock& block : frames) {
+    const long frame = FrameOf(block);
+    ASSERT_EQ(frame - block.frameCount, ahead);
+    ASSERT_NEAR(block.poses[0][3] * kDegrees, 180 - static_cast<double>(frame % 1440) / 4, 1e-4);
+    ASSERT_NEAR(block.poses[0][5] * kDegrees, -90 + static_cast<double>(frame % 720) / 4, 1e-4);
+    ASSERT_EQ(block.poses[0][0], 0.0F);
+  }
+  EXPECT_EQ(run.Stop(), 0);
+  const auto calls = settings_.TakeCalls();
+  const std::vector<std::string> start(calls.begin(), calls.begin() + 8);
+  EXPECT_EQ(start, (std::vector<std::string>{"OpenTracker 1 1 0", "GetCommInfo 1",
+                                             "GetTrackerConfig 1 0", "GetStationConfig 1 1 0",
+                                             "SetStationConfig 1 1 0 0 1", "GetStationConfig 1 1 0",
+                                             "SetStationConfig 1 1 0 0 1", "GetData 1"}));
+  const std::vector<std::string> end(calls.end() - 2, calls.end());
+  EXPECT_EQ(end, (std::vector<std::string>{"CloseTracker 1", "NumOpenTrackers"}));
+}
+
+TEST_F(IsenseRun, ATrackerThatIsLostForAWhileGoesOn) {
+  IsenseProgram run({"-p", "0"}, {{"KINETREL_ISENSE_FRAMES", "lost@100+90,jump@200+50"}});
+  const auto frames = run.Watch(300);
+  ASSERT_FALSE(frames.empty());
+  long last = -1;
+  for (const SharedTrackBlock& block : frames) {
+    ASSERT_GT(FrameOf(block), last);
+    last = FrameOf(block);
+  }
+  EXPECT_GE(last, 300);
+  EXPECT_EQ(run.Stop(), 0);
+}
+
+TEST_F(IsenseRun, WithoutTheLibrarySaysSoAndEnds) {
+  IsenseProgram run({"-p", "1"}, {{"KINETREL_ISENSE", "/nowhere/libisense.so"}});
+  EXPECT_NE(run.program().Wait(), 0);
+  EXPECT_TRUE(run.program().ExpectError("Could not load isense.dll"));
+  EXPECT_TRUE(run.program().ExpectError("Tracker(InterSense DLL) failed to boot(-13)."));
+}
+
+TEST_F(IsenseRun, WithoutASourceStopsInTime) {
+  const int port = DatagramSocket::Open(0)->port();
+  IsenseProgram run({"-p", std::to_string(port)});
+  EXPECT_FALSE(run.Watch(1).empty());
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(run.Stop(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
+}
+
+}  // namespace
+}  // namespace kinetrel::test

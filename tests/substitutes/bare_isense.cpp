@@ -1,0 +1,16 @@
+// A library of that name with three of its functions: everything else is missing.
+#include <cstdint>
+
+extern "C" {
+int ISD_OpenTracker(void* window, std::uint32_t port, int infoScreen, int verbose);
+int ISD_GetData(int handle, void* data);
+int ISD_NumOpenTrackers(std::uint16_t* count);
+}
+
+int ISD_OpenTracker(void*, std::uint32_t port, int, int) { return port == 7 ? -3 : 5; }
+int ISD_GetData(int, void*) { return 1; }
+
+int ISD_NumOpenTrackers(std::uint16_t* count) {
+  *count = 0;
+  return 1;
+}
