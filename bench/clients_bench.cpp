@@ -4,8 +4,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <deque>
+#include <stdexcept>
 #include <thread>
 
 #include "bench/floors.h"
@@ -17,6 +19,7 @@ namespace {
 
 constexpr int kManyClients = 16;
 constexpr int kRate = 240;  // Hz
+constexpr double kLeastShare = 99;
 
 // ---- One after the other, timed ----------------------------------------------------------------
 
@@ -86,74 +89,103 @@ void SystemCallsOfPublishing(Report& report) {
 // ---- At a tracker's rate -----------------------------------------------------------------------
 
 struct Tally {
-  int seen = 0;       // frames that the client had a copy of
-  long switches = 0;  // of the client's context meanwhile
+  std::atomic<bool> ready = false;
+  std::atomic<int> seen = 0;            // frames that the client took
+  std::atomic<long> firstSwitches = 0;  // of its context, when it took the first one
+  std::atomic<long> lastSwitches = 0;   // and the last one
 };
+using Audience = std::array<Tally, kManyClients>;
 
-struct Audience {
-  std::array<Tally, kManyClients> clients;
-  std::atomic<int> ready = 0;
-};
-
-// A client's life: it waits, and copies what is new, until the writer has gone.
-Tally Watch(Audience& audience) {
-  Tally tally;
-  SharedTrackBlock copy{};
-  const auto reader = OpenReader();
-  ++audience.ready;
-  while (!reader->WaitForFrame(0, Milliseconds(1000))) {
+void TakeAll(Handover& handover, Tally& tally) {
+  handover.OpenTaker();
+  tally.ready = true;
+  for (;;) {
+    handover.Take();
+    tally.lastSwitches = OwnSwitches();
+    if (++tally.seen == 1) tally.firstSwitches = tally.lastSwitches.load();
   }
-  const long before = OwnSwitches();
-  do {
-    reader->Copy(copy, kForever);
-    ++tally.seen;
-    // The last frame is followed by nothing but the writer's leaving.
-  } while (copy.writerPresent == 1 && reader->WaitForFrame(copy.frameCount, Milliseconds(500)));
-  tally.switches = OwnSwitches() - before;
-  return tally;
 }
 
-void PublishAtRate(int frames) {
-  const auto writer = OpenWriter();
-  auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
-  for (int frame = 1; frame <= frames; ++frame) {
-    std::this_thread::sleep_until(next);
+// Until every client waits for a frame; throws when one does not come to it.
+void LetAllWait(const Audience& audience, const std::deque<Child>& clients) {
+  const auto waits = [&](std::size_t i) { return audience[i].ready && clients[i].Sleeps(); };
+  const Deadline deadline(Milliseconds(10'000));
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    while (!waits(i)) {
+      if (deadline.Passed()) throw std::runtime_error("a client is silent");
+      SleepFor(Milliseconds(1));
+    }
+  }
+}
+
+void GiveAtRate(Handover& handover) {
+  RunAtPriority(10);
+  auto next = std::chrono::steady_clock::now();
+  for (int frame = 0; frame < kRate; ++frame) {
     next += std::chrono::microseconds(1'000'000 / kRate);
-    PublishSample(*writer, kBin, 0);
+    std::this_thread::sleep_until(next);
+    handover.Give();
   }
+  RunAtNormalPriority();
 }
 
-void AtRate(Report& report, std::size_t clients, int frames) {
+struct Service {
+  double share = 0;     // of the frames, in percent, that the least served client took
+  double switches = 0;  // of the first client, for each frame it took
+};
+
+// One second of frames.
+Service Serve(Handover& handover, std::size_t clients) {
   const Common<Audience> audience;
   std::deque<Child> children;
   for (std::size_t i = 0; i < clients; ++i) {
-    children.emplace_back([&, i] { audience->clients[i] = Watch(*audience); });
+    children.emplace_back([&, i] { TakeAll(handover, (*audience)[i]); });
   }
-  while (audience->ready < static_cast<int>(clients)) std::this_thread::yield();
-  RunAtPriority(10);
-  PublishAtRate(frames);
-  RunAtNormalPriority();
-  for (Child& child : children) child.Join();
+  handover.OpenGiver();
+  LetAllWait(*audience, children);
+  GiveAtRate(handover);
+  LetAllWait(*audience, children);
+  int fewest = kRate;
+  for (std::size_t i = 0; i < clients; ++i) fewest = std::min(fewest, (*audience)[i].seen.load());
+  const Tally& first = audience->front();
+  children.clear();
+  handover.CloseGiver();
+  const auto switches = static_cast<double>(first.lastSwitches - first.firstSwitches);
+  return {100.0 * fewest / kRate, switches / std::max(1, first.seen - 1)};
+}
 
-  const auto end = audience->clients.begin() + static_cast<std::ptrdiff_t>(clients);
-  const int fewest = std::min_element(audience->clients.begin(), end, [](auto& a, auto& b) {
-                       return a.seen < b.seen;
-                     })->seen;
-  const std::string whose = clients == 1 ? "a client's" : "the least served of 16 clients'";
-  report.AtLeast("share of frames at 240 Hz, " + whose, 100.0 * fewest / frames, "%", 99);
-  if (clients != 1) return;
-  const Tally& one = audience->clients[0];
-  report.AtMost("context switches a frame at 240 Hz, a client's",
-                static_cast<double>(one.switches) / one.seen, "", 1.1);
+// In turn with bare wakes: where those do not get through either, the machine is at fault.
+void AtRate(Report& report, std::size_t clients, const std::string& whose) {
+  std::vector<double> bareShares;
+  std::vector<double> shares;
+  std::vector<double> switches;
+  for (int round = 0; round < 5; ++round) {
+    BareWake bare;
+    Publication publication;
+    bareShares.push_back(Serve(bare, clients).share);
+    const Service service = Serve(publication, clients);
+    shares.push_back(service.share);
+    switches.push_back(service.switches);
+  }
+  const std::string item = "share of frames at 240 Hz, " + whose;
+  const bool starved = MedianOf(bareShares) < kLeastShare && MedianOf(shares) < kLeastShare;
+  if (starved) {
+    report.Undecided(item, "bare wakes do not get through on this machine either");
+  } else {
+    report.AtLeast(item, MedianOf(shares), "%", kLeastShare);
+  }
+  if (clients == 1) {
+    report.AtMost("context switches a frame at 240 Hz, " + whose, MedianOf(switches), "", 1.1);
+  }
 }
 
 void Measure(Report& report) {
   if (CpuCount() > 1) ClientOnAnotherCpu(report);
   ClientOnTheSameCpu(report);
   SystemCallsOfPublishing(report);
-  AtRate(report, 1, 3 * kRate);
+  AtRate(report, 1, "a client's");
   ManyClients(report);
-  AtRate(report, kManyClients, 3 * kRate);
+  AtRate(report, kManyClients, "the least served of 16 clients'");
 }
 
 }  // namespace
