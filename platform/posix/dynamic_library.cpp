@@ -10,10 +10,18 @@
 namespace kinetrel {
 namespace {
 
+#ifdef __has_feature
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
 // A library looks for a function first among the program's: with ours of the same name there, it
 // would call us where it means itself. The sanitizers cannot live with this flag.
-#if defined(RTLD_DEEPBIND) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-constexpr int kOwnFunctionsFirst = RTLD_DEEPBIND;
+#ifdef RTLD_DEEPBIND
+constexpr int kOwnFunctionsFirst = kSanitized ? 0 : RTLD_DEEPBIND;
 #else
 constexpr int kOwnFunctionsFirst = 0;
 #endif

@@ -5,8 +5,9 @@
 #include <cmath>
 #include <csignal>
 #include <optional>
+#include <thread>
 
-#include "drivers/isense_udp_probe.h"
+#include "drivers/isense_device.h"
 #include "publish/shared_track_reader.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
@@ -108,6 +109,29 @@ TEST_F(IsenseRun, ATrackerThatIsLostForAWhileGoesOn) {
   }
   EXPECT_GE(last, 300);
   EXPECT_EQ(run.Stop(), 0);
+}
+
+// What one Kinetrel passes on, another on the same machine publishes.
+TEST_F(IsenseRun, APassedOnRecordIsPublishedByTheNextProgram) {
+  settings_.Set("MODEL", "8");
+  const std::string port = std::to_string(DatagramSocket::Open(0)->port());
+  IsenseProgram follower({"-p", port});
+  IsenseDevice source;
+  ASSERT_EQ(source.OpenPortNumber(1, 0), 1);
+  ASSERT_EQ(source.Boot(0), 1);
+  ASSERT_TRUE(source.SetControlString(port.c_str()));
+  const std::jthread passing([&source](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
+      source.ReadFrame(nullptr);
+      source.Poll();
+    }
+  });
+  auto frames = follower.Watch(300);
+  std::erase_if(frames, [](const SharedTrackBlock& block) { return block.poses[0][3] == 0.0F; });
+  ASSERT_GT(frames.size(), 100U);
+  const long ahead = FrameOf(frames.front()) - frames.front().frameCount;
+  for (const SharedTrackBlock& block : frames) ASSERT_EQ(FrameOf(block) - block.frameCount, ahead);
+  EXPECT_EQ(follower.Stop(), 0);
 }
 
 TEST_F(IsenseRun, WithoutTheLibrarySaysSoAndEnds) {
