@@ -1,0 +1,297 @@
+// The Liberty driver over the substitute of its library: what it asks of it, what it makes of
+// frames, and that no answer of a library harms it.
+#include "drivers/liberty_device.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "emulators/motion.h"
+#include "tests/support/allocation_counter.h"
+#include "tests/support/emulated_run.h"
+
+namespace kinetrel::test {
+namespace {
+
+constexpr char kSubstitute[] = KINETREL_PDI_SUBSTITUTE;
+
+// The variables that the library sees, for as long as the object lives.
+class Environment {
+ public:
+  using Variables = std::vector<std::pair<std::string, std::string>>;
+  explicit Environment(Variables variables) : variables_(std::move(variables)) {
+    for (const auto& [name, value] : variables_) ::setenv(name.c_str(), value.c_str(), 1);
+  }
+  Environment(const Environment&) = delete;
+  ~Environment() {
+    for (const auto& [name, value] : variables_) ::unsetenv(name.c_str());
+  }
+
+ private:
+  Variables variables_;
+};
+
+std::string CallsPath() { return "/tmp/kinetrel-pdi-calls-" + std::to_string(::getpid()); }
+
+class LibertyDeviceTest : public testing::Test {
+ protected:
+  void SetUp() override { ::unlink(CallsPath().c_str()); }
+  void TearDown() override { ::unlink(CallsPath().c_str()); }
+
+  // What was called since the last look, separated by "; ".
+  std::string Calls() {
+    std::ifstream file(CallsPath());
+    std::string all, line;
+    while (std::getline(file, line)) all += (all.empty() ? "" : "; ") + line;
+    ::unlink(CallsPath().c_str());
+    return all;
+  }
+
+  Environment environment_{
+      Environment::Variables{{"KINETREL_PDI", kSubstitute}, {"KINETREL_PDI_CALLS", CallsPath()}}};
+};
+
+TEST_F(LibertyDeviceTest, WithoutItsLibraryBootsNot) {
+  const Environment missing(Environment::Variables{{"KINETREL_PDI", "/nowhere/libpdi.so"}});
+  testing::internal::CaptureStderr();
+  LibertyDevice device;
+  EXPECT_EQ(device.OpenPortNumber(1, 115200), 1);
+  EXPECT_EQ(device.Boot(0), 0);
+  EXPECT_EQ(device.ReadFrame(nullptr), 0U);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find("KINETREL_PDI may name the file"), std::string::npos) << said;
+  EXPECT_EQ(said.find("cannot be loaded"), said.rfind("cannot be loaded")) << said;
+}
+
+TEST_F(LibertyDeviceTest, IsItselfBeforeItBoots) {
+  LibertyDevice device;
+  char name[64] = {};
+  EXPECT_EQ(device.GetDeviceType(name, sizeof name), 10);
+  EXPECT_STREQ(name, "Polhemus Liberty");
+  EXPECT_EQ(device.GetStatusCode(), 10);
+  EXPECT_EQ(device.GetSensorMask(), 0xFFFFFFFFU);
+  EXPECT_EQ(device.OpenPort("COM1", 115200), 0);
+  EXPECT_EQ(device.OpenPortNumber(2, 14400), 0);
+  EXPECT_EQ(device.GetPortNumber(), 2);
+  EXPECT_EQ(device.OpenPortNumber(0, 9600), 1);
+  EXPECT_EQ(device.GetPortNumber(), 2);
+  EXPECT_EQ(device.GetBaudRate(), 9600U);
+  EXPECT_EQ(device.GetSensorPose(0), nullptr);
+  EXPECT_EQ(device.SetComponentMask(0), 1U);
+}
+
+TEST_F(LibertyDeviceTest, MakesTheCallsInOrder) {
+  const Environment failing(
+      Environment::Variables{{"KINETREL_PDI_BIT", "4"}, {"KINETREL_PDI_STATIONS", "0x5"}});
+  StatusLog log;
+  LibertyDevice device;
+  device.SetStatusLog(&log);
+  EXPECT_EQ(Calls(), "GetStationMap; SetSDataList -1: 2 4 9");
+  device.OpenPortNumber(3, 57600);
+  ASSERT_EQ(device.Boot(0), kBooted);
+  EXPECT_EQ(Calls(),
+            "SetSerialIF 3 6 0; DiscoverCnx; SetSDataList -1: 2 4 9; GetBITErrs; ClearBITErrs; "
+            "GetStationMap");
+  const char* const logged[] = {"Serial Connection: done",   "SetSDataList result: done",
+                                "GetBITErrs result: done",   "BIT Errors: word 0: 0x4 ",
+                                "ClearBITErrs result: done", "GetStationMap result: done",
+                                "ActiveStationMap: 0x5"};
+  const auto entries = log.Entries();
+  ASSERT_EQ(entries.size(), std::size(logged));
+  for (std::size_t i = 0; i < entries.size(); ++i) EXPECT_EQ(entries[i].text, logged[i]);
+
+  EXPECT_EQ(device.SetSensorMask(0x4, 0), 0x4U);
+  EXPECT_EQ(Calls(), "SetStationMap 0x4; GetStationMap; MaxSensors");
+  EXPECT_EQ(device.SetComponentMask(7), 7U);
+  EXPECT_EQ(Calls(), "GetStationMap; MaxSensors; SetSDataList -1: 2 4 7 9");
+  const float zenith[3] = {0, 0, 1};
+  EXPECT_EQ(device.SetHemisphere(-1, zenith), 1);
+  EXPECT_EQ(Calls(), "SetSHemisphere 3: 0 0 1; SetSHemiTrack 3");
+  EXPECT_EQ(device.SetProtocol(4), 4);
+  EXPECT_EQ(device.GetFrameRate(), 120);
+  EXPECT_EQ(device.SetSynchronization(2), 2);
+  EXPECT_EQ(device.SetSynchronization(3), 0);
+  EXPECT_EQ(device.SetUnits(3), 0);
+  EXPECT_EQ(device.SetUnits(2), 2);
+  EXPECT_EQ(device.GetUnits(), 1);
+  EXPECT_EQ(Calls(), "SetFrameRate 3; GetFrameRate; SetSyncEnabled 1; SetMetric 1");
+  const float quarterTurn[6] = {1, 2, 3, 1.57079632F, 0, 0};
+  EXPECT_EQ(device.SetAlignmentPose(1, nullptr), 0);
+  EXPECT_NE(device.SetAlignmentPose(1, quarterTurn), 0);
+  std::istringstream aligned(Calls().substr(std::strlen("SetSAlignment 1:")));
+  for (const double right : {1, 2, 3, 0, 1, 0, -1, 0, 0}) {
+    double value = 77;
+    aligned >> value;
+    EXPECT_NEAR(value, right, 1e-6);
+  }
+  EXPECT_NE(device.ReadFrame(nullptr), 0U);
+  device.SetUnits(0);  // any setting ends the stream, the next frame begins it again
+  EXPECT_NE(device.ReadFrame(nullptr), 0U);
+  EXPECT_EQ(device.ClosePort(), 0);
+  EXPECT_EQ(Calls(), "StartContPno; StopContPno; SetMetric 0; StartContPno; Disconnect");
+}
+
+TEST_F(LibertyDeviceTest, RefusedRateKeepsTheOldOne) {
+  const Environment failing(Environment::Variables{{"KINETREL_PDI_FAIL", "SetFrameRate@2"}});
+  LibertyDevice device;
+  device.Boot(0);
+  EXPECT_EQ(device.SetProtocol(4), 4);
+  EXPECT_EQ(device.SetProtocol(5), 5);
+  char text[64] = {};
+  EXPECT_EQ(device.GetProtocolText(text, sizeof text), 4);
+  EXPECT_STREQ(text, "4: 120 Hz");
+}
+
+TEST_F(LibertyDeviceTest, DeliversTheMotionOfEveryStationWithItsOffset) {
+  const Environment plugged(Environment::Variables{{"KINETREL_PDI_STATIONS", "0x8003"}});
+  LibertyDevice device;
+  device.Boot(0);
+  device.SetSensorMask(0xFFFFFFFF, 0);
+  device.SetComponentMask(7);
+  device.SetSensorOffsetComponent(-1, 1, 100);
+  double when = 0;
+  ASSERT_EQ(device.ReadFrame(&when), 0x8003U);
+  EXPECT_GT(when, 0.0);
+  CountAllocations(true);
+  const bool again = device.ReadFrame(&when) != 0 && device.GetSensorPose(2) != nullptr;
+  CountAllocations(false);
+  EXPECT_EQ(CountedAllocations(), 0);
+  ASSERT_TRUE(again);
+  const int stations[] = {1, 2, 16};
+  for (int i = 0; i < 3; ++i) {
+    const float* const pose = device.GetSensorPose(i);
+    ASSERT_NE(pose, nullptr);
+    const auto frame = RampFrame(pose[0], pose[2]);
+    const MotionPose ramp = MakeRamp()->At(static_cast<unsigned>(stations[i] - 1), frame, 0);
+    EXPECT_NEAR(pose[0], ramp.x, 1e-4);
+    EXPECT_NEAR(pose[1], ramp.y + 100, 1e-4);
+    EXPECT_NEAR(pose[3], ramp.azimuth * kRadiansPerDegree, 1e-5);
+    EXPECT_NEAR(pose[4], ramp.elevation * kRadiansPerDegree, 1e-5);
+    const Quaternion turned = EulerToQuaternion(pose + 3);
+    const float* const quaternion = device.GetSensorQuaternion(i);
+    for (std::size_t k = 0; k < 4; ++k) EXPECT_NEAR(quaternion[k], turned[k], 1e-5);
+  }
+  EXPECT_EQ(device.GetSensorEuler(3), nullptr);
+  EXPECT_EQ(device.GetSensorPosition(-1), nullptr);
+}
+
+TEST_F(LibertyDeviceTest, PolledItAsksForEachFrame) {
+  LibertyDevice device;
+  device.Boot(0);
+  device.SetSensorMask(1, 0);
+  device.Poll();
+  Calls();
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(device.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(Calls(), "");  // no continuous output
+  device.StartContinuous();
+  EXPECT_EQ(Calls(), "StartContPno");
+}
+
+// Each from the 20th period on; a frame may then come or not, but nothing is read that is not there
+// and every call ends.
+TEST_F(LibertyDeviceTest, SurvivesWhateverALibraryAnswers) {
+  const Environment::Variables worst[] = {{{"KINETREL_PDI_FRAMES", "null@20"}},
+                                          {{"KINETREL_PDI_FRAMES", "short@20"}},
+                                          {{"KINETREL_PDI_FRAMES", "lie@20"}},
+                                          {{"KINETREL_PDI_FRAMES", "lost@20"}},
+                                          {{"KINETREL_PDI_FRAMES", "stall@20+40"}},
+                                          {{"KINETREL_PDI_FRAMES", "jump@20+4294967295"}},
+                                          {{"KINETREL_PDI_MAP", "0"}},
+                                          {{"KINETREL_PDI_MAP", "0xFFFFFFFF"}},
+                                          {{"KINETREL_PDI_FAIL", "MaxSensors"}},
+                                          {{"KINETREL_PDI_FAIL", "LastPnoPtr"}},
+                                          {{"KINETREL_PDI_FAIL", "GetStationMap"}},
+                                          {{"KINETREL_PDI_FAIL", "DiscoverCnx"}},
+                                          {{"KINETREL_PDI_FAIL", "CnxReady"}},
+                                          {{"KINETREL_PDI_FAIL", "SetSDataList"}},
+                                          {{"KINETREL_PDI_FAIL", "StartContPno"}},
+                                          {{"KINETREL_PDI_FAIL", "GetBITErrs"}},
+                                          {{"KINETREL_PDI_FAIL", "SetStationMap"}},
+                                          {{"KINETREL_PDI_FAIL", "Disconnect"}},
+                                          {{"KINETREL_PDI_FAIL", "GetFrameRate"}},
+                                          {{"KINETREL_PDI_FAIL", "SetMetric"}},
+                                          {{"KINETREL_PDI_FAIL", "SetSHemisphere"}},
+                                          {{"KINETREL_PDI_FAIL", "SetSHemiTrack"}}};
+  for (const auto& row : worst) {
+    SCOPED_TRACE(row[0].first + "=" + row[0].second);
+    const Environment bad(row);
+    LibertyDevice device;
+    device.Boot(0);
+    device.SetSensorMask(0xFFFFFFFF, 0);
+    device.SetComponentMask(7);
+    const float zenith[3] = {1, 0, 0};
+    device.SetHemisphere(-1, zenith);
+    device.SetUnits(0);
+    device.GetFrameRate();
+    for (int i = 0; i < 3; ++i) {
+      device.ReadFrame(nullptr);
+      for (const int sensor : {-1, 0, 3, 15, 16, 1000}) {
+        device.GetSensorPose(sensor);
+        device.GetSensorQuaternion(sensor);
+      }
+    }
+    device.ClosePort();
+    device.ReadFrame(nullptr);
+  }
+}
+
+TEST(LibertyFrame, NothingIsReadOutsideIt) {
+  const std::int32_t items[] = {2, 4, 9, 77, -1};
+  const LibertyLayout layout = LibertyLayoutOf(items);
+  EXPECT_EQ(layout.recordSize, 36U);
+  EXPECT_EQ(layout.euler, 20U);
+  EXPECT_EQ(layout.frameCount, 32U);
+  std::vector<std::byte> frame(72);
+  frame[32] = std::byte{5};
+  float values[3] = {7, 7, 7};
+  for (std::size_t size = 0; size <= frame.size(); ++size) {
+    const std::vector<std::byte> cut(frame.begin(), frame.begin() + static_cast<long>(size));
+    EXPECT_EQ(LibertyFrameCount(layout, cut).value_or(0), size >= 36 ? 5U : 0U);
+    EXPECT_EQ(ReadLibertyFloats(layout, cut, 1, layout.euler, values), size >= 68);
+    EXPECT_FALSE(ReadLibertyFloats(layout, cut, std::size_t{1} << 40, layout.euler, values));
+    EXPECT_FALSE(ReadLibertyFloats(layout, cut, 0, layout.quaternion, values));
+  }
+}
+
+// ---- Whole -----------------------------------------------------------------------------------
+
+TEST(LibertyRun, AThousandFramesArriveAsTheySendNoneLostNoneDoubled) {
+  FreeSlot slot;
+  ChildProcess tracker(
+      "kinetrel", {"-d", "10", "-p", "1", "-w", std::to_string(slot.slot())},
+      ChildProcess::Options{.environment = {{"KINETREL_PDI", kSubstitute}}, .emptyInput = true});
+  ASSERT_TRUE(tracker.ExpectError("Running ...")) << tracker.error();
+  SharedTrackReader reader(slot.device());
+  ASSERT_TRUE(WaitUntil([&] { return reader.OpenOnly(0); }));
+  SharedTrackBlock block{};
+  int first = -1, seen = 0;
+  std::uint64_t firstRamp = 0;
+  const bool whole = WaitUntil([&] {
+    if (!reader.WaitForFrame(seen, Milliseconds(100)) || !reader.Copy(block, Milliseconds(1000)) ||
+        block.frameCount == seen) {
+      return false;
+    }
+    seen = block.frameCount;
+    const auto& pose = block.poses[0];
+    const std::uint64_t ramp = RampFrame(pose[0], pose[2]);
+    if (first < 0) first = seen, firstRamp = ramp;
+    EXPECT_EQ(ramp - firstRamp, static_cast<std::uint64_t>(seen - first));
+    const MotionPose right = MakeRamp()->At(0, ramp, 0);
+    EXPECT_NEAR(pose[0], right.x, 1e-4);
+    EXPECT_NEAR(pose[5], right.roll * kRadiansPerDegree, 1e-5);
+    return seen - first >= 1000;
+  });
+  EXPECT_TRUE(whole) << seen;
+  tracker.Signal(SIGINT);
+  EXPECT_EQ(tracker.Wait(), 0);
+}
+
+}  // namespace
+}  // namespace kinetrel::test
