@@ -79,6 +79,7 @@ TEST_F(IsenseRun, AThousandFramesReachTheClientEachOnce) {
   const auto frames = run.Watch(1000);
   ASSERT_FALSE(frames.empty()) << run.program().error();
   EXPECT_GE(frames.back().frameCount - frames.front().frameCount, 1000);
+  EXPECT_EQ(frames.front().flags >> TrackFlags::kComponentShift & 0xF, 2U);
   const long ahead = FrameOf(frames.front()) - frames.front().frameCount;
   for (const SharedTrackBlock& block : frames) {
     const long frame = FrameOf(block);
