@@ -5,7 +5,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "track.h"
+#include <track.h> /* made by widl from track.idl */
 
 static int Bind(const char* host) {
   unsigned char* text = NULL;

@@ -4,7 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "track.h"
+#include <track.h> /* made by widl from track.idl */
 
 static boolean IsOurs(Key key) { return key.device == 1 && key.bin == 2 && key.slot == 3; }
 
