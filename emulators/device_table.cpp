@@ -4,6 +4,7 @@
 #include "emulators/flock_emulator.h"
 #include "emulators/gps_emulator.h"
 #include "emulators/intertrax_emulator.h"
+#include "emulators/liberty_emulator.h"
 #include "emulators/logitech_emulator.h"
 #include "emulators/pan_tilt_emulator.h"
 
@@ -19,6 +20,8 @@ constexpr DeviceRow kDevices[] = {
     {"logitech", "Logitech head tracker, one sensor with buttons", 4, 19200, LogitechOptions,
      MakeLogitech},
     {"intertrax", "InterTrax, angles only", 9, 1200, IntertraxOptions, MakeIntertrax},
+    {"liberty", "Polhemus Liberty, up to 16 stations, through libpdi", 10, 115200, LibertyOptions,
+     MakeLiberty},
     {"gps", "GPS receiver in TSIP, with satellites", 12, 9600, GpsOptions, MakeGps},
 };
 

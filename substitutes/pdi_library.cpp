@@ -71,7 +71,8 @@ std::int32_t Do(PdiDevice* device, const char* call, Work work) {
 
 PdiDevice* CreateDevice() {
   auto device = std::make_unique<PdiDevice>();
-  device->tracker = substitute::MakeKnownTracker();
+  const bool real = Setting("KINETREL_PDI_SERIAL") == "1";
+  device->tracker = real ? substitute::MakeSerialTracker() : substitute::MakeKnownTracker();
   return device.release();
 }
 

@@ -50,4 +50,7 @@ class PdiTracker {
 //                          in half, and said to be of 4 GiB; several with commas
 std::unique_ptr<PdiTracker> MakeKnownTracker();
 
+// A Liberty on the serial port COM<port>.
+std::unique_ptr<PdiTracker> MakeSerialTracker();
+
 }  // namespace kinetrel::substitute

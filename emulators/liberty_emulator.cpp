@@ -1,0 +1,392 @@
+#include "emulators/liberty_emulator.h"
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <numbers>
+#include <utility>
+
+#include "emulators/numbers.h"
+
+namespace kinetrel {
+namespace {
+
+// From a command's last byte to the first one of its answer.
+constexpr Moment kReplyDelay = std::chrono::milliseconds(1);
+constexpr Moment kStartTime = std::chrono::seconds(5);
+
+constexpr std::size_t kLongestCommand = 200;
+constexpr std::size_t kMostItems = 20;
+constexpr unsigned kStations = 16;
+constexpr double kCentimetresPerInch = 2.54;
+constexpr double kHalfRadians = std::numbers::pi / 360;
+constexpr char Control(char letter) { return static_cast<char>(letter & 0x1F); }
+
+enum Refusal : unsigned { kInvalidCommand = 1, kInvalidStation = 2, kInvalidParameter = 3 };
+
+std::array<double, 4> QuaternionOf(const MotionPose& pose) {
+  const double y = pose.azimuth * kHalfRadians;
+  const double p = pose.elevation * kHalfRadians;
+  const double r = pose.roll * kHalfRadians;
+  const double cy = std::cos(y), sy = std::sin(y), cp = std::cos(p), sp = std::sin(p);
+  const double cr = std::cos(r), sr = std::sin(r);
+  return {cy * cp * cr + sy * sp * sr, cy * cp * sr - sy * sp * cr, cy * sp * cr + sy * cp * sr,
+          sy * cp * cr - cy * sp * sr};
+}
+
+// Stations of a field: a number, or '*' for all. None: it is no station.
+std::uint32_t StationsOf(std::string_view field) {
+  if (field == "*") return 0xFFFF;
+  const auto number = ParseNumber(field, 1U, kStations);
+  return number ? 1U << (*number - 1) : 0;
+}
+
+}  // namespace
+
+// ---- Life --------------------------------------------------------------------------------------
+
+LibertyEmulator::LibertyEmulator(LibertySettings settings, std::shared_ptr<const Motion> motion)
+    : settings_(settings), motion_(std::move(motion)) {
+  SetFactory();
+}
+
+void LibertyEmulator::SetFactory() {
+  binary_ = streaming_ = metric_ = sync_ = false;
+  rate_ = 4;
+  active_ = settings_.plugged;
+  bit_ = settings_.bit;
+  items_.fill({2, 4, 1});
+  heard_.clear();
+}
+
+void LibertyEmulator::PowerOn(Moment now, DeviceLine& line) {
+  SetFactory();
+  start_ = now;
+  cycle_ = zero_ = 0;
+  if (std::exchange(poweredBefore_, true)) return Restart(now, {}, line);
+  if (settings_.start == LibertyStart::HalfCommand) heard_ = "O*,2";
+  if (settings_.start == LibertyStart::Streaming) streaming_ = binary_ = true;
+}
+
+void LibertyEmulator::Restart(Moment now, std::string_view, DeviceLine& line) {
+  SetFactory();
+  deafUntil_ = now + kStartTime;
+  line.SendReply(deafUntil_, AsBytes("\r\nLIBERTY Ready!\r\n"));
+}
+
+bool LibertyEmulator::RaiseError(Moment, std::optional<int> code) {
+  bit_ = static_cast<std::uint32_t>(code.value_or(1));
+  return true;
+}
+
+// ---- Commands ----------------------------------------------------------------------------------
+
+struct LibertyEmulator::CommandRow {
+  char name;
+  void (LibertyEmulator::*obey)(Moment now, std::string_view values, DeviceLine& line);
+};
+
+void LibertyEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
+  for (const std::byte byte : bytes) {
+    if (now < deafUntil_) continue;
+    const char letter = static_cast<char>(byte);
+    if (heard_.empty() && (letter == 'P' || letter == 'p')) {
+      const bool wasStreaming = std::exchange(streaming_, false);
+      SkipTo(now);
+      if (!wasStreaming || settings_.lastCycle) SendCycle(now, 'P', line);
+    } else if (letter == '\r') {
+      Obey(now, std::exchange(heard_, {}), line);
+    } else if (heard_.size() < kLongestCommand) {
+      heard_ += letter;
+    }
+  }
+}
+
+void LibertyEmulator::Obey(Moment now, std::string_view command, DeviceLine& line) {
+  using Self = LibertyEmulator;
+  static constexpr CommandRow kCommands[] = {
+      {'C', &Self::Stream},
+      {'F', &Self::Format},
+      {'U', &Self::Units},
+      {'R', &Self::RateCode},
+      {'Z', &Self::Sync},
+      {'O', &Self::Items},
+      {'Q', &Self::Counters},
+      {Control('U'), &Self::Stations},
+      {Control('T'), &Self::SelfTest},
+      {Control('Y'), &Self::Restart},
+      {Control('R'), &Self::Take},
+      {'A', &Self::Take},
+      {'H', &Self::Take},
+      {'L', &Self::Take},
+      {'N', &Self::Take},
+      {'X', &Self::Take},
+      {'Y', &Self::Take},
+      {'B', &Self::Take},
+      {'G', &Self::Take},
+  };
+  if (line.Shown()) line.Say(now, "command of " + std::to_string(command.size()) + " letters");
+  const char first = command.empty() ? '\0' : command[0];
+  const char name = first >= 'a' && first <= 'z' ? static_cast<char>(first - 'a' + 'A') : first;
+  for (const CommandRow& row : kCommands) {
+    if (row.name == name) return (this->*row.obey)(now, command.substr(1), line);
+  }
+  Refuse(now, name, kInvalidCommand, line);
+}
+
+void LibertyEmulator::Take(Moment, std::string_view, DeviceLine&) {}
+
+void LibertyEmulator::Stream(Moment now, std::string_view, DeviceLine&) {
+  SkipTo(now);
+  streaming_ = true;
+}
+
+void LibertyEmulator::Format(Moment now, std::string_view values, DeviceLine& line) {
+  if (values.empty()) return AnswerNumber(now, 'F', binary_ ? 1 : 0, line);
+  const auto value = ParseNumber(values, 0, 1);
+  if (!value) return Refuse(now, 'F', kInvalidParameter, line);
+  binary_ = *value == 1;
+}
+
+void LibertyEmulator::Units(Moment now, std::string_view values, DeviceLine& line) {
+  if (values.empty()) return AnswerNumber(now, 'U', metric_ ? 1 : 0, line);
+  const auto value = ParseNumber(values, 0, 1);
+  if (!value) return Refuse(now, 'U', kInvalidParameter, line);
+  metric_ = *value == 1;
+}
+
+void LibertyEmulator::RateCode(Moment now, std::string_view values, DeviceLine& line) {
+  if (values.empty()) return AnswerNumber(now, 'R', rate_, line);
+  const auto value = ParseNumber(values, 3U, 4U);
+  if (!value) return Refuse(now, 'R', kInvalidParameter, line);
+  const std::uint64_t counted = cycle_ - zero_;
+  rate_ = *value;
+  start_ = now;
+  cycle_ = counted;
+  zero_ = 0;
+  start_ -= NthOf(Moment(0), cycle_, Rate());
+}
+
+void LibertyEmulator::Sync(Moment now, std::string_view values, DeviceLine& line) {
+  if (values.empty()) return AnswerNumber(now, 'Z', sync_ ? 1 : 0, line);
+  const auto value = ParseNumber(values, 0, 1);
+  if (!value) return Refuse(now, 'Z', kInvalidParameter, line);
+  sync_ = *value == 1;
+}
+
+void LibertyEmulator::Counters(Moment now, std::string_view, DeviceLine&) {
+  SkipTo(now);
+  zero_ = cycle_;
+}
+
+// "<n>,0|1", "0,<hex>", or "0" alone: which are active, and above them which are plugged.
+void LibertyEmulator::Stations(Moment now, std::string_view values, DeviceLine& line) {
+  const std::string_view station = NextField(values, ',');
+  if (station == "0" && values.empty()) {
+    return AnswerNumber(now, Control('U'), settings_.plugged << 16 | active_, line);
+  }
+  std::uint32_t map = 0;
+  if (station == "0") {
+    const char* const end = values.data() + values.size();
+    const auto read = std::from_chars(values.data(), end, map, 16);
+    if (read.ec != std::errc() || read.ptr != end) {
+      return Refuse(now, Control('U'), kInvalidParameter, line);
+    }
+  } else {
+    const std::uint32_t meant = StationsOf(station);
+    if (meant == 0) return Refuse(now, Control('U'), kInvalidStation, line);
+    map = values == "1" ? active_ | meant : active_ & ~meant;
+  }
+  active_ = map & settings_.plugged;
+}
+
+void LibertyEmulator::Items(Moment now, std::string_view values, DeviceLine& line) {
+  const std::uint32_t stations = StationsOf(NextField(values, ','));
+  if (stations == 0) return Refuse(now, 'O', kInvalidStation, line);
+  if (values.empty()) {
+    WireWriter codes;
+    for (const int item : items_[static_cast<std::size_t>(std::countr_zero(stations))]) {
+      codes.U32Le(static_cast<std::uint32_t>(item));
+    }
+    return Answer(now, 'O', codes.U32Le(0xFFFFFFFF), "", line);
+  }
+  std::vector<int> items;
+  while (!values.empty()) {
+    const auto item = ParseNumber(NextField(values, ','), 0, 12);
+    if (!item || items.size() == kMostItems) return Refuse(now, 'O', kInvalidParameter, line);
+    items.push_back(*item);
+  }
+  for (unsigned i = 0; i < kStations; ++i) {
+    if ((stations >> i & 1) != 0) items_[i] = items;
+  }
+}
+
+void LibertyEmulator::SelfTest(Moment now, std::string_view values, DeviceLine& line) {
+  if (values == "0") {
+    bit_ = 0;
+    return;
+  }
+  WireWriter words;
+  words.U32Le(bit_);
+  for (int i = 1; i < 9; ++i) words.U32Le(0);
+  Answer(now, Control('T'), words, std::to_string(bit_), line);
+}
+
+// ---- Answers -----------------------------------------------------------------------------------
+
+WireWriter LibertyEmulator::Header(unsigned station, char command, unsigned error,
+                                   std::size_t size) const {
+  const unsigned good = settings_.blankMeansGood ? ' ' : 0;
+  WireWriter header;
+  header.Text("LY").U8(station).U8(static_cast<unsigned char>(command));
+  header.U8(error == 0 ? good : error).U8(0).U16Le(static_cast<std::uint32_t>(size));
+  return header;
+}
+
+void LibertyEmulator::Answer(Moment now, char command, const WireWriter& body,
+                             std::string_view text, DeviceLine& line) {
+  if (binary_) {
+    line.SendReply(now + kReplyDelay, Header(0, command, 0, body.bytes().size()).bytes());
+    line.SendReply(now + kReplyDelay, body.bytes());
+    return;
+  }
+  const char shown = command < ' ' ? static_cast<char>(command + 'a' - 1) : command;
+  line.SendReply(now + kReplyDelay,
+                 AsBytes("00" + std::string(1, shown) + "  " + std::string(text) + "\r\n"));
+}
+
+void LibertyEmulator::AnswerNumber(Moment now, char command, std::uint32_t value,
+                                   DeviceLine& line) {
+  WireWriter body;
+  body.U32Le(value);
+  Answer(now, command, body, std::to_string(value), line);
+}
+
+void LibertyEmulator::Refuse(Moment now, char command, unsigned code, DeviceLine& line) {
+  static constexpr std::string_view kTexts[] = {"Invalid Command", "Invalid Station",
+                                                "Invalid Parameter"};
+  const std::string text = std::string(kTexts[code - 1]) + "\r\n";
+  if (binary_) {
+    line.SendReply(now + kReplyDelay, Header(0, command, code, text.size()).bytes());
+  }
+  line.SendReply(now + kReplyDelay, AsBytes(text));
+}
+
+// ---- Poses -------------------------------------------------------------------------------------
+
+Moment LibertyEmulator::NextEvent() const {
+  return streaming_ ? NthOf(start_, cycle_ + 1, Rate()) : kNever;
+}
+
+// It measures whether anybody asks or not.
+void LibertyEmulator::SkipTo(Moment now) {
+  const double since = std::chrono::duration<double>(now - start_).count();
+  cycle_ = std::max(cycle_, static_cast<std::uint64_t>(std::max(0.0, since) * Rate()));
+}
+
+void LibertyEmulator::OnEvent(Moment now, DeviceLine& line) {
+  ++cycle_;
+  const Moment period = NthOf(Moment(0), 1, Rate());
+  if (line.FreeAt() > now + period) return;  // the line is behind: this cycle is lost
+  SendCycle(now, 'C', line);
+}
+
+void LibertyEmulator::SendCycle(Moment now, char command, DeviceLine& line) {
+  const double seconds = std::chrono::duration<double>(now).count();
+  for (unsigned i = 0; i < kStations; ++i) {
+    if ((active_ >> i & 1) == 0) continue;
+    const MotionPose pose = motion_->At(i, cycle_ - zero_, seconds);
+    if (!binary_) {
+      char text[96];
+      const double unit = metric_ ? 1 : kCentimetresPerInch;
+      std::snprintf(text, sizeof text, "%02u  %8.3f %8.3f %8.3f %8.3f %8.3f %8.3f\r\n", i + 1,
+                    pose.x / unit, pose.y / unit, pose.z / unit, pose.azimuth, pose.elevation,
+                    pose.roll);
+      line.SendRecord(now, AsBytes(text));
+      continue;
+    }
+    WireWriter body;
+    for (const int item : items_[i]) AddItem(body, item, pose, seconds);
+    WireWriter frame = Header(i + 1, command, bit_ != 0 ? 'I' : 0, body.bytes().size());
+    for (const std::byte byte : body.bytes()) frame.U8(std::to_integer<unsigned>(byte));
+    line.SendRecord(now, frame.bytes());
+  }
+}
+
+void LibertyEmulator::AddItem(WireWriter& body, int item, const MotionPose& pose,
+                              double seconds) const {
+  const double unit = metric_ ? 1 : kCentimetresPerInch;
+  switch (item) {
+    case 0:
+      body.U8(' ');
+      break;
+    case 1:
+      body.Text("\r\n");
+      break;
+    case 2:
+    case 3:
+      body.F32Le(pose.x / unit).F32Le(pose.y / unit).F32Le(pose.z / unit);
+      break;
+    case 4:
+    case 5:
+      body.F32Le(pose.azimuth).F32Le(pose.elevation).F32Le(pose.roll);
+      break;
+    case 6:
+      for (int i = 0; i < 9; ++i) body.F32Le(i % 4 == 0 ? 1 : 0);  // told as level, always
+      break;
+    case 7:
+      for (const double part : QuaternionOf(pose)) body.F32Le(part);
+      break;
+    case 8:
+      body.U32Le(static_cast<std::uint32_t>(seconds * 1000));
+      break;
+    case 9:
+      body.U32Le(static_cast<std::uint32_t>(cycle_ - zero_));
+      break;
+    default:
+      body.U32Le(0);
+  }
+}
+
+// ---- Options -----------------------------------------------------------------------------------
+
+namespace {
+
+struct StartRow {
+  std::string_view option;
+  LibertyStart start;
+};
+constexpr StartRow kStarts[] = {
+    {"text", LibertyStart::Text},
+    {"streaming", LibertyStart::Streaming},
+    {"half-command", LibertyStart::HalfCommand},
+};
+
+constexpr OptionRow kOptions[] = {
+    {"--start", "STATE",
+     "the state it is found in: text (just switched on), streaming (to\n"
+     "another program) or half-command (with half of one in its ear)"},
+    {"--stations", "N", "sensors that are plugged, from the first station on (1)"},
+    {"--bit", "WORD", "what its built-in test finds, 0 for nothing (0)"},
+    {"--blank-good", "", "says a blank, not 0, where there is no error"},
+    {"--last-cycle", "", "sends a frame with the command that ends the stream"},
+};
+
+}  // namespace
+
+OptionTable LibertyOptions() { return kOptions; }
+
+std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
+                                            std::shared_ptr<const Motion> motion) {
+  LibertySettings settings;
+  settings.start = kStarts[options.Choice("--start", kStarts)].start;
+  settings.plugged = (1U << options.Get("--stations", 1U, 0U, kStations)) - 1;
+  settings.bit = options.Get("--bit", 0U, 0U, 0xFFFFFFFFU);
+  settings.blankMeansGood = options.Has("--blank-good");
+  settings.lastCycle = options.Has("--last-cycle");
+  return std::make_unique<LibertyEmulator>(settings, std::move(motion));
+}
+
+}  // namespace kinetrel

@@ -1,0 +1,110 @@
+// A Polhemus Liberty on its serial line. 115200 baud, 8 data bits, no parity, one stop bit.
+//
+// Commands are text: a letter (of any case) or a control code, values with commas, a carriage
+// return. A command without its value asks for it; one that sets is not answered.
+//   C     frames as they are measured        O    what is in a record    ^U   the active stations
+//   P     one frame, and no more (at once,   U    0 inches, 1 cm         ^T   its built-in test
+//         without a carriage return)         R    3 120 Hz, 4 240 Hz     ^R   no alignment
+//   F     0 text, 1 binary                   Z    external mark          ^V   who it is
+//   A H L N Q X Y B G    are taken           ^Y   starts it anew
+//
+// A frame is "LY", the station, the command that it answers, an error, a reserved byte, the size of
+// the rest in 16 bits, and the rest, little-endian. Every cycle sends one for each active station
+// in the order of their numbers. What the line cannot carry in time is left out, whole cycles of
+// it; the frame count tells.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "emulators/emulated_device.h"
+#include "emulators/motion.h"
+#include "emulators/options.h"
+#include "emulators/wire_writer.h"
+
+namespace kinetrel {
+
+// The state in which a host finds it.
+enum class LibertyStart {
+  Text,        // just switched on: answers in text
+  Streaming,   // still sending for an earlier host
+  HalfCommand  // with the half of a command in its ear
+};
+
+struct LibertySettings {
+  LibertyStart start = LibertyStart::Text;
+  std::uint32_t plugged = 1;    // bit i: a sensor at station i + 1
+  std::uint32_t bit = 0;        // first word of the built-in test until it is cleared
+  bool blankMeansGood = false;  // a blank, not 0, where there is no error
+  bool lastCycle = false;       // a P that ends the stream sends a cycle too
+};
+
+class LibertyEmulator final : public EmulatedDevice {
+ public:
+  LibertyEmulator(LibertySettings settings, std::shared_ptr<const Motion> motion);
+
+  std::string Name() const override { return "Polhemus Liberty"; }
+  void PowerOn(Moment now, DeviceLine& line) override;
+  void Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) override;
+  Moment NextEvent() const override;
+  void OnEvent(Moment now, DeviceLine& line) override;
+
+  // Its built-in test finds something: every pose is marked with 'I' until that is cleared.
+  bool RaiseError(Moment now, std::optional<int> code) override;
+
+ private:
+  struct CommandRow;
+
+  void Obey(Moment now, std::string_view command, DeviceLine& line);
+  void Answer(Moment now, char command, const WireWriter& body, std::string_view text,
+              DeviceLine& line);
+  void AnswerNumber(Moment now, char command, std::uint32_t value, DeviceLine& line);
+  void Refuse(Moment now, char command, unsigned code, DeviceLine& line);
+  void SetFactory();
+  void SkipTo(Moment now);
+  void SendCycle(Moment now, char command, DeviceLine& line);
+  void AddItem(WireWriter& body, int item, const MotionPose& pose, double seconds) const;
+  double Rate() const { return rate_ == 3 ? 120 : 240; }
+  WireWriter Header(unsigned station, char command, unsigned error, std::size_t size) const;
+
+  void Format(Moment now, std::string_view values, DeviceLine& line);
+  void Units(Moment now, std::string_view values, DeviceLine& line);
+  void RateCode(Moment now, std::string_view values, DeviceLine& line);
+  void Sync(Moment now, std::string_view values, DeviceLine& line);
+  void Stations(Moment now, std::string_view values, DeviceLine& line);
+  void Items(Moment now, std::string_view values, DeviceLine& line);
+  void SelfTest(Moment now, std::string_view values, DeviceLine& line);
+  void Counters(Moment now, std::string_view values, DeviceLine& line);
+  void Stream(Moment now, std::string_view values, DeviceLine& line);
+  void Restart(Moment now, std::string_view values, DeviceLine& line);
+  void Take(Moment now, std::string_view values, DeviceLine& line);
+
+  const LibertySettings settings_;
+  const std::shared_ptr<const Motion> motion_;
+  bool poweredBefore_ = false;
+  Moment deafUntil_{0};  // while it starts
+  std::string heard_;    // of a command
+  bool binary_ = false;
+  bool streaming_ = false;
+  bool metric_ = false;
+  bool sync_ = false;
+  unsigned rate_ = 4;
+  std::uint32_t active_ = 0;
+  std::uint32_t bit_ = 0;
+  std::array<std::vector<int>, 16> items_;
+  Moment start_{0};          // of the measurements
+  std::uint64_t cycle_ = 0;  // measured since then
+  std::uint64_t zero_ = 0;   // the cycle that counts as 0
+};
+
+// ---- For the table of devices ------------------------------------------------------------------
+
+OptionTable LibertyOptions();
+std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
+                                            std::shared_ptr<const Motion> motion);
+
+}  // namespace kinetrel
