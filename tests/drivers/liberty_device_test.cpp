@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -262,26 +263,56 @@ TEST(LibertyFrame, NothingIsReadOutsideIt) {
 
 // ---- Whole -----------------------------------------------------------------------------------
 
-TEST(LibertyRun, AThousandFramesArriveAsTheySendNoneLostNoneDoubled) {
-  FreeSlot slot;
-  ChildProcess tracker(
-      "kinetrel", {"-d", "10", "-p", "1", "-w", std::to_string(slot.slot())},
-      ChildProcess::Options{.environment = {{"KINETREL_PDI", kSubstitute}}, .emptyInput = true});
-  ASSERT_TRUE(tracker.ExpectError("Running ...")) << tracker.error();
-  SharedTrackReader reader(slot.device());
-  ASSERT_TRUE(WaitUntil([&] { return reader.OpenOnly(0); }));
+struct Source {
+  const char* name;
+  std::vector<std::string> emulator;  // its options; empty: the tracker of known motion
+};
+
+void PrintTo(const Source& source, std::ostream* out) { *out << source.name; }
+
+class LibertyRun : public testing::TestWithParam<Source> {
+ protected:
+  void SetUp() override {
+    ChildProcess::Options options{.environment = {{"KINETREL_PDI", kSubstitute}},
+                                  .emptyInput = true};
+    if (!GetParam().emulator.empty()) {
+      const std::string link =
+          "/tmp/kinetrel-liberty-" + std::to_string(::getpid()) + "-" + GetParam().name;
+      std::vector<std::string> arguments{"liberty", "--motion=ramp", "--link", link};
+      arguments.insert(arguments.end(), GetParam().emulator.begin(), GetParam().emulator.end());
+      emulator_ = std::make_unique<ChildProcess>("kinetrel-emulate", arguments);
+      ASSERT_TRUE(emulator_->ExpectOutput("KINETREL_COM1="));
+      options.environment.push_back({"KINETREL_COM1", link});
+      options.environment.push_back({"KINETREL_PDI_SERIAL", "1"});
+    }
+    tracker_ = std::make_unique<ChildProcess>(
+        "kinetrel",
+        std::vector<std::string>{"-d", "10", "-p", "1", "-w", std::to_string(slot_.slot())},
+        options);
+    ASSERT_TRUE(tracker_->ExpectError("Running ...")) << tracker_->error();
+    ASSERT_TRUE(WaitUntil([&] { return reader_.OpenOnly(0); }));
+  }
+
+  FreeSlot slot_;
+  std::unique_ptr<ChildProcess> emulator_;
+  std::unique_ptr<ChildProcess> tracker_;
+  SharedTrackReader reader_{slot_.device()};
+};
+
+TEST_P(LibertyRun, AThousandFramesArriveNoneLostNoneDoubled) {
   SharedTrackBlock block{};
-  int first = -1, seen = 0;
+  int first = -1;
+  int seen = 0;
   std::uint64_t firstRamp = 0;
   const bool whole = WaitUntil([&] {
-    if (!reader.WaitForFrame(seen, Milliseconds(100)) || !reader.Copy(block, Milliseconds(1000)) ||
-        block.frameCount == seen) {
+    if (!reader_.WaitForFrame(seen, Milliseconds(100)) ||
+        !reader_.Copy(block, Milliseconds(1000)) || block.frameCount == seen) {
       return false;
     }
     seen = block.frameCount;
     const auto& pose = block.poses[0];
     const std::uint64_t ramp = RampFrame(pose[0], pose[2]);
-    if (first < 0) first = seen, firstRamp = ramp;
+    if (std::exchange(first, first < 0 ? seen : first) < 0) firstRamp = ramp;
     EXPECT_EQ(ramp - firstRamp, static_cast<std::uint64_t>(seen - first));
     const MotionPose right = MakeRamp()->At(0, ramp, 0);
     EXPECT_NEAR(pose[0], right.x, 1e-4);
@@ -289,9 +320,16 @@ TEST(LibertyRun, AThousandFramesArriveAsTheySendNoneLostNoneDoubled) {
     return seen - first >= 1000;
   });
   EXPECT_TRUE(whole) << seen;
-  tracker.Signal(SIGINT);
-  EXPECT_EQ(tracker.Wait(), 0);
+  tracker_->Signal(SIGINT);
+  EXPECT_EQ(tracker_->Wait(), 0);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    From, LibertyRun,
+    testing::Values(Source{"KnownMotion", {}}, Source{"Emulator", {"--stations=1"}},
+                    Source{"StreamingEmulator", {"--start=streaming", "--last-cycle"}},
+                    Source{"HalfCommand", {"--start=half-command", "--blank-good", "--bit=8"}}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
 }  // namespace kinetrel::test
