@@ -143,7 +143,7 @@ bool FastrakDevice::Reinitialize() {
 
 BootResult FastrakDevice::Configure() {
   if ((statusWord_ & kFastrakParsed) == 0) return kUnrecognizedProduct;
-  const FastrakModel& model = FindFastrakModel(Model());
+  const FastrakProduct& model = FindFastrakProduct(Model());
   TakeModel(model);
   if (FastrakClass()) {
     ConfigureFastrak(model.stations);
@@ -167,7 +167,7 @@ BootResult FastrakDevice::Configure() {
   return kBooted;
 }
 
-void FastrakDevice::TakeModel(const FastrakModel& model) {
+void FastrakDevice::TakeModel(const FastrakProduct& model) {
   totalFrameRate_ = model.frameRate;
   protocol_ = static_cast<int>(model.protocol);
   modelFormat_ = model.format;
@@ -219,7 +219,7 @@ int FastrakDevice::QueryStatus(char* text, int size) {
 bool FastrakDevice::ClearBitErrors(Reply& reply, TextAppender& diagnosis) {
   bool found = false;
   for (int attempt = 0; attempt < kMostStatusPasses; ++attempt) {
-    const FastrakStatus status = QueryOnce(reply, diagnosis);
+    const FastrakStatusRecord status = QueryOnce(reply, diagnosis);
     found = status.found;
     const int error = status.bitError;
     if (error == 0) return found;
@@ -235,9 +235,10 @@ bool FastrakDevice::ClearBitErrors(Reply& reply, TextAppender& diagnosis) {
   return found;
 }
 
-FastrakStatus FastrakDevice::QueryOnce(Reply& reply, TextAppender& diagnosis) {
+FastrakStatusRecord FastrakDevice::QueryOnce(Reply& reply, TextAppender& diagnosis) {
   const bool answered = RequestStatus(reply);
-  const FastrakStatus status = answered ? ParseFastrakStatus(reply.view()) : FastrakStatus{};
+  const FastrakStatusRecord status =
+      answered ? ParseFastrakStatus(reply.view()) : FastrakStatusRecord{};
   statusWord_ = status.word;
   if (status.found) return status;
   if (answered) {

@@ -57,7 +57,7 @@ class FastrakDevice final : public TrackerDevice {
   // Returns     the stations read; every bit set when a 14-bit record was out of step; 0 for none.
   //             A damaged or missing record is dropped whole and posted to the status log.
   // Threads     sampling thread. Waits no longer than the port's time-outs for each station, and
-  //             200 ms for its own poll. Allocates nothing but log entries about failures.
+  //             200 ms for the answer to a poll. Allocates nothing but log entries about failures.
   unsigned ReadFrame(double* sampleTime) override;
 
   // What came too late for the poll before must not pass as the answer to this one: it is dropped.
@@ -120,13 +120,13 @@ class FastrakDevice final : public TrackerDevice {
   void SilenceUnit();
   bool Reinitialize();
   BootResult Configure();
-  void TakeModel(const FastrakModel& model);
+  void TakeModel(const FastrakProduct& model);
   void ConfigureFastrak(int stations);
   void ConfigureIsotrak();
   bool RequestStatus(Reply& reply);
   bool ReadReply(Reply& reply);
   bool ClearBitErrors(Reply& reply, TextAppender& diagnosis);
-  FastrakStatus QueryOnce(Reply& reply, TextAppender& diagnosis);
+  FastrakStatusRecord QueryOnce(Reply& reply, TextAppender& diagnosis);
   bool ClearBitError(int code);
 
   // fastrak_device.cpp

@@ -27,10 +27,8 @@ int ErrorCode(std::byte byte) { return byte == std::byte{' '} ? 0 : std::to_inte
 unsigned FastrakDevice::ReadFrame(double* sampleTime) {
   constexpr int kPollMs = 200;
   if (!booted_) return 0;
-  if (lastModeByte_ == 0) {
-    Poll();
-    WaitForRX(kPollMs, static_cast<int>(kFastrakHeadSize));
-  }
+  if (lastModeByte_ == 0) Poll();
+  if (lastModeByte_ == pollByte_) WaitForRX(kPollMs, static_cast<int>(kFastrakHeadSize));
   outOfStep_ = false;
   unsigned read = 0;
   for (int station = 0; station < sensorCount_; ++station) {
@@ -110,8 +108,9 @@ void FastrakDevice::NoteBitError(int station, int code) {
 
 // ---- Rest ----------------------------------------------------------------------------------
 
+// A pause is no end yet: a busy machine or a USB adapter hands a record over in pieces.
 bool FastrakDevice::ReadRest(int station) {
-  const bool whole = window_.Want(*this, layout_.Size());
+  const bool whole = window_.Want(*this, layout_.Size()) || window_.Want(*this, layout_.Size());
   if (window_.size() < kFastrakHeadSize) {
     Post(statusLog_, kReadCode, "Read Head failed.");
     return false;

@@ -12,15 +12,15 @@ namespace {
 
 // ---- Models --------------------------------------------------------------------------------
 
-constexpr FastrakModel kModels[] = {
+constexpr FastrakProduct kModels[] = {
     {0x201, DeviceName::Fastrak, 4, 120, FastrakProtocol::Bits32, FastrakFormat::Bits32},
     {0x203, DeviceName::Insidetrak, 2, 30, FastrakProtocol::Bits16, FastrakFormat::Bits16},
     {0x204, DeviceName::Isotrak2, 2, 60, FastrakProtocol::Bits16, FastrakFormat::Bits16},
     {0x209, DeviceName::InterSense300, 4, 150, FastrakProtocol::Bits32, FastrakFormat::Bits32},
     {0x219, DeviceName::InterSense600, 4, 150, FastrakProtocol::Bits32, FastrakFormat::Bits32},
 };
-constexpr FastrakModel kIsotrak = {0,  DeviceName::Isotrak,     1,
-                                   30, FastrakProtocol::Bits16, FastrakFormat::Bits16};
+constexpr FastrakProduct kIsotrak = {0,  DeviceName::Isotrak,     1,
+                                     30, FastrakProtocol::Bits16, FastrakFormat::Bits16};
 
 // ---- Values --------------------------------------------------------------------------------
 
@@ -228,8 +228,8 @@ constexpr BitError kBitErrors[] = {
 
 }  // namespace
 
-const FastrakModel& FindFastrakModel(std::uint32_t code) {
-  for (const FastrakModel& model : kModels) {
+const FastrakProduct& FindFastrakProduct(std::uint32_t code) {
+  for (const FastrakProduct& model : kModels) {
     if (model.code == code) return model;
   }
   return kIsotrak;
@@ -341,8 +341,8 @@ BootResult JudgeFastrakReply(std::string_view reply) {
   return kUnknownFailure;
 }
 
-FastrakStatus ParseFastrakStatus(std::string_view reply) {
-  FastrakStatus status;
+FastrakStatusRecord ParseFastrakStatus(std::string_view reply) {
+  FastrakStatusRecord status;
   const std::size_t start = FindRecord(reply, 'S');
   if (start == reply.npos) return status;
   const std::string_view record = reply.substr(start);

@@ -46,7 +46,7 @@ inline constexpr std::uint32_t kFastrakClass = 1U << 0;  // the FASTRAK command 
 inline constexpr std::uint32_t kFastrakInterSense = 1U << 3;
 inline constexpr std::uint32_t kFastrakProper = 0x201;  // the one model with 14-bit records
 
-struct FastrakModel {
+struct FastrakProduct {
   std::uint32_t code;
   DeviceName name;
   int stations;
@@ -56,7 +56,7 @@ struct FastrakModel {
 };
 
 // The model of that code; an unknown code is taken for the simplest of the family, an IsoTRAK.
-const FastrakModel& FindFastrakModel(std::uint32_t code);
+const FastrakProduct& FindFastrakProduct(std::uint32_t code);
 
 // ---- Station records -----------------------------------------------------------------------
 
@@ -121,7 +121,7 @@ BootResult JudgeFastrakReply(std::string_view reply);
 
 enum class FastrakStatusFault : int { None = 0, NotFastrak = 4 };
 
-struct FastrakStatus {
+struct FastrakStatusRecord {
   bool found = false;
   FastrakStatusFault fault = FastrakStatusFault::None;  // of a record that was there
   std::uint32_t word = 0;  // model code in the low half; bits 16 to 20 for diagnosis
@@ -129,7 +129,7 @@ struct FastrakStatus {
 };
 
 // Finds the status record in the reply to 'S' and reads it.
-FastrakStatus ParseFastrakStatus(std::string_view reply);
+FastrakStatusRecord ParseFastrakStatus(std::string_view reply);
 
 // The active stations in the reply to 'l': a mask of the first `stations`. False when the reply is
 // no such list, or a short one.

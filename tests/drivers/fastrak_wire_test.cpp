@@ -182,7 +182,7 @@ class FastrakIdentification : public testing::TestWithParam<Identification> {};
 
 TEST_P(FastrakIdentification, FollowsTheStatusRecord) {
   const Identification& row = GetParam();
-  const FastrakStatus status = ParseFastrakStatus(row.reply);
+  const FastrakStatusRecord status = ParseFastrakStatus(row.reply);
   EXPECT_EQ(status.found, row.found);
   EXPECT_EQ(status.word, row.word);
   EXPECT_EQ(status.bitError, row.bitError);
@@ -225,7 +225,7 @@ TEST(FastrakModels, HaveStationsRateAndProtocol) {
                          Row{0x204, "IsoTRAK2", 2, 60, 2}, Row{0x209, "InterSense 300", 4, 150, 3},
                          Row{0x219, "InterSense 600", 4, 150, 3}, Row{0x200, "IsoTRAK", 1, 30, 2},
                          Row{0x20B, "IsoTRAK", 1, 30, 2}}) {
-    const FastrakModel& model = FindFastrakModel(row.code);
+    const FastrakProduct& model = FindFastrakProduct(row.code);
     EXPECT_STREQ(DeviceNameText(model.name), row.name);
     EXPECT_EQ(model.stations, row.stations) << row.name;
     EXPECT_EQ(model.frameRate, row.rate) << row.name;
