@@ -30,7 +30,8 @@ HandoverFigures Against(const HandoverPlan& plan) {
 }
 
 void ClientOnAnotherCpu(Report& report) {
-  const HandoverFigures figures = Against({.placement = Placement::OtherCpu, .cycles = 150});
+  const HandoverFigures figures =
+      Against({.placement = Placement::OtherCpu, .runs = 3, .cycles = 50});
   report.Ratio("publishing a sample, a client waits on another CPU", figures.call, "ns", 1.25);
   report.Ratio("until the client has its copy, on another CPU", figures.arrival, "ns", 1.25);
 }
@@ -38,16 +39,19 @@ void ClientOnAnotherCpu(Report& report) {
 // The call is timed with the client running after it, the arrival with the client running at once:
 // on one CPU either would hide in the other.
 void ClientOnTheSameCpu(Report& report) {
-  const HandoverFigures call = Against({.placement = Placement::SameCpu, .cycles = 150});
+  const HandoverFigures call = Against({.placement = Placement::SameCpu, .runs = 3, .cycles = 50});
   report.Ratio("publishing a sample, a client waits on the same CPU", call.call, "ns", 1.25);
   const HandoverFigures arrival =
-      Against({.placement = Placement::SameCpu, .takersFirst = true, .cycles = 150});
+      Against({.placement = Placement::SameCpu, .takersFirst = true, .runs = 3, .cycles = 50});
   report.Ratio("until the client has its copy, on the same CPU", arrival.arrival, "ns", 1.25);
 }
 
 void ManyClients(Report& report) {
-  const HandoverFigures figures = Against(
-      {.placement = Placement::Spread, .takers = kManyClients, .cycles = 60, .blockSize = 15});
+  const HandoverFigures figures = Against({.placement = Placement::Spread,
+                                           .takers = kManyClients,
+                                           .runs = 3,
+                                           .cycles = 20,
+                                           .blockSize = 15});
   report.Ratio("until the last of 16 clients has its copy", figures.arrival, "ns", 1.4);
 }
 
@@ -168,9 +172,9 @@ void AtRate(Report& report, std::size_t clients, const std::string& whose) {
     switches.push_back(service.switches);
   }
   const std::string item = "share of frames at 240 Hz, " + whose;
-  const bool starved = MedianOf(bareShares) < kLeastShare && MedianOf(shares) < kLeastShare;
+  const bool starved = PercentileOf(bareShares, 0) < kLeastShare && MedianOf(shares) < kLeastShare;
   if (starved) {
-    report.Undecided(item, "bare wakes do not get through on this machine either");
+    report.Undecided(item, "bare wakes do not always get through on this machine either");
   } else {
     report.AtLeast(item, MedianOf(shares), "%", kLeastShare);
   }

@@ -47,6 +47,8 @@ void Wake(std::atomic<std::uint32_t>& word) {
 
 }  // namespace
 
+void BareWake::OpenTaker() { last_ = word_->load(); }
+
 void BareWake::Give() { Wake(*word_); }
 
 void BareWake::Rehearse() { Wake(*lonelyWord_); }

@@ -46,6 +46,7 @@ class BarePublication {
 // One futex word for any number of takers: wakes them all, and hands over nothing.
 class BareWake final : public Handover {
  public:
+  void OpenTaker() override;
   void Give() override;
   void Rehearse() override;
   void Take() override;

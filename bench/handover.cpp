@@ -172,16 +172,31 @@ std::int64_t Exchange::LastArrival() const {
   return last;
 }
 
+// Of the pair of processes whose ratio is neither the lowest nor the highest.
+Paired MiddleOf(std::vector<Paired> pairs) {
+  const auto middle = pairs.begin() + static_cast<std::ptrdiff_t>(pairs.size() / 2);
+  std::nth_element(pairs.begin(), middle, pairs.end(), [](const Paired& a, const Paired& b) {
+    return a.ratio.middle < b.ratio.middle;
+  });
+  return *middle;
+}
+
 }  // namespace
 
 HandoverFigures MeasureHandover(const HandoverPlan& plan, Handover& floor, Handover& subject) {
   RunOnCpu(kGiverCpu);
   // As the sampling thread runs; where it is not permitted both blocks do without.
   RunAtPriority(kGiverPriority);
-  const HandoverFigures figures = Exchange(plan, floor, subject).Run();
+  std::vector<Paired> calls;
+  std::vector<Paired> arrivals;
+  for (int run = 0; run < plan.runs; ++run) {
+    const HandoverFigures figures = Exchange(plan, floor, subject).Run();
+    calls.push_back(figures.call);
+    arrivals.push_back(figures.arrival);
+  }
   RunAtNormalPriority();
   RunOnAnyCpu();
-  return figures;
+  return {MiddleOf(calls), MiddleOf(arrivals)};
 }
 
 }  // namespace kinetrel::bench

@@ -28,7 +28,8 @@ struct HandoverPlan {
   Placement placement = Placement::OtherCpu;
   bool takersFirst = false;  // on one CPU: a woken taker runs at once, before the giver returns
   int takers = 1;
-  int cycles = 100;
+  int runs = 1;        // each with new processes: where their memory lies makes a difference too
+  int cycles = 100;    // in a run
   int blockSize = 25;  // handovers in a block
 };
 
@@ -39,8 +40,8 @@ struct HandoverFigures {
 
 // Every single handover starts with all takers asleep in their wait, and the giver having rehearsed
 // both calls: finding out whether somebody sleeps has driven their code out of its caches, the
-// longer one's more. A block's figure is the median of its handovers. Throws std::runtime_error
-// when a taker does not answer.
+// longer one's more. A block's figure is the median of its handovers; the figures are those of the
+// run in the middle. Throws std::runtime_error when a taker does not answer.
 HandoverFigures MeasureHandover(const HandoverPlan& plan, Handover& floor, Handover& subject);
 
 }  // namespace kinetrel::bench

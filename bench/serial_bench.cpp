@@ -67,10 +67,10 @@ void Fetching(Report& report) {
 void Measure(Report& report) {
   Fetching(report);
   if (CpuCount() > 1) {
-    Reading(report, {.placement = Placement::OtherCpu, .cycles = 100},
+    Reading(report, {.placement = Placement::OtherCpu, .runs = 3, .cycles = 35},
             "a record until it is read, the far end on another CPU");
   }
-  Reading(report, {.placement = Placement::SameCpu, .takersFirst = true, .cycles = 100},
+  Reading(report, {.placement = Placement::SameCpu, .takersFirst = true, .runs = 3, .cycles = 35},
           "a record until it is read, the far end on the same CPU");
 }
 
