@@ -101,9 +101,13 @@ int IntertraxDevice::QueryStatus(char* text, int size) {
 int IntertraxDevice::AskVersion(char* text, int size) {
   PurgeInput();
   Write(kVersionAsk, sizeof kVersionAsk);
-  if (!ReadField()) return kNoEcho;
-  if (!ReadField()) return kNoFirstField;
-  if (!ReadField()) return kNoSecondField;
+  for (const int failure : {kNoEcho, kNoFirstField, kNoSecondField}) {
+    if (ReadField()) continue;
+    // What comes late must not be taken for the answer to the next question.
+    WaitForRX(kVersionTextMs, kVersionTextSize);
+    PurgeInput();
+    return failure;
+  }
   std::array<char, kVersionTextRoom> version{};
   WaitForRX(kVersionTextMs, kVersionTextSize);
   ReadString(version.data(), static_cast<int>(version.size()), '\0');

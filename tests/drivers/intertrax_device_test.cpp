@@ -29,11 +29,21 @@ class IntertraxOnALine : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(unit_.OpenPort(line_.path().c_str(), 115200), 1); }
 
-  BootResult Boot(const Script& script = kBoot) {
+  BootResult Boot(const Script& script) {
     ScriptedPeer peer(line_, script);
     const BootResult result = unit_.Boot(0);
     EXPECT_EQ(peer.Verdict(), "");
     return result;
+  }
+
+  // Booted, for a test of something else: on a busy machine the peer may be late for a handshake.
+  bool Ready() {
+    for (int attempt = 0; attempt < 5; ++attempt) {
+      line_.Received();
+      ScriptedPeer peer(line_, kBoot);
+      if (unit_.Boot(0) == kBooted && peer.Verdict().empty()) return true;
+    }
+    return false;
   }
 
   // What the system has the line at.
@@ -84,6 +94,10 @@ INSTANTIATE_TEST_SUITE_P(
                   IntertraxLink::Fast},
         BootStory{"TheVersionStopsAfterAField", kFirst + Answer("v\0"s, "v\0\1\0\2"s) + kSecond,
                   kBooted, IntertraxLink::Fast},
+        BootStory{
+            "TheVersionComesLate",
+            kFirst + Expect("v\0"s) + Wait(milliseconds(300)) + Send("v\0\1\0\2\0IT\0"s) + kSecond,
+            kBooted, IntertraxLink::Fast},
         BootStory{"WrongFirstAnswer", Answer("c", "x"), -2, IntertraxLink::Reset},
         BootStory{"NobodyAnswers", {}, -2, IntertraxLink::Reset},
         BootStory{"WrongSecondAnswer", kFirst + kVersion + Answer("d", "o"), -3,
@@ -101,7 +115,7 @@ TEST_F(IntertraxOnALine, APulledPlugEndsTheBoot) {
 
 TEST_F(IntertraxOnALine, IsWhatItSays) {
   EXPECT_EQ(unit_.GetStatusCode(), 0);
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_TRUE(Ready());
   EXPECT_EQ(unit_.GetStatusCode(), 0x602);
   EXPECT_STREQ(unit_.GetDeviceName(), "InterSense InterTrax");
   EXPECT_EQ(unit_.GetDeviceType(nullptr, 0), 15);
@@ -132,7 +146,7 @@ class IntertraxVersion : public IntertraxOnALine,
 // Whatever came of it, the unit is at 38400 baud again afterwards, and sends frames.
 TEST_P(IntertraxVersion, IsAskedForAtTheLowRate) {
   const VersionStory& row = GetParam();
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_TRUE(Ready());
   ScriptedPeer peer(line_, kFirst + row.answer + kSecond + Answer("3", std::string(6, '\0')));
   char text[64] = "untouched";
   EXPECT_EQ(unit_.QueryStatus(text, row.size), row.result);
@@ -160,7 +174,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(IntertraxOnALine, AVersionQueryThatFindsNobody) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_TRUE(Ready());
   EXPECT_EQ(unit_.QueryStatus(nullptr, 0), -2);
   EXPECT_EQ(unit_.reportCode(), -2);
   ScriptedPeer peer(line_, Expect("c") + Send("") + kFirst + kVersion + Answer("d", "?"));
@@ -171,7 +185,7 @@ TEST_F(IntertraxOnALine, AVersionQueryThatFindsNobody) {
 // ---- Frames --------------------------------------------------------------------------------
 
 TEST_F(IntertraxOnALine, AFrameScalesEveryAngle) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_TRUE(Ready());
   struct Row {
     std::string record;
     float angles[3];
@@ -212,7 +226,7 @@ class IntertraxFrames : public IntertraxOnALine, public testing::WithParamInterf
 
 // Polled as the engine does, until as many frames have come as are expected.
 TEST_P(IntertraxFrames, AreRead) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_TRUE(Ready());
   ScriptedPeer peer(line_, GetParam().script);
   std::vector<int> frames;
   const auto readMore = [&] {
@@ -249,7 +263,7 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(IntertraxOnALine, APulledPlugFailsAtOnce) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_TRUE(Ready());
   line_.HangUp();
   const std::int64_t start = ClockTicks();
   for (int i = 0; i < 10; ++i) EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
