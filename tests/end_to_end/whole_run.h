@@ -27,6 +27,10 @@ class WholeRun {
         ChildProcess::Options{.environment = {{"KINETREL_COM1", link_}}, .emptyInput = true});
   }
 
+  ~WholeRun() { ::unlink(link_.c_str()); }  // the emulator is killed, and leaves its link
+  WholeRun(const WholeRun&) = delete;
+  WholeRun& operator=(const WholeRun&) = delete;
+
   // Looks at published blocks, each at most once, until `enough`; false when frames stop coming.
   bool Watch(const std::function<bool(const SharedTrackBlock&)>& enough) {
     if (kinetrel_ == nullptr || !kinetrel_->ExpectError("Running ...")) return false;
