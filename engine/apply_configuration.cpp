@@ -11,7 +11,8 @@ constexpr int kGpsUnits = 2;
 
 void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
   std::array<char, 2048> text{};
-  if (device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1) == 0) return;
+  const int answered = device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1);
+  if (answered == 0 || text[0] == '\0') return;
   std::printf("\nSTATUS:\n\t%s\n", text.data());
   std::fflush(stdout);
   log.SetStatusF(3, "STATUS: %s", text.data());
