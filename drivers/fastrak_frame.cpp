@@ -162,23 +162,18 @@ int FastrakDevice::NextStation(int station) const {
 
 bool FastrakDevice::Decode(int station) {
   const auto body = window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize());
-  FastrakReading reading;
-  const int values = DecodeFastrakBody(layout_, body, units_, channels_, reading);
-  if (values == kFastrakOutOfStep) {
+  if (!FastrakInStep(layout_, body)) {
     PostOutOfStep();
     outOfStep_ = true;
     return false;
   }
-  if ((values & 0xFF) != layout_.ValueCount()) {
-    Post(statusLog_, kReadCode, "read_32 failed: not a number.");
-    return false;
-  }
   if (layout_.crLf && !TailIsRight()) return false;
   const auto index = static_cast<std::size_t>(station);
-  MountFastrakReading(layout_.components, offsets_[index], reading);
-  poses_[index] = reading.ToPose();
-  quaternions_[index] = reading.ToQuaternion();
-  return true;
+  const int values = DecodeFastrakBody(layout_, body, units_, channels_, offsets_[index],
+                                       poses_[index], quaternions_[index]);
+  if ((values & 0xFF) == layout_.ValueCount()) return true;
+  Post(statusLog_, kReadCode, "read_32 failed: not a number.");
+  return false;
 }
 
 void FastrakDevice::PostOutOfStep() const {

@@ -1,8 +1,10 @@
 #include "drivers/fastrak_wire.h"
 
 #include <algorithm>
+#include <bit>
 #include <charconv>
 #include <cmath>
+#include <type_traits>
 
 #include "devices/station_mask.h"
 #include "devices/wire.h"
@@ -24,97 +26,144 @@ constexpr FastrakProduct kIsotrak = {0,  DeviceName::Isotrak,     1,
 
 // ---- Values --------------------------------------------------------------------------------
 
-// Values come in groups; the first channel tells the kind of a group.
-struct Group {
-  unsigned component;
-  unsigned channel;
-  unsigned count;
-};
-constexpr Group kPositions = {kPositionComponent, 0, 3};
-constexpr Group kAngles = {kEulerComponent, 3, 3};
-constexpr Group kQuaternionParts = {kQuaternionComponent, 6, 4};
-constexpr std::array kGroups = {kPositions, kAngles, kQuaternionParts};
+// Values come in groups, one after the other; the channel of the first tells the kind.
+constexpr unsigned kPositions = 0;
+constexpr unsigned kAngles = 3;
+constexpr unsigned kQuaternionParts = 6;
 
 constexpr float kSmallest = 1e-8F;
 constexpr float kLargest = 360.0F;  // degrees, and more than any range of the family
+
+// Calls `put(channel, value)` for each value, in order. The body has been found long enough: groups
+// of a size known when this is compiled need no more checks.
+template <std::size_t Size, typename Read, typename Put>
+void ForValues(unsigned components, std::span<const std::byte> body, Read read, Put put) {
+  const auto group = [&]<std::size_t Count>(unsigned component, unsigned channel,
+                                            std::integral_constant<std::size_t, Count>) {
+    if ((components & component) == 0) return;
+    WireReader wire(body.first<Size * Count>());
+    for (unsigned k = 0; k < Count; ++k) put(channel + k, read(wire, channel + k));
+    body = body.subspan(Size * Count);
+  };
+  group(kPositionComponent, kPositions, std::integral_constant<std::size_t, 3>());
+  group(kEulerComponent, kAngles, std::integral_constant<std::size_t, 3>());
+  group(kQuaternionComponent, kQuaternionParts, std::integral_constant<std::size_t, 4>());
+}
+
+// Between the smallest and the largest, of either sign: nearly every value there is. The bits of a
+// float order as its magnitude does.
+bool IsPlain(std::int32_t bits) {
+  constexpr auto kLow = std::bit_cast<std::uint32_t>(kSmallest);
+  constexpr auto kHigh = std::bit_cast<std::uint32_t>(kLargest);
+  return (static_cast<std::uint32_t>(bits) & 0x7FFFFFFFU) - kLow <= kHigh - kLow;
+}
 
 float Tame(float value, int& flags) {
   if (std::fabs(value) < kSmallest) {
     flags |= kFastrakTiny;
     return 0.0F;
   }
-  if (value > kLargest) {
-    flags |= kFastrakAbove;
-    return kLargest;
-  }
-  if (value < -kLargest) {
-    flags |= kFastrakBelow;
-    return -kLargest;
-  }
-  return value;
+  if (std::fabs(value) <= kLargest) return value;
+  flags |= value > 0 ? kFastrakAbove : kFastrakBelow;
+  return std::copysign(kLargest, value);
 }
 
-float UnitsFactor(const Group& group, int units) {
+constexpr auto kReadBits = [](WireReader& wire, unsigned) { return wire.I32Le(); };
+constexpr auto kReadFloat = [](WireReader& wire, unsigned) { return wire.F32Le(); };
+
+bool AllPlain(unsigned components, std::span<const std::byte> body) {
+  bool plain = true;
+  ForValues<4>(components, body, kReadBits,
+               [&](unsigned, std::int32_t bits) { plain = plain && IsPlain(bits); });
+  return plain;
+}
+
+// The values before the first that is not a number.
+int CountNumbers(unsigned components, std::span<const std::byte> body) {
+  int numbers = 0;
+  bool all = true;
+  ForValues<4>(components, body, kReadFloat, [&](unsigned, float value) {
+    all = all && !std::isnan(value);
+    numbers += all ? 1 : 0;
+  });
+  return numbers;
+}
+
+// Where decoded values go.
+struct Sink {
+  unsigned components;
+  const Pose& offset;
+  Pose& pose;
+  Quaternion& quaternion;
+
+  void Put(unsigned channel, float value) const {
+    if (channel < kQuaternionParts) {
+      pose[channel] = value + offset[channel];
+    } else {
+      quaternion[channel - kQuaternionParts] = value;
+    }
+  }
+  void Finish() const;
+};
+
+void Sink::Finish() const {
+  constexpr float kFloatPi = 3.14159274F;  // the float next to pi, and above it
+  constexpr float kHalfTurnMargin = 1e-4F;
+  if ((components & kEulerComponent) != 0) {
+    NormalizeEuler(&pose[3]);
+    float& roll = pose[5];
+    if (std::fabs(roll) >= kFloatPi) roll -= std::copysign(2.0F * kFloatPi, roll);
+  }
+  if ((components & kQuaternionComponent) == 0) return;
+  if (std::fabs(std::fabs(offset[5]) - kFloatPi) > kHalfTurnMargin) return;
+  const auto [w, x, y, z] = quaternion;
+  quaternion = {-x, w, z, -y};  // times (0, 1, 0, 0): half a turn about x
+}
+
+void PutFloat(unsigned channel, float value, int units, const Sink& sink) {
   constexpr float kRadians = 0.017453292F;  // in a degree
-  if (group.channel == kAngles.channel) return kRadians;
-  const bool metres = (units & 2) != 0;
-  return group.channel == kPositions.channel && metres ? 0.01F : 1.0F;
+  const float length = (units & 2) != 0 ? 0.01F : 1.0F;
+  const float factor = channel < kAngles ? length : channel < kQuaternionParts ? kRadians : 1.0F;
+  sink.Put(channel, value * factor);
 }
 
-// A value that is not a number is none: the record ends there and is dropped whole.
-int ReadValues32(WireReader& wire, const Group& group, int units, FastrakReading& reading) {
-  const float factor = UnitsFactor(group, units);
+// With a value that is 0, too large or none at all. Apart, so that the usual record is decoded in
+// few enough registers.
+[[gnu::noinline]] int DecodeOddFloats(const FastrakLayout& layout, std::span<const std::byte> body,
+                                      int units, Sink sink) {
+  const int numbers = CountNumbers(layout.components, body);
+  if (numbers < layout.ValueCount()) return numbers;
   int flags = 0;
-  for (unsigned k = 0; k < group.count; ++k) {
-    const float value = wire.F32Le();
-    if (!wire.Ok() || std::isnan(value)) return static_cast<int>(k) | flags;
-    reading.values[group.channel + k] = Tame(value, flags) * factor;
-  }
-  return static_cast<int>(group.count) | flags;
+  ForValues<4>(layout.components, body, kReadFloat, [&](unsigned channel, float value) {
+    PutFloat(channel, Tame(value, flags), units, sink);
+  });
+  sink.Finish();
+  return numbers | flags;
 }
 
-int ReadValues16(WireReader& wire, const Group& group, FastrakChannels& channels,
-                 FastrakReading& reading) {
-  for (unsigned k = 0; k < group.count; ++k) {
-    const std::int16_t raw = wire.I16Le();
-    if (!wire.Ok()) return static_cast<int>(k);
-    ChannelScale& channel = channels[group.channel + k];
+int DecodeFloats(const FastrakLayout& layout, std::span<const std::byte> body, int units,
+                 const Sink& sink) {
+  if (!AllPlain(layout.components, body)) return DecodeOddFloats(layout, body, units, sink);
+  ForValues<4>(layout.components, body, kReadFloat,
+               [&](unsigned channel, float value) { PutFloat(channel, value, units, sink); });
+  sink.Finish();
+  return layout.ValueCount();
+}
+
+template <typename ReadRaw>
+int DecodeIntegers(const FastrakLayout& layout, std::span<const std::byte> body,
+                   FastrakChannels& channels, const Sink& sink, ReadRaw readRaw) {
+  ForValues<2>(layout.components, body, readRaw, [&](unsigned index, int raw) {
+    ChannelScale& channel = channels[index];
     channel.raw = raw;
-    reading.values[group.channel + k] = static_cast<float>(channel.Value());
-  }
-  return static_cast<int>(group.count);
+    sink.Put(index, static_cast<float>(channel.Value()));
+  });
+  sink.Finish();
+  return layout.ValueCount();
 }
 
-int ReadValues14(WireReader& wire, const Group& group, FastrakChannels& channels,
-                 FastrakReading& reading) {
-  for (unsigned k = 0; k < group.count; ++k) {
-    ChannelScale& channel = channels[group.channel + k];
-    channel.raw = wire.I14Pair();
-    reading.values[group.channel + k] = static_cast<float>(channel.Value());
-  }
-  return static_cast<int>(group.count);
-}
-
-bool SyncBit(std::byte byte) { return (byte & std::byte{0x80}) != std::byte{0}; }
-
-bool InStep(std::span<const std::byte> body) {
-  return body.empty() || (SyncBit(body[0]) && std::none_of(body.begin() + 1, body.end(), SyncBit));
-}
-
-// A count of values and flags, both summed up over the groups.
-int AddGroup(int sum, int group) {
-  constexpr int kFlags = kFastrakTiny | kFastrakAbove | kFastrakBelow;
-  return ((sum & ~kFlags) + (group & ~kFlags)) | (sum & kFlags) | (group & kFlags);
-}
-
-template <typename ReadGroup>
-int ForGroups(unsigned components, ReadGroup read) {
-  int sum = 0;
-  for (const Group& group : kGroups) {
-    if ((components & group.component) != 0) sum = AddGroup(sum, read(group));
-  }
-  return sum;
-}
+constexpr auto kReadWord = [](WireReader& wire, unsigned) { return int{wire.I16Le()}; };
+constexpr auto kReadPair = [](WireReader& wire, unsigned) { return int{wire.I14Pair()}; };
 
 // ---- Replies -------------------------------------------------------------------------------
 
@@ -237,63 +286,26 @@ const FastrakProduct& FindFastrakProduct(std::uint32_t code) {
 
 // ---- Station records -----------------------------------------------------------------------
 
-int FastrakLayout::ValueCount() const {
-  return ForGroups(components, [](const Group& group) { return static_cast<int>(group.count); });
-}
-
-std::size_t FastrakLayout::BodySize() const {
-  const std::size_t valueSize = format == FastrakFormat::Bits32 ? 4 : 2;
-  return static_cast<std::size_t>(ValueCount()) * valueSize;
-}
-
-std::size_t FastrakLayout::Size() const {
-  return kFastrakHeadSize + BodySize() + (crLf ? kFastrakTailSize : 0);
-}
-
-Pose FastrakReading::ToPose() const {
-  Pose pose;
-  std::copy_n(values.begin(), pose.size(), pose.begin());
-  return pose;
-}
-
-Quaternion FastrakReading::ToQuaternion() const {
-  Quaternion quaternion;
-  std::copy_n(values.begin() + kQuaternionParts.channel, quaternion.size(), quaternion.begin());
-  return quaternion;
+bool MarksInPlace(std::span<const std::byte> body) {
+  constexpr std::byte kMark{0x80};
+  if (body.empty()) return true;
+  std::byte later{0};
+  for (const std::byte byte : body.subspan(1)) later |= byte;
+  return (body[0] & kMark) != std::byte{0} && (later & kMark) == std::byte{0};
 }
 
 int DecodeFastrakBody(const FastrakLayout& layout, std::span<const std::byte> body, int units,
-                      FastrakChannels& channels, FastrakReading& reading) {
-  WireReader wire(body);
-  if (layout.format == FastrakFormat::Bits32) {
-    return ForGroups(layout.components,
-                     [&](const Group& group) { return ReadValues32(wire, group, units, reading); });
+                      FastrakChannels& channels, const Pose& offset, Pose& pose,
+                      Quaternion& quaternion) {
+  if (body.size() < layout.BodySize()) {
+    return static_cast<int>(body.size()) / (layout.format == FastrakFormat::Bits32 ? 4 : 2);
   }
+  const Sink sink{layout.components, offset, pose, quaternion};
+  if (layout.format == FastrakFormat::Bits32) return DecodeFloats(layout, body, units, sink);
   if (layout.format == FastrakFormat::Bits16) {
-    return ForGroups(layout.components, [&](const Group& group) {
-      return ReadValues16(wire, group, channels, reading);
-    });
+    return DecodeIntegers(layout, body, channels, sink, kReadWord);
   }
-  if (body.size() < layout.BodySize()) return 0;
-  if (!InStep(body.first(layout.BodySize()))) return kFastrakOutOfStep;
-  return ForGroups(layout.components, [&](const Group& group) {
-    return ReadValues14(wire, group, channels, reading);
-  });
-}
-
-void MountFastrakReading(unsigned components, const Pose& offset, FastrakReading& reading) {
-  constexpr double kHalfTurnMargin = 1e-4;
-  AddPoseOffset(reading.values.data(), offset.data());
-  float& roll = reading.values[5];
-  if ((components & kEulerComponent) != 0) {
-    if (roll > kPi) roll = static_cast<float>(roll - 2.0 * kPi);
-    if (roll < -kPi) roll = static_cast<float>(roll + 2.0 * kPi);
-  }
-  if ((components & kQuaternionComponent) == 0) return;
-  if (std::fabs(std::fabs(offset[5]) - kPi) > kHalfTurnMargin) return;
-  const auto [w, x, y, z] = reading.ToQuaternion();
-  const Quaternion turned = {-x, w, z, -y};  // times (0, 1, 0, 0): half a turn about x
-  std::copy(turned.begin(), turned.end(), reading.values.begin() + kQuaternionParts.channel);
+  return DecodeIntegers(layout, body, channels, sink, kReadPair);
 }
 
 bool HoldsFastrakHead(std::span<const std::byte> body,
@@ -314,11 +326,9 @@ void SetFastrakScales(bool fastrakClass, int units, FastrakFormat format,
   if ((units & 2) != 0) position *= 0.01;
   const double angle = fastrakClass ? kPi : 4.0;
   const double divisor = format == FastrakFormat::Bits14 ? 8192 : 32768;
-  for (const Group& group : kGroups) {
-    const double full = group.channel == kPositions.channel ? position
-                        : group.channel == kAngles.channel  ? angle
-                                                            : 1.0;
-    for (unsigned k = 0; k < group.count; ++k) channels[group.channel + k].scale = full / divisor;
+  for (unsigned i = 0; i < channels.size(); ++i) {
+    const double full = i < kAngles ? position : i < kQuaternionParts ? angle : 1.0;
+    channels[i].scale = full / divisor;
   }
 }
 

@@ -69,20 +69,21 @@ struct FastrakLayout {
   unsigned components = kPositionComponent | kEulerComponent;
   bool crLf = false;
 
-  int ValueCount() const;
-  std::size_t BodySize() const;  // the values
-  std::size_t Size() const;      // the record
+  int ValueCount() const {
+    const unsigned groups = components;
+    return static_cast<int>(3 * (groups & 1) + 3 * (groups >> 1 & 1) + 4 * (groups >> 2 & 1));
+  }
+  std::size_t BodySize() const {  // of the values
+    const auto count = static_cast<std::size_t>(ValueCount());
+    return format == FastrakFormat::Bits32 ? 4 * count : 2 * count;
+  }
+  std::size_t Size() const {  // of the record
+    return kFastrakHeadSize + BodySize() + (crLf ? kFastrakTailSize : 0);
+  }
 };
 
+// In channel order: x, y, z; azimuth, elevation, roll; w, x, y, z.
 using FastrakChannels = std::array<ChannelScale, 10>;
-
-// The values of one record in channel order: x, y, z; azimuth, elevation, roll; w, x, y, z.
-struct FastrakReading {
-  std::array<float, 10> values{0, 0, 0, 0, 0, 0, 1, 0, 0, 0};
-
-  Pose ToPose() const;
-  Quaternion ToQuaternion() const;
-};
 
 // Beside the number of values: some 32-bit value lay outside what the family measures, and was
 // put to 0 (below 1e-8 in magnitude) or to a bound of +-360.
@@ -90,20 +91,23 @@ inline constexpr int kFastrakTiny = 0x10000;
 inline constexpr int kFastrakAbove = 0x20000;
 inline constexpr int kFastrakBelow = 0x40000;
 
-inline constexpr int kFastrakOutOfStep = -1;  // bit 7 is not where 14-bit records have it
+// Whether the marks of a 14-bit record are where they belong. The other formats have none.
+bool MarksInPlace(std::span<const std::byte> body);
+inline bool FastrakInStep(const FastrakLayout& layout, std::span<const std::byte> body) {
+  return layout.format != FastrakFormat::Bits14 || MarksInPlace(body);
+}
 
-// Decodes the values of a record. Values that the layout leaves out keep what they had.
+// Decodes the values of a record and adds the station's mounting offset. A sensor that is mounted
+// upside down (a roll offset of half a turn) has its quaternion turned too.
 //
-// units     bit 1: positions to metres. Only the 32-bit format needs to be told.
-// channels  scales of the 14 and 16-bit formats; their raw readings are stored.
-// Returns   the number of values decoded with the flags above, or kFastrakOutOfStep. Fewer values
-//           than ValueCount(): the body is short, or one is not a number.
+// units       bit 1: positions to metres. Only the 32-bit format needs to be told.
+// channels    scales of the 14 and 16-bit formats; their raw readings are stored.
+// pose, quaternion  what the layout leaves out stays as it is.
+// Returns     ValueCount() with the flags above; fewer, and nothing changed, when the body is
+//             short or a value is not a number.
 int DecodeFastrakBody(const FastrakLayout& layout, std::span<const std::byte> body, int units,
-                      FastrakChannels& channels, FastrakReading& reading);
-
-// Adds the station's mounting offset. A sensor that is mounted upside down (a roll offset of half
-// a turn) has its quaternion turned too.
-void MountFastrakReading(unsigned components, const Pose& offset, FastrakReading& reading);
+                      FastrakChannels& channels, const Pose& offset, Pose& pose,
+                      Quaternion& quaternion);
 
 // Whether the values hold what looks like `head`, or end in at least `atEnd` first bytes of it.
 bool HoldsFastrakHead(std::span<const std::byte> body,

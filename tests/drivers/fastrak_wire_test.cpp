@@ -33,16 +33,40 @@ struct Decoding {
 
 class FastrakDecoding : public testing::TestWithParam<Decoding> {};
 
+// Not a count: the record is out of step.
+constexpr int kOutOfStep = -1;
+
+struct Decoded {
+  int result = kOutOfStep;
+  Pose pose{};
+  Quaternion quaternion = kIdentityQuaternion;
+
+  float Value(std::size_t channel) const {
+    return channel < 6 ? pose[channel] : quaternion[channel - 6];
+  }
+};
+
+Decoded Decode(const FastrakLayout& layout, int units, const std::string& body,
+               const Pose& offset = {}) {
+  FastrakChannels channels;
+  SetFastrakScales(true, units, layout.format, channels);
+  Decoded decoded;
+  if (!FastrakInStep(layout, AsBytes(body))) return decoded;
+  decoded.result = DecodeFastrakBody(layout, AsBytes(body), units, channels, offset, decoded.pose,
+                                     decoded.quaternion);
+  return decoded;
+}
+
 TEST_P(FastrakDecoding, TurnsBytesIntoValues) {
   const Decoding& row = GetParam();
-  FastrakChannels channels;
-  SetFastrakScales(true, row.units, row.layout.format, channels);
-  FastrakReading reading;
-  EXPECT_EQ(DecodeFastrakBody(row.layout, AsBytes(row.body), row.units, channels, reading),
-            row.result);
+  const Decoded decoded = Decode(row.layout, row.units, row.body);
+  EXPECT_EQ(decoded.result, row.result);
   for (std::size_t i = 0; i < row.values.size(); ++i) {
-    EXPECT_NEAR(reading.values[i], row.values[i], 2e-6) << "value " << i;
+    EXPECT_NEAR(decoded.Value(i), row.values[i], 2e-6) << "value " << i;
   }
+  if ((row.result & 0xFF) == row.layout.ValueCount()) return;
+  EXPECT_EQ(decoded.pose, Pose{}) << "a record is dropped whole";
+  EXPECT_EQ(decoded.quaternion, kIdentityQuaternion);
 }
 
 using enum FastrakFormat;
@@ -87,7 +111,7 @@ INSTANTIATE_TEST_SUITE_P(
                  1,
                  kFourHundred + kMinusFourHundred + kTiny,
                  3 | kTinyFlag | kAboveFlag | kBelowFlag,
-                 {0, 0, 0, 6.2831851F, -6.2831851F, 0}},
+                 {0, 0, 0, 0, 0, 0}},
         Decoding{"QuaternionAlone",
                  {Bits32, kQuaternion},
                  3,
@@ -106,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(
                  {Bits32, kPosition | kEuler},
                  1,
                  kOne + kNotANumber + kOne + kOne + kNotANumber + kOne,
-                 3,
+                 1,
                  {}},
         Decoding{"Short", {Bits32, kPosition}, 1, kOne + kOne + "\x00\x00"s, 2, {}},
         Decoding{"Nothing", {Bits32, 0}, 1, "", 0, {}}),
@@ -147,7 +171,7 @@ INSTANTIATE_TEST_SUITE_P(
             {0, 0.0366211F, -0.0366211F, 1.5707963F, -1.5707963F, 0, 0.99987793F, 0, -1, 0.5F}},
         Decoding{"FirstByteUnmarked", {Bits14, kPosition}, 1, "\x7f\x3f\x00\x40\x00\x20"s, -1, {}},
         Decoding{"LaterByteMarked", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00\xa0"s, -1, {}},
-        Decoding{"Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 0, {}}),
+        Decoding{"Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 2, {}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(FastrakScales, OfTheIsotrakClass) {
@@ -159,13 +183,13 @@ TEST(FastrakScales, OfTheIsotrakClass) {
 }
 
 TEST(FastrakMounting, ASensorUpsideDownTurnsItsQuaternion) {
-  FastrakReading reading{{1, 2, 3, 0, 0, 0.5F, 0.1F, 0.2F, 0.3F, 0.4F}};
-  MountFastrakReading(7, {10, 0, 0, 0, 0, -3.1415927F}, reading);
-  EXPECT_FLOAT_EQ(reading.values[0], 11);
-  EXPECT_FLOAT_EQ(reading.values[5], 0.5F - 3.1415927F);
-  EXPECT_EQ(reading.ToQuaternion(), (Quaternion{-0.2F, 0.1F, 0.4F, -0.3F}));
-  MountFastrakReading(7, {}, reading);
-  EXPECT_EQ(reading.ToQuaternion(), (Quaternion{-0.2F, 0.1F, 0.4F, -0.3F}));
+  const std::string body =
+      kOne + kMinusTwo + kOne + kZero + kZero + kNinety + kOne + kMinusTwo + kZero + kOne;
+  const Decoded turned = Decode({Bits32, 7}, 1, body, {10, 0, 0, 0, 0, -3.1415927F});
+  EXPECT_FLOAT_EQ(turned.pose[0], 11);
+  EXPECT_FLOAT_EQ(turned.pose[5], -1.5707964F);
+  EXPECT_EQ(turned.quaternion, (Quaternion{2, 1, 1, 0}));
+  EXPECT_EQ(Decode({Bits32, 7}, 1, body).quaternion, (Quaternion{1, -2, 0, 1}));
 }
 
 // ---- Replies -------------------------------------------------------------------------------
