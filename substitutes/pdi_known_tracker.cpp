@@ -52,7 +52,7 @@ class Frame {
  public:
   Frame() { bytes_.reserve(kMostStations * 1024); }
   void Clear() { bytes_.clear(); }
-  void Add(std::uint32_t value, int bytes) {
+  void Add(std::uint64_t value, int bytes) {  // 8 at the most
     for (int i = 0; i < bytes; ++i) bytes_.push_back(static_cast<std::uint8_t>(value >> 8 * i));
   }
   void AddFloat(double value) { Add(std::bit_cast<std::uint32_t>(static_cast<float>(value)), 4); }
