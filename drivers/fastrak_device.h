@@ -144,15 +144,19 @@ class FastrakDevice final : public TrackerDevice {
   // fastrak_frame.cpp
   bool ReadStation(int station, double*& sampleTime);
   bool FindHead(int station);
-  bool AnotherStationsHead(int station);
+  bool PostNoHead() const;
+  std::size_t SizeToSkip(int other);
+  int StationAhead();
+  bool BeginsLikeHead(std::span<const std::byte> bytes) const;
   void NoteBitError(int station, int code);
   bool ReadRest(int station);
   void PostShortRecord() const;
   bool CutByAnother(int station);
+  bool IsLast(int station) const;
+  bool HoldsHead() const;
   bool Decode(int station);
   bool TailIsRight() const;
   void PostOutOfStep() const;
-  int NextStation(int station) const;
 
   FastrakFormat modelFormat_ = FastrakFormat::Bits32;  // of the model's 16 or 32-bit values
   FastrakLayout layout_;

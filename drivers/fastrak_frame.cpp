@@ -5,7 +5,6 @@
 // looked through for the head of the next one.
 #include <algorithm>
 #include <array>
-#include <bit>
 
 #include "devices/station_mask.h"
 #include "drivers/fastrak_device.h"
@@ -17,6 +16,8 @@ constexpr std::byte kHeadByte{'0'};
 constexpr int kReadCode = -1;  // of what is posted about a record
 
 std::byte StationDigit(int station) { return static_cast<std::byte>('1' + station); }
+
+int StationOf(std::byte digit) { return std::to_integer<int>(digit) - '1'; }
 
 std::byte ErrorByte(int code) { return static_cast<std::byte>(code == 0 ? ' ' : code); }
 
@@ -61,30 +62,47 @@ bool FastrakDevice::ReadStation(int station, double*& sampleTime) {
 
 bool FastrakDevice::FindHead(int station) {
   for (int attempt = 0; attempt <= frameLength_; ++attempt) {
-    if (!window_.Want(*this, 2) || AnotherStationsHead(station)) {
-      const auto found = static_cast<int>(std::min<std::size_t>(window_.size(), 1));
-      Post(statusLog_, kReadCode, "Read Head failed.  %d/2.", found);
-      return false;
-    }
+    if (!window_.Want(*this, 2)) return PostNoHead();
     const auto bytes = window_.bytes();
     if (bytes[0] == kHeadByte && bytes[1] == StationDigit(station)) return true;
-    window_.Drop(bytes[1] == kHeadByte ? 1 : 2);
+    const int other = StationAhead();
+    // This station's record was lost: waiting for its next one would lose all in between.
+    if (HasStation(sensorMask_, other)) return PostNoHead();
+    window_.Drop(SizeToSkip(other));
   }
   Post(statusLog_, kReadCode, "Read Head failed.  Record Length too long %d/%d.", frameLength_ + 2,
        frameLength_);
   return false;
 }
 
-// A station further on whose head comes first: this station's was lost, and waiting for its next
-// one would lose all records in between.
-bool FastrakDevice::AnotherStationsHead(int station) {
-  if (window_.bytes()[0] != kHeadByte) return false;
-  for (int other = station + 1; other < sensorCount_; ++other) {
-    if (!HasStation(sensorMask_, other) || window_.bytes()[1] != StationDigit(other)) continue;
-    return window_.Want(*this, kFastrakHeadSize) &&
-           window_.bytes()[2] == ErrorByte(lastErrorCode_[static_cast<std::size_t>(other)]);
-  }
+bool FastrakDevice::PostNoHead() const {
+  const auto found = static_cast<int>(std::min<std::size_t>(window_.size(), 1));
+  Post(statusLog_, kReadCode, "Read Head failed.  %d/2.", found);
   return false;
+}
+
+// The record of a station that is not sampled is skipped whole: an InterSense unit sends of every
+// sensor that is plugged in. Else until where a head may begin.
+std::size_t FastrakDevice::SizeToSkip(int other) {
+  if (other >= 0 && window_.Want(*this, layout_.Size())) return layout_.Size();
+  return window_.bytes()[1] == kHeadByte ? 1 : 2;
+}
+
+// The station whose whole head is next; -1 for none.
+int FastrakDevice::StationAhead() {
+  if (window_.bytes()[0] != kHeadByte || !window_.Want(*this, kFastrakHeadSize)) return -1;
+  const auto head = window_.bytes().first(kFastrakHeadSize);
+  return BeginsLikeHead(head) ? StationOf(head[1]) : -1;
+}
+
+// Whether bytes, three or the fewer that there are, are the first of a head as it would be now.
+bool FastrakDevice::BeginsLikeHead(std::span<const std::byte> bytes) const {
+  if (bytes[0] != kHeadByte) return false;
+  if (bytes.size() < 2) return true;
+  const int station = StationOf(bytes[1]);
+  if (station < 0 || station >= sensorCount_) return false;
+  const int error = lastErrorCode_[static_cast<std::size_t>(station)];
+  return bytes.size() < kFastrakHeadSize || bytes[2] == ErrorByte(error);
 }
 
 // Says when a station's error comes, changes and goes; nobody needs to hear it with every record.
@@ -133,31 +151,30 @@ void FastrakDevice::PostShortRecord() const {
 }
 
 // Without CR LF nothing tells that bytes of this record were lost, and that it goes on with the
-// next one's: it would be a pose out of nowhere. So when it seems to hold the next head, there must
+// next one's: it would be a pose out of nowhere. So when it seems to hold another head, there must
 // be a head right behind it too; only then the likeness was chance.
 bool FastrakDevice::CutByAnother(int station) {
-  if (layout_.crLf) return false;
-  const int next = NextStation(station);
-  const bool lastOfPoll = lastModeByte_ == pollByte_ && next <= station;
-  if (lastOfPoll) return false;
-  const std::array head = {kHeadByte, StationDigit(next),
-                           ErrorByte(lastErrorCode_[static_cast<std::size_t>(next)])};
-  // The last byte of a float is that of a head for values next to 0 only; the last byte of an
-  // integer for one in 256, and each would be held back until the next record comes.
-  const std::size_t atEnd = layout_.format == FastrakFormat::Bits32 ? 1 : 2;
-  const auto body = window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize());
-  if (!HoldsFastrakHead(body, head, atEnd)) return false;
+  if (layout_.crLf || (lastModeByte_ == pollByte_ && IsLast(station)) || !HoldsHead()) return false;
   const std::size_t end = layout_.Size();
   if (!window_.Want(*this, end + 2)) return false;  // silence: nothing can have cut it
-  const auto bytes = window_.bytes();
-  if (bytes[end] == head[0] && bytes[end + 1] == head[1]) return false;
+  if (BeginsLikeHead(window_.bytes().subspan(end, 2))) return false;
   Post(statusLog_, kReadCode, "Read Record failed.  Another one begins in it.");
   return true;
 }
 
-int FastrakDevice::NextStation(int station) const {
-  const unsigned later = sensorMask_ & FirstStations(sensorCount_) & ~FirstStations(station + 1);
-  return std::countr_zero(later != 0 ? later : sensorMask_);
+bool FastrakDevice::IsLast(int station) const {
+  return (sensorMask_ & FirstStations(sensorCount_) & ~FirstStations(station + 1)) == 0;
+}
+
+// The last byte of a float is that of a head for values next to 0 only; the last byte of an
+// integer for one in 256, and each of those would be held back until the next record comes.
+bool FastrakDevice::HoldsHead() const {
+  const std::size_t least = layout_.format == FastrakFormat::Bits32 ? 1 : 2;
+  auto rest = window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize());
+  for (; rest.size() >= least; rest = rest.subspan(1)) {
+    if (BeginsLikeHead(rest.first(std::min(rest.size(), kFastrakHeadSize)))) return true;
+  }
+  return false;
 }
 
 bool FastrakDevice::Decode(int station) {

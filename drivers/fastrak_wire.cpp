@@ -308,17 +308,6 @@ int DecodeFastrakBody(const FastrakLayout& layout, std::span<const std::byte> bo
   return DecodeIntegers(layout, body, channels, sink, kReadPair);
 }
 
-bool HoldsFastrakHead(std::span<const std::byte> body,
-                      std::span<const std::byte, kFastrakHeadSize> head, std::size_t atEnd) {
-  const auto found = std::search(body.begin(), body.end(), head.begin(), head.end());
-  if (found != body.end()) return true;
-  for (std::size_t count = atEnd; count < head.size() && count <= body.size(); ++count) {
-    const auto end = body.last(count);
-    if (std::equal(end.begin(), end.end(), head.begin())) return true;
-  }
-  return false;
-}
-
 void SetFastrakScales(bool fastrakClass, int units, FastrakFormat format,
                       FastrakChannels& channels) {
   double position = fastrakClass ? 118.11023622047244 : 65.48;  // inches

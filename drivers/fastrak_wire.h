@@ -109,10 +109,6 @@ int DecodeFastrakBody(const FastrakLayout& layout, std::span<const std::byte> bo
                       FastrakChannels& channels, const Pose& offset, Pose& pose,
                       Quaternion& quaternion);
 
-// Whether the values hold what looks like `head`, or end in at least `atEnd` first bytes of it.
-bool HoldsFastrakHead(std::span<const std::byte> body,
-                      std::span<const std::byte, kFastrakHeadSize> head, std::size_t atEnd);
-
 // Full scales of the command set, for positions in `units` and angles in radians.
 void SetFastrakScales(bool fastrakClass, int units, FastrakFormat format,
                       FastrakChannels& channels);

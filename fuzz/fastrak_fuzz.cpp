@@ -31,8 +31,6 @@ void DecodeRecord(std::uint8_t choice, std::span<const std::byte> body) {
   Require(result >= 0 && (whole || (pose == Pose{} && quaternion == Quaternion{})));
   for (const float value : pose) Require(std::fabs(value) <= 363.0F);
   for (const float value : quaternion) Require(std::fabs(value) <= 360.0F);
-  const std::array head = {std::byte{'0'}, std::byte{'2'}, std::byte{' '}};
-  (void)HoldsFastrakHead(body, head, 1);
 }
 
 void ReadReplies(std::string_view reply) {

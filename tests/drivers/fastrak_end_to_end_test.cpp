@@ -120,11 +120,11 @@ INSTANTIATE_TEST_SUITE_P(
              0.01},
         Road{"Insidetrak", {"--model=insidetrak"}, {"-s", "3"}, 2, 200, kFastrakWords},
         Road{"Isotrak2Polled", {"--model=isotrak2"}, {"-s", "3"}, 2, 200, kIsotrakWords},
-        Road{"Is600WithAnErrorPending",
-             {"--model=is600", "--error=W", "--receivers=1"},
+        Road{"Is600WithAnErrorAndThreeSensorsMore",
+             {"--model=is600", "--error=W"},
              {},
              1,
-             300,
+             100,
              kFloats}),
     [](const auto& row) { return std::string(row.param.name); });
 
