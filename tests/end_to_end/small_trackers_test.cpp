@@ -52,6 +52,15 @@ Found FindGps(const std::array<float, 6>& pose) {
   return {frame, apart / 0.0125};
 }
 
+// A sanitizer's program may be so slow that two reports of a device are one frame to it.
+constexpr bool SlowedDown() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return true;
+#else
+  return false;
+#endif
+}
+
 struct Tracker {
   const char* name;
   std::vector<std::string> device;
@@ -89,7 +98,8 @@ TEST_P(SmallTrackers, LoseNothingAndDoubleNothing) {
     at = console.find("e\b", at + 1);
   }
   EXPECT_LE(announced, static_cast<std::size_t>(row.frames / 100));
-  EXPECT_LE(shifts.size(), 1 + announced);
+  const std::size_t merged = SlowedDown() ? static_cast<std::size_t>(row.frames / 10) : 0;
+  EXPECT_LE(shifts.size(), 1 + announced + merged);
   EXPECT_LE(worst, 1.0);
 }
 
