@@ -67,7 +67,7 @@ struct OperatorEntry {
     if (length > 0) text[--length] = '\0';
   }
 };
-constinit OperatorEntry entry;
+OperatorEntry entry;
 
 // The line has no end of its own, so it must be pushed out.
 [[gnu::format(printf, 1, 2)]] void Print(const char* format, ...) {

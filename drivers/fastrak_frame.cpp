@@ -139,14 +139,14 @@ bool FastrakDevice::ReadRest(int station) {
 }
 
 void FastrakDevice::PostShortRecord() const {
-  const std::size_t got = window_.size() - kFastrakHeadSize;
-  if (got >= layout_.BodySize()) {
+  const auto got = static_cast<unsigned>(window_.size() - kFastrakHeadSize);
+  const auto whole = static_cast<unsigned>(layout_.BodySize());
+  if (got >= whole) {
     Post(statusLog_, kReadCode, "Read Tail Failed.  Serial read error.");
   } else if (layout_.format == FastrakFormat::Bits32) {
-    Post(statusLog_, kReadCode, "read_32 failed: %d. %zu/4", window_.readFailed() ? 0 : 1, got % 4);
+    Post(statusLog_, kReadCode, "read_32 failed: %d. %u/4", window_.readFailed() ? 0 : 1, got % 4);
   } else if (layout_.format == FastrakFormat::Bits14) {
-    Post(statusLog_, kReadCode, "Read Record failed in serial port read %zu/%zu.", got,
-         layout_.BodySize());
+    Post(statusLog_, kReadCode, "Read Record failed in serial port read %u/%u.", got, whole);
   }
 }
 
