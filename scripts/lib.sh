@@ -73,6 +73,9 @@ need() {
 
 # ---- Building ------------------------------------------------------------------------------------
 
+# What one clone has compiled serves the next one, wherever it lies.
+export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=true
+
 # configure PRESET OPTION...
 configure() {
   local cache=$root/build/$1/CMakeCache.txt fresh=()
