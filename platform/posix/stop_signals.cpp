@@ -2,27 +2,37 @@
 
 #include <signal.h>
 
+#include <cstdint>
+
+#include "platform/clock.h"
 #include "platform/posix/terminal_mode.h"
 
 namespace kinetrel {
 namespace {
 
-// Where a signal puts its number, and whether one has: one of each per process, as signals are.
-// Written by CatchStopSignals, then by the handler only.
+// Where a signal puts its number, and when one did, 0 for never: one of each per process, as
+// signals are. Written by CatchStopSignals, then by the handler only.
 constinit std::atomic<std::atomic<int>*> stopRequest{nullptr};
-constinit std::atomic<bool> stopAsked{false};
-static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+constinit std::atomic<std::int64_t> stopAskedAt{0};
+static_assert(std::atomic<int>::is_always_lock_free &&
+              std::atomic<std::int64_t>::is_always_lock_free);
 
+// `timeout` and others signal a process and then its whole group, so one wish arrives twice.
 void HandleStop(int number) {
-  if (stopAsked.exchange(true)) return EndBySignal(number);
-  stopRequest.load()->store(number);
+  const std::int64_t now = ClockTicks();
+  std::int64_t first = 0;
+  if (stopAskedAt.compare_exchange_strong(first, now)) {
+    stopRequest.load()->store(number);
+  } else if (now - first > kOneStopWish.count() * ClockTicksPerSecond() / 1000) {
+    EndBySignal(number);
+  }
 }
 
 }  // namespace
 
 void CatchStopSignals(std::atomic<int>& request) {
   stopRequest.store(&request);
-  stopAsked.store(false);
+  stopAskedAt.store(0);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) InstallHandler(number, HandleStop);
   InstallHandler(SIGPIPE, SIG_IGN);
 }

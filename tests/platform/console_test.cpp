@@ -229,9 +229,21 @@ int StopWhenAsked() {
   Say("ready ");
   bool told = false;
   while (TakeKey() != Key{'q', false}) {
-    if (request != 0 && !std::exchange(told, true)) Say("asked ");
+    if (request != 0 && !std::exchange(told, true)) {
+      SleepFor(2 * kOneStopWish);  // what comes now is another request
+      Say("asked ");
+    }
     SleepFor(Milliseconds{1});
   }
+  return request;
+}
+
+// As by one who signals the process and then its group.
+int StopWhenAskedTwiceInOneBreath() {
+  static std::atomic<int> request{0};
+  CatchStopSignals(request);
+  ::raise(SIGINT);
+  ::raise(SIGTERM);
   return request;
 }
 
@@ -298,6 +310,12 @@ TEST(StopSignals, OneIgnoredFromTheStartStaysIgnored) {
   ASSERT_TRUE(terminal.Expect("asked "));
   terminal.Send("q");
   EXPECT_EQ(job.NextChange(), SIGTERM);
+}
+
+TEST(StopSignals, OneWishThatArrivesTwiceEndsNothingAtOnce) {
+  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+  const TerminalJob job(terminal, Place::Foreground, StopWhenAskedTwiceInOneBreath);
+  EXPECT_EQ(job.NextChange(), SIGINT);
 }
 
 TEST(StopSignals, ABrokenPipeIsAFailedWrite) {

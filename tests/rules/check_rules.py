@@ -62,7 +62,7 @@ allowed_statics = {
     ("platform/posix/console.cpp", "input"): "one per process, as standard input is",
     ("platform/posix/terminal_mode.cpp", "terminal"): "one per process; signal handlers restore it",
     ("platform/posix/stop_signals.cpp", "stopRequest"): "a signal handler reaches no other state",
-    ("platform/posix/stop_signals.cpp", "stopAsked"): "a signal handler reaches no other state",
+    ("platform/posix/stop_signals.cpp", "stopAskedAt"): "a signal handler reaches no other state",
     ("app/console_program.cpp", "stopRequest"): "signals are the process's; the console loop reads it",
     ("devices/keyboard_device.cpp", "entry"): "one operator types, whatever devices there are",
     ("drivers/fastrak_boot.cpp", "bootInProgress"): "one unit of the family boots at a time",
