@@ -3,7 +3,7 @@
 namespace kinetrel {
 
 ControlCall::ControlCall(EngineState& state, const char* name)
-    : state_(state), name_(name), lock_(state.mutex) {}
+    : state_(state), name_(name), pending_(state.pendingCalls), lock_(state.mutex) {}
 
 ControlCall::~ControlCall() {
   if (used_ != nullptr) used_->inUse().unlock();

@@ -1,6 +1,7 @@
 // One call of the control interface: the engine lock held for all of it, and the refusals in words.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 
@@ -37,8 +38,21 @@ class ControlCall {
  private:
   static constexpr Milliseconds kDevicePatience{2000};
 
+  // Tells the sampling thread that somebody waits.
+  class Pending {
+   public:
+    explicit Pending(std::atomic<int>& calls) : calls_(calls) { ++calls_; }
+    ~Pending() { --calls_; }
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+
+   private:
+    std::atomic<int>& calls_;
+  };
+
   EngineState& state_;
   const char* const name_;
+  const Pending pending_;
   EngineLock lock_;
   std::shared_ptr<TrackerDevice> used_;  // whose inUse() we hold
 };

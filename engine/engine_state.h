@@ -39,6 +39,7 @@ struct EngineState {
 
   // Read without it.
   std::atomic<bool> isOpen = false;
+  std::atomic<int> pendingCalls = 0;  // control calls that are made right now
 };
 
 }  // namespace kinetrel

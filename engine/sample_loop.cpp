@@ -1,7 +1,9 @@
 #include "engine/sample_loop.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <utility>
 
 #include "platform/thread.h"
@@ -20,6 +22,7 @@ constexpr int kGpsFamily = 0xC00;
 constexpr int kKeyboardStatus = 8;
 
 constexpr Milliseconds kBackOff{20};
+const std::int64_t kLongestGiveWay = ClockTicksPerSecond() / 2000;
 constexpr int kNapMargin = 10;  // ms; a streaming device is read this much before its next frame
 
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
@@ -46,6 +49,7 @@ void SampleLoop::Run() {
   device_ = state_->device;
   if (device_ == nullptr) return;  // closed before we came to run
   ownButtons_ = dynamic_cast<const ButtonBits*>(device_.get());
+  packed_ = dynamic_cast<PackedRecords*>(device_.get());
   ChooseMode();
   if (OpenSharedMemory()) {
     ReportHeader();
@@ -177,9 +181,19 @@ void SampleLoop::Poll(EngineLock& lock) {
   });
 }
 
+// Between two frames engine and device are free for the calls that waited: a thread of this
+// priority would otherwise take both again before the second of them came to run.
+void SampleLoop::GiveWay() const {
+  const std::int64_t until = ClockTicks() + kLongestGiveWay;
+  while (state_->pendingCalls > 0 && ClockTicks() < until) {
+    std::this_thread::sleep_for(std::chrono::microseconds(50));
+  }
+}
+
 SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
   joystick_ = state_->joystick;
   return lock.Leave([this] {
+    GiveWay();
     const std::lock_guard inUse(device_->inUse());
     Frame frame;
     frame.buttonsValid = joystick_ != nullptr && joystick_->Read(0) != 0;
@@ -220,6 +234,7 @@ void SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const F
 // A sensor without a record is published as zeros, never as what was there before.
 void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) {
   static constexpr std::array<float, 3> kZeros{};
+  if (packed_ != nullptr) sensor = packed_->RecordOf(sensor);
   // Position and angles of one record where a device delivers both; else each by itself.
   const bool whole = header_.components == (kPositionComponent | kEulerComponent);
   const float* const record = whole ? device_->GetSensorPose(sensor) : nullptr;

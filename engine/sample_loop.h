@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "devices/button_bits.h"
+#include "devices/packed_records.h"
 #include "engine/engine_state.h"
 #include "engine/recovery.h"
 #include "publish/shared_track_writer.h"
@@ -48,6 +49,7 @@ class SampleLoop {
   void BeginDevice(EngineLock& lock);
 
   void Pass(EngineLock& lock);
+  void GiveWay() const;
   Frame ReadFrame(EngineLock& lock);
   void Poll(EngineLock& lock);
   void PublishFrame(const Frame& frame);
@@ -74,6 +76,7 @@ class SampleLoop {
   // The sampling thread's own.
   std::shared_ptr<TrackerDevice> device_;
   const ButtonBits* ownButtons_ = nullptr;  // the device once more; null: it has none
+  PackedRecords* packed_ = nullptr;         // the same
   std::shared_ptr<DAQControl> joystick_;    // as it was when the frame was read
   std::optional<SharedTrackWriter> writer_;
   std::optional<Recovery> recovery_;
