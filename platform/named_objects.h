@@ -7,7 +7,7 @@
 // Opening a name twice in one process shares one object. Every Open may answer:
 //   Denied   the system refuses this account the object
 //   NoSpace  the system's memory or limit for such objects is used up
-//   Invalid  something else, or an object of another size, has the name
+//   Invalid  something else, or an object of another size (Windows: a smaller one), has the name
 //   Busy     another process holds the object half made for longer than 2 s
 #pragma once
 
@@ -20,6 +20,10 @@
 #include "platform/status.h"
 
 namespace kinetrel {
+
+// Who, besides this account, may open what a call makes. Where the system knows no account's
+// default (Linux) it is always anyone.
+enum class Access { Anyone, AccountsDefault };
 
 class SharedObject;  // the system's own part, shared by all users of a name in this process
 
@@ -40,15 +44,15 @@ class NamedMemory {
 };
 
 // A recursive mutex. Its owner may die: the next one to lock it gets it as if it were released.
-// A thread that holds it runs at the priority of the highest one that waits for it.
+// On Linux a thread that holds it runs at the priority of the highest one that waits for it.
 //
 // Threads  locked and unlocked by the same thread; several processes, several threads.
 class NamedMutex {
  public:
   static Result<NamedMutex> Open(const std::string& name);  // made not locked
 
-  // False: not locked within `timeout`, or what the name holds is no usable mutex. No system call
-  // where nobody else holds it.
+  // False: not locked within `timeout`, or what the name holds is no usable mutex. On Linux
+  // no system call where nobody else holds it.
   bool Lock(Milliseconds timeout);
   void Unlock();
 
@@ -62,11 +66,13 @@ class NamedMutex {
 // Threads  any number may use it at once, in any process. A waiter that dies costs nothing.
 class Event {
  public:
-  static Result<Event> Open(const std::string& name);  // made not set
-  Event();                                             // without a name, for this process; not set
+  // Made not set.
+  static Result<Event> Open(const std::string& name, Access access = Access::Anyone);
+  Event();  // without a name, for this process; not set
 
   // A moment in the event's life, to wait from: what is set after it is never missed, though
-  // somebody else should reset the event before the wait has begun.
+  // somebody else should reset the event before the wait has begun. (Named events of Windows cannot
+  // tell: there, two who reset the same event may hide a set from each other until the next.)
   using Ticket = std::uint32_t;
 
   void Set();
@@ -74,7 +80,8 @@ class Event {
   bool IsSet() const;
 
   // Set in two steps, for a caller that holds a lock the waiters want: Mark sets the event, and
-  // when it answers true Wake must follow, after the lock is released. No system call in Mark.
+  // when it answers true Wake must follow, after the lock is released. On Linux no system call in
+  // Mark; on Windows it does it all, since other programs use the system's events as they are.
   [[nodiscard]] bool Mark();
   void Wake();
 

@@ -1,6 +1,6 @@
-// A mutex of this process whose holder runs at the priority of the highest thread that waits for
-// it, so that the time-critical thread never waits behind an ordinary one that is kept from
-// running. Works with std::unique_lock and std::lock_guard. Not recursive.
+// A mutex of this process whose holder runs (on Linux) at the priority of the highest thread that
+// waits for it, so that the time-critical thread never waits behind an ordinary one that is kept
+// from running. Works with std::unique_lock and std::lock_guard. Not recursive.
 #pragma once
 
 #include <memory>

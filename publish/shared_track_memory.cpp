@@ -104,10 +104,12 @@ bool SharedTrackMemory::OpenObjects(int number, Initialize initialize, bool writ
   return true;
 }
 
-bool SharedTrackMemory::MakeEvent(int number) {
+bool SharedTrackMemory::MakeEvent(int number) { return OpenEvent(number, Access::Anyone); }
+
+bool SharedTrackMemory::OpenEvent(int number, Access access) {
   if (!IsBin(number)) return false;
   bin(number).event.reset();
-  Result<StopEvent> event = StopEvent::Open(EventName(device_, number));
+  Result<StopEvent> event = StopEvent::Open(EventName(device_, number), access);
   if (event.Ok()) {
     bin(number).event = *event;
   } else {

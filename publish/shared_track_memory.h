@@ -35,8 +35,9 @@ class SharedTrackMemory {
   virtual bool Unlock();
 
   virtual bool OpenBin(int bin) = 0;
-  virtual bool CloseAll();          // always false
-  virtual bool MakeEvent(int bin);  // replaces an event already held
+  virtual bool CloseAll();  // always false
+  // Opens or makes the bin's event, for any account; replaces an event already held.
+  virtual bool MakeEvent(int bin);
 
   // The current bin after the call: `bin` where it is open, else the one before.
   int SelectBin(int bin);
@@ -85,6 +86,8 @@ class SharedTrackMemory {
   // yet. Whether somebody has is asked of the block itself, for a writer may have come between
   // the creation by a reader and this.
   bool OpenObjects(int bin, Initialize initialize, bool writerPresent);
+
+  bool OpenEvent(int bin, Access access);  // as MakeEvent
 
   Bin& bin(int number) { return bins_[static_cast<std::size_t>(number)]; }
   Bin& current() { return bin(currentBin_); }

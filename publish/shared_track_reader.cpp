@@ -6,6 +6,8 @@ bool SharedTrackReader::OpenBin(int number) {
   return OpenObjects(number, Initialize::WhenNew, false);
 }
 
+bool SharedTrackReader::MakeEvent(int number) { return OpenEvent(number, Access::AccountsDefault); }
+
 bool SharedTrackReader::OpenOnly(int number) {
   return OpenBin(number) && MakeEvent(number) && SelectBin(number) == number;
 }

@@ -12,6 +12,9 @@ class SharedTrackReader final : public SharedTrackMemory {
   // Opens the bin; a block that nobody had made is initialised, without a writer.
   bool OpenBin(int bin) override;
 
+  // An event that nobody had made is made for whom the account's default allows.
+  bool MakeEvent(int bin) override;
+
   // Opens one bin and its event, for a client that wants no other, and makes it the current one.
   bool OpenOnly(int bin);
 

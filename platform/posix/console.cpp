@@ -14,7 +14,7 @@
 #include <mutex>
 
 #include "platform/clock.h"
-#include "platform/posix/key_decoder.h"
+#include "platform/key_decoder.h"
 #include "platform/posix/terminal_mode.h"
 
 namespace kinetrel {

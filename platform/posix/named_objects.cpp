@@ -136,7 +136,7 @@ Event::Event() : object_(std::make_shared<SharedObject>(sizeof(std::uint32_t))) 
 
 Event::Event(std::shared_ptr<SharedObject> object) : object_(std::move(object)) {}
 
-Result<Event> Event::Open(const std::string& name) {
+Result<Event> Event::Open(const std::string& name, Access) {
   Result<Opened> opened = SharedObject::Open(name, {.size = sizeof(std::uint32_t)});
   if (!opened.Ok()) return opened.status();
   return Event(std::move(*opened));

@@ -1,4 +1,4 @@
-#include "platform/posix/key_decoder.h"
+#include "platform/key_decoder.h"
 
 #include <algorithm>
 #include <array>
