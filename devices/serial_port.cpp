@@ -149,6 +149,9 @@ PortStatus SerialPort::SetUpLine(const std::string& name, int baud) {
   if (!SetReadTimeouts(0, kSameAsBefore, kSameAsBefore)) {
     return Refuse(PortStatus::TimeoutsFailed, 0, name + ": the read time-outs cannot be set");
   }
+  if (const Status watched = line_->WatchInput(); !watched.Ok()) {
+    return Refuse(PortStatus::EventMaskFailed, watched.osCode, name + ": " + Describe(watched));
+  }
   return PortStatus::Open;
 }
 

@@ -86,6 +86,10 @@ class SerialLine {
   Status Apply(const LineSettings& settings);
   Status SetReadTimeouts(const ReadTimeouts& timeouts);
 
+  // Asks the system to note received bytes, where it does so only on request: WaitForInput needs
+  // it.
+  Status WatchInput();
+
   // Reads up to into.size() bytes under the read time-outs; 0 bytes is no failure.
   // Closed: the far end hung up or the device was unplugged. Bytes read before that are returned
   // first; the next call tells.

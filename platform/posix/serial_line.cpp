@@ -194,6 +194,8 @@ Status SerialLine::SetReadTimeouts(const ReadTimeouts& timeouts) {
   return {};
 }
 
+Status SerialLine::WatchInput() { return {}; }
+
 Result<std::size_t> SerialLine::Read(std::span<std::byte> into) {
   if (into.empty()) return std::size_t{0};
   if (ReturnsAtOnce(os_->timeouts)) return Outcome(ReadOnce(os_->fd, into), 0, "read");

@@ -1,0 +1,64 @@
+// The system calls of a serial line, each with its endings. None but WaitForEvent and a read that
+// was asked to blocks for more than a second.
+#pragma once
+
+#include <windows.h>
+
+#include <cstddef>
+#include <span>
+#include <string>
+
+#include "platform/serial_line.h"
+#include "platform/status.h"
+#include "platform/win32/handle.h"
+
+namespace kinetrel {
+
+// ---- Opening -------------------------------------------------------------------------------
+
+// For this program alone. NotFound: no such device. Invalid: it is there, but no character device.
+Result<Handle> OpenSerialDevice(const std::string& path);
+
+// Asks the system to note received bytes: what WaitForEvent waits for.
+Status WatchReceivedBytes(HANDLE line);
+
+Result<COMMPROP> ReadProperties(HANDLE line);
+
+// The rate as the port's stored configuration has it, and all else of its settings.
+Result<DCB> ReadConfiguration(HANDLE line);
+
+// ---- Time-outs -----------------------------------------------------------------------------
+
+Status ReadTimes(HANDLE line, COMMTIMEOUTS& times);
+Status WriteTimes(HANDLE line, const COMMTIMEOUTS& times);
+
+// ---- Transfers -----------------------------------------------------------------------------
+
+Result<std::size_t> ReadOnce(HANDLE line, std::span<std::byte> into);
+Result<std::size_t> WriteOnce(HANDLE line, std::span<const std::byte> from);
+
+// Until a byte comes, or somebody changes what is waited for.
+//
+// events  what happened. Must outlive the line: where the call returns before an event (Wine's
+//         does), the system fills it in later.
+Status WaitForEvent(HANDLE line, DWORD& events);
+
+// ---- Queues --------------------------------------------------------------------------------
+
+struct Queued {
+  std::size_t received = 0;  // not yet read
+  std::size_t unsent = 0;    // written, not yet sent
+};
+
+// Also clears the line's errors.
+Result<Queued> CountQueued(HANDLE line);
+
+Status DiscardInput(HANDLE line);
+Status DiscardOutput(HANDLE line);
+Status FlushHardware(HANDLE line);  // waits until the hardware's own store is sent
+
+// ---- Modem lines ---------------------------------------------------------------------------
+
+Status SetModemLine(HANDLE line, DWORD function);  // SETDTR, CLRDTR, SETRTS, CLRRTS
+
+}  // namespace kinetrel

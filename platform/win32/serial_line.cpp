@@ -1,0 +1,234 @@
+#include "platform/serial_line.h"
+
+#include <windows.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <optional>
+
+#include "platform/timer.h"
+#include "platform/win32/line_settings.h"
+#include "platform/win32/os_status.h"
+#include "platform/win32/serial_calls.h"
+#include "platform/win32/serial_name.h"
+
+namespace kinetrel {
+namespace {
+
+// Without it a write to a line that is held by its handshake would never end.
+constexpr DWORD kWritePatience = 1000;  // ms
+constexpr Milliseconds kDrainPatience{1000};
+constexpr Milliseconds kStep{1};
+constexpr Milliseconds kLongStep{2};
+constexpr Milliseconds kShortWait{10};  // below it, in steps of the shorter kind
+
+// A port that goes no faster is none that a tracker was ever tested on. Wine tells every port as
+// one of 115200, so that there the user must say that he means it.
+bool FastEnough(const COMMPROP& properties) {
+  constexpr DWORD kSlowestMaximum = 0x40000;
+  return properties.dwMaxBaud > kSlowestMaximum || std::getenv("KINETREL_ANY_MAX_BAUD") != nullptr;
+}
+
+bool IsSerial(const COMMPROP& properties) {
+  return (properties.dwServiceMask & SP_SERIALCOMM) != 0 && properties.dwSettableParams != 0 &&
+         properties.dwSettableBaud != 0 && properties.wSettableData != 0 &&
+         properties.wSettableStopParity != 0;
+}
+
+bool HasRtsCts(const COMMPROP& properties) {
+  return (properties.dwProvCapabilities & PCF_RTSCTS) != 0 &&
+         (properties.dwSettableParams & SP_HANDSHAKING) != 0;
+}
+
+}  // namespace
+
+// ---- The line ------------------------------------------------------------------------------
+
+struct SerialLine::Os {
+  explicit Os(Handle opened) : line(std::move(opened)) {}
+  Os(const Os&) = delete;
+  Os& operator=(const Os&) = delete;
+  ~Os();
+
+  HANDLE get() const { return line.get(); }
+  Status TakeOver();
+  Status Drain() const;
+  Status ReceiveEvent();
+  Result<std::size_t> Received() const;
+
+  Handle line;
+  std::optional<DCB> found;  // the settings to leave behind; none for what is no serial line
+  std::optional<COMMTIMEOUTS> foundTimes;
+  bool dtrRaised = true;
+  TimerResolution fineSteps;  // else a step of 1 ms takes 16
+  std::unique_ptr<DWORD> events = std::make_unique<DWORD>(0);
+  bool eventStillDue = false;
+};
+
+// Bytes that a stuck line would not send are dropped: closing it would wait for them.
+SerialLine::Os::~Os() {
+  if (found) {
+    if (!Drain().Ok()) (void)DiscardOutput(get());
+    (void)WriteLine(get(), *found);
+  }
+  if (foundTimes) (void)WriteTimes(get(), *foundTimes);
+  if (eventStillDue) (void)events.release();  // the system's from now on
+}
+
+Status SerialLine::Os::TakeOver() {
+  DCB record{};
+  if (!ReadLine(get(), record).Ok()) return {};  // no serial line: Capabilities will say so
+  found = record;
+  COMMTIMEOUTS times{};
+  if (ReadTimes(get(), times).Ok()) foundTimes = times;
+  MakeRaw(record);
+  return WriteLine(get(), record);
+}
+
+Status SerialLine::Os::Drain() const {
+  for (const Deadline deadline(kDrainPatience);; SleepFor(kStep)) {
+    const Result<Queued> queued = CountQueued(get());
+    if (!queued.Ok()) return queued.status();
+    if (queued->unsent == 0) return FlushHardware(get());
+    if (deadline.Passed()) return {Error::TimedOut, 0, "send what was written"};
+  }
+}
+
+// Until something may have come. Neither an event without bytes, as of bytes read meanwhile, nor a
+// call that returns before the event makes the caller spin.
+Status SerialLine::Os::ReceiveEvent() {
+  if (!eventStillDue) {
+    if (const Status waited = WaitForEvent(get(), *events); !waited.Ok()) return waited;
+  }
+  eventStillDue = *events == 0;
+  if ((*events & EV_RXCHAR) == 0) SleepFor(kStep);
+  return {};
+}
+
+Result<std::size_t> SerialLine::Os::Received() const {
+  const Result<Queued> queued = CountQueued(get());
+  if (!queued.Ok()) return queued.status();
+  return queued->received;
+}
+
+SerialLine::SerialLine(std::unique_ptr<Os> os) : os_(std::move(os)) {}
+SerialLine::SerialLine(SerialLine&&) noexcept = default;
+SerialLine& SerialLine::operator=(SerialLine&&) noexcept = default;
+SerialLine::~SerialLine() = default;
+
+Result<SerialLine> SerialLine::Open(const std::string& name) {
+  Result<Handle> opened = OpenSerialDevice(SerialDevicePath(name));
+  if (!opened.Ok()) return opened.status();
+  auto os = std::make_unique<Os>(std::move(*opened));
+  if (const Status taken = os->TakeOver(); !taken.Ok()) return taken;
+  return SerialLine(std::move(os));
+}
+
+// The system gives the same answer for a port in use and for one that is not permitted.
+std::string SerialLine::ExplainOpenFailure(const std::string& name, const Status& failure) {
+  const std::string path = SerialDevicePath(name);
+  const std::string subject = path == "\\\\.\\" + name ? name + ": " : name + " (" + path + "): ";
+  if (failure.error == Error::NotFound) {
+    if (!ComNumber(name)) return subject + "no such device";
+    return subject + "no such device; KINETREL_" + name + " can name another one";
+  }
+  if (failure.error == Error::Busy) return subject + "in use by another program";
+  if (failure.error == Error::Denied) {
+    return subject + "in use by another program, or this account may not use it";
+  }
+  if (failure.error == Error::Invalid) return subject + "not a serial device";
+  return subject + Describe(failure);
+}
+
+Result<SerialCapabilities> SerialLine::Capabilities() const {
+  const Result<COMMPROP> properties = ReadProperties(os_->get());
+  if (!properties.Ok()) return properties.status();
+  return SerialCapabilities{IsSerial(*properties) && FastEnough(*properties),
+                            HasRtsCts(*properties)};
+}
+
+Result<LineSettings> SerialLine::Settings() const {
+  const Result<DCB> record = ReadConfiguration(os_->get());
+  if (!record.Ok()) return record.status();
+  return GetSettings(*record);
+}
+
+// A driver that cannot make a rate may take another without a word; so the rate is read back.
+Status SerialLine::Apply(const LineSettings& settings) {
+  DCB record{};
+  if (const Status read = ReadLine(os_->get(), record); !read.Ok()) return read;
+  PutSettings(settings, os_->dtrRaised, record);
+  if (const Status written = WriteLine(os_->get(), record); !written.Ok()) return written;
+  if (settings.dtr != ModemControl::Off) os_->dtrRaised = true;
+  if (const Status read = ReadLine(os_->get(), record); !read.Ok()) return read;
+  const unsigned made = record.BaudRate;
+  const unsigned apart = std::max(made, settings.baud) - std::min(made, settings.baud);
+  if (apart > settings.baud / 32) return {Error::Unsupported, 0, "set the baud rate"};
+  return {};
+}
+
+Status SerialLine::SetReadTimeouts(const ReadTimeouts& timeouts) {
+  COMMTIMEOUTS times{};
+  times.ReadIntervalTimeout = timeouts.interval;
+  times.ReadTotalTimeoutMultiplier = timeouts.multiplier;
+  times.ReadTotalTimeoutConstant = timeouts.constant;
+  times.WriteTotalTimeoutConstant = kWritePatience;
+  return WriteTimes(os_->get(), times);
+}
+
+Status SerialLine::WatchInput() { return WatchReceivedBytes(os_->get()); }
+
+// A read that finds nothing on a line that is gone may not say so (Wine's does not).
+Result<std::size_t> SerialLine::Read(std::span<std::byte> into) {
+  if (into.empty()) return std::size_t{0};
+  const Result<std::size_t> got = ReadOnce(os_->get(), into);
+  if (!got.Ok() || *got > 0) return got;
+  const Result<std::size_t> left = os_->Received();
+  return left.Ok() ? got : left;
+}
+
+Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
+  std::size_t sent = 0;
+  while (sent < from.size()) {
+    const Result<std::size_t> written = WriteOnce(os_->get(), from.subspan(sent));
+    if (!written.Ok() && sent == 0) return written;
+    if (!written.Ok() || *written == 0) break;
+    sent += *written;
+  }
+  if (sent == 0 && !from.empty()) return Status{Error::TimedOut, 0, "write"};
+  return sent;
+}
+
+Result<std::size_t> SerialLine::InputQueueLength() const { return os_->Received(); }
+
+// The system's wait for an event has no time-out, so a wait that has one goes in steps.
+Status SerialLine::WaitForInput(std::size_t count, Milliseconds timeout) const {
+  const Deadline deadline(timeout);
+  const Milliseconds step = timeout < kShortWait ? kStep : kLongStep;
+  for (;;) {
+    const Result<std::size_t> received = os_->Received();
+    if (!received.Ok()) return received.status();
+    if (*received >= count) return {};
+    if (timeout == kForever && *received == 0) {
+      if (const Status waited = os_->ReceiveEvent(); !waited.Ok()) return waited;
+    } else if (deadline.Passed()) {
+      return {Error::TimedOut, 0, "wait for input"};
+    } else {
+      SleepFor(std::min(step, deadline.Remaining()));
+    }
+  }
+}
+
+Status SerialLine::PurgeInput() { return DiscardInput(os_->get()); }
+Status SerialLine::PurgeOutput() { return DiscardOutput(os_->get()); }
+Status SerialLine::DrainOutput() { return os_->Drain(); }
+
+Status SerialLine::SetDtr(bool on) {
+  const Status set = SetModemLine(os_->get(), on ? SETDTR : CLRDTR);
+  if (set.Ok()) os_->dtrRaised = on;
+  return set;
+}
+
+Status SerialLine::SetRts(bool on) { return SetModemLine(os_->get(), on ? SETRTS : CLRRTS); }
+
+}  // namespace kinetrel
