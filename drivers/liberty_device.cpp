@@ -155,6 +155,11 @@ void LibertyDevice::ReadStationMap() {
 
 int LibertyDevice::QueryStatus(char*, int) { return 0; }
 
+bool LibertyDevice::ConnectionLost() {
+  const std::lock_guard lock(pdiLock_);
+  return pdiDevice_.CnxReady() == 0;
+}
+
 // ---- Sampling ------------------------------------------------------------------------------
 
 void LibertyDevice::StopStream() {
@@ -241,6 +246,12 @@ unsigned LibertyDevice::SetSensorMask(unsigned mask, int) {
   if (pdiDevice_.SetStationMap(mask) != 0) sensorMask_ = mask;
   RefreshStations();
   return sensorMask_;
+}
+
+int LibertyDevice::RecordOf(int sensor) {
+  const std::lock_guard lock(pdiLock_);
+  if (!HasStation(stationMap_, sensor)) return -1;
+  return std::popcount(stationMap_ & FirstStations(sensor));
 }
 
 void LibertyDevice::RefreshStations() {

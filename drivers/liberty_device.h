@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <mutex>
 
+#include "devices/own_connection.h"
+#include "devices/packed_records.h"
 #include "devices/tracker_device.h"
 #include "drivers/liberty_frame.h"
 #include "drivers/liberty_pdi.h"
@@ -20,7 +22,7 @@ namespace kinetrel {
 
 // Threads  any: every call of the library is made under a lock of our own, also while ReadFrame
 //          waits for a frame. So a setting waits for a frame, a second at the most.
-class LibertyDevice final : public TrackerDevice {
+class LibertyDevice final : public TrackerDevice, public OwnConnection, public PackedRecords {
  public:
   LibertyDevice();
   ~LibertyDevice() override;
@@ -42,6 +44,7 @@ class LibertyDevice final : public TrackerDevice {
   // Returns kBooted, or 0 where no tracker is found.
   BootResult Boot(int reset) override;
   int QueryStatus(char* text, int size) override;  // 0: it has none
+  bool ConnectionLost() override;
 
   // ---- Sampling ----------------------------------------------------------------------------
 
@@ -55,6 +58,9 @@ class LibertyDevice final : public TrackerDevice {
   // ---- Stations ----------------------------------------------------------------------------
 
   unsigned SetSensorMask(unsigned mask, int sensorCount) override;
+
+  // With stations 1 and 3 active, sensor 2 (station 3) has record 1.
+  int RecordOf(int sensor) override;
 
   // ---- Settings ----------------------------------------------------------------------------
 

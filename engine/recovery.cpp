@@ -20,7 +20,8 @@ double SecondsSince(std::int64_t tick) {
 Recovery::Recovery(std::shared_ptr<EngineState> state, std::shared_ptr<TrackerDevice> device)
     : state_(std::move(state)),
       device_(std::move(device)),
-      serial_(device_->portStatus() == PortStatus::Open),
+      own_(dynamic_cast<OwnConnection*>(device_.get())),
+      followed_(own_ != nullptr || device_->portStatus() == PortStatus::Open),
       deviceType_(device_->GetDeviceType(nullptr, 0)),
       name_(device_->GetDeviceName()),
       lastFrame_(ClockTicks()) {}
@@ -37,7 +38,9 @@ void Recovery::NoteFrame() {
 }
 
 Recovery::Trouble Recovery::Diagnose() const {
-  if (device_->LineLost() || !device_->HasHandle()) return Trouble::PortGone;
+  const bool lost =
+      own_ != nullptr ? own_->ConnectionLost() : device_->LineLost() || !device_->HasHandle();
+  if (lost) return Trouble::PortGone;
   const double patience = static_cast<double>(kSilencePatience.count()) / 1000.0;
   return SecondsSince(lastFrame_) > patience ? Trouble::Silent : Trouble::None;
 }
@@ -53,7 +56,7 @@ void Recovery::Report(Trouble trouble) {
 }
 
 bool Recovery::Try(const EngineLock& lock) {
-  if (!serial_) return false;
+  if (!followed_) return false;
   if (trouble_ == Trouble::None) {
     const Trouble found = Diagnose();
     if (found == Trouble::None) return false;

@@ -1,5 +1,5 @@
-// Brings a serial tracker back that has stopped delivering: unplugged, silent, or restarted and
-// without its settings.
+// Brings a tracker on a serial port, or on a connection of its own, back that has stopped
+// delivering: unplugged, silent, or restarted and without its settings.
 //
 // The port is opened again by name, at growing intervals, and the device booted; only one that
 // identifies itself as the same model is given its configuration, for by then another device may
@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "devices/own_connection.h"
 #include "engine/engine_state.h"
 
 namespace kinetrel {
@@ -23,7 +24,8 @@ class Recovery {
   static constexpr Milliseconds kFirstPause{500};
   static constexpr Milliseconds kLongestPause{5000};
 
-  // For a booted device; one that has no serial port open is never touched.
+  // For a booted device; one that has neither a serial port open nor a connection of its own is
+  // never touched.
   Recovery(std::shared_ptr<EngineState> state, std::shared_ptr<TrackerDevice> device);
 
   void NoteFrame();  // a good one
@@ -42,7 +44,8 @@ class Recovery {
 
   const std::shared_ptr<EngineState> state_;
   const std::shared_ptr<TrackerDevice> device_;
-  const bool serial_;
+  OwnConnection* const own_;  // null: the serial port
+  const bool followed_;
   const int deviceType_;  // as the device reports it, model included
   const char* name_;
 
