@@ -3,6 +3,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdlib>
+#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -107,6 +108,7 @@ class KnownTracker final : public PdiTracker {
     if (TakeDue()) Compose();
     frame = out_.bytes().data();
     size = static_cast<std::uint32_t>(out_.bytes().size());
+    if (Befalls("move")) frame = Moved();
     if (Befalls("null")) frame = nullptr;
     if (Befalls("short")) size /= 2;
     if (Befalls("lie")) size = 0xFFFFFFFF;
@@ -158,6 +160,12 @@ class KnownTracker final : public PdiTracker {
       if (mishap->name == kind && mishap->Covers(period)) return true;
     }
     return false;
+  }
+
+  // Each call at another place, and the one before is gone.
+  const std::uint8_t* Moved() {
+    moved_ = std::make_unique<std::vector<std::uint8_t>>(out_.bytes());
+    return moved_->data();
   }
 
   bool TakeDue() {
@@ -230,6 +238,7 @@ class KnownTracker final : public PdiTracker {
   std::uint64_t handedOut_ = 0;  // periods since the start
   std::uint64_t frame_ = 0;      // its counter
   Frame out_;
+  std::unique_ptr<std::vector<std::uint8_t>> moved_;
 };
 
 }  // namespace

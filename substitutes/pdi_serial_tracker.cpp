@@ -17,7 +17,7 @@ namespace {
 
 constexpr Milliseconds kAnswerTime{500};
 constexpr Milliseconds kSilence{200};
-constexpr Milliseconds kLongestDrain{2000};
+constexpr Milliseconds kLongestDrain{700};
 constexpr int kTries = 3;
 constexpr std::uint8_t kStationsCommand = 'U' & 0x1F;
 constexpr std::uint8_t kBitCommand = 'T' & 0x1F;
@@ -60,11 +60,8 @@ class SerialTracker final : public PdiTracker {
       Send("\r");
       Quieten();
       Send("F1\r");
-      const auto format = Ask("F\r", 'F');
-      if (format && WordAt(*format) == 1) {
-        Send("L*,0\r");  // else the stylus' button stops and starts the stream
-        return SetMetric(true);
-      }
+      const auto format = AskOnce("F\r", 'F');
+      if (format && WordAt(*format) == 1) return SetUp();
     }
     line_.reset();
     return false;
@@ -127,7 +124,10 @@ class SerialTracker final : public PdiTracker {
     return !cycle.empty();
   }
 
-  bool SetRate(int code) override { return Set("R" + std::to_string(code), 'R', code); }
+  bool SetRate(int code) override {
+    rate_ = code;
+    return Set("R" + std::to_string(code), 'R', code);
+  }
   bool GetRate(int& code) override {
     const auto told = Ask("R\r", 'R');
     if (told) code = static_cast<int>(WordAt(*told));
@@ -162,16 +162,30 @@ class SerialTracker final : public PdiTracker {
   bool Open(const std::string& name, unsigned baud) {
     line_.reset();
     reader_.Clear();
+    answers_ = true;
     Result<SerialLine> opened = SerialLine::Open(name);
     if (!opened.Ok()) {
-      std::fprintf(stderr, "\n%s\n", SerialLine::ExplainOpenFailure(name, opened.status()).c_str());
+      Explain(SerialLine::ExplainOpenFailure(name, opened.status()));
       return false;
     }
+    explained_.clear();
     line_.emplace(std::move(*opened));
     LineSettings settings;
     settings.baud = baud;
     if (!line_->Apply(settings).Ok()) line_.reset();
     return line_.has_value();
+  }
+
+  // Once: a line that has gone is tried again and again.
+  void Explain(const std::string& why) {
+    if (why != explained_) std::fprintf(stderr, "\n%s\n", why.c_str());
+    explained_ = why;
+  }
+
+  // What Kinetrel takes for granted or, after the tracker was switched off and on, set before.
+  bool SetUp() {
+    Send("L*,0\r");  // else the stylus' button stops and starts the stream
+    return SetMetric(true) && (rate_ == 0 || SetRate(rate_));
   }
 
   // False, and the connection given up, when the line has gone.
@@ -199,15 +213,24 @@ class SerialTracker final : public PdiTracker {
     }
   }
 
+  std::optional<Answer> AskOnce(const std::string& text, std::uint8_t command) {
+    std::optional<Answer> answer;
+    if (!Send(text)) return answer;
+    const Deadline end(kAnswerTime);
+    while (!answer && !end.Passed() && line_) {
+      (void)line_->WaitForInput(1, end.Remaining());
+      Pump(command, &answer);
+    }
+    return answer;
+  }
+
+  // One that fell silent is asked no more than once: a row of questions must not take for ever.
   std::optional<Answer> Ask(const std::string& text, std::uint8_t command) {
     std::optional<Answer> answer;
-    for (int i = 0; i < kTries && !answer && Send(text); ++i) {
-      const Deadline end(kAnswerTime);
-      while (!answer && !end.Passed() && line_) {
-        (void)line_->WaitForInput(1, end.Remaining());
-        Pump(command, &answer);
-      }
+    for (int i = answers_ ? 0 : kTries - 1; i < kTries && !answer; ++i) {
+      answer = AskOnce(text, command);
     }
+    answers_ = answer.has_value();
     return answer;
   }
 
@@ -220,15 +243,20 @@ class SerialTracker final : public PdiTracker {
 
   // Ends continuous output, and waits until the last of it is here.
   void Quieten() {
-    const Deadline end(kLongestDrain);
-    for (int i = 0; i < kTries && !end.Passed() && Send("P"); ++i) {
-      while (line_ && !end.Passed()) {
-        if (!line_->WaitForInput(1, kSilence).Ok()) break;
-        Pump();
-      }
-      if (!end.Passed()) break;
+    for (int i = 0; i < kTries && Send("P"); ++i) {
+      if (Drain()) break;
     }
     reader_.Clear();
+  }
+
+  // False: it went on sending.
+  bool Drain() {
+    const Deadline end(kLongestDrain);
+    while (line_ && !end.Passed()) {
+      if (!line_->WaitForInput(1, kSilence).Ok()) return true;
+      Pump();
+    }
+    return !line_;
   }
 
   void LayOut() {
@@ -247,6 +275,9 @@ class SerialTracker final : public PdiTracker {
   PdiCycles cycles_;
   std::vector<std::int32_t> items_;
   std::uint32_t active_ = 0;
+  int rate_ = 0;           // 0: as it is found
+  bool answers_ = true;    // its last question
+  std::string explained_;  // why the port does not open
 };
 
 }  // namespace

@@ -46,8 +46,9 @@ class PdiTracker {
 //   KINETREL_PDI_BIT       the first word of its built-in test, until it is cleared
 //   KINETREL_PDI_FRAMES    "stall@500+50": the same frame for 50 periods from frame 500 on,
 //                          "jump@500+7": 7 frames missing, "lost@500+50": no connection for 50
-//                          periods, "null@..", "short@..", "lie@..": a frame without a place, cut
-//                          in half, and said to be of 4 GiB; several with commas
+//                          periods, "null@..", "short@..", "lie@..", "move@..": a frame without
+//                          a place, cut in half, said to be of 4 GiB, and each call at another
+//                          place while the one before is gone; several with commas
 std::unique_ptr<PdiTracker> MakeKnownTracker();
 
 // A Liberty on the serial port COM<port>.

@@ -69,7 +69,7 @@ class PdiCycles {
   std::span<const std::uint8_t> Take();
 
  private:
-  static constexpr std::size_t kKept = 32;
+  static constexpr std::size_t kKept = 128;  // half a second of a host that was late
   static constexpr std::size_t kLongestRecord = 128;
   using Cycle = std::array<std::uint8_t, kPdiStations * kLongestRecord>;
 
