@@ -82,7 +82,7 @@ class StreamConnector {
                                const Deadline& deadline);
 
  private:
-  struct LookUp;  // posix/host_lookup.cpp
+  struct LookUp;  // stream_connector.cpp
   Result<std::vector<StreamAddress>> Resolve(const std::string& host, std::uint16_t port,
                                              const Deadline& deadline);
 

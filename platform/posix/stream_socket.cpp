@@ -10,7 +10,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/posix/host_lookup.h"
+#include "platform/host_lookup.h"
 #include "platform/posix/os_status.h"
 
 namespace kinetrel {

@@ -1,0 +1,237 @@
+#include "platform/stream_socket.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "platform/host_lookup.h"
+#include "platform/win32/winsock.h"
+
+// Takes the types of the above.
+#include <mstcpip.h>
+
+namespace kinetrel {
+namespace {
+
+constexpr std::intptr_t kNoHandle = -1;
+constexpr int kBacklog = 256;                     // beyond it, the system refuses
+constexpr std::int64_t kLongestWait = 1'000'000;  // ms
+constexpr int kKeepAliveProbes = 16;              // the option's number; not every header has it
+
+int SizeOf(std::size_t size) {
+  return static_cast<int>(std::min<std::size_t>(size, std::numeric_limits<int>::max()));
+}
+
+bool WouldBlock() { return ::WSAGetLastError() == WSAEWOULDBLOCK; }
+
+std::int64_t StepOf(Milliseconds timeout) {
+  return std::clamp<std::int64_t>(timeout.count(), 0, kLongestWait);
+}
+
+// The system refuses to wait for nothing at all.
+int PollOnce(std::span<WSAPOLLFD> watched, Milliseconds timeout) {
+  if (watched.empty()) {
+    SleepFor(Milliseconds(StepOf(timeout)));
+    return 0;
+  }
+  return ::WSAPoll(watched.data(), static_cast<ULONG>(watched.size()),
+                   static_cast<int>(StepOf(timeout)));
+}
+
+// Ready also when the connection has ended: the transfer that follows tells.
+Status Await(SOCKET socket, short events, const Deadline& deadline, const char* what) {
+  for (;;) {
+    const Milliseconds left = deadline.Remaining();
+    WSAPOLLFD watched{socket, events, 0};
+    const int count = PollOnce({&watched, 1}, left);
+    if (count > 0) return {};
+    if (count < 0) return LastSocketFailure(what);
+    if (count == 0 && left.count() <= kLongestWait) return {Error::TimedOut, 0, what};
+  }
+}
+
+// None of these is worth failing for.
+void SetUp(SOCKET socket) {
+  SetSocketOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
+  tcp_keepalive probes{1, 30'000, 10'000};
+  DWORD unused = 0;
+  ::WSAIoctl(socket, SIO_KEEPALIVE_VALS, &probes, sizeof probes, nullptr, 0, &unused, nullptr,
+             nullptr);
+  SetSocketOption(socket, IPPROTO_TCP, kKeepAliveProbes, 3);
+}
+
+const sockaddr* SystemForm(const StreamAddress& address) {
+  return static_cast<const sockaddr*>(static_cast<const void*>(address.bytes.data()));
+}
+
+// Poll keeps a refused attempt to itself on older systems; select tells it as an exception.
+Status AwaitConnected(SOCKET socket, const Deadline& deadline) {
+  constexpr const char* kWhat = "connecting";
+  for (;;) {
+    const Milliseconds left = deadline.Remaining();
+    const std::int64_t step = StepOf(left);
+    fd_set done{1, {socket}};
+    fd_set refused{1, {socket}};
+    timeval time{static_cast<long>(step / 1000), static_cast<long>(step % 1000 * 1000)};
+    const int count = ::select(0, nullptr, &done, &refused, &time);
+    if (count > 0) return {};
+    if (count < 0) return LastSocketFailure(kWhat);
+    if (left.count() <= kLongestWait) return {Error::TimedOut, 0, kWhat};
+  }
+}
+
+Status FinishConnect(SOCKET socket, const Deadline& deadline) {
+  if (const Status status = AwaitConnected(socket, deadline); !status.Ok()) return status;
+  int code = 0;
+  int size = sizeof code;
+  ::getsockopt(socket, SOL_SOCKET, SO_ERROR, static_cast<char*>(static_cast<void*>(&code)), &size);
+  if (code == 0) return {};
+  ::WSASetLastError(code);
+  return LastSocketFailure("connecting");
+}
+
+}  // namespace
+
+// ---- One connection --------------------------------------------------------------------------
+
+StreamSocket& StreamSocket::operator=(StreamSocket&& other) noexcept {
+  if (this != &other) {
+    Close();
+    handle_ = other.Release();
+  }
+  return *this;
+}
+
+std::intptr_t StreamSocket::Release() { return std::exchange(handle_, kNoHandle); }
+
+void StreamSocket::Close() {
+  if (handle_ != kNoHandle) ::closesocket(SocketOf(Release()));
+}
+
+Result<StreamSocket> StreamSocket::Connect(const StreamAddress& to, const Deadline& deadline) {
+  const SOCKET made = NewSocket(to.family, SOCK_STREAM);
+  if (made == INVALID_SOCKET) return LastSocketFailure("making a socket");
+  StreamSocket socket(HandleOf(made));
+  SetUp(made);
+  if (::connect(made, SystemForm(to), static_cast<int>(to.length)) == 0) return socket;
+  if (!WouldBlock()) return LastSocketFailure("connecting");
+  if (const Status status = FinishConnect(made, deadline); !status.Ok()) return status;
+  return socket;
+}
+
+Result<std::size_t> StreamSocket::SendSome(std::span<const std::byte> bytes) {
+  const auto* const from = static_cast<const char*>(static_cast<const void*>(bytes.data()));
+  const int sent = ::send(SocketOf(handle_), from, SizeOf(bytes.size()), 0);
+  if (sent >= 0) return static_cast<std::size_t>(sent);
+  if (WouldBlock()) return std::size_t{0};
+  return LastSocketFailure("sending");
+}
+
+Result<std::size_t> StreamSocket::ReceiveSome(std::span<std::byte> into) {
+  constexpr const char* kWhat = "receiving";
+  auto* const to = static_cast<char*>(static_cast<void*>(into.data()));
+  const int got = ::recv(SocketOf(handle_), to, SizeOf(into.size()), 0);
+  if (got > 0) return static_cast<std::size_t>(got);
+  if (got == 0) return Status{Error::Closed, 0, kWhat};
+  if (WouldBlock()) return std::size_t{0};
+  return LastSocketFailure(kWhat);
+}
+
+Status StreamSocket::Send(std::span<const std::byte> bytes, const Deadline& deadline) {
+  for (;;) {
+    const Result<std::size_t> sent = SendSome(bytes);
+    if (!sent.Ok()) return sent.status();
+    bytes = bytes.subspan(*sent);
+    if (bytes.empty()) return {};
+    const Status status = Await(SocketOf(handle_), POLLOUT, deadline, "sending");
+    if (!status.Ok()) return status;
+  }
+}
+
+Result<std::size_t> StreamSocket::Receive(std::span<std::byte> into, const Deadline& deadline) {
+  for (;;) {
+    const Status status = Await(SocketOf(handle_), POLLIN, deadline, "receiving");
+    if (!status.Ok()) return status;
+    const Result<std::size_t> got = ReceiveSome(into);
+    if (!got.Ok() || *got > 0) return got;
+  }
+}
+
+void StreamSocket::LimitBuffers(int bytes) {
+  SetSocketOption(SocketOf(handle_), SOL_SOCKET, SO_SNDBUF, bytes);
+  SetSocketOption(SocketOf(handle_), SOL_SOCKET, SO_RCVBUF, bytes);
+}
+
+bool StreamSocket::IsQuiet() const {
+  WSAPOLLFD watched{SocketOf(handle_), POLLIN, 0};
+  return PollOnce({&watched, 1}, Milliseconds(0)) == 0;
+}
+
+// ---- Listening -------------------------------------------------------------------------------
+
+// Connections that have ended do not keep the port from the next run on this system; what others
+// call address reuse would let another program take the port from under us.
+Result<StreamListener> StreamListener::Open(const std::string& address, std::uint16_t port) {
+  constexpr const char* kWhat = "listening";
+  const auto at = NumericAddresses(address, port);
+  if (!at.Ok()) return at.status();
+  const StreamAddress& where = at->front();
+  const SOCKET made = NewSocket(where.family, SOCK_STREAM);
+  if (made == INVALID_SOCKET) return LastSocketFailure(kWhat);
+  StreamListener listener(HandleOf(made));
+  SetSocketOption(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);
+  const bool listens = ::bind(made, SystemForm(where), static_cast<int>(where.length)) == 0 &&
+                       ::listen(made, kBacklog) == 0;
+  if (!listens) return LastSocketFailure(kWhat);
+  return listener;
+}
+
+StreamListener::StreamListener(StreamListener&& other) noexcept
+    : handle_(std::exchange(other.handle_, kNoHandle)) {}
+
+StreamListener::~StreamListener() {
+  if (handle_ != kNoHandle) ::closesocket(SocketOf(handle_));
+}
+
+Result<StreamSocket> StreamListener::Accept() {
+  constexpr const char* kWhat = "accepting a connection";
+  for (;;) {
+    const SOCKET taken = ::accept(SocketOf(handle_), nullptr, nullptr);
+    if (taken != INVALID_SOCKET) {
+      StreamSocket socket(HandleOf(taken));
+      if (!MakeOurs(taken)) return LastSocketFailure(kWhat);
+      SetUp(taken);
+      return socket;
+    }
+    if (WouldBlock()) return Status{Error::TimedOut, 0, kWhat};
+    // One that has gone again while it waited is nobody's failure.
+    if (::WSAGetLastError() != WSAECONNRESET) return LastSocketFailure(kWhat);
+  }
+}
+
+std::uint16_t StreamListener::port() const {
+  StreamAddress address;
+  auto* const bytes = static_cast<sockaddr*>(static_cast<void*>(address.bytes.data()));
+  int length = sizeof address.bytes;
+  if (::getsockname(SocketOf(handle_), bytes, &length) != 0) return 0;
+  // The port stands at the same place in both families.
+  const auto* const any = static_cast<const sockaddr_in*>(static_cast<const void*>(bytes));
+  return ::ntohs(any->sin_port);
+}
+
+bool WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
+                    Milliseconds timeout) {
+  std::array<WSAPOLLFD, kMostStreamWaits + 1> watched;
+  const std::size_t count = std::min(waits.size(), kMostStreamWaits);
+  for (std::size_t i = 0; i < count; ++i) {
+    const short events = waits[i].forRoom ? POLLOUT : POLLIN;
+    watched[i] = {SocketOf(waits[i].socket->handle_), events, 0};
+  }
+  const bool listening = listener != nullptr;
+  if (listening) watched[count] = {SocketOf(listener->handle_), POLLIN, 0};
+  const int ready = PollOnce(std::span(watched).first(count + (listening ? 1 : 0)), timeout);
+  for (std::size_t i = 0; i < count; ++i) waits[i].ready = ready > 0 && watched[i].revents != 0;
+  return listening && ready > 0 && watched[count].revents != 0;
+}
+
+}  // namespace kinetrel
