@@ -2,6 +2,7 @@
 
 #include "devices/bounded_text.h"
 #include "devices/wire.h"
+#include "platform/clock.h"
 
 namespace kinetrel {
 namespace {
@@ -28,8 +29,8 @@ constexpr int kVersionTextSize = 50;
 constexpr std::size_t kVersionTextRoom = 100;  // a unit that never ends its text is cut off here
 
 constexpr int kRecordMs = 200;
-constexpr int kQuietMs = 1;  // on a line at rest
 constexpr int kTimedBytes = 4;
+constexpr int kBitsPerByte = 10;
 
 constexpr unsigned kSensors = 1;
 constexpr unsigned kFamily = 0x0602;
@@ -38,9 +39,12 @@ constexpr unsigned kFlagsSet = 0x00100000;
 constexpr double kRadiansPerCount = kPi / 32767;
 
 // How fast the unit measures is not known. No record comes faster than this: the line carries a
-// request and an answer of ten bits a byte, and is quiet for a while before the next request.
-constexpr int kBitsPerFrame = 10 * (1 + static_cast<int>(kIntertraxRecordSize));
-constexpr int kRecordsPerSecond = 1000 * kFastBaud / (1000 * kBitsPerFrame + kQuietMs * kFastBaud);
+// request and the answer to it.
+constexpr int kBitsPerFrame = kBitsPerByte * (1 + static_cast<int>(kIntertraxRecordSize));
+constexpr int kRecordsPerSecond = kFastBaud / kBitsPerFrame;
+
+// From a request to the end of its answer's first byte, at the least.
+constexpr int kBitsToAnswer = kBitsPerByte * 2;
 
 // The ends of a version query that a caller can tell from a failed link.
 constexpr int kNoEcho = -12;
@@ -182,8 +186,7 @@ bool IntertraxDevice::SpeedUp() {
 unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
   lastModeByte_ = 0;  // the unit answers one request: there is nothing to stop before the next
   std::array<std::byte, kIntertraxRecordSize> record{};
-  const bool read =
-      WaitForRX(kRecordMs, kIntertraxRecordSize) && Read(record.data(), kIntertraxRecordSize);
+  const bool read = AwaitRecord() && Read(record.data(), kIntertraxRecordSize);
   if (!read || poses_.empty()) return 0;
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
   const auto angles = DecodeIntertraxRecord(record);
@@ -194,10 +197,23 @@ unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
   return 1;
 }
 
-// The rest of a damaged record would shift every record after it. So the unit is asked only when
-// the line has been quiet for longer than a byte takes.
+// The rest of a damaged record would shift this one and every one after it. What is there sooner
+// than the line can have carried the request and a byte of the answer is such a rest, unless it is
+// as long as a record: what stands in for a unit need not keep to the speed of a line.
+bool IntertraxDevice::AwaitRecord() {
+  const std::int64_t earliest = askedAt_ + ClockTicksPerSecond() * kBitsToAnswer / kFastBaud;
+  std::array<std::byte, kIntertraxRecordSize> rest{};
+  while (WaitForRX(kRecordMs, 1) && ClockTicks() < earliest) {
+    const unsigned waiting = InputQueueLength();
+    const unsigned before = waiting % kIntertraxRecordSize;
+    if (before == 0 || !Read(rest.data(), before)) break;
+  }
+  return WaitForRX(kRecordMs, kIntertraxRecordSize);
+}
+
 void IntertraxDevice::Poll() {
-  if (booted_ && WaitForRX(kQuietMs, 1)) PurgeInput();
+  if (booted_) PurgeInput();
+  askedAt_ = ClockTicks();
   TrackerDevice::Poll();
 }
 

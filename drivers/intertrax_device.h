@@ -6,11 +6,12 @@
 //   0       2     yaw    int16 LE, pi / 32767
 //   2       2     pitch  int16 LE, pi / 32767, counts the other way
 //   4       2     roll   int16 LE, pi / 32767, counts the other way
-// Nothing marks its start: only a quiet line before the request tells.
+// Nothing marks its start: only when its bytes come tells.
 #pragma once
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include "devices/tracker_device.h"
@@ -83,8 +84,10 @@ class IntertraxDevice final : public TrackerDevice {
   bool SpeedUp();
   int AskVersion(char* text, int size);
   bool ReadField();
+  bool AwaitRecord();
 
   IntertraxLink link_ = IntertraxLink::Reset;
+  std::int64_t askedAt_ = 0;  // clock ticks, before the last request went out
 };
 
 }  // namespace kinetrel

@@ -122,7 +122,7 @@ TEST_F(IntertraxOnALine, IsWhatItSays) {
   EXPECT_EQ(unit_.GetSensorCount(), 1);
   EXPECT_EQ(unit_.SetComponentMask(5), 2U);
   EXPECT_EQ(unit_.GetComponentMask(), 2U);
-  EXPECT_EQ(unit_.GetFrameRate(), 354);
+  EXPECT_EQ(unit_.GetFrameRate(), 548);
   EXPECT_EQ(unit_.readTimeouts().constant, 6U);
   EXPECT_EQ(unit_.readTimeouts().multiplier, 2U);
   EXPECT_EQ(unit_.readTimeouts().interval, 4U);
@@ -241,7 +241,8 @@ TEST_P(IntertraxFrames, AreRead) {
   EXPECT_EQ(frames, GetParam().frames);
 }
 
-const Script kAsked = Expect("3");
+// No answer is there sooner than its line carries it.
+const Script kAsked = Expect("3") + Wait(milliseconds(1));
 const std::string kOne = Record(1);
 
 INSTANTIATE_TEST_SUITE_P(
@@ -252,15 +253,36 @@ INSTANTIATE_TEST_SUITE_P(
         FrameStory{"InTwoPieces",
                    kAsked + Send(kOne.substr(0, 3)) + Wait(milliseconds(50)) + Send(kOne.substr(3)),
                    {1}},
+        FrameStory{"FromAUnitFasterThanALine",
+                   Expect("3") + Send(kOne) + Expect("3") + Send(Record(770)),
+                   {1, 770}},
         FrameStory{"AByteLost", kAsked + Send(kOne.substr(1)) + kAsked + Send(Record(2)), {2}},
         FrameStory{
             "AByteTooMany",
             kAsked + Send("\x07" + kOne) + kAsked + Send(Record(2)) + kAsked + Send(Record(3)),
-            {0x107, 2, 3}},
-        FrameStory{"NoiseBetween",
-                   Send("\x01\x02\x03") + kAsked + Send(kOne) + kAsked + Send(Record(2)),
-                   {1, 2}}),
+            {0x107, 2, 3}}),
     [](const auto& row) { return std::string(row.param.name); });
+
+// Left over from before the request, or there sooner than any answer. On a busy machine the latter
+// may be seen too late once, and costs that frame.
+TEST_F(IntertraxOnALine, WhatIsNoAnswerIsDropped) {
+  ASSERT_TRUE(Ready());
+  int yaw = 2;
+  const auto reads = [&](const std::string& before, const std::string& after) {
+    line_.Received();
+    line_.Send(before);
+    WaitUntil([&] { return unit_.InputQueueLength() >= before.size(); });
+    ScriptedPeer peer(line_, Expect("3") + Wait(milliseconds(5)) + Send(Record(++yaw)));
+    unit_.Poll();
+    line_.Send(after);
+    return unit_.ReadFrame(nullptr) == 1 &&
+           std::lround(unit_.GetSensorEuler(0)[0] / kPi * 32767) == yaw && peer.Verdict().empty();
+  };
+  EXPECT_TRUE(reads("\x01\x02\x03", ""));
+  EXPECT_TRUE(reads(Record(1), ""));
+  EXPECT_TRUE(WaitUntil([&] { return reads("", "\x44"); }));
+  EXPECT_TRUE(WaitUntil([&] { return reads("\x01", "\x01\x02\x03\x04\x05"); }));
+}
 
 TEST_F(IntertraxOnALine, APulledPlugFailsAtOnce) {
   ASSERT_TRUE(Ready());
