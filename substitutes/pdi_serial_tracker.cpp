@@ -15,7 +15,7 @@
 namespace kinetrel::substitute {
 namespace {
 
-constexpr Milliseconds kAnswerTime{500};
+constexpr Milliseconds kAnswerTime{300};
 constexpr Milliseconds kSilence{200};
 constexpr Milliseconds kLongestDrain{700};
 constexpr int kTries = 3;

@@ -1,0 +1,171 @@
+// What the Liberty's substitute library makes of the bytes on its line.
+#include "substitutes/pdi_wire.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace kinetrel::test {
+namespace {
+
+using namespace std::string_literals;
+using substitute::PdiCycles;
+using substitute::PdiFrame;
+using substitute::PdiFrameReader;
+
+// Poses of these tests have a position and a frame count: 8 + 12 + 4 bytes.
+constexpr std::size_t kRecord = 24;
+constexpr std::size_t kCounter = 20;
+
+// 1, -2, 0.5; then the count.
+std::string Pose(char station, char count, char mark = '\0', char command = 'C') {
+  return "LY"s + station + command + mark + "\0\x10\0"s +
+         "\x00\x00\x80\x3F\x00\x00\x00\xC0\x00\x00\x00\x3F"s + count + "\0\0\0"s;
+}
+const std::string kStations = "LY\0\x15\0\0\4\0\3\0\3\0"s;
+
+struct Bytes {
+  const char* name;
+  std::string come;
+  std::string frames;  // station, command and size of each
+};
+
+void PrintTo(const Bytes& bytes, std::ostream* out) { *out << bytes.name; }
+
+void Feed(PdiFrameReader& reader, std::string_view bytes) {
+  const auto room = reader.Room();
+  ASSERT_GE(room.size(), bytes.size());
+  std::copy(bytes.begin(), bytes.end(), room.begin());
+  reader.Took(bytes.size());
+}
+
+std::string TextOf(const PdiFrame& frame) {
+  const std::string command = frame.command < ' '
+                                  ? "^" + std::string(1, static_cast<char>(frame.command + 'A' - 1))
+                                  : std::string(1, static_cast<char>(frame.command));
+  return std::to_string(frame.station) + command + std::to_string(frame.bytes.size()) + " ";
+}
+
+std::string AllOf(PdiFrameReader& reader) {
+  std::string text;
+  while (const auto frame = reader.Next()) text += TextOf(*frame);
+  return text;
+}
+
+class PdiFrames : public testing::TestWithParam<Bytes> {};
+
+TEST_P(PdiFrames, AreFoundHoweverTheBytesCome) {
+  for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, GetParam().come.size()}) {
+    PdiFrameReader reader;
+    reader.SetRecordSize(kRecord);
+    std::string found;
+    for (std::size_t i = 0; i < GetParam().come.size(); i += piece) {
+      Feed(reader, std::string_view(GetParam().come).substr(i, piece));
+      found += AllOf(reader);
+    }
+    EXPECT_EQ(found, GetParam().frames) << "in pieces of " << piece;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, PdiFrames,
+    testing::Values(
+        Bytes{"ACycle", Pose(1, 9) + Pose(2, 9), "1C24 2C24 "},
+        Bytes{"APolledOne", Pose(3, 9, ' ', 'P'), "3P24 "},
+        Bytes{"AMarkedOne", Pose(1, 9, 'I') + Pose(16, 9, 'u'), "1C24 16C24 "},
+        Bytes{"AnAnswerAmongPoses", Pose(1, 9) + kStations + Pose(1, 10), "1C24 0^U12 1C24 "},
+        Bytes{"ARelative", "PA\0V\0\0\2\0ok"s + "LU\0V\0\0\0\0"s, "0V10 0V8 "},
+        Bytes{"ARefusal", "LY\0\0\1\0\7\0Invalid"s + Pose(1, 9), "1C24 "},
+        Bytes{"TextBefore", "\r\nLIBERTY Ready!\r\n" + Pose(1, 9), "1C24 "},
+        Bytes{"ACutOne", Pose(1, 9).substr(0, 17) + Pose(1, 10) + Pose(1, 11), "1C24 1C24 "},
+        Bytes{"AMarkInAnother", "LYLYL" + Pose(1, 9), "1C24 "},
+        Bytes{"AnImpossibleStation", Pose(17, 9) + Pose(0, 9) + Pose(2, 9), "2C24 "},
+        Bytes{"AnotherSize", "LY\1C\0\0\4\0abcd" + Pose(1, 9), "1C24 "s},
+        Bytes{"ASizeThatLies", "LY\0V\0\0\xFF\xFF"s + Pose(1, 9), "1C24 "},
+        Bytes{"NothingButMarks", "LYLYLYLYLYLYLYLYLYLYLYLY", ""}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+TEST(PdiFrameReader, NoiseWithoutEndFindsRoomAndNoFrame) {
+  PdiFrameReader reader;
+  reader.SetRecordSize(kRecord);
+  for (int i = 0; i < 1000; ++i) {
+    Feed(reader, std::string(701, 'Y'));
+    ASSERT_EQ(AllOf(reader), "");
+  }
+  Feed(reader, Pose(1, 9));
+  EXPECT_EQ(AllOf(reader), "1C24 ");
+}
+
+// ---- Cycles --------------------------------------------------------------------------------
+
+class PdiCyclesOfTwo : public testing::Test {
+ protected:
+  PdiCyclesOfTwo() { cycles_.SetLayout(0b101, kRecord, kCounter); }
+
+  void Add(char station, char count) {
+    const std::string pose = Pose(station, count);
+    const std::vector<std::uint8_t> bytes(pose.begin(), pose.end());
+    cycles_.Add({static_cast<unsigned>(station), 'C', 0, bytes});
+  }
+  // The counts of the cycle's records; each is at its place.
+  std::string Take() {
+    const auto cycle = cycles_.Take();
+    std::string counts;
+    for (std::size_t i = 0; i < cycle.size(); i += kRecord) {
+      EXPECT_EQ(cycle[i + 2], i == 0 ? 1 : 3);
+      counts += std::to_string(cycle[i + kCounter]) + " ";
+    }
+    return counts;
+  }
+
+  PdiCycles cycles_;
+};
+
+TEST_F(PdiCyclesOfTwo, AreWholeInOrderAndTheLastStays) {
+  EXPECT_EQ(Take(), "");
+  Add(1, 4);
+  EXPECT_EQ(Take(), "");
+  Add(3, 4);
+  Add(3, 5);
+  Add(1, 5);
+  EXPECT_EQ(Take(), "4 4 ");
+  EXPECT_EQ(Take(), "5 5 ");
+  EXPECT_EQ(Take(), "5 5 ");
+}
+
+TEST_F(PdiCyclesOfTwo, OneWithAMissingStationIsDroppedWhole) {
+  Add(1, 4);
+  Add(1, 5);
+  Add(2, 5);  // not active
+  Add(3, 5);
+  Add(3, 6);
+  Add(1, 7);
+  Add(3, 7);
+  EXPECT_EQ(Take(), "5 5 ");
+  EXPECT_EQ(Take(), "7 7 ");
+}
+
+TEST_F(PdiCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
+  for (int i = 0; i < 200; ++i) {
+    Add(1, static_cast<char>(i));
+    Add(3, static_cast<char>(i));
+  }
+  EXPECT_EQ(Take(), "74 74 ");
+  for (int i = 0; i < 124; ++i) Take();
+  EXPECT_EQ(Take(), "199 199 ");
+  EXPECT_EQ(Take(), "199 199 ");
+}
+
+TEST(PdiCycles, ALayoutThatCannotBeHasNone) {
+  for (const std::size_t size : {std::size_t{0}, std::size_t{11}, std::size_t{4000}}) {
+    PdiCycles cycles;
+    cycles.SetLayout(1, size, 8);
+    const std::vector<std::uint8_t> bytes(size, 1);
+    cycles.Add({1, 'C', 0, bytes});
+    EXPECT_TRUE(cycles.Take().empty());
+  }
+}
+
+}  // namespace
+}  // namespace kinetrel::test
