@@ -18,6 +18,12 @@ namespace {
 
 constexpr double kDegrees = 180 / 3.14159265358979;
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::chrono::seconds kTimeToEnd{9};
+#else
+constexpr std::chrono::seconds kTimeToEnd{3};
+#endif
+
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
 class IsenseProgram {
@@ -52,8 +58,11 @@ class IsenseProgram {
   }
 
   int Stop() {
+    const auto before = std::chrono::steady_clock::now();
     program_->Signal(SIGINT);
-    return program_->Wait(std::chrono::seconds(30));
+    const int code = program_->Wait(std::chrono::seconds(30));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, kTimeToEnd);
+    return code;
   }
 
  private:
@@ -146,10 +155,65 @@ TEST_F(IsenseRun, WithoutASourceStopsInTime) {
   const int port = DatagramSocket::Open(0)->port();
   IsenseProgram run({"-p", std::to_string(port)});
   EXPECT_FALSE(run.Watch(1).empty());
-  const auto before = std::chrono::steady_clock::now();
   EXPECT_EQ(run.Stop(), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
 }
+
+TEST_F(IsenseRun, TheProgramHasAllFunctionsForOtherModules) {
+  IsenseProgram run({"-p", "1"}, {{"KINETREL_ISENSE", KINETREL_ISENSE_NESTING}});
+  EXPECT_EQ(run.program().Wait(), 254);
+  EXPECT_TRUE(run.program().ExpectError("the program has 20 of them")) << run.program().error();
+}
+
+// ---- A library that fails ------------------------------------------------------------------
+
+enum class Goes { On, Silent, NotAtAll };  // frames come; none do; it does not start
+
+struct Trouble {
+  const char* name;
+  const char* setting;
+  const char* value;
+  Goes goes;
+};
+
+void PrintTo(const Trouble& trouble, std::ostream* out) { *out << trouble.name; }
+
+class IsenseTrouble : public IsenseRun, public testing::WithParamInterface<Trouble> {
+ protected:
+  bool IsAskedInVain() {
+    return WaitUntil([this] {
+      for (const std::string& call : settings_.TakeCalls()) asked_ += call.starts_with("GetData");
+      return asked_ > 30;
+    });
+  }
+
+ private:
+  int asked_ = 0;
+};
+
+TEST_P(IsenseTrouble, CostsNoMoreThanItMustAndTheProgramEndsInTime) {
+  settings_.Set(GetParam().setting, GetParam().value);
+  IsenseProgram run({"-p", "1"});
+  if (GetParam().goes == Goes::NotAtAll) {
+    EXPECT_EQ(run.program().Wait(), 254);
+    return;
+  }
+  ASSERT_TRUE(run.program().ExpectError("Running ...")) << run.program().error();
+  EXPECT_TRUE(GetParam().goes == Goes::On ? run.Watch(60).size() > 1 : IsAskedInVain());
+  EXPECT_EQ(run.Stop(), 0);
+}
+
+Trouble Fails(const char* call, Goes goes) { return {call, "FAIL", call, goes}; }
+
+INSTANTIATE_TEST_SUITE_P(
+    With, IsenseTrouble,
+    testing::Values(Fails("OpenTracker", Goes::NotAtAll), Fails("CloseTracker", Goes::On),
+                    Fails("GetCommInfo", Goes::On), Fails("GetTrackerConfig", Goes::NotAtAll),
+                    Fails("GetStationConfig", Goes::On), Fails("SetStationConfig", Goes::On),
+                    Fails("GetData", Goes::Silent), Fails("NumOpenTrackers", Goes::On),
+                    Trouble{"ACounterThatStands", "FRAMES", "stall@20+1000000", Goes::Silent},
+                    Trouble{"ATrackerThatIsLost", "FRAMES", "lost@20+1000000", Goes::Silent},
+                    Trouble{"ACounterThatJumps", "FRAMES", "jump@20+1000000", Goes::On}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
 }  // namespace kinetrel::test

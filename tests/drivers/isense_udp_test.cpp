@@ -127,12 +127,15 @@ TEST_F(IsenseSource, WhosePortTheLibraryIsRefusedIsWaitedForAgain) {
 TEST_F(IsenseSource, IsFoundInAFloodOfAnythingAndTheFloodDoesNoHarm) {
   StartWaiting();
   std::atomic<bool> stop = false;
+  std::atomic<std::size_t> sent = 0;
   std::thread flood([&] {
     DatagramSocket socket = OpenAny();
     const std::vector<std::byte> bytes(65507);
-    for (std::size_t size = 0; !stop; size = (size + 977) % (bytes.size() + 1)) {
+    for (std::size_t i = 0; !stop || i <= bytes.size(); ++i) {  // every size there is
+      const std::size_t size = i * 977 % (bytes.size() + 1);
       static_cast<void>(socket.Send("127.0.0.1", static_cast<std::uint16_t>(port_),
                                     std::span(bytes).first(size)));
+      sent = i + 1;
     }
   });
   auto longest = std::chrono::steady_clock::duration::zero();
@@ -143,7 +146,7 @@ TEST_F(IsenseSource, IsFoundInAFloodOfAnythingAndTheFloodDoesNoHarm) {
     return waiting_.GetBaudRate() != 0;
   };
   const bool found = WaitUntil(read);
-  for (int i = 0; i < 100; ++i) read();
+  while (sent <= 0xFFFF) read();
   stop = true;
   flood.join();
   EXPECT_TRUE(found);

@@ -4,12 +4,14 @@
 #include <dlfcn.h>
 
 #include <cstdint>
+#include <cstdio>
 
 extern "C" {
 int ISD_OpenTracker(void* window, std::uint32_t port, int infoScreen, int verbose);
 int ISD_CloseTracker(int handle);
 int ISD_NumOpenTrackers(std::uint16_t* count);
 int ISD_GetCommInfo(int handle, void* info);
+int ISD_GetTrackerConfig(int handle, void* info, int verbose);
 int ISD_GetData(int handle, void* data);
 }
 
@@ -40,4 +42,22 @@ int ISD_GetData(int, void*) {
   int closed = 0;
   while (close(0) != 0) ++closed;
   return closed;
+}
+
+// Says how many of the functions the program has for others.
+int ISD_GetTrackerConfig(int, void*, int) {
+  static constexpr const char* kNames[] = {
+      "OpenTracker",       "OpenAllTrackers",  "CloseTracker",        "GetCommInfo",
+      "GetTrackerConfig",  "SetTrackerConfig", "GetStationConfig",    "SetStationConfig",
+      "GetData",           "GetCameraData",    "SendScript",          "NumOpenTrackers",
+      "ResetHeading",      "Boresight",        "BoresightReferenced", "GetTime",
+      "ConfigureFromFile", "AuxOutput",        "UdpBroadcastData",    "GetSystemHardwareInfo"};
+  int there = 0;
+  for (const char* const name : kNames) {
+    char whole[64];
+    std::snprintf(whole, sizeof whole, "ISD_%s", name);
+    if (::dlsym(RTLD_DEFAULT, whole) != nullptr) ++there;
+  }
+  std::fprintf(stderr, "the program has %d of them\n", there);
+  return 0;
 }
