@@ -13,6 +13,7 @@
 #include "bench/floors.h"
 #include "bench/machine.h"
 #include "bench/publication.h"
+#include "bench/tracing.h"
 
 namespace kinetrel::bench {
 namespace {
@@ -85,9 +86,9 @@ void SystemCallsOfPublishing(Report& report) {
     MeasureHandover({.cycles = 3, .blockSize = kCounted / 4}, bare, publication);
   });
   if (!calls) return report.Undecided(item, "tracing a child is not permitted here");
-  const bool onlyFutex = calls->size() == 1 && calls->begin()->first == SYS_futex;
+  const bool onlyFutex = calls->own.size() == 1 && calls->own.begin()->first == SYS_futex;
   report.AtMost(item + (onlyFutex ? ", all futex" : ", not all futex"),
-                PerOperation(*calls, kCounted), "", 1);
+                PerOperation(calls->own, kCounted), "", 1);
 }
 
 // ---- At a tracker's rate -----------------------------------------------------------------------

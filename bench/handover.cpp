@@ -13,7 +13,6 @@ namespace kinetrel::bench {
 namespace {
 
 constexpr int kMostTakers = 16;
-constexpr int kGiverCpu = 0;
 constexpr int kGiverPriority = 10;
 constexpr int kFirstPriority = 11;
 
@@ -115,6 +114,7 @@ void Exchange::TakeAll(std::size_t taker) {
   for (int block = 1;; ++block) {
     while (board_->block < block) std::this_thread::sleep_for(kNap);
     Handover& handover = board_->subject ? subject_ : floor_;
+    handover.CatchUp();
     for (int i = 0; i < plan_.blockSize; ++i) {
       seat.armed = ++number;
       handover.Take();
@@ -138,6 +138,7 @@ std::vector<double> Exchange::GiveBlock(bool subject) {
 }
 
 Exchange::Times Exchange::GiveOnce(Handover& handover, int number) {
+  handover.Prepare();
   WaitFor([&] { return AllAsleepBefore(number); });
   const std::int64_t settled = ClockTicks() + kSettleTicks;
   while (ClockTicks() < settled) {

@@ -13,13 +13,17 @@ class Handover {
   virtual void OpenGiver() {}
   virtual void OpenTaker() {}
   virtual void CloseGiver() {}
+  virtual void Prepare() {}  // before every Give, outside of what is timed
   virtual void Give() = 0;
   virtual void Rehearse() {}  // what Give does, once, where nobody waits
+  virtual void CatchUp() {}   // before some Takes: what was given so far is none of theirs
   virtual void Take() = 0;    // waits for what is given next, and returns when it is in hand
 };
 
+inline constexpr int kGiverCpu = 0;
+
 enum class Placement {
-  OtherCpu,  // the takers on another CPU than the giver
+  OtherCpu,  // the takers on the CPU after the giver's
   SameCpu,
   Spread  // the takers on all CPUs in turn
 };

@@ -16,19 +16,6 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-int FrameCount(SharedTrackReader& reader) {
-  SharedTrackBlock copy{};
-  if (!reader.Copy(copy, Milliseconds(1000))) throw std::runtime_error("the bin cannot be read");
-  return copy.frameCount;
-}
-
-void AwaitFrames(SharedTrackReader& reader, int atLeast) {
-  for (int i = 0; i < 1000 && FrameCount(reader) < atLeast; ++i) {
-    std::this_thread::sleep_for(milliseconds(10));
-  }
-  if (FrameCount(reader) < atLeast) throw std::runtime_error("kinetrel publishes nothing");
-}
-
 // ---- Many sensors ------------------------------------------------------------------------------
 
 constexpr int kRate = 120;  // Hz

@@ -6,12 +6,12 @@
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/ptrace.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
@@ -159,18 +159,48 @@ long OwnSwitches() {
   return usage.ru_nvcsw + usage.ru_nivcsw;
 }
 
-long WakeUpsOf(pid_t process) {
-  long sum = 0;
+namespace {
+
+struct ThreadState {
+  long waits = 0;
+  bool sleeps = false;
+};
+
+ThreadState StateOf(const std::filesystem::path& task) {
+  ThreadState state;
+  std::ifstream status(task / "status");
+  for (std::string line; std::getline(status, line);) {
+    std::sscanf(line.c_str(), "voluntary_ctxt_switches: %ld", &state.waits);
+    if (line.starts_with("State:")) state.sleeps = line.find("S (") != std::string::npos;
+  }
+  return state;
+}
+
+std::vector<ThreadState> StatesOf(pid_t process, pid_t allBut) {
+  std::vector<ThreadState> states;
   const std::string tasks = "/proc/" + std::to_string(process) + "/task";
   for (const auto& task : std::filesystem::directory_iterator(tasks)) {
-    std::ifstream status(task.path() / "status");
-    long ofTask = 0;
-    for (std::string line; std::getline(status, line);) {
-      std::sscanf(line.c_str(), "voluntary_ctxt_switches: %ld", &ofTask);
-    }
-    sum += ofTask;
+    if (task.path().filename() == std::to_string(allBut)) continue;
+    states.push_back(StateOf(task.path()));
   }
+  return states;
+}
+
+long SumOfWaits(const std::vector<ThreadState>& states) {
+  long sum = 0;
+  for (const ThreadState& state : states) sum += state.waits;
   return sum;
+}
+
+}  // namespace
+
+long WakeUpsOf(pid_t process) { return SumOfWaits(StatesOf(process, 0)); }
+
+long WakeUpsOfOtherThreads() { return SumOfWaits(StatesOf(::getpid(), ::gettid())); }
+
+bool OtherThreadsSleep() {
+  const std::vector<ThreadState> states = StatesOf(::getpid(), ::gettid());
+  return std::all_of(states.begin(), states.end(), [](const auto& state) { return state.sleeps; });
 }
 
 namespace {
@@ -193,73 +223,6 @@ double OwnThreadCpuSeconds() {
   timespec used{};
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
   return Seconds(used);
-}
-
-// ---- System calls ------------------------------------------------------------------------------
-
-namespace {
-
-// Two calls that nothing else here makes tell the tracer when to count.
-constexpr long kBegin = SYS_getsid;
-constexpr long kEnd = SYS_getpgid;
-
-// Lets the child run to the next system call's entry, and returns its number; nothing when the
-// child has ended.
-std::optional<long> NextSystemCall(pid_t child) {
-  long signal = 0;
-  for (;;) {
-    int status = 0;
-    ::ptrace(PTRACE_SYSCALL, child, nullptr, signal);
-    if (::waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) return std::nullopt;
-    const int reason = WSTOPSIG(status);
-    signal = reason == (SIGTRAP | 0x80) || reason == SIGTRAP ? 0 : reason;
-    if (reason != (SIGTRAP | 0x80)) continue;
-    __ptrace_syscall_info info{};
-    ::ptrace(PTRACE_GET_SYSCALL_INFO, child, sizeof info, &info);
-    if (info.op == PTRACE_SYSCALL_INFO_ENTRY) return static_cast<long>(info.entry.nr);
-  }
-}
-
-// Starts `body` in a child that waits for its tracer; 0 when it may not be traced.
-pid_t StartTraced(const std::function<void()>& body) {
-  const pid_t child = ::fork();
-  if (child == 0) {
-    if (::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0) ::_exit(1);
-    ::raise(SIGSTOP);
-    body();
-    ::_exit(0);
-  }
-  int status = 0;
-  if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFSTOPPED(status)) return 0;
-  const long options = PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL;
-  ::ptrace(PTRACE_SETOPTIONS, child, nullptr, options);
-  return child;
-}
-
-}  // namespace
-
-void BeginCount() { ::syscall(kBegin, 0); }
-void EndCount() { ::syscall(kEnd, 0); }
-
-double PerOperation(const SystemCalls& calls, int operations) {
-  double sum = 0;
-  for (const auto& [number, count] : calls) sum += count;
-  return sum / operations;
-}
-
-std::optional<SystemCalls> CountSystemCalls(const std::function<void()>& body) {
-  const pid_t child = StartTraced(body);
-  if (child == 0) return std::nullopt;
-  SystemCalls calls;
-  bool counting = false;
-  while (const std::optional<long> number = NextSystemCall(child)) {
-    if (*number == kBegin || *number == kEnd) {
-      counting = *number == kBegin;
-    } else if (counting) {
-      ++calls[*number];
-    }
-  }
-  return calls;
 }
 
 }  // namespace kinetrel::bench

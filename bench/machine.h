@@ -5,9 +5,7 @@
 
 #include <cstddef>
 #include <functional>
-#include <map>
 #include <new>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -90,17 +88,9 @@ void RunProgram(const std::string& name, const std::vector<std::string>& argumen
 
 long OwnSwitches();                  // context switches of this process, of both kinds
 long WakeUpsOf(pid_t process);       // how often its threads, those that live, had to wait
+long WakeUpsOfOtherThreads();        // how often all of this process but the calling one had to
+bool OtherThreadsSleep();            // all of them are in the kernel, waiting
 double CpuSecondsOf(pid_t process);  // of all its threads, so far
 double OwnThreadCpuSeconds();
-
-// System calls by number.
-using SystemCalls = std::map<long, int>;
-
-// Runs `body` in a traced child and counts the system calls made between BeginCount and EndCount.
-// Nothing where tracing is not permitted here.
-std::optional<SystemCalls> CountSystemCalls(const std::function<void()>& body);
-void BeginCount();
-void EndCount();
-double PerOperation(const SystemCalls& calls, int operations);
 
 }  // namespace kinetrel::bench

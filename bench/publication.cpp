@@ -34,10 +34,26 @@ void Publication::Give() { PublishSample(*writer_, kBin, 0); }
 
 void Publication::Rehearse() { PublishSample(*writer_, kLonelyBin, 0); }
 
+void Publication::CatchUp() { reader_->Copy(copy_, kPatience); }
+
 void Publication::Take() {
   while (!reader_->WaitForFrame(copy_.frameCount, kPatience)) {
   }
   reader_->Copy(copy_, kPatience);
+}
+
+int FrameCount(SharedTrackReader& reader) {
+  SharedTrackBlock copy{};
+  if (!reader.Copy(copy, kPatience)) throw std::runtime_error("the bin cannot be read");
+  return copy.frameCount;
+}
+
+void AwaitFrames(SharedTrackReader& reader, int atLeast) {
+  const Deadline deadline(10 * kPatience);
+  for (int count = FrameCount(reader); count < atLeast; count = FrameCount(reader)) {
+    if (deadline.Passed()) throw std::runtime_error("too few frames are published");
+    reader.WaitForFrame(count, Milliseconds(100));
+  }
 }
 
 std::unique_ptr<SharedTrackWriter> OpenWriter() {

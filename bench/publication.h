@@ -23,6 +23,7 @@ class Publication final : public Handover {
   void CloseGiver() override;
   void Give() override;
   void Rehearse() override;
+  void CatchUp() override;
   void Take() override;
 
  private:
@@ -30,6 +31,11 @@ class Publication final : public Handover {
   std::unique_ptr<SharedTrackReader> reader_;
   SharedTrackBlock copy_{};
 };
+
+int FrameCount(SharedTrackReader& reader);
+
+// Waits until `atLeast` frames are published; throws std::runtime_error when they do not come.
+void AwaitFrames(SharedTrackReader& reader, int atLeast);
 
 // A writer of both bins of the benchmarks' device number, and a reader of the first. Throw
 // std::runtime_error with the cause when they cannot be opened.

@@ -2,6 +2,7 @@
 #include "bench/floors.h"
 #include "bench/machine.h"
 #include "bench/publication.h"
+#include "bench/tracing.h"
 
 namespace kinetrel::bench {
 namespace {
@@ -28,7 +29,7 @@ void SystemCallsOfPublishing(Report& report) {
     EndCount();
   });
   if (!calls) return report.Undecided(item, "tracing a child is not permitted here");
-  report.AtMost(item, PerOperation(*calls, kCounted), "", 0);
+  report.AtMost(item, PerOperation(calls->own, kCounted), "", 0);
 }
 
 void Reading(Report& report) {

@@ -1,128 +1,70 @@
 // From a tracker's wire to a client: what the driver, the engine and the publication cost between
 // the last byte of a record and the client's having its pose.
-//
-// The far end of each line is the emulated device, but its time is ours: a record leaves it in one
-// piece at the moment we choose.
+#include <algorithm>
 #include <array>
-#include <cstdlib>
+#include <cstdio>
 #include <stdexcept>
 #include <thread>
 
+#include "bench/far_end.h"
 #include "bench/floors.h"
 #include "bench/machine.h"
 #include "bench/publication.h"
+#include "bench/tracing.h"
 #include "devices/serial_port.h"
-#include "emulators/device_table.h"
-#include "emulators/stepped_device.h"
-#include "engine/tracker_engine.h"
-#include "platform/pseudo_terminal.h"
 
 namespace kinetrel::bench {
 namespace {
 
 constexpr int kRecordSize = 27;  // bytes; FASTRAK, position and angles as floats
-constexpr auto kPatience = std::chrono::seconds(5);
+constexpr int kCounted = 300;    // records, of which the reader's wake-ups are counted
+constexpr std::byte kMark{0x10};
+constexpr std::byte kPosition{0x4A};
 
-std::unique_ptr<EmulatedDevice> MakeEmulated(const DeviceRow& row) {
-  OptionValues none = OptionValues::Parse({}, {row.options()});
-  return row.make(none, MakeHold({}));
+bool Always(std::span<const std::byte>) { return true; }
+
+bool IsPosition(std::span<const std::byte> report) {
+  return report.size() > 2 && report[0] == kMark && report[1] == kPosition;
 }
 
-// An emulated device that hands over what it sends when it is asked to, and answers its host in
-// between as in real time.
-class FarEnd {
- public:
-  explicit FarEnd(const DeviceRow& row)
-      : port_(OpenPort(row.baud)),
-        device_(MakeEmulated(row), LineOptions{.baud = row.baud, .whole = true}) {}
-
-  const std::string& path() const { return port_.path(); }
-
-  void Listen() {
-    std::array<std::byte, 256> bytes;
-    if (port_.HostPresent() && !present_) device_.HostOpened(now_);
-    present_ = port_.HostPresent();
-    device_.SetHostBaud(now_, port_.HostBaud());
-    const std::size_t got = port_.Read(bytes);
-    device_.Receive(now_, std::span(bytes).first(got));
-  }
-
-  // Lets time run as it does, while the host boots the device.
-  void Serve() {
-    const std::int64_t start = ClockTicks();
-    const Moment first = now_;
-    while (!served_) {
-      port_.Wait(std::chrono::milliseconds(1));
-      now_ = first + Moment(ClockTicks() - start);
-      Listen();
-      Send(now_);
-    }
-  }
-  void EndServing() { served_ = true; }
-
-  // Waits until the device has something to send, in its own time, and sends it now.
-  void SendNext() {
-    const auto end = std::chrono::steady_clock::now() + kPatience;
-    for (;;) {
-      Listen();
-      const Moment next = device_.NextEvent();
-      if (next != kNever && Send(next)) return;
-      if (next == kNever) port_.Wait(std::chrono::milliseconds(1));
-      if (std::chrono::steady_clock::now() > end) throw std::runtime_error("no record to send");
-    }
-  }
-
- private:
-  static PseudoTerminal OpenPort(unsigned baud) {
-    Result<PseudoTerminal> port = PseudoTerminal::Open(baud);
-    if (!port.Ok()) throw std::runtime_error(Describe(port.status()));
-    return std::move(*port);
-  }
-
-  bool Send(Moment until) {
-    std::vector<std::byte> out;
-    now_ = std::max(now_, until);
-    device_.Advance(now_, out);
-    if (!out.empty()) port_.Write(out);
-    return !out.empty();
-  }
-
-  PseudoTerminal port_;
-  SteppedDevice device_;
-  Moment now_{0};
-  bool present_ = false;
-  std::atomic<bool> served_ = false;
+struct Row {
+  const char* device;
+  bool streaming;
+  TellsPose tellsPose;
+};
+constexpr Row kRows[] = {
+    {"fastrak", true, Always},   {"flock", true, Always},      {"pan-tilt", false, Always},
+    {"logitech", false, Always}, {"intertrax", false, Always}, {"gps", true, IsPosition},
 };
 
 // The whole road, from the far end of the wire to a client.
 class Tracker final : public Handover {
  public:
-  Tracker(const DeviceRow& row, bool streaming) : row_(row), streaming_(streaming) {}
+  explicit Tracker(const Row& row) : row_(row), device_(*FindDevice(row.device)) {}
 
   void OpenGiver() override {
-    farEnd_ = std::make_unique<FarEnd>(row_);
-    ::setenv("KINETREL_COM1", farEnd_->path().c_str(), 1);
-    engine_ = std::make_unique<TrackerEngine>();
-    engine_->Configure([&](StartConfig& config) {
-      config.shmDevice = kBenchDevice;
-      config.streaming = streaming_ ? 1 : 0;
-      return true;
-    });
-    std::thread serving([this] { farEnd_->Serve(); });
-    const OpenResult opened = engine_->Open(row_.kinetrelType, 1, false);
-    farEnd_->EndServing();
-    serving.join();
-    if (opened != OpenResult::Opened) throw std::runtime_error("the tracker does not open");
+    farEnd_ = std::make_unique<FarEnd>(device_);
+    engine_ = OpenTracker(*farEnd_, device_.kinetrelType, row_.streaming);
+    RunOnCpu(kGiverCpu + 1);  // where the floor's reader is, and the client
     engine_->StartSampling();
+    RunOnCpu(kGiverCpu);
   }
   void CloseGiver() override { engine_.reset(); }
-  void Give() override { farEnd_->SendNext(); }
+
+  void Prepare() override {
+    farEnd_->AwaitRecord(row_.tellsPose);
+    while (!OtherThreadsSleep()) std::this_thread::sleep_for(std::chrono::microseconds(100));
+  }
+  void Give() override { farEnd_->SendRecord(); }
   void OpenTaker() override { client_.OpenTaker(); }
+  void CatchUp() override { client_.CatchUp(); }
   void Take() override { client_.Take(); }
 
+  int sent() const { return farEnd_->sent(); }
+
  private:
-  const DeviceRow& row_;
-  const bool streaming_;
+  const Row row_;
+  const DeviceRow& device_;
   std::unique_ptr<FarEnd> farEnd_;
   std::unique_ptr<TrackerEngine> engine_;
   Publication client_;
@@ -144,37 +86,67 @@ class SleepyLine final : public Handover {
   SerialPort port_;
 };
 
-void WireToClient(Report& report, const DeviceRow& device, bool streaming) {
-  const std::string item = std::string(device.name) + ": wire to client, over poll + read";
-  try {
-    BareLine bare(kRecordSize);
-    Tracker tracker(device, streaming);
-    report.Ratio(item,
-                 MeasureHandover({.placement = Placement::OtherCpu, .cycles = 40, .blockSize = 15},
-                                 bare, tracker)
-                     .arrival,
-                 "ns", 1.8);
-  } catch (const std::runtime_error& why) {
-    report.Undecided(item, why.what());
-  }
+void WireToClient(Report& report, const Row& row) {
+  const std::string item = std::string(row.device) + ": wire to client, over poll + read";
+  BareLine bare(kRecordSize);
+  Tracker tracker(row);
+  const HandoverFigures figures = MeasureHandover(
+      {.placement = Placement::OtherCpu, .runs = 3, .cycles = 40, .blockSize = 15}, bare, tracker);
+  report.Ratio(item, figures.arrival, "ns", 1.8);
 }
 
-void Measure(Report& report) {
-  ThrowAwayErrors();  // the engine's start-up lines
-  struct Row {
-    const char* device;
-    bool streaming;
-  };
-  for (const Row& row : {Row{"fastrak", true}, Row{"flock", true}, Row{"logitech", false},
-                         Row{"pan-tilt", false}, Row{"intertrax", true}, Row{"gps", true}}) {
-    WireToClient(report, *FindDevice(row.device), row.streaming);
+// Samples records that come in one piece each, and nobody waits for what is published.
+int SampleCounted(const Row& row) {
+  Tracker tracker(row);
+  tracker.OpenGiver();
+  const auto reader = OpenReader();
+  int published = FrameCount(*reader);
+  tracker.Prepare();
+  const int first = tracker.sent();
+  BeginCount();
+  for (int i = 0; i < kCounted; ++i) {
+    tracker.Give();
+    AwaitFrames(*reader, ++published);
+    tracker.Prepare();
   }
-  Tracker tracker(*FindDevice("fastrak"), true);
+  EndCount();
+  return tracker.sent() - first;
+}
+
+// Traced, as a thread's own count of its switches holds those too in which the kernel lets its own
+// hand-over of the line's bytes finish.
+void Calls(Report& report, const Row& row) {
+  const Common<int> records;
+  const auto calls = CountSystemCalls([&] { *records = SampleCounted(row); });
+  const std::string item = std::string(row.device) + ": wake-ups of its reader, a record";
+  if (!calls || *records == 0) return report.Undecided(item, "tracing is not permitted");
+  report.AtMost(item, static_cast<double>(calls->othersWaits) / *records, "", 1.1);
+  char text[80];
+  std::snprintf(text, sizeof text, "%s: %.1f system calls a record", row.device,
+                PerOperation(calls->others, *records));
+  report.Note(text);
+}
+
+void Sleepy(Report& report) {
+  Tracker tracker(kRows[0]);
   SleepyLine sleepy;
   const HandoverFigures figures = MeasureHandover(
       {.placement = Placement::OtherCpu, .cycles = 20, .blockSize = 15}, tracker, sleepy);
   report.AtLeast("a loop of 1 ms sleeps, over the whole road of a FASTRAK",
                  figures.arrival.ratio.middle, "", 5);
+}
+
+void Measure(Report& report) {
+  ThrowAwayErrors();  // the engine's start-up lines
+  for (const Row& row : kRows) {
+    try {
+      WireToClient(report, row);
+      Calls(report, row);
+    } catch (const std::runtime_error& why) {
+      report.Undecided(row.device, why.what());
+    }
+  }
+  Sleepy(report);
 }
 
 }  // namespace
