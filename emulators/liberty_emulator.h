@@ -5,7 +5,7 @@
 //   C     frames as they are measured        O    what is in a record    ^U   the active stations
 //   P     one frame, and no more (at once,   U    0 inches, 1 cm         ^T   its built-in test
 //         without a carriage return)         R    3 120 Hz, 4 240 Hz     ^R   no alignment
-//   F     0 text, 1 binary                   Z    external mark          ^V   who it is
+//   F     0 text, 1 binary                   Z    external mark
 //   A H L N Q X Y B G    are taken           ^Y   starts it anew
 //
 // A frame is "LY", the station, the command that it answers, an error, a reserved byte, the size of

@@ -2,6 +2,7 @@
 // it keeps what it was set to until it is switched off.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -22,6 +23,7 @@ constexpr int kTries = 3;
 constexpr std::uint8_t kStationsCommand = 'U' & 0x1F;
 constexpr std::uint8_t kBitCommand = 'T' & 0x1F;
 constexpr std::size_t kMostItems = 20;
+constexpr unsigned kBitsPerByte = 10;  // on the line
 
 std::size_t SizeOf(std::int32_t item) {
   constexpr std::size_t kSizes[] = {1, 2, 12, 12, 12, 12, 36, 16, 4, 4, 4, 4, 4};
@@ -55,6 +57,8 @@ class SerialTracker final : public PdiTracker {
 
   bool Connect(int port, unsigned baud) override {
     if (!Open("COM" + std::to_string(port), baud)) return false;
+    baud_ = baud;
+    fitted_ = 0;
     // Found in any state: with half a command in its ear, streaming, in text.
     for (int i = 0; i < kTries && line_; ++i) {
       Send("\r");
@@ -106,7 +110,10 @@ class SerialTracker final : public PdiTracker {
   }
 
   int MostStations() override { return static_cast<int>(kPdiStations); }
-  bool Start() override { return Send("C\r"); }
+  bool Start() override {
+    FitRate();
+    return Send("C\r");
+  }
 
   bool Stop() override {
     Quieten();
@@ -129,6 +136,7 @@ class SerialTracker final : public PdiTracker {
     return Set("R" + std::to_string(code), 'R', code);
   }
   bool GetRate(int& code) override {
+    FitRate();
     const auto told = Ask("R\r", 'R');
     if (told) code = static_cast<int>(WordAt(*told));
     return told.has_value();
@@ -186,6 +194,22 @@ class SerialTracker final : public PdiTracker {
   bool SetUp() {
     Send("L*,0\r");  // else the stylus' button stops and starts the stream
     return SetMetric(true) && (rate_ == 0 || SetRate(rate_));
+  }
+
+  // Unless the program has chosen one: the highest rate that the line carries, for of a faster one
+  // it would lose whole cycles.
+  void FitRate() {
+    constexpr std::size_t kFastest = 240;
+    const std::size_t perSecond = kFastest * SizeOfCycle();
+    const int code = perSecond <= baud_ / kBitsPerByte ? 4 : 3;
+    if (rate_ != 0 || code == fitted_) return;
+    if (Set("R" + std::to_string(code), 'R', code)) fitted_ = code;
+  }
+
+  std::size_t SizeOfCycle() const {
+    std::size_t size = kPdiHeader;
+    for (const std::int32_t item : items_) size += SizeOf(item);
+    return size * static_cast<std::size_t>(std::popcount(active_));
   }
 
   // False, and the connection given up, when the line has gone.
@@ -275,6 +299,8 @@ class SerialTracker final : public PdiTracker {
   PdiCycles cycles_;
   std::vector<std::int32_t> items_;
   std::uint32_t active_ = 0;
+  unsigned baud_ = 0;
+  int fitted_ = 0;         // the code of the rate that was chosen here
   int rate_ = 0;           // 0: as it is found
   bool answers_ = true;    // its last question
   std::string explained_;  // why the port does not open

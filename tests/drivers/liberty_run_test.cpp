@@ -209,6 +209,22 @@ TEST_F(LibertyProgram, WithAGapInTheMaskEveryStationIsPublishedAsItself) {
   EXPECT_EQ(EndWithin(kTimeToEnd), 0);
 }
 
+// At 240 Hz the line would not carry two.
+TEST_F(LibertyProgram, TwoStationsComeWholeAtTheRateThatTheLineCarries) {
+  StartEmulator({"--stations=2"});
+  Start({}, {"-s0x3"});
+  ASSERT_TRUE(tracker_->ExpectError("Rate = 120 Hz")) << tracker_->error();
+  ASSERT_TRUE(FramesPass(4));
+  const auto ramp = [this] { return RampFrame(block_.poses[0][0], block_.poses[0][2]); };
+  const std::uint64_t first = ramp();
+  const int from = block_.frameCount;
+  ASSERT_TRUE(FramesPass(400));
+  // Each cycle is published twice, for each of its stations.
+  EXPECT_NEAR(static_cast<double>(block_.frameCount - from) / 2,
+              static_cast<double>(ramp() - first), 1.5);
+  EXPECT_EQ(EndWithin(kTimeToEnd), 0);
+}
+
 TEST_F(LibertyProgram, AnUnpluggedOneIsFollowedToItsNewPortAndSetAgain) {
   StartEmulator({"--stations=3"});
   Start({}, {"-s0x2", "-u0"});
