@@ -38,6 +38,8 @@ ExitCode Run(TrackerEngine& engine, int count, const char* const* arguments,
 }  // namespace
 
 ExitCode RunConsoleProgram(int count, const char* const* arguments, const Session& session) {
+  // Some systems keep back what leads to a pipe or a file.
+  std::setvbuf(stderr, nullptr, _IONBF, 0);
   CatchStopSignals(stopRequest);
   // Before the device is opened: a key pressed while it boots waits for the loop.
   const KeySession keys;

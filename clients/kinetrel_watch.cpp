@@ -35,5 +35,6 @@ ExitCode Serve(const kinetrel::WatchCommand& command) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems keep back what leads to a pipe
   return static_cast<int>(Serve(kinetrel::ParseWatchCommand(count, arguments)));
 }

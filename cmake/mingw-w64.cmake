@@ -19,3 +19,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
 set(CMAKE_SHARED_LINKER_FLAGS_INIT -static)
 set(CMAKE_MODULE_LINKER_FLAGS_INIT -static)
+
+# Tests are run by Wine where it is installed.
+find_program(KINETREL_WINE wine)
+if(KINETREL_WINE)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${KINETREL_WINE})
+endif()

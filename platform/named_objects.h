@@ -70,9 +70,9 @@ class Event {
   static Result<Event> Open(const std::string& name, Access access = Access::Anyone);
   Event();  // without a name, for this process; not set
 
-  // A moment in the event's life, to wait from: what is set after it is never missed, though
-  // somebody else should reset the event before the wait has begun. (Named events of Windows cannot
-  // tell: there, two who reset the same event may hide a set from each other until the next.)
+  // A moment in the event's life, to wait from: what is set after it is not missed, though somebody
+  // else should reset the event before the wait has begun; at the latest it is found after
+  // LongestBlindWait.
   using Ticket = std::uint32_t;
 
   void Set();
@@ -91,6 +91,11 @@ class Event {
   // True when the event is set, or has been since the ticket was taken (or the call began).
   bool Wait(Milliseconds timeout) const;
   bool WaitSince(Ticket ticket, Milliseconds timeout) const;
+
+  // How long to wait at the most before looking for oneself whether what the event announces has
+  // come. kForever on Linux; a named event of Windows does not tell a set that somebody else has
+  // reset since.
+  Milliseconds LongestBlindWait() const;
 
  private:
   explicit Event(std::shared_ptr<SharedObject> object);

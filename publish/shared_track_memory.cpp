@@ -1,5 +1,6 @@
 #include "publish/shared_track_memory.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace kinetrel {
@@ -155,15 +156,25 @@ bool SharedTrackMemory::Publish(int frame) {
 bool SharedTrackMemory::WaitForFrame(int lastFrame, Milliseconds timeout) {
   Bin& here = current();
   if (!here.event.has_value() || !Lock(timeout)) return false;
-  if (here.Block()->frameCount == lastFrame) {
-    // Reset under the mutex and only with the newest frame in hand: no publication is lost.
-    const StopEvent::Ticket ticket = here.event->Reset();
-    Unlock();
-    if (!here.event->WaitSince(ticket, timeout) || !Lock(timeout)) return false;
-  }
+  if (here.Block()->frameCount == lastFrame && !AwaitFrame(lastFrame, timeout)) return false;
   const int newest = here.Block()->frameCount;
   Unlock();
   return newest > lastFrame;
+}
+
+// Called locked, and locked again when it answers true.
+bool SharedTrackMemory::AwaitFrame(int lastFrame, Milliseconds timeout) {
+  const StopEvent& event = *current().event;
+  const Deadline deadline(timeout);
+  bool set = false;
+  while (!set && current().Block()->frameCount == lastFrame) {
+    // Reset under the mutex and only with the newest frame in hand: no publication is lost.
+    const StopEvent::Ticket ticket = current().event->Reset();
+    Unlock();
+    set = event.WaitSince(ticket, std::min(deadline.Remaining(), event.LongestBlindWait()));
+    if ((!set && deadline.Passed()) || !Lock(timeout)) return false;
+  }
+  return true;
 }
 
 }  // namespace kinetrel

@@ -95,6 +95,7 @@ class SharedTrackMemory {
  private:
   static constexpr int kNoBin = -1;
 
+  bool AwaitFrame(int lastFrame, Milliseconds timeout);
   void Release();
 
   int device_;

@@ -190,4 +190,6 @@ bool Event::WaitSince(Ticket ticket, Milliseconds timeout) const {
   }
 }
 
+Milliseconds Event::LongestBlindWait() const { return kForever; }
+
 }  // namespace kinetrel

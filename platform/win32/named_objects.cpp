@@ -91,4 +91,8 @@ bool Event::WaitSince(Ticket ticket, Milliseconds timeout) const {
   return WaitFor(object_->handle(), timeout) == WaitEnd::Signalled;
 }
 
+Milliseconds Event::LongestBlindWait() const {
+  return object_->local() != nullptr ? kForever : Milliseconds(100);
+}
+
 }  // namespace kinetrel

@@ -8,18 +8,13 @@
 #include <cmath>
 
 #include "publish/shared_track_reader.h"
+#include "tests/app/simulated.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
 #include "tests/support/pseudo_terminal.h"
 
 namespace kinetrel::test {
 namespace {
-
-std::vector<std::string> Simulated(const FreeSlot& slot, std::vector<std::string> more = {}) {
-  std::vector<std::string> arguments = {"-d8", "-z-", "-w" + std::to_string(slot.slot())};
-  arguments.insert(arguments.end(), more.begin(), more.end());
-  return arguments;
-}
 
 bool SameSettings(const termios& a, const termios& b) {
   return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
@@ -124,43 +119,7 @@ TEST_P(EndedBySignal, EndsAsByEscape) {
 INSTANTIATE_TEST_SUITE_P(App, EndedBySignal, testing::Values(SIGINT, SIGTERM, SIGHUP),
                          [](const auto& row) { return std::string(sigabbrev_np(row.param)); });
 
-// How the program ends when it cannot run, and what it says.
-struct Ending {
-  const char* name;
-  std::vector<std::string> arguments;
-  int code;  // as the system gives it: -1 is 255, -2 is 254
-  const char* said;
-};
-
-class Endings : public testing::TestWithParam<Ending> {};
-
-TEST_P(Endings, HaveTheirCode) {
-  ChildProcess program("kinetrel", GetParam().arguments,
-                       {.environment = {{"KINETREL_COM3", "no-such-device"}}});
-  EXPECT_EQ(program.Wait(), GetParam().code);
-  EXPECT_NE(program.error().find("\n\tService Version:  1.300 \tKinetrel Version:  1.420\n"),
-            std::string::npos);
-  EXPECT_NE(program.error().find(GetParam().said), std::string::npos) << program.error();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    App, Endings,
-    testing::Values(
-        Ending{"BadArgument", {"-d"}, 255, "\n\nUSAGE: "},
-        Ending{"UnknownType", {"-d13"}, 254, "Unknown TYPE tistart.dtyp = 13"},
-        Ending{"RetiredType", {"-d5"}, 254, "\nSpaceBall instrument (TYPE=5) not supported."}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-// Standard input that is no terminal, in all its forms.
-TEST(ProgramInput, KeysMayComeThroughAPipe) {
-  FreeSlot slot;
-  ChildProcess program("kinetrel", Simulated(slot));
-  ASSERT_TRUE(program.ExpectError("Running ..."));
-  program.Send("\x01\x1b");
-  EXPECT_EQ(program.Wait(), 0);
-  EXPECT_NE(program.output().find("(Azimuth Zeroed)"), std::string::npos);
-}
-
+// Standard input that ends.
 TEST(ProgramInput, ItsEndIsNoStop) {
   FreeSlot slot;
   ChildProcess program("kinetrel", Simulated(slot), {.emptyInput = true});
@@ -197,18 +156,6 @@ TEST(ProgramOutput, AStoppedTerminalStopsNoSampling) {
   EXPECT_TRUE(WaitUntil([&] {
     return reader.Copy(block, Milliseconds(1000)) && block.frameCount > 150;  // past two blinks
   }));
-}
-
-TEST(ProgramSlots, ASlotInUseIsSaidInOneLine) {
-  FreeSlot slot;
-  ChildProcess first("kinetrel", Simulated(slot));
-  ASSERT_TRUE(first.ExpectError("Running ..."));
-  const std::string line = "\n\tSharedMemory(" + std::to_string(slot.slot()) +
-                           ") is being written by another program as well.";
-  EXPECT_EQ(first.error().find(line), std::string::npos);
-  ChildProcess second("kinetrel", Simulated(slot));
-  ASSERT_TRUE(second.ExpectError("Running ..."));
-  EXPECT_NE(second.error().find(line), std::string::npos);
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
 #include "app/listen_option.h"
+#include "tests/support/environment.h"
 
 #include <gtest/gtest.h>
 
@@ -37,7 +38,7 @@ TEST(ListenOption, AddressesAreRead) {
 }
 
 TEST(ListenOption, IsTakenFromAmongTheOthers) {
-  ::setenv("KINETREL_LISTEN", "127.0.0.9", 1);
+  SetVariable("KINETREL_LISTEN", "127.0.0.9");
   const char* const arguments[] = {"program", "-d8", "--listen", "127.0.0.2:7", "-w", "3"};
   const auto taken = TakeListenOption(6, arguments);
   ASSERT_TRUE(taken.has_value());
@@ -46,7 +47,7 @@ TEST(ListenOption, IsTakenFromAmongTheOthers) {
   EXPECT_EQ(taken->rest.size(), 4U);
   EXPECT_EQ(TakeListenOption(2, arguments)->listen.address, "127.0.0.9");
   EXPECT_FALSE(TakeListenOption(3, arguments).has_value());  // without its value
-  ::unsetenv("KINETREL_LISTEN");
+  UnsetVariable("KINETREL_LISTEN");
   EXPECT_EQ(TakeListenOption(2, arguments)->listen.address, "127.0.0.1");
 }
 

@@ -2,7 +2,6 @@
 //   kinetrel-test-writer DEVICE SENSOR_MASK COMPONENT_MASK PERIOD_MS
 // Publishes moving poses in bin 0, once per sensor each period, until it is ended. Period 0: once,
 // and then dies with the mutex in its hands.
-#include <signal.h>
 
 #include <cmath>
 #include <cstdio>
@@ -10,6 +9,7 @@
 #include <string>
 
 #include "publish/shared_track_writer.h"
+#include "tests/support/peer_world.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ int main(int count, char** arguments) {
   std::fflush(stdout);
   for (;;) {
     PublishSensors(writer, sensors, components, period);
-    if (period == 0 && writer.Lock(kinetrel::kForever)) ::raise(SIGKILL);
+    if (period == 0 && writer.Lock(kinetrel::kForever)) kinetrel::test::DieAtOnce();
     kinetrel::SleepFor(kinetrel::Milliseconds(period));
   }
 }

@@ -9,6 +9,7 @@
 
 #include "rpc/track_server.h"
 #include "tests/support/allocation_counter.h"
+#include "tests/support/environment.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {
@@ -214,18 +215,18 @@ TEST(RelayControlString, MayComeFromTheEnvironment) {
   StatusLog log;
   RelayDevice quiet;
   quiet.SetStatusLog(&log);
-  ::unsetenv("KINETREL_RELAY");
+  UnsetVariable("KINETREL_RELAY");
   EXPECT_EQ(quiet.Boot(0), kBooted);
   EXPECT_EQ(log.Entries().size(), 1U);
   EXPECT_NE(log.Newest().text.find("KINETREL_RELAY"), std::string::npos);
   EXPECT_EQ(quiet.ReadFrame(nullptr), 0U);
 
-  ::setenv("KINETREL_RELAY", "remotepc:1, 2, 3", 1);
+  SetVariable("KINETREL_RELAY", "remotepc:1, 2, 3");
   RelayDevice told, asked;
   char text[64];
   asked.SetControlString("other:4, 5, 6");
   for (RelayDevice* relay : {&told, &asked}) EXPECT_EQ(relay->Boot(0), kBooted);
-  ::unsetenv("KINETREL_RELAY");
+  UnsetVariable("KINETREL_RELAY");
   EXPECT_TRUE(told.GetControlString(text, sizeof text));
   EXPECT_STREQ(text, "remotepc:1, 2, 3");
   EXPECT_TRUE(asked.GetControlString(text, sizeof text));

@@ -3,10 +3,7 @@
 
 #include "engine/sample_loop.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -307,26 +304,17 @@ TEST_F(Sampling, ATrackersOwnButtonsGoBeforeTheJoysticksAndLeaveTheOthers) {
 }
 
 TEST_F(Sampling, WithoutSharedMemoryTheThreadEndsAndSaysSo) {
-  // Objects of another size bear all sixteen names, and somebody has them open.
-  std::vector<int> taken;
+  // Objects of another kind bear all sixteen names, and somebody has them open.
+  std::vector<NamedMutex> taken;
   for (int bin = 0; bin < kSharedBins; ++bin) {
-    const std::string path = "/" + BlockName(slot_.device(), bin);
-    const int fd = ::shm_open(path.c_str(), O_RDWR | O_CREAT, 0666);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(::ftruncate(fd, 1), 0);
-    struct flock lock {};
-    lock.l_type = F_RDLCK;
-    ASSERT_EQ(::fcntl(fd, F_OFD_SETLK, &lock), 0);
-    taken.push_back(fd);
+    Result<NamedMutex> wrong = NamedMutex::Open(BlockName(slot_.device(), bin));
+    ASSERT_TRUE(wrong.Ok());
+    taken.push_back(*wrong);
   }
   Start();
   EXPECT_TRUE(engine_->WaitSampling(Milliseconds(20000)));
   EXPECT_TRUE(Logged(-10, "MTS failed to open."));
   EXPECT_TRUE(Logged(6, "MTS closed."));
-  for (int bin = 0; bin < kSharedBins; ++bin) {
-    ::close(taken[static_cast<std::size_t>(bin)]);
-    ::shm_unlink(("/" + BlockName(slot_.device(), bin)).c_str());
-  }
 }
 
 TEST_F(Sampling, NothingIsAllocatedPerFrame) {

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,13 +17,13 @@ class PseudoTerminal;
 class ChildProcess {
  public:
   struct Options {
-    // In place of the three pipes: the program's terminal, in a session of its own.
+    // In place of the three pipes: the program's terminal, in a session of its own. On Linux.
     PseudoTerminal* terminal = nullptr;
     std::vector<std::pair<std::string, std::string>> environment = {};  // on top of the test's
     bool emptyInput = false;                                            // standard input at its end
   };
 
-  // `program` is a path, or the name of one of the project's own programs.
+  // `program` is a path, or the name of one of the project's own programs, without its ending.
   ChildProcess(const std::string& program, std::vector<std::string> arguments, Options options);
   ChildProcess(const std::string& program, std::vector<std::string> arguments)
       : ChildProcess(program, std::move(arguments), Options{}) {}
@@ -30,8 +31,9 @@ class ChildProcess {
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
 
-  pid_t pid() const { return pid_; }
-  void Signal(int number) const;
+  pid_t pid() const;
+  void Signal(int number) const;              // on Linux
+  void Kill();                                // at once, and waits until it is gone
   void Send(const std::string& bytes) const;  // to standard input
   void CloseInput();
 
@@ -43,17 +45,19 @@ class ChildProcess {
 
   static constexpr int kStillRuns = -1000;
 
+  // What Wait answers of a program that Kill ended, or that ended itself so.
+  static constexpr int kKilled = -9;
+
   // The exit code; minus the signal's number where a signal ended it; kStillRuns. Codes are
-  // 0..255 as the system gives them.
+  // 0..255, as Linux gives them.
   int Wait(std::chrono::milliseconds patience = kPatience);
 
  private:
+  struct Os;  // posix/child_process.cpp, win32/child_process.cpp
+
   void TakeOutput();
 
-  pid_t pid_ = -1;
-  int input_ = -1;
-  int output_ = -1;
-  int error_ = -1;
+  std::unique_ptr<Os> os_;
   std::string outputText_;
   std::string errorText_;
   bool ended_ = false;

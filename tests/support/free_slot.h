@@ -1,6 +1,8 @@
 // A shared-memory device number that no other test and no running program uses.
 #pragma once
 
+#include <cstdint>
+
 namespace kinetrel::test {
 
 // Held for the object's life, and never longer than the test program lives.
@@ -18,7 +20,7 @@ class FreeSlot {
   bool Take();
 
   int device_ = -1;
-  int lock_ = -1;
+  std::intptr_t lock_ = -1;
 };
 
 }  // namespace kinetrel::test

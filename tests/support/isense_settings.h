@@ -1,9 +1,6 @@
 // What a test tells the InterSense substitute, and what the substitute says that it was asked.
 #pragma once
 
-#include <unistd.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
@@ -11,18 +8,20 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/environment.h"
+#include "tests/support/peer.h"
+
 namespace kinetrel::test {
 
 class IsenseSettings {
  public:
   explicit IsenseSettings(const std::string& library = KINETREL_ISENSE_SUBSTITUTE)
-      : callsFile_(std::filesystem::temp_directory_path() /
-                   ("kinetrel-isense-" + std::to_string(getpid()))) {
+      : callsFile_((std::filesystem::temp_directory_path() / UniqueName("isense-calls")).string()) {
     Put("KINETREL_ISENSE", library);
     Put("KINETREL_ISENSE_CALLS", callsFile_);
   }
   ~IsenseSettings() {
-    for (const std::string& name : names_) ::unsetenv(name.c_str());
+    for (const std::string& name : names_) UnsetVariable(name);
     std::filesystem::remove(callsFile_);
   }
   IsenseSettings(const IsenseSettings&) = delete;
@@ -44,7 +43,7 @@ class IsenseSettings {
 
  private:
   void Put(const std::string& variable, const std::string& value) {
-    ::setenv(variable.c_str(), value.c_str(), 1);
+    SetVariable(variable, value);
     names_.insert(variable);
   }
 

@@ -1,23 +1,11 @@
 #include "tests/support/peer.h"
 
-#include <signal.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-
 namespace kinetrel::test {
 namespace {
 
 constexpr std::chrono::milliseconds kNow{0};
 
 }  // namespace
-
-std::string UniqueName(const std::string& word) {
-  return "kinetrel-test-" + std::to_string(::getpid()) + "-" + word;
-}
-
-bool InSystem(const std::string& name) { return std::filesystem::exists("/dev/shm/" + name); }
 
 Peer::~Peer() {
   process_.CloseInput();
@@ -44,15 +32,6 @@ std::string Peer::Ask(const std::string& command) {
   return Answer();
 }
 
-bool Peer::Asleep(long call) const {
-  std::ifstream file("/proc/" + std::to_string(pid()) + "/syscall");
-  std::string now;
-  return !(file >> now) || now == std::to_string(call);
-}
-
-void Peer::Kill() {
-  process_.Signal(SIGKILL);
-  process_.Wait();
-}
+void Peer::Kill() { process_.Kill(); }
 
 }  // namespace kinetrel::test

@@ -1,19 +1,15 @@
 // Another process that uses the same named objects, told what to do line by line.
 #pragma once
 
-#include <sys/syscall.h>
-
 #include <string>
 
 #include "tests/support/child_process.h"
+#include "tests/support/peer_world.h"
 
 namespace kinetrel::test {
 
 // A name in the system that no other run of any test has.
 std::string UniqueName(const std::string& word);
-
-// Whether the system's shared memory holds an object of that name.
-bool InSystem(const std::string& name);
 
 class Peer {
  public:
@@ -25,11 +21,14 @@ class Peer {
   void Tell(const std::string& command);
   std::string Answer();
 
-  // Whether it is in that system call, as far as the system tells.
-  bool Asleep(long call = SYS_futex) const;
+  // Whether it waits for another process, or is in that system call of Linux. A system that does
+  // not tell answers after a while that it does.
+  bool Asleep(long call = kWaitForOthers) const;
   void Kill();  // at once, and waits until it is gone
   pid_t pid() const { return process_.pid(); }
   const std::string& output() { return process_.output(); }
+
+  static constexpr long kWaitForOthers = -1;
 
  private:
   ChildProcess process_;

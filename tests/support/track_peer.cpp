@@ -1,13 +1,7 @@
 // A user of named objects in a process of its own, for tests of what several processes share.
 // Reads commands from standard input and answers each by one line on standard output.
-#include <sched.h>
-#include <sys/mount.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <iostream>
 #include <map>
@@ -17,6 +11,7 @@
 
 #include "publish/shared_track_reader.h"
 #include "publish/shared_track_writer.h"
+#include "tests/support/peer_world.h"
 
 namespace kinetrel {
 namespace {
@@ -116,7 +111,7 @@ void Meet(NamedMemory& place, int& steps) {
 bool AnyInSystem(int device) {
   for (const std::string& name :
        {BlockName(device, 0), MutexName(device, 0), EventName(device, 0)}) {
-    if (std::filesystem::exists("/dev/shm/" + name)) return true;
+    if (test::InSystem(name)) return true;
   }
   return false;
 }
@@ -193,20 +188,7 @@ std::string OpenReader(Words& words) {
   return reader->OpenOnly(Next<int>(words)) ? "done" : Describe(reader->failure());
 }
 
-// ---- The world around it -----------------------------------------------------------------------
-
-std::string Become(Words& words) {
-  const uid_t account = Next<uid_t>(words);
-  return Told(::setgid(account) == 0 && ::setuid(account) == 0);
-}
-
-// From now on this process has shared memory of its own, of that many bytes.
-std::string Shrink(Words& words) {
-  const std::string size = "size=" + Next<std::string>(words);
-  return Told(::unshare(CLONE_NEWNS) == 0 &&
-              ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-              ::mount("small", "/dev/shm", "tmpfs", 0, size.c_str()) == 0);
-}
+// ---- Everything -------------------------------------------------------------------------------
 
 std::string Close() {
   memory.reset();
@@ -245,14 +227,10 @@ const std::map<std::string, std::function<std::string(Words&)>> commands = {
        const int last = Next<int>(words);
        return Told(reader->WaitForFrame(last, NextTime(words)));
      }},
-    {"become", Become},
-    {"umask", [](Words& words) { return ::umask(Next<mode_t>(words)), "done"; }},
-    {"shrink", Shrink},
-    {"objects",
-     [](Words&) {
-       const std::filesystem::directory_iterator all("/dev/shm");
-       return std::to_string(std::distance(begin(all), end(all)));
-     }},
+    {"become", [](Words& w) { return Told(test::BecomeAccount(Next<unsigned>(w))); }},
+    {"umask", [](Words& w) { return Told(test::SetFileMask(Next<unsigned>(w))); }},
+    {"shrink", [](Words& w) { return Told(test::ShrinkSharedMemory(Next<std::size_t>(w))); }},
+    {"objects", [](Words&) { return std::to_string(test::CountObjects()); }},
     {"close", [](Words&) { return Close(); }},
 };
 

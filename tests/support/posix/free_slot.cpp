@@ -49,7 +49,7 @@ FreeSlot::FreeSlot() {
   }
 }
 
-FreeSlot::~FreeSlot() { ::close(lock_); }
+FreeSlot::~FreeSlot() { ::close(static_cast<int>(lock_)); }
 
 bool FreeSlot::Take() {
   // From a different start in every process: tests that run at once seldom try the same number.
@@ -57,9 +57,10 @@ bool FreeSlot::Take() {
     device_ = (::getpid() + i) % kDevices;
     const auto path = std::filesystem::temp_directory_path() /
                       ("kinetrel-test-slot-" + std::to_string(device_) + ".lock");
-    lock_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (lock_ >= 0 && ::flock(lock_, LOCK_EX | LOCK_NB) == 0 && !IsUsed(device_)) return true;
-    if (lock_ >= 0) ::close(lock_);
+    const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+    lock_ = file;
+    if (file >= 0 && ::flock(file, LOCK_EX | LOCK_NB) == 0 && !IsUsed(device_)) return true;
+    if (file >= 0) ::close(file);
   }
   return false;
 }

@@ -51,8 +51,16 @@ void Drain(int& end, std::string& into) {
 
 }  // namespace
 
+struct ChildProcess::Os {
+  pid_t pid = -1;
+  int input = -1;
+  int output = -1;
+  int error = -1;
+};
+
 ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> arguments,
-                           Options options) {
+                           Options options)
+    : os_(std::make_unique<Os>()) {
   std::string path = PathOf(program);
   std::vector<char*> argv = {path.data()};
   for (std::string& argument : arguments) argv.push_back(argument.data());
@@ -66,9 +74,9 @@ ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> 
     out = MakePipe();
     err = MakePipe();
   }
-  pid_ = ::fork();
-  if (pid_ < 0) throw std::runtime_error("fork");
-  if (pid_ == 0) {
+  os_->pid = ::fork();
+  if (os_->pid < 0) throw std::runtime_error("fork");
+  if (os_->pid == 0) {
     if (options.terminal != nullptr) {
       const int near = options.terminal->nearEnd();
       ::setsid();
@@ -89,36 +97,43 @@ ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> 
   CloseEnd(in.read);
   CloseEnd(out.write);
   CloseEnd(err.write);
-  input_ = in.write;
-  output_ = out.read;
-  error_ = err.read;
+  os_->input = in.write;
+  os_->output = out.read;
+  os_->error = err.read;
   if (options.emptyInput) CloseInput();
 }
 
 ChildProcess::~ChildProcess() {
   if (!ended_) {
-    ::kill(pid_, SIGKILL);
-    ::kill(pid_, SIGCONT);
-    ::waitpid(pid_, nullptr, 0);
+    ::kill(os_->pid, SIGKILL);
+    ::kill(os_->pid, SIGCONT);
+    ::waitpid(os_->pid, nullptr, 0);
   }
-  CloseEnd(input_);
-  CloseEnd(output_);
-  CloseEnd(error_);
+  CloseEnd(os_->input);
+  CloseEnd(os_->output);
+  CloseEnd(os_->error);
 }
 
-void ChildProcess::Signal(int number) const { ::kill(pid_, number); }
+pid_t ChildProcess::pid() const { return os_->pid; }
+
+void ChildProcess::Kill() {
+  Signal(SIGKILL);
+  Wait();
+}
+
+void ChildProcess::Signal(int number) const { ::kill(os_->pid, number); }
 
 void ChildProcess::Send(const std::string& bytes) const {
-  if (::write(input_, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
+  if (::write(os_->input, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size())) {
     throw std::runtime_error("write to program");
   }
 }
 
-void ChildProcess::CloseInput() { CloseEnd(input_); }
+void ChildProcess::CloseInput() { CloseEnd(os_->input); }
 
 void ChildProcess::TakeOutput() {
-  Drain(output_, outputText_);
-  Drain(error_, errorText_);
+  Drain(os_->output, outputText_);
+  Drain(os_->error, errorText_);
 }
 
 bool ChildProcess::ExpectOutput(const std::string& text, std::chrono::milliseconds patience) {
@@ -144,7 +159,7 @@ int ChildProcess::Wait(std::chrono::milliseconds patience) {
   const bool ended = WaitUntil(
       [&] {
         TakeOutput();
-        return ended_ || ::waitpid(pid_, &status, WNOHANG) == pid_;
+        return ended_ || ::waitpid(os_->pid, &status, WNOHANG) == os_->pid;
       },
       patience);
   if (!ended) return kStillRuns;
