@@ -151,7 +151,7 @@ TEST(FastrakLevel, FourStationsAtFullRateDoNotFallBehind) {
   };
   ASSERT_FALSE(run.Watch(8).empty()) << run.tracker().error();
   const double first = lateness();
-  const auto watched = run.Watch(1200);
+  const auto watched = run.Watch(2400);
   ASSERT_FALSE(watched.empty());
   EXPECT_NEAR(lateness(), first, 0.040);
   EXPECT_EQ(run.Stop(), 0);
