@@ -1,0 +1,213 @@
+#!/usr/bin/env bash
+# The Windows programs under Wine against devices and machines outside it: serial trackers on COM3
+# (emulated on a pseudo-terminal), the vendors' libraries, a C host of the DLL, relays from Wine to
+# Linux and back. Prints a line a story; exit code 1 when one went wrong.
+#
+#   devices.sh WINDOWS-BUILD LINUX-BIN [STORY...]
+#
+# WINEPREFIX is the prefix to use; its COM3 is ours meanwhile. Without one, one is made for the run.
+set -uo pipefail
+source=$(cd "$(dirname "$0")/../.." && pwd)
+windows=$(cd "$1" && pwd)
+linux=$(cd "$2" && pwd)
+shift 2
+work=$(mktemp -d)
+export WINEPREFIX=${WINEPREFIX:-$work/prefix} WINEDEBUG=-all
+unset DISPLAY
+failures=0
+started=()
+# Of 127/8, so that two runs on one machine never meet.
+host=127.$(($$ / 65536 % 200 + 20)).$(($$ / 256 % 256)).$(($$ % 250 + 2))
+slot=$(($$ % 8 + 9))
+com3=$WINEPREFIX/dosdevices/com3
+
+# ---- Helpers -------------------------------------------------------------------------------------
+
+finish() {
+  stop_all
+  rm -f "$com3"
+  if [[ $WINEPREFIX == "$work"/* ]]; then wineserver -k; fi
+  rm -rf "$work"
+}
+trap finish EXIT
+
+# in_time SECONDS COMMAND...: nothing of Windows is waited for without an end.
+in_time() { timeout -k 5 "$@"; }
+
+# start NAME COMMAND...: in the background, its output in a file of that name.
+start() {
+  local name=$1
+  shift
+  timeout -k 5 120 "$@" </dev/null >"$work/$name" 2>&1 &
+  started+=($!)
+}
+
+stop_all() {
+  local pid
+  for pid in "${started[@]}"; do kill "$pid" 2>/dev/null; done
+  for pid in "${started[@]}"; do wait "$pid" 2>/dev/null; done
+  started=()
+}
+
+# await FILE TEXT: until it stands there.
+await() {
+  for _ in {1..300}; do
+    grep -qs -- "$2" "$work/$1" && return 0
+    sleep 0.1
+  done
+  echo "  never said: $2"
+  return 1
+}
+
+kinetrel() { start kinetrel wine "$windows/bin/kinetrel.exe" "-w$slot" "$@"; }
+
+# watch_frames COUNT: that many frames of our slot reach another process in time.
+watch_frames() {
+  in_time 60 wine "$windows/bin/kinetrel-watch.exe" --slot "$slot" --plain --frames "$1" \
+    --timeout 30 </dev/null >"$work/frames" 2>&1
+  (($(grep -c '^frame' "$work/frames") == $1))
+}
+
+# emulate DEVICE...: on COM3. Not under a time limit: it is to get signals.
+emulate() {
+  rm -f "$com3"
+  "$linux/kinetrel-emulate" "$@" --link "$com3" </dev/null >"$work/emulator" 2>&1 &
+  emulator=$!
+  started+=("$emulator")
+  await emulator "$com3"
+}
+
+# story NAME FUNCTION ARGUMENT...
+story() {
+  local name=$1 start=$SECONDS
+  shift
+  if "$@"; then
+    echo "ok    $name ($((SECONDS - start)) s)"
+  else
+    echo "FAILED $name"
+    failures=$((failures + 1))
+    for said in "$work"/{kinetrel,service,frames,emulator,said}; do
+      [[ -s $said ]] && echo "  --- ${said##*/}" && tail -c 1500 "$said" | tr '\r' '\n' | sed 's/^/  /'
+    done
+  fi
+  stop_all
+  rm -f "$work"/{kinetrel,service,frames,emulator,said}
+}
+
+# ---- Serial trackers -----------------------------------------------------------------------------
+
+# serial TYPE FRAMES DEVICE...
+serial() {
+  local type=$1 frames=$2
+  shift 2
+  emulate "$@" || return 1
+  KINETREL_ANY_MAX_BAUD=1 kinetrel -d "$type" -p 3
+  watch_frames "$frames"
+}
+
+# The tracker goes in mid-run, comes back under the same name, and is the same one.
+serial_unplugged() {
+  serial 2 5 fastrak --fault unplug:1@usr1 || return 1
+  kill -USR1 "$emulator"
+  await kinetrel 'has gone' && watch_frames 5
+}
+
+# refused CODE NUMBER ARGUMENT...: leaves with the code, and its port with that status.
+refused() {
+  local code=$1 number=$2 left
+  shift 2
+  in_time 60 wine "$windows/bin/kinetrel.exe" "-w$slot" "$@" </dev/null >"$work/kinetrel" 2>&1
+  left=$?
+  ((left == code)) && grep -q "failed to open($number)" "$work/kinetrel" && return
+  echo "  left with $left"
+  return 1
+}
+
+serial_as_stated() {
+  emulate fastrak && refused 254 9 -d 2 -p 3
+}
+
+# ---- Libraries -----------------------------------------------------------------------------------
+
+# with_library NAME TYPE: loaded from beside the program, as a vendor's is.
+with_library() {
+  local folder=$work/$1
+  mkdir -p "$folder"
+  cp "$windows/bin/kinetrel.exe" "$windows/substitutes/$1.dll" "$folder"
+  start kinetrel wine "$folder/kinetrel.exe" "-w$slot" -d "$2"
+  watch_frames 5
+}
+
+without_library() {
+  in_time 60 wine "$windows/bin/kinetrel.exe" "-w$slot" -d 6 </dev/null >"$work/kinetrel" 2>&1
+  (($? == 254))
+}
+
+# The C host of the documentation, compiled against the import library.
+c_host() {
+  local folder=$work/host
+  mkdir -p "$folder"
+  cp "$windows/bin/kinetrel.dll" "$folder"
+  x86_64-w64-mingw32-gcc -I "$source" -Werror "$source/examples/steer.c" \
+    "$windows/capi/libkinetrel.dll.a" -o "$folder/steer.exe" || return 1
+  in_time 60 wine "$folder/steer.exe" -d8 -z- "-w$slot" </dev/null >"$work/said" 2>&1
+  grep -q 'Hz' "$work/said"
+}
+
+# ---- Relays --------------------------------------------------------------------------------------
+
+serve() { start service "$@" --listen "$host" -d 8 -w "$slot"; await service 'ready'; }
+
+# relay_here: a service on Linux, its relay under Wine.
+relay_here() {
+  serve "$linux/kinetrel-service" || return 1
+  KINETREL_RELAY="$host: $((slot - 1)), 0, 0" kinetrel -d 11
+  watch_frames 10
+}
+
+# relay_there: a service under Wine, its relay on Linux.
+relay_there() {
+  serve wine "$windows/bin/kinetrel-service.exe" || return 1
+  KINETREL_RELAY="$host: $((slot - 1)), 0, 0" start kinetrel "$linux/kinetrel" "-w$slot" -d 11
+  in_time 60 "$linux/kinetrel-watch" --slot "$slot" --plain --frames 10 --timeout 30 </dev/null \
+    >"$work/frames" 2>&1
+}
+
+# The relay is there before its service.
+relay_first() {
+  KINETREL_RELAY="$host: $((slot - 1)), 0, 0" kinetrel -d 11
+  await kinetrel 'Running' && serve "$linux/kinetrel-service" && watch_frames 10
+}
+
+# ---- The stories ---------------------------------------------------------------------------------
+
+wanted() { (($# < 2)) || [[ " ${*:2} " == *" $1 "* ]]; }
+
+(
+  wineserver -p
+  wine cmd /c exit
+) </dev/null >/dev/null 2>&1
+
+serial_stories() {
+  story 'serial: FASTRAK' serial 2 20 fastrak
+  story 'serial: Flock of Birds' serial 3 20 flock
+  story 'serial: GPS' serial 12 10 gps --motion=ramp --rate=15
+  story 'serial: a tracker that is unplugged and comes back' serial_unplugged
+  story 'serial: a port that is too slow by its own account' serial_as_stated
+  story 'serial: no such port' refused 254 13 -d 2 -p 9
+}
+library_stories() {
+  story 'library: isense.dll' with_library isense 6
+  story 'library: pdi.dll' with_library pdi 10
+  story 'library: none' without_library
+  story 'library: a host in C' c_host
+}
+relay_stories() {
+  story 'relay: from Linux to Wine' relay_here
+  story 'relay: from Wine to Linux' relay_there
+  story 'relay: before its service' relay_first
+}
+for kind in serial library relay; do
+  if wanted "$kind" "$@"; then "${kind}_stories"; fi
+done
+((failures == 0))
