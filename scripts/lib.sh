@@ -21,8 +21,8 @@ quietly() {
 
 # ---- Packages ------------------------------------------------------------------------------------
 
-# has NEED: a need is the package's name, or command:package, header.h:package, -flag:package (one of
-# clang++ that links a runtime).
+# has NEED: a need is the package's name, or command:package, header.h:package, /file:package,
+# -flag:package (one of clang++ that links a runtime).
 has() {
   local probe=${1%%:*}
   if [[ $probe == -f* ]]; then
@@ -30,6 +30,8 @@ has() {
       clang++ "$probe" -x c++ - -o /dev/null >/dev/null 2>&1
   elif [[ $probe == *.h ]]; then
     echo "#include <$probe>" | g++ -E -x c++ - >/dev/null 2>&1
+  elif [[ $probe == /* ]]; then
+    [[ -e $probe ]]
   else
     command -v "$probe" >/dev/null
   fi
