@@ -1,16 +1,18 @@
 // What decoding a record costs over the arithmetic of its formulas: the same conversions (clamped,
 // scaled, offset added) and one normalisation of angles in a plain loop. It trusts that the record
-// is whole and holds numbers. A GPS receiver's reports are not here: with them the work is in
-// finding where they begin and end.
+// is whole and holds numbers.
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
 #include "bench/harness.h"
 #include "devices/tracker_device.h"
 #include "drivers/fastrak_wire.h"
 #include "drivers/flock_device.h"
+#include "drivers/gps_reports.h"
 #include "drivers/intertrax_device.h"
 #include "drivers/logitech_device.h"
 #include "drivers/pan_tilt_device.h"
@@ -234,6 +236,79 @@ void OtherDrivers(Report& report) {
   CompareTwo(report, "a Logitech's record", MakeHalves, BareLogitech, DriverLogitech);
 }
 
+// ---- A GPS receiver's position -----------------------------------------------------------------
+
+// DLE, 0x4A, latitude, longitude, altitude, clock bias, time of fix, DLE, ETX. Its packets are
+// found byte by byte, and their angles told in degrees, minutes and seconds.
+using Fix = std::array<std::byte, 24>;
+
+float BigEndian(const std::byte* bytes) {
+  std::uint32_t word;
+  std::memcpy(&word, bytes, sizeof word);
+  return std::bit_cast<float>(__builtin_bswap32(word));
+}
+
+void PutBigEndian(float value, std::byte* bytes) {
+  const std::uint32_t word = __builtin_bswap32(std::bit_cast<std::uint32_t>(value));
+  std::memcpy(bytes, &word, sizeof word);
+}
+
+Fix MakeFix(std::size_t seed) {
+  Fix fix{};
+  fix[0] = fix[22] = std::byte{0x10};
+  fix[1] = std::byte{0x4A};
+  fix[23] = std::byte{0x03};
+  const auto turn = static_cast<float>(seed);
+  const float values[] = {0.9F + turn / 4096, 0.2F + turn / 4096, 100 + turn, 0.5F, 1000 + turn};
+  for (std::size_t i = 0; i < 5; ++i) PutBigEndian(values[i], &fix[2 + 4 * i]);
+  return fix;
+}
+
+GpsAngle BareAngle(double radians, char positive, char negative) {
+  const double degrees = std::fabs(radians * 57.29577951308232);
+  const double minutes = (degrees - std::floor(degrees)) * 60;
+  return {degrees, minutes, (minutes - std::floor(minutes)) * 60,
+          radians < 0 ? negative : positive};
+}
+
+void BareFix(const Fix& fix, GpsState& gps) {
+  const auto value = [&](std::size_t i) { return static_cast<double>(BigEndian(&fix[2 + 4 * i])); };
+  const auto arc = [](double radians, double radiusKm) { return radians * radiusKm * 1000; };
+  gps.latitude = value(0);
+  gps.longitude = value(1);
+  gps.altitude = value(2);
+  gps.timeOfFix = value(4);
+  gps.latitudeText = BareAngle(gps.latitude, 'N', 'S');
+  gps.longitudeText = BareAngle(gps.longitude, 'E', 'W');
+  gps.altitudeFeet = gps.altitude * 3.280839895013124;
+  gps.northArc = arc(gps.latitude, GpsState::kMeanRadiusKm);
+  gps.eastArc = arc(gps.longitude, GpsState::kEquatorRadiusKm);
+  gps.localNorth =
+      static_cast<float>(arc(gps.latitude - gps.startLatitude, GpsState::kMeanRadiusKm));
+  gps.localEast =
+      static_cast<float>(arc(gps.longitude - gps.startLongitude, GpsState::kEquatorRadiusKm));
+  gps.localUp = static_cast<float>(gps.altitude - gps.startAltitude);
+}
+
+void GpsPosition(Report& report) {
+  std::array<Fix, kRecords> fixes;
+  for (std::size_t i = 0; i < kRecords; ++i) fixes[i] = MakeFix(i);
+  GpsState bare;
+  GpsReports reports;
+  std::size_t next = 0;
+  const auto fix = [&]() -> const Fix& { return fixes[++next % kRecords]; };
+  const std::vector<Paired> time = Interleave(
+      kCycles, TimedBlock(kBlockSize, [&] { BareFix(fix(), bare); }), TimedBlock(kBlockSize, [&] {
+        for (const std::byte byte : fix()) reports.Take(byte);
+      }));
+  // Not judged: most of it is finding, byte by byte, where a packet begins and ends.
+  char text[120];
+  std::snprintf(text, sizeof text, "a GPS receiver's packet: %.0f ns, the position in it %.0f ns",
+                time[0].subject, time[0].floor);
+  report.Note(text);
+  if (!std::isfinite(bare.northArc) || !reports.HasPositionNews()) report.Note("no position");
+}
+
 void Records(Report& report) {
   constexpr unsigned kPose = kPositionComponent | kEulerComponent;
   constexpr unsigned kAll = kPose | kQuaternionComponent;
@@ -244,6 +319,7 @@ void Records(Report& report) {
   Compare<FastrakFormat::Bits14>("a FASTRAK record of 14 bits", kPose, report);
   Compare<FastrakFormat::Bits14>("the same with quaternion", kAll, report);
   OtherDrivers(report);
+  GpsPosition(report);
 }
 
 }  // namespace

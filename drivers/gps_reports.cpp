@@ -191,7 +191,7 @@ bool GpsReports::Take(std::byte byte) {
   }
   if (byte != kMark) return TakeUnmarked(byte);
   // In front of the end, where the body is whole; else the next byte tells what it means.
-  if (place_ == Place::Report && size_ == Expected()) Finish();
+  if (place_ == Place::Report && size_ == expected_) Finish();
   afterMark_ = true;
   return true;
 }
@@ -234,19 +234,20 @@ bool GpsReports::Begin(std::byte id) {
   Abandon(Place::Report);
   report_ = static_cast<std::size_t>(row - std::begin(kReports));
   size_ = 0;
+  expected_ = row->size;
   return true;
 }
 
-std::size_t GpsReports::Expected() const {
-  const ReportRow& row = kReports[report_];
-  const unsigned first = size_ == 0 ? 0 : static_cast<unsigned>(body_[0]);
-  return row.size + row.each * (first >> row.countShift);
+void GpsReports::Append(std::byte byte) {
+  if (size_ == expected_) return Abandon(Place::Unknown);  // the end mark should have come
+  body_[size_++] = byte;
+  if (size_ == 1) ExpectCounted();
 }
 
-void GpsReports::Append(std::byte byte) {
-  if (size_ == Expected()) return Abandon(Place::Unknown);  // the end mark should have come
-  body_[size_++] = byte;
-  if (Expected() > body_.size()) place_ = Place::Unknown;  // more satellites than there are
+void GpsReports::ExpectCounted() {
+  const ReportRow& row = kReports[report_];
+  expected_ = row.size + row.each * (std::to_integer<unsigned>(body_[0]) >> row.countShift);
+  if (expected_ > body_.size()) place_ = Place::Unknown;  // more satellites than there are
 }
 
 void GpsReports::Abandon(Place next) {

@@ -118,7 +118,7 @@ class GpsReports {
   void Append(std::byte byte);
   void Abandon(Place next);
   void Finish();
-  std::size_t Expected() const;
+  void ExpectCounted();
 
   static constexpr std::size_t kLongestBody = 1 + 5 * GpsState::kMostSatellites;
 
@@ -128,6 +128,7 @@ class GpsReports {
   bool afterMark_ = false;  // the byte before was a DLE whose meaning is still open
   std::size_t report_ = 0;  // row of the report that has begun
   std::size_t size_ = 0;
+  std::size_t expected_ = 0;  // bytes of its body
   std::array<std::byte, kLongestBody> body_{};
 };
 
