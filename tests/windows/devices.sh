@@ -5,7 +5,7 @@
 #
 #   devices.sh WINDOWS-BUILD LINUX-BIN [STORY...]
 #
-# WINEPREFIX is the prefix to use; its COM3 is ours meanwhile. Without one, one is made for the run.
+# WINEPREFIX is the prefix to use; its COM3, COM5 and COM6 are ours meanwhile. Without one, one is made for the run.
 set -uo pipefail
 source=$(cd "$(dirname "$0")/../.." && pwd)
 windows=$(cd "$1" && pwd)
@@ -25,7 +25,7 @@ com3=$WINEPREFIX/dosdevices/com3
 
 finish() {
   stop_all
-  rm -f "$com3"
+  rm -f "$com3" "$WINEPREFIX"/dosdevices/com[56]
   if [[ $WINEPREFIX == "$work"/* ]]; then wineserver -k; fi
   rm -rf "$work"
 }
@@ -127,6 +127,15 @@ serial_as_stated() {
   emulate fastrak && refused 254 9 -d 2 -p 3
 }
 
+# The line itself, from both ends.
+joined_lines() {
+  local ports=$WINEPREFIX/dosdevices
+  start joined python3 "$source/tests/windows/null_modem.py" "$ports/com5" "$ports/com6"
+  await joined 'joined' || return 1
+  KINETREL_TEST_LINES='COM5 COM6' in_time 100 wine "$windows/bin/windows_test.exe" \
+    --gtest_filter='JoinedLines*' </dev/null >"$work/said" 2>&1
+}
+
 # ---- Libraries -----------------------------------------------------------------------------------
 
 # with_library NAME TYPE: loaded from beside the program, as a vendor's is.
@@ -141,6 +150,19 @@ with_library() {
 without_library() {
   in_time 60 wine "$windows/bin/kinetrel.exe" "-w$slot" -d 6 </dev/null >"$work/kinetrel" 2>&1
   (($? == 254))
+}
+
+# exports FILE: what a program or library of ours lets others call.
+exports() {
+  x86_64-w64-mingw32-objdump -p "$1" | sed -n 's/^\t\[ *[0-9]*\] \([A-Za-z_]*\)$/\1/p' | sort
+}
+
+# The program forwards the vendor's 20 functions; the library has the C interface and no more.
+exported() {
+  diff <(exports "$windows/bin/kinetrel.exe") <(exports "$windows/substitutes/isense.dll") &&
+    (($(exports "$windows/bin/kinetrel.exe" | grep -c '^ISD_') == 20)) &&
+    diff <(exports "$windows/bin/kinetrel.dll") \
+      <(grep -o 'kinetrel_[a-z_]*(' "$source/capi/kinetrel.h" | tr -d '(' | sort)
 }
 
 # The C host of the documentation, compiled against the import library.
@@ -194,12 +216,14 @@ serial_stories() {
   story 'serial: GPS' serial 12 10 gps --motion=ramp --rate=15
   story 'serial: a tracker that is unplugged and comes back' serial_unplugged
   story 'serial: a port that is too slow by its own account' serial_as_stated
+  if [[ -e $windows/bin/windows_test.exe ]]; then story 'serial: the line itself' joined_lines; fi
   story 'serial: no such port' refused 254 13 -d 2 -p 9
 }
 library_stories() {
   story 'library: isense.dll' with_library isense 6
   story 'library: pdi.dll' with_library pdi 10
   story 'library: none' without_library
+  story 'library: what is exported' exported
   story 'library: a host in C' c_host
 }
 relay_stories() {
