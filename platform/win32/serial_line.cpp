@@ -22,11 +22,11 @@ constexpr Milliseconds kStep{1};
 constexpr Milliseconds kLongStep{2};
 constexpr Milliseconds kShortWait{10};  // below it, in steps of the shorter kind
 
-// A port that goes no faster is none that a tracker was ever tested on. Wine tells every port as
-// one of 115200, so that there the user must say that he means it.
-bool FastEnough(const COMMPROP& properties) {
-  constexpr DWORD kSlowestMaximum = 0x40000;
-  return properties.dwMaxBaud > kSlowestMaximum || std::getenv("KINETREL_ANY_MAX_BAUD") != nullptr;
+// The codes of the fixed rates end at this one; above it is that of a rate that can be set freely.
+// Wine tells every port as one of 115200 at the most, so there the user must say that it will do.
+bool TakesAnyRate(const COMMPROP& properties) {
+  constexpr DWORD kLastFixedRate = 0x40000;
+  return properties.dwMaxBaud > kLastFixedRate || std::getenv("KINETREL_ANY_MAX_BAUD") != nullptr;
 }
 
 bool IsSerial(const COMMPROP& properties) {
@@ -143,7 +143,7 @@ std::string SerialLine::ExplainOpenFailure(const std::string& name, const Status
 Result<SerialCapabilities> SerialLine::Capabilities() const {
   const Result<COMMPROP> properties = ReadProperties(os_->get());
   if (!properties.Ok()) return properties.status();
-  return SerialCapabilities{IsSerial(*properties) && FastEnough(*properties),
+  return SerialCapabilities{IsSerial(*properties) && TakesAnyRate(*properties),
                             HasRtsCts(*properties)};
 }
 
