@@ -1,0 +1,102 @@
+#include "platform/key_source.h"
+
+#include <conio.h>
+#include <windows.h>
+
+#include <algorithm>
+
+namespace kinetrel {
+namespace {
+
+constexpr Milliseconds kPipeLook{5};
+
+// What standard input is. Keys of a console come from the system as keys; of a pipe (a terminal
+// emulator's, too) and of a file as bytes, as a terminal would send them.
+enum class Source { None, Console, Pipe, File };
+
+Source source = Source::None;
+HANDLE input = nullptr;
+
+Source SourceOf(HANDLE handle) {
+  DWORD mode = 0;
+  if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return Source::None;
+  if (::GetConsoleMode(handle, &mode)) return Source::Console;
+  switch (::GetFileType(handle)) {
+    case FILE_TYPE_PIPE:
+      return Source::Pipe;
+    case FILE_TYPE_DISK:
+      return Source::File;
+    default:
+      return Source::None;  // "nul", and devices whose reads would keep us
+  }
+}
+
+// ---- Bytes of a pipe or a file ----------------------------------------------------------------
+
+// Whether a read would return at once. A pipe whose other end has gone is no source any more.
+bool ByteWaits() {
+  if (source == Source::File) return true;
+  if (source != Source::Pipe) return false;
+  DWORD waiting = 0;
+  if (!::PeekNamedPipe(input, nullptr, 0, nullptr, &waiting, nullptr)) {
+    source = Source::None;
+  }
+  return waiting > 0;
+}
+
+// A pipe cannot be waited for.
+bool AwaitByte(const Deadline& deadline) {
+  while (!ByteWaits()) {
+    if (source == Source::None || deadline.Passed()) return false;
+    SleepFor(std::min(kPipeLook, deadline.Remaining()));
+  }
+  return true;
+}
+
+bool IsExtendedKey(int code) {
+  constexpr ExtendedKey kKeys[] = {
+      ExtendedKey::Up,       ExtendedKey::Down,        ExtendedKey::Left,
+      ExtendedKey::Right,    ExtendedKey::Home,        ExtendedKey::End,
+      ExtendedKey::Insert,   ExtendedKey::Delete,      ExtendedKey::PageUp,
+      ExtendedKey::PageDown, ExtendedKey::CtrlLeft,    ExtendedKey::CtrlRight,
+      ExtendedKey::CtrlUp,   ExtendedKey::CtrlDown,    ExtendedKey::CtrlPageUp,
+      ExtendedKey::CtrlTab,  ExtendedKey::CtrlPageDown};
+  return std::ranges::any_of(kKeys, [=](ExtendedKey key) { return static_cast<int>(key) == code; });
+}
+
+}  // namespace
+
+void KeySource::Open() {
+  input = ::GetStdHandle(STD_INPUT_HANDLE);
+  source = SourceOf(input);
+}
+
+// A console needs no restoring: its keys are not echoed but by whoever reads a line.
+void KeySource::Close() {}
+
+bool KeySource::Waits() { return GivesKeys() ? ::_kbhit() != 0 : ByteWaits(); }
+
+bool KeySource::GivesKeys() { return source == Source::Console; }
+
+// A key that is no character comes as two codes, the first 0 or 0xE0.
+std::optional<Key> KeySource::TakeKey() {
+  constexpr int kPrefix = 0xE0;
+  constexpr int kRubout = 0x7F;  // Ctrl-Backspace
+  if (!::_kbhit()) return {};
+  const int code = ::_getch();
+  if (code != 0 && code != kPrefix) return Key{code == kRubout ? '\b' : code, false};
+  const int extended = ::_getch();
+  return IsExtendedKey(extended) ? std::optional(Key{extended, true}) : std::nullopt;
+}
+
+std::optional<std::uint8_t> KeySource::TakeByte(const Deadline& deadline) {
+  if (!AwaitByte(deadline)) return {};
+  std::uint8_t byte = 0;
+  DWORD got = 0;
+  const BOOL read = ::ReadFile(input, &byte, 1, &got, nullptr);
+  if (read && got == 1) return byte;
+  source = Source::None;
+  return {};
+}
+
+}  // namespace kinetrel
