@@ -54,7 +54,7 @@ class PseudoTerminal {
   void Interrupt();  // ends the Wait that runs, or the next one. Any thread
 
  private:
-  struct Os;  // posix/pseudo_terminal.cpp
+  struct Os;  // posix/pseudo_terminal.cpp, win32/pseudo_terminal.cpp
   explicit PseudoTerminal(std::unique_ptr<Os> os);
   std::unique_ptr<Os> os_;
 };

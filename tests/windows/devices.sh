@@ -86,12 +86,12 @@ story() {
   else
     echo "FAILED $name"
     failures=$((failures + 1))
-    for said in "$work"/{kinetrel,service,frames,emulator,said}; do
+    for said in "$work"/{kinetrel,service,frames,emulator,said,joined}; do
       [[ -s $said ]] && echo "  --- ${said##*/}" && tail -c 1500 "$said" | tr '\r' '\n' | sed 's/^/  /'
     done
   fi
   stop_all
-  rm -f "$work"/{kinetrel,service,frames,emulator,said}
+  rm -f "$work"/{kinetrel,service,frames,emulator,said,joined}
 }
 
 # ---- Serial trackers -----------------------------------------------------------------------------
@@ -134,6 +134,17 @@ joined_lines() {
   await joined 'joined' || return 1
   KINETREL_TEST_LINES='COM5 COM6' in_time 100 wine "$windows/bin/windows_test.exe" \
     --gtest_filter='JoinedLines*' </dev/null >"$work/said" 2>&1
+}
+
+# Both under Wine: the emulator on the far end of a null modem.
+emulated_there() {
+  local ports=$WINEPREFIX/dosdevices
+  start joined python3 "$source/tests/windows/null_modem.py" "$ports/com5" "$ports/com6"
+  await joined 'joined' || return 1
+  KINETREL_EMULATE='COM6 COM5' start emulator wine "$windows/bin/kinetrel-emulate.exe" fastrak
+  await emulator 'COM5' || return 1
+  KINETREL_ANY_MAX_BAUD=1 kinetrel -d 2 -p 5
+  watch_frames 20
 }
 
 # ---- Libraries -----------------------------------------------------------------------------------
@@ -217,6 +228,7 @@ serial_stories() {
   story 'serial: a tracker that is unplugged and comes back' serial_unplugged
   story 'serial: a port that is too slow by its own account' serial_as_stated
   if [[ -e $windows/bin/windows_test.exe ]]; then story 'serial: the line itself' joined_lines; fi
+  story 'serial: an emulator at the other end of a null modem' emulated_there
   story 'serial: no such port' refused 254 13 -d 2 -p 9
 }
 library_stories() {
