@@ -12,22 +12,25 @@ constexpr Milliseconds kPipeLook{5};
 
 // What standard input is. Keys of a console come from the system as keys; of a pipe (a terminal
 // emulator's, too) and of a file as bytes, as a terminal would send them.
-enum class Source { None, Console, Pipe, File };
+enum class Kind { None, Console, Pipe, File };
 
-Source source = Source::None;
-HANDLE input = nullptr;
+struct Source {
+  Kind kind = Kind::None;
+  HANDLE handle = nullptr;
+};
+Source source;
 
-Source SourceOf(HANDLE handle) {
+Kind KindOf(HANDLE handle) {
   DWORD mode = 0;
-  if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return Source::None;
-  if (::GetConsoleMode(handle, &mode)) return Source::Console;
+  if (handle == nullptr || handle == INVALID_HANDLE_VALUE) return Kind::None;
+  if (::GetConsoleMode(handle, &mode)) return Kind::Console;
   switch (::GetFileType(handle)) {
     case FILE_TYPE_PIPE:
-      return Source::Pipe;
+      return Kind::Pipe;
     case FILE_TYPE_DISK:
-      return Source::File;
+      return Kind::File;
     default:
-      return Source::None;  // "nul", and devices whose reads would keep us
+      return Kind::None;  // "nul", and devices whose reads would keep us
   }
 }
 
@@ -35,11 +38,11 @@ Source SourceOf(HANDLE handle) {
 
 // Whether a read would return at once. A pipe whose other end has gone is no source any more.
 bool ByteWaits() {
-  if (source == Source::File) return true;
-  if (source != Source::Pipe) return false;
+  if (source.kind == Kind::File) return true;
+  if (source.kind != Kind::Pipe) return false;
   DWORD waiting = 0;
-  if (!::PeekNamedPipe(input, nullptr, 0, nullptr, &waiting, nullptr)) {
-    source = Source::None;
+  if (!::PeekNamedPipe(source.handle, nullptr, 0, nullptr, &waiting, nullptr)) {
+    source.kind = Kind::None;
   }
   return waiting > 0;
 }
@@ -47,7 +50,7 @@ bool ByteWaits() {
 // A pipe cannot be waited for.
 bool AwaitByte(const Deadline& deadline) {
   while (!ByteWaits()) {
-    if (source == Source::None || deadline.Passed()) return false;
+    if (source.kind == Kind::None || deadline.Passed()) return false;
     SleepFor(std::min(kPipeLook, deadline.Remaining()));
   }
   return true;
@@ -67,8 +70,8 @@ bool IsExtendedKey(int code) {
 }  // namespace
 
 void KeySource::Open() {
-  input = ::GetStdHandle(STD_INPUT_HANDLE);
-  source = SourceOf(input);
+  const HANDLE handle = ::GetStdHandle(STD_INPUT_HANDLE);
+  source = {KindOf(handle), handle};
 }
 
 // A console needs no restoring: its keys are not echoed but by whoever reads a line.
@@ -76,7 +79,7 @@ void KeySource::Close() {}
 
 bool KeySource::Waits() { return GivesKeys() ? ::_kbhit() != 0 : ByteWaits(); }
 
-bool KeySource::GivesKeys() { return source == Source::Console; }
+bool KeySource::GivesKeys() { return source.kind == Kind::Console; }
 
 // A key that is no character comes as two codes, the first 0 or 0xE0.
 std::optional<Key> KeySource::TakeKey() {
@@ -93,9 +96,9 @@ std::optional<std::uint8_t> KeySource::TakeByte(const Deadline& deadline) {
   if (!AwaitByte(deadline)) return {};
   std::uint8_t byte = 0;
   DWORD got = 0;
-  const BOOL read = ::ReadFile(input, &byte, 1, &got, nullptr);
+  const BOOL read = ::ReadFile(source.handle, &byte, 1, &got, nullptr);
   if (read && got == 1) return byte;
-  source = Source::None;
+  source.kind = Kind::None;
   return {};
 }
 

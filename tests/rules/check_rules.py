@@ -59,13 +59,14 @@ virtual_operations = {
 allowed_statics = {
     ("platform/posix/shared_object.cpp", "objects"):
         "the system's names are the machine's, so a process opens each once",
-    ("platform/posix/console.cpp", "input"): "one per process, as standard input is",
+    ("platform/console.cpp", "input"): "one per process, as standard input is",
+    ("platform/posix/key_source.cpp", "source"): "one per process, as standard input is",
     ("platform/posix/terminal_mode.cpp", "terminal"): "one per process; signal handlers restore it",
     ("platform/posix/stop_signals.cpp", "stopRequest"): "a signal handler reaches no other state",
     ("platform/posix/stop_signals.cpp", "stopAskedAt"): "a signal handler reaches no other state",
     ("platform/win32/shared_object.cpp", "objects"):
         "the system's names are the machine's, so a process opens each once",
-    ("platform/win32/console.cpp", "input"): "one per process, as standard input is",
+    ("platform/win32/key_source.cpp", "source"): "one per process, as standard input is",
     ("platform/win32/transient_output.cpp", "writer"): "one per process, as standard output is",
     ("platform/win32/stop_signals.cpp", "stopRequest"): "the system's handler reaches no other state",
     ("platform/win32/stop_signals.cpp", "stopAskedAt"): "the system's handler reaches no other state",
