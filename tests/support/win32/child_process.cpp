@@ -88,7 +88,7 @@ HANDLE StartProgram(const std::string& path, std::string line, const Pipe& in, c
   PROCESS_INFORMATION process{};
   if (!::CreateProcessA(path.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                         &start, &process)) {
-    throw std::runtime_error("starting " + path);
+    throw std::runtime_error("starting " + path + ": error " + std::to_string(::GetLastError()));
   }
   ::CloseHandle(process.hThread);
   return process.hProcess;
