@@ -281,13 +281,14 @@ TEST_F(Served, WhoNeverReadsIsDoneNoWorkFor) {
   ASSERT_TRUE(greedy.Send(kBind, Deadline(kPatience)).Ok());
   Octets flood;
   for (int i = 0; i < 1000; ++i) flood = test::operator+(flood, kRequest20);
-  while (greedy.Send(flood, Deadline(Milliseconds(200))).Ok()) {
+  // Long enough that a busy machine is not taken for a full connection.
+  while (greedy.Send(flood, Deadline(Milliseconds(1500))).Ok()) {
   }
   const int worked = procedures_.calls;
   RpcTrackClient client(server_.port());
   ASSERT_EQ(client.Bind("127.0.0.1"), CallResult::Success);
   EXPECT_TRUE(Answers(client));
-  EXPECT_LE(procedures_.calls, worked + 50);
+  EXPECT_LE(procedures_.calls, worked + 10);
   EXPECT_TRUE(test::WaitUntil([&] { return server_.clients() == 1; })) << server_.clients();
   EXPECT_TRUE(Answers(client));
 }
