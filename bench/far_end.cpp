@@ -73,7 +73,7 @@ bool FarEnd::Fetch() {
 void FarEnd::AwaitRecord(TellsPose tellsPose) {
   const Deadline deadline(kPatience);
   while (!Fetch() || !tellsPose(out_)) {
-    SendRecord();
+    out_.clear();  // sent, it might have a frame published that we did not time
     if (deadline.Passed()) throw std::runtime_error("no record to send");
   }
 }

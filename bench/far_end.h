@@ -30,8 +30,8 @@ class FarEnd {
   void Serve();
   void EndServing() { served_ = true; }
 
-  // Lets the device's time run on until it has a record with a pose, and holds that back; whatever
-  // comes before it is sent. Throws std::runtime_error when it comes to nothing.
+  // Lets the device's time run on until it has a record with a pose, and holds that back; what
+  // comes before it is lost. Throws std::runtime_error when it comes to nothing.
   void AwaitRecord(TellsPose tellsPose);
   void SendRecord();
 

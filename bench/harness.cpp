@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <utility>
 
 #include "bench/machine.h"
@@ -129,11 +130,11 @@ int Report::ExitCode() const {
   return 1;
 }
 
-int RunBenchmark(const char* program, void (*measure)(Report&)) try {
+int RunBenchmark(const char* program, void (*measure)(Report&), IdleCpus idle) try {
   Report report(program);
   report.Note(IsolateNames());
-  const WakefulCpus wakeful;
-  report.Note(wakeful.note());
+  std::optional<WakefulCpus> wakeful;
+  if (idle == IdleCpus::Wakeful) report.Note(wakeful.emplace().note());
   measure(report);
   return report.ExitCode();
 } catch (const std::exception& failure) {

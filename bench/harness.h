@@ -76,8 +76,11 @@ class Report {
   Verdict worst_ = Verdict::Pass;
 };
 
+// How an idle CPU is while something is measured: kept from sleeping, or as it always is.
+enum class IdleCpus { Wakeful, AsEver };
+
 // The main function of a benchmark program: prepares the machine, measures, and returns the
 // program's exit code. An exception is a failure, told on standard error.
-int RunBenchmark(const char* program, void (*measure)(Report&));
+int RunBenchmark(const char* program, void (*measure)(Report&), IdleCpus idle = IdleCpus::Wakeful);
 
 }  // namespace kinetrel::bench
