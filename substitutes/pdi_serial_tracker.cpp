@@ -222,10 +222,11 @@ class SerialTracker final : public PdiTracker {
 
   // Takes what has come; an answer to `command` goes into `answer`.
   void Pump(std::uint8_t command = 0, std::optional<Answer>* answer = nullptr) {
-    for (;;) {
-      const auto got = line_->Read(std::as_writable_bytes(reader_.Room()));
+    for (bool more = true; more;) {
+      const auto room = std::as_writable_bytes(reader_.Room());
+      const auto got = line_->Read(room);
       if (!got.Ok()) return line_.reset();
-      if (*got == 0) return;
+      more = *got == room.size();
       reader_.Took(*got);
       while (const auto frame = reader_.Next()) {
         if (frame->IsPose()) {
