@@ -22,7 +22,7 @@ constexpr int kGpsFamily = 0xC00;
 constexpr int kKeyboardStatus = 8;
 
 constexpr Milliseconds kBackOff{20};
-const std::int64_t kLongestGiveWay = ClockTicksPerSecond() / 2000;
+const std::int64_t kLongestGiveWay = ClockTicksPerSecond() / 1000;
 constexpr int kNapMargin = 10;  // ms; a streaming device is read this much before its next frame
 
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
