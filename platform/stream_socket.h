@@ -29,6 +29,8 @@ struct StreamAddress {
   int family = 0;
 };
 
+inline constexpr std::intptr_t kNoStream = -1;  // the handle of none
+
 class StreamListener;
 struct StreamWait;
 
@@ -65,6 +67,8 @@ class StreamSocket {
   friend StreamListener;
   friend bool WaitForStreams(const StreamListener*, std::span<StreamWait>, Milliseconds);
   explicit StreamSocket(std::intptr_t handle) : handle_(handle) {}
+  Status AwaitInput(const Deadline& deadline) const;
+  Status AwaitRoom(const Deadline& deadline) const;
   std::intptr_t Release();
   void Close();
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "platform/com_number.h"
 #include "platform/posix/os_status.h"
 #include "platform/posix/serial_calls.h"
 #include "platform/posix/serial_name.h"

@@ -3,20 +3,13 @@
 #include <grp.h>
 #include <sys/stat.h>
 
-#include <charconv>
 #include <cstdlib>
+#include <optional>
 #include <vector>
 
-namespace kinetrel {
+#include "platform/com_number.h"
 
-std::optional<unsigned> ComNumber(const std::string& name) {
-  if (!name.starts_with("COM")) return std::nullopt;
-  unsigned number = 0;
-  const char* const end = name.data() + name.size();
-  const auto [stop, error] = std::from_chars(name.data() + 3, end, number);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  return number;
-}
+namespace kinetrel {
 
 std::string SerialDevicePath(const std::string& name) {
   const std::optional<unsigned> number = ComNumber(name);

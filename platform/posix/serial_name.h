@@ -1,13 +1,9 @@
 // From the name of a serial line to the device that the system knows.
 #pragma once
 
-#include <optional>
 #include <string>
 
 namespace kinetrel {
-
-// n of a name that is exactly "COM<n>".
-std::optional<unsigned> ComNumber(const std::string& name);
 
 // "COM<n>": what the environment variable KINETREL_COM<n> names, else the n-th line of the
 // machine's own, /dev/ttyS<n-1>. Any other name is a path already. Empty for COM0 without the

@@ -16,7 +16,6 @@
 namespace kinetrel {
 namespace {
 
-constexpr std::intptr_t kNoHandle = -1;
 constexpr int kBacklog = 256;  // beyond it, the system lets connections wait a second
 constexpr std::int64_t kLongestPoll = 1'000'000;  // ms
 
@@ -96,18 +95,8 @@ Status FinishConnect(int fd, const Deadline& deadline) {
 
 // ---- One connection --------------------------------------------------------------------------
 
-StreamSocket& StreamSocket::operator=(StreamSocket&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.Release();
-  }
-  return *this;
-}
-
-std::intptr_t StreamSocket::Release() { return std::exchange(handle_, kNoHandle); }
-
 void StreamSocket::Close() {
-  if (handle_ != kNoHandle) ::close(FdOf(Release()));
+  if (handle_ != kNoStream) ::close(FdOf(Release()));
 }
 
 Result<StreamSocket> StreamSocket::Connect(const StreamAddress& to, const Deadline& deadline) {
@@ -142,24 +131,12 @@ Result<std::size_t> StreamSocket::ReceiveSome(std::span<std::byte> into) {
   }
 }
 
-Status StreamSocket::Send(std::span<const std::byte> bytes, const Deadline& deadline) {
-  for (;;) {
-    const Result<std::size_t> sent = SendSome(bytes);
-    if (!sent.Ok()) return sent.status();
-    bytes = bytes.subspan(*sent);
-    if (bytes.empty()) return {};
-    const Status status = Await(FdOf(handle_), POLLOUT, deadline, "sending");
-    if (!status.Ok()) return status;
-  }
+Status StreamSocket::AwaitInput(const Deadline& deadline) const {
+  return Await(FdOf(handle_), POLLIN, deadline, "receiving");
 }
 
-Result<std::size_t> StreamSocket::Receive(std::span<std::byte> into, const Deadline& deadline) {
-  for (;;) {
-    const Status status = Await(FdOf(handle_), POLLIN, deadline, "receiving");
-    if (!status.Ok()) return status;
-    const Result<std::size_t> got = ReceiveSome(into);
-    if (!got.Ok() || *got > 0) return got;
-  }
+Status StreamSocket::AwaitRoom(const Deadline& deadline) const {
+  return Await(FdOf(handle_), POLLOUT, deadline, "sending");
 }
 
 void StreamSocket::LimitBuffers(int bytes) {
@@ -191,10 +168,10 @@ Result<StreamListener> StreamListener::Open(const std::string& address, std::uin
 }
 
 StreamListener::StreamListener(StreamListener&& other) noexcept
-    : handle_(std::exchange(other.handle_, kNoHandle)) {}
+    : handle_(std::exchange(other.handle_, kNoStream)) {}
 
 StreamListener::~StreamListener() {
-  if (handle_ != kNoHandle) ::close(FdOf(handle_));
+  if (handle_ != kNoStream) ::close(FdOf(handle_));
 }
 
 Result<StreamSocket> StreamListener::Accept() {

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "platform/com_number.h"
 #include "platform/timer.h"
 #include "platform/win32/line_settings.h"
 #include "platform/win32/os_status.h"

@@ -13,7 +13,6 @@
 namespace kinetrel {
 namespace {
 
-constexpr std::intptr_t kNoHandle = -1;
 constexpr int kBacklog = 256;                     // beyond it, the system refuses
 constexpr std::int64_t kLongestWait = 1'000'000;  // ms
 constexpr int kKeepAliveProbes = 16;              // the option's number; not every header has it
@@ -94,18 +93,8 @@ Status FinishConnect(SOCKET socket, const Deadline& deadline) {
 
 // ---- One connection --------------------------------------------------------------------------
 
-StreamSocket& StreamSocket::operator=(StreamSocket&& other) noexcept {
-  if (this != &other) {
-    Close();
-    handle_ = other.Release();
-  }
-  return *this;
-}
-
-std::intptr_t StreamSocket::Release() { return std::exchange(handle_, kNoHandle); }
-
 void StreamSocket::Close() {
-  if (handle_ != kNoHandle) ::closesocket(SocketOf(Release()));
+  if (handle_ != kNoStream) ::closesocket(SocketOf(Release()));
 }
 
 Result<StreamSocket> StreamSocket::Connect(const StreamAddress& to, const Deadline& deadline) {
@@ -137,24 +126,12 @@ Result<std::size_t> StreamSocket::ReceiveSome(std::span<std::byte> into) {
   return LastSocketFailure(kWhat);
 }
 
-Status StreamSocket::Send(std::span<const std::byte> bytes, const Deadline& deadline) {
-  for (;;) {
-    const Result<std::size_t> sent = SendSome(bytes);
-    if (!sent.Ok()) return sent.status();
-    bytes = bytes.subspan(*sent);
-    if (bytes.empty()) return {};
-    const Status status = Await(SocketOf(handle_), POLLOUT, deadline, "sending");
-    if (!status.Ok()) return status;
-  }
+Status StreamSocket::AwaitInput(const Deadline& deadline) const {
+  return Await(SocketOf(handle_), POLLIN, deadline, "receiving");
 }
 
-Result<std::size_t> StreamSocket::Receive(std::span<std::byte> into, const Deadline& deadline) {
-  for (;;) {
-    const Status status = Await(SocketOf(handle_), POLLIN, deadline, "receiving");
-    if (!status.Ok()) return status;
-    const Result<std::size_t> got = ReceiveSome(into);
-    if (!got.Ok() || *got > 0) return got;
-  }
+Status StreamSocket::AwaitRoom(const Deadline& deadline) const {
+  return Await(SocketOf(handle_), POLLOUT, deadline, "sending");
 }
 
 void StreamSocket::LimitBuffers(int bytes) {
@@ -187,10 +164,10 @@ Result<StreamListener> StreamListener::Open(const std::string& address, std::uin
 }
 
 StreamListener::StreamListener(StreamListener&& other) noexcept
-    : handle_(std::exchange(other.handle_, kNoHandle)) {}
+    : handle_(std::exchange(other.handle_, kNoStream)) {}
 
 StreamListener::~StreamListener() {
-  if (handle_ != kNoHandle) ::closesocket(SocketOf(handle_));
+  if (handle_ != kNoStream) ::closesocket(SocketOf(handle_));
 }
 
 Result<StreamSocket> StreamListener::Accept() {
