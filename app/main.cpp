@@ -2,8 +2,10 @@
 
 #include "app/console_loop.h"
 #include "app/console_program.h"
+#include "platform/console.h"
 
 int main(int count, char** arguments) {
+  kinetrel::HoldStandardStreams();
   const auto session = [](kinetrel::TrackerEngine& engine, const std::atomic<int>& stopRequest) {
     kinetrel::RunConsoleLoop(engine, stopRequest);
     return kinetrel::ExitCode::Done;

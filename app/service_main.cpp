@@ -7,6 +7,7 @@
 #include "app/console_program.h"
 #include "app/engine_procedures.h"
 #include "app/listen_option.h"
+#include "platform/console.h"
 #include "rpc/track_server.h"
 
 namespace {
@@ -58,4 +59,7 @@ ExitCode Run(int count, const char* const* arguments) {
 
 }  // namespace
 
-int main(int count, char** arguments) { return static_cast<int>(Run(count, arguments)); }
+int main(int count, char** arguments) {
+  kinetrel::HoldStandardStreams();
+  return static_cast<int>(Run(count, arguments));
+}

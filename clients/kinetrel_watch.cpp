@@ -4,6 +4,7 @@
 
 #include "clients/watch_options.h"
 #include "clients/watcher.h"
+#include "platform/console.h"
 #include "platform/stop_signals.h"
 
 namespace {
@@ -35,6 +36,7 @@ ExitCode Serve(const kinetrel::WatchCommand& command) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  kinetrel::HoldStandardStreams();
   std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems keep back what leads to a pipe
   return static_cast<int>(Serve(kinetrel::ParseWatchCommand(count, arguments)));
 }

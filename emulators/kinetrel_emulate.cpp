@@ -143,6 +143,7 @@ ExitCode Emulate(EmulateCommand command) {
 }  // namespace
 
 int main(int count, char** arguments) {
+  HoldStandardStreams();
   EmulateCommand command = ParseEmulateCommand(
       std::span(arguments + 1, static_cast<std::size_t>(count > 0 ? count - 1 : 0)));
   switch (command.request) {

@@ -74,6 +74,11 @@ std::optional<Key> TakeLeftKey(Milliseconds patience);
 // session ends; more are lost.
 void PushBackKey(Key key);
 
+// Has the standard streams that the process was started without lead nowhere. Called before
+// anything is opened, for what is opened takes the place of a missing stream: what is printed would
+// go into a published block or to a tracker, and what a tracker sends would be taken for keys.
+void HoldStandardStreams();
+
 bool StandardOutputIsTerminal();
 
 struct TerminalSize {

@@ -1,5 +1,6 @@
 #include "platform/console.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -7,6 +8,12 @@
 #include <cstring>
 
 namespace kinetrel {
+
+void HoldStandardStreams() {
+  int opened = STDIN_FILENO;
+  while (opened >= 0 && opened <= STDERR_FILENO) opened = ::open("/dev/null", O_RDWR);
+  if (opened >= 0) ::close(opened);
+}
 
 bool StandardOutputIsTerminal() { return ::isatty(STDOUT_FILENO) != 0; }
 

@@ -9,6 +9,8 @@ HANDLE Output() { return ::GetStdHandle(STD_OUTPUT_HANDLE); }
 
 }  // namespace
 
+void HoldStandardStreams() {}  // nothing that is opened takes the place of a stream here
+
 bool StandardOutputIsTerminal() {
   DWORD mode = 0;
   return ::GetConsoleMode(Output(), &mode) != 0;

@@ -143,6 +143,20 @@ TEST(ProgramInput, AFileOfAnyBytesHarmsNothing) {
   EXPECT_EQ(program.Wait(), 0);
 }
 
+// What is printed goes neither into the block nor into its mutex.
+TEST(ProgramOutput, MayBeMissing) {
+  FreeSlot slot;
+  ChildProcess program("kinetrel", Simulated(slot), {.noStreams = true});
+  SharedTrackReader reader(slot.device());
+  SharedTrackBlock block{};
+  EXPECT_TRUE(WaitUntil([&] {
+    return reader.OpenOnly(0) && reader.Copy(block, Milliseconds(1000)) && block.frameCount > 150;
+  }));
+  EXPECT_EQ(DeviceNameOf(block), "OrvixTraject");
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
+}
+
 // Nobody reads what the program prints: the poses go on all the same.
 TEST(ProgramOutput, AStoppedTerminalStopsNoSampling) {
   FreeSlot slot;

@@ -21,6 +21,7 @@ class ChildProcess {
     PseudoTerminal* terminal = nullptr;
     std::vector<std::pair<std::string, std::string>> environment = {};  // on top of the test's
     bool emptyInput = false;                                            // standard input at its end
+    bool noStreams = false;  // started without its three streams. On Linux
   };
 
   // `program` is a path, or the name of one of the project's own programs, without its ending.

@@ -88,6 +88,7 @@ ChildProcess::ChildProcess(const std::string& program, std::vector<std::string> 
       ::dup2(out.write, 1);
       ::dup2(err.write, 2);
     }
+    for (int stream = 0; options.noStreams && stream < 3; ++stream) ::close(stream);
     for (const auto& [name, value] : options.environment) {
       ::setenv(name.c_str(), value.c_str(), 1);
     }
