@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <cmath>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -33,13 +34,11 @@ struct Options {
   std::string configurationFile;
 };
 
-template <typename... Values>
-void Echo(const char* format, Values... values) {
-  if constexpr (sizeof...(values) == 0) {
-    std::fputs(format, stderr);
-  } else {
-    std::fprintf(stderr, format, values...);
-  }
+[[gnu::format(printf, 1, 2)]] void Echo(const char* format, ...) {
+  std::va_list values;
+  va_start(values, format);
+  std::vfprintf(stderr, format, values);
+  va_end(values);
 }
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -11,255 +11,169 @@
 namespace kinetrel::test {
 namespace {
 
-struct Row {
-  const char* name;
-  std::vector<const char*> arguments;
-  bool accepted;
-  const char* said;  // on standard error, after the line that announces the arguments
-  std::function<bool(const StartConfig&)> holds;
-};
-
-// By value, so that the table below reads as a table.
-std::function<bool(const StartConfig&)> Untouched() {
-  return [](const StartConfig& c) {
-    return c.deviceType == 2 && c.port == 1 && c.sensorMask == 1 && c.componentMask == 3 &&
-           c.units == 1 && c.sync == 0 && c.rollAll == 0 && c.streaming == 1 && c.query == 0 &&
-           c.shmDevice == -1 && c.joystickPort == 0 && !c.Aligned() &&
-           c.transmitterOffset == std::array<float, 6>{} &&
-           c.hemisphere == std::array<float, 3>{1, 0, 0};
+// What differs from a configuration that nobody has touched, as " name=value".
+std::string ChangesIn(const StartConfig& now) {
+  const StartConfig before;
+  std::string text;
+  const auto note = [&text](const std::string& name, double was, double is) {
+    char value[32];
+    std::snprintf(value, sizeof value, "=%.10g", is);
+    if (is != was) text += ' ' + name + value;
   };
+  const auto noteEach = [&note](const std::string& name, const auto& was, const auto& is) {
+    for (std::size_t i = 0; i < is.size(); ++i) note(name + std::to_string(i), was[i], is[i]);
+  };
+  note("slot", before.shmDevice, now.shmDevice);
+  note("type", before.deviceType, now.deviceType);
+  note("port", before.port, now.port);
+  note("joystick", before.joystickPort, now.joystickPort);
+  note("sensors", before.sensorMask, now.sensorMask);
+  note("components", before.componentMask, now.componentMask);
+  note("units", before.units, now.units);
+  note("sync", before.sync, now.sync);
+  note("roll", before.rollAll, now.rollAll);
+  note("streaming", before.streaming, now.streaming);
+  note("query", before.query, now.query);
+  noteEach("offset", before.transmitterOffset, now.transmitterOffset);
+  noteEach("hemisphere", before.hemisphere, now.hemisphere);
+  noteEach("x", before.alignX, now.alignX);
+  noteEach("y", before.alignY, now.alignY);
+  return text;
 }
 
-class CommandLine : public testing::TestWithParam<Row> {};
+struct Outcome {
+  bool accepted;
+  std::string said;  // on standard error
+  StartConfig config;
+};
 
-TEST_P(CommandLine, IsEchoedAndStored) {
-  const Row& row = GetParam();
-  std::vector<const char*> arguments = {"kinetrel"};
-  arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+Outcome Parse(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "kinetrel");
   TrackerEngine engine;
-
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();
   const bool accepted =
       ParseCommandLine(engine, static_cast<int>(arguments.size()), arguments.data());
-  const std::string said = testing::internal::GetCapturedStderr();
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n");
-
-  EXPECT_EQ(accepted, row.accepted);
-  const std::string opening = "\nProcessing command line arguments ...";
-  const std::string usage = said.substr(std::min(said.size(), said.find("\n\nUSAGE: kinetrel ")));
-  EXPECT_EQ(said.substr(0, said.size() - usage.size()), opening + row.said);
-  EXPECT_EQ(usage.empty(), row.accepted);
-  EXPECT_TRUE(row.holds(engine.Configuration()));
+  return {accepted, testing::internal::GetCapturedStderr(), engine.Configuration()};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    App, CommandLine,
-    testing::Values(
-        Row{"TypeGlued",
-            {"-d8"},
-            true,
-            "\n\tDevice type set to 8.",
-            [](const StartConfig& c) { return c.deviceType == 8; }},
-        Row{"TypeApartUpperCaseSlash",
-            {"/D", "13"},
-            true,
-            "\n\tDevice type set to 13.",
-            [](const StartConfig& c) { return c.deviceType == 13; }},
-        Row{"TypeTooHigh", {"-d", "14"}, true, "\n\tDevice type (14) is invalid.", Untouched()},
-        Row{"TypeBeyondAnyNumber",
-            {"-d99999999999999999999"},
-            true,
-            "\n\tDevice type (2147483647) is invalid.",
-            Untouched()},
-        Row{"TypeMissing", {"-d"}, false, "", Untouched()},
-        Row{"TypeFollowedByOption", {"-d", "-z-"}, false, "", Untouched()},
-        Row{"PlainWord", {"COM2"}, false, "", Untouched()},
-        Row{"EmptyArgument", {""}, false, "", Untouched()},
-        Row{"LoneDash", {"-"}, false, "", Untouched()},
-        Row{"UnknownLetter", {"-x1"}, false, "", Untouched()},
-        Row{"NothingAfterTheBadOne",
-            {"-u0", "-y", "-d8"},
-            false,
-            "\n\tUnits type set to INCH.",
-            [](const StartConfig& c) { return c.units == 0 && c.deviceType == 2; }},
-        Row{"PortCom",
-            {"-p", "2"},
-            true,
-            "\n\tDevice port set to COM2.",
-            [](const StartConfig& c) { return c.port == 2; }},
-        Row{"PortAddress",
-            {"-p", "768"},
-            true,
-            "\n\tDevice port address set to 0x300.",
-            [](const StartConfig& c) { return c.port == 768; }},
-        Row{"PortUsb",
-            {"-pu"},
-            true,
-            "\n\tDevice port set to USB.",
-            [](const StartConfig& c) { return c.port == 257; }},
-        Row{"PortWord", {"-p", "COM2"}, false, "", Untouched()},
-        Row{"SensorsHexadecimal",
-            {"-s", "0x0F"},
-            true,
-            "\n\tSensor mask set to 0xf.",
-            [](const StartConfig& c) { return c.sensorMask == 15; }},
-        Row{"SensorsOctal",
-            {"-s017"},
-            true,
-            "\n\tSensor mask set to 0xf.",
-            [](const StartConfig& c) { return c.sensorMask == 15; }},
-        Row{"SensorsTooMany",
-            {"-s0xFFFFFFFFFFFFFFFFFF"},
-            true,
-            "\n\tSensor mask set to 0xffffffff.",
-            [](const StartConfig& c) { return c.sensorMask == 0xFFFFFFFF; }},
-        Row{"SensorsWithoutDigit", {"-s", "F"}, false, "", Untouched()},
-        Row{"Components",
-            {"-c", "5"},
-            true,
-            "\n\tComponents set to CART | -- | QUAT.",
-            [](const StartConfig& c) { return c.componentMask == 5; }},
-        Row{"ComponentsBeyond",
-            {"-c18"},
-            true,
-            "\n\tComponents set to -- | EULER | --.",
-            [](const StartConfig& c) { return c.componentMask == 2; }},
-        Row{"UnitsMetres",
-            {"-u2"},
-            true,
-            "\n\tUnits type set to METER.",
-            [](const StartConfig& c) { return c.units == 3; }},
-        Row{"UnitsMasked",
-            {"-u6"},
-            true,
-            "\n\tUnits type set to METER.",
-            [](const StartConfig& c) { return c.units == 3; }},
-        Row{"Sync",
-            {"-k2"},
-            true,
-            "\n\tSynchronization set to CRT.",
-            [](const StartConfig& c) { return c.sync == 2; }},
-        Row{"SyncUnknown",
-            {"-k3"},
-            true,
-            "\n\tGiven sync type (3) is not recognized.",
-            Untouched()},
-        Row{"RollZero", {"-r", "0"}, true, "\n\tAll Sensors are rolled.", Untouched()},
-        Row{"RollTwo", {"-r2"}, false, "\n\tRoll must be 1 or 0.", Untouched()},
-        Row{"SwitchesWithoutValue",
-            {"-q", "-z"},
-            true,
-            "\n\tInstrument will be queried and reported.\n\tDevice will be streaming.",
-            [](const StartConfig& c) { return c.query == 1 && c.streaming == 1; }},
-        Row{"SwitchesOff",
-            {"-q-", "-z-"},
-            true,
-            "\n\tInstrument will NOT be queried and reported.\n\tDevice will be polled.",
-            [](const StartConfig& c) { return c.query == 0 && c.streaming == 0; }},
-        Row{"Slot",
-            {"-w", "16"},
-            true,
-            "\n\tTracking data to be written to shared memory slot 16.",
-            [](const StartConfig& c) { return c.shmDevice == 15; }},
-        Row{"SlotOutOfRange",
-            {"-w17"},
-            true,
-            "\n\tSpecified shared memory slot(17) is out of range(1:16).",
-            Untouched()},
-        Row{"Joystick",
-            {"-j", "1"},
-            true,
-            "\n\tJoystick enabled on port 1.",
-            [](const StartConfig& c) { return c.joystickPort == 1; }},
-        Row{"JoystickMaskedToNone", {"-j16"}, true, "\n\tJoystick disabled.", Untouched()},
-        Row{"OffsetOrigin",
-            {"-o-5,0,.5"},
-            true,
-            "\n\tTransmitter origin offset to <-5.000,0.000,0.500>.",
-            [](const StartConfig& c) {
-              return c.transmitterOffset == std::array<float, 6>{-5, 0, 0.5F, 0, 0, 0};
-            }},
-        Row{"OffsetWhole",
-            {"-o", "1,2,3;90,0,-45"},
-            true,
-            "\n\tTransmitter origin offset to <1.000,2.000,3.000>."
-            "\n\tTransmitter orientation offset to <90.000,0.000,-45.000>.",
-            [](const StartConfig& c) { return c.transmitterOffset[3] == 1.57079632679F; }},
-        Row{"OffsetFour",
-            {"-o1,2,3;4"},
-            true,
-            "\n\tTransmitter origin offset to <1.000,2.000,3.000>.",
-            [](const StartConfig& c) { return c.transmitterOffset[3] == 0; }},
-        Row{"OffsetTwo", {"-o1,2"}, false, "\n\tOffsets (1,2) ill-formed.", Untouched()},
-        Row{"OffsetInfinite",
-            {"-o1,inf,3"},
-            false,
-            "\n\tOffsets (1,inf,3) ill-formed.",
-            Untouched()},
-        Row{"Hemisphere",
-            {"-h", "0,0,1"},
-            true,
-            "\n\tHemisphere zenith vectored to <0.0,0.0,1.0>.",
-            [](const StartConfig& c) {
-              return c.hemisphere == std::array<float, 3>{0, 0, 1};
-            }},
-        Row{"HemisphereWord",
-            {"-hup"},
-            false,
-            "\n\tHemisphere zenith vector (up) ill-formed.",
-            Untouched()},
-        Row{"Alignment",
-            {"-a", "1,0,0;0,1,0"},
-            true,
-            "\n\tReference frame aligned to <1.000,0.000,0.000;0.000,1.000,0.000>.",
-            [](const StartConfig& c) { return c.Aligned() && c.alignY[1] == 1; }},
-        Row{"AlignmentFive",
-            {"-a1,0,0;0,1"},
-            false,
-            "\n\tOffsets (1,0,0;0,1) ill-formed.",
-            Untouched()},
-        Row{"ConfigurationFile",
-            {"-i", "lab.cfg"},
-            true,
-            "\n\tInitial configuration to be read from lab.cfg"
-            "\nDon't know how to read Configuration file \"lab.cfg\".",
-            Untouched()},
-        Row{"TooManyArguments", std::vector<const char*>(98, "-q-"), false,
-            []() -> const char* {
-              static const std::string all = [] {
-                std::string text;
-                for (int i = 0; i < 98; ++i) {
-                  text += "\n\tInstrument will NOT be queried and reported.";
-                }
-                return text;
-              }();
-              return all.c_str();
-            }(),
-            Untouched()}),
-    [](const auto& row) { return std::string(row.param.name); });
+struct Row {
+  std::vector<const char*> arguments;
+  const char* said;  // between the line that announces the arguments and the usage text
+  const char* changes;
+};
 
-TEST(CommandLineUsage, ShowsTheSettingsInForce) {
-  TrackerEngine engine;
-  const char* const arguments[] = {"tracker", "-k1", "-q+", "-z-", "-?"};
-  testing::internal::CaptureStderr();
-  EXPECT_FALSE(ParseCommandLine(engine, 5, arguments));
-  const std::string said = testing::internal::GetCapturedStderr();
+void Check(const std::vector<Row>& rows, bool accepted) {
+  for (const Row& row : rows) {
+    SCOPED_TRACE(testing::PrintToString(row.arguments));
+    const Outcome outcome = Parse(row.arguments);
+    EXPECT_EQ(outcome.accepted, accepted);
+    const std::size_t usage = outcome.said.find("\n\nUSAGE: kinetrel ");
+    EXPECT_EQ(usage == std::string::npos, accepted);
+    EXPECT_EQ(outcome.said.substr(0, usage),
+              std::string("\nProcessing command line arguments ...") + row.said);
+    EXPECT_EQ(ChangesIn(outcome.config), row.changes);
+  }
+}
+
+const std::vector<Row> kAccepted = {
+    {{"-d8"}, "\n\tDevice type set to 8.", " type=8"},
+    {{"/D", "13"}, "\n\tDevice type set to 13.", " type=13"},
+    {{"-p", "2"}, "\n\tDevice port set to COM2.", " port=2"},
+    {{"-p", "768"}, "\n\tDevice port address set to 0x300.", " port=768"},
+    {{"-pu"}, "\n\tDevice port set to USB.", " port=257"},
+    {{"-s", "0x0F"}, "\n\tSensor mask set to 0xf.", " sensors=15"},
+    {{"-s017"}, "\n\tSensor mask set to 0xf.", " sensors=15"},
+    {{"-s0xFFFFFFFFFFFFFFFFFF"}, "\n\tSensor mask set to 0xffffffff.", " sensors=4294967295"},
+    {{"-c", "5"}, "\n\tComponents set to CART | -- | QUAT.", " components=5"},
+    {{"-c18"}, "\n\tComponents set to -- | EULER | --.", " components=2"},
+    {{"-u2"}, "\n\tUnits type set to METER.", " units=3"},
+    {{"-u6"}, "\n\tUnits type set to METER.", " units=3"},
+    {{"-k2"}, "\n\tSynchronization set to CRT.", " sync=2"},
+    {{"-r", "0"}, "\n\tAll Sensors are rolled.", ""},
+    {{"-r1"}, "\n\tAll Sensors are rolled.", " roll=1"},
+    {{"-q", "-z"},
+     "\n\tInstrument will be queried and reported.\n\tDevice will be streaming.",
+     " query=1"},
+    {{"-q-", "-z-"},
+     "\n\tInstrument will NOT be queried and reported.\n\tDevice will be polled.",
+     " streaming=0"},
+    {{"-w", "16"}, "\n\tTracking data to be written to shared memory slot 16.", " slot=15"},
+    {{"-j", "1"}, "\n\tJoystick enabled on port 1.", " joystick=1"},
+    {{"-j16"}, "\n\tJoystick disabled.", ""},
+    {{"-o-5,0,.5"},
+     "\n\tTransmitter origin offset to <-5.000,0.000,0.500>.",
+     " offset0=-5 offset2=0.5"},
+    {{"-o", "1,2,3;90,0,-45"},
+     "\n\tTransmitter origin offset to <1.000,2.000,3.000>."
+     "\n\tTransmitter orientation offset to <90.000,0.000,-45.000>.",
+     " offset0=1 offset1=2 offset2=3 offset3=1.570796371 offset5=-0.7853981853"},
+    {{"-o1,2,3;4"},
+     "\n\tTransmitter origin offset to <1.000,2.000,3.000>.",
+     " offset0=1 offset1=2 offset2=3"},
+    {{"-h", "0,0,1"},
+     "\n\tHemisphere zenith vectored to <0.0,0.0,1.0>.",
+     " hemisphere0=0 hemisphere2=1"},
+    {{"-a", "1,0,0;0,1,0"},
+     "\n\tReference frame aligned to <1.000,0.000,0.000;0.000,1.000,0.000>.",
+     " x0=1 y1=1"},
+    {{"-i", "lab.cfg"},
+     "\n\tInitial configuration to be read from lab.cfg"
+     "\nDon't know how to read Configuration file \"lab.cfg\".",
+     ""},
+};
+
+const std::vector<Row> kNoted = {
+    {{"-d", "14"}, "\n\tDevice type (14) is invalid.", ""},
+    {{"-d99999999999999999999"}, "\n\tDevice type (2147483647) is invalid.", ""},
+    {{"-k3"}, "\n\tGiven sync type (3) is not recognized.", ""},
+    {{"-w17"}, "\n\tSpecified shared memory slot(17) is out of range(1:16).", ""},
+    {{"-w0"}, "\n\tSpecified shared memory slot(0) is out of range(1:16).", ""},
+};
+
+const std::vector<Row> kRejected = {
+    {{"-d"}, "", ""},
+    {{"-d", "-z-"}, "", ""},
+    {{"COM2"}, "", ""},
+    {{""}, "", ""},
+    {{"-"}, "", ""},
+    {{"-x1"}, "", ""},
+    {{"-u0", "-y", "-d8"}, "\n\tUnits type set to INCH.", " units=0"},
+    {{"-p", "COM2"}, "", ""},
+    {{"-s", "F"}, "", ""},
+    {{"-r2"}, "\n\tRoll must be 1 or 0.", ""},
+    {{"-o1,2"}, "\n\tOffsets (1,2) ill-formed.", ""},
+    {{"-o1,inf,3"}, "\n\tOffsets (1,inf,3) ill-formed.", ""},
+    {{"-hup"}, "\n\tHemisphere zenith vector (up) ill-formed.", ""},
+    {{"-a1,0,0;0,1"}, "\n\tOffsets (1,0,0;0,1) ill-formed.", ""},
+};
+
+TEST(CommandLine, WhatIsGivenIsEchoedAndStored) { Check(kAccepted, true); }
+TEST(CommandLine, WhatIsOutOfRangeIsSaidAndIgnored) { Check(kNoted, true); }
+TEST(CommandLine, WhatIsMalformedEndsInTheUsage) { Check(kRejected, false); }
+
+TEST(CommandLine, NinetyNineArgumentsAreTooMany) {
+  EXPECT_TRUE(Parse(std::vector<const char*>(97, "-q-")).accepted);
+  EXPECT_FALSE(Parse(std::vector<const char*>(98, "-q-")).accepted);
+}
+
+TEST(CommandLine, NoArgumentsAreNoMistake) {
+  const Outcome outcome = Parse({});
+  EXPECT_TRUE(outcome.accepted);
+  EXPECT_EQ(outcome.said, "");
+  EXPECT_EQ(outcome.config.deviceType, 2);
+  EXPECT_EQ(outcome.config.port, 1);
+}
+
+TEST(CommandLine, TheUsageShowsTheSettingsInForce) {
+  const std::string said = Parse({"-k1", "-q+", "-z-", "-?"}).said;
   for (const char* const line :
-       {"\n\nUSAGE: tracker [-flag <param>] ...",
-        "\n\t-k (SYNCTYP) \tSychronization 0=int, 1=ext, 2=crt: <External>",
+       {"\n\t-k (SYNCTYP) \tSychronization 0=int, 1=ext, 2=crt: <External>",
         "\n\t-q {+/-}     \tQuery and report instrument status: <QUERY>",
         "\n\t-z {+/-}     \tStreaming(+) vs. polled(-): <polled>"}) {
     EXPECT_NE(said.find(line), std::string::npos) << line;
   }
-}
-
-TEST(CommandLineUsage, NoArgumentsAreNoMistake) {
-  TrackerEngine engine;
-  const char* const arguments[] = {"kinetrel"};
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(ParseCommandLine(engine, 1, arguments));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace

@@ -14,12 +14,17 @@ struct Case {
   std::vector<Key> keys;
 };
 
-Key Character(int code) { return {code, false}; }
-Key Extended(ExtendedKey key) { return {static_cast<int>(key), true}; }
+using enum ExtendedKey;
+
+std::vector<Key> Keys(std::initializer_list<ExtendedKey> extended) {
+  std::vector<Key> keys;
+  for (const ExtendedKey key : extended) keys.push_back({static_cast<int>(key), true});
+  return keys;
+}
 
 std::vector<Key> Characters(const std::string& text) {
   std::vector<Key> keys;
-  for (const char letter : text) keys.push_back(Character(static_cast<unsigned char>(letter)));
+  for (const char letter : text) keys.push_back({static_cast<unsigned char>(letter), false});
   return keys;
 }
 
@@ -65,8 +70,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"BackspaceOfBothKinds", "\x7F\b", Characters("\b\b")},
                     Case{"EnterOfBothKinds", "\r\n", Characters("\r\n")},
                     Case{"BytesAboveAscii", "\xC3\xA9\xE0", Characters("\xC3\xA9\xE0")},
-                    Case{"Zero", std::string(1, '\0'), {Character(0)}},
-                    Case{"LoneEscape", "\x1B", {Character(27)}},
+                    Case{"Zero", std::string(1, '\0'), {Key{}}},
+                    Case{"LoneEscape", "\x1B", Characters("\x1B")},
                     Case{"EscapeTwice", "\x1B\x1B", Characters("\x1B\x1B")},
                     Case{"EscapeThenLetter", "\x1Bq", Characters("\x1Bq")},
                     Case{"EscapeThenBracket", "\x1B[", Characters("\x1B[")},
@@ -76,48 +81,22 @@ INSTANTIATE_TEST_SUITE_P(
 
 INSTANTIATE_TEST_SUITE_P(
     Sequences, KeyDecoder,
-    testing::Values(Case{"ArrowsOfXterm",
-                         "\x1B[A\x1B[B\x1B[C\x1B[D",
-                         {Extended(ExtendedKey::Up), Extended(ExtendedKey::Down),
-                          Extended(ExtendedKey::Right), Extended(ExtendedKey::Left)}},
-                    Case{"ArrowsInApplicationMode",
-                         "\x1BOA\x1BOB\x1BOC\x1BOD",
-                         {Extended(ExtendedKey::Up), Extended(ExtendedKey::Down),
-                          Extended(ExtendedKey::Right), Extended(ExtendedKey::Left)}},
-                    Case{"ArrowsWithCtrl",
-                         "\x1B[1;5A\x1B[1;5B\x1B[1;5C\x1B[1;5D",
-                         {Extended(ExtendedKey::CtrlUp), Extended(ExtendedKey::CtrlDown),
-                          Extended(ExtendedKey::CtrlRight), Extended(ExtendedKey::CtrlLeft)}},
-                    Case{"ArrowsWithCtrlOfRxvt",
-                         "\x1BOa\x1BOb\x1BOc\x1BOd",
-                         {Extended(ExtendedKey::CtrlUp), Extended(ExtendedKey::CtrlDown),
-                          Extended(ExtendedKey::CtrlRight), Extended(ExtendedKey::CtrlLeft)}},
-                    Case{"ArrowsWithCtrlOfOlderTerminals",
-                         "\x1B[5A\x1BO5D",
-                         {Extended(ExtendedKey::CtrlUp), Extended(ExtendedKey::CtrlLeft)}},
-                    Case{"ShiftMakesNoOtherKey",
-                         "\x1B[1;2A\x1B[a\x1B[1;6C",
-                         {Extended(ExtendedKey::Up), Extended(ExtendedKey::Up),
-                          Extended(ExtendedKey::CtrlRight)}},
-                    Case{"NumLockMakesNoOtherKey",
-                         "\x1B[1;129A\x1B[1;133A",
-                         {Extended(ExtendedKey::Up), Extended(ExtendedKey::CtrlUp)}},
-                    Case{"PageKeys",
-                         "\x1B[5~\x1B[6~\x1B[5;5~\x1B[6;5~\x1B[5^\x1B[6^\x1B[5@",
-                         {Extended(ExtendedKey::PageUp), Extended(ExtendedKey::PageDown),
-                          Extended(ExtendedKey::CtrlPageUp), Extended(ExtendedKey::CtrlPageDown),
-                          Extended(ExtendedKey::CtrlPageUp), Extended(ExtendedKey::CtrlPageDown),
-                          Extended(ExtendedKey::CtrlPageUp)}},
-                    Case{"EditingKeys",
-                         "\x1B[H\x1B[F\x1BOH\x1BOF\x1B[1~\x1B[4~\x1B[7~\x1B[8~\x1B[2~\x1B[3~",
-                         {Extended(ExtendedKey::Home), Extended(ExtendedKey::End),
-                          Extended(ExtendedKey::Home), Extended(ExtendedKey::End),
-                          Extended(ExtendedKey::Home), Extended(ExtendedKey::End),
-                          Extended(ExtendedKey::Home), Extended(ExtendedKey::End),
-                          Extended(ExtendedKey::Insert), Extended(ExtendedKey::Delete)}},
-                    Case{"TabWithCtrl",
-                         "\x1B[27;5;9~\x1B[9;5u",
-                         {Extended(ExtendedKey::CtrlTab), Extended(ExtendedKey::CtrlTab)}}),
+    testing::Values(
+        Case{"ArrowsOfXterm", "\x1B[A\x1B[B\x1B[C\x1B[D", Keys({Up, Down, Right, Left})},
+        Case{"ArrowsInApplicationMode", "\x1BOA\x1BOB\x1BOC\x1BOD", Keys({Up, Down, Right, Left})},
+        Case{"ArrowsWithCtrl", "\x1B[1;5A\x1B[1;5B\x1B[1;5C\x1B[1;5D",
+             Keys({CtrlUp, CtrlDown, CtrlRight, CtrlLeft})},
+        Case{"ArrowsWithCtrlOfRxvt", "\x1BOa\x1BOb\x1BOc\x1BOd",
+             Keys({CtrlUp, CtrlDown, CtrlRight, CtrlLeft})},
+        Case{"ArrowsWithCtrlOfOlderTerminals", "\x1B[5A\x1BO5D", Keys({CtrlUp, CtrlLeft})},
+        Case{"ShiftMakesNoOtherKey", "\x1B[1;2A\x1B[a\x1B[1;6C", Keys({Up, Up, CtrlRight})},
+        Case{"NumLockMakesNoOtherKey", "\x1B[1;129A\x1B[1;133A", Keys({Up, CtrlUp})},
+        Case{"PageKeys", "\x1B[5~\x1B[6~\x1B[5;5~\x1B[6;5~\x1B[5^\x1B[6^\x1B[5@",
+             Keys({PageUp, PageDown, CtrlPageUp, CtrlPageDown, CtrlPageUp, CtrlPageDown,
+                   CtrlPageUp})},
+        Case{"EditingKeys", "\x1B[H\x1B[F\x1BOH\x1BOF\x1B[1~\x1B[4~\x1B[7~\x1B[8~\x1B[2~\x1B[3~",
+             Keys({Home, End, Home, End, Home, End, Home, End, Insert, Delete})},
+        Case{"TabWithCtrl", "\x1B[27;5;9~\x1B[9;5u", Keys({CtrlTab, CtrlTab})}),
     Name);
 
 // Each is followed by a letter that must come through, and alone.
@@ -140,7 +119,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"ColourReplyOtherEnd", "\x1B]11;rgb:00/1a/ff\x1B\\q", Characters("q")},
                     Case{"VersionReply", "\x1BP>|some(370)\x1B\\q", Characters("q")},
                     Case{"CutShort", "\x1B[1;", {}}, Case{"CutShortReply", "\x1B]11;rgb", {}},
-                    Case{"BrokenByTheNext", "\x1B[1;\x1B[A", {Extended(ExtendedKey::Up)}},
+                    Case{"BrokenByTheNext", "\x1B[1;\x1B[A", Keys({Up})},
                     Case{"BrokenByEnter", "\x1B[1\r", Characters("\r")}),
     Name);
 
