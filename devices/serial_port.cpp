@@ -35,8 +35,8 @@ PortStatus StepOfOpenFailure(Error error) {
   return PortStatus::Refused;
 }
 
-// The short form of a baud rate counts hundreds. No real rate is a multiple of 6 without being
-// one of 100.
+// The short form of a baud rate counts hundreds. No rate that trackers use is a multiple of 6
+// without being one of 100.
 long long FullBaud(int baud) {
   const bool hundreds = baud % 100 != 0 && baud % 6 == 0;
   return hundreds ? 100LL * baud : baud;
@@ -116,18 +116,16 @@ int SerialPort::OpenPort(const char* name, int baud) {
 }
 
 PortStatus SerialPort::OpenLine(const char* name, int baud) {
-  if (name == nullptr) return Refuse(PortStatus::NoSuchPort, 0, "no port name given");
+  if (name == nullptr) return Refuse(PortStatus::NoSuchPort, "no port name given");
   if (::strnlen(name, kLongestPath + 1) > LongestAllowed(name)) {
-    return Refuse(PortStatus::NoSuchPort, 0, "the port name is too long");
+    return Refuse(PortStatus::NoSuchPort, "the port name is too long");
   }
   if (std::strncmp(name, "COM", 3) == 0 && name[3] != '\0') {
     portNumber_ = ComPortOrZero(std::strtol(name + 3, nullptr, 10));
   }
   Result<SerialLine> opened = SerialLine::Open(name);
   if (!opened.Ok()) {
-    const Status& cause = opened.status();
-    return Refuse(StepOfOpenFailure(cause.error), cause.osCode,
-                  SerialLine::ExplainOpenFailure(name, cause));
+    return Refuse(StepOfOpenFailure(opened.status().error), name, opened.status());
   }
   line_ = std::move(*opened);
   portStatus_ = PortStatus::HandleCreated;
@@ -137,26 +135,29 @@ PortStatus SerialPort::OpenLine(const char* name, int baud) {
 PortStatus SerialPort::SetUpLine(const std::string& name, int baud) {
   const Result<SerialCapabilities> capabilities = line_->Capabilities();
   if (!capabilities.Ok()) {
-    const Status& cause = capabilities.status();
-    return Refuse(PortStatus::CapabilitiesFailed, cause.osCode, name + ": " + Describe(cause));
+    return Refuse(PortStatus::CapabilitiesFailed, name, capabilities.status());
   }
   if (!capabilities->serialLine) {
-    return Refuse(PortStatus::NotSerial, 0, name + ": not a serial line");
+    return Refuse(PortStatus::NotSerial, name, {Error::Invalid, 0, "open the serial line"});
   }
   capabilities_ = *capabilities;
   if (const Result<LineSettings> found = line_->Settings(); found.Ok()) settings_ = *found;
   SetLineSettings(baud, 8, 0, 0, 0);
   if (!SetReadTimeouts(0, kSameAsBefore, kSameAsBefore)) {
-    return Refuse(PortStatus::TimeoutsFailed, 0, name + ": the read time-outs cannot be set");
+    return Refuse(PortStatus::TimeoutsFailed, name, {Error::Failed, 0, "set the read time-outs"});
   }
   if (const Status watched = line_->WatchInput(); !watched.Ok()) {
-    return Refuse(PortStatus::EventMaskFailed, watched.osCode, name + ": " + Describe(watched));
+    return Refuse(PortStatus::EventMaskFailed, name, watched);
   }
   return PortStatus::Open;
 }
 
-PortStatus SerialPort::Refuse(PortStatus step, int osCode, std::string why) {
-  lastError_ = osCode;
+PortStatus SerialPort::Refuse(PortStatus step, const std::string& name, const Status& cause) {
+  lastError_ = cause.osCode;
+  return Refuse(step, SerialLine::ExplainOpenFailure(name, cause));
+}
+
+PortStatus SerialPort::Refuse(PortStatus step, std::string why) {
   openFailure_ = std::move(why);
   return step;
 }

@@ -140,7 +140,8 @@ class SerialPort {
   bool Done(const Status& status);
   PortStatus OpenLine(const char* name, int baud);
   PortStatus SetUpLine(const std::string& name, int baud);
-  PortStatus Refuse(PortStatus step, int osCode, std::string why);
+  PortStatus Refuse(PortStatus step, const std::string& name, const Status& cause);
+  PortStatus Refuse(PortStatus step, std::string why);
 
   std::optional<SerialLine> line_;
   LineSettings settings_;  // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512

@@ -59,10 +59,13 @@ Status DiscardQueue(int fd, int which) {
 // ---- Opening -------------------------------------------------------------------------------
 
 Status CheckIsCharacterDevice(const std::string& path) {
+  constexpr const char* kWhat = "open the serial line";
   struct stat found {};
-  if (::stat(path.c_str(), &found) != 0) return StatusFromErrno(errno, "open the serial line");
-  if (!S_ISCHR(found.st_mode)) return {Error::Invalid, 0, "open the serial line"};
-  return {};
+  if (::stat(path.c_str(), &found) == 0) {
+    return S_ISCHR(found.st_mode) ? Status{} : Status{Error::Invalid, 0, kWhat};
+  }
+  const Status failure = StatusFromErrno(errno, kWhat);
+  return {failure.error == Error::Denied ? Error::Denied : Error::NotFound, failure.osCode, kWhat};
 }
 
 Result<int> OpenSerialDevice(const std::string& path) {

@@ -16,8 +16,9 @@ using Microseconds = std::chrono::microseconds;
 
 // ---- Opening -------------------------------------------------------------------------------
 
-// Invalid: there is something of that name, but no character device. Asked before the device is
-// opened, as opening a directory or a pipe would tell less.
+// Invalid: there is something of that name, but no character device. NotFound also for a path that
+// leads nowhere. Asked before the device is opened, as opening a directory or a pipe would tell
+// less.
 Status CheckIsCharacterDevice(const std::string& path);
 
 // Never waits for a carrier. NotFound also for a name without hardware behind it.

@@ -139,8 +139,10 @@ std::string SerialLine::ExplainOpenFailure(const std::string& name, const Status
   const bool translated = path != name && !path.empty();
   const std::string subject = translated ? name + " (" + path + "): " : name + ": ";
   if (failure.error == Error::NotFound) {
-    if (!ComNumber(name)) return subject + "no such device";
-    return subject + "no such device; KINETREL_" + name + " can name another one";
+    const std::optional<unsigned> number = ComNumber(name);
+    if (!number) return subject + "no such device";
+    return subject + "no such device; KINETREL_COM" + std::to_string(*number) +
+           " can name another one";
   }
   if (failure.error == Error::Busy) return subject + "in use by another program";
   if (failure.error == Error::Invalid) return subject + "not a serial device";
@@ -153,8 +155,8 @@ std::string SerialLine::ExplainOpenFailure(const std::string& name, const Status
 Result<SerialCapabilities> SerialLine::Capabilities() const {
   termios2 terminal{};
   const Status read = ReadTerminal(os_->fd, terminal);
-  if (read.error == Error::Unsupported) return SerialCapabilities{};
-  if (!read.Ok()) return read;
+  if (read.error == Error::Closed) return read;
+  if (!read.Ok()) return SerialCapabilities{};  // drivers of other devices refuse in many ways
   return SerialCapabilities{true, ReadModemLines(os_->fd).Ok()};
 }
 
@@ -165,14 +167,13 @@ Result<LineSettings> SerialLine::Settings() const {
   const Result<ModemLines> lines = ReadModemLines(os_->fd);
   if (!lines.Ok()) return settings;
   if (lines->dtr) settings.dtr = ModemControl::On;
-  if (lines->rts && settings.rts == ModemControl::Off) {
-    settings.rts = ModemControl::On;
-  }
+  if (lines->rts && settings.rts == ModemControl::Off) settings.rts = ModemControl::On;
   return settings;
 }
 
 // A driver that cannot make a rate takes another without a word; so the rate is read back.
-// RTS toggling while sending is for lines with several talkers: here the line is just raised.
+// RTS toggling while sending is for lines with several talkers: here the line is just raised. The
+// handshake lowers RTS and raises it again, but does not raise it to begin with.
 Status SerialLine::Apply(const LineSettings& settings) {
   const int fd = os_->fd;
   termios2 terminal{};
@@ -183,9 +184,7 @@ Status SerialLine::Apply(const LineSettings& settings) {
   os_->baud = terminal.c_ospeed;
   const unsigned apart = std::max(os_->baud, settings.baud) - std::min(os_->baud, settings.baud);
   if (apart > settings.baud / 32) return {Error::Unsupported, 0, "set the baud rate"};
-  if (settings.rts != ModemControl::Handshake) {
-    (void)SetModemLine(fd, ModemLine::Rts, settings.rts != ModemControl::Off);
-  }
+  (void)SetModemLine(fd, ModemLine::Rts, settings.rts != ModemControl::Off);
   if (settings.dtr != ModemControl::Off) (void)SetModemLine(fd, ModemLine::Dtr, true);
   return {};
 }

@@ -22,7 +22,11 @@ Result<Handle> OpenSerialDevice(const std::string& path) {
   constexpr const char* kWhat = "open the serial line";
   HANDLE const opened = ::CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr,
                                       OPEN_EXISTING, 0, nullptr);
-  if (opened == INVALID_HANDLE_VALUE) return StatusOfLastError(kWhat);
+  if (opened == INVALID_HANDLE_VALUE) {
+    const Status refused = StatusOfLastError(kWhat);
+    if (refused.error != Error::Invalid) return refused;
+    return Status{Error::Failed, refused.osCode, kWhat};  // a name that nothing could have
+  }
   Handle line(opened);
   if (!line) return Status{Error::Failed, 0, kWhat};
   if (::GetFileType(opened) != FILE_TYPE_CHAR) return Status{Error::Invalid, 0, kWhat};

@@ -1,15 +1,15 @@
 #include "platform/serial_line.h"
 
-#include <fcntl.h>
 #include <grp.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/fsuid.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>
@@ -94,27 +94,6 @@ INSTANTIATE_TEST_SUITE_P(
                 KINETREL_SOURCE_DIR "/CMakeLists.txt: not a serial device"}),
     [](const auto& row) { return std::string(row.param.test); });
 
-TEST(SerialLine, ANumberIsTheDeviceThatItsVariableNames) {
-  PseudoTerminal far;
-  ASSERT_EQ(setenv("KINETREL_COM57", far.path().c_str(), 1), 0);
-  SerialLine line = MustOpen("COM57");
-  EXPECT_EQ(*WriteText(line, "R1\r"), 3U);
-  EXPECT_TRUE(far.Expect("R1\r"));
-}
-
-TEST(SerialLine, ASecondOpenerIsRefusedUntilTheFirstCloses) {
-  PseudoTerminal far;
-  {
-    const SerialLine first = MustOpen(far.path());
-    const Result<SerialLine> second = SerialLine::Open(far.path());
-    ASSERT_FALSE(second.Ok());
-    EXPECT_EQ(second.status().error, Error::Busy);
-    EXPECT_EQ(SerialLine::ExplainOpenFailure(far.path(), second.status()),
-              far.path() + ": in use by another program");
-  }
-  EXPECT_TRUE(SerialLine::Open(far.path()).Ok());
-}
-
 // Gives up the rights of root for one thread's file accesses.
 class AsNobody {
  public:
@@ -134,13 +113,6 @@ TEST(SerialLine, ARefusalNamesTheGroupThatMayUseTheDevice) {
   EXPECT_EQ(line.status().error, Error::Denied);
   EXPECT_EQ(SerialLine::ExplainOpenFailure(far.path(), line.status()),
             far.path() + ": permission denied: add this account to group dialout and log in again");
-}
-
-TEST(SerialLine, ACharacterDeviceThatIsNoLineSaysSo) {
-  const SerialLine line = MustOpen("/dev/null");
-  const Result<SerialCapabilities> capabilities = line.Capabilities();
-  ASSERT_TRUE(capabilities.Ok());
-  EXPECT_FALSE(capabilities->serialLine);
 }
 
 TEST(SerialLine, APseudoTerminalIsALineWithoutModemLines) {
@@ -319,6 +291,40 @@ INSTANTIATE_TEST_SUITE_P(
         Wait{"HangUpInSilence", 1, kForever, {{50, "hang up"}}, Error::Closed, 50},
         Wait{"HangUpInARecord", 3, kForever, {{0, "ab"}, {50, "hang up"}}, Error::Closed, 50}),
     [](const auto& row) { return std::string(row.param.name); });
+
+// Sends this thread a signal each millisecond, whose handler restarts nothing.
+class Signals {
+ public:
+  Signals() {
+    struct sigaction handled {};
+    handled.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &handled, &before_);
+    sender_ = std::jthread([me = pthread_self()](const std::stop_token& stop) {
+      for (; !stop.stop_requested(); SleepFor(Milliseconds(1))) pthread_kill(me, SIGUSR1);
+    });
+  }
+  ~Signals() {
+    sender_ = {};
+    sigaction(SIGUSR1, &before_, nullptr);
+  }
+
+ private:
+  struct sigaction before_ {};
+  std::jthread sender_;
+};
+
+TEST(SerialLine, ASignalCutsNothingShort) {
+  PseudoTerminal far;
+  const Signals signals;
+  SerialLine line = MustOpen(far.path());
+  const std::int64_t start = ClockTicks();
+  EXPECT_EQ(line.WaitForInput(1, Milliseconds(60)).error, Error::TimedOut);
+  EXPECT_GE(MillisecondsSince(start), 60);
+  ASSERT_TRUE(line.SetReadTimeouts({0, 0, 60}).Ok());
+  const FarEnd script(far, {{0, "a"}, {20, "b"}});
+  EXPECT_EQ(ReadText(line, 4), "ab");
+  EXPECT_GE(MillisecondsSince(start), 120);
+}
 
 TEST(SerialLine, AnUnfinishedRecordIsWaitedForWithoutSpinning) {
   PseudoTerminal far;
