@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "platform/console.h"
+#include "platform/transient_output.h"
 
 namespace kinetrel {
 namespace {
@@ -69,8 +70,10 @@ struct OperatorEntry {
 };
 OperatorEntry entry;
 
-// The line has no end of its own, so it must be pushed out.
+// For the operator's eyes only: with the terminal stopped (Ctrl-S) it is left out, and the poses go
+// on. The line has no end of its own, so it must be pushed out.
 [[gnu::format(printf, 1, 2)]] void Print(const char* format, ...) {
+  if (!OutputTakesLine()) return;
   std::va_list arguments;
   va_start(arguments, format);
   std::vprintf(format, arguments);

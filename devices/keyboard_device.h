@@ -8,7 +8,7 @@
 //          component or for the whole pose, x,y,z;yaw,pitch,roll in degrees.
 //          They are read while the steered sensor is in the sensor mask, and taken away from
 //          everybody else then; ESC and 'O' are handed on.
-// Pace     60 frames a second at the most: ReadFrame ends with a sleep.
+// Pace     about 60 frames a second: ReadFrame ends with a sleep of 16 ms.
 #pragma once
 
 #include "devices/tracker_device.h"
@@ -45,7 +45,7 @@ class KeyboardDevice final : public TrackerDevice {
   //
   // sampleTime  the time after the sleep.
   // Returns     the active sensors; the steered one only when a key was acted upon.
-  // Memory      allocates nothing; prints when there was a key, else nothing.
+  // Memory      allocates nothing. Prints when there was a key, if the output takes it at once.
   unsigned ReadFrame(double* sampleTime) override;
 
   void Poll() override;             // nothing: frames come by themselves

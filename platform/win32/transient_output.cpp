@@ -68,6 +68,8 @@ void Writer::Show(const char* text) {
 
 }  // namespace
 
+bool OutputTakesLine() { return true; }
+
 void ShowTransient(const char* text) { writer.Show(text); }
 
 }  // namespace kinetrel

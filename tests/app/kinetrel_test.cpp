@@ -161,9 +161,9 @@ TEST(ProgramOutput, MayBeMissing) {
 TEST(ProgramOutput, AStoppedTerminalStopsNoSampling) {
   FreeSlot slot;
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  ChildProcess program("kinetrel", Simulated(slot), {.terminal = &terminal});
+  ChildProcess program("kinetrel", Simulated(slot, {"-s0xF"}), {.terminal = &terminal});
   ASSERT_TRUE(terminal.Expect("Running ..."));
-  terminal.Send("\x13");  // Ctrl-S
+  terminal.Send("\x13x");  // Ctrl-S, and a key that is answered with a line
   SharedTrackReader reader(slot.device());
   ASSERT_TRUE(reader.OpenOnly(0));
   SharedTrackBlock block{};
