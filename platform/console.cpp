@@ -52,10 +52,9 @@ std::optional<Key> NextKeyOfBytes() {
       DropBytes(decoding.used);
       return decoding.key;
     }
-    const bool first = input.count == 0;
     silent = !AddByte(deadline);
-    if (silent && first) return {};
-    if (first) deadline = Deadline(kEscapeLook);
+    if (input.count == 0) return {};
+    deadline = Deadline(kEscapeLook);
   }
 }
 

@@ -62,8 +62,8 @@ class KeySession {
 
 // The next key: one that was put back, else, during a session, one that was typed. Nothing when
 // none waits, and once for each key or terminal's reply that is none of the keys above. Never waits
-// for a key; a lone ESC byte is looked at for up to 30 ms, to tell the ESC key from the start of a
-// key sequence.
+// for a key; after an ESC byte, and after each byte of a key sequence, the next is awaited for 30
+// ms, to tell the ESC key from the start of a sequence.
 std::optional<Key> TakeKey();
 
 // As TakeKey, for a reader that lets others have the first look: takes a key only when one waits
