@@ -49,8 +49,6 @@ void NormalizeEuler(float angles[3]) {
   double yaw = angles[0];
   double pitch = angles[1];
   double roll = angles[2];
-  if (!std::isfinite(yaw) || !std::isfinite(pitch) || !std::isfinite(roll)) return;
-
   if (pitch >= kFloatPi || pitch <= -kFloatPi) pitch = Wrap(pitch);
   if (pitch > kFloatHalfPi) {
     pitch = kPi - pitch;

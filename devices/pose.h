@@ -19,7 +19,7 @@ inline constexpr double kRadiansPerDegree = 0.017453292519943295;
 inline constexpr double kDegreesPerRadian = 57.29577951308232;
 
 // Brings yaw and roll into [-pi, pi] and folds pitch into [-pi/2, pi/2], turning yaw by pi where
-// it folds; roll is not changed by the fold. Not finite angles are left as they are.
+// it folds; roll is not changed by the fold. An infinite angle becomes NaN; the others keep theirs.
 void NormalizeEuler(float angles[3]);
 
 // Adds the offset component by component, then normalises the pose's angles.

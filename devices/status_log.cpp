@@ -1,6 +1,5 @@
 #include "devices/status_log.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <utility>
 
@@ -18,9 +17,8 @@ bool StatusLog::SetStatusF(int code, const char* format, ...) {
   const std::lock_guard held(lock_);
   std::va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(formatBuffer_.data(), formatBuffer_.size(), format, arguments);
+  AppendFormatted(code, format, arguments);
   va_end(arguments);
-  Append(code, formatBuffer_.data());
   return true;
 }
 
@@ -45,14 +43,18 @@ void StatusLog::Append(int code, std::string text) {
   entries_.erase(entries_.begin(), entries_.end() - kKeep);
 }
 
+void StatusLog::AppendFormatted(int code, const char* format, std::va_list arguments) {
+  std::vsnprintf(formatBuffer_.data(), formatBuffer_.size(), format, arguments);
+  Append(code, formatBuffer_.data());
+}
+
 bool Announce(StatusLog& log, const char* prefix, int code, const char* format, ...) {
   const std::lock_guard held(log.lock_);
   std::va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(log.formatBuffer_.data(), log.formatBuffer_.size(), format, arguments);
+  log.AppendFormatted(code, format, arguments);
   va_end(arguments);
   std::fprintf(stderr, "%s%s", prefix, log.formatBuffer_.data());
-  log.Append(code, log.formatBuffer_.data());
   return true;
 }
 
@@ -61,9 +63,8 @@ bool Post(StatusLog* log, int code, const char* format, ...) {
   const std::lock_guard held(log->lock_);
   std::va_list arguments;
   va_start(arguments, format);
-  std::vsnprintf(log->formatBuffer_.data(), log->formatBuffer_.size(), format, arguments);
+  log->AppendFormatted(code, format, arguments);
   va_end(arguments);
-  log->Append(code, log->formatBuffer_.data());
   return true;
 }
 

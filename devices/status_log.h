@@ -9,6 +9,7 @@
 // Memory   an entry allocates its text; so nothing that runs every frame may log.
 #pragma once
 
+#include <cstdarg>
 #include <cstddef>
 #include <ctime>
 #include <mutex>
@@ -49,7 +50,11 @@ class StatusLog {
  private:
   friend bool Announce(StatusLog&, const char*, int, const char*, ...);
   friend bool Post(StatusLog*, int, const char*, ...);
-  void Append(int code, std::string text);  // with the lock held
+
+  // With the lock held.
+  void Append(int code, std::string text);
+  [[gnu::format(printf, 3, 0)]] void AppendFormatted(int code, const char* format,
+                                                     std::va_list arguments);
 
   mutable std::mutex lock_;
   std::vector<StatusEntry> entries_;

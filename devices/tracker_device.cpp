@@ -12,8 +12,7 @@ namespace kinetrel {
 TrackerDevice::TrackerDevice()
     : deviceName_(DeviceNameText(DeviceName::NoDevice)),
       secondsPerTick_(1.0 / static_cast<double>(ClockTicksPerSecond())),
-      startCounter_(ClockTicks()),
-      lastCounter_(startCounter_) {}
+      startCounter_(ClockTicks()) {}
 
 TrackerDevice::~TrackerDevice() = default;
 
@@ -187,8 +186,7 @@ void TrackerDevice::FreeSensors() {
 }
 
 double TrackerDevice::ElapsedSeconds() {
-  lastCounter_ = ClockTicks();
-  return static_cast<double>(lastCounter_ - startCounter_) * secondsPerTick_;
+  return static_cast<double>(ClockTicks() - startCounter_) * secondsPerTick_;
 }
 
 void TrackerDevice::SetTimeOrigin(std::int64_t counter) { startCounter_ = counter; }

@@ -188,7 +188,6 @@ class TrackerDevice : public SerialPort {
   PriorityMutex inUse_;
   double secondsPerTick_;
   std::int64_t startCounter_;
-  std::int64_t lastCounter_;
 };
 
 }  // namespace kinetrel

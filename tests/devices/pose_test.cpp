@@ -58,12 +58,12 @@ TEST(NormalizeEuler, EveryResultIsWithinItsBounds) {
   }
 }
 
-TEST(NormalizeEuler, AnglesThatAreNoNumbersStay) {
-  std::array<float, 3> angles = {9, kNan, 9};
+TEST(NormalizeEuler, AnAngleThatIsNoNumberIsAloneInThat) {
+  std::array<float, 3> angles = {4, kNan, -4};
   NormalizeEuler(angles.data());
-  EXPECT_EQ(angles[0], 9);
+  EXPECT_NEAR(angles[0], 4 - 2 * kPiF, 2e-6);
   EXPECT_TRUE(std::isnan(angles[1]));
-  EXPECT_EQ(angles[2], 9);
+  EXPECT_NEAR(angles[2], 2 * kPiF - 4, 2e-6);
 }
 
 TEST(AddPoseOffset, AddsAllSixAndNormalizes) {
