@@ -65,15 +65,14 @@ TEST_P(TrackerDeviceDefault, GivesADefiniteAnswer) {
 
 using D = PlainDevice;
 
-// Boot, QueryStatus and ReadFrame have no default, and the destructor is no question.
+// Boot, QueryStatus and ReadFrame have no default, and the destructor is no question; what Poll and
+// StartContinuous send is asked of a line below.
 constexpr Default kDefaults[] = {
     {"OpenPort", [](D& d) { return d.OpenPort("~x", 9600) == 1 && d.OpenPort(nullptr, 1) == 0; }},
     {"OpenPortNumber", [](D& d) { return d.OpenPortNumber(-4, 9600) == 0; }},
     {"ClosePort", [](D& d) { return d.ClosePort() == 0; }},
     {"GetPortNumber", [](D& d) { return d.GetPortNumber() == -1; }},
     {"GetBaudRate", [](D& d) { return d.GetBaudRate() == 0; }},
-    {"Poll", [](D& d) { return d.Poll(), true; }},
-    {"StartContinuous", [](D& d) { return d.StartContinuous(), true; }},
     {"SendStationCommand", [](D& d) { return d.SendStationCommand("H", 1, 2) == 0; }},
     {"SetSensorMask",
      [](D& d) {
@@ -194,7 +193,7 @@ TEST(TrackerDevice, OffsetsAreSetForOneSensorOrForAll) {
   PlainDevice device;
   ASSERT_TRUE(device.AllocateSensors(3));
   EXPECT_TRUE(device.SetSensorOffset(-1, kPose));
-  EXPECT_TRUE(device.SetSensorPositionOffset(1, kXyz + 0));
+  EXPECT_TRUE(device.SetSensorPositionOffset(1, kXyz));
   EXPECT_TRUE(device.SetSensorOffsetComponent(-1, 5, -3.14159));
   EXPECT_TRUE(device.SetSensorOffsetComponent(2, 0, 9));
   for (int sensor = 0; sensor < 3; ++sensor) {
@@ -208,12 +207,8 @@ TEST(TrackerDevice, OffsetsAreSetForOneSensorOrForAll) {
   EXPECT_FALSE(device.SetSensorOffsetComponent(3, 0, 1.0));
   EXPECT_FALSE(device.SetSensorPositionOffset(3, kXyz));
   EXPECT_FALSE(device.SetSensorOffset(3, kPose));
-}
-
-TEST(TrackerDevice, OffsetsOfNoSensorsAreSetToNoEffect) {
-  PlainDevice device;
-  EXPECT_TRUE(device.SetSensorOffset(-1, kPose));
-  EXPECT_TRUE(device.SetSensorPositionOffset(-1, kXyz));
+  device.FreeSensors();
+  EXPECT_TRUE(device.SetSensorOffset(-1, kPose));  // of none
   EXPECT_FALSE(device.SetSensorOffset(0, kPose));
 }
 
