@@ -56,8 +56,7 @@ inline constexpr BootResult kInitializationFailed = -8;
 inline constexpr BootResult kStorageFailed = -9;
 inline constexpr BootResult kUnknownFailure = -10;
 
-// The text of a failure; null for a result that has none (booted, or beyond the table on either
-// side, whose magnitude counts: a result of 11 or more in magnitude says nothing).
+// The text of a failure; null for a result that is none of those above.
 const char* BootFailureText(BootResult result);
 
 }  // namespace kinetrel

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "devices/station_mask.h"
 #include "platform/console.h"
 #include "platform/transient_output.h"
 
@@ -15,7 +16,7 @@ namespace kinetrel {
 namespace {
 
 constexpr unsigned kIdentity = 8;  // device type, and the status word that the engine knows it by
-constexpr unsigned kSteeredBit = 1U << KeyboardDevice::kSteeredSensor;
+constexpr unsigned kSteeredBit = StationBit(KeyboardDevice::kSteeredSensor);
 constexpr unsigned kSteeredComponentBit = 1U << 15;
 
 constexpr double kTurnPerFrame = 0.004363323129985824;   // pi / 720: 15 degrees a second
@@ -169,7 +170,7 @@ unsigned KeyboardDevice::ReadFrame(double* sampleTime) {
     } else {
       FollowPath(sensor, unitsPerMetre);
     }
-    moved |= 1U << sensor;
+    moved |= StationBit(sensor);
   }
   resolution_.Sleep(Milliseconds{std::max(1, 1000 / totalFrameRate_)});
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
@@ -202,7 +203,7 @@ void KeyboardDevice::FollowPath(int sensor, double unitsPerMetre) {
 
 unsigned KeyboardDevice::SetSensorMask(unsigned mask, int sensorCount) {
   const int bits = sensorCount != 0 ? sensorCount : sensorCount_;
-  if (bits > 0 && bits < 32) mask &= (1U << bits) - 1;
+  if (bits > 0) mask &= FirstStations(bits);
   sensorMask_ = mask;
   SetComponentMask(componentMask_);
   return sensorMask_;

@@ -1,10 +1,11 @@
 #include "devices/tracker_device.h"
 
-#include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <new>
 
 #include "devices/bounded_text.h"
+#include "devices/station_mask.h"
 #include "platform/clock.h"
 
 namespace kinetrel {
@@ -119,10 +120,7 @@ int TrackerDevice::GetProtocolText(char* text, int size) {
 unsigned TrackerDevice::GetComponentMask() { return componentMask_; }
 
 int TrackerDevice::GetActiveSensorCount() {
-  int active = 0;
-  // The mask has 32 bits: sensors from 32 on have none and are never active.
-  for (int i = 0; i < std::min(sensorCount_, 32); ++i) active += (sensorMask_ >> i) & 1;
-  return active;
+  return std::popcount(sensorMask_ & FirstStations(sensorCount_));
 }
 
 int TrackerDevice::GetFrameRate() {
