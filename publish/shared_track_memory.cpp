@@ -64,20 +64,19 @@ void SharedTrackMemory::Release() {
 
 bool SharedTrackMemory::OpenAll() {
   if (current().Open()) return true;
-  bool any = false;
   for (int number = 0; number < kSharedBins; ++number) {
-    if (!bin(number).Open()) {
-      CloseBin(number);
-      if ((binMask_ & (1U << number)) == 0) continue;
-      if (OpenBin(number)) {
-        MakeEvent(number);
-      } else {
-        binMask_ &= ~(1U << number);
-      }
+    if (bin(number).Open()) continue;
+    CloseBin(number);
+    if ((binMask_ & (1U << number)) == 0) continue;
+    if (OpenBin(number)) {
+      MakeEvent(number);
+    } else {
+      binMask_ &= ~(1U << number);
     }
-    any = any || bin(number).Open();
   }
-  return any;
+  // Where the lowest bin is not to be had, nobody must take it for the current one.
+  for (int number = 0; number < kSharedBins && !current().Open(); ++number) SelectBin(number);
+  return current().Open();
 }
 
 bool SharedTrackMemory::OpenObjects(int number, Initialize initialize, bool writerPresent) {
@@ -85,24 +84,26 @@ bool SharedTrackMemory::OpenObjects(int number, Initialize initialize, bool writ
   Bin& here = bin(number);
   Result<NamedMemory> memory =
       NamedMemory::Open(BlockName(device_, number), sizeof(SharedTrackBlock));
-  failure_ = memory.status();
-  if (!failure_.Ok()) return CloseBin(number);
+  if (!memory.Ok()) return Fail(number, memory.status());
   Result<NamedMutex> mutex = NamedMutex::Open(MutexName(device_, number));
-  failure_ = mutex.status();
-  if (!failure_.Ok()) return CloseBin(number);
+  if (!mutex.Ok()) return Fail(number, mutex.status());
 
   here.memory = *memory;
   here.mutex = *mutex;
   if (initialize == Initialize::WhenNew && IsInitialized(*here.Block())) return true;
   if (!here.mutex->Lock(kForever)) {
-    failure_ = {Error::Invalid, 0, "locking the mutex of shared memory"};
-    return CloseBin(number);
+    return Fail(number, {Error::Invalid, 0, "locking the mutex of shared memory"});
   }
   if (initialize == Initialize::Always || !IsInitialized(*here.Block())) {
     InitializeBlock(*here.Block(), writerPresent);
   }
   here.mutex->Unlock();
   return true;
+}
+
+bool SharedTrackMemory::Fail(int number, const Status& why) {
+  failure_ = why;
+  return CloseBin(number);
 }
 
 bool SharedTrackMemory::MakeEvent(int number) { return OpenEvent(number, Access::Anyone); }

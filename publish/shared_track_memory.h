@@ -43,7 +43,8 @@ class SharedTrackMemory {
   int SelectBin(int bin);
 
   // Opens every bin of the mask that is not open; a bin that cannot be is dropped from the mask.
-  // True when at least one opened, or the current one already was.
+  // True when at least one opened, or the current one already was; the lowest that is open becomes
+  // the current one where that is not.
   bool OpenAll();
   bool CloseBin(int bin);  // always false
 
@@ -64,7 +65,7 @@ class SharedTrackMemory {
   bool locked() const { return lockedBin_ != kNoBin; }
   TrackTimer& timer() { return timer_; }
 
-  // Why the last bin that failed to open did; allocates.
+  // Why the last bin or event that failed to open did; done while none has.
   const Status& failure() const { return failure_; }
 
  protected:
@@ -95,6 +96,7 @@ class SharedTrackMemory {
  private:
   static constexpr int kNoBin = -1;
 
+  bool Fail(int bin, const Status& why);  // closes the bin; always false
   bool AwaitFrame(int lastFrame, Milliseconds timeout);
   void Release();
 

@@ -188,6 +188,16 @@ TEST_F(SharedTracks, DoNothingOnWhatIsClosed) {
   EXPECT_FALSE(writer.Lock(kForever));
 }
 
+TEST_F(SharedTracks, ABinThatCannotBeHadIsNeverTheCurrentOne) {
+  const Result<NamedMemory> inTheWay = NamedMemory::Open(BlockName(device(), 0), 8);
+  SharedTrackWriter writer(device(), 3);
+  ASSERT_TRUE(writer.OpenAll());
+  EXPECT_EQ(writer.failure().error, Error::Invalid) << "though others opened after it";
+  EXPECT_EQ(writer.SelectBin(0), 1);
+  EXPECT_TRUE(PublishOne(writer));
+  EXPECT_EQ(writer.SelectBin(2), 2);
+}
+
 TEST_F(SharedTracks, HoldAtMostOneMutexAndNeverTwice) {
   SharedTrackWriter writer(device(), 2);
   ASSERT_TRUE(writer.OpenAll());
