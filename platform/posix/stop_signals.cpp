@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include <cerrno>
 #include <cstdint>
 
 #include "platform/clock.h"
@@ -22,7 +23,10 @@ void HandleStop(int number) {
   const std::int64_t now = ClockTicks();
   std::int64_t first = 0;
   if (stopAskedAt.compare_exchange_strong(first, now)) {
+    const int savedErrno = errno;
     stopRequest.load()->store(number);
+    ReleaseHeldOutput();
+    errno = savedErrno;
   } else if (now - first > kOneStopWish.count() * ClockTicksPerSecond() / 1000) {
     EndBySignal(number);
   }

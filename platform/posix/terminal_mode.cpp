@@ -126,6 +126,14 @@ void RemoveHandler(int number, void (*handler)(int)) {
 
 }  // namespace
 
+void ReleaseHeldOutput() {
+  for (const int stream : {STDOUT_FILENO, STDERR_FILENO}) {
+    if (::tcgetpgrp(stream) != ::getpgrp()) continue;
+    ::tcflow(stream, TCOOFF);  // on its own, the next line would undo no Ctrl-S
+    ::tcflow(stream, TCOON);
+  }
+}
+
 void EndBySignal(int number) {
   LeaveForGood();
   SetHandler(number, SIG_DFL);

@@ -20,6 +20,10 @@ void StopKeyMode();
 // has come to the foreground since.
 bool InKeyMode();
 
+// What the terminal holds back since Ctrl-S is shown after all: a program that was told to end must
+// not wait for a person before it can.
+void ReleaseHeldOutput();
+
 // A signal handler: restores the terminal, then the signal's default action ends the process.
 void EndBySignal(int number);
 

@@ -170,6 +170,8 @@ TEST(ProgramOutput, AStoppedTerminalStopsNoSampling) {
   EXPECT_TRUE(WaitUntil([&] {
     return reader.Copy(block, Milliseconds(1000)) && block.frameCount > 150;  // past two blinks
   }));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Wait(), 0);
 }
 
 }  // namespace
