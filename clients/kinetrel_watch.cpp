@@ -1,8 +1,10 @@
 // kinetrel-watch: shows what a running tracker publishes.
 #include <atomic>
 #include <cstdio>
+#include <string>
 
 #include "clients/watch_options.h"
+#include "clients/watch_screen.h"
 #include "clients/watcher.h"
 #include "platform/console.h"
 #include "platform/stop_signals.h"
@@ -12,14 +14,18 @@ namespace {
 using kinetrel::ExitCode;
 using kinetrel::WatchRequest;
 
+ExitCode Print(const std::string& text) {
+  if (kinetrel::WriteOut(text) != kinetrel::WriteResult::Failed) return ExitCode::Done;
+  std::perror("kinetrel-watch: the output cannot be written");
+  return ExitCode::CannotWrite;
+}
+
 ExitCode Serve(const kinetrel::WatchCommand& command) {
   switch (command.request) {
     case WatchRequest::Help:
-      std::fputs(kinetrel::WatchUsage().c_str(), stdout);
-      return ExitCode::Done;
+      return Print(kinetrel::WatchUsage());
     case WatchRequest::Version:
-      std::puts(kinetrel::kWatchVersion);
-      return ExitCode::Done;
+      return Print(std::string(kinetrel::kWatchVersion) + "\n");
     case WatchRequest::Refuse:
       std::fprintf(stderr, "kinetrel-watch: %s (see kinetrel-watch --help)\n",
                    command.complaint.c_str());

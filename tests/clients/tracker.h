@@ -70,9 +70,8 @@ class Tracker {
   }
 
   // Publishes until `condition` holds: for a client that has yet to come into step.
-  bool PublishUntil(const std::function<bool()>& condition,
-                    void (*fill)(SharedTrackBlock&) = FillBlock) {
-    return WaitUntil([&] { return condition() || !Publish(fill); }) && condition();
+  bool PublishUntil(const std::function<bool()>& condition) {
+    return WaitUntil([&] { return condition() || !Publish(); }) && condition();
   }
 
  private:

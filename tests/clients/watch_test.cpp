@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "tests/clients/watch_run.h"
-#include "tests/support/json_check.h"
 
 namespace kinetrel::test {
 namespace {
@@ -119,42 +118,6 @@ INSTANTIATE_TEST_SUITE_P(
                 "--help)\n"},
         EndCase{"Version", {"--version"}, 0, 1, ""}),
     [](const auto& row) { return std::string(row.param.name); });
-
-// ---- What it shows -----------------------------------------------------------------------------
-
-struct BlockCase {
-  const char* name;
-  void (*fill)(SharedTrackBlock&);
-};
-class Shows : public Watch, public testing::WithParamInterface<BlockCase> {};
-
-TEST_P(Shows, NothingButJson) {
-  OpenTracker();
-  const auto watch = Start({"--json", "--frames", "3"});
-  const auto ended = [&] { return watch->Wait(std::chrono::milliseconds(1)) == 0; };
-  ASSERT_TRUE(tracker_->PublishUntil(ended, GetParam().fill));
-  const Strings lines = Lines(watch->output());
-  EXPECT_EQ(lines.size(), 3U);
-  for (const std::string& line : lines) EXPECT_TRUE(IsJson(line)) << line;
-}
-
-TEST_P(Shows, NothingButPrintableLines) {
-  OpenTracker();
-  const auto watch = Start({"--frames", "3", "--degrees"});
-  const auto ended = [&] { return watch->Wait(std::chrono::milliseconds(1)) == 0; };
-  ASSERT_TRUE(tracker_->PublishUntil(ended, GetParam().fill));
-  EXPECT_EQ(Lines(watch->output()).size(), 3U);
-  for (const char byte : watch->output()) {
-    ASSERT_TRUE(byte == '\n' || (byte >= ' ' && byte <= '~')) << static_cast<int>(byte);
-  }
-}
-
-INSTANTIATE_TEST_SUITE_P(Watch, Shows,
-                         testing::Values(BlockCase{"OfATracker", FillBlock},
-                                         BlockCase{"OfNaN", FillWithNaN},
-                                         BlockCase{"OfEscapes", FillWithEscapes},
-                                         BlockCase{"OfNoise", FillWithNoise}),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
 }  // namespace kinetrel::test

@@ -134,20 +134,6 @@ INSTANTIATE_TEST_SUITE_P(NamedFiles, LeftBehind,
                                          Left{"BeforeItsMode", 0, 0600}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST(NamedFiles, LeftByAKilledProcessAreFoundFresh) {
-  const std::string name = UniqueName("killed");
-  Peer peer;
-  peer.Ask("memory " + name + " 8");
-  peer.Ask("poke 9");
-  peer.Kill();
-  ASSERT_TRUE(InSystem(name));
-  {
-    const Result<NamedMemory> memory = NamedMemory::Open(name, 8);
-    EXPECT_EQ(NumberIn(memory.value()), 0);
-  }
-  EXPECT_FALSE(InSystem(name));
-}
-
 TEST(NamedFiles, AreFinishedByTheNextWhenTheirMakerDied) {
   const std::string name = UniqueName("half");
   for (const std::size_t size : {0, 48}) {

@@ -257,22 +257,6 @@ TEST_F(SharedTracks, PublishCountsAndDates) {
   }
 }
 
-TEST_F(SharedTracks, CopyIsOfOnePiece) {
-  SharedTrackWriter writer(device(), 1);
-  ASSERT_TRUE(writer.OpenAll());
-  ASSERT_TRUE(writer.Lock(kLong));
-  SetDeviceName(*writer.block(), "Lodestar");
-  writer.Publish(12);
-  writer.Unlock();
-  SharedTrackReader reader(device());
-  ASSERT_TRUE(reader.OpenOnly(0));
-  SharedTrackBlock copy{};
-  ASSERT_TRUE(reader.Copy(copy, kLong));
-  EXPECT_FALSE(reader.locked());
-  EXPECT_EQ(DeviceNameOf(copy), "Lodestar");
-  EXPECT_EQ(copy.frameCount, 12);
-}
-
 // ---- Waiting for frames -----------------------------------------------------------------------
 
 TEST_F(SharedTracks, WaitForFrameAnswersAtOnceWhatIsKnown) {

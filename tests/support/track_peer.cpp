@@ -211,7 +211,6 @@ const std::map<std::string, std::function<std::string(Words&)>> commands = {
     {"peek", [](Words&) { return std::to_string(Number(*memory)); }},
     {"lock", [](Words& words) { return Told(mutex->Lock(NextTime(words))); }},
     {"unlock", [](Words&) { return mutex->Unlock(), "done"; }},
-    {"set", [](Words&) { return event->Set(), "done"; }},
     {"wait", [](Words& words) { return Told(event->Wait(NextTime(words))); }},
     {"increment", Increment},
     {"churn", Churn},
