@@ -121,7 +121,8 @@ Status Make(SharedFile& file, const ObjectKind& kind) {
   ::fchmod(file.fd(), kAnyAccount);  // whatever the umask took away; another account's has it
   if (!Clear(file.fd(), size)) return StatusFromErrno(errno, "clearing shared memory");
   // Allocated now: on a full system a later write would kill the process instead of failing.
-  const int code = ::posix_fallocate(file.fd(), 0, size);
+  int code = EINTR;
+  while (code == EINTR) code = ::posix_fallocate(file.fd(), 0, size);
   if (code != 0) return StatusFromErrno(code, "allocating shared memory");
   const Status mapped = file.Map(kind.size);
   return mapped.Ok() ? kind.prepare(file.memory()) : mapped;
