@@ -40,7 +40,7 @@ TEST_F(MinimalClient, OutlivesATrackerThatDiesWithTheMutex) {
   Tracker tracker(slot_);
   ChildProcess client("kinetrel-minimal-client", Arguments("0"));
   ASSERT_TRUE(tracker.PublishUntil([&] { return !client.output().empty(); }));
-  ChildProcess writer("kinetrel-test-writer", {std::to_string(slot_.device()), "1", "3", "0"});
+  ChildProcess writer("kinetrel-test-writer", {std::to_string(slot_.device()), "0"});
   ASSERT_EQ(writer.Wait(), ChildProcess::kKilled);
   ASSERT_TRUE(tracker.Publish(FillBlock, 4711));
   EXPECT_TRUE(client.ExpectOutput("frame 4711 "));

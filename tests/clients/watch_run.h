@@ -52,8 +52,8 @@ class Watch : public testing::Test {
   }
 
   std::unique_ptr<ChildProcess> StartWriter(const std::string& periodMs) const {
-    return std::make_unique<ChildProcess>(
-        "kinetrel-test-writer", Strings{std::to_string(slot_.device()), "1", "3", periodMs});
+    return std::make_unique<ChildProcess>("kinetrel-test-writer",
+                                          Strings{std::to_string(slot_.device()), periodMs});
   }
 
   void OpenTracker() { tracker_ = std::make_unique<Tracker>(slot_); }
