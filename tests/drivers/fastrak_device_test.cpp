@@ -10,30 +10,11 @@
 
 #include "tests/drivers/fastrak_unit.h"
 
-namespace kinetrel {
+namespace kinetrel::test {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-using test::BootedFastrak;
-using test::Expect;
-using test::FastrakBoots;
-using test::FastrakTest;
-using test::HangUp;
-using test::IsotrakBoots;
-using test::kBaud;
-using test::kFastrakStatus;
-using test::kInsidetrakStatus;
-using test::kIs600Status;
-using test::kIsotrak2Status;
-using test::kTextRecord;
-using test::kWakes;
-using test::Readable;
-using test::Script;
-using test::ScriptedPeer;
-using test::Send;
-using test::Status;
-using test::Wait;
 
 // ---- Boot ----------------------------------------------------------------------------------
 
@@ -323,4 +304,4 @@ TEST_F(BootedFastrak, TellsItsProtocol) {
 }
 
 }  // namespace
-}  // namespace kinetrel
+}  // namespace kinetrel::test

@@ -53,8 +53,6 @@ struct Road {
   double centimetre = 1;  // in the unit asked for
 };
 
-void PrintTo(const Road& road, std::ostream* out) { *out << road.name; }
-
 class FastrakRun : public testing::TestWithParam<Road> {
  protected:
   // The frames that the poses of a block tell, all stations' together. Every publication brings
@@ -165,8 +163,6 @@ struct Fault {
   const char* said;
 };
 
-void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
-
 class FastrakFaults : public testing::TestWithParam<Fault> {};
 
 // Every pose that a client sees is one of the ramp and newer than the one before.
@@ -211,8 +207,6 @@ struct Format {
   double quaternionStep;
   int frames;
 };
-
-void PrintTo(const Format& format, std::ostream* out) { *out << format.name; }
 
 class FastrakFormats : public testing::TestWithParam<Format> {};
 

@@ -10,20 +10,11 @@
 #include "tests/drivers/fastrak_unit.h"
 #include "tests/support/allocation_counter.h"
 
-namespace kinetrel {
+namespace kinetrel::test {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace std::string_literals;
-using test::BootedFastrak;
-using test::Expect;
-using test::FastrakBoots;
-using test::FastrakTest;
-using test::HangUp;
-using test::Script;
-using test::ScriptedPeer;
-using test::Send;
-using test::Wait;
 
 std::string F32(float value) {
   const auto bits = std::bit_cast<std::uint32_t>(value);
@@ -45,13 +36,13 @@ constexpr unsigned kOutOfStep = ~0U;
 // What is read, frame by frame, and of each station the x of its last good record.
 struct Story {
   const char* name;
-  unsigned stations;
-  bool crLf;
-  bool streamed;
-  Script sent;  // after 'P' or 'C'
+  Script sent;  // after 'C' or 'P'
   std::vector<unsigned> frames;
   std::vector<float> x;
-  std::vector<std::string> logged;
+  std::vector<std::string> logged = {};
+  unsigned stations = 1;
+  bool crLf = false;
+  bool streamed = true;
 };
 
 class FastrakStories : public FastrakTest, public testing::WithParamInterface<Story> {
@@ -95,62 +86,46 @@ const std::string kFourWhole = Record(1, 1) + Record(2, 2) + Record(3, 3) + Reco
 
 INSTANTIATE_TEST_SUITE_P(
     Clean, FastrakStories,
-    testing::Values(Story{"PolledRecord", 1, false, false, Send(kOneWhole), {1}, {5}, {}},
-                    Story{"PolledTwice",
-                          1,
-                          false,
-                          false,
-                          Send(kOneWhole) + Expect("P") + Send(Record(1, 6)),
-                          {1, 1},
-                          {6},
-                          {}},
-                    Story{"InPieces",
-                          1,
-                          false,
-                          false,
-                          Send(kOneWhole.substr(0, 1)) + Wait(5ms) + Send(kOneWhole.substr(1, 1)) +
-                              Wait(5ms) + Send(kOneWhole.substr(2, 9)) + Wait(5ms) +
-                              Send(kOneWhole.substr(11)),
-                          {1},
-                          {5},
-                          {}},
-                    Story{"FourStations",
-                          15,
-                          false,
-                          true,
-                          Send(kFourWhole + kFourWhole),
-                          {15, 15},
-                          {1, 2, 3, 4},
-                          {}},
-                    Story{"FourStationsWithTails",
-                          15,
-                          true,
-                          true,
-                          Send(Ended(Record(1, 1)) + Ended(Record(2, 2)) + Ended(Record(3, 3)) +
-                               Ended(Record(4, 4))),
-                          {15},
-                          {1, 2, 3, 4},
-                          {}},
-                    // A value that reads like the next head, with a head behind it: it is one.
-                    Story{"LooksLikeAHead",
-                          1,
-                          false,
-                          true,
-                          Send("01 " + "01 \x41"s + kOneWhole.substr(7) + kOneWhole),
-                          {1, 1},
-                          {5},
-                          {}},
-                    // The same at the end of a stream: nothing comes that could have cut it.
-                    Story{"LooksLikeAHeadThenSilence",
-                          1,
-                          false,
-                          true,
-                          Send("01 " + F32(5) + F32(-20) + F32(3) + F32(90) + F32(-45) +
-                               "\x80"
-                               "01 "),
-                          {1},
-                          {5},
-                          {}}),
+    testing::Values(
+        Story{"PolledRecord", Send(kOneWhole), {1}, {5}, {}, 1, false, false},
+        Story{"PolledTwice",
+              Send(kOneWhole) + Expect("P") + Send(Record(1, 6)),
+              {1, 1},
+              {6},
+              {},
+              1,
+              false,
+              false},
+        Story{"InPieces",
+              Send(kOneWhole.substr(0, 1)) + Wait(5ms) + Send(kOneWhole.substr(1, 1)) + Wait(5ms) +
+                  Send(kOneWhole.substr(2, 9)) + Wait(5ms) + Send(kOneWhole.substr(11)),
+              {1},
+              {5},
+              {},
+              1,
+              false,
+              false},
+        Story{"FourStations", Send(kFourWhole + kFourWhole), {15, 15}, {1, 2, 3, 4}, {}, 15},
+        Story{"FourStationsWithTails",
+              Send(Ended(Record(1, 1)) + Ended(Record(2, 2)) + Ended(Record(3, 3)) +
+                   Ended(Record(4, 4))),
+              {15},
+              {1, 2, 3, 4},
+              {},
+              15,
+              true},
+        // A value that reads like the next head, with a head behind it: it is one.
+        Story{"LooksLikeAHead",
+              Send("01 " + "01 \x41"s + kOneWhole.substr(7) + kOneWhole),
+              {1, 1},
+              {5}},
+        // The same at the end of a stream: nothing comes that could have cut it.
+        Story{"LooksLikeAHeadThenSilence",
+              Send("01 " + F32(5) + F32(-20) + F32(3) + F32(90) + F32(-45) +
+                   "\x80"
+                   "01 "),
+              {1},
+              {5}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 const std::string kNoHead = "-1 Read Head failed.  0/2.";
@@ -159,133 +134,89 @@ const std::string kCut = "-1 Read Record failed.  Another one begins in it.";
 INSTANTIATE_TEST_SUITE_P(
     Damaged, FastrakStories,
     testing::Values(
-        Story{"NoiseBefore", 1, false, true, Send("\x11\x30\x99 xx0" + kOneWhole), {1}, {5}, {}},
-        Story{"NoiseOfAHeadsFirstByte", 1, false, true, Send("0000" + kOneWhole), {1}, {5}, {}},
+        Story{"NoiseBefore", Send("\x11\x30\x99 xx0" + kOneWhole), {1}, {5}},
+        Story{"NoiseOfAHeadsFirstByte", Send("0000" + kOneWhole), {1}, {5}},
         Story{"TooMuchNoise",
-              1,
-              false,
-              true,
               Send(std::string(57, 'x') + kOneWhole),
               {0, 1},
               {5},
               {"-1 Read Head failed.  Record Length too long 29/27."}},
-        Story{"Silence", 1, false, true, {}, {0}, {0}, {kNoHead}},
-        Story{"OneByte", 1, false, true, Send("0"), {0}, {0}, {"-1 Read Head failed.  1/2."}},
-        Story{"HeadWithoutError", 1, false, true, Send("01"), {0}, {0}, {"-1 Read Head failed."}},
+        Story{"Silence", {}, {0}, {0}, {kNoHead}},
+        Story{"OneByte", Send("0"), {0}, {0}, {"-1 Read Head failed.  1/2."}},
+        Story{"HeadWithoutError", Send("01"), {0}, {0}, {"-1 Read Head failed."}},
         Story{"CutThenSilence",
-              1,
-              false,
-              false,
               Send(kOneWhole.substr(0, 17)),
               {0},
               {0},
-              {"-1 read_32 failed: 1. 2/4"}},
-        Story{"CutThenAnother",
+              {"-1 read_32 failed: 1. 2/4"},
               1,
               false,
-              true,
-              Send(kOneWhole.substr(0, 17) + Record(1, 6)),
-              {0, 1},
-              {6},
-              {kCut}},
-        Story{"CutByItsLastByte",
-              1,
-              false,
-              true,
-              Send(kOneWhole.substr(0, 26) + Record(1, 6)),
-              {0, 1},
-              {6},
-              {kCut}},
+              false},
+        Story{"CutThenAnother", Send(kOneWhole.substr(0, 17) + Record(1, 6)), {0, 1}, {6}, {kCut}},
+        Story{
+            "CutByItsLastByte", Send(kOneWhole.substr(0, 26) + Record(1, 6)), {0, 1}, {6}, {kCut}},
         Story{"SecondOfFourCut",
-              15,
-              false,
-              true,
               Send(Record(1, 1) + Record(2, 2).substr(0, 8) + Record(3, 3) + Record(4, 4) +
                    kFourWhole),
               {13, 15},
               {1, 2, 3, 4},
-              {kCut}},
+              {kCut},
+              15},
         Story{"SecondOfFourMissing",
-              15,
-              false,
-              true,
               Send(Record(1, 1) + Record(3, 3) + Record(4, 4) + kFourWhole),
               {13, 15},
               {1, 2, 3, 4},
-              {"-1 Read Head failed.  1/2."}},
+              {"-1 Read Head failed.  1/2."},
+              15},
         Story{"LastOfFourMissing",
-              15,
-              false,
-              true,
               Send(Record(1, 1) + Record(2, 2) + Record(3, 3) + kFourWhole),
               {7, 15},
               {1, 2, 3, 4},
-              {"-1 Read Head failed.  1/2."}},
+              {"-1 Read Head failed.  1/2."},
+              15},
         Story{"RecordsOfOthers",
-              1,
-              false,
-              true,
               Send(kFourWhole + Record(2, 2) + Record(4, 4) + Record(3, 3) + Record(1, 6)),
               {1, 1},
-              {6},
-              {}},
+              {6}},
         Story{"HeadOfTheSecondCutOff",
-              15,
-              false,
-              true,
               Send(Record(1, 1) + Record(2, 2).substr(3) + Record(3, 3) + Record(4, 4)),
               {13},
               {1, 0, 3, 4},
-              {"-1 Read Head failed.  1/2."}},
+              {"-1 Read Head failed.  1/2."},
+              15},
         Story{"TailWrong",
-              1,
-              true,
-              true,
               Send(kOneWhole + "\r\r" + Ended(Record(1, 6))),
               {0, 1},
               {6},
-              {"-1 Read tail: Tail != 0x0A0D."}},
-        Story{"TailMissing",
+              {"-1 Read tail: Tail != 0x0A0D."},
               1,
-              true,
-              true,
+              true},
+        Story{"TailMissing",
               Send(kOneWhole + "\r"),
               {0},
               {0},
-              {"-1 Read Tail Failed.  Serial read error."}},
+              {"-1 Read Tail Failed.  Serial read error."},
+              1,
+              true},
         Story{"CutWithTails",
-              3,
-              true,
-              true,
               Send(Ended(Record(1, 1).substr(0, 12)) + Ended(Record(2, 2)) + Ended(Record(1, 6)) +
                    Ended(Record(2, 7))),
               {2, 3},
               {6, 7},
-              {"-1 Read tail: Tail != 0x0A0D."}},
+              {"-1 Read tail: Tail != 0x0A0D."},
+              3,
+              true},
         Story{"NotANumber",
-              1,
-              false,
-              true,
               Send("01 " + F32(NAN) + kOneWhole.substr(7) + Record(1, 6)),
               {0, 1},
               {6},
               {"-1 read_32 failed: not a number."}},
-        Story{"Unplugged",
-              1,
-              false,
-              true,
-              Send(kOneWhole) + Wait(50ms) + HangUp(),
-              {1, 0},
-              {5},
-              {kNoHead}}),
+        Story{"Unplugged", Send(kOneWhole) + Wait(50ms) + HangUp(), {1, 0}, {5}, {kNoHead}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 INSTANTIATE_TEST_SUITE_P(TestErrors, FastrakStories,
                          testing::Values(Story{
                              "ComeAndGo",
-                             3,
-                             false,
-                             true,
                              Send(Record(1, 1) + Record(2, 2) + Record(1, 1, 'A') + Record(2, 2) +
                                   Record(1, 1, 'A') + Record(2, 2) + Record(1, 1, 'k') +
                                   Record(2, 2) + Record(1, 1) + Record(2, 2)),
@@ -293,7 +224,8 @@ INSTANTIATE_TEST_SUITE_P(TestErrors, FastrakStories,
                              {1, 2},
                              {"-65 Sensor 1: Error #65: X Driver Linearity (after 1 valid samples)",
                               "-107 Sensor 1: Error #107: A Low Signal (after 2 valid samples)",
-                              "0 Sensor 1: No Errors.  (after 1 error samples)"}}),
+                              "0 Sensor 1: No Errors.  (after 1 error samples)"},
+                             3}),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(BootedFastrak, A14BitRecordOutOfStepSpoilsTheFrame) {
@@ -339,14 +271,14 @@ TEST_F(BootedFastrak, OffsetsAreAddedToWhatIsRead) {
 TEST_F(BootedFastrak, ReadingAllocatesNothing) {
   device_->StartContinuous();
   for (int i = 0; i < 20; ++i) line_.Send("noise" + Record(1, 1));
-  const int before = test::CountedAllocations();
-  test::CountAllocations(true);
+  const int before = CountedAllocations();
+  CountAllocations(true);
   unsigned good = 0;
   for (int i = 0; i < 20; ++i) good += device_->ReadFrame(nullptr);
-  test::CountAllocations(false);
+  CountAllocations(false);
   EXPECT_EQ(good, 20U);
-  EXPECT_EQ(test::CountedAllocations(), before);
+  EXPECT_EQ(CountedAllocations(), before);
 }
 
 }  // namespace
-}  // namespace kinetrel
+}  // namespace kinetrel::test

@@ -7,10 +7,8 @@
 
 #include "tests/drivers/fastrak_unit.h"
 
-namespace kinetrel {
+namespace kinetrel::test {
 namespace {
-
-using test::Status;
 
 constexpr unsigned kPosition = 1;
 constexpr unsigned kEuler = 2;
@@ -298,4 +296,4 @@ TEST(FastrakBitErrors, HaveTexts) {
 }
 
 }  // namespace
-}  // namespace kinetrel
+}  // namespace kinetrel::test

@@ -19,10 +19,6 @@ using std::chrono::milliseconds;
 
 const std::string kFlockStatus = "\xE0\xA0"s + std::string(12, '\0');
 
-Script Answer(const std::string& request, const std::string& answer) {
-  return Expect(request) + Send(answer);
-}
-
 Script Parameters() {
   return Answer("O\x00"s, "\x00\xD0"s) + Answer("O\x01", "\x03\x43") + Answer("O$", kFlockStatus) +
          Answer("O2", "\x03\x0E\x00\x00\x81"s) + Answer("O#", "\x01") +
@@ -128,8 +124,6 @@ struct BootStory {
   const char* said = "";  // somewhere on the console
 };
 
-void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
-
 class FlockBoot : public FlockOnALine, public testing::WithParamInterface<BootStory> {};
 
 TEST_P(FlockBoot, Ends) {
@@ -203,8 +197,6 @@ struct FrameStory {
   Script script;
   std::vector<long> frames;
 };
-
-void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
 
 class FlockFrames : public FlockOnALine, public testing::WithParamInterface<FrameStory> {};
 

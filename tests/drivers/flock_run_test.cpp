@@ -22,8 +22,6 @@ struct Run {
   double centimetre;  // in the unit asked for
 };
 
-void PrintTo(const Run& run, std::ostream* out) { *out << run.name; }
-
 class FlockRun : public testing::TestWithParam<Run> {};
 
 // The ramp's poses tell their frame. As long as the difference to the published count is the same,

@@ -6,7 +6,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/scripted_peer.h"
+#include "tests/support/device_on_a_line.h"
 
 namespace kinetrel::test {
 namespace {
@@ -152,8 +152,6 @@ struct StreamStory {
   bool satellites;
 };
 
-void PrintTo(const StreamStory& story, std::ostream* out) { *out << story.name; }
-
 class GpsStream : public testing::TestWithParam<StreamStory> {};
 
 TEST_P(GpsStream, IsWalked) {
@@ -211,64 +209,44 @@ TEST(GpsReportsTake, TellsWhatBelongsToTheProtocol) {
 
 // ---- Device --------------------------------------------------------------------------------
 
-class GpsOnALine : public testing::Test {
+class GpsOnALine : public DeviceOnALine<GpsDevice> {
  protected:
-  void SetUp() override { ASSERT_EQ(gps_.OpenPort(line_.path().c_str(), 115200), 1); }
-
-  BootResult Boot(const Script& script) {
-    ScriptedPeer peer(line_, script);
-    const BootResult result = gps_.Boot(0);
-    EXPECT_EQ(peer.Verdict(), "");
-    return result;
-  }
-
   std::array<float, 5> PoseOf(int sensor) {
     std::array<float, 5> pose;
-    std::copy_n(gps_.GetSensorPose(sensor), 5, pose.begin());
+    std::copy_n(device_.GetSensorPose(sensor), 5, pose.begin());
     return pose;
   }
-
-  PseudoTerminal line_;
-  GpsDevice gps_;
 };
 
 const Script kAsked = Expect("!&");
 
 TEST_F(GpsOnALine, IsWhatItSays) {
-  EXPECT_EQ(gps_.OpenPort("no such port", 0), 1);  // it is open already
-  EXPECT_EQ(gps_.GetBaudRate(), 9600U);
-  EXPECT_STREQ(gps_.GetDeviceName(), "GPS TSIP");
-  EXPECT_EQ(gps_.GetDeviceType(nullptr, 0), 24);
-  EXPECT_EQ(gps_.GetStatusCode(), 0xC00);
-  EXPECT_EQ(gps_.GetSensorCount(), 15);
-  EXPECT_EQ(gps_.GetComponentMask(), 1U);
-  gps_.SetSensorMask(0xFF, 0);
-  EXPECT_EQ(gps_.GetFrameRate(), 5);
+  EXPECT_EQ(device_.OpenPort("no such port", 0), 1);  // it is open already
+  EXPECT_EQ(device_.GetBaudRate(), 9600U);
+  EXPECT_STREQ(device_.GetDeviceName(), "GPS TSIP");
+  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 24);
+  EXPECT_EQ(device_.GetStatusCode(), 0xC00);
+  EXPECT_EQ(device_.GetSensorCount(), 15);
+  EXPECT_EQ(device_.GetComponentMask(), 1U);
+  device_.SetSensorMask(0xFF, 0);
+  EXPECT_EQ(device_.GetFrameRate(), 5);
   char text[16];
-  EXPECT_EQ(gps_.QueryStatus(text, sizeof text), -13);
-  EXPECT_EQ(gps_.SetProtocol(7), 7);
-  EXPECT_EQ(gps_.GetProtocolText(text, sizeof text), 7);
+  EXPECT_EQ(device_.QueryStatus(text, sizeof text), -13);
+  EXPECT_EQ(device_.SetProtocol(7), 7);
+  EXPECT_EQ(device_.GetProtocolText(text, sizeof text), 7);
   EXPECT_STREQ(text, "7: Invalid");
-  EXPECT_EQ(gps_.GetProtocolText(text, 5), 7);
+  EXPECT_EQ(device_.GetProtocolText(text, 5), 7);
   EXPECT_STREQ(text, "7: I");
-  EXPECT_EQ(gps_.ClosePort(), 1);
-  EXPECT_EQ(gps_.ClosePort(), -4);
-  EXPECT_EQ(gps_.Boot(0), 0);
+  EXPECT_EQ(device_.ClosePort(), 1);
+  EXPECT_EQ(device_.ClosePort(), -4);
+  EXPECT_EQ(device_.Boot(0), 0);
 }
-
-struct BootStory {
-  const char* name;
-  Script script;
-  BootResult result;
-};
-
-void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
 
 class GpsBoot : public GpsOnALine, public testing::WithParamInterface<BootStory> {};
 
 TEST_P(GpsBoot, Ends) {
   EXPECT_EQ(Boot(GetParam().script), GetParam().result);
-  EXPECT_EQ(gps_.IsBooted(), GetParam().result == kBooted);
+  EXPECT_EQ(device_.IsBooted(), GetParam().result == kBooted);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -289,15 +267,13 @@ struct FrameStory {
   std::vector<unsigned> masks;  // of the frames; 0: a failed one
 };
 
-void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
-
 class GpsFrames : public GpsOnALine, public testing::WithParamInterface<FrameStory> {};
 
 TEST_P(GpsFrames, TellWhatIsNew) {
   ASSERT_EQ(Boot(kAsked + Send("\x10\x03")), kBooted);
-  gps_.SetSensorMask(GetParam().active, 0);
+  device_.SetSensorMask(GetParam().active, 0);
   ScriptedPeer peer(line_, GetParam().script);
-  for (const unsigned mask : GetParam().masks) EXPECT_EQ(gps_.ReadFrame(nullptr), mask);
+  for (const unsigned mask : GetParam().masks) EXPECT_EQ(device_.ReadFrame(nullptr), mask);
   EXPECT_EQ(peer.Verdict(), "");
 }
 
@@ -330,11 +306,11 @@ TEST_F(GpsOnALine, PositionsInEveryUnit) {
   };
   for (const UnitRow& row :
        {UnitRow{0, 0, 39.37007874015748}, {1, 1, 100}, {3, 1, 100}, {2, 2, 1}, {-1, 2, 1}}) {
-    EXPECT_EQ(gps_.SetUnits(row.asked), row.inForce);
+    EXPECT_EQ(device_.SetUnits(row.asked), row.inForce);
     line_.Send(kNextFix);
     double time = -1;
     CountAllocations(true);
-    EXPECT_EQ(gps_.ReadFrame(&time), 15U);
+    EXPECT_EQ(device_.ReadFrame(&time), 15U);
     CountAllocations(false);
     const auto unit = [&](double metres) { return static_cast<float>(metres * row.perMetre); };
     const std::array<float, 5> local{unit(static_cast<float>(kStepNorth)), 0, unit(-91), 0, 0};
@@ -349,9 +325,9 @@ TEST_F(GpsOnALine, PositionsInEveryUnit) {
 
 TEST_F(GpsOnALine, SatellitesFillTheirSensors) {
   ASSERT_EQ(Boot(kAsked + Send(kSelection)), kBooted);
-  gps_.SetSensorMask(8, 0);
+  device_.SetSensorMask(8, 0);
   line_.Send(kLevels + kTracking);
-  EXPECT_EQ(gps_.ReadFrame(nullptr), 0x18U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0x18U);
   EXPECT_EQ(PoseOf(3), (std::array<float, 5>{2, 16, 100, 0.5F, 0.25F}));
   EXPECT_EQ(PoseOf(4), (std::array<float, 5>{2, 5, 1, 0, 0}));
   EXPECT_EQ(PoseOf(5), (std::array<float, 5>{}));
@@ -359,27 +335,27 @@ TEST_F(GpsOnALine, SatellitesFillTheirSensors) {
   std::string prns;
   for (char prn = 1; prn <= 14; ++prn) prns += prn;
   line_.Send(Packet("\x6D", "\xE4" + kOne + kOne + kOne + kOne + prns));
-  EXPECT_EQ(gps_.ReadFrame(nullptr), 0x7FF8U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0x7FF8U);
   EXPECT_EQ(PoseOf(3), (std::array<float, 5>{14, 1, 0, 0, 0}));
   EXPECT_EQ(PoseOf(14), (std::array<float, 5>{14, 12, 0, 0, 0}));
 }
 
 TEST_F(GpsOnALine, TheOriginStaysUntilItIsMoved) {
   ASSERT_EQ(Boot(kAsked + Send(kFix)), kBooted);
-  EXPECT_EQ(gps_.Boot(0), kBooted);  // at once: nothing is asked again
+  EXPECT_EQ(device_.Boot(0), kBooted);  // at once: nothing is asked again
   EXPECT_EQ(line_.Received(), "");
-  gps_.ClosePort();
-  EXPECT_FALSE(gps_.IsBooted());
+  device_.ClosePort();
+  EXPECT_FALSE(device_.IsBooted());
 
-  ASSERT_EQ(gps_.OpenPort(line_.path().c_str(), 115200), 1);
+  ASSERT_EQ(device_.OpenPort(line_.path().c_str(), 115200), 1);
   ASSERT_EQ(Boot(kAsked + Send(kNextFix)), kBooted);
   line_.Send("\x10\x03");
-  EXPECT_EQ(gps_.ReadFrame(nullptr), 15U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 15U);
   EXPECT_FLOAT_EQ(PoseOf(0)[0], static_cast<float>(kStepNorth));
 
-  EXPECT_EQ(gps_.SetProtocol(1), 1);
+  EXPECT_EQ(device_.SetProtocol(1), 1);
   line_.Send(kNextFix);
-  EXPECT_EQ(gps_.ReadFrame(nullptr), 15U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 15U);
   EXPECT_EQ(PoseOf(0), (std::array<float, 5>{}));
 }
 

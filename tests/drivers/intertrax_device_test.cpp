@@ -8,7 +8,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/scripted_peer.h"
+#include "tests/support/device_on_a_line.h"
 
 namespace kinetrel::test {
 namespace {
@@ -16,32 +16,19 @@ namespace {
 using namespace std::string_literals;
 using std::chrono::milliseconds;
 
-Script Answer(const std::string& request, const std::string& answer) {
-  return Expect(request) + Send(answer);
-}
-
 const Script kFirst = Answer("c", "o");
 const Script kVersion = Answer("v\0"s, "v\0\x01\x00\x02\x00IT 1.2\0"s);
 const Script kSecond = Answer("d", "d");
 const Script kBoot = kFirst + kVersion + kSecond;
 
-class IntertraxOnALine : public testing::Test {
+class IntertraxOnALine : public DeviceOnALine<IntertraxDevice> {
  protected:
-  void SetUp() override { ASSERT_EQ(unit_.OpenPort(line_.path().c_str(), 115200), 1); }
-
-  BootResult Boot(const Script& script) {
-    ScriptedPeer peer(line_, script);
-    const BootResult result = unit_.Boot(0);
-    EXPECT_EQ(peer.Verdict(), "");
-    return result;
-  }
-
   // Booted, for a test of something else: on a busy machine the peer may be late for a handshake.
   bool Ready() {
     for (int attempt = 0; attempt < 5; ++attempt) {
       line_.Received();
       ScriptedPeer peer(line_, kBoot);
-      if (unit_.Boot(0) == kBooted && peer.Verdict().empty()) return true;
+      if (device_.Boot(0) == kBooted && peer.Verdict().empty()) return true;
     }
     return false;
   }
@@ -53,9 +40,6 @@ class IntertraxOnALine : public testing::Test {
     const speed_t speed = cfgetospeed(&settings);
     return speed == B1200 ? 1200 : speed == B38400 ? 38400 : 0;
   }
-
-  PseudoTerminal line_;
-  IntertraxDevice unit_;
 };
 
 // ---- Boot ----------------------------------------------------------------------------------
@@ -67,16 +51,14 @@ struct BootStory {
   IntertraxLink link;
 };
 
-void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
-
 class IntertraxBoot : public IntertraxOnALine, public testing::WithParamInterface<BootStory> {};
 
 TEST_P(IntertraxBoot, Ends) {
   const BootStory& row = GetParam();
   EXPECT_EQ(Boot(row.script), row.result);
-  EXPECT_EQ(unit_.IsBooted(), row.result == kBooted);
-  EXPECT_EQ(unit_.reportCode(), row.result);
-  EXPECT_EQ(unit_.link(), row.link);
+  EXPECT_EQ(device_.IsBooted(), row.result == kBooted);
+  EXPECT_EQ(device_.reportCode(), row.result);
+  EXPECT_EQ(device_.link(), row.link);
   EXPECT_EQ(LineRate(), row.link == IntertraxLink::Fast ? 38400U : 1200U);
 }
 
@@ -107,25 +89,25 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(IntertraxOnALine, APulledPlugEndsTheBoot) {
   ScriptedPeer peer(line_, Expect("c") + HangUp());
-  EXPECT_EQ(unit_.Boot(0), -2);
+  EXPECT_EQ(device_.Boot(0), -2);
   EXPECT_EQ(peer.Verdict(), "");
-  unit_.ClosePort();
-  EXPECT_EQ(unit_.Boot(0), -1);
+  device_.ClosePort();
+  EXPECT_EQ(device_.Boot(0), -1);
 }
 
 TEST_F(IntertraxOnALine, IsWhatItSays) {
-  EXPECT_EQ(unit_.GetStatusCode(), 0);
+  EXPECT_EQ(device_.GetStatusCode(), 0);
   ASSERT_TRUE(Ready());
-  EXPECT_EQ(unit_.GetStatusCode(), 0x602);
-  EXPECT_STREQ(unit_.GetDeviceName(), "InterSense InterTrax");
-  EXPECT_EQ(unit_.GetDeviceType(nullptr, 0), 15);
-  EXPECT_EQ(unit_.GetSensorCount(), 1);
-  EXPECT_EQ(unit_.SetComponentMask(5), 2U);
-  EXPECT_EQ(unit_.GetComponentMask(), 2U);
-  EXPECT_EQ(unit_.GetFrameRate(), 548);
-  EXPECT_EQ(unit_.readTimeouts().constant, 6U);
-  EXPECT_EQ(unit_.readTimeouts().multiplier, 2U);
-  EXPECT_EQ(unit_.readTimeouts().interval, 4U);
+  EXPECT_EQ(device_.GetStatusCode(), 0x602);
+  EXPECT_STREQ(device_.GetDeviceName(), "InterSense InterTrax");
+  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 15);
+  EXPECT_EQ(device_.GetSensorCount(), 1);
+  EXPECT_EQ(device_.SetComponentMask(5), 2U);
+  EXPECT_EQ(device_.GetComponentMask(), 2U);
+  EXPECT_EQ(device_.GetFrameRate(), 548);
+  EXPECT_EQ(device_.readTimeouts().constant, 6U);
+  EXPECT_EQ(device_.readTimeouts().multiplier, 2U);
+  EXPECT_EQ(device_.readTimeouts().interval, 4U);
 }
 
 // ---- Version -------------------------------------------------------------------------------
@@ -138,8 +120,6 @@ struct VersionStory {
   std::string text;
 };
 
-void PrintTo(const VersionStory& story, std::ostream* out) { *out << story.name; }
-
 class IntertraxVersion : public IntertraxOnALine,
                          public testing::WithParamInterface<VersionStory> {};
 
@@ -149,12 +129,12 @@ TEST_P(IntertraxVersion, IsAskedForAtTheLowRate) {
   ASSERT_TRUE(Ready());
   ScriptedPeer peer(line_, kFirst + row.answer + kSecond + Answer("3", std::string(6, '\0')));
   char text[64] = "untouched";
-  EXPECT_EQ(unit_.QueryStatus(text, row.size), row.result);
+  EXPECT_EQ(device_.QueryStatus(text, row.size), row.result);
   EXPECT_EQ(text, row.text);
-  EXPECT_EQ(unit_.link(), IntertraxLink::Fast);
+  EXPECT_EQ(device_.link(), IntertraxLink::Fast);
   EXPECT_EQ(LineRate(), 38400U);
-  unit_.Poll();
-  EXPECT_EQ(unit_.ReadFrame(nullptr), 1U);
+  device_.Poll();
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(peer.Verdict(), "");
 }
 
@@ -175,11 +155,11 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(IntertraxOnALine, AVersionQueryThatFindsNobody) {
   ASSERT_TRUE(Ready());
-  EXPECT_EQ(unit_.QueryStatus(nullptr, 0), -2);
-  EXPECT_EQ(unit_.reportCode(), -2);
+  EXPECT_EQ(device_.QueryStatus(nullptr, 0), -2);
+  EXPECT_EQ(device_.reportCode(), -2);
   ScriptedPeer peer(line_, Expect("c") + Send("") + kFirst + kVersion + Answer("d", "?"));
-  EXPECT_EQ(unit_.QueryStatus(nullptr, 0), 1);  // from the low rate, where it stays
-  EXPECT_EQ(unit_.link(), IntertraxLink::Answered);
+  EXPECT_EQ(device_.QueryStatus(nullptr, 0), 1);  // from the low rate, where it stays
+  EXPECT_EQ(device_.link(), IntertraxLink::Answered);
 }
 
 // ---- Frames --------------------------------------------------------------------------------
@@ -200,9 +180,9 @@ TEST_F(IntertraxOnALine, AFrameScalesEveryAngle) {
     line_.Send(row.record);
     double time = -1;
     CountAllocations(true);
-    EXPECT_EQ(unit_.ReadFrame(&time), 1U);
+    EXPECT_EQ(device_.ReadFrame(&time), 1U);
     CountAllocations(false);
-    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(unit_.GetSensorEuler(0)[i], row.angles[i]) << i;
+    for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(device_.GetSensorEuler(0)[i], row.angles[i]) << i;
     EXPECT_GT(time, 0);
   }
   EXPECT_EQ(CountedAllocations(), 0);
@@ -220,8 +200,6 @@ struct FrameStory {
   std::vector<int> frames;
 };
 
-void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
-
 class IntertraxFrames : public IntertraxOnALine, public testing::WithParamInterface<FrameStory> {};
 
 // Polled as the engine does, until as many frames have come as are expected.
@@ -230,9 +208,9 @@ TEST_P(IntertraxFrames, AreRead) {
   ScriptedPeer peer(line_, GetParam().script);
   std::vector<int> frames;
   const auto readMore = [&] {
-    unit_.Poll();
-    if (unit_.ReadFrame(nullptr) == 1) {
-      frames.push_back(static_cast<int>(std::lround(unit_.GetSensorEuler(0)[0] / kPi * 32767)));
+    device_.Poll();
+    if (device_.ReadFrame(nullptr) == 1) {
+      frames.push_back(static_cast<int>(std::lround(device_.GetSensorEuler(0)[0] / kPi * 32767)));
     }
     return frames.size() >= GetParam().frames.size();
   };
@@ -271,12 +249,12 @@ TEST_F(IntertraxOnALine, WhatIsNoAnswerIsDropped) {
   const auto reads = [&](const std::string& before, const std::string& after) {
     line_.Received();
     line_.Send(before);
-    WaitUntil([&] { return unit_.InputQueueLength() >= before.size(); });
+    WaitUntil([&] { return device_.InputQueueLength() >= before.size(); });
     ScriptedPeer peer(line_, Expect("3") + Wait(milliseconds(5)) + Send(Record(++yaw)));
-    unit_.Poll();
+    device_.Poll();
     line_.Send(after);
-    return unit_.ReadFrame(nullptr) == 1 &&
-           std::lround(unit_.GetSensorEuler(0)[0] / kPi * 32767) == yaw && peer.Verdict().empty();
+    return device_.ReadFrame(nullptr) == 1 &&
+           std::lround(device_.GetSensorEuler(0)[0] / kPi * 32767) == yaw && peer.Verdict().empty();
   };
   EXPECT_TRUE(reads("\x01\x02\x03", ""));
   EXPECT_TRUE(reads(Record(1), ""));
@@ -288,7 +266,7 @@ TEST_F(IntertraxOnALine, APulledPlugFailsAtOnce) {
   ASSERT_TRUE(Ready());
   line_.HangUp();
   const std::int64_t start = ClockTicks();
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
   EXPECT_LT(ClockTicks() - start, ClockTicksPerSecond());
 }
 

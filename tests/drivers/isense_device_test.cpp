@@ -323,17 +323,5 @@ TEST_F(IsenseDeviceTest, SamplingAllocatesNothing) {
   EXPECT_EQ(CountedAllocations(), before);
 }
 
-TEST(IsenseWithoutLibrary, OpensButDoesNotBoot) {
-  const IsenseSettings settings("/nowhere/libisense.so");
-  IsenseDevice device;
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(device.OpenPortNumber(1, 0), 1);
-  EXPECT_EQ(device.Boot(0), -13);
-  EXPECT_EQ(device.ReadFrame(nullptr), 0U);
-  EXPECT_EQ(device.SetProtocol(1), 1);
-  EXPECT_EQ(device.ClosePort(), 1);
-  testing::internal::GetCapturedStderr();
-}
-
 }  // namespace
 }  // namespace kinetrel::test

@@ -8,9 +8,7 @@
 #include <thread>
 
 #include "drivers/isense_device.h"
-#include "publish/shared_track_reader.h"
-#include "tests/support/child_process.h"
-#include "tests/support/free_slot.h"
+#include "tests/support/emulated_run.h"
 #include "tests/support/isense_settings.h"
 
 namespace kinetrel::test {
@@ -38,24 +36,7 @@ class IsenseProgram {
 
   ChildProcess& program() { return *program_; }
 
-  // What a client gets until `count` frames have been published since its first one.
-  std::vector<SharedTrackBlock> Watch(int count) {
-    std::vector<SharedTrackBlock> seen;
-    int last = 0;
-    WaitUntil(
-        [&] {
-          SharedTrackBlock block{};
-          if (!reader_.OpenOnly(0) || !reader_.WaitForFrame(last, Milliseconds(100)) ||
-              !reader_.Copy(block, Milliseconds(1000)) || block.frameCount <= last) {
-            return false;
-          }
-          last = block.frameCount;
-          seen.push_back(block);
-          return last - seen.front().frameCount >= count;
-        },
-        3 * kPatience);
-    return seen;
-  }
+  std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
 
   int Stop() {
     const auto before = std::chrono::steady_clock::now();
@@ -174,8 +155,6 @@ struct Trouble {
   const char* value;
   Goes goes;
 };
-
-void PrintTo(const Trouble& trouble, std::ostream* out) { *out << trouble.name; }
 
 class IsenseTrouble : public IsenseRun, public testing::WithParamInterface<Trouble> {
  protected:

@@ -10,12 +10,8 @@
 #include "tests/support/joystick_pipes.h"
 #include "tests/support/wait_until.h"
 
-namespace kinetrel {
+namespace kinetrel::test {
 namespace {
-
-using test::AtRest;
-using test::JoystickPipe;
-using test::JoystickRecord;
 
 struct Counts {
   const char* name;
@@ -68,7 +64,7 @@ class JoystickOnAPipe : public testing::Test {
  protected:
   void Plug() { pipe_ = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(4, 3)); }
 
-  test::JoystickDirectory directory_;
+  JoystickDirectory directory_;
   std::unique_ptr<JoystickPipe> pipe_;
 };
 
@@ -143,7 +139,7 @@ TEST_F(JoystickOnAPipe, UnpluggedItKeepsItsValuesAndComesBack) {
   EXPECT_EQ(stick.Boot(0), 0);
   EXPECT_EQ(stick.digitalBits(), 8U);
   Plug();
-  EXPECT_TRUE(test::WaitUntil([&] { return stick.Read(0) != 0; }));
+  EXPECT_TRUE(WaitUntil([&] { return stick.Read(0) != 0; }));
   EXPECT_EQ(stick.digitalBits(), 0U);
 
   pipe_.reset();
@@ -166,4 +162,4 @@ TEST_F(JoystickOnAPipe, ItMayBeBootedWhileItIsRead) {
 }
 
 }  // namespace
-}  // namespace kinetrel
+}  // namespace kinetrel::test

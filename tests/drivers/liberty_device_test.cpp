@@ -137,6 +137,7 @@ TEST_F(LibertyDeviceTest, MakesTheCallsInOrder) {
   EXPECT_NE(device.ReadFrame(nullptr), 0U);
   EXPECT_EQ(device.ClosePort(), 0);
   EXPECT_EQ(Calls(), "StartContPno; StopContPno; SetMetric 0; StartContPno; Disconnect");
+  EXPECT_EQ(device.ReadFrame(nullptr), 0U);
 }
 
 TEST_F(LibertyDeviceTest, RefusedRateKeepsTheOldOne) {
@@ -193,54 +194,6 @@ TEST_F(LibertyDeviceTest, PolledItAsksForEachFrame) {
   EXPECT_EQ(Calls(), "");  // no continuous output
   device.StartContinuous();
   EXPECT_EQ(Calls(), "StartContPno");
-}
-
-// Each from the 20th period on; a frame may then come or not, but nothing is read that is not there
-// and every call ends.
-TEST_F(LibertyDeviceTest, SurvivesWhateverALibraryAnswers) {
-  const Environment::Variables worst[] = {{{"KINETREL_PDI_FRAMES", "null@20"}},
-                                          {{"KINETREL_PDI_FRAMES", "short@20"}},
-                                          {{"KINETREL_PDI_FRAMES", "lie@20"}},
-                                          {{"KINETREL_PDI_FRAMES", "lost@20"}},
-                                          {{"KINETREL_PDI_FRAMES", "stall@20+40"}},
-                                          {{"KINETREL_PDI_FRAMES", "jump@20+4294967295"}},
-                                          {{"KINETREL_PDI_MAP", "0"}},
-                                          {{"KINETREL_PDI_MAP", "0xFFFFFFFF"}},
-                                          {{"KINETREL_PDI_FAIL", "MaxSensors"}},
-                                          {{"KINETREL_PDI_FAIL", "LastPnoPtr"}},
-                                          {{"KINETREL_PDI_FAIL", "GetStationMap"}},
-                                          {{"KINETREL_PDI_FAIL", "DiscoverCnx"}},
-                                          {{"KINETREL_PDI_FAIL", "CnxReady"}},
-                                          {{"KINETREL_PDI_FAIL", "SetSDataList"}},
-                                          {{"KINETREL_PDI_FAIL", "StartContPno"}},
-                                          {{"KINETREL_PDI_FAIL", "GetBITErrs"}},
-                                          {{"KINETREL_PDI_FAIL", "SetStationMap"}},
-                                          {{"KINETREL_PDI_FAIL", "Disconnect"}},
-                                          {{"KINETREL_PDI_FAIL", "GetFrameRate"}},
-                                          {{"KINETREL_PDI_FAIL", "SetMetric"}},
-                                          {{"KINETREL_PDI_FAIL", "SetSHemisphere"}},
-                                          {{"KINETREL_PDI_FAIL", "SetSHemiTrack"}}};
-  for (const auto& row : worst) {
-    SCOPED_TRACE(row[0].first + "=" + row[0].second);
-    const Environment bad(row);
-    LibertyDevice device;
-    device.Boot(0);
-    device.SetSensorMask(0xFFFFFFFF, 0);
-    device.SetComponentMask(7);
-    const float zenith[3] = {1, 0, 0};
-    device.SetHemisphere(-1, zenith);
-    device.SetUnits(0);
-    device.GetFrameRate();
-    for (int i = 0; i < 3; ++i) {
-      device.ReadFrame(nullptr);
-      for (const int sensor : {-1, 0, 3, 15, 16, 1000}) {
-        device.GetSensorPose(sensor);
-        device.GetSensorQuaternion(sensor);
-      }
-    }
-    device.ClosePort();
-    device.ReadFrame(nullptr);
-  }
 }
 
 TEST(LibertyFrame, NothingIsReadOutsideIt) {

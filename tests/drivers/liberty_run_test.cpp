@@ -95,8 +95,6 @@ struct Source {
   std::optional<Arguments> emulator;  // its options; none: the tracker of known motion
 };
 
-void PrintTo(const Source& source, std::ostream* out) { *out << source.name; }
-
 class LibertyRun : public LibertyProgram, public testing::WithParamInterface<Source> {};
 
 TEST_P(LibertyRun, AThousandFramesArriveNoneLostNoneDoubled) {
@@ -140,8 +138,6 @@ struct Trouble {
   const char* value;
   Goes goes;
 };
-
-void PrintTo(const Trouble& trouble, std::ostream* out) { *out << trouble.name; }
 
 class LibertyTrouble : public LibertyProgram, public testing::WithParamInterface<Trouble> {};
 

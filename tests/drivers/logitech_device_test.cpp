@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/scripted_peer.h"
+#include "tests/support/device_on_a_line.h"
 
 namespace kinetrel::test {
 namespace {
@@ -39,32 +39,20 @@ std::string Angles(int pitch, int roll, int yaw) {
   return bytes;
 }
 
-class LogitechOnALine : public testing::Test {
+class LogitechOnALine : public DeviceOnALine<LogitechDevice> {
  protected:
-  void SetUp() override { ASSERT_EQ(unit_.OpenPort(line_.path().c_str(), 115200), 1); }
-
-  BootResult Boot(const Script& script = kBoot) {
-    ScriptedPeer peer(line_, script);
-    const BootResult result = unit_.Boot(0);
-    EXPECT_EQ(peer.Verdict(), "");
-    return result;
-  }
-
   // Sensor 0 after a record that comes at once.
   Pose PoseOf(const std::string& record) {
     line_.Send(record);
     CountAllocations(true);
-    const unsigned updated = unit_.ReadFrame(nullptr);
+    const unsigned updated = device_.ReadFrame(nullptr);
     CountAllocations(false);
     EXPECT_EQ(updated, 1U);
     EXPECT_EQ(CountedAllocations(), 0);
     Pose pose;
-    std::copy_n(unit_.GetSensorPose(0), 6, pose.begin());
+    std::copy_n(device_.GetSensorPose(0), 6, pose.begin());
     return pose;
   }
-
-  PseudoTerminal line_;
-  LogitechDevice unit_;
 };
 
 // ---- Decoding ------------------------------------------------------------------------------
@@ -127,19 +115,11 @@ TEST(LogitechMountings, AreChosenByTheirAxes) {
 
 // ---- Boot ----------------------------------------------------------------------------------
 
-struct BootStory {
-  const char* name;
-  Script script;
-  BootResult result;
-};
-
-void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
-
 class LogitechBoot : public LogitechOnALine, public testing::WithParamInterface<BootStory> {};
 
 TEST_P(LogitechBoot, Ends) {
   EXPECT_EQ(Boot(GetParam().script), GetParam().result);
-  EXPECT_EQ(unit_.IsBooted(), GetParam().result == kBooted);
+  EXPECT_EQ(device_.IsBooted(), GetParam().result == kBooted);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -164,28 +144,28 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(LogitechOnALine, IsWhatItSays) {
-  ASSERT_EQ(Boot(), kBooted);
-  EXPECT_EQ(unit_.GetBaudRate(), 19200U);
-  EXPECT_STREQ(unit_.GetDeviceName(), "Logitech");
-  EXPECT_EQ(unit_.GetDeviceType(nullptr, 0), 0x401);
-  EXPECT_EQ(unit_.GetStatusCode(), 0x400);
-  EXPECT_EQ(unit_.GetFrameRate(), 50);
-  EXPECT_EQ(unit_.GetSensorCount(), 1);
-  EXPECT_EQ(unit_.SetSensorMask(0xF, 0), 1U);
-  EXPECT_EQ(unit_.GetProtocol(), 0);
-  EXPECT_EQ(unit_.readTimeouts().constant, 33U);
-  EXPECT_EQ(unit_.readTimeouts().multiplier, 11U);
-  EXPECT_EQ(unit_.readTimeouts().interval, 22U);
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  EXPECT_EQ(device_.GetBaudRate(), 19200U);
+  EXPECT_STREQ(device_.GetDeviceName(), "Logitech");
+  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 0x401);
+  EXPECT_EQ(device_.GetStatusCode(), 0x400);
+  EXPECT_EQ(device_.GetFrameRate(), 50);
+  EXPECT_EQ(device_.GetSensorCount(), 1);
+  EXPECT_EQ(device_.SetSensorMask(0xF, 0), 1U);
+  EXPECT_EQ(device_.GetProtocol(), 0);
+  EXPECT_EQ(device_.readTimeouts().constant, 33U);
+  EXPECT_EQ(device_.readTimeouts().multiplier, 11U);
+  EXPECT_EQ(device_.readTimeouts().interval, 22U);
 }
 
 TEST_F(LogitechOnALine, ASecondBootKeepsTheMountingAndDropsTheInput) {
-  ASSERT_EQ(Boot(), kBooted);
-  unit_.SetProtocol(2);
-  unit_.SetSensorOffsetComponent(0, 0, 2.5);
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  device_.SetProtocol(2);
+  device_.SetSensorOffsetComponent(0, 0, 2.5);
   line_.Send(Record(5).substr(0, 9));
-  EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
-  ASSERT_EQ(Boot(), kBooted);
-  EXPECT_EQ(unit_.GetProtocol(), 2);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  EXPECT_EQ(device_.GetProtocol(), 2);
   EXPECT_FLOAT_EQ(PoseOf(Record(0))[1], -2.5F);
 }
 
@@ -199,17 +179,15 @@ struct StatusStory {
   std::string text;
 };
 
-void PrintTo(const StatusStory& story, std::ostream* out) { *out << story.name; }
-
 class LogitechStatus : public LogitechOnALine, public testing::WithParamInterface<StatusStory> {};
 
 TEST_P(LogitechStatus, IsTheSelfTest) {
   const StatusStory& row = GetParam();
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   ScriptedPeer peer(
       line_, Expect("*m") + Send(std::string(30, '\x55')) + Expect(kSelfTest) + Send(row.answer));
   char text[128] = "untouched";
-  EXPECT_EQ(unit_.QueryStatus(text, row.size), row.verdict);
+  EXPECT_EQ(device_.QueryStatus(text, row.size), row.verdict);
   EXPECT_EQ(text, row.text);
   EXPECT_EQ(peer.Verdict(), "");
 }
@@ -233,14 +211,14 @@ INSTANTIATE_TEST_SUITE_P(
 // A record that was asked for is on its way: it must not be taken for the answer, and the next
 // frame wants another one.
 TEST_F(LogitechOnALine, StatusBetweenARequestAndItsRecord) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   ScriptedPeer peer(line_, Expect("*d") + Send(Record(1)) + Expect("*m") +
                                Send(std::string(30, 'i')) + Expect(kSelfTest) + Send(kPassed) +
                                Expect("*d") + Send(Record(2)));
-  unit_.Poll();
-  EXPECT_EQ(unit_.QueryStatus(nullptr, 0), 1);
-  EXPECT_EQ(unit_.ReadFrame(nullptr), 1U);
-  EXPECT_FLOAT_EQ(unit_.GetSensorPose(0)[0], 2 * 0.00254F);
+  device_.Poll();
+  EXPECT_EQ(device_.QueryStatus(nullptr, 0), 1);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_.GetSensorPose(0)[0], 2 * 0.00254F);
   EXPECT_EQ(peer.Verdict(), "");
 }
 
@@ -252,19 +230,17 @@ struct FrameStory {
   std::vector<int> frames;  // x in counts
 };
 
-void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
-
 class LogitechFrames : public LogitechOnALine, public testing::WithParamInterface<FrameStory> {};
 
 // Polled as the engine does, until as many frames have come as are expected.
 TEST_P(LogitechFrames, AreRead) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   ScriptedPeer peer(line_, GetParam().script);
   std::vector<int> frames;
   const auto readMore = [&] {
-    unit_.Poll();
-    if (unit_.ReadFrame(nullptr) == 1) {
-      frames.push_back(static_cast<int>(std::lround(unit_.GetSensorPose(0)[0] / 0.00254)));
+    device_.Poll();
+    if (device_.ReadFrame(nullptr) == 1) {
+      frames.push_back(static_cast<int>(std::lround(device_.GetSensorPose(0)[0] / 0.00254)));
     }
     return frames.size() >= GetParam().frames.size();
   };
@@ -295,39 +271,39 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(LogitechOnALine, AnAnswerThatComesTooLateIsDropped) {
-  ASSERT_EQ(Boot(), kBooted);
-  unit_.Poll();
-  EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  device_.Poll();
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
   line_.Send(kOne);
-  ASSERT_TRUE(WaitUntil([&] { return unit_.InputQueueLength() == 16; }));
+  ASSERT_TRUE(WaitUntil([&] { return device_.InputQueueLength() == 16; }));
   ScriptedPeer peer(line_, Expect("*d*d") + Send(Record(2)));
-  unit_.Poll();
-  EXPECT_EQ(unit_.ReadFrame(nullptr), 1U);
-  EXPECT_FLOAT_EQ(unit_.GetSensorPose(0)[0], 2 * 0.00254F);
+  device_.Poll();
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_.GetSensorPose(0)[0], 2 * 0.00254F);
   EXPECT_EQ(peer.Verdict(), "");
 }
 
 TEST_F(LogitechOnALine, AFailedFrameLeavesThePose) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   PoseOf(Record(1, '\x85'));
-  EXPECT_EQ(unit_.OwnButtons().bits, 5U);
-  EXPECT_EQ(unit_.OwnButtons().known, 0x7FU);
+  EXPECT_EQ(device_.OwnButtons().bits, 5U);
+  EXPECT_EQ(device_.OwnButtons().known, 0x7FU);
   line_.Send(Record(9, '\xA3'));
-  EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
-  EXPECT_EQ(unit_.InputQueueLength(), 0U);
-  EXPECT_EQ(unit_.OwnButtons().bits, 0x23U);
-  EXPECT_FLOAT_EQ(unit_.GetSensorPose(0)[0], 0.00254F);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+  EXPECT_EQ(device_.InputQueueLength(), 0U);
+  EXPECT_EQ(device_.OwnButtons().bits, 0x23U);
+  EXPECT_FLOAT_EQ(device_.GetSensorPose(0)[0], 0.00254F);
 }
 
 TEST_F(LogitechOnALine, APulledPlugFailsAtOnce) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   line_.HangUp();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(unit_.ReadFrame(nullptr), 0U);
-  EXPECT_TRUE(unit_.LineLost());
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+  EXPECT_TRUE(device_.LineLost());
 }
 
 TEST_F(LogitechOnALine, AnglesAreWrapped) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   struct Row {
     int counts;
     float angle;
@@ -345,9 +321,9 @@ TEST_F(LogitechOnALine, AnglesAreWrapped) {
 }
 
 TEST_F(LogitechOnALine, AFrameScalesEveryValue) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   const float offset[6] = {1, 2, 3, 0, 0, 0};
-  EXPECT_TRUE(unit_.SetSensorOffset(-1, offset));
+  EXPECT_TRUE(device_.SetSensorOffset(-1, offset));
   const std::string record =
       "\x80\x00\x07\x68\x7F\x70\x30\x00\x0F\x50"s + Angles(3600, 0, 3600);  // y 1000 x -2000 z 2000
   struct UnitRow {
@@ -355,8 +331,8 @@ TEST_F(LogitechOnALine, AFrameScalesEveryValue) {
     float f;
   };
   for (const UnitRow& row : {UnitRow{0, 0.001F}, {1, 0.00254F}, {3, 2.54e-05F}, {2, 0.001F}}) {
-    EXPECT_EQ(unit_.SetUnits(row.units), 1);
-    EXPECT_EQ(unit_.GetUnits(), row.units);
+    EXPECT_EQ(device_.SetUnits(row.units), 1);
+    EXPECT_EQ(device_.GetUnits(), row.units);
     const Pose pose = PoseOf(record);
     EXPECT_FLOAT_EQ(pose[0], 1 - 2000 * row.f);
     EXPECT_FLOAT_EQ(pose[1], 2 + 1000 * row.f);
@@ -365,45 +341,45 @@ TEST_F(LogitechOnALine, AFrameScalesEveryValue) {
     EXPECT_NEAR(pose[4], 0, 1e-6);
     EXPECT_FLOAT_EQ(pose[5], -1.5707964F);
   }
-  const Quaternion expected = EulerToQuaternion(unit_.GetSensorEuler(0));
-  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(unit_.GetSensorQuaternion(0)[i], expected[i]);
+  const Quaternion expected = EulerToQuaternion(device_.GetSensorEuler(0));
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_EQ(device_.GetSensorQuaternion(0)[i], expected[i]);
 }
 
 // ---- Settings ------------------------------------------------------------------------------
 
 TEST_F(LogitechOnALine, OffsetsFollowTheMounting) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   const float x[3] = {0, 0, 1};
   const float y[3] = {0, 1, 0};
   const float offset[6] = {1, 2, 3, 0.1F, 0.2F, 0.3F};
   const float tilted[3] = {0.7F, 0.7F, 0};
   for (const bool offsetFirst : {true, false}) {
-    unit_.SetProtocol(0);
-    if (offsetFirst) unit_.SetSensorOffset(-1, offset);
-    EXPECT_EQ(unit_.SetAlignment(-1, x, y), 1);
-    if (!offsetFirst) unit_.SetSensorOffset(0, offset);
-    EXPECT_EQ(unit_.GetProtocol(), 1);
+    device_.SetProtocol(0);
+    if (offsetFirst) device_.SetSensorOffset(-1, offset);
+    EXPECT_EQ(device_.SetAlignment(-1, x, y), 1);
+    if (!offsetFirst) device_.SetSensorOffset(0, offset);
+    EXPECT_EQ(device_.GetProtocol(), 1);
     const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
     for (std::size_t i = 0; i < 6; ++i) EXPECT_NEAR(pose[i], offset[i], 1e-6) << i;
   }
-  EXPECT_EQ(unit_.SetAlignment(0, tilted, y), 0);
-  EXPECT_EQ(unit_.SetAlignment(1, x, y), 0);
-  EXPECT_EQ(unit_.GetProtocol(), 1);
+  EXPECT_EQ(device_.SetAlignment(0, tilted, y), 0);
+  EXPECT_EQ(device_.SetAlignment(1, x, y), 0);
+  EXPECT_EQ(device_.GetProtocol(), 1);
 }
 
 TEST_F(LogitechOnALine, OffsetComponents) {
-  ASSERT_EQ(Boot(), kBooted);
+  ASSERT_EQ(Boot(kBoot), kBooted);
   for (unsigned component = 0; component < 6; ++component) {
-    EXPECT_TRUE(unit_.SetSensorOffsetComponent(0, component, 0.5 + component / 10.0));
+    EXPECT_TRUE(device_.SetSensorOffsetComponent(0, component, 0.5 + component / 10.0));
   }
-  EXPECT_FALSE(unit_.SetSensorOffsetComponent(0, 7, 1.0));
-  EXPECT_FALSE(unit_.SetSensorOffsetComponent(0, 10, 1.0));
-  EXPECT_FALSE(unit_.SetSensorOffsetComponent(1, 0, 9.0));
-  unit_.SetProtocol(5);  // no mounting: as it is read
+  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 7, 1.0));
+  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 10, 1.0));
+  EXPECT_FALSE(device_.SetSensorOffsetComponent(1, 0, 9.0));
+  device_.SetProtocol(5);  // no mounting: as it is read
   const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
   for (std::size_t i = 0; i < 6; ++i) {
     EXPECT_FLOAT_EQ(pose[i], 0.5F + static_cast<float>(i) / 10) << i;
-    EXPECT_FLOAT_EQ(unit_.GetSensorOffset(0)[i], 0.5F + static_cast<float>(i) / 10) << i;
+    EXPECT_FLOAT_EQ(device_.GetSensorOffset(0)[i], 0.5F + static_cast<float>(i) / 10) << i;
   }
 }
 

@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/scripted_peer.h"
+#include "tests/support/device_on_a_line.h"
 
 namespace kinetrel::test {
 namespace {
@@ -25,37 +25,21 @@ std::string Encoders(int pan, int tilt) {
   return "\x11\x12\x13\x14"s.append(4, '\x7F') + Word(pan) + Word(tilt);
 }
 
-Script Answer(const std::string& request, const std::string& answer) {
-  return Expect(request) + Send(answer);
-}
-
 const std::string kZero = Encoders(0, 0);
 const std::string kOne = Encoders(1000, -2000);
 const std::string kTwo = Encoders(-500, 250);
 
-class HeadOnALine : public testing::Test {
+class HeadOnALine : public DeviceOnALine<PanTiltDevice> {
  protected:
-  void SetUp() override { ASSERT_EQ(head_.OpenPort(line_.path().c_str(), 115200), 1); }
-
-  BootResult Boot(const Script& script) {
-    ScriptedPeer peer(line_, script);
-    const BootResult result = head_.Boot(0);
-    EXPECT_EQ(peer.Verdict(), "");
-    return result;
-  }
-
   // With the answer to the boot's own request read.
   void BootAndRead() {
     ASSERT_EQ(Boot(Answer("d", kZero) + Expect("Z")), kBooted);
     ScriptedPeer peer(line_, Answer("d", kZero));
-    ASSERT_EQ(head_.ReadFrame(nullptr), 1U);
+    ASSERT_EQ(device_.ReadFrame(nullptr), 1U);
   }
 
-  long Azimuth() { return std::lround(head_.GetSensorEuler(0)[0] * 2000 / kPi); }
-  long Elevation() { return std::lround(head_.GetSensorEuler(0)[1] * 2000 / kPi); }
-
-  PseudoTerminal line_;
-  PanTiltDevice head_;
+  long Azimuth() { return std::lround(device_.GetSensorEuler(0)[0] * 2000 / kPi); }
+  long Elevation() { return std::lround(device_.GetSensorEuler(0)[1] * 2000 / kPi); }
 };
 
 // ---- Decoding ------------------------------------------------------------------------------
@@ -82,21 +66,13 @@ TEST(PanTiltAnswer, WordsFillTheirPlacesAndTheLastPlaceTakesTheRest) {
 
 // ---- Boot ----------------------------------------------------------------------------------
 
-struct BootStory {
-  const char* name;
-  Script script;
-  BootResult result;
-};
-
-void PrintTo(const BootStory& story, std::ostream* out) { *out << story.name; }
-
 class HeadBoot : public HeadOnALine, public testing::WithParamInterface<BootStory> {};
 
 TEST_P(HeadBoot, Ends) {
   EXPECT_EQ(Boot(GetParam().script), GetParam().result);
-  EXPECT_EQ(head_.IsBooted(), GetParam().result == kBooted);
-  EXPECT_EQ(head_.GetBaudRate(), 9600U);
-  EXPECT_EQ(head_.GetStatusCode(), 0x103);
+  EXPECT_EQ(device_.IsBooted(), GetParam().result == kBooted);
+  EXPECT_EQ(device_.GetBaudRate(), 9600U);
+  EXPECT_EQ(device_.GetStatusCode(), 0x103);
 }
 
 Script ThreeTimes(const Script& script) { return script + script + script; }
@@ -138,9 +114,9 @@ TEST_F(HeadOnALine, TheAnswersLengthIsTheStatus) {
   };
   for (const StatusRow& row : rows) {
     ScriptedPeer peer(line_, Answer(std::string(1, row.request), std::string(row.bytes, 'x')));
-    EXPECT_EQ(head_.SetProtocol(row.request), row.request);
+    EXPECT_EQ(device_.SetProtocol(row.request), row.request);
     char text[100] = "";
-    EXPECT_EQ(head_.QueryStatus(text, sizeof text), row.result) << text;
+    EXPECT_EQ(device_.QueryStatus(text, sizeof text), row.result) << text;
     EXPECT_STREQ(text, row.text);
     EXPECT_EQ(peer.Verdict(), "");
   }
@@ -148,11 +124,11 @@ TEST_F(HeadOnALine, TheAnswersLengthIsTheStatus) {
 
 TEST_F(HeadOnALine, AStatusTextNeedsRoom) {
   char text[40] = "as it was";
-  EXPECT_EQ(head_.QueryStatus(text, 32), 0);
+  EXPECT_EQ(device_.QueryStatus(text, 32), 0);
   EXPECT_STREQ(text, "as it was");
-  EXPECT_EQ(head_.QueryStatus(text, 33), 0);
+  EXPECT_EQ(device_.QueryStatus(text, 33), 0);
   EXPECT_STREQ(text, "Encoders only enabled.  0 bytes ");
-  EXPECT_EQ(head_.QueryStatus(nullptr, 100), 0);
+  EXPECT_EQ(device_.QueryStatus(nullptr, 100), 0);
 }
 
 // ---- Frames --------------------------------------------------------------------------------
@@ -165,8 +141,6 @@ struct FrameStory {
   long elevation = 0;
 };
 
-void PrintTo(const FrameStory& story, std::ostream* out) { *out << story.name; }
-
 class HeadFrame : public HeadOnALine, public testing::WithParamInterface<FrameStory> {};
 
 // Whatever came before, the next answer is read as it is.
@@ -174,13 +148,13 @@ TEST_P(HeadFrame, IsRead) {
   BootAndRead();
   {
     ScriptedPeer peer(line_, Expect("d") + GetParam().answer);
-    EXPECT_EQ(head_.ReadFrame(nullptr), GetParam().result);
+    EXPECT_EQ(device_.ReadFrame(nullptr), GetParam().result);
     EXPECT_EQ(Azimuth(), GetParam().azimuth);
     EXPECT_EQ(Elevation(), GetParam().elevation);
     EXPECT_EQ(peer.Verdict(), "");
   }
   ScriptedPeer peer(line_, Answer("d", kTwo));
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), 500);
   EXPECT_EQ(Elevation(), 250);
   EXPECT_EQ(peer.Verdict(), "");
@@ -202,22 +176,22 @@ INSTANTIATE_TEST_SUITE_P(Line, HeadFrame,
 TEST_F(HeadOnALine, TheFirstFrameIsOfTheAnswerLeftByTheBoot) {
   ASSERT_EQ(Boot(Answer("d", kOne) + Expect("Z")), kBooted);
   ScriptedPeer peer(line_, Answer("d", kTwo));
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), -1000);
-  EXPECT_EQ(head_.InputQueueLength(), 0U);  // that to the frame's own poll does not lag behind
+  EXPECT_EQ(device_.InputQueueLength(), 0U);  // that to the frame's own poll does not lag behind
 }
 
 TEST_F(HeadOnALine, AFrameTellsItsTimeAndTurnsNothingElse) {
   BootAndRead();
   ScriptedPeer peer(line_, Answer("d", kOne));
-  head_.Poll();
+  device_.Poll();
   double time = -1;
   CountAllocations(true);
-  EXPECT_EQ(head_.ReadFrame(&time), 1U);
+  EXPECT_EQ(device_.ReadFrame(&time), 1U);
   CountAllocations(false);
   EXPECT_EQ(CountedAllocations(), 0);
   EXPECT_GT(time, 0);
-  const float* const pose = head_.GetSensorPose(0);
+  const float* const pose = device_.GetSensorPose(0);
   EXPECT_FLOAT_EQ(pose[3], static_cast<float>(-kPi / 2));
   EXPECT_FLOAT_EQ(pose[4], static_cast<float>(-kPi));
   EXPECT_EQ(pose[0], 0.0F);
@@ -228,56 +202,56 @@ TEST_F(HeadOnALine, AFrameTellsItsTimeAndTurnsNothingElse) {
 // The answer that was too late comes together with the next one.
 TEST_F(HeadOnALine, ALateAnswerDelaysNoLaterOne) {
   BootAndRead();
-  head_.Poll();
-  EXPECT_EQ(head_.ReadFrame(nullptr), 0U);
+  device_.Poll();
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
   ScriptedPeer late(line_, Expect("d") + Answer("d", kOne + kTwo));
-  head_.Poll();
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  device_.Poll();
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), -1000);
   EXPECT_EQ(late.Verdict(), "");
   ScriptedPeer next(line_, Answer("d", kZero));
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), 0);
 }
 
 TEST_F(HeadOnALine, NothingIsReadFromAHeadThatIsNotThere) {
-  EXPECT_EQ(head_.ReadFrame(nullptr), 0U);  // not booted
+  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);  // not booted
   BootAndRead();
   line_.HangUp();
   double time = -1;
-  EXPECT_EQ(head_.ReadFrame(&time), 0U);
+  EXPECT_EQ(device_.ReadFrame(&time), 0U);
   EXPECT_EQ(time, -1);
-  EXPECT_TRUE(head_.LineLost());
+  EXPECT_TRUE(device_.LineLost());
 }
 
 // ---- Settings ------------------------------------------------------------------------------
 
 TEST_F(HeadOnALine, IsWhatItSays) {
-  EXPECT_STREQ(head_.GetDeviceName(), "Fakespace PanTiltHead");
-  EXPECT_EQ(head_.GetDeviceType(nullptr, 0), 20);
-  EXPECT_EQ(head_.GetStatusCode(), 0);
-  EXPECT_EQ(head_.GetFrameRate(), 30);
-  EXPECT_EQ(head_.SetComponentMask(7), 2U);
-  EXPECT_EQ(head_.GetComponentMask(), 2U);
+  EXPECT_STREQ(device_.GetDeviceName(), "Fakespace PanTiltHead");
+  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 20);
+  EXPECT_EQ(device_.GetStatusCode(), 0);
+  EXPECT_EQ(device_.GetFrameRate(), 30);
+  EXPECT_EQ(device_.SetComponentMask(7), 2U);
+  EXPECT_EQ(device_.GetComponentMask(), 2U);
 }
 
 TEST_F(HeadOnALine, TheProtocolIsTheRequest) {
   BootAndRead();
-  EXPECT_EQ(head_.SetProtocol('b'), 'b');
+  EXPECT_EQ(device_.SetProtocol('b'), 'b');
   ScriptedPeer all(line_, Answer("b", kOne + "\x01\x02"));
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), -1000);
   EXPECT_EQ(all.Verdict(), "");
 
-  EXPECT_EQ(head_.SetProtocol('a'), 'a');
+  EXPECT_EQ(device_.SetProtocol('a'), 'a');
   ScriptedPeer alternate(line_, Answer("a", "\x01\x02") + Answer("a", "\x01\x02"));
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
-  EXPECT_EQ(head_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
+  EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), -1000);
   EXPECT_EQ(alternate.Verdict(), "");
 
-  EXPECT_EQ(head_.SetProtocol(0x164), 0x64);
-  EXPECT_EQ(head_.GetProtocol(), 0x164);
+  EXPECT_EQ(device_.SetProtocol(0x164), 0x64);
+  EXPECT_EQ(device_.GetProtocol(), 0x164);
 }
 
 }  // namespace

@@ -31,8 +31,6 @@ struct Bytes {
   std::string frames;  // station, command and size of each
 };
 
-void PrintTo(const Bytes& bytes, std::ostream* out) { *out << bytes.name; }
-
 void Feed(PdiFrameReader& reader, std::string_view bytes) {
   const auto room = reader.Room();
   ASSERT_GE(room.size(), bytes.size());

@@ -99,8 +99,6 @@ struct FaultCase {
   std::string received;  // in 450 ms, four records; a byte that is noise is shown as ?
 };
 
-void PrintTo(const FaultCase& row, std::ostream* out) { *out << row.name; }
-
 class Faults : public testing::TestWithParam<FaultCase> {};
 
 std::string Letters(std::string_view counts) {

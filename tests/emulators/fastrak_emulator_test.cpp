@@ -36,35 +36,16 @@ std::size_t Count(const std::string& text, const std::string& part) {
 
 // ---- Dialogues ---------------------------------------------------------------------------------
 
-struct Exchange {
-  std::string host;
-  std::string device;
-};
-
 struct Dialogue {
   const char* name;
   FastrakSettings settings;
   std::vector<Exchange> exchanges;
 };
 
-void PrintTo(const Dialogue& dialogue, std::ostream* out) { *out << dialogue.name; }
-
 class FastrakDialogue : public testing::TestWithParam<Dialogue> {};
 
 TEST_P(FastrakDialogue, AnswersAsTheUnitWould) {
-  DeviceBench bench = Fastrak(GetParam().settings);
-  for (const auto& [host, device] : GetParam().exchanges)
-    EXPECT_EQ(bench.Ask(host), device) << host;
-}
-
-// Every command byte by byte, as a slow line brings them.
-TEST_P(FastrakDialogue, IsTheSameByteByByte) {
-  DeviceBench bench = Fastrak(GetParam().settings);
-  for (const auto& [host, device] : GetParam().exchanges) {
-    std::string got;
-    for (const char byte : host) got += bench.Ask({&byte, 1}, milliseconds(1));
-    EXPECT_EQ(got + bench.Collect(milliseconds(200)), device) << host;
-  }
+  ExpectDialogue([] { return Fastrak(GetParam().settings); }, GetParam().exchanges);
 }
 
 const std::string kAscii = "   1.00  -2.00   5.00  90.00 -45.00  30.00\r\n";
@@ -149,8 +130,6 @@ struct BinaryCase {
   std::string record;
 };
 
-void PrintTo(const BinaryCase& row, std::ostream* out) { *out << row.name; }
-
 class FastrakBinary : public testing::TestWithParam<BinaryCase> {};
 
 TEST_P(FastrakBinary, SendsTheseBytes) {
@@ -220,8 +199,6 @@ struct RateCase {
   unsigned baud;
   std::size_t perTenSeconds;  // records
 };
-
-void PrintTo(const RateCase& row, std::ostream* out) { *out << row.name; }
 
 class FastrakRate : public testing::TestWithParam<RateCase> {};
 

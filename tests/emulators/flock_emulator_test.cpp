@@ -18,33 +18,16 @@ DeviceBench Flock(FlockSettings settings = {}, const MotionPose& pose = kPose) {
   return DeviceBench(std::make_unique<FlockEmulator>(settings, MakeHold(pose)));
 }
 
-struct Exchange {
-  std::string host;
-  std::string device;
-};
-
 struct Dialogue {
   const char* name;
   FlockSettings settings;
   std::vector<Exchange> exchanges;
 };
 
-void PrintTo(const Dialogue& dialogue, std::ostream* out) { *out << dialogue.name; }
-
 class FlockDialogue : public testing::TestWithParam<Dialogue> {};
 
 TEST_P(FlockDialogue, AnswersAsTheUnitWould) {
-  DeviceBench bench = Flock(GetParam().settings);
-  for (const auto& [host, device] : GetParam().exchanges) EXPECT_EQ(bench.Ask(host), device);
-}
-
-TEST_P(FlockDialogue, IsTheSameByteByByte) {
-  DeviceBench bench = Flock(GetParam().settings);
-  for (const auto& [host, device] : GetParam().exchanges) {
-    std::string got;
-    for (const char byte : host) got += bench.Ask({&byte, 1}, milliseconds(1));
-    EXPECT_EQ(got + bench.Collect(milliseconds(200)), device);
-  }
+  ExpectDialogue([] { return Flock(GetParam().settings); }, GetParam().exchanges);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -17,6 +17,25 @@
 
 namespace kinetrel::test {
 
+// What a client gets until `count` frames have been published since its first one; fewer when they
+// do not come in time. A client may oversleep frames: frameCount tells how many.
+inline std::vector<SharedTrackBlock> WatchFrames(SharedTrackReader& reader, int count) {
+  std::vector<SharedTrackBlock> seen;
+  int last = 0;
+  const auto enough = [&] {
+    SharedTrackBlock block{};
+    if (!reader.OpenOnly(0) || !reader.WaitForFrame(last, Milliseconds(100)) ||
+        !reader.Copy(block, Milliseconds(1000)) || block.frameCount <= last) {
+      return false;
+    }
+    last = block.frameCount;
+    seen.push_back(block);
+    return last - seen.front().frameCount >= count;
+  };
+  WaitUntil(enough, 3 * kPatience);
+  return seen;
+}
+
 class EmulatedRun {
  public:
   // Starts both; arguments beyond the device, its type, the port and the slot are the test's.
@@ -33,26 +52,11 @@ class EmulatedRun {
         ChildProcess::Options{.environment = {{"KINETREL_COM1", link_}}, .emptyInput = true});
   }
 
-  // What a client gets until `count` frames have been published since its first one; fewer when
-  // they do not come in time. A client may oversleep frames: frameCount tells how many.
-  std::vector<SharedTrackBlock> Watch(int count,
-                                      std::chrono::milliseconds patience = 3 * kPatience) {
-    std::vector<SharedTrackBlock> seen;
-    int last = 0;
-    WaitUntil(
-        [&] {
-          SharedTrackBlock block{};
-          if (!reader_.OpenOnly(0) || !reader_.WaitForFrame(last, Milliseconds(100)) ||
-              !reader_.Copy(block, Milliseconds(1000)) || block.frameCount <= last) {
-            return false;
-          }
-          last = block.frameCount;
-          seen.push_back(block);
-          return last - seen.front().frameCount >= count;
-        },
-        patience);
-    return seen;
-  }
+  ~EmulatedRun() { ::unlink(link_.c_str()); }  // the emulator is killed, and leaves its link
+  EmulatedRun(const EmulatedRun&) = delete;
+  EmulatedRun& operator=(const EmulatedRun&) = delete;
+
+  std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
 
   ChildProcess& emulator() { return *emulator_; }
   ChildProcess& tracker() { return *tracker_; }

@@ -30,6 +30,10 @@ inline Script operator+(Script first, const Script& then) {
   return first;
 }
 
+inline Script Answer(std::string request, std::string answer) {
+  return Expect(std::move(request)) + Send(std::move(answer));
+}
+
 class ScriptedPeer {
  public:
   // Uses the far end of `line` until the verdict is given.

@@ -2,12 +2,13 @@
 // the emulated device, at the precision of its records, with none lost and none doubled.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
-#include <map>
 #include <numbers>
+#include <set>
 
 #include "emulators/motion.h"
-#include "tests/end_to_end/whole_run.h"
+#include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
 namespace {
@@ -63,36 +64,42 @@ constexpr bool SlowedDown() {
 
 struct Tracker {
   const char* name;
-  std::vector<std::string> device;
-  std::vector<std::string> options;
+  const char* device;
+  int type;
+  std::vector<std::string> options;  // of the emulator
   Found (*find)(const std::array<float, 6>& pose);
   long turn;              // frames after which poses come again; 0: never
   int frames;             // to be published
   bool unmarked = false;  // its records have no mark: noise just before one shifts it
 };
 
-void PrintTo(const Tracker& tracker, std::ostream* out) { *out << tracker.name; }
-
-class SmallTrackers : public testing::TestWithParam<Tracker> {};
+class SmallTrackers : public testing::TestWithParam<Tracker> {
+ protected:
+  EmulatedRun Start(std::vector<std::string> options = {}) const {
+    const Tracker& row = GetParam();
+    options.insert(options.begin(), row.options.begin(), row.options.end());
+    options.push_back("--motion=ramp");
+    return {row.device, row.type, options};
+  }
+};
 
 TEST_P(SmallTrackers, LoseNothingAndDoubleNothing) {
   const Tracker& row = GetParam();
-  WholeRun run(row.device, row.options);
+  EmulatedRun run = Start();
+  const auto blocks = run.Watch(row.frames);
+  ASSERT_FALSE(blocks.empty()) << run.tracker().error();
+  EXPECT_GE(blocks.back().frameCount - blocks.front().frameCount, row.frames);
   // A pose's frame less the frame that was published: one number for the whole run.
-  std::map<long, int> shifts;
+  std::set<long> shifts;
   double worst = 0;
-  int first = -1;
-  const bool whole = run.Watch([&](const SharedTrackBlock& block) {
-    if (first < 0) first = block.frameCount;
+  for (const SharedTrackBlock& block : blocks) {
     const Found found = row.find(block.poses[0]);
     const long shift = found.frame - block.frameCount;
-    ++shifts[row.turn > 0 ? (shift % row.turn + row.turn) % row.turn : shift];
+    shifts.insert(row.turn > 0 ? (shift % row.turn + row.turn) % row.turn : shift);
     worst = std::max(worst, found.error);
-    return block.frameCount - first >= row.frames;
-  });
-  EXPECT_TRUE(whole) << run.kinetrel().error();
+  }
   // On a machine that is far too busy an answer may come too late: then the console says so.
-  const std::string& console = run.kinetrel().output();
+  const std::string& console = run.tracker().output();
   std::size_t announced = 0;
   for (std::size_t at = console.find("e\b"); at != std::string::npos; ++announced) {
     at = console.find("e\b", at + 1);
@@ -107,53 +114,35 @@ TEST_P(SmallTrackers, LoseNothingAndDoubleNothing) {
 // record is made up of the wrong bytes.
 TEST_P(SmallTrackers, ComeThroughADisturbedLine) {
   const Tracker& row = GetParam();
-  std::vector<std::string> device = row.device;
-  device.insert(device.end(), {"--fault=noise:3@/0.4s", "--fault=cut@/#25"});
-  WholeRun run(device, row.options);
-  int good = 0;
-  int wrong = 0;
-  const bool whole = run.Watch([&](const SharedTrackBlock& block) {
-    ++(row.find(block.poses[0]).error <= 1 ? good : wrong);
-    return good >= row.frames / 5;
+  EmulatedRun run = Start({"--fault=noise:3@/0.4s", "--fault=cut@/#25"});
+  const auto blocks = run.Watch(row.frames / 4);
+  ASSERT_FALSE(blocks.empty()) << run.tracker().error();
+  EXPECT_GE(blocks.back().frameCount - blocks.front().frameCount, row.frames / 4);
+  const auto wrong = std::count_if(blocks.begin(), blocks.end(), [&row](const auto& block) {
+    return row.find(block.poses[0]).error > 1;
   });
-  EXPECT_TRUE(whole) << run.kinetrel().error();
-  EXPECT_LE(wrong, row.unmarked ? good / 20 : 0);
+  EXPECT_LE(wrong, row.unmarked ? std::ssize(blocks) / 20 : 0);
 }
 
 // The unplugged port comes back after a second, under another name behind the same link.
 TEST_P(SmallTrackers, ComeBackAfterAnUnplug) {
-  const Tracker& row = GetParam();
-  std::vector<std::string> device = row.device;
-  device.insert(device.end(), {"--fault", "unplug:1@usr1"});
-  WholeRun run(device, row.options);
-  int after = 0;
-  bool unplugged = false;
-  const bool whole = run.Watch([&](const SharedTrackBlock&) {
-    if (!unplugged) {
-      run.emulator().Signal(SIGUSR1);
-      unplugged = run.kinetrel().ExpectError("has gone; waiting for it ... ");
-      return !unplugged;
-    }
-    return ++after > 20;
-  });
-  EXPECT_TRUE(whole && unplugged) << run.kinetrel().error();
-  EXPECT_TRUE(run.kinetrel().ExpectError(" is back after "));
+  EmulatedRun run = Start({"--fault=unplug:1@usr1"});
+  ASSERT_FALSE(run.Watch(1).empty()) << run.tracker().error();
+  run.emulator().Signal(SIGUSR1);
+  EXPECT_TRUE(run.tracker().ExpectError("has gone; waiting for it ... "));
+  EXPECT_TRUE(run.tracker().ExpectError(" is back after "));
+  const auto blocks = run.Watch(20);
+  ASSERT_FALSE(blocks.empty()) << run.tracker().error();
+  EXPECT_GE(blocks.back().frameCount - blocks.front().frameCount, 20);
 }
 
 // The receiver's line carries no more than some fifteen positions a second, so it runs for fewer
 // frames.
 INSTANTIATE_TEST_SUITE_P(
     Emulated, SmallTrackers,
-    testing::Values(
-        Tracker{"Logitech", {"logitech", "--motion=ramp"}, {"-d", "4"}, FindLogitech, 0, 1000},
-        Tracker{"Intertrax",
-                {"intertrax", "--motion=ramp"},
-                {"-d", "9"},
-                FindIntertrax,
-                360,
-                1000,
-                true},
-        Tracker{"Gps", {"gps", "--motion=ramp", "--rate=15"}, {"-d", "12"}, FindGps, 0, 300}),
+    testing::Values(Tracker{"Logitech", "logitech", 4, {}, FindLogitech, 0, 1000},
+                    Tracker{"Intertrax", "intertrax", 9, {}, FindIntertrax, 360, 1000, true},
+                    Tracker{"Gps", "gps", 12, {"--rate=15"}, FindGps, 0, 300}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace
