@@ -19,9 +19,7 @@ cmake --build "$work/examples" >/dev/null
 
 if command -v pkg-config >/dev/null; then
   export PKG_CONFIG_PATH=$libdir/pkgconfig
-  # The prefix in the file is the one of the configuration; this installation is elsewhere.
   # shellcheck disable=SC2046
-  cc "$source/examples/steer.c" $(pkg-config --define-variable=prefix="$prefix" --cflags --libs \
-    kinetrel) -o "$work/steer"
+  cc "$source/examples/steer.c" $(pkg-config --cflags --libs kinetrel) -o "$work/steer"
   LD_LIBRARY_PATH=$libdir "$work/steer" -d8 -z- "-w$slot" 2>/dev/null | grep 'Hz'
 fi
