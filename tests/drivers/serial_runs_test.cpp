@@ -1,0 +1,229 @@
+// Serial trackers of one sensor and the GPS receiver, whole: the emulated device, the program and a
+// client. The poses that it sees are the device's, at the precision of its records, with none lost
+// and none doubled. (Those of the FASTRAK family have a file of their own.)
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <set>
+
+#include "emulators/motion.h"
+#include "tests/support/emulated_run.h"
+
+namespace kinetrel::test {
+namespace {
+
+constexpr double kDegrees = 180 / std::numbers::pi;
+constexpr long kTurn = 360;  // frames of the ramp in which its azimuth comes round
+
+// Which frame of the ramp a pose is, and how far it is from it. Only differences of frames count.
+struct Found {
+  long frame;
+  double error;  // in steps of the record's own precision; 1 is as good as it can be
+};
+
+double AngleError(double radians, double degrees) {
+  return std::fabs(std::remainder(radians * kDegrees - degrees, 360));
+}
+
+// 0.00254 cm and 0.025 degrees, rounded.
+Found FindLogitech(const std::array<float, 6>& pose) {
+  const std::uint64_t frame = RampFrame(pose[0], pose[2]);
+  const MotionPose ramp = MakeRamp()->At(0, frame, 0);
+  const double apart = std::max(
+      {std::fabs(pose[0] - ramp.x), std::fabs(pose[1] - ramp.y), std::fabs(pose[2] - ramp.z)});
+  return {static_cast<long>(frame),
+          std::max(apart / (0.00254 / 2 + 1e-5), AngleError(pose[3], ramp.azimuth) / 0.0126)};
+}
+
+// 180 degrees in 32767.
+Found FindIntertrax(const std::array<float, 6>& pose) {
+  const long frame = std::lround(pose[3] * kDegrees) + 180;
+  const MotionPose ramp = MakeRamp()->At(0, static_cast<std::uint64_t>(frame), 0);
+  const double apart =
+      std::max({AngleError(pose[3], ramp.azimuth), AngleError(pose[4], ramp.elevation),
+                AngleError(pose[5], ramp.roll)});
+  return {frame, apart / (180.0 / 32767)};
+}
+
+// Single-precision radians: 1.9e-9 near the place that is emulated, 1.2 cm on the ground, and that
+// twice: the first fix is the origin.
+Found FindGps(const std::array<float, 6>& pose) {
+  const long frame = std::lround(static_cast<double>(pose[0]) / 0.05);
+  const double apart = std::fabs(static_cast<double>(pose[0]) - 0.05 * static_cast<double>(frame));
+  return {frame, apart / 0.0125};
+}
+
+// 365.76 cm and 180 degrees in 8192; half a turn is one step beyond the range.
+template <double kCentimetre>
+Found FindFlock(const std::array<float, 6>& pose) {
+  const double x = pose[0] / kCentimetre, y = pose[1] / kCentimetre, z = pose[2] / kCentimetre;
+  const std::uint64_t frame = RampFrame(x, z);
+  const MotionPose ramp = MakeRamp()->At(0, frame, 0);
+  const double apart =
+      std::max({std::fabs(x - ramp.x), std::fabs(y - ramp.y), std::fabs(z - ramp.z)});
+  const double turned =
+      std::max({AngleError(pose[3], ramp.azimuth), AngleError(pose[4], ramp.elevation),
+                AngleError(pose[5], ramp.roll)});
+  return {static_cast<long>(frame),
+          std::max(apart / (0.51 * 365.76 / 8192), turned / (1.01 * 180 / 8192))};
+}
+
+// 360 degrees in 4000, and nothing else.
+Found FindPanTilt(const std::array<float, 6>& pose) {
+  const long frame = std::lround(pose[3] * kDegrees) + 180;
+  const double apart = std::max(AngleError(pose[3], static_cast<double>(frame - 180)),
+                                AngleError(pose[4], static_cast<double>(frame % 90)));
+  return {frame, pose[0] == 0 ? apart / (0.51 * 360 / 4000) : 1e9};
+}
+
+// A sanitizer's program may be so slow that two reports of a device are one frame to it.
+constexpr bool SlowedDown() {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  return true;
+#else
+  return false;
+#endif
+}
+
+struct Tracker {
+  const char* name;
+  const char* device;
+  int type;
+  std::vector<std::string> ofEmulator;
+  std::vector<std::string> ofTracker;
+  Found (*find)(const std::array<float, 6>& pose);
+  int frames;             // to be published
+  long turn = 0;          // frames after which poses come again; 0: never
+  int from = 1;           // the frame from which on each is the device's next
+  bool unmarked = false;  // its records have no mark: noise just before one shifts it
+};
+
+class SerialRun : public testing::TestWithParam<Tracker> {
+ protected:
+  static EmulatedRun Start(std::vector<std::string> faults = {}) {
+    const Tracker& row = GetParam();
+    faults.insert(faults.begin(), row.ofEmulator.begin(), row.ofEmulator.end());
+    faults.push_back("--motion=ramp");
+    return {row.device, row.type, faults, row.ofTracker};
+  }
+
+  static std::vector<SharedTrackBlock> Watch(EmulatedRun& run, int count) {
+    auto blocks = run.Watch(count);
+    const int published =
+        blocks.empty() ? -1 : blocks.back().frameCount - blocks.front().frameCount;
+    EXPECT_GE(published, count) << run.tracker().error();
+    return blocks;
+  }
+};
+
+// On a machine that is far too busy an answer may come too late: then the console says so.
+std::size_t FailuresAnnounced(const std::string& console) {
+  std::size_t count = 0;
+  for (std::size_t at = console.find("e\b"); at != std::string::npos; ++count) {
+    at = console.find("e\b", at + 1);
+  }
+  return count;
+}
+
+TEST_P(SerialRun, LosesNothingAndDoublesNothing) {
+  const Tracker& row = GetParam();
+  EmulatedRun run = Start();
+  // A pose's frame less the frame that was published: one number for the whole run.
+  std::set<long> shifts;
+  double worst = 0;
+  for (const SharedTrackBlock& block : Watch(run, row.frames)) {
+    if (block.frameCount < row.from) continue;
+    const Found found = row.find(block.poses[0]);
+    const long shift = found.frame - block.frameCount;
+    shifts.insert(row.turn > 0 ? (shift % row.turn + row.turn) % row.turn : shift);
+    worst = std::max(worst, found.error);
+  }
+  const std::size_t announced = FailuresAnnounced(run.tracker().output());
+  EXPECT_LE(announced, static_cast<std::size_t>(row.frames / 100));
+  const std::size_t merged = SlowedDown() ? static_cast<std::size_t>(row.frames / 10) : 0;
+  EXPECT_LE(shifts.size(), 1 + announced + merged);
+  EXPECT_LE(worst, 1.0);
+  EXPECT_EQ(run.Stop(), 0);
+}
+
+// The receiver's line carries no more than some fifteen positions a second, so it runs for fewer
+// frames. Of a head's first two answers, to the boot and to the first poll, the first one counts.
+const Tracker kLogitech{"Logitech", "logitech", 4, {}, {}, FindLogitech, 1000};
+const Tracker kIntertrax{"Intertrax", "intertrax", 9, {}, {}, FindIntertrax, 1000, kTurn, 1, true};
+const Tracker kGps{"Gps", "gps", 12, {"--rate=15"}, {}, FindGps, 300};
+const Tracker kFlock{"Flock", "flock", 3, {"--start=half-record"}, {}, FindFlock<1.0>, 1000};
+const Tracker kPanTilt{"PanTilt", "pan-tilt", 1, {}, {}, FindPanTilt, 400, kTurn, 2};
+
+INSTANTIATE_TEST_SUITE_P(Of, SerialRun,
+                         testing::Values(kLogitech, kIntertrax, kGps, kFlock, kPanTilt,
+                                         Tracker{"FlockPolledInInchesAfterHalfACommand",
+                                                 "flock",
+                                                 3,
+                                                 {"--start=half-command"},
+                                                 {"-z-", "-u", "0"},
+                                                 FindFlock<1 / 2.54>,
+                                                 1000},
+                                         Tracker{"FlockOfWholeRecordsInMetresThatStreamed",
+                                                 "flock",
+                                                 3,
+                                                 {"--whole", "--start=streaming"},
+                                                 {"-u", "2"},
+                                                 FindFlock<0.01>,
+                                                 1000},
+                                         Tracker{"PanTiltThatStillAnswers",
+                                                 "pan-tilt",
+                                                 1,
+                                                 {"--start=half-answer"},
+                                                 {},
+                                                 FindPanTilt,
+                                                 400,
+                                                 kTurn,
+                                                 2}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+// ---- Faults --------------------------------------------------------------------------------
+
+class SerialFaults : public SerialRun {};
+
+// Noise between the records and records that break off: those are lost and nothing else is; no
+// record is made up of the wrong bytes, and none comes again. The noise is not for the flock, whose
+// records are told by one bit.
+TEST_P(SerialFaults, CostNoMoreThanThemselves) {
+  const Tracker& row = GetParam();
+  std::vector<std::string> faults = {"--fault=cut@/#25"};
+  if (row.type != kFlock.type) faults.emplace_back("--fault=noise:3@/0.4s");
+  EmulatedRun run = Start(faults);
+  const auto blocks = Watch(run, row.frames / 4);
+  long wrong = 0;
+  long last = -1;
+  for (const SharedTrackBlock& block : blocks) {
+    const Found found = row.find(block.poses[0]);
+    wrong += found.error > 1 ? 1 : 0;
+    if (row.turn > 0) continue;
+    EXPECT_GT(found.frame, last) << block.frameCount;
+    last = found.frame;
+  }
+  EXPECT_LE(wrong, row.unmarked ? std::ssize(blocks) / 20 : 0);
+}
+
+// The unplugged port comes back after a second, under another name behind the same link.
+TEST_P(SerialFaults, OfThePlugAreOvercome) {
+  EmulatedRun run = Start({"--fault=unplug:1@usr1"});
+  Watch(run, 1);
+  run.emulator().Signal(SIGUSR1);
+  EXPECT_TRUE(run.tracker().ExpectError("has gone; waiting for it ... "));
+  EXPECT_TRUE(run.tracker().ExpectError(" is back after "));
+  for (const SharedTrackBlock& block : Watch(run, 20)) {
+    EXPECT_LE(GetParam().find(block.poses[0]).error, 1) << block.frameCount;
+  }
+  EXPECT_EQ(run.Stop(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, SerialFaults,
+                         testing::Values(kLogitech, kIntertrax, kGps, kFlock, kPanTilt),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+}  // namespace
+}  // namespace kinetrel::test
