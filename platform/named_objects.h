@@ -86,7 +86,7 @@ class Event {
   void Wake();
 
   // A hint that a Mark comes soon: asks for the memory that whoever waited last has on its CPU.
-  void Prefetch() const;
+  void PrefetchToSet() const;
 
   // True when the event is set, or has been since the ticket was taken (or the call began).
   bool Wait(Milliseconds timeout) const;

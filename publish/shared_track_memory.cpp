@@ -6,6 +6,8 @@
 namespace kinetrel {
 namespace {
 
+constexpr int kToWrite = 1;
+
 bool IsBin(int bin) { return bin >= 0 && bin < kSharedBins; }
 
 }  // namespace
@@ -14,9 +16,21 @@ SharedTrackBlock* SharedTrackMemory::Bin::Block() const {
   return Open() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
 }
 
-void SharedTrackMemory::Bin::Prefetch() const {
-  if (const SharedTrackBlock* const data = Block()) __builtin_prefetch(&data->publishTime);
-  if (event.has_value()) event->Prefetch();
+void SharedTrackMemory::Bin::PrefetchToWrite() const {
+  if (const SharedTrackBlock* const data = Block()) {
+    __builtin_prefetch(&data->flags, kToWrite);
+    __builtin_prefetch(&data->publishTime, kToWrite);
+    __builtin_prefetch(&data->frameRate, kToWrite);
+  }
+  if (event.has_value()) event->PrefetchToSet();
+}
+
+void SharedTrackMemory::Bin::PrefetchToRead() const {
+  if (const SharedTrackBlock* const data = Block()) {
+    __builtin_prefetch(&data->flags);
+    __builtin_prefetch(&data->publishTime);
+    __builtin_prefetch(&data->frameRate);
+  }
 }
 
 void SharedTrackMemory::Bin::WakeWaiters() {
@@ -173,6 +187,8 @@ bool SharedTrackMemory::AwaitFrame(int lastFrame, Milliseconds timeout) {
     const StopEvent::Ticket ticket = current().event->Reset();
     Unlock();
     set = event.WaitSince(ticket, std::min(deadline.Remaining(), event.LongestBlindWait()));
+    // Asked for now, what the writer has just written arrives while the mutex does.
+    current().PrefetchToRead();
     if ((!set && deadline.Passed()) || !Lock(timeout)) return false;
   }
   return true;

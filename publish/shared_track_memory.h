@@ -77,7 +77,9 @@ class SharedTrackMemory {
 
     bool Open() const { return memory.has_value() && mutex.has_value(); }
     SharedTrackBlock* Block() const;
-    void Prefetch() const;  // what a publication writes and its waiters had last
+    // The cache lines that every publication writes: they are on the CPU of whoever had them last.
+    void PrefetchToWrite() const;
+    void PrefetchToRead() const;
     void WakeWaiters();
   };
 

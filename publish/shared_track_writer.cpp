@@ -6,7 +6,7 @@ SharedTrackWriter::~SharedTrackWriter() { SharedTrackWriter::CloseAll(); }
 
 bool SharedTrackWriter::Lock(Milliseconds timeout) {
   // Clients on other CPUs used these last: asked for now, they arrive while the mutex does.
-  current().Prefetch();
+  current().PrefetchToWrite();
   if (!SharedTrackMemory::Lock(timeout)) return false;
   block()->sampleTime = timer().ElapsedSeconds();
   return true;

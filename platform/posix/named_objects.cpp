@@ -154,7 +154,7 @@ bool Event::Mark() {
   return (old & kStateBits) == kAwaited;
 }
 
-void Event::Prefetch() const { __builtin_prefetch(object_->memory()); }
+void Event::PrefetchToSet() const { __builtin_prefetch(object_->memory(), 1 /* to write */); }
 
 void Event::Wake() { Futex(*object_, FUTEX_WAKE, INT_MAX, nullptr); }
 

@@ -71,7 +71,7 @@ bool Event::Mark() {
 
 void Event::Wake() {}
 
-void Event::Prefetch() const {}
+void Event::PrefetchToSet() const {}
 
 Event::Ticket Event::Reset() {
   if (LocalEvent* const local = object_->local()) return local->Reset();
