@@ -156,7 +156,7 @@ bool TrackerEngine::ChangeWhileStopped(ControlCall& call, bool stop, Change chan
   if (ran) call.lock().Leave([this] { worker_.Stop(true); });
   if (!call.Open()) return false;
   const bool changed = change();
-  if (ran) StartSampling();
+  if (ran) StartSampling(call.lock());
   return changed;
 }
 

@@ -26,6 +26,7 @@ struct EngineState {
   std::string trackerName;  // the host's own word for the tracker
   std::shared_ptr<TrackerDevice> device;
   std::shared_ptr<DAQControl> joystick;
+  unsigned samplingRun = 0;  // the number of the newest run; see SampleLoop::Superseded
   MappingTable mappings;
   float lastRawAzimuth = 0.0F;  // radians; last read from any sensor
   float azimuthZero = 0.0F;     // radians; subtracted from every published azimuth

@@ -9,8 +9,6 @@
 namespace kinetrel {
 namespace {
 
-constexpr int kBaud = 115200;  // every driver that needs another sets it itself
-
 double SecondsSince(std::int64_t tick) {
   return static_cast<double>(ClockTicks() - tick) / static_cast<double>(ClockTicksPerSecond());
 }
@@ -73,7 +71,7 @@ bool Recovery::Try(const EngineLock& lock) {
 
 bool Recovery::Reopen() {
   device_->ClosePort();
-  if (device_->OpenPortNumber(state_->config.port, kBaud) < 1) return false;
+  if (device_->OpenPortNumber(state_->config.port, StartConfig::kBaud) < 1) return false;
   if (device_->Boot(0) >= kBooted && SameDevice()) return true;
   device_->ClosePort();
   return false;

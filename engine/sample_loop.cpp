@@ -46,6 +46,7 @@ SampleLoop::SampleLoop(std::shared_ptr<EngineState> state, const StopEvent& stop
 
 void SampleLoop::Run() {
   EngineLock lock(state_->mutex);
+  run_ = ++state_->samplingRun;
   device_ = state_->device;
   if (device_ == nullptr) return;  // closed before we came to run
   ownButtons_ = dynamic_cast<const ButtonBits*>(device_.get());
@@ -95,12 +96,17 @@ bool SampleLoop::OpenSharedMemory() {
   writer_.emplace(device, kSharedBins);
   if (!writer_->OpenAll()) {
     Announce(state_->status, "\n\a", -10, "MTS failed to open.");
+    Print(" ");
     Announce(state_->status, "\n\t\t", -10, "%s", Describe(writer_->failure()).c_str());
     return false;
   }
   if (writer_->rivalPresent()) {
     Announce(state_->status, "\n\t", -10,
              "SharedMemory(%d) is being written by another program as well.", device + 1);
+  }
+  if (!writer_->failure().Ok()) {
+    Announce(state_->status, "\n\t", -10, "SharedMemory(%d) lacks some bins: %s", device + 1,
+             Describe(writer_->failure()).c_str());
   }
   device_->SetTimeOrigin(writer_->timer().startCount());
   Announce(state_->status, "\n\t", 3, "SharedMemory(%d) open ... ", device + 1);
@@ -164,6 +170,7 @@ void SampleLoop::BeginDevice(EngineLock& lock) {
 void SampleLoop::Pass(EngineLock& lock) {
   header_ = ReadHeader();
   const Frame frame = ReadFrame(lock);
+  if (Superseded()) return;
   if ((frame.updated & header_.sensors) != 0) {
     PublishFrame(frame);
     NoteSuccess();
@@ -244,10 +251,8 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
     std::copy_n(xyz != nullptr ? xyz : kZeros.data(), 3, pose.begin());
   }
   if ((header_.components & kEulerComponent) != 0) {
-    const float* const none = nullptr;
-    const float* const angles = !whole              ? device_->GetSensorEuler(sensor)
-                                : record != nullptr ? record + 3
-                                                    : none;
+    const float* angles = whole ? record : device_->GetSensorEuler(sensor);
+    if (whole && angles != nullptr) angles += 3;
     std::copy_n(angles != nullptr ? angles : kZeros.data(), 3, pose.begin() + 3);
     if (angles != nullptr) {
       state_->lastRawAzimuth = angles[0];
@@ -314,7 +319,8 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   if (keyboard) return;  // no key pressed is no failure
   if (!inError_) LogFailure();
   ShowTransient("e\b");
-  if (recovery_->Try(lock) && streaming_) device_->StartContinuous();
+  // Not for one who is about to leave: a boot takes seconds, and the engine may be closed by then.
+  if (!stop_.IsSet() && recovery_->Try(lock) && streaming_) device_->StartContinuous();
 }
 
 void SampleLoop::LogFailure() {
@@ -322,14 +328,14 @@ void SampleLoop::LogFailure() {
   log.SetStatusF(device_->reportCode(), "Error: Sampling error. (after %u valid samples)",
                  runLength_);
   device_->ClearReportCode();
-  const auto report = [&](const char* format, const char* text) {
+  const auto report = [&](const char* what, const char* text) {
     if (*text == '\0') return;
-    log.SetStatus(device_->reportCode(), (std::string(format) + text).c_str());
+    log.SetStatusF(device_->reportCode(), "%s: %s", what, text);
     device_->ClearReportCode();
   };
   if (device_->reportCode() != 1) {
-    report("Tracker Error: ", device_->errorText());
-    report("Tracker Read String: ", device_->readText());
+    report("Tracker Error", device_->errorText());
+    report("Tracker Read String", device_->readText());
   }
   inError_ = true;
   runLength_ = 0;
@@ -338,7 +344,8 @@ void SampleLoop::LogFailure() {
 // ---- End -------------------------------------------------------------------------------------
 
 void SampleLoop::End(EngineLock& lock) {
-  if (streaming_) Poll(lock);  // ends continuous output
+  if (streaming_ && !Superseded()) Poll(lock);  // ends continuous output
+  if (Superseded()) return;
   if (writer_->Lock(kForever)) {
     SharedTrackBlock& block = *writer_->block();
     block.flags = header_.Flags();
@@ -351,7 +358,11 @@ void SampleLoop::End(EngineLock& lock) {
 }
 
 void SampleLoop::CloseSharedMemory() {
+  if (Superseded() && state_->config.shmDevice == writer_->device()) {
+    writer_->SharedTrackMemory::CloseAll();  // as they are: the blocks have the newer run's writer
+  }
   writer_.reset();
+  if (Superseded()) return;
   Announce(state_->status, "\n\t", 6, "MTS closed.");
   Print(" ");
 }

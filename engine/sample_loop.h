@@ -48,6 +48,9 @@ class SampleLoop {
   void WriteBinHeaders();
   void BeginDevice(EngineLock& lock);
 
+  // A newer run samples: we were abandoned, and what we come back to is its own.
+  bool Superseded() const { return state_->samplingRun != run_; }
+
   void Pass(EngineLock& lock);
   void GiveWay() const;
   Frame ReadFrame(EngineLock& lock);
@@ -81,6 +84,7 @@ class SampleLoop {
   std::optional<SharedTrackWriter> writer_;
   std::optional<Recovery> recovery_;
   Header header_;
+  unsigned run_ = 0;
   bool streaming_ = false;
   int rate_ = 0;  // Hz
   int nap_ = 0;   // ms after each publication

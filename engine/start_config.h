@@ -11,6 +11,7 @@ struct StartConfig {
   static constexpr float kNotAligned = 99.0F;
   static constexpr int kUsbPort = 257;
   static constexpr int kShmFromPort = -1;
+  static constexpr int kBaud = 115200;  // a driver that needs another sets it itself
 
   int shmDevice = kShmFromPort;  // 0..15, or derived from the port
   int deviceType = 2;            // see device_factory.h

@@ -1,7 +1,7 @@
 #include "engine/tracker_engine.h"
 
 #include <cstdio>
-#include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "engine/apply_configuration.h"
@@ -9,8 +9,6 @@
 
 namespace kinetrel {
 namespace {
-
-constexpr int kBaud = 115200;  // every driver that needs another sets it itself
 
 // What its library delivers from the start, whatever was configured before.
 constexpr int kIsenseType = 6;
@@ -44,7 +42,7 @@ StartConfig TrackerEngine::Configuration() const {
 
 OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration) {
   EngineLock lock(state_->mutex);
-  // The device is there before the engine is open, while the lock is left for a moment.
+  // A Close that waits for the sampling thread has left the lock, and the device is still there.
   if (state_->isOpen || state_->device != nullptr) {
     state_->status.SetStatus(-2, "Open: MTS already open");
     return OpenResult::AlreadyOpen;
@@ -52,6 +50,7 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
   if (resetConfiguration) state_->config = StartConfig{};
   state_->config.deviceType = deviceType;
   state_->config.port = port;
+  state_->trackerName.clear();
   if (deviceType == kIsenseType) state_->config.componentMask = kEulerComponent;
   const OpenResult result = Attach(lock);
   if (result != OpenResult::Opened) return result;
@@ -86,7 +85,11 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
     log.SetStatusF(-1, "%s instrument not supported.", retired.name);
     return nullptr;
   }
-  std::unique_ptr<TrackerDevice> device = factory_.device(deviceType);
+  std::unique_ptr<TrackerDevice> device;
+  try {
+    device = factory_.device(deviceType);
+  } catch (const std::bad_alloc&) {  // said as if the type had no driver
+  }
   if (device == nullptr) {
     std::fprintf(stderr, "Unknown TYPE tistart.dtyp = %d", deviceType);
     log.SetStatus(-1, "Unknown device type specified.");
@@ -97,7 +100,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
 bool TrackerEngine::OpenPort(TrackerDevice& device) {
   StatusLog& log = state_->status;
   const int asked = state_->config.port;
-  if (device.OpenPortNumber(asked, kBaud) < 1) {
+  if (device.OpenPortNumber(asked, StartConfig::kBaud) < 1) {
     Announce(log, "\n\t", -3, "Port(%d) failed to open(%d).", asked,
              static_cast<int>(device.portStatus()));
     if (!device.openFailure().empty()) {
@@ -149,7 +152,9 @@ bool TrackerEngine::AttachJoystick(const EngineLock&) {
 bool TrackerEngine::Close() {
   if (!state_->isOpen.exchange(false)) return false;
   worker_.Stop(true);
-  const EngineLock lock(state_->mutex);
+  EngineLock lock(state_->mutex);
+  // One that a call which was under the lock has started since.
+  if (worker_.Exists()) lock.Leave([this] { worker_.Stop(true); });
   state_->joystick.reset();
   // A thread that was abandoned has the device too and is still in it: the port is closed with
   // the device, when the thread comes back and gives it up.
@@ -171,7 +176,7 @@ bool TrackerEngine::SetSharedMemoryDevice(int id) {
 bool TrackerEngine::SetSharedMemoryDevice(EngineLock& lock, int id) {
   StartConfig& config = state_->config;
   if (id >= kSharedDevices) return false;
-  if (id < 0) id = ((config.port - 1) % kSharedDevices + kSharedDevices) % kSharedDevices;
+  if (id < 0) id = (config.port % kSharedDevices + kSharedDevices - 1) % kSharedDevices;
   if (id == config.shmDevice) return true;
 
   const bool wasRunning = worker_.IsRunning();
@@ -185,7 +190,7 @@ bool TrackerEngine::SetSharedMemoryDevice(EngineLock& lock, int id) {
   }
   state_->mappings = std::move(moved);
   config.shmDevice = id;
-  if (wasRunning) StartSampling();
+  if (wasRunning) StartSampling(lock);
   return true;
 }
 
@@ -218,8 +223,17 @@ void TrackerEngine::AddDefaultMappings(const EngineLock&) {
 // ---- Sampling --------------------------------------------------------------------------------
 
 bool TrackerEngine::StartSampling() {
+  const EngineLock lock(state_->mutex);
+  return StartSampling(lock);
+}
+
+// Under the lock, so that no run begins behind the back of a Close.
+bool TrackerEngine::StartSampling(const EngineLock&) {
   if (!state_->isOpen) return false;
-  return worker_.Start([state = state_](const StopEvent& stop) { SampleLoop(state, stop).Run(); });
+  const bool started =
+      worker_.Start([state = state_](const StopEvent& stop) { SampleLoop(state, stop).Run(); });
+  if (!started) Announce(state_->status, "\n\t", -1, "Unable to start the sampling thread.");
+  return started;
 }
 
 bool TrackerEngine::StopSampling(bool wait) {

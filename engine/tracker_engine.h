@@ -157,6 +157,7 @@ class TrackerEngine {
   bool OpenPort(TrackerDevice& device);
   bool BootDevice(TrackerDevice& device);
   bool AttachJoystick(const EngineLock& lock);
+  bool StartSampling(const EngineLock& lock);
   void ResetMappings(const EngineLock& lock);
   void AddDefaultMappings(const EngineLock& lock);
   std::unique_ptr<TrackerDevice> MakeDeviceOrSay(int deviceType);

@@ -11,6 +11,7 @@
 
 #include "devices/device_factory.h"
 #include "devices/tracker_device.h"
+#include "engine/tracker_engine.h"
 
 namespace kinetrel::test {
 
@@ -133,6 +134,15 @@ class ScriptedDevice final : public TrackerDevice {
 
   Script& script_;
 };
+
+// The status log, a line "code text" an entry.
+inline std::string LogOf(TrackerEngine& engine) {
+  std::string lines;
+  for (const StatusEntry& entry : engine.status().Entries()) {
+    lines += std::to_string(entry.code) + ' ' + entry.text + '\n';
+  }
+  return lines;
+}
 
 inline DeviceFactory ScriptedFactory(Script& script) {
   DeviceFactory factory;
