@@ -78,6 +78,12 @@ need() {
 # What one clone has compiled serves the next one, wherever it lies.
 export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=true
 
+# alone PRESET COMMAND...: one at a time in a build folder, however many terminals build in it.
+alone() {
+  mkdir -p "$root/build"
+  flock "$root/build/$1.lock" "${@:2}"
+}
+
 # configure PRESET OPTION...
 configure() {
   local cache=$root/build/$1/CMakeCache.txt fresh=()
@@ -85,12 +91,12 @@ configure() {
   if [[ -e $cache ]] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$cache"; then
     fresh=(--fresh)
   fi
-  (cd "$root" && quietly cmake --preset "$1" "${fresh[@]}" "${@:2}")
+  (cd "$root" && quietly alone "$1" cmake --preset "$1" "${fresh[@]}" "${@:2}")
 }
 
 # build PRESET TARGET...: everything without a target.
 build() {
   local targets=()
   if (($# > 1)); then targets=(--target "${@:2}"); fi
-  quietly cmake --build "$root/build/$1" "${targets[@]}"
+  quietly alone "$1" cmake --build "$root/build/$1" "${targets[@]}"
 }
