@@ -153,8 +153,8 @@ bool TrackerEngine::Close() {
   if (!state_->isOpen.exchange(false)) return false;
   worker_.Stop(true);
   EngineLock lock(state_->mutex);
-  // One that a call which was under the lock has started since.
-  if (worker_.Exists()) lock.Leave([this] { worker_.Stop(true); });
+  // Once more: a call that was under the lock may have started a thread since.
+  lock.Leave([this] { worker_.Stop(true); });
   state_->joystick.reset();
   // A thread that was abandoned has the device too and is still in it: the port is closed with
   // the device, when the thread comes back and gives it up.

@@ -15,7 +15,8 @@ bool WorkerThread::Start(Entry entry) {
   const StopEvent stop;
   Result<Thread> thread = Thread::Start([stop, entry = std::move(entry)] { entry(stop); });
   if (!thread.Ok()) return false;
-  run_ = std::make_shared<Run>(Run{stop, std::move(*thread)});
+  const bool overlaps = ending_ != nullptr && !ending_->thread.Wait(Milliseconds(0));
+  run_ = std::make_shared<Run>(Run{stop, std::move(*thread), overlaps ? ending_ : nullptr});
   return true;
 }
 
@@ -23,11 +24,18 @@ void WorkerThread::Stop(bool wait) {
   std::shared_ptr<Run> run;
   {
     const std::lock_guard held(lock_);
-    run = std::exchange(run_, nullptr);
+    if (run_ != nullptr) ending_ = std::exchange(run_, nullptr);
+    run = ending_;
   }
   if (run == nullptr) return;
   run->stop.Set();
-  if (wait && !run->thread.IsCurrent()) run->thread.Wait(kStopPatience);
+  if (!wait || run->thread.IsCurrent()) return;
+  const Deadline deadline(kStopPatience);
+  for (const Run* each = run.get(); each != nullptr; each = each->before.get()) {
+    each->thread.Wait(deadline.Remaining());
+  }
+  const std::lock_guard held(lock_);
+  if (ending_ == run) ending_ = nullptr;
 }
 
 bool WorkerThread::Exists() const { return Current() != nullptr; }

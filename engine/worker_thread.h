@@ -28,7 +28,8 @@ class WorkerThread {
   bool Start(Entry entry);
 
   // Asks the thread to stop and lets go of it; with `wait`, unless called by the thread itself,
-  // waits for its end up to kStopPatience; one that has not ended by then is abandoned.
+  // waits up to kStopPatience for its end, and for the end of those that were told before and that
+  // nobody has waited for since; one that has not ended by then is abandoned.
   void Stop(bool wait);
 
   bool Exists() const;                    // started, and no stop since
@@ -39,11 +40,13 @@ class WorkerThread {
   struct Run {
     StopEvent stop;
     Thread thread;
+    std::shared_ptr<Run> before;  // one that was still ending when this began
   };
   std::shared_ptr<Run> Current() const;
 
   mutable std::mutex lock_;  // a leaf, held for a look at the pointer
   std::shared_ptr<Run> run_;
+  std::shared_ptr<Run> ending_;  // the last that was told to stop, until it has been waited for
 };
 
 }  // namespace kinetrel

@@ -8,6 +8,7 @@
 
 #include "tests/engine/scripted_device.h"
 #include "tests/support/free_slot.h"
+#include "tests/support/wait_until.h"
 
 namespace kinetrel::test {
 namespace {
@@ -113,6 +114,28 @@ TEST(Engine, OpensOnceAndClosesOnce) {
   EXPECT_EQ(script.Calls().back(), "ClosePort");
   EXPECT_FALSE(engine.Close());
   EXPECT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+}
+
+// A thread that was told to stop without a wait is still in the device: its port is free, and can
+// be opened again, when Close comes back.
+TEST(Engine, CloseWaitsForAThreadThatWasToldToStopBefore) {
+  FreeSlot slot;
+  Script script;
+  std::atomic<bool> reading = false;
+  script.readFrame = [&](TrackerDevice&, double*) {
+    reading = true;
+    SleepFor(Milliseconds(50));
+    return 1U;
+  };
+  TrackerEngine engine(ScriptedFactory(script));
+  engine.SetSharedMemoryDevice(slot.device());
+  ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+  ASSERT_TRUE(engine.StartSampling());
+  ASSERT_TRUE(WaitUntil([&] { return reading.load(); }));
+  engine.StopSampling(false);
+  EXPECT_TRUE(engine.Close());
+  EXPECT_EQ(script.alive, 0);
+  EXPECT_EQ(script.Calls().back(), "ClosePort");
 }
 
 // What reaches the device after boot, and in which order.
