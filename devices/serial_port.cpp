@@ -163,9 +163,13 @@ PortStatus SerialPort::Refuse(PortStatus step, std::string why) {
 }
 
 int SerialPort::OpenPortNumber(int number, int baud) {
-  portNumber_ = ComPortOrZero(number);
-  const std::string name = "COM" + std::to_string(portNumber_);
-  return OpenPort(name.c_str(), baud);
+  const int taken = ComPortOrZero(number);
+  portNumber_ = taken;
+  const int opened = OpenPort(("COM" + std::to_string(taken)).c_str(), baud);
+  if (opened == 0 && taken != number) {
+    openFailure_ = "a port number outside 1 to 16 means " + openFailure_;
+  }
+  return opened;
 }
 
 int SerialPort::ClosePort() {
