@@ -33,13 +33,15 @@ class Control : public testing::Test {
       return 3U;
     };
     engine_.Configure([&](StartConfig& config) {
-      config.shmDevice = slot_.device();
       config.componentMask = 7;
       config.sensorMask = 3;
       return true;
     });
   }
-  void Open() { ASSERT_EQ(engine_.Open(3, 1, false), OpenResult::Opened); }
+  void Open() {
+    engine_.SetSharedMemoryDevice(slot_.device());  // a Close forgets it
+    ASSERT_EQ(engine_.Open(3, 1, false), OpenResult::Opened);
+  }
   void Start() {
     Open();
     ASSERT_TRUE(engine_.StartSampling());
