@@ -84,14 +84,13 @@ Verdict Judge(const Spread& ratio, double limit) {
 
 // ---- Report ------------------------------------------------------------------------------------
 
-Report::Report(const char* program) { std::printf("%s\n", program); }
+Report::Report(const char* program) : out_(KeepOutput()) { std::fprintf(out_, "%s\n", program); }
 
 void Report::Line(const std::string& item, const std::string& figure, const std::string& limit,
                   Verdict verdict, const std::string& detail) {
   worst_ = std::max(worst_, verdict);
-  std::printf("  %-58s %12s  %-12s %-5s  %s\n", item.c_str(), figure.c_str(), limit.c_str(),
-              WordFor(verdict), detail.c_str());
-  std::fflush(stdout);
+  std::fprintf(out_, "  %-58s %12s  %-12s %-5s  %s\n", item.c_str(), figure.c_str(), limit.c_str(),
+               WordFor(verdict), detail.c_str());
 }
 
 void Report::Ratio(const std::string& item, const Paired& paired, const char* unit, double limit) {
@@ -116,7 +115,7 @@ void Report::Undecided(const std::string& item, const std::string& why) {
   Line(item, "-", "-", Verdict::Noisy, why);
 }
 
-void Report::Note(const std::string& text) const { std::printf("  (%s)\n", text.c_str()); }
+void Report::Note(const std::string& text) const { std::fprintf(out_, "  (%s)\n", text.c_str()); }
 
 int Report::ExitCode() const {
   switch (worst_) {

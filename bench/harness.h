@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -73,6 +74,7 @@ class Report {
   void Line(const std::string& item, const std::string& figure, const std::string& limit,
             Verdict verdict, const std::string& detail);
 
+  std::FILE* out_;  // good until the program ends
   Verdict worst_ = Verdict::Pass;
 };
 

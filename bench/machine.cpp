@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -126,15 +125,29 @@ bool Child::Join() {
   return joined_ && status == 0;
 }
 
-void ThrowAwayErrors() {
+namespace {
+
+void ThrowAway(int stream) {
   const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-  ::dup2(nowhere, STDERR_FILENO);
+  ::dup2(nowhere, stream);
   ::close(nowhere);
 }
 
+}  // namespace
+
+std::FILE* KeepOutput() {
+  std::FILE* const kept = ::fdopen(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0), "w");
+  if (kept == nullptr) throw std::runtime_error("standard output cannot be had");
+  std::setvbuf(kept, nullptr, _IOLBF, BUFSIZ);
+  ThrowAway(STDOUT_FILENO);
+  return kept;
+}
+
+void ThrowAwayErrors() { ThrowAway(STDERR_FILENO); }
+
 void ThrowAwayOutput() {
   ThrowAwayErrors();
-  ::dup2(STDERR_FILENO, STDOUT_FILENO);
+  ThrowAway(STDOUT_FILENO);
 }
 
 void RunProgram(const std::string& name, const std::vector<std::string>& arguments) {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <functional>
 #include <new>
 #include <string>
@@ -79,6 +80,9 @@ class Child {
   bool joined_ = false;
 };
 
+// Standard output as it was, line by line; what this process and its children print to it from now
+// on goes nowhere. For the report, between whose lines a device's own words would stand.
+std::FILE* KeepOutput();
 void ThrowAwayErrors();  // what this process prints on standard error, from now on
 void ThrowAwayOutput();  // on both streams
 
