@@ -6,6 +6,7 @@
 #include <thread>
 #include <utility>
 
+#include "devices/station_mask.h"
 #include "platform/thread.h"
 #include "platform/transient_output.h"
 
@@ -121,8 +122,8 @@ SampleLoop::Header SampleLoop::ReadHeader() {
 
 void SampleLoop::ReportHeader() {
   header_ = ReadHeader();
-  const auto sensor = [this](unsigned i) {
-    return (header_.sensors >> i & 1) != 0 ? static_cast<char>('1' + i) : '0';
+  const auto sensor = [this](int i) {
+    return HasStation(header_.sensors, i) ? static_cast<char>('1' + i) : '0';
   };
   const auto component = [this](unsigned bit, const char* name) {
     return (header_.components & bit) != 0 ? name : "";
@@ -213,9 +214,8 @@ SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
 
 void SampleLoop::PublishFrame(const Frame& frame) {
   for (auto& [key, mapping] : state_->mappings) {
-    const bool active = mapping.sensor >= 0 && mapping.sensor < kPoseSlots &&
-                        (header_.sensors >> mapping.sensor & 1) != 0;
-    if (!active || writer_->SelectBin(key.bin) != key.bin) continue;
+    if (!HasStation(header_.sensors, mapping.sensor)) continue;
+    if (writer_->SelectBin(key.bin) != key.bin) continue;
     PublishMapping(key, mapping, frame);
     Blink();
   }

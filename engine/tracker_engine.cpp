@@ -4,6 +4,7 @@
 #include <new>
 #include <utility>
 
+#include "devices/station_mask.h"
 #include "engine/apply_configuration.h"
 #include "engine/sample_loop.h"
 
@@ -214,7 +215,7 @@ void TrackerEngine::ResetMappings(const EngineLock& lock) {
 void TrackerEngine::AddDefaultMappings(const EngineLock&) {
   const StartConfig& config = state_->config;
   for (int sensor = 0; sensor < kPoseSlots; ++sensor) {
-    if ((config.sensorMask >> sensor & 1) == 0) continue;
+    if (!HasStation(config.sensorMask, sensor)) continue;
     const MappingKey key = {config.shmDevice, 0, sensor};
     if (!state_->mappings.contains(key)) state_->MappingAt(key).sensor = sensor;
   }
