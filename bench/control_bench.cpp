@@ -53,10 +53,9 @@ class PacedDevice final : public TrackerDevice {
 class Sampled {
  public:
   Sampled() : engine_(Factory()) {
-    engine_.Configure([](StartConfig& config) {
-      config.shmDevice = kBenchDevice;
-      return true;
-    });
+    StartConfig config;
+    config.shmDevice = kBenchDevice;
+    engine_.Configure(config);
     if (engine_.Open(2, 1, false) != OpenResult::Opened || !reader_.OpenOnly(0)) {
       throw std::runtime_error("the engine does not open");
     }

@@ -1,4 +1,5 @@
 #include "bench/far_end.h"
+#include "drivers/driver_table.h"
 
 #include <array>
 #include <cstdlib>
@@ -87,12 +88,11 @@ void FarEnd::SendRecord() {
 
 std::unique_ptr<TrackerEngine> OpenTracker(FarEnd& farEnd, int deviceType, bool streaming) {
   ::setenv("KINETREL_COM1", farEnd.path().c_str(), 1);
-  auto engine = std::make_unique<TrackerEngine>();
-  engine->Configure([streaming](StartConfig& config) {
-    config.shmDevice = kBenchDevice;
-    config.streaming = streaming ? 1 : 0;
-    return true;
-  });
+  auto engine = std::make_unique<TrackerEngine>(AllDrivers());
+  StartConfig config;
+  config.shmDevice = kBenchDevice;
+  config.streaming = streaming ? 1 : 0;
+  engine->Configure(config);
   std::thread serving([&farEnd] { farEnd.Serve(); });
   const OpenResult opened = engine->Open(deviceType, 1, false);
   farEnd.EndServing();

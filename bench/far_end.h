@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "emulators/device_table.h"
-#include "emulators/stepped_device.h"
+#include "emulate/device_table.h"
+#include "emulate/stepped_device.h"
 #include "engine/tracker_engine.h"
 #include "platform/pseudo_terminal.h"
 

@@ -57,11 +57,10 @@ void SampleManySensors() {
   DeviceFactory factory;
   factory.device = [](int) { return std::make_unique<ManySensorDevice>(); };
   TrackerEngine engine(factory);
-  engine.Configure([](StartConfig& config) {
-    config.shmDevice = kBenchDevice;
-    config.sensorMask = ~0U;
-    return true;
-  });
+  StartConfig config;
+  config.shmDevice = kBenchDevice;
+  config.sensorMask = ~0U;
+  engine.Configure(config);
   static std::atomic<int> stopRequest = 0;
   CatchStopSignals(stopRequest);
   if (engine.Open(2, 1, false) == OpenResult::Opened) engine.StartSampling();

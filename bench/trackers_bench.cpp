@@ -14,7 +14,8 @@
 #include "bench/floors.h"
 #include "bench/machine.h"
 #include "bench/publication.h"
-#include "emulators/motion.h"
+#include "drivers/driver_table.h"
+#include "emulate/motion.h"
 #include "platform/thread.h"
 
 namespace kinetrel::bench {
@@ -193,12 +194,11 @@ void OverALine(Report& report, double handover) {
 void OfKnownMotion(Report& report, double handover) {
   constexpr double kLongestFirst = 1.0 / 6;
   ::unsetenv("KINETREL_PDI_SERIAL");
-  TrackerEngine engine;
-  engine.Configure([](StartConfig& config) {
-    config.shmDevice = kBenchDevice;
-    config.streaming = 1;
-    return true;
-  });
+  TrackerEngine engine(AllDrivers());
+  StartConfig config;
+  config.shmDevice = kBenchDevice;
+  config.streaming = 1;
+  engine.Configure(config);
   if (engine.Open(kLiberty, 1, false) != OpenResult::Opened) {
     throw std::runtime_error("the Liberty does not open");
   }

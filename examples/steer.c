@@ -5,7 +5,7 @@
  */
 #include <stdio.h>
 
-#include "capi/kinetrel.h"
+#include <kinetrel/kinetrel.h>
 
 static int Refused(kinetrel_engine* tracker, const char* what) {
   char why[256];

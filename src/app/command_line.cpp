@@ -11,7 +11,7 @@
 #include <string>
 
 #include "devices/pose.h"
-#include "engine/tracker_engine.h"
+#include "engine/start_config.h"
 #include "publish/shared_track_block.h"
 
 namespace kinetrel {
@@ -308,7 +308,9 @@ void PrintUsage(const char* program, const StartConfig& config) {
        config.streaming != 0 ? "streaming" : "polled");
 }
 
-bool ApplyArguments(StartConfig& config, int count, const char* const* arguments) {
+}  // namespace
+
+bool ParseCommandLine(StartConfig& config, int count, const char* const* arguments) {
   if (count > 1) Echo("\nProcessing command line arguments ...");
   Options options{config, {}};
   const bool accepted = ApplyAll(options, count, arguments) && count < kTooManyArguments;
@@ -319,13 +321,6 @@ bool ApplyArguments(StartConfig& config, int count, const char* const* arguments
   std::fputs("\n", stdout);
   std::fflush(stdout);
   return accepted;
-}
-
-}  // namespace
-
-bool ParseCommandLine(TrackerEngine& engine, int count, const char* const* arguments) {
-  return engine.Configure(
-      [&](StartConfig& config) { return ApplyArguments(config, count, arguments); });
 }
 
 }  // namespace kinetrel

@@ -1,16 +1,17 @@
 // The operator's options: one letter each, every accepted value echoed in words.
 #pragma once
 
+#include "engine/start_config.h"
+
 namespace kinetrel {
 
-class TrackerEngine;
-
-// Applies the options to the engine's start configuration; only those given change anything.
+// Applies the options to `config`; those that are not given leave it as it is.
 //
 // arguments  the program's name first.
-// Returns    true when all were accepted; false after the usage text: the first malformed option
-//            ends the walk, and what came before it stays applied.
-// Errors     an out-of-range value of some options is only reported, and ignored.
-bool ParseCommandLine(TrackerEngine& engine, int count, const char* const* arguments);
+// Returns    true when all were accepted. False after the usage text: the first malformed option
+//            ends the walk, and the options before it stay applied.
+// Errors     an out-of-range value of some options is reported and ignored.
+// Threads    any; prints on the standard streams.
+bool ParseCommandLine(StartConfig& config, int count, const char* const* arguments);
 
 }  // namespace kinetrel

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "app/command_line.h"
+#include "drivers/driver_table.h"
 #include "engine/tracker_engine.h"
 #include "platform/console.h"
 #include "platform/stop_signals.h"
@@ -24,8 +25,9 @@ void PrintBanner() {
 
 ExitCode Run(TrackerEngine& engine, int count, const char* const* arguments,
              const Session& session) {
-  if (!ParseCommandLine(engine, count, arguments)) return ExitCode::BadArguments;
-  const StartConfig config = engine.Configuration();
+  StartConfig config;
+  if (!ParseCommandLine(config, count, arguments)) return ExitCode::BadArguments;
+  engine.Configure(config);
   if (engine.Open(config.deviceType, config.port, false) != OpenResult::Opened) {
     return ExitCode::OpenFailed;
   }
@@ -44,7 +46,7 @@ ExitCode RunConsoleProgram(int count, const char* const* arguments, const Sessio
   // Before the device is opened: a key pressed while it boots waits for the loop.
   const KeySession keys;
   PrintBanner();
-  TrackerEngine engine;
+  TrackerEngine engine(AllDrivers());
   const ExitCode code = Run(engine, count, arguments, session);
   std::fputs("\n", stderr);  // the prompt that follows starts on a line of its own
   return code;

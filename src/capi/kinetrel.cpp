@@ -1,4 +1,4 @@
-#include "capi/kinetrel.h"
+#include <kinetrel/kinetrel.h>
 
 #include <algorithm>
 #include <array>
@@ -6,10 +6,11 @@
 
 #include "app/command_line.h"
 #include "devices/bounded_text.h"
+#include "drivers/driver_table.h"
 #include "engine/tracker_engine.h"
 
 struct kinetrel_engine {
-  kinetrel::TrackerEngine engine;
+  kinetrel::TrackerEngine engine{kinetrel::AllDrivers()};
 };
 
 namespace {
@@ -71,7 +72,11 @@ void kinetrel_destroy(kinetrel_engine* engine) { delete engine; }
 
 int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* arguments) {
   return Guarded(engine, [&](TrackerEngine& e) {
-    return arguments != nullptr && kinetrel::ParseCommandLine(e, count, arguments);
+    if (arguments == nullptr) return false;
+    kinetrel::StartConfig config = e.Configuration();
+    const bool accepted = kinetrel::ParseCommandLine(config, count, arguments);
+    e.Configure(config);  // the options before a malformed one count
+    return accepted;
   });
 }
 

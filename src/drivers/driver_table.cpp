@@ -1,4 +1,4 @@
-#include "devices/device_factory.h"
+#include "drivers/driver_table.h"
 
 #include "devices/keyboard_device.h"
 #include "drivers/fastrak_device.h"
@@ -39,6 +39,8 @@ constexpr DriverRow kDrivers[] = {
 };
 
 }  // namespace
+
+DeviceFactory AllDrivers() { return {.device = MakeDevice, .joystick = MakeJoystick}; }
 
 std::unique_ptr<TrackerDevice> MakeDevice(int deviceType) {
   for (const DriverRow& row : kDrivers) {

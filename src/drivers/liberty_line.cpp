@@ -9,9 +9,9 @@
 #include <string>
 #include <vector>
 
+#include "drivers/liberty_wire.h"
 #include "platform/serial_line.h"
-#include "substitutes/pdi_tracker.h"
-#include "substitutes/pdi_wire.h"
+#include "vendor/pdi_tracker.h"
 
 namespace kinetrel::substitute {
 namespace {

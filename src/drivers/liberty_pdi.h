@@ -14,8 +14,8 @@
 #include <optional>
 #include <span>
 
-#include "drivers/interface/pdi_table.h"
 #include "platform/dynamic_library.h"
+#include "vendor/pdi_table.h"
 
 namespace kinetrel {
 

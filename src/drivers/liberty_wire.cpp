@@ -1,4 +1,4 @@
-#include "substitutes/pdi_wire.h"
+#include "drivers/liberty_wire.h"
 
 #include <algorithm>
 #include <bit>

@@ -28,10 +28,10 @@ TrackerEngine::TrackerEngine(DeviceFactory factory)
 
 TrackerEngine::~TrackerEngine() { Close(); }
 
-bool TrackerEngine::Configure(const std::function<bool(StartConfig&)>& edit) {
+void TrackerEngine::Configure(const StartConfig& config) {
   const EngineLock lock(state_->mutex);
   ResetMappings(lock);
-  return edit(state_->config);
+  state_->config = config;
 }
 
 StartConfig TrackerEngine::Configuration() const {

@@ -7,7 +7,6 @@
 //          sampling thread gives up between frames.
 #pragma once
 
-#include <functional>
 #include <memory>
 
 #include "devices/device_factory.h"
@@ -65,14 +64,15 @@ enum class MappingAttribute : int {
 
 class TrackerEngine {
  public:
-  explicit TrackerEngine(DeviceFactory factory = {});
+  // factory  makes the drivers; both of its functions must be set.
+  explicit TrackerEngine(DeviceFactory factory);
   ~TrackerEngine();  // stops and closes
   TrackerEngine(const TrackerEngine&) = delete;
   TrackerEngine& operator=(const TrackerEngine&) = delete;
 
-  // Lets `edit` change the start configuration under the lock, once the mappings have been made
-  // anew for the sensors it had. Returns what `edit` does.
-  bool Configure(const std::function<bool(StartConfig&)>& edit);
+  // Replaces the start configuration, after the mappings were made anew for the sensors of the old
+  // one.
+  void Configure(const StartConfig& config);
   StartConfig Configuration() const;  // a copy
 
   // Makes the driver of the type, opens its port, boots and configures it. Takes as long as the

@@ -10,9 +10,9 @@
 #include <span>
 
 #include "platform/clock.h"
-#include "substitutes/isense_interface.h"
-#include "substitutes/isense_settings.h"
-#include "substitutes/isense_tracker.h"
+#include "vendor/isense_interface.h"
+#include "vendor/isense_settings.h"
+#include "vendor/isense_tracker.h"
 
 namespace kinetrel::substitute {
 namespace {

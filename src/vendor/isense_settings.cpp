@@ -1,4 +1,4 @@
-#include "substitutes/isense_settings.h"
+#include "vendor/isense_settings.h"
 
 #include <charconv>
 #include <cstdlib>

@@ -1,4 +1,4 @@
-#include "substitutes/isense_tracker.h"
+#include "vendor/isense_tracker.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/clock.h"
-#include "substitutes/isense_settings.h"
+#include "vendor/isense_settings.h"
 
 namespace kinetrel::substitute {
 namespace {

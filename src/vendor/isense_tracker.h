@@ -11,7 +11,7 @@
 #include <optional>
 
 #include "platform/datagram_socket.h"
-#include "substitutes/isense_interface.h"
+#include "vendor/isense_interface.h"
 
 namespace kinetrel::substitute {
 

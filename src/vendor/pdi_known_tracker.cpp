@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "substitutes/isense_settings.h"
-#include "substitutes/pdi_tracker.h"
+#include "vendor/isense_settings.h"
+#include "vendor/pdi_tracker.h"
 
 namespace kinetrel::substitute {
 namespace {

@@ -14,9 +14,9 @@
 #include <string>
 #include <string_view>
 
-#include "drivers/interface/pdi_table.h"
-#include "substitutes/isense_settings.h"
-#include "substitutes/pdi_tracker.h"
+#include "vendor/isense_settings.h"
+#include "vendor/pdi_table.h"
+#include "vendor/pdi_tracker.h"
 
 namespace kinetrel {
 

@@ -3,7 +3,7 @@
 // The driver loads the library ("pdi.dll", on Linux libpdi.so, or the file that the environment
 // variable KINETREL_PDI names) and asks its kinetrel_pdi_table for this table. A vendor's C++
 // library is wrapped by a small adapter: a shared library that exports that one function and whose
-// table calls the vendor's classes. Kinetrel's own substitutes/pdi is one more.
+// table calls the vendor's classes. Kinetrel's own src/vendor/pdi_library.cpp is one more.
 //
 // Results  an int32_t is nonzero for success unless its line says otherwise. A call that failed may
 //          be made again; none may throw.

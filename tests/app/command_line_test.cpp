@@ -49,13 +49,13 @@ struct Outcome {
 
 Outcome Parse(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "kinetrel");
-  TrackerEngine engine;
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();
+  StartConfig config;
   const bool accepted =
-      ParseCommandLine(engine, static_cast<int>(arguments.size()), arguments.data());
+      ParseCommandLine(config, static_cast<int>(arguments.size()), arguments.data());
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "\n");
-  return {accepted, testing::internal::GetCapturedStderr(), engine.Configuration()};
+  return {accepted, testing::internal::GetCapturedStderr(), config};
 }
 
 struct Row {

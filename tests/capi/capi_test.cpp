@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "capi/kinetrel.h"
+#include <kinetrel/kinetrel.h>
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
 

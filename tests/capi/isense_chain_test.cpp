@@ -4,7 +4,7 @@
 
 #include <csignal>
 
-#include "capi/kinetrel.h"
+#include <kinetrel/kinetrel.h>
 #include "platform/datagram_socket.h"
 #include "publish/shared_track_reader.h"
 #include "tests/support/child_process.h"

@@ -6,10 +6,10 @@
 #include <cmath>
 #include <optional>
 
-#include "devices/device_factory.h"
-#include "emulators/device_table.h"
-#include "emulators/emulator.h"
-#include "emulators/motion.h"
+#include "drivers/driver_table.h"
+#include "emulate/device_table.h"
+#include "emulate/emulator.h"
+#include "emulate/motion.h"
 #include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {

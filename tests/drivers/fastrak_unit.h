@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "devices/device_factory.h"
+#include "drivers/driver_table.h"
 #include "tests/support/scripted_peer.h"
 
 namespace kinetrel::test {

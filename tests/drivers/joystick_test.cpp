@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "devices/device_factory.h"
+#include "drivers/driver_table.h"
 #include "tests/support/joystick_pipes.h"
 #include "tests/support/wait_until.h"
 

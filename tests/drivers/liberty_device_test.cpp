@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 #include "tests/support/allocation_counter.h"
 #include "tests/support/emulated_run.h"
 

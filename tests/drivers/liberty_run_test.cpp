@@ -8,7 +8,7 @@
 #include <optional>
 
 #include "devices/pose.h"
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 #include "publish/shared_track_reader.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"

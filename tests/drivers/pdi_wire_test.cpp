@@ -1,5 +1,5 @@
 // What the Liberty's substitute library makes of the bytes on its line.
-#include "substitutes/pdi_wire.h"
+#include "drivers/liberty_wire.h"
 
 #include <gtest/gtest.h>
 

@@ -8,7 +8,7 @@
 #include <numbers>
 #include <set>
 
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 #include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "emulators/stepped_device.h"
-#include "emulators/wire_writer.h"
+#include "emulate/stepped_device.h"
+#include "emulate/wire_writer.h"
 
 namespace kinetrel::test {
 

@@ -1,9 +1,9 @@
 // The line's speed and the faults that strike on it, by a clock of the test's own.
-#include "emulators/device_line.h"
+#include "emulate/device_line.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/emulators/device_bench.h"
+#include "tests/emulate/device_bench.h"
 
 namespace kinetrel::test {
 namespace {

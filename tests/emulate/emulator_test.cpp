@@ -1,5 +1,5 @@
 // Emulated devices on real pseudo-terminals, opened as a host opens a serial line.
-#include "emulators/emulator.h"
+#include "emulate/emulator.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -7,7 +7,7 @@
 
 #include <filesystem>
 
-#include "emulators/fastrak_emulator.h"
+#include "emulate/fastrak_emulator.h"
 #include "platform/serial_line.h"
 #include "tests/support/child_process.h"
 #include "tests/support/wait_until.h"

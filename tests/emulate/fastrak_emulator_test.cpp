@@ -1,11 +1,11 @@
 // The FASTRAK family's side of the wire, against bytes written out from the protocol.
-#include "emulators/fastrak_emulator.h"
+#include "emulate/fastrak_emulator.h"
 
 #include <gtest/gtest.h>
 
 #include <random>
 
-#include "tests/emulators/device_bench.h"
+#include "tests/emulate/device_bench.h"
 
 namespace kinetrel::test {
 namespace {

@@ -1,9 +1,9 @@
 // The flock's side of the wire, against bytes written out from the protocol.
-#include "emulators/flock_emulator.h"
+#include "emulate/flock_emulator.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/emulators/device_bench.h"
+#include "tests/emulate/device_bench.h"
 
 namespace kinetrel::test {
 namespace {

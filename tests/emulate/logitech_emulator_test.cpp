@@ -1,9 +1,9 @@
 // The head tracker's side of the wire, against bytes written out from the protocol.
-#include "emulators/logitech_emulator.h"
+#include "emulate/logitech_emulator.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/emulators/device_bench.h"
+#include "tests/emulate/device_bench.h"
 
 namespace kinetrel::test {
 namespace {

@@ -1,11 +1,11 @@
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <sstream>
 
-#include "emulators/motion_file.h"
+#include "emulate/motion_file.h"
 
 namespace kinetrel::test {
 namespace {

@@ -1,9 +1,9 @@
 // The head's side of the wire, against bytes written out from the protocol.
-#include "emulators/pan_tilt_emulator.h"
+#include "emulate/pan_tilt_emulator.h"
 
 #include <gtest/gtest.h>
 
-#include "tests/emulators/device_bench.h"
+#include "tests/emulate/device_bench.h"
 
 namespace kinetrel::test {
 namespace {

@@ -32,11 +32,10 @@ class Control : public testing::Test {
       ++frames_;
       return 3U;
     };
-    engine_.Configure([&](StartConfig& config) {
-      config.componentMask = 7;
-      config.sensorMask = 3;
-      return true;
-    });
+    StartConfig config;
+    config.componentMask = 7;
+    config.sensorMask = 3;
+    engine_.Configure(config);
   }
   void Open() {
     engine_.SetSharedMemoryDevice(slot_.device());  // a Close forgets it

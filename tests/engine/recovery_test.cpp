@@ -107,10 +107,9 @@ class Recovering : public testing::Test {
     DeviceFactory factory;
     factory.device = [](int) { return std::make_unique<ByteTracker>(); };
     engine_ = std::make_unique<TrackerEngine>(factory);
-    engine_->Configure([&](StartConfig& config) {
-      config.shmDevice = slot_.device();
-      return true;
-    });
+    StartConfig config;
+    config.shmDevice = slot_.device();
+    engine_->Configure(config);
   }
   ~Recovering() override {
     engine_.reset();

@@ -24,11 +24,10 @@ class Sampling : public testing::Test {
   // Opens the scripted device and samples it.
   void Start(const std::function<void(StartConfig&)>& edit = [](StartConfig&) {}) {
     engine_ = std::make_unique<TrackerEngine>(factory_);
-    engine_->Configure([&](StartConfig& config) {
-      config.shmDevice = slot_.device();
-      edit(config);
-      return true;
-    });
+    StartConfig config;
+    config.shmDevice = slot_.device();
+    edit(config);
+    engine_->Configure(config);
     ASSERT_EQ(engine_->Open(3, 1, false), OpenResult::Opened);
     ASSERT_TRUE(engine_->StartSampling());
   }

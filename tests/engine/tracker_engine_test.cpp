@@ -153,10 +153,9 @@ TEST_P(ConfigurationPush, ReachesTheDeviceInOrder) {
   Script script;
   script.statusCode = row.statusCode;
   TrackerEngine engine(ScriptedFactory(script));
-  engine.Configure([&](StartConfig& config) {
-    row.edit(config);
-    return true;
-  });
+  StartConfig config;
+  row.edit(config);
+  engine.Configure(config);
   ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
   std::vector<std::string> calls = script.Calls();
   calls.erase(calls.begin(), calls.begin() + 2);  // OpenPortNumber, Boot
@@ -201,11 +200,10 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(Engine, ReportsStatusAndAlignmentWhenAsked) {
   Script script;
   TrackerEngine engine(ScriptedFactory(script));
-  engine.Configure([](StartConfig& config) {
-    config.query = 1;
-    config.alignX = {1, 0, 0};
-    return true;
-  });
+  StartConfig config;
+  config.query = 1;
+  config.alignX = {1, 0, 0};
+  engine.Configure(config);
   testing::internal::CaptureStdout();
   ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "\nSTATUS:\n\tall well\n");
@@ -222,10 +220,9 @@ TEST(Engine, DerivesTheSharedMemoryDeviceFromThePort) {
                          Row{StartConfig::kUsbPort, -1, 0}, Row{INT_MIN, -1, 15}, Row{2, 9, 9}}) {
     Script script;
     TrackerEngine engine(ScriptedFactory(script));
-    engine.Configure([&](StartConfig& config) {
-      config.shmDevice = row.configured;
-      return true;
-    });
+    StartConfig config;
+    config.shmDevice = row.configured;
+    engine.Configure(config);
     ASSERT_EQ(engine.Open(3, row.port, false), OpenResult::Opened);
     EXPECT_EQ(engine.Configuration().shmDevice, row.expected) << row.port;
     engine.Close();
@@ -259,10 +256,9 @@ TEST(Engine, SaysWhetherTheJoystickIsThere) {
       return std::make_unique<Stick>(row.bootResult);
     };
     TrackerEngine engine(factory);
-    engine.Configure([](StartConfig& config) {
-      config.joystickPort = 2;
-      return true;
-    });
+    StartConfig config;
+    config.joystickPort = 2;
+    engine.Configure(config);
     ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
     EXPECT_TRUE(LogOf(engine).ends_with(row.entry)) << LogOf(engine);
   }

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "emulators/device_table.h"
-#include "emulators/stepped_device.h"
+#include "emulate/device_table.h"
+#include "emulate/stepped_device.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "drivers/liberty_frame.h"
-#include "substitutes/pdi_wire.h"
+#include "drivers/liberty_wire.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "tests/clients/tracker.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
+#include "tests/watch/tracker.h"
 
 namespace kinetrel::test {
 namespace {

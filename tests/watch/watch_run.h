@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "tests/clients/tracker.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
+#include "tests/watch/tracker.h"
 
 namespace kinetrel::test {
 

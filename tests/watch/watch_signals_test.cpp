@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "tests/clients/watch_run.h"
 #include "tests/support/pseudo_terminal.h"
+#include "tests/watch/watch_run.h"
 
 namespace kinetrel::test {
 namespace {

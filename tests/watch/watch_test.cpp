@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/clients/watch_run.h"
+#include "tests/watch/watch_run.h"
 
 namespace kinetrel::test {
 namespace {

@@ -7,12 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include "clients/rate_meter.h"
-#include "clients/watch_options.h"
-#include "clients/watch_text.h"
-#include "clients/watch_view.h"
-#include "tests/clients/tracker.h"
 #include "tests/support/json_check.h"
+#include "tests/watch/tracker.h"
+#include "watch/rate_meter.h"
+#include "watch/watch_options.h"
+#include "watch/watch_text.h"
+#include "watch/watch_view.h"
 
 namespace kinetrel::test {
 namespace {

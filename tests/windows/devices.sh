@@ -153,7 +153,7 @@ emulated_there() {
 with_library() {
   local folder=$work/$1
   mkdir -p "$folder"
-  cp "$windows/bin/kinetrel.exe" "$windows/substitutes/$1.dll" "$folder"
+  cp "$windows/bin/kinetrel.exe" "$windows/vendor/$1.dll" "$folder"
   start kinetrel wine "$folder/kinetrel.exe" "-w$slot" -d "$2"
   watch_frames 5
 }
@@ -170,7 +170,7 @@ exports() {
 
 # The program forwards the vendor's 20 functions; the library has the C interface and no more.
 exported() {
-  diff <(exports "$windows/bin/kinetrel.exe") <(exports "$windows/substitutes/isense.dll") &&
+  diff <(exports "$windows/bin/kinetrel.exe") <(exports "$windows/vendor/isense.dll") &&
     (($(exports "$windows/bin/kinetrel.exe" | grep -c '^ISD_') == 20)) &&
     diff <(exports "$windows/bin/kinetrel.dll") \
       <(grep -o 'kinetrel_[a-z_]*(' "$source/capi/kinetrel.h" | tr -d '(' | sort)

@@ -1,4 +1,4 @@
-#include "emulators/device_line.h"
+#include "emulate/device_line.h"
 
 #include <algorithm>
 #include <utility>

@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "emulators/faults.h"
-#include "emulators/moment.h"
-#include "emulators/random_source.h"
+#include "emulate/faults.h"
+#include "emulate/moment.h"
+#include "emulate/random_source.h"
 
 namespace kinetrel {
 

@@ -1,12 +1,12 @@
-#include "emulators/device_table.h"
+#include "emulate/device_table.h"
 
-#include "emulators/fastrak_emulator.h"
-#include "emulators/flock_emulator.h"
-#include "emulators/gps_emulator.h"
-#include "emulators/intertrax_emulator.h"
-#include "emulators/liberty_emulator.h"
-#include "emulators/logitech_emulator.h"
-#include "emulators/pan_tilt_emulator.h"
+#include "emulate/fastrak_emulator.h"
+#include "emulate/flock_emulator.h"
+#include "emulate/gps_emulator.h"
+#include "emulate/intertrax_emulator.h"
+#include "emulate/liberty_emulator.h"
+#include "emulate/logitech_emulator.h"
+#include "emulate/pan_tilt_emulator.h"
 
 namespace kinetrel {
 namespace {

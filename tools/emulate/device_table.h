@@ -8,9 +8,9 @@
 #include <span>
 #include <string_view>
 
-#include "emulators/emulated_device.h"
-#include "emulators/motion.h"
-#include "emulators/options.h"
+#include "emulate/emulated_device.h"
+#include "emulate/motion.h"
+#include "emulate/options.h"
 
 namespace kinetrel {
 

@@ -1,4 +1,4 @@
-#include "emulators/emulate_command.h"
+#include "emulate/emulate_command.h"
 
 #include <algorithm>
 

@@ -5,8 +5,8 @@
 #include <span>
 #include <string>
 
-#include "emulators/device_table.h"
-#include "emulators/emulator.h"
+#include "emulate/device_table.h"
+#include "emulate/emulator.h"
 
 namespace kinetrel {
 

@@ -10,8 +10,8 @@
 #include <span>
 #include <string>
 
-#include "emulators/device_line.h"
-#include "emulators/moment.h"
+#include "emulate/device_line.h"
+#include "emulate/moment.h"
 
 namespace kinetrel {
 

@@ -1,4 +1,4 @@
-#include "emulators/emulator.h"
+#include "emulate/emulator.h"
 
 #include <algorithm>
 #include <array>

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "emulators/port_link.h"
-#include "emulators/stepped_device.h"
+#include "emulate/port_link.h"
+#include "emulate/stepped_device.h"
 #include "platform/pseudo_terminal.h"
 #include "platform/thread.h"
 

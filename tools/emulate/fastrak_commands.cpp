@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "emulators/fastrak_emulator.h"
+#include "emulate/fastrak_emulator.h"
 
 namespace kinetrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "emulators/fastrak_emulator.h"
+#include "emulate/fastrak_emulator.h"
 
 #include <algorithm>
 #include <utility>

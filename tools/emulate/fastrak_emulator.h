@@ -18,13 +18,13 @@
 #include <memory>
 #include <vector>
 
-#include "emulators/emulated_device.h"
-#include "emulators/fastrak_models.h"
-#include "emulators/fastrak_parser.h"
-#include "emulators/fastrak_records.h"
-#include "emulators/motion.h"
-#include "emulators/options.h"
-#include "emulators/rotation.h"
+#include "emulate/emulated_device.h"
+#include "emulate/fastrak_models.h"
+#include "emulate/fastrak_parser.h"
+#include "emulate/fastrak_records.h"
+#include "emulate/motion.h"
+#include "emulate/options.h"
+#include "emulate/rotation.h"
 
 namespace kinetrel {
 

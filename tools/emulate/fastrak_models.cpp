@@ -1,4 +1,4 @@
-#include "emulators/fastrak_models.h"
+#include "emulate/fastrak_models.h"
 
 #include <numbers>
 

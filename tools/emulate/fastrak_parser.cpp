@@ -1,9 +1,9 @@
-#include "emulators/fastrak_parser.h"
+#include "emulate/fastrak_parser.h"
 
 #include <cstdio>
 #include <utility>
 
-#include "emulators/numbers.h"
+#include "emulate/numbers.h"
 
 namespace kinetrel {
 namespace {

@@ -1,11 +1,11 @@
-#include "emulators/fastrak_records.h"
+#include "emulate/fastrak_records.h"
 
 #include <array>
 #include <cmath>
 #include <cstdio>
 #include <span>
 
-#include "emulators/rotation.h"
+#include "emulate/rotation.h"
 
 namespace kinetrel {
 namespace {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "emulators/fastrak_models.h"
-#include "emulators/motion.h"
-#include "emulators/wire_writer.h"
+#include "emulate/fastrak_models.h"
+#include "emulate/motion.h"
+#include "emulate/wire_writer.h"
 
 namespace kinetrel {
 

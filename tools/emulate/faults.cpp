@@ -1,10 +1,10 @@
-#include "emulators/faults.h"
+#include "emulate/faults.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 
-#include "emulators/numbers.h"
+#include "emulate/numbers.h"
 
 namespace kinetrel {
 namespace {

@@ -22,8 +22,8 @@
 #include <string_view>
 #include <vector>
 
-#include "emulators/moment.h"
-#include "emulators/random_source.h"
+#include "emulate/moment.h"
+#include "emulate/random_source.h"
 
 namespace kinetrel {
 

@@ -1,4 +1,4 @@
-#include "emulators/flock_emulator.h"
+#include "emulate/flock_emulator.h"
 
 #include <algorithm>
 #include <array>

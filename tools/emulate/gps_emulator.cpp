@@ -1,4 +1,4 @@
-#include "emulators/gps_emulator.h"
+#include "emulate/gps_emulator.h"
 
 #include <algorithm>
 #include <array>

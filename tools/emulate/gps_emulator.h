@@ -15,10 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "emulators/emulated_device.h"
-#include "emulators/motion.h"
-#include "emulators/options.h"
-#include "emulators/wire_writer.h"
+#include "emulate/emulated_device.h"
+#include "emulate/motion.h"
+#include "emulate/options.h"
+#include "emulate/wire_writer.h"
 
 namespace kinetrel {
 

@@ -1,4 +1,4 @@
-#include "emulators/intertrax_emulator.h"
+#include "emulate/intertrax_emulator.h"
 
 #include <algorithm>
 #include <cmath>

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <optional>
 
-#include "emulators/emulate_command.h"
+#include "emulate/emulate_command.h"
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/stop_signals.h"

@@ -1,4 +1,4 @@
-#include "emulators/liberty_emulator.h"
+#include "emulate/liberty_emulator.h"
 
 #include <algorithm>
 #include <bit>
@@ -8,7 +8,7 @@
 #include <numbers>
 #include <utility>
 
-#include "emulators/numbers.h"
+#include "emulate/numbers.h"
 
 namespace kinetrel {
 namespace {

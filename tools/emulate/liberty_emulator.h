@@ -21,10 +21,10 @@
 #include <string_view>
 #include <vector>
 
-#include "emulators/emulated_device.h"
-#include "emulators/motion.h"
-#include "emulators/options.h"
-#include "emulators/wire_writer.h"
+#include "emulate/emulated_device.h"
+#include "emulate/motion.h"
+#include "emulate/options.h"
+#include "emulate/wire_writer.h"
 
 namespace kinetrel {
 

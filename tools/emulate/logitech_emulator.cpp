@@ -1,4 +1,4 @@
-#include "emulators/logitech_emulator.h"
+#include "emulate/logitech_emulator.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 
 #include <algorithm>
 #include <array>
@@ -6,8 +6,8 @@
 #include <numbers>
 #include <vector>
 
-#include "emulators/motion_file.h"
-#include "emulators/numbers.h"
+#include "emulate/motion_file.h"
+#include "emulate/numbers.h"
 
 namespace kinetrel {
 namespace {

@@ -1,4 +1,4 @@
-#include "emulators/motion_file.h"
+#include "emulate/motion_file.h"
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,7 @@
 #include <optional>
 #include <vector>
 
-#include "emulators/numbers.h"
+#include "emulate/numbers.h"
 
 namespace kinetrel {
 namespace {

@@ -13,7 +13,7 @@
 #include <istream>
 #include <string>
 
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 
 namespace kinetrel {
 

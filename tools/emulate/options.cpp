@@ -1,4 +1,4 @@
-#include "emulators/options.h"
+#include "emulate/options.h"
 
 namespace kinetrel {
 namespace {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "emulators/numbers.h"
+#include "emulate/numbers.h"
 
 namespace kinetrel {
 

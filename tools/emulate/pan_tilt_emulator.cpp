@@ -1,4 +1,4 @@
-#include "emulators/pan_tilt_emulator.h"
+#include "emulate/pan_tilt_emulator.h"
 
 #include <algorithm>
 #include <cmath>

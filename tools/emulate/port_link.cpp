@@ -1,4 +1,4 @@
-#include "emulators/port_link.h"
+#include "emulate/port_link.h"
 
 #include <filesystem>
 #include <random>

@@ -1,4 +1,4 @@
-#include "emulators/rotation.h"
+#include "emulate/rotation.h"
 
 #include <algorithm>
 #include <cmath>

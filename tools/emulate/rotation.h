@@ -4,7 +4,7 @@
 #include <array>
 #include <optional>
 
-#include "emulators/motion.h"
+#include "emulate/motion.h"
 
 namespace kinetrel {
 

@@ -1,4 +1,4 @@
-#include "emulators/stepped_device.h"
+#include "emulate/stepped_device.h"
 
 #include <algorithm>
 #include <utility>

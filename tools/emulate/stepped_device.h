@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "emulators/emulated_device.h"
+#include "emulate/emulated_device.h"
 
 namespace kinetrel {
 

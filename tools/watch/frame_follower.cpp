@@ -1,4 +1,4 @@
-#include "clients/frame_follower.h"
+#include "watch/frame_follower.h"
 
 namespace kinetrel {
 namespace {

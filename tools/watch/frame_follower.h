@@ -4,11 +4,11 @@
 // wake-up a frame; without frames, one for each Next.
 #pragma once
 
-#include "clients/watch_snapshot.h"
 #include "platform/clock.h"
 #include "platform/status.h"
 #include "publish/shared_track_reader.h"
 #include "publish/track_timer.h"
+#include "watch/watch_snapshot.h"
 
 namespace kinetrel {
 

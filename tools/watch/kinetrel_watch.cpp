@@ -3,11 +3,11 @@
 #include <cstdio>
 #include <string>
 
-#include "clients/watch_options.h"
-#include "clients/watch_screen.h"
-#include "clients/watcher.h"
 #include "platform/console.h"
 #include "platform/stop_signals.h"
+#include "watch/watch_options.h"
+#include "watch/watch_screen.h"
+#include "watch/watcher.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "clients/rate_meter.h"
+#include "watch/rate_meter.h"
 
 #include <algorithm>
 

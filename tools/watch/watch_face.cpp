@@ -1,9 +1,9 @@
-#include "clients/watch_face.h"
+#include "watch/watch_face.h"
 
 #include <cstdio>
 
-#include "clients/watch_text.h"
-#include "clients/watch_view.h"
+#include "watch/watch_text.h"
+#include "watch/watch_view.h"
 
 namespace kinetrel {
 namespace {

@@ -3,12 +3,12 @@
 
 #include <optional>
 
-#include "clients/rate_meter.h"
-#include "clients/watch_options.h"
-#include "clients/watch_screen.h"
-#include "clients/watch_snapshot.h"
 #include "platform/console.h"
 #include "publish/track_timer.h"
+#include "watch/rate_meter.h"
+#include "watch/watch_options.h"
+#include "watch/watch_screen.h"
+#include "watch/watch_snapshot.h"
 
 namespace kinetrel {
 

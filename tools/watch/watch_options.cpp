@@ -1,12 +1,12 @@
-#include "clients/watch_options.h"
+#include "watch/watch_options.h"
 
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <string_view>
 
-#include "clients/watch_text.h"
 #include "publish/shared_track_block.h"
+#include "watch/watch_text.h"
 
 namespace kinetrel {
 namespace {

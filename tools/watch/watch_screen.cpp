@@ -1,4 +1,4 @@
-#include "clients/watch_screen.h"
+#include "watch/watch_screen.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "clients/watch_view.h"
 #include "platform/console.h"
+#include "watch/watch_view.h"
 
 namespace kinetrel {
 

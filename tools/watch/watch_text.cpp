@@ -1,4 +1,4 @@
-#include "clients/watch_text.h"
+#include "watch/watch_text.h"
 
 #include <array>
 #include <charconv>

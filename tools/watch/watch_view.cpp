@@ -1,4 +1,4 @@
-#include "clients/watch_view.h"
+#include "watch/watch_view.h"
 
 #include <algorithm>
 #include <array>
@@ -6,7 +6,7 @@
 #include <numbers>
 #include <utility>
 
-#include "clients/watch_text.h"
+#include "watch/watch_text.h"
 
 namespace kinetrel {
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "clients/watch_snapshot.h"
+#include "watch/watch_snapshot.h"
 
 namespace kinetrel {
 

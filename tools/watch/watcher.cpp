@@ -1,9 +1,9 @@
-#include "clients/watcher.h"
+#include "watch/watcher.h"
 
 #include <algorithm>
 #include <cstdio>
 
-#include "clients/watch_text.h"
+#include "watch/watch_text.h"
 
 namespace kinetrel {
 namespace {

@@ -6,9 +6,9 @@
 #include <memory>
 #include <optional>
 
-#include "clients/frame_follower.h"
-#include "clients/watch_face.h"
-#include "clients/watch_options.h"
+#include "watch/frame_follower.h"
+#include "watch/watch_face.h"
+#include "watch/watch_options.h"
 
 namespace kinetrel {
 
