@@ -15,7 +15,7 @@
 namespace kinetrel {
 namespace {
 
-constexpr unsigned kIdentity = 8;  // device type, and the status word that the engine knows it by
+constexpr unsigned kIdentity = kKeyboardStatus;  // device type and status word alike
 constexpr unsigned kSteeredBit = StationBit(KeyboardDevice::kSteeredSensor);
 constexpr unsigned kSteeredComponentBit = 1U << 15;
 

@@ -7,13 +7,13 @@ namespace kinetrel {
 
 StatusLog::StatusLog() : formatBuffer_(kLongestFormatted + 1) {}
 
-bool StatusLog::SetStatus(int code, const char* text) {
+bool StatusLog::SetStatus(StatusNumber code, const char* text) {
   const std::lock_guard held(lock_);
   Append(code, text);
   return true;
 }
 
-bool StatusLog::SetStatusF(int code, const char* format, ...) {
+bool StatusLog::SetStatusF(StatusNumber code, const char* format, ...) {
   const std::lock_guard held(lock_);
   std::va_list arguments;
   va_start(arguments, format);
@@ -37,18 +37,18 @@ std::vector<StatusEntry> StatusLog::Entries() const {
   return entries_;
 }
 
-void StatusLog::Append(int code, std::string text) {
-  entries_.push_back({std::time(nullptr), code, std::move(text)});
+void StatusLog::Append(StatusNumber code, std::string text) {
+  entries_.push_back({std::time(nullptr), code.value, std::move(text)});
   if (entries_.size() < kTrimAt) return;
   entries_.erase(entries_.begin(), entries_.end() - kKeep);
 }
 
-void StatusLog::AppendFormatted(int code, const char* format, std::va_list arguments) {
+void StatusLog::AppendFormatted(StatusNumber code, const char* format, std::va_list arguments) {
   std::vsnprintf(formatBuffer_.data(), formatBuffer_.size(), format, arguments);
   Append(code, formatBuffer_.data());
 }
 
-bool Announce(StatusLog& log, const char* prefix, int code, const char* format, ...) {
+bool Announce(StatusLog& log, const char* prefix, StatusNumber code, const char* format, ...) {
   const std::lock_guard held(log.lock_);
   std::va_list arguments;
   va_start(arguments, format);
@@ -58,7 +58,7 @@ bool Announce(StatusLog& log, const char* prefix, int code, const char* format, 
   return true;
 }
 
-bool Post(StatusLog* log, int code, const char* format, ...) {
+bool Post(StatusLog* log, StatusNumber code, const char* format, ...) {
   if (log == nullptr) return true;
   const std::lock_guard held(log->lock_);
   std::va_list arguments;

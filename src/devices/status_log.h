@@ -1,10 +1,7 @@
 // The engine's time-stamped list of status messages, written by the engine, its drivers and their
 // threads.
 //
-// Codes    negative: a failure (-1 refused or not open, -2 not allowed, -3 a port or setting
-//          failed, -4 boot, -5 joystick, -10 shared memory, -16 a device at its error limit);
-//          0: a vendor library's report; positive: progress (1 start and recovery, 2 port open,
-//          3 boot and configuration, 5 counts and timings, 6 closing).
+// Codes    StatusCode; a device's own error number is logged as it is: StatusCode{number}.
 // Threads  any; every operation takes the log's own lock, which is never held around another.
 // Memory   an entry allocates its text; so nothing that runs every frame may log.
 #pragma once
@@ -18,9 +15,33 @@
 
 namespace kinetrel {
 
+// What an entry is about. Negative codes are failures.
+enum class StatusCode : int {
+  DeviceErrorLimit = -16,  // a device reported too many errors
+  SharedMemory = -10,
+  Joystick = -5,
+  Boot = -4,
+  Port = -3,  // a port or a setting of the device
+  NotAllowed = -2,
+  Refused = -1,  // a call or a value; also: not open
+  Report = 0,    // a vendor library's or a device's own words
+  Progress = 1,  // start, recovery, status on demand
+  PortOpen = 2,
+  Setup = 3,   // boot and configuration
+  Counts = 5,  // counts and timings
+  Closing = 6,
+};
+
+// Takes a plain number too while callers are converted.
+struct StatusNumber {
+  StatusNumber(int number) : value(number) {}
+  StatusNumber(StatusCode code) : value(static_cast<int>(code)) {}
+  int value;
+};
+
 struct StatusEntry {
   std::time_t when = 0;  // seconds since 1970, when the entry was added
-  int code = 0;
+  int code = 0;          // a StatusCode, or a device's own error number
   std::string text;
 };
 
@@ -35,10 +56,10 @@ class StatusLog {
   StatusLog(const StatusLog&) = delete;
   StatusLog& operator=(const StatusLog&) = delete;
 
-  bool SetStatus(int code, const char* text);  // always true
+  bool SetStatus(StatusNumber code, const char* text);  // always true
 
   // Formats as printf does; text past kLongestFormatted characters is cut. Always true.
-  [[gnu::format(printf, 3, 4)]] bool SetStatusF(int code, const char* format, ...);
+  [[gnu::format(printf, 3, 4)]] bool SetStatusF(StatusNumber code, const char* format, ...);
 
   // The newest entry's text, empty when there is none. Valid until the next entry is added: for a
   // caller that may be overtaken, Newest() copies.
@@ -48,12 +69,12 @@ class StatusLog {
   std::vector<StatusEntry> Entries() const;  // a copy, oldest first
 
  private:
-  friend bool Announce(StatusLog&, const char*, int, const char*, ...);
-  friend bool Post(StatusLog*, int, const char*, ...);
+  friend bool Announce(StatusLog&, const char*, StatusNumber, const char*, ...);
+  friend bool Post(StatusLog*, StatusNumber, const char*, ...);
 
   // With the lock held.
-  void Append(int code, std::string text);
-  [[gnu::format(printf, 3, 0)]] void AppendFormatted(int code, const char* format,
+  void Append(StatusNumber code, std::string text);
+  [[gnu::format(printf, 3, 0)]] void AppendFormatted(StatusNumber code, const char* format,
                                                      std::va_list arguments);
 
   mutable std::mutex lock_;
@@ -63,10 +84,10 @@ class StatusLog {
 
 // Prints `prefix` and the formatted text on the standard error stream and logs the text: the one
 // way to say a thing in both places. Always true.
-[[gnu::format(printf, 4, 5)]] bool Announce(StatusLog& log, const char* prefix, int code,
+[[gnu::format(printf, 4, 5)]] bool Announce(StatusLog& log, const char* prefix, StatusNumber code,
                                             const char* format, ...);
 
 // SetStatusF for a device that may have been given no log: with null, nothing. Always true.
-[[gnu::format(printf, 3, 4)]] bool Post(StatusLog* log, int code, const char* format, ...);
+[[gnu::format(printf, 3, 4)]] bool Post(StatusLog* log, StatusNumber code, const char* format, ...);
 
 }  // namespace kinetrel

@@ -29,6 +29,24 @@ inline constexpr unsigned kEulerComponent = 1U << 1;
 inline constexpr unsigned kQuaternionComponent = 1U << 2;
 
 inline constexpr int kUnknownProduct = 0x0BAD0000;
+
+// The high byte of a status word: how a device of that kind can be read.
+enum class DeviceFamily : int {
+  None = 0,               // the word names a single product
+  PanTilt = 0x100,        // polled only
+  Serial = 0x200,         // bit 0 of the word: firmware that can stream
+  HeadTracker = 0x400,    // polled only
+  VendorLibrary = 0x600,  // polled only
+  StreamOnly = 0x800,
+  Gps = 0xC00,  // streams only
+};
+
+constexpr DeviceFamily FamilyOf(int statusCode) {
+  return static_cast<DeviceFamily>(statusCode & ~0xFF);
+}
+
+// The status word of the simulated tracker: without a key pressed it has no frame to deliver.
+inline constexpr int kKeyboardStatus = 8;
 inline constexpr int kMostSensors = 256;
 
 // Turns a device's integer reading into a value: raw x scale + offset.

@@ -23,7 +23,7 @@ constexpr unsigned kAnythingHeard = 1U << kFirstSatellite;
 constexpr unsigned kPositionSensors = 7;
 constexpr int kReportsPerSecond = 5;
 
-constexpr unsigned kFamily = 0x0C00;
+constexpr unsigned kFamily = static_cast<unsigned>(DeviceFamily::Gps);
 constexpr unsigned kFlagsCleared = 0x000F0000;
 constexpr unsigned kFlagsSet = 0x00100000;
 

@@ -33,7 +33,7 @@ constexpr int kTimedBytes = 4;
 constexpr int kBitsPerByte = 10;
 
 constexpr unsigned kSensors = 1;
-constexpr unsigned kFamily = 0x0602;
+constexpr unsigned kFamily = static_cast<unsigned>(DeviceFamily::VendorLibrary) | 2;
 constexpr unsigned kFlagsCleared = 0x000F0000;
 constexpr unsigned kFlagsSet = 0x00100000;
 constexpr double kRadiansPerCount = kPi / 32767;

@@ -26,8 +26,8 @@ constexpr int kTestReads = 100;
 constexpr float kUnknownKBits = 38.4F;
 constexpr float kMostKBits = 4.0e6F;  // what an unsigned number of bits a second holds
 
-constexpr unsigned kFamily = 0x0600;
-constexpr unsigned kBootedFamily = 0x0602;
+constexpr unsigned kFamily = static_cast<unsigned>(DeviceFamily::VendorLibrary);
+constexpr unsigned kBootedFamily = kFamily | 2;
 constexpr unsigned kFlagsCleared = 0x000F0000;
 constexpr unsigned kFlagsSet = 0x00100000;
 constexpr double kRadiansPerCount = kPi / 32767;

@@ -13,7 +13,7 @@ namespace {
 // ---- Wire ----------------------------------------------------------------------------------
 
 constexpr int kBaud = 19200;
-constexpr unsigned kFamily = 0x0400;
+constexpr unsigned kFamily = static_cast<unsigned>(DeviceFamily::HeadTracker);
 constexpr int kDeviceType = 0x401;
 constexpr int kRecordsPerSecond = 50;
 constexpr unsigned kSensors = 1;

@@ -53,7 +53,7 @@ constexpr int kMostNoise = 5;  // silences waited for in vain
 constexpr int kBootTries = 3;  // the head may still be answering whoever was here before us
 constexpr unsigned kMostDue = 2;
 constexpr unsigned kMostBytes = 256;
-constexpr int kHeadStatus = 0x103;
+constexpr int kHeadStatus = static_cast<int>(DeviceFamily::PanTilt) | 3;
 constexpr int kShortestText = 32;
 
 unsigned RoundedUp(unsigned count, unsigned step) { return (count + step - 1) / step * step; }

@@ -6,7 +6,6 @@
 namespace kinetrel {
 namespace {
 
-constexpr int kGpsFamily = 0xC00;
 constexpr int kGpsUnits = 2;
 
 void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
@@ -41,7 +40,7 @@ void ApplyConfiguration(EngineState& state, const EngineLock& lock) {
   device.SetComponentMask(config.componentMask);
   device.SetSensorOffset(-1, config.transmitterOffset.data());
   device.SetHemisphere(-1, config.hemisphere.data());
-  if ((device.GetStatusCode() & ~0xFF) == kGpsFamily) config.units = kGpsUnits;
+  if (FamilyOf(device.GetStatusCode()) == DeviceFamily::Gps) config.units = kGpsUnits;
   device.SetUnits(config.units);
   device.SetSynchronization(config.sync);
   PushRoll(state, lock);

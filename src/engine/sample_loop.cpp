@@ -13,15 +13,6 @@
 namespace kinetrel {
 namespace {
 
-// Status words without their low 8 bits: what kind of device, and how it can be read.
-constexpr int kPanTiltFamily = 0x100;
-constexpr int kSerialFamily = 0x200;  // bit 0 of the word: firmware that can stream
-constexpr int kLogitechFamily = 0x400;
-constexpr int kLibraryFamily = 0x600;
-constexpr int kNoPollFamily = 0x800;
-constexpr int kGpsFamily = 0xC00;
-constexpr int kKeyboardStatus = 8;
-
 constexpr Milliseconds kBackOff{20};
 const std::int64_t kLongestGiveWay = ClockTicksPerSecond() / 1000;
 constexpr int kNapMargin = 10;  // ms; a streaming device is read this much before its next frame
@@ -65,8 +56,6 @@ void SampleLoop::Run() {
 
 // ---- Start -----------------------------------------------------------------------------------
 
-int SampleLoop::Family() const { return device_->GetStatusCode() & ~0xFF; }
-
 int SampleLoop::MaxBin() const {
   return state_->mappings.empty() ? 0 : state_->mappings.rbegin()->first.bin;
 }
@@ -74,18 +63,20 @@ int SampleLoop::MaxBin() const {
 void SampleLoop::ChooseMode() {
   int& streaming = state_->config.streaming;
   const int status = device_->GetStatusCode();
-  const int family = Family();
-  const bool oldSerial = (status & kSerialFamily) != 0 && (status & 1) == 0;
-  const bool pollOnly = oldSerial || family == kLogitechFamily || family == kLibraryFamily ||
-                        family == kPanTiltFamily;
-  const bool streamOnly = family == kNoPollFamily || family == kGpsFamily;
+  const DeviceFamily family = FamilyOf(status);
+  const bool oldSerial =
+      (status & static_cast<int>(DeviceFamily::Serial)) != 0 && (status & 1) == 0;
+  const bool pollOnly = oldSerial || family == DeviceFamily::HeadTracker ||
+                        family == DeviceFamily::VendorLibrary || family == DeviceFamily::PanTilt;
+  const bool streamOnly = family == DeviceFamily::StreamOnly || family == DeviceFamily::Gps;
   if (streaming != 0 && pollOnly) {
-    Announce(state_->status, "\n\t\t", 3, "Streaming not supported on %s.",
+    Announce(state_->status, "\n\t\t", StatusCode::Setup, "Streaming not supported on %s.",
              device_->GetDeviceName());
     streaming = 0;
   }
   if (streaming == 0 && streamOnly) {
-    Announce(state_->status, "\n\t\t", 3, "Polling not supported on %s.", device_->GetDeviceName());
+    Announce(state_->status, "\n\t\t", StatusCode::Setup, "Polling not supported on %s.",
+             device_->GetDeviceName());
     streaming = 1;
   }
   // Kept for the run: a mode set while sampling counts from the next start.
@@ -96,21 +87,23 @@ bool SampleLoop::OpenSharedMemory() {
   const int device = state_->config.shmDevice;
   writer_.emplace(device, kSharedBins);
   if (!writer_->OpenAll()) {
-    Announce(state_->status, "\n\a", -10, "MTS failed to open.");
+    Announce(state_->status, "\n\a", StatusCode::SharedMemory, "MTS failed to open.");
     Print(" ");
-    Announce(state_->status, "\n\t\t", -10, "%s", Describe(writer_->failure()).c_str());
+    Announce(state_->status, "\n\t\t", StatusCode::SharedMemory, "%s",
+             Describe(writer_->failure()).c_str());
     return false;
   }
   if (writer_->rivalPresent()) {
-    Announce(state_->status, "\n\t", -10,
+    Announce(state_->status, "\n\t", StatusCode::SharedMemory,
              "SharedMemory(%d) is being written by another program as well.", device + 1);
   }
   if (!writer_->failure().Ok()) {
-    Announce(state_->status, "\n\t", -10, "SharedMemory(%d) lacks some bins: %s", device + 1,
+    Announce(state_->status, "\n\t", StatusCode::SharedMemory,
+             "SharedMemory(%d) lacks some bins: %s", device + 1,
              Describe(writer_->failure()).c_str());
   }
   device_->SetTimeOrigin(writer_->timer().startCount());
-  Announce(state_->status, "\n\t", 3, "SharedMemory(%d) open ... ", device + 1);
+  Announce(state_->status, "\n\t", StatusCode::Setup, "SharedMemory(%d) open ... ", device + 1);
   return true;
 }
 
@@ -129,12 +122,13 @@ void SampleLoop::ReportHeader() {
     return (header_.components & bit) != 0 ? name : "";
   };
   StatusLog& log = state_->status;
-  Announce(log, "\n\t", 3, "Flags: Sensors(%c%c%c%c), Components(%s|%s|%s), Units(%s) .", sensor(0),
-           sensor(1), sensor(2), sensor(3), component(kPositionComponent, "CART"),
+  Announce(log, "\n\t", StatusCode::Setup,
+           "Flags: Sensors(%c%c%c%c), Components(%s|%s|%s), Units(%s) .", sensor(0), sensor(1),
+           sensor(2), sensor(3), component(kPositionComponent, "CART"),
            component(kEulerComponent, "EULR"), component(kQuaternionComponent, "QUAT"),
            UnitsText(header_.units));
   rate_ = device_->GetFrameRate();
-  Announce(log, "\n\t", 3, "Rate = %d Hz.", rate_);
+  Announce(log, "\n\t", StatusCode::Setup, "Rate = %d Hz.", rate_);
   nap_ = streaming_ && rate_ > 0 ? std::max(0, 1000 / rate_ - kNapMargin) : 0;
 }
 
@@ -152,8 +146,8 @@ void SampleLoop::WriteBinHeaders() {
 }
 
 void SampleLoop::BeginDevice(EngineLock& lock) {
-  Announce(state_->status, "\n\t", 3, "Nap = %d msecs.", nap_);
-  Announce(state_->status, "\n", 3, "Running ...  ");
+  Announce(state_->status, "\n\t", StatusCode::Setup, "Nap = %d msecs.", nap_);
+  Announce(state_->status, "\n", StatusCode::Setup, "Running ...  ");
   if (streaming_) {
     device_->StartContinuous();
   } else {
@@ -162,7 +156,8 @@ void SampleLoop::BeginDevice(EngineLock& lock) {
   recovery_.emplace(state_, device_);
   const Status raised = RaiseToTimeCritical();
   if (!raised.Ok()) {
-    state_->status.SetStatusF(3, "Sampling at ordinary priority: %s.", Describe(raised).c_str());
+    state_->status.SetStatusF(StatusCode::Setup, "Sampling at ordinary priority: %s.",
+                              Describe(raised).c_str());
   }
 }
 
@@ -306,7 +301,7 @@ void SampleLoop::Blink() {
 void SampleLoop::NoteSuccess() {
   recovery_->NoteFrame();
   if (!inError_) return;
-  state_->status.SetStatusF(1, "Running. (after %u error samples)", runLength_);
+  state_->status.SetStatusF(StatusCode::Progress, "Running. (after %u error samples)", runLength_);
   inError_ = false;
   runLength_ = 0;
 }
@@ -325,12 +320,12 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
 
 void SampleLoop::LogFailure() {
   StatusLog& log = state_->status;
-  log.SetStatusF(device_->reportCode(), "Error: Sampling error. (after %u valid samples)",
-                 runLength_);
+  log.SetStatusF(StatusCode{device_->reportCode()},
+                 "Error: Sampling error. (after %u valid samples)", runLength_);
   device_->ClearReportCode();
   const auto report = [&](const char* what, const char* text) {
     if (*text == '\0') return;
-    log.SetStatusF(device_->reportCode(), "%s: %s", what, text);
+    log.SetStatusF(StatusCode{device_->reportCode()}, "%s: %s", what, text);
     device_->ClearReportCode();
   };
   if (device_->reportCode() != 1) {
@@ -349,11 +344,12 @@ void SampleLoop::End(EngineLock& lock) {
   if (writer_->Lock(kForever)) {
     SharedTrackBlock& block = *writer_->block();
     block.flags = header_.Flags();
-    Announce(state_->status, "\t", 5, "%d frames sampled.", block.frameCount);
-    Announce(state_->status, "\n\t", 5, "%8.1f seconds elapsed.", block.publishTime);
+    Announce(state_->status, "\t", StatusCode::Counts, "%d frames sampled.", block.frameCount);
+    Announce(state_->status, "\n\t", StatusCode::Counts, "%8.1f seconds elapsed.",
+             block.publishTime);
     writer_->Unlock();
   }
-  Announce(state_->status, "\n", 6, "Closing");
+  Announce(state_->status, "\n", StatusCode::Closing, "Closing");
   Print(" ... ");
 }
 
@@ -363,7 +359,7 @@ void SampleLoop::CloseSharedMemory() {
   }
   writer_.reset();
   if (Superseded()) return;
-  Announce(state_->status, "\n\t", 6, "MTS closed.");
+  Announce(state_->status, "\n\t", StatusCode::Closing, "MTS closed.");
   Print(" ");
 }
 

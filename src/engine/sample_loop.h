@@ -70,7 +70,6 @@ class SampleLoop {
   void CloseSharedMemory();
 
   Header ReadHeader();
-  int Family() const;  // the device's status word without its low 8 bits
   int MaxBin() const;
 
   const std::shared_ptr<EngineState> state_;

@@ -45,7 +45,7 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
   EngineLock lock(state_->mutex);
   // A Close that waits for the sampling thread has left the lock, and the device is still there.
   if (state_->isOpen || state_->device != nullptr) {
-    state_->status.SetStatus(-2, "Open: MTS already open");
+    state_->status.SetStatus(StatusCode::NotAllowed, "Open: MTS already open");
     return OpenResult::AlreadyOpen;
   }
   if (resetConfiguration) state_->config = StartConfig{};
@@ -65,7 +65,8 @@ OpenResult TrackerEngine::Attach(const EngineLock& lock) {
   std::shared_ptr<TrackerDevice> device = MakeDeviceOrSay(state_->config.deviceType);
   if (device == nullptr) return OpenResult::NoDevice;
   device->SetStatusLog(&state_->status);
-  Announce(state_->status, "\n", 1, "Initializing %s... ", device->GetDeviceName());
+  Announce(state_->status, "\n", StatusCode::Progress, "Initializing %s... ",
+           device->GetDeviceName());
   if (!OpenPort(*device)) return OpenResult::PortFailed;
   if (!BootDevice(*device)) return OpenResult::BootFailed;
   state_->device = std::move(device);
@@ -83,7 +84,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
   for (const RetiredType& retired : kRetiredTypes) {
     if (retired.type != deviceType) continue;
     std::fprintf(stderr, "\n%s instrument (TYPE=%d) not supported.", retired.name, deviceType);
-    log.SetStatusF(-1, "%s instrument not supported.", retired.name);
+    log.SetStatusF(StatusCode::Refused, "%s instrument not supported.", retired.name);
     return nullptr;
   }
   std::unique_ptr<TrackerDevice> device;
@@ -93,7 +94,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
   }
   if (device == nullptr) {
     std::fprintf(stderr, "Unknown TYPE tistart.dtyp = %d", deviceType);
-    log.SetStatus(-1, "Unknown device type specified.");
+    log.SetStatus(StatusCode::Refused, "Unknown device type specified.");
   }
   return device;
 }
@@ -102,18 +103,18 @@ bool TrackerEngine::OpenPort(TrackerDevice& device) {
   StatusLog& log = state_->status;
   const int asked = state_->config.port;
   if (device.OpenPortNumber(asked, StartConfig::kBaud) < 1) {
-    Announce(log, "\n\t", -3, "Port(%d) failed to open(%d).", asked,
+    Announce(log, "\n\t", StatusCode::Port, "Port(%d) failed to open(%d).", asked,
              static_cast<int>(device.portStatus()));
     if (!device.openFailure().empty()) {
-      Announce(log, "\n\t\t", -3, "%s", device.openFailure().c_str());
+      Announce(log, "\n\t\t", StatusCode::Port, "%s", device.openFailure().c_str());
     }
     return false;
   }
   const int opened = device.GetPortNumber();
   if (opened > 255) {
-    Announce(log, "\n\t", 2, "USB port open ... ");
+    Announce(log, "\n\t", StatusCode::PortOpen, "USB port open ... ");
   } else {
-    Announce(log, "\n\t", 2, "Serial port(%d) open ... ", opened);
+    Announce(log, "\n\t", StatusCode::PortOpen, "Serial port(%d) open ... ", opened);
   }
   return true;
 }
@@ -122,14 +123,15 @@ bool TrackerEngine::BootDevice(TrackerDevice& device) {
   StatusLog& log = state_->status;
   const BootResult result = device.Boot(0);
   if (result >= kBooted) {
-    Announce(log, "\n\t", 3, "Tracker(%s) booted ... ", device.GetDeviceName());
+    Announce(log, "\n\t", StatusCode::Setup, "Tracker(%s) booted ... ", device.GetDeviceName());
     return true;
   }
-  Announce(log, "\n\t", -4, "Tracker(%s) failed to boot(%d).", device.GetDeviceName(), result);
+  Announce(log, "\n\t", StatusCode::Boot, "Tracker(%s) failed to boot(%d).", device.GetDeviceName(),
+           result);
   if (const char* const text = BootFailureText(result)) {
     std::printf("\n\t\t%s\n", text);
     std::fflush(stdout);
-    log.SetStatus(-4, text);
+    log.SetStatus(StatusCode::Boot, text);
   }
   device.ClosePort();
   return false;
@@ -142,10 +144,11 @@ bool TrackerEngine::AttachJoystick(const EngineLock&) {
   const int id = joystick != nullptr ? joystick->GetId() : 0;
   const int booted = joystick != nullptr ? joystick->Boot(0) : 0;
   if (booted >= 1) {
-    Announce(state_->status, "\n\t", 5, "Joystick(%d) booted ... ", id);
+    Announce(state_->status, "\n\t", StatusCode::Counts, "Joystick(%d) booted ... ", id);
     state_->joystick = std::move(joystick);
   } else {
-    Announce(state_->status, "\n\t", -5, "Joystick(%d) failed to boot(%d).", id, booted);
+    Announce(state_->status, "\n\t", StatusCode::Joystick, "Joystick(%d) failed to boot(%d).", id,
+             booted);
   }
   return true;
 }
@@ -233,7 +236,8 @@ bool TrackerEngine::StartSampling(const EngineLock&) {
   if (!state_->isOpen) return false;
   const bool started =
       worker_.Start([state = state_](const StopEvent& stop) { SampleLoop(state, stop).Run(); });
-  if (!started) Announce(state_->status, "\n\t", -1, "Unable to start the sampling thread.");
+  if (!started)
+    Announce(state_->status, "\n\t", StatusCode::Refused, "Unable to start the sampling thread.");
   return started;
 }
 
