@@ -91,6 +91,26 @@ TEST(DeviceLine, KeepsNoMoreThanADeviceWould) {
   EXPECT_LE(bench->line().FreeAt(), seconds(16384 / 30 + 1));
 }
 
+// A process that is stopped (Ctrl-Z) and continued: the devices' time goes on from where it was.
+// Once the ticks of a stop of 9.2 s overflowed, and the time stood still for good.
+TEST(EmulatorClock, GoesOnAfterAnyHalt) {
+  for (const std::int64_t ticksPerSecond : {1'000'000'000LL, 10'000'000LL}) {
+    EmulatorClock clock(12'345 * ticksPerSecond, ticksPerSecond);
+    std::int64_t ticks = 12'345 * ticksPerSecond;
+    const auto after = [&](double time) {
+      return clock.At(ticks +=
+                      static_cast<std::int64_t>(time * static_cast<double>(ticksPerSecond)));
+    };
+    Moment last = after(0.5);
+    EXPECT_EQ(last, milliseconds(500));
+    for (const double halt : {1.5, 9.3, 60.0, 86'400.0, 31'536'000.0}) {
+      EXPECT_EQ(after(halt), last) << halt;
+      EXPECT_EQ(after(0.25), last + milliseconds(250)) << halt;
+      last += milliseconds(250);
+    }
+  }
+}
+
 // ---- Faults ------------------------------------------------------------------------------------
 
 struct FaultCase {

@@ -9,9 +9,6 @@
 namespace kinetrel {
 namespace {
 
-// Whoever was stopped for longer than this goes on from where he was, instead of making up for it.
-constexpr Moment kLongestLag = std::chrono::seconds(1);
-
 // One host that writes without end must not keep the device from its own work.
 constexpr int kMostReads = 16;
 
@@ -23,7 +20,7 @@ Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions
       port_(std::move(port)),
       link_(options.link),
       firstBaud_(options.line.baud),
-      origin_(ClockTicks()) {}
+      clock_(ClockTicks(), ClockTicksPerSecond()) {}
 
 Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice> device,
                                                  EmulatorOptions options) {
@@ -36,20 +33,7 @@ Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice>
 
 // ---- The loop ----------------------------------------------------------------------------------
 
-Moment Emulator::Now() {
-  const auto since = [this] {
-    const double seconds =
-        static_cast<double>(ClockTicks() - origin_) / static_cast<double>(ClockTicksPerSecond());
-    return Moment(static_cast<std::int64_t>(seconds * 1e9));
-  };
-  Moment now = since();
-  if (now > last_ + kLongestLag) {
-    origin_ += (now - last_).count() * ClockTicksPerSecond() / 1'000'000'000;
-    now = last_;
-  }
-  last_ = std::max(now, last_);
-  return last_;
-}
+Moment Emulator::Now() { return clock_.At(ClockTicks()); }
 
 void Emulator::Run() {
   while (!stop_) {
@@ -61,7 +45,8 @@ void Emulator::Run() {
     ReadHost(now);
     if (const auto fault = device_.TakePortFault()) PullPlug(now + Duration(*fault));
     records_ = device_.line().records();
-    const Moment next = std::min({device_.NextEvent(), replugAt_, now + kLongestLag / 2});
+    const Moment next =
+        std::min({device_.NextEvent(), replugAt_, now + EmulatorClock::kLongestStep / 2});
     port_.Wait(next - Now());
   }
 }
@@ -103,8 +88,9 @@ void Emulator::PullPlug(Moment replugAt) {
   port_.Unplug();
   hostPresent_ = false;
   replugAt_ = replugAt;
-  device_.line().Say(last_, "the port is unplugged");
-  PublishPort(last_);
+  const Moment now = Now();
+  device_.line().Say(now, "the port is unplugged");
+  PublishPort(now);
 }
 
 void Emulator::ServePlug(Moment now) {

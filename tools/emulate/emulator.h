@@ -69,8 +69,7 @@ class Emulator {
   PortLink link_;
   std::string linked_;  // the port's own name, as the link has it
   const unsigned firstBaud_;
-  std::int64_t origin_;
-  Moment last_{0};
+  EmulatorClock clock_;
   Moment replugAt_ = kNever;
   bool hostPresent_ = false;
   std::vector<std::byte> out_;

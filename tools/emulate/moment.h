@@ -18,4 +18,37 @@ constexpr Moment NthOf(Moment start, std::uint64_t count, double perSecond) {
   return start + Moment(static_cast<std::int64_t>(1e9 * static_cast<double>(count) / perSecond));
 }
 
+// Moments from the ticks of a system clock. A process that was stopped goes on from where it was:
+// a step of more than kLongestStep takes no time, so no device has to make up for it.
+class EmulatorClock {
+ public:
+  static constexpr Moment kLongestStep = std::chrono::seconds(1);
+
+  EmulatorClock(std::int64_t origin, std::int64_t ticksPerSecond)
+      : origin_(origin), ticksPerSecond_(ticksPerSecond) {}
+
+  Moment At(std::int64_t ticks) {
+    const Moment now = Elapsed(ticks) - skipped_;
+    if (now > last_ + kLongestStep) {
+      skipped_ += now - last_;
+    } else if (now > last_) {
+      last_ = now;
+    }
+    return last_;
+  }
+
+ private:
+  // Whole seconds first: the ticks of ten seconds times 10^9 do not fit into 64 bits.
+  Moment Elapsed(std::int64_t ticks) const {
+    const std::int64_t elapsed = ticks - origin_;
+    return std::chrono::seconds(elapsed / ticksPerSecond_) +
+           Moment(elapsed % ticksPerSecond_ * 1'000'000'000 / ticksPerSecond_);
+  }
+
+  std::int64_t origin_;
+  std::int64_t ticksPerSecond_;
+  Moment last_{0};
+  Moment skipped_{0};
+};
+
 }  // namespace kinetrel
