@@ -84,7 +84,7 @@ void Bare(const std::byte* bytes, std::size_t values, const FastrakChannels& cha
 void Decode(const FastrakLayout& layout, const Body& body, FastrakChannels& channels,
             PoseRecord& into) {
   const auto bytes = std::span<const std::byte>(body).first(layout.BodySize());
-  if (!FastrakInStep(layout, bytes)) return;
+  if (!IsFastrakInStep(layout, bytes)) return;
   (void)DecodeFastrakBody(layout, bytes, 1, channels, offset, into.pose, into.quaternion);
 }
 

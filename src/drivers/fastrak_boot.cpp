@@ -11,8 +11,8 @@
 namespace kinetrel {
 namespace {
 
-// While a unit boots, the commands that need a booted one go through. One for the process: only
-// one device of this family boots at a time.
+// True while a unit boots: commands that need a booted unit are then sent too. One flag for the
+// process, because only one device of this family boots at a time.
 std::atomic<bool> bootInProgress{false};
 
 class BootInProgress {
@@ -28,13 +28,13 @@ constexpr BootResult kNoAnswerAfterReset = -11;
 constexpr unsigned kLetterPause = 2;      // ms after a single letter
 constexpr int kFirstReplyMs = 200;        // how long the first answer may take
 constexpr int kQuietMs = 50;              // longer than the pause between streamed records
-constexpr int kSlowReplyMs = 200;         // a status record behind a slow adapter
+constexpr int kSlowReplyMs = 200;         // a slow adapter delays the status record
 constexpr int kMostStatusPasses = 16;     // each clears one test error
-constexpr std::size_t kLongFailure = 48;  // characters: the unit did say something
+constexpr std::size_t kLongFailure = 48;  // characters; a longer text means that the unit answered
 
 constexpr Milliseconds kSearchPatience{2000};
 
-// What units of this family are found set to, beside the rate the port was opened with.
+// Rates that units of this family are set to; tried after the rate the port was opened with.
 constexpr int kOtherRates[] = {9600, 19200, 38400, 57600, 115200};
 
 }  // namespace
@@ -60,11 +60,10 @@ BootResult FastrakDevice::Boot(int reset) {
   return found == kBooted ? Configure() : found;
 }
 
-// A unit whose switches were set to another rate neither understands nor is understood, though
-// noise may pass for an answer; so it is asked at the other rates too. The read time-outs stay:
-// they are ample for all.
+// A unit whose switches are set to another rate answers nothing, or noise. So the other rates are
+// tried too. The read time-outs are long enough for all rates.
 BootResult FastrakDevice::FindUnit(int reset) {
-  const Deadline patience(kSearchPatience);  // on a line of nothing but noise
+  const Deadline patience(kSearchPatience);  // for a line that carries only noise
   std::array<char, 2048> failure{};
   const BootResult first = Identify(reset, failure);
   const bool hopeless = first == kReadFailed || first == kNoAnswerAfterReset;
@@ -84,7 +83,7 @@ BootResult FastrakDevice::FindUnit(int reset) {
   return first;
 }
 
-// failure  what the status query says, should it come to that.
+// failure  receives the text of a failed status query.
 BootResult FastrakDevice::Identify(int reset, std::span<char> failure) {
   if (const BootResult woken = WakeUnit(); woken != kBooted) return woken;
   SilenceUnit();
@@ -94,7 +93,7 @@ BootResult FastrakDevice::Identify(int reset, std::span<char> failure) {
   return (statusWord_ & kFastrakFromStart) != 0 ? kNoStatus : kNoSensors;
 }
 
-// Ends streaming, and whatever command was left half sent, and asks for a record.
+// Ends streaming and any half-sent command, then asks for a record.
 BootResult FastrakDevice::WakeUnit() {
   Write("c", 1);
   Write("\r", 1);
@@ -103,7 +102,7 @@ BootResult FastrakDevice::WakeUnit() {
   return WaitForReply(kFirstReplyMs);
 }
 
-// A silent line is not read for all that an answer may be long: that would wait for seconds.
+// A silent line is read for one byte only: the time-out of a longer read would be seconds.
 BootResult FastrakDevice::WaitForReply(int timeoutMs) {
   std::array<char, 250> reply;
   unsigned got = 0;
@@ -113,8 +112,8 @@ BootResult FastrakDevice::WaitForReply(int timeoutMs) {
   return got > 0 ? JudgeFastrakReply({reply.data(), got}) : kTimedOut;
 }
 
-// A unit that was left streaming with half a command pending took our 'c' for the end of that
-// command, and still floods the line: it is told again.
+// A streaming unit with half a command pending takes our 'c' as the end of that command and goes on
+// streaming. So 'c' is sent again.
 void FastrakDevice::SilenceUnit() {
   for (int round = 0; round < 3; ++round) {
     PurgeInput();
@@ -124,7 +123,7 @@ void FastrakDevice::SilenceUnit() {
   }
 }
 
-// Ctrl-Y makes the unit start anew, which it does for seconds, deaf; it answers the 'S' then.
+// Ctrl-Y restarts the unit. It does not listen for some seconds, then it answers the 'S'.
 bool FastrakDevice::Reinitialize() {
   constexpr int kTries = 200;
   constexpr unsigned kTryMs = 100;
@@ -145,7 +144,7 @@ BootResult FastrakDevice::Configure() {
   if ((statusWord_ & kFastrakParsed) == 0) return kUnrecognizedProduct;
   const FastrakProduct& model = FindFastrakProduct(Model());
   TakeModel(model);
-  if (FastrakClass()) {
+  if (IsFastrakClass()) {
     ConfigureFastrak(model.stations);
   } else {
     ConfigureIsotrak();
@@ -190,7 +189,7 @@ void FastrakDevice::ConfigureIsotrak() {
 
 // ---- Status --------------------------------------------------------------------------------
 
-// What came in answer to 'S', always terminated.
+// The answer to 'S', always terminated.
 struct FastrakDevice::Reply {
   std::array<char, 256> text{};
   unsigned size = 0;
@@ -200,7 +199,7 @@ struct FastrakDevice::Reply {
 
 int FastrakDevice::QueryStatus(char* text, int size) {
   if (!AcceptsCommands()) return 0;
-  // Between records the answer would be lost.
+  // The answer would be lost between the records.
   const bool streaming = booted_ && lastModeByte_ == continuousByte_;
   if (streaming) Write(&stopByte_, 1);
   const std::uint32_t wordBefore = statusWord_;
@@ -208,7 +207,7 @@ int FastrakDevice::QueryStatus(char* text, int size) {
   std::array<char, 2048> room;
   TextAppender diagnosis(room);
   const bool found = ClearBitErrors(reply, diagnosis);
-  // A booted unit that did not answer this time is still the same model.
+  // A booted unit that fails to answer once is still the same model.
   if (!found && booted_) statusWord_ = wordBefore;
   CopyTruncated(text, size, found ? reply.text.data() : diagnosis.c_str());
   if (streaming) StartContinuous();
@@ -270,7 +269,7 @@ bool FastrakDevice::RequestStatus(Reply& reply) {
   return length >= kShortest;
 }
 
-// False when nothing was read, or when the unit goes on sending: then this is no status record.
+// False if nothing was read, or if the unit goes on sending: a status record ends.
 bool FastrakDevice::ReadReply(Reply& reply) {
   const auto room = static_cast<unsigned>(reply.text.size()) - 1;
   for (int i = 0; i < 6 && reply.size == 0; ++i) ReadSome(reply.text.data(), room, &reply.size);
@@ -282,7 +281,7 @@ bool FastrakDevice::ClearBitError(int code) {
   if (code < kFirstBitError || code > kLastBitError) return false;
   std::array<char, 16> room;
   TextAppender command(room);
-  command.AppendF("T%d,0\n", code);  // LF: a CR would be an error of its own
+  command.AppendF("T%d,0\n", code);  // LF: the unit reports an error for a CR
   const unsigned baud = GetBaudRate();
   WriteCommand(command.c_str(), baud > 0 ? 200000 / baud + 1 : 0);
   return true;

@@ -1,4 +1,4 @@
-// The settings of the FASTRAK family, as its manual has them: letter, arguments, CR.
+// The settings of the FASTRAK family: commands of a letter, arguments and CR.
 #include "drivers/fastrak_device.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace {
 constexpr unsigned kStationPause = 8;      // ms after every command to one station
 constexpr unsigned kLetterPause = 2;       // ms after a single letter
 constexpr unsigned kOutputListPause = 50;  // ms
-constexpr int kMostStations = 9;           // a station is one digit
+constexpr int kMostStations = 9;           // a station number is one digit
 constexpr unsigned kAllStations = ~0U;
 
 // Items of the output list: position, Euler angles, quaternion.
@@ -65,11 +65,11 @@ void FastrakDevice::SwitchStations(unsigned mask, int stations) {
   FlushOutput();
   PurgeInput();
   window_.Clear();
-  if (FastrakClass()) {
+  if (IsFastrakClass()) {
     SendStationCommand("l1,1\r", mask, stations);
     SendStationCommand("l1,0\r", ~mask, stations);
   }
-  WriteCommand(FastrakClass() ? "l1\r" : "l\r", kStationPause);
+  WriteCommand(IsFastrakClass() ? "l1\r" : "l\r", kStationPause);
   std::array<char, kMostStations + 5> reply{};
   unsigned got = 0;
   ReadSome(reply.data(), static_cast<unsigned>(stations) + 5, &got);
@@ -78,11 +78,11 @@ void FastrakDevice::SwitchStations(unsigned mask, int stations) {
   TakeReportedStations(mask, stations, reported);
 }
 
-// The FASTRAK class has been told which stations to use, and what it reports counts. The IsoTRAK
-// class switches a station over each time it is named.
+// The FASTRAK class has switched its stations; its report counts. The IsoTRAK class switches a
+// station over each time the command names it.
 void FastrakDevice::TakeReportedStations(unsigned mask, int stations, unsigned reported) {
   sensorMask_ = reported;
-  if (FastrakClass()) return;
+  if (IsFastrakClass()) return;
   for (int i = 0; i < stations; ++i) {
     if (HasStation(reported ^ mask, i)) SendStationCommand("l1\r", StationBit(i), 0);
   }
@@ -108,7 +108,7 @@ int FastrakDevice::SetCrLf(int on) {
 int FastrakDevice::SetProtocol(int protocol) {
   if (!booted_ || protocol < 1 || protocol > 3) return 0;
   const bool bits14 = protocol == static_cast<int>(FastrakProtocol::Bits14);
-  if (FastrakClass()) {
+  if (IsFastrakClass()) {
     if (protocol == static_cast<int>(FastrakProtocol::Bits16)) return 0;
     const char* const plain = bits14 ? "O1,18,19\r" : "O1,2,4\r";
     const char* const ended = bits14 ? "O1,18,19,1\r" : "O1, 2, 4,1\r";
@@ -129,10 +129,10 @@ bool FastrakDevice::SetOutputList(int protocol, unsigned components, int crLf,
                                   unsigned stationMask) {
   if (!booted_) return false;
   const bool bits32 = protocol == static_cast<int>(FastrakProtocol::Bits32);
-  protocol_ = !FastrakClass() && bits32 ? static_cast<int>(FastrakProtocol::Bits16) : protocol;
+  protocol_ = !IsFastrakClass() && bits32 ? static_cast<int>(FastrakProtocol::Bits16) : protocol;
   componentMask_ = components;
   crLf_ = crLf;
-  WriteOutputList(FastrakClass() && !bits32 ? kItems16 : kItems, stationMask);
+  WriteOutputList(IsFastrakClass() && !bits32 ? kItems16 : kItems, stationMask);
   LayOutRecords();
   return true;
 }
@@ -140,7 +140,7 @@ bool FastrakDevice::SetOutputList(int protocol, unsigned components, int crLf,
 void FastrakDevice::WriteOutputList(const std::array<const char*, 3>& items, unsigned stationMask) {
   std::array<char, 32> room;
   TextAppender command(room);
-  command.Append(FastrakClass() ? "O1," : "O");
+  command.Append(IsFastrakClass() ? "O1," : "O");
   for (std::size_t i = 0; i < items.size(); ++i) {
     if ((componentMask_ >> i & 1) != 0) command.AppendF("%s,", items[i]);
   }
@@ -150,20 +150,20 @@ void FastrakDevice::WriteOutputList(const std::array<const char*, 3>& items, uns
     command.DropLast();
   }
   command.Append("\r");
-  if (FastrakClass()) {
+  if (IsFastrakClass()) {
     SendStationCommand(command.c_str(), stationMask, 0);
   } else {
     WriteCommand(command.c_str(), 0);
   }
   Pause(kOutputListPause);
-  WriteCommand(FastrakClass() ? "O1\r" : "O\r", kOutputListPause);
-  std::array<char, 12> echo;  // of the list; what it says is of no use
+  WriteCommand(IsFastrakClass() ? "O1\r" : "O\r", kOutputListPause);
+  std::array<char, 12> echo;  // of the list; not used
   unsigned got = 0;
   ReadSome(echo.data(), static_cast<unsigned>(echo.size()), &got);
 }
 
-// What follows from model, protocol, components, units and stations. The bound for finding a head
-// counts 4 bytes for a value of the 14-bit format too: generous, as it may be.
+// Follows from model, protocol, components, units and stations. frameLength_ counts 4 bytes for a
+// 14-bit value too; a longer search for a head does no harm.
 void FastrakDevice::LayOutRecords() {
   const bool bits14 = Model() == kFastrakProper && protocol_ == 1;
   layout_.format = bits14 ? FastrakFormat::Bits14 : modelFormat_;
@@ -172,10 +172,10 @@ void FastrakDevice::LayOutRecords() {
   const int valueSize = protocol_ == static_cast<int>(FastrakProtocol::Bits16) ? 2 : 4;
   const int recordSize = layout_.ValueCount() * valueSize + (layout_.crLf ? 5 : 3);
   frameLength_ = recordSize * std::popcount(sensorMask_ & FirstStations(sensorCount_));
-  SetFastrakScales(FastrakClass(), units_, layout_.format, channels_);
+  SetFastrakScales(IsFastrakClass(), units_, layout_.format, channels_);
 }
 
-// No unit has such vectors: nothing is sent.
+// No unit of the family has such vectors, so nothing is sent.
 int FastrakDevice::SetSensorVector4(int, float a, float b, float c, float d) {
   const float product = a * b * c * d;
   return std::fabs(product) < 1e9F ? 1 - static_cast<int>(product) : 0;
@@ -211,7 +211,7 @@ int FastrakDevice::ResetAlignment(int sensor) {
 
 namespace {
 
-// A direction becomes a point 200 units out, where the unit wants points.
+// The unit takes points, not directions: a direction becomes a point 200 units away.
 void PutFarOut(std::array<float, 3>& point) {
   const float squared = point[0] * point[0] + point[1] * point[1] + point[2] * point[2];
   if (squared >= 10000.0F || squared == 0.0F) return;
@@ -223,7 +223,7 @@ void PutFarOut(std::array<float, 3>& point) {
 
 int FastrakDevice::SendAlignment(int sensor, Alignment alignment) {
   if (sensor < -1 || sensor > sensorCount_) return 0;
-  if (!FastrakClass()) sensor = 0;
+  if (!IsFastrakClass()) sensor = 0;
   PutFarOut(alignment.xPoint);
   PutFarOut(alignment.yPoint);
   const auto& [origin, x, y] = alignment;
@@ -235,7 +235,7 @@ int FastrakDevice::SendAlignment(int sensor, Alignment alignment) {
         text.data(), text.size(), "A%d, %.4f,%.4f,%.4f, %.4f,%.4f,%.4f, %.4f,%.4f,%.4f\r",
         station + 1, double{origin[0]}, double{origin[1]}, double{origin[2]}, double{x[0]},
         double{x[1]}, double{x[2]}, double{y[0]}, double{y[1]}, double{y[2]});
-    // Without its CR a command would swallow the next one.
+    // A command cut before its CR would swallow the next one.
     if (length < 0 || static_cast<std::size_t>(length) >= text.size()) return 0;
     WriteCommand({text.data(), static_cast<std::size_t>(length)}, 0);
   }

@@ -2,13 +2,14 @@
 // inertial ones that imitate it. Polhemus FasTRAK, InsideTRAK, IsoTRAK and IsoTRAK2; InterSense
 // IS-300 and IS-600.
 //
-// The host sends one letter, or a letter, arguments and CR; the unit delivers binary records, one
-// per station, on request ('P') or by itself ('C' until 'c'). fastrak_wire.h says how a record is
-// built. The models differ in what their commands look like: the FASTRAK class takes a station
-// digit after the letter, the IsoTRAK class does not.
+// A command is one letter, or a letter, arguments and CR. The unit sends binary records, one per
+// station: on request ('P'), or continuously ('C' until 'c'). fastrak_wire.h describes a record.
+// Commands of the FASTRAK class have a station digit after the letter, those of the IsoTRAK class
+// have not.
 //
 // Units    positions as SetUnits says, angles in radians, quaternions scalar first.
-// Pacing   pauses after commands are part of the dialogue: the units lose what comes too fast.
+// Pacing   pauses after commands are part of the dialogue: a unit loses commands that come too
+// fast.
 #pragma once
 
 #include <array>
@@ -30,20 +31,20 @@ class FastrakDevice final : public TrackerDevice {
   // ---- Life --------------------------------------------------------------------------------
 
   // Ends streaming, identifies the model, sets output list, stations and units, and leaves the
-  // unit silent. The port must be open, or be the simulated one.
+  // unit silent. The port must be open or simulated.
   //
   // reset    nonzero: re-initialises the unit first (Ctrl-Y), which takes up to 20 s.
   // Returns  kBooted; kPortNotOpen; kReadFailed, kTimedOut, kUnknownFailure or kNoSensors for
   //          the first answer; kNoResponse, kNoStatus or kNoSensors for the status record;
-  //          kUnrecognizedProduct, kInitializationFailed, kStorageFailed; -11 nothing after a
+  //          kUnrecognizedProduct, kInitializationFailed, kStorageFailed; -11 no answer after a
   //          reset.
-  // Effects  a failed status query is printed on the standard error stream. A unit that is set to
-  //          another baud rate is looked for at the usual ones; the port keeps the one found.
+  // Effects  a failed status query is printed on the standard error stream. If the unit does not
+  //          answer, the usual baud rates are tried; the port keeps the one that works.
   // Threads  no two devices of this family may boot at the same time.
   BootResult Boot(int reset) override;
 
-  // Asks for the status record, and clears the built-in test errors that it reports, one after the
-  // other and 16 at the most. Streaming is interrupted for it.
+  // Asks for the status record and clears the built-in test errors that it reports, at most 16.
+  // Interrupts streaming.
   //
   // text     the record, or what went wrong; at most `size` bytes with the terminator.
   // Returns  1 for a status record, else 0.
@@ -51,16 +52,16 @@ class FastrakDevice final : public TrackerDevice {
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Reads one record of each active station; sends 'P' first when nothing was asked for yet.
+  // Reads one record of each active station. Sends 'P' first if no record is on its way.
   //
-  // sampleTime  when the first station's head was in hand; untouched when none came.
-  // Returns     the stations read; every bit set when a 14-bit record was out of step; 0 for none.
-  //             A damaged or missing record is dropped whole and posted to the status log.
-  // Threads     sampling thread. Waits no longer than the port's time-outs for each station, and
-  //             200 ms for the answer to a poll. Allocates nothing but log entries about failures.
+  // sampleTime  when the first station's head was read; untouched if no head came.
+  // Returns     a mask of the stations read; all bits if a 14-bit record was out of step; 0 if none
+  //             was read. A damaged or missing record is dropped and posted to the status log.
+  // Threads     sampling thread. Waits at most the port's time-outs for each station, and 200 ms
+  //             for the answer to a poll. Only log entries about failures allocate.
   unsigned ReadFrame(double* sampleTime) override;
 
-  // What came too late for the poll before must not pass as the answer to this one: it is dropped.
+  // Drops a late answer to the poll before; it would be read as the answer to this one.
   void Poll() override;
 
   // ---- Stations ----------------------------------------------------------------------------
@@ -69,15 +70,15 @@ class FastrakDevice final : public TrackerDevice {
   // character replaced by the station's digit. Returns stations + 1; 0 unless booted or booting.
   int SendStationCommand(const char* command, unsigned stationMask, int stations) override;
 
-  // Activates and deactivates the first `stations` (0: all) stations. Nothing for mask 0, before
-  // boot, and on InterSense units, whose stations are what is plugged in.
+  // Switches the first `stations` (0: all) stations on and off. Does nothing for mask 0, before
+  // boot, and on InterSense units: their active stations are those with a sensor plugged in.
   unsigned SetSensorMask(unsigned mask, int stations) override;
 
   // ---- Settings ----------------------------------------------------------------------------
 
   int SetUnits(int units) override;
 
-  // Before boot the setting is kept for it. Returns 1.
+  // Before boot the setting is only stored; Boot uses it. Returns 1.
   int SetCrLf(int on) override;
 
   // 1: 14 bit, 2: 16 bit, 3: 32 bit. The FASTRAK class refuses 2, the IsoTRAK class takes 3 for 2.
@@ -86,13 +87,13 @@ class FastrakDevice final : public TrackerDevice {
 
   int SetSensorVector4(int sensor, float a, float b, float c, float d) override;
 
-  // The alignment reference frame of a station (-1: all), by its axes or as a pose; axes are
-  // directions. Returns the number of the last station told; 0 for one that cannot be.
+  // Sets the alignment reference frame of a station (-1: all), by the directions of its axes or as
+  // a pose. Returns the number of the last station set; 0 for an invalid sensor.
   int SetAlignment(int sensor, const float xAxis[3], const float yAxis[3]) override;
   int SetAlignmentPose(int sensor, const float pose[6]) override;
   int ResetAlignment(int sensor) override;
 
-  int SetSynchronization(int mode) override;  // 1; 0 for a mode there is not
+  int SetSynchronization(int mode) override;  // returns 1; 0 for an unknown mode
 
   // Returns 1; 0 before boot.
   unsigned SetComponentMask(unsigned mask) override;
@@ -131,7 +132,7 @@ class FastrakDevice final : public TrackerDevice {
 
   // fastrak_device.cpp
   bool AcceptsCommands();
-  bool FastrakClass() const { return (statusWord_ & kFastrakClass) != 0; }
+  bool IsFastrakClass() const { return (statusWord_ & kFastrakClass) != 0; }
   std::uint32_t Model() const { return statusWord_ & 0xFFFF; }
   void WriteCommand(std::string_view command, unsigned pauseMs);
   bool SetOutputList(int protocol, unsigned components, int crLf, unsigned stationMask);
@@ -144,23 +145,23 @@ class FastrakDevice final : public TrackerDevice {
   // fastrak_frame.cpp
   bool ReadStation(int station, double*& sampleTime);
   bool FindHead(int station);
-  bool PostNoHead() const;
+  void PostNoHead() const;
   std::size_t SizeToSkip(int other);
   int StationAhead();
   bool BeginsLikeHead(std::span<const std::byte> bytes) const;
   void NoteBitError(int station, int code);
   bool ReadRest(int station);
   void PostShortRecord() const;
-  bool CutByAnother(int station);
-  bool IsLast(int station) const;
+  bool IsCutByAnother(int station);
+  bool IsLastActive(int station) const;
   bool HoldsHead() const;
   bool Decode(int station);
-  bool TailIsRight() const;
+  bool HasTail() const;
   void PostOutOfStep() const;
 
-  FastrakFormat modelFormat_ = FastrakFormat::Bits32;  // of the model's 16 or 32-bit values
+  FastrakFormat modelFormat_ = FastrakFormat::Bits32;  // the model's own: 16 or 32 bits
   FastrakLayout layout_;
-  int frameLength_ = 0;  // bytes of all active stations' records: how far a head is looked for
+  int frameLength_ = 0;  // bytes of all active stations' records; a head is searched this far
 
   // Sampling thread only.
   RecordWindow window_;

@@ -1,8 +1,7 @@
 // Sampling of the FASTRAK family: bytes to pose records.
 //
-// Two reads of the port make a record: its head, which is also when the sample was taken, and all
-// the rest. Whatever is wrong with a record, only its head is dropped; the bytes after it are
-// looked through for the head of the next one.
+// A record is read in two steps: its head, whose arrival is the sample time, and the rest. Of a bad
+// record only the head is dropped; the bytes after it are searched for the next head.
 #include <algorithm>
 #include <array>
 
@@ -13,7 +12,7 @@ namespace kinetrel {
 namespace {
 
 constexpr std::byte kHeadByte{'0'};
-constexpr int kReadCode = -1;  // of what is posted about a record
+constexpr int kReadCode = -1;  // status code of a bad record
 
 std::byte StationDigit(int station) { return static_cast<std::byte>('1' + station); }
 
@@ -52,8 +51,8 @@ void FastrakDevice::Poll() {
 bool FastrakDevice::ReadStation(int station, double*& sampleTime) {
   if (!FindHead(station)) return false;
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
-  sampleTime = nullptr;  // one for the frame: the first
-  const bool good = ReadRest(station) && !CutByAnother(station) && Decode(station);
+  sampleTime = nullptr;  // the frame has one time: of its first record
+  const bool good = ReadRest(station) && !IsCutByAnother(station) && Decode(station);
   window_.Drop(good ? layout_.Size() : kFastrakHeadSize);
   return good;
 }
@@ -62,12 +61,15 @@ bool FastrakDevice::ReadStation(int station, double*& sampleTime) {
 
 bool FastrakDevice::FindHead(int station) {
   for (int attempt = 0; attempt <= frameLength_; ++attempt) {
-    if (!window_.Want(*this, 2)) return PostNoHead();
+    const bool two = window_.Want(*this, 2);
     const auto bytes = window_.bytes();
-    if (bytes[0] == kHeadByte && bytes[1] == StationDigit(station)) return true;
-    const int other = StationAhead();
-    // This station's record was lost: waiting for its next one would lose all in between.
-    if (HasStation(sensorMask_, other)) return PostNoHead();
+    if (two && bytes[0] == kHeadByte && bytes[1] == StationDigit(station)) return true;
+    const int other = two ? StationAhead() : -1;
+    // This station's record was lost. Waiting for its next one would lose the records in between.
+    if (!two || HasStation(sensorMask_, other)) {
+      PostNoHead();
+      return false;
+    }
     window_.Drop(SizeToSkip(other));
   }
   Post(statusLog_, kReadCode, "Read Head failed.  Record Length too long %d/%d.", frameLength_ + 2,
@@ -75,27 +77,27 @@ bool FastrakDevice::FindHead(int station) {
   return false;
 }
 
-bool FastrakDevice::PostNoHead() const {
+void FastrakDevice::PostNoHead() const {
   const auto found = static_cast<int>(std::min<std::size_t>(window_.size(), 1));
   Post(statusLog_, kReadCode, "Read Head failed.  %d/2.", found);
-  return false;
 }
 
-// The record of a station that is not sampled is skipped whole: an InterSense unit sends of every
-// sensor that is plugged in. Else until where a head may begin.
+// The record of a station that is not sampled is skipped whole: an InterSense unit sends records of
+// all sensors plugged in. Otherwise skips to the next byte that may begin a head.
 std::size_t FastrakDevice::SizeToSkip(int other) {
   if (other >= 0 && window_.Want(*this, layout_.Size())) return layout_.Size();
   return window_.bytes()[1] == kHeadByte ? 1 : 2;
 }
 
-// The station whose whole head is next; -1 for none.
+// The station whose whole head comes next; -1 if no head comes next.
 int FastrakDevice::StationAhead() {
   if (window_.bytes()[0] != kHeadByte || !window_.Want(*this, kFastrakHeadSize)) return -1;
   const auto head = window_.bytes().first(kFastrakHeadSize);
   return BeginsLikeHead(head) ? StationOf(head[1]) : -1;
 }
 
-// Whether bytes, three or the fewer that there are, are the first of a head as it would be now.
+// Whether `bytes`, of which at most three are looked at, begin like a head with the station's
+// present error code.
 bool FastrakDevice::BeginsLikeHead(std::span<const std::byte> bytes) const {
   if (bytes[0] != kHeadByte) return false;
   if (bytes.size() < 2) return true;
@@ -105,7 +107,7 @@ bool FastrakDevice::BeginsLikeHead(std::span<const std::byte> bytes) const {
   return bytes.size() < kFastrakHeadSize || bytes[2] == ErrorByte(error);
 }
 
-// Says when a station's error comes, changes and goes; nobody needs to hear it with every record.
+// Posts when a station's error comes, changes and goes, not with every record.
 void FastrakDevice::NoteBitError(int station, int code) {
   if (statusLog_ == nullptr) return;
   int& last = lastErrorCode_[static_cast<std::size_t>(station)];
@@ -126,7 +128,7 @@ void FastrakDevice::NoteBitError(int station, int code) {
 
 // ---- Rest ----------------------------------------------------------------------------------
 
-// A pause is no end yet: a busy machine or a USB adapter hands a record over in pieces.
+// Waits twice, because a busy machine or a USB adapter may deliver a record in pieces.
 bool FastrakDevice::ReadRest(int station) {
   const bool whole = window_.Want(*this, layout_.Size()) || window_.Want(*this, layout_.Size());
   if (window_.size() < kFastrakHeadSize) {
@@ -150,24 +152,25 @@ void FastrakDevice::PostShortRecord() const {
   }
 }
 
-// Without CR LF nothing tells that bytes of this record were lost, and that it goes on with the
-// next one's: it would be a pose out of nowhere. So when it seems to hold another head, there must
-// be a head right behind it too; only then the likeness was chance.
-bool FastrakDevice::CutByAnother(int station) {
-  if (layout_.crLf || (lastModeByte_ == pollByte_ && IsLast(station)) || !HoldsHead()) return false;
+// Without CR LF nothing marks the end of a record, so a record that lost bytes goes on with those
+// of the next one. If a head seems to begin inside it, a head must also follow right behind it;
+// then the likeness was chance.
+bool FastrakDevice::IsCutByAnother(int station) {
+  if (layout_.crLf || (lastModeByte_ == pollByte_ && IsLastActive(station)) || !HoldsHead())
+    return false;
   const std::size_t end = layout_.Size();
-  if (!window_.Want(*this, end + 2)) return false;  // silence: nothing can have cut it
+  if (!window_.Want(*this, end + 2)) return false;  // silence: no other record cut it
   if (BeginsLikeHead(window_.bytes().subspan(end, 2))) return false;
   Post(statusLog_, kReadCode, "Read Record failed.  Another one begins in it.");
   return true;
 }
 
-bool FastrakDevice::IsLast(int station) const {
+bool FastrakDevice::IsLastActive(int station) const {
   return (sensorMask_ & FirstStations(sensorCount_) & ~FirstStations(station + 1)) == 0;
 }
 
-// The last byte of a float is that of a head for values next to 0 only; the last byte of an
-// integer for one in 256, and each of those would be held back until the next record comes.
+// The last byte of a float equals a head's first byte only for values next to 0. The last byte of
+// an integer does once in 256 values, and each would wait for the next record; so it is left out.
 bool FastrakDevice::HoldsHead() const {
   const std::size_t least = layout_.format == FastrakFormat::Bits32 ? 1 : 2;
   auto rest = window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize());
@@ -179,12 +182,12 @@ bool FastrakDevice::HoldsHead() const {
 
 bool FastrakDevice::Decode(int station) {
   const auto body = window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize());
-  if (!FastrakInStep(layout_, body)) {
+  if (!IsFastrakInStep(layout_, body)) {
     PostOutOfStep();
     outOfStep_ = true;
     return false;
   }
-  if (layout_.crLf && !TailIsRight()) return false;
+  if (layout_.crLf && !HasTail()) return false;
   const auto index = static_cast<std::size_t>(station);
   const int values = DecodeFastrakBody(layout_, body, units_, channels_, offsets_[index],
                                        poses_[index], quaternions_[index]);
@@ -202,7 +205,7 @@ void FastrakDevice::PostOutOfStep() const {
   Post(statusLog_, kReadCode, "Syc bit invalid in 14 bit read. %s", bits.data());
 }
 
-bool FastrakDevice::TailIsRight() const {
+bool FastrakDevice::HasTail() const {
   const auto tail = window_.bytes().subspan(layout_.Size() - kFastrakTailSize, kFastrakTailSize);
   if (tail[0] == std::byte{'\r'} && tail[1] == std::byte{'\n'}) return true;
   Post(statusLog_, kReadCode, "Read tail: Tail != 0x0A0D.");

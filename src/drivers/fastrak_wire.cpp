@@ -26,16 +26,16 @@ constexpr FastrakProduct kIsotrak = {0,  DeviceName::Isotrak,     1,
 
 // ---- Values --------------------------------------------------------------------------------
 
-// Values come in groups, one after the other; the channel of the first tells the kind.
+// Values come in groups, one after the other; the first channel of a group gives its kind.
 constexpr unsigned kPositions = 0;
 constexpr unsigned kAngles = 3;
 constexpr unsigned kQuaternionParts = 6;
 
 constexpr float kSmallest = 1e-8F;
-constexpr float kLargest = 360.0F;  // degrees, and more than any range of the family
+constexpr float kLargest = 360.0F;  // degrees; also beyond any range of the family in cm
 
-// Calls `put(channel, value)` for each value, in order. The body has been found long enough: groups
-// of a size known when this is compiled need no more checks.
+// Calls `put(channel, value)` for each value, in order. The caller has checked the length of the
+// body. Groups of a size known at compile time are read without further checks.
 template <std::size_t Size, typename Read, typename Put>
 void ForValues(unsigned components, std::span<const std::byte> body, Read read, Put put) {
   const auto group = [&]<std::size_t Count>(unsigned component, unsigned channel,
@@ -50,8 +50,8 @@ void ForValues(unsigned components, std::span<const std::byte> body, Read read, 
   group(kQuaternionComponent, kQuaternionParts, std::integral_constant<std::size_t, 4>());
 }
 
-// Between the smallest and the largest, of either sign: nearly every value there is. The bits of a
-// float order as its magnitude does.
+// Whether the magnitude is between the smallest and the largest, as that of nearly every value. The
+// bits of a float are ordered as its magnitude.
 bool IsPlain(std::int32_t bits) {
   constexpr auto kLow = std::bit_cast<std::uint32_t>(kSmallest);
   constexpr auto kHigh = std::bit_cast<std::uint32_t>(kLargest);
@@ -89,7 +89,7 @@ int CountNumbers(unsigned components, std::span<const std::byte> body) {
   return numbers;
 }
 
-// Where decoded values go.
+// Stores decoded values.
 struct Sink {
   unsigned components;
   const Pose& offset;
@@ -127,8 +127,8 @@ void PutFloat(unsigned channel, float value, int units, const Sink& sink) {
   sink.Put(channel, value * factor);
 }
 
-// With a value that is 0, too large or none at all. Apart, so that the usual record is decoded in
-// few enough registers.
+// For a body with a value that is 0, too large or not a number. A function of its own, so that the
+// usual record is decoded in few enough registers.
 [[gnu::noinline]] int DecodeOddFloats(const FastrakLayout& layout, std::span<const std::byte> body,
                                       int units, Sink sink) {
   const int numbers = CountNumbers(layout.components, body);
@@ -181,7 +181,7 @@ int DigitSum(std::string_view text, std::size_t offset) {
   return At(text, offset) + At(text, offset + 1) + At(text, offset + 2);
 }
 
-bool NamesTheIs600(std::string_view record, std::size_t name) {
+bool IsIs600(std::string_view record, std::size_t name) {
   for (const std::size_t number : {name + 2, name + 6}) {
     const int sum = DigitSum(record, number);
     if (sum == '6' + '0' + '0' || sum == 241) return true;
@@ -189,7 +189,7 @@ bool NamesTheIs600(std::string_view record, std::size_t name) {
   return false;
 }
 
-// The firmware identification stands at 16 to 22, in one of the forms of the family.
+// The firmware identification is at offsets 16 to 22; its form depends on the model.
 std::uint32_t IdentifyModel(std::string_view record) {
   std::uint32_t model = 0;
   if (At(record, 18) == '.' || At(record, 16) == '.') {
@@ -200,10 +200,10 @@ std::uint32_t IdentifyModel(std::string_view record) {
   if ((model & kFastrakClass) == 0) return model;
   const std::size_t name = At(record, 22) == 'I' ? 22 : 21;
   if (At(record, name) != 'I' || At(record, name + 1) != 'S') return model;
-  return model | kFastrakInterSense | (NamesTheIs600(record, name) ? 1U << 4 : 0U);
+  return model | kFastrakInterSense | (IsIs600(record, name) ? 1U << 4 : 0U);
 }
 
-// A field of three characters: what follows a blank one is another's.
+// Reads a field of three characters. A blank field is 0: the text after it is another field.
 int NumberAt(std::string_view text, std::size_t offset) {
   text = text.substr(std::min(offset, text.size()), 3);
   text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
@@ -286,7 +286,7 @@ const FastrakProduct& FindFastrakProduct(std::uint32_t code) {
 
 // ---- Station records -----------------------------------------------------------------------
 
-bool MarksInPlace(std::span<const std::byte> body) {
+bool AreMarksInPlace(std::span<const std::byte> body) {
   constexpr std::byte kMark{0x80};
   if (body.empty()) return true;
   std::byte later{0};
@@ -333,7 +333,7 @@ BootResult JudgeFastrakReply(std::string_view reply) {
       return sum > 4 * '0' ? kBooted : kNoSensors;
     }
     if (first == '0' && third == ' ') return kBooted;
-    // A unit that was left in binary with a test error pending answers with that error's code.
+    // A unit in binary mode with a test error pending answers with that error's code.
     if (first == '0' && IsStationDigit(reply[i + 1]) && IsBitError(third)) return kBooted;
     if (first == '\r' && reply[i + 1] == '\n') return kBooted;
   }

@@ -1,22 +1,21 @@
-// What a tracker of the FASTRAK family sends, and what it means: pure functions over bytes in
-// memory.
+// The records and replies of the FASTRAK family, and how they are decoded: pure functions over
+// bytes in memory.
 //
 // A station record, binary values little-endian:
 //   offset  size  field         meaning
 //   0       1     '0'
 //   1       1     station       '1' + station index
-//   2       1     error         ' ' none, else the code of a built-in test (BIT) error
-//   3       n     values        position, Euler angles, quaternion, each only when selected
-//   3 + n   2     tail          CR LF, only when asked for
+//   2       1     error         ' ' no error, else the code of a built-in test (BIT) error
+//   3       n     values        position, Euler angles, quaternion, each only if selected
+//   3 + n   2     tail          CR LF, only if selected
 //
-// A value is, by format:
-//   32 bit  IEEE single; positions in the unit asked for (centimetres for metres), angles in
-//           degrees
+// A value depends on the format:
+//   32 bit  IEEE single; positions in inches or centimetres, as set, angles in degrees
 //   16 bit  signed integer, times the channel's scale
-//   14 bit  two bytes of 7 bits, low first, times the channel's scale; bit 7 is set in the first
-//           byte of the values and in no other
+//   14 bit  two bytes of 7 bits, low first, times the channel's scale; bit 7 is set only in the
+//           first byte of the values
 //
-// The status record (the answer to 'S') is text: '2', a digit, 'S', then fields at fixed places;
+// The status record (the answer to 'S') is text: '2', a digit, 'S', then fields at fixed offsets;
 // see ParseFastrakStatus.
 #pragma once
 
@@ -36,12 +35,12 @@ namespace kinetrel {
 
 enum class FastrakFormat { Bits14, Bits16, Bits32 };
 
-// What the protocol setting asks the unit for.
+// The values of the protocol setting.
 enum class FastrakProtocol : int { Bits14 = 1, Bits16 = 2, Bits32 = 3 };
 
 // Bits of the status word; its low half is the model code.
 inline constexpr std::uint32_t kFastrakParsed = 0x200;        // a status record was understood
-inline constexpr std::uint32_t kFastrakFromStart = 1U << 16;  // and nothing came before it
+inline constexpr std::uint32_t kFastrakFromStart = 1U << 16;  // and it began the reply
 inline constexpr std::uint32_t kFastrakClass = 1U << 0;  // the FASTRAK command set; else IsoTRAK's
 inline constexpr std::uint32_t kFastrakInterSense = 1U << 3;
 inline constexpr std::uint32_t kFastrakProper = 0x201;  // the one model with 14-bit records
@@ -52,10 +51,10 @@ struct FastrakProduct {
   int stations;
   int frameRate;  // Hz, over all stations together
   FastrakProtocol protocol;
-  FastrakFormat format;  // of the values, unless the 14-bit protocol is set
+  FastrakFormat format;  // of the values, except with the 14-bit protocol
 };
 
-// The model of that code; an unknown code is taken for the simplest of the family, an IsoTRAK.
+// The model with that code; an unknown code counts as the simplest model, an IsoTRAK.
 const FastrakProduct& FindFastrakProduct(std::uint32_t code);
 
 // ---- Station records -----------------------------------------------------------------------
@@ -63,7 +62,7 @@ const FastrakProduct& FindFastrakProduct(std::uint32_t code);
 inline constexpr std::size_t kFastrakHeadSize = 3;
 inline constexpr std::size_t kFastrakTailSize = 2;
 
-// Which values a record carries, and how.
+// Which values a record carries, and in which format.
 struct FastrakLayout {
   FastrakFormat format = FastrakFormat::Bits32;
   unsigned components = kPositionComponent | kEulerComponent;
@@ -85,26 +84,26 @@ struct FastrakLayout {
 // In channel order: x, y, z; azimuth, elevation, roll; w, x, y, z.
 using FastrakChannels = std::array<ChannelScale, 10>;
 
-// Beside the number of values: some 32-bit value lay outside what the family measures, and was
-// put to 0 (below 1e-8 in magnitude) or to a bound of +-360.
+// Flags beside the number of values: a 32-bit value was outside the family's range and was set to
+// 0 (magnitude below 1e-8) or to +-360.
 inline constexpr int kFastrakTiny = 0x10000;
 inline constexpr int kFastrakAbove = 0x20000;
 inline constexpr int kFastrakBelow = 0x40000;
 
-// Whether the marks of a 14-bit record are where they belong. The other formats have none.
-bool MarksInPlace(std::span<const std::byte> body);
-inline bool FastrakInStep(const FastrakLayout& layout, std::span<const std::byte> body) {
-  return layout.format != FastrakFormat::Bits14 || MarksInPlace(body);
+// Whether the marks of a 14-bit record are in place. The other formats have no marks.
+bool AreMarksInPlace(std::span<const std::byte> body);
+inline bool IsFastrakInStep(const FastrakLayout& layout, std::span<const std::byte> body) {
+  return layout.format != FastrakFormat::Bits14 || AreMarksInPlace(body);
 }
 
 // Decodes the values of a record and adds the station's mounting offset. A sensor that is mounted
 // upside down (a roll offset of half a turn) has its quaternion turned too.
 //
-// units       bit 1: positions to metres. Only the 32-bit format needs to be told.
+// units       bit 1: positions in metres. Used by the 32-bit format only.
 // channels    scales of the 14 and 16-bit formats; their raw readings are stored.
-// pose, quaternion  what the layout leaves out stays as it is.
-// Returns     ValueCount() with the flags above; fewer, and nothing changed, when the body is
-//             short or a value is not a number.
+// pose, quaternion  values that the layout leaves out stay as they are.
+// Returns     ValueCount() with the flags above; fewer, and nothing changed, if the body is short
+//             or a value is not a number.
 int DecodeFastrakBody(const FastrakLayout& layout, std::span<const std::byte> body, int units,
                       FastrakChannels& channels, const Pose& offset, Pose& pose,
                       Quaternion& quaternion);
@@ -123,16 +122,16 @@ enum class FastrakStatusFault : int { None = 0, NotFastrak = 4 };
 
 struct FastrakStatusRecord {
   bool found = false;
-  FastrakStatusFault fault = FastrakStatusFault::None;  // of a record that was there
+  FastrakStatusFault fault = FastrakStatusFault::None;  // why a record that came does not count
   std::uint32_t word = 0;  // model code in the low half; bits 16 to 20 for diagnosis
-  int bitError = 0;        // 0: none
+  int bitError = 0;        // 0: no error
 };
 
 // Finds the status record in the reply to 'S' and reads it.
 FastrakStatusRecord ParseFastrakStatus(std::string_view reply);
 
-// The active stations in the reply to 'l': a mask of the first `stations`. False when the reply is
-// no such list, or a short one.
+// Reads the active stations from the reply to 'l': a mask of the first `stations`. False if the
+// reply is not such a list, or is too short.
 bool ParseActiveStations(std::string_view reply, int stations, unsigned& active);
 
 // ---- Built-in test errors ------------------------------------------------------------------

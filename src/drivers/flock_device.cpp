@@ -16,11 +16,11 @@ constexpr int kBaud = 115200;
 constexpr std::uint8_t kExamine = 'O';
 constexpr std::uint8_t kChange = 'P';
 constexpr std::uint8_t kHemisphere = 'L';
-constexpr std::uint8_t kBusAddress = 0xF0;  // plus the address: whom the next command is for
-constexpr std::uint8_t kBirds = 3;          // how many the bus is configured for
+constexpr std::uint8_t kBusAddress = 0xF0;  // plus the address of the bird the next command is for
+constexpr std::uint8_t kBirds = 3;          // that the bus is configured for
 constexpr unsigned kErrorBit = 0x2000;      // of the status word
 
-bool Marked(std::byte byte) { return (byte & std::byte{0x80}) != std::byte{0}; }
+bool IsMarked(std::byte byte) { return (byte & std::byte{0x80}) != std::byte{0}; }
 
 constexpr unsigned kSensors = 5;
 constexpr int kLastAddress = 14;
@@ -28,13 +28,13 @@ constexpr int kFlockStatus = 3;  // the status word of a booted flock
 
 // ---- How long a bird may take, ms ------------------------------------------------------------
 
-// The way to the bird and back: far longer than a bird needs, because USB adapters hold what they
-// receive for up to 16 ms, and the machine may be busy.
+// For question and answer. A bird needs far less, but USB adapters hold received bytes for up to
+// 16 ms, and the machine may be busy.
 constexpr int kAnswerPatience = 100;
 constexpr int kMasterPatience = 180;
-constexpr int kConfigurationPatience = 700;  // a bird is deaf while it configures the bus
-constexpr Milliseconds kFirstBoot{5000};     // it may be starting up
-constexpr Milliseconds kLaterBoot{2000};     // tried again anyway; and sampling may be stopped
+constexpr int kConfigurationPatience = 700;  // a bird ignores questions while it configures the bus
+constexpr Milliseconds kFirstBoot{5000};     // the bird may be starting up
+constexpr Milliseconds kLaterBoot{2000};     // the engine boots it again; sampling may be stopped
 constexpr int kSilence = 30;                 // a streaming bird never pauses that long
 constexpr Milliseconds kLongestNoise{300};
 
@@ -42,7 +42,7 @@ constexpr int kReadConstant = 35;
 constexpr int kReadPerByte = 18;
 constexpr int kReadInterval = 16;
 
-// A byte wrongly marked as the first one shifts the reading twice before it fits again.
+// A byte that is wrongly marked shifts the reading twice before it fits again.
 constexpr int kMostFills = 3;
 
 // ---- Scales ----------------------------------------------------------------------------------
@@ -51,7 +51,7 @@ constexpr double kFullScale = 32768.0;
 
 struct UnitRow {
   int units;
-  double range;  // what the full scale of a position is
+  double range;  // full scale of a position, in that unit
 };
 constexpr UnitRow kInches = {0, 144.0};
 constexpr UnitRow kUnits[] = {kInches, {1, 365.76}, {3, 3.6576}};
@@ -61,7 +61,7 @@ double RangeIn(int units) {
   return row != std::end(kUnits) ? row->range : kInches.range;
 }
 
-// The bird's frame is turned into ours by these signs.
+// Signs from the bird's frame to ours.
 constexpr std::array<double, 6> kSigns = {1, -1, -1, -1, -1, 1};
 
 struct HemisphereRow {
@@ -81,7 +81,7 @@ HemisphereRow HemisphereOf(const float zenith[3]) {
   return kForward;
 }
 
-// In the unit of the bird's own formula; 0 from a bird that did not tell its crystal's speed.
+// Measurements a second by the bird's own formula; 0 if the crystal's speed is unknown.
 unsigned MeasurementRate(float crystalSpeed, unsigned count) {
   if (crystalSpeed <= 0) return 0;
   const double period = (8 / double{crystalSpeed}) * count * 0.001 * 4.0 + 0.3;
@@ -90,7 +90,7 @@ unsigned MeasurementRate(float crystalSpeed, unsigned count) {
 
 // ---- Printing --------------------------------------------------------------------------------
 
-// The first byte stands for all in the line with the label; the rows tell the rest.
+// The line with the label shows the first byte only; the rows show the bits of all bytes.
 void PrintBits(const char* label, std::span<const std::uint8_t> bytes) {
   std::printf("\n%s: %X\n", label, unsigned{bytes[0]});
   for (const std::uint8_t byte : bytes) {
@@ -99,7 +99,7 @@ void PrintBits(const char* label, std::span<const std::uint8_t> bytes) {
   }
 }
 
-// Whatever came, it does not steer the terminal.
+// Replaces control characters: text from the line must not steer the terminal.
 std::array<char, 11> Printable(std::array<char, 11> text) {
   std::replace_if(
       text.begin(), text.end(), [](char c) { return c != '\0' && (c < ' ' || c > '~'); }, '?');
@@ -108,7 +108,7 @@ std::array<char, 11> Printable(std::array<char, 11> text) {
 
 }  // namespace
 
-// What a bird can be asked for.
+// Parameters that a bird can be asked for.
 enum class FlockDevice::Parameter : std::uint8_t {
   BirdStatus = 0,
   SoftwareRevision = 1,
@@ -132,10 +132,10 @@ std::array<int, 6> DecodeFlockRecord(std::span<const std::byte, kFlockRecordSize
   return words;
 }
 
-// The last mark counts: what came before it was cut short.
+// The last mark counts; the record before it was cut.
 std::size_t FindFlockRecord(std::span<const std::byte, kFlockRecordSize> bytes) {
   std::size_t start = bytes.size() - 1;
-  while (start > 0 && !Marked(bytes[start])) --start;
+  while (start > 0 && !IsMarked(bytes[start])) --start;
   return start;
 }
 
@@ -166,7 +166,7 @@ BootResult FlockDevice::Boot(int) {
   std::fputs("\n\n****** CALLING STATUS.. **********\n", stdout);
   FlockDevice::QueryStatus(nullptr, 0);
   PrintParameters();
-  // Pulled out meanwhile: nothing of the above came from a bird.
+  // The line was lost meanwhile: the values above did not come from a bird.
   if (LineLost()) return kPortNotOpen;
   booted_ = AllocateSensors(kSensors);
   FlushOutput();
@@ -176,7 +176,7 @@ BootResult FlockDevice::Boot(int) {
   return booted_ ? kBooted : kPortNotOpen;
 }
 
-// After an unplug it may be another flock.
+// After an unplug, another flock may be on the line.
 void FlockDevice::StartOver() {
   booted_ = false;
   lastModeByte_ = 0;
@@ -185,7 +185,7 @@ void FlockDevice::StartOver() {
   parameters_ = {};
 }
 
-// More than the two bytes asked for: the bird still streams for somebody who has gone.
+// More than the two bytes asked for means that the bird still streams for an earlier program.
 std::uint16_t FlockDevice::AwaitMaster() {
   const std::array<std::uint8_t, 2> request = {kExamine, 0};
   const Deadline deadline(known_ ? kLaterBoot : kFirstBoot);
@@ -240,8 +240,8 @@ void FlockDevice::PrintParameters() const {
 
 // ---- Questions and answers -------------------------------------------------------------------
 
-// Keeps the line to questions and answers for as long as it lives: ends a stream, takes in an
-// answer that is due, and asks for both again.
+// Keeps the line free for questions and answers while it lives. The constructor ends a stream and
+// takes in an answer that is due; the destructor starts the stream or polls again.
 class FlockDevice::QuietLine {
  public:
   explicit QuietLine(FlockDevice& device)
@@ -291,8 +291,8 @@ std::size_t FlockDevice::Ask(Parameter parameter, std::span<std::uint8_t> into) 
   return Ask(parameter, into, kAnswerPatience);
 }
 
-// Returns how many bytes came; the rest of `into` stays as it was. What is on the line before the
-// question is no answer to it.
+// Returns how many bytes came; the rest of `into` stays as it was. Drops bytes that came before the
+// question.
 std::size_t FlockDevice::Ask(Parameter parameter, std::span<std::uint8_t> into, int patience) {
   DiscardInput();
   const std::array<std::uint8_t, 2> request = {kExamine, static_cast<std::uint8_t>(parameter)};
@@ -304,7 +304,7 @@ std::size_t FlockDevice::Ask(Parameter parameter, std::span<std::uint8_t> into, 
   return got;
 }
 
-// 0 unless both bytes came.
+// Returns 0 unless both bytes came.
 unsigned FlockDevice::AskWord(Parameter parameter) {
   std::array<std::uint8_t, 2> answer{};
   if (Ask(parameter, answer) != answer.size()) return 0;
@@ -333,7 +333,7 @@ void FlockDevice::AwaitSilence() {
 // ---- Sampling --------------------------------------------------------------------------------
 
 unsigned FlockDevice::ReadFrame(double* sampleTime) {
-  if (poses_.empty() || !HaveRecord()) return 0;
+  if (poses_.empty() || !FetchRecord()) return 0;
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
   const auto words = DecodeFlockRecord(window_.bytes().first<kFlockRecordSize>());
   window_.Drop(kFlockRecordSize);
@@ -346,12 +346,12 @@ unsigned FlockDevice::ReadFrame(double* sampleTime) {
   return 1;
 }
 
-// True with a record in hand from its first byte on. One that pauses on its way is kept for the
-// next call, if its start is marked: without the mark nothing tells that what comes next is of it.
-bool FlockDevice::HaveRecord() {
+// True if a whole record is at the start of the window. A record that came in part is kept for the
+// next call only if its start is marked: otherwise its next bytes could not be told from noise.
+bool FlockDevice::FetchRecord() {
   for (int fill = 0; fill < kMostFills; ++fill) {
     if (!window_.Want(*this, kFlockRecordSize)) {
-      if (window_.size() > 0 && !Marked(window_.bytes()[0])) window_.Clear();
+      if (window_.size() > 0 && !IsMarked(window_.bytes()[0])) window_.Clear();
       return false;
     }
     const std::size_t before = FindFlockRecord(window_.bytes().first<kFlockRecordSize>());
@@ -361,8 +361,8 @@ bool FlockDevice::HaveRecord() {
   return false;
 }
 
-// An answer that comes too late for one poll would be taken for that to the next, and every pose
-// from then on be one poll old.
+// A late answer would be read as the answer to the next poll; every later pose would be one poll
+// old.
 void FlockDevice::DropLateAnswer() {
   if (answerDue_) DiscardInput();
   answerDue_ = false;
@@ -395,15 +395,15 @@ unsigned FlockDevice::SetComponentMask(unsigned) { return 0; }
 
 int FlockDevice::SetHemisphere(int sensor, const float zenith[3]) {
   const HemisphereRow hemisphere = HemisphereOf(zenith);
-  const auto tell = [&](int address) {
+  const auto send = [&](int address) {
     const std::array<std::uint8_t, 4> command = {static_cast<std::uint8_t>(kBusAddress + address),
                                                  kHemisphere, hemisphere.axisCode,
                                                  hemisphere.signCode};
     Write(command.data(), command.size());
   };
   if (sensor != -1) {
-    // Beyond the last address lie bytes that are commands by themselves.
-    if (sensor >= 0 && sensor <= kLastAddress) tell(sensor);
+    // Bytes beyond the last address are commands of their own.
+    if (sensor >= 0 && sensor <= kLastAddress) send(sensor);
     return 0;
   }
   const QuietLine quiet(*this);
@@ -411,7 +411,7 @@ int FlockDevice::SetHemisphere(int sensor, const float zenith[3]) {
   Ask(Parameter::BirdsOnBus, birds);
   const unsigned mask = birds[1] | unsigned{birds[2]} << 8;
   for (int address = 1; address <= kLastAddress; ++address) {
-    if ((mask >> address & 1) != 0) tell(address);
+    if ((mask >> address & 1) != 0) send(address);
   }
   return 0;
 }

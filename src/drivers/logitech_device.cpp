@@ -26,8 +26,8 @@ constexpr char kInformation[] = "*m";
 constexpr int kSelfTestMs = 1000;
 constexpr int kInformationMs = 100;
 constexpr unsigned kInformationSize = 30;
-constexpr int kStreamPauseMs = 60;  // one that streams leaves no longer pause
-constexpr int kLateMs = 100;        // for adapters that hold bytes back, and busy machines
+constexpr int kStreamPauseMs = 60;  // a streaming unit never pauses that long
+constexpr int kLateMs = 100;        // USB adapters hold bytes back; the machine may be busy
 
 constexpr std::byte kHeaderMark{0x80};
 constexpr std::byte kNotValid{0x20};
@@ -130,7 +130,7 @@ struct QuarterTurns {
   bool operator==(const QuarterTurns&) const = default;
 };
 
-// In the order of their numbers. The last one's axes are those its own transform makes.
+// In the order of their numbers. The axes of the last one are those that its transform makes.
 struct MountingRow {
   Pose (*apply)(const Pose& pose);
   QuarterTurns xAxis;
@@ -224,8 +224,8 @@ BootResult LogitechDevice::Boot(int) {
   return kBooted;
 }
 
-// A wrong answer with more behind it is no verdict: it is a unit that streams, or what was left on
-// the line.
+// A wrong answer that more bytes follow does not count: the unit streams, or old bytes were on the
+// line.
 bool LogitechDevice::PassesSelfTest() {
   std::optional<unsigned> result = RunSelfTest();
   if (result && *result != kAllPassed && WaitForRX(kStreamPauseMs, 1)) {
@@ -260,7 +260,7 @@ void LogitechDevice::SetTimeouts() {
 }
 
 int LogitechDevice::QueryStatus(char* text, int size) {
-  // A record that was asked for would be taken for the answer.
+  // A record that is on its way would be read as the answer.
   const bool polled = booted_ && lastModeByte_ == pollByte_;
   if (polled) {
     WaitForRX(kStreamPauseMs, kLogitechRecordSize);
@@ -273,7 +273,7 @@ int LogitechDevice::QueryStatus(char* text, int size) {
   return result == kAllPassed ? 1 : 0;
 }
 
-// What the record says is not known here; it has to be off the line before the self-test.
+// The meaning of this record is not known. It is read to clear the line for the self-test.
 void LogitechDevice::ReadInformation() {
   WriteString(kInformation, 0, false);
   std::array<std::byte, kInformationSize> information{};
@@ -298,7 +298,7 @@ unsigned LogitechDevice::ReadFrame(double* sampleTime) {
   return valid ? 1 : 0;
 }
 
-// The time-outs are just what the unit and the line take.
+// The port's time-outs are as short as unit and line allow, so a late byte is waited for here.
 bool LogitechDevice::Await(std::size_t count) {
   if (window_.Want(*this, count)) return true;
   const int missing = static_cast<int>(count - window_.size());
@@ -314,7 +314,7 @@ bool LogitechDevice::ReadRecord(double* sampleTime) {
   return false;
 }
 
-// A byte with the mark after the first is the header of another record: the one before was cut.
+// A marked byte after the first is the header of the next record: the one before was cut.
 bool LogitechDevice::ReadRest(double* sampleTime) {
   constexpr int kMostHeaders = 4;
   for (int headers = 0; headers < kMostHeaders; ++headers) {
@@ -341,8 +341,8 @@ void LogitechDevice::KeepPose(std::span<const std::byte, kLogitechRecordSize> re
   if (componentMask_ != 0) quaternions_[0] = EulerToQuaternion(&poses_[0][3]);
 }
 
-// Asks with nothing left on the line, or a late answer would be taken for the next, and every one
-// after it too.
+// Clears the line first: a late answer would be read as the answer to this poll, and every later
+// pose would be one poll old.
 void LogitechDevice::Poll() {
   if (strayInput_) {
     window_.Clear();
@@ -354,7 +354,7 @@ void LogitechDevice::Poll() {
 
 // ---- Stations ------------------------------------------------------------------------------
 
-// The mounting is not the mask's business: only the axes and the protocol choose it.
+// The mask does not change the mounting; only the axes and the protocol do.
 unsigned LogitechDevice::SetSensorMask(unsigned, int) { return sensorMask_ = 1; }
 
 // ---- Settings ------------------------------------------------------------------------------
@@ -373,8 +373,8 @@ int LogitechDevice::SetAlignment(int sensor, const float xAxis[3], const float y
   const auto mounting = LogitechMountingOf(xAxis, yAxis);
   if (!mounting) return 0;
   const int before = std::exchange(protocol_, static_cast<int>(*mounting));
-  // The offsets were given for the frame that is published: they move to other channels with it,
-  // whichever of the two was set first.
+  // The host gives the offsets in the published frame. With another mounting they belong to other
+  // channels.
   if (before != protocol_ && !offsets_.empty()) {
     const Pose given = offsets_[0];
     LogitechDevice::SetSensorOffset(0, given.data());

@@ -14,12 +14,12 @@ namespace {
 // ---- The wire --------------------------------------------------------------------------------
 
 constexpr int kBaud = 9600;
-constexpr char kReady = 'Z';  // what it makes the head do is the head's business
+constexpr char kReady = 'Z';  // ends the boot; its effect on the head is not known
 
 struct RequestRow {
   char request;
   unsigned answerLength;
-  unsigned fewest;  // bytes that are taken for its answer when the head is asked for its status
+  unsigned fewest;  // bytes that count as its answer in a status query
   unsigned most;
   int result;
   const char* text;
@@ -28,7 +28,7 @@ constexpr unsigned kNoLimit = std::numeric_limits<unsigned>::max();
 constexpr RequestRow kRequests[] = {
     {'d', 12, 12, 12, 1, "Encoders only enabled.  "},
     {'b', 14, 13, kNoLimit, 3, "All data enabled.  "},
-    {'a', 2, 1, 11, 2, "Alternate data only enabled.  "},  // silence is no answer
+    {'a', 2, 1, 11, 2, "Alternate data only enabled.  "},  // no byte at all is a failure
 };
 constexpr unsigned kLongestAnswer = 14;
 
@@ -43,14 +43,14 @@ constexpr double kRadiansPerCount = kPi / 2000.0;
 
 // ---- How long the head may take, ms ----------------------------------------------------------
 
-// An answer of 12 bytes takes 13 at this rate. But a USB adapter hands over what it has every 16,
-// and the machine may be busy.
+// An answer of 12 bytes takes 13 ms at this rate. But a USB adapter delivers every 16 ms only, and
+// the machine may be busy.
 constexpr int kPatience = 100;
-constexpr int kExcess = 20;  // more than an answer should have would come in this time
+constexpr int kExcess = 20;  // bytes beyond the end of an answer come within this time
 constexpr int kSilence = 10;
-constexpr int kMostNoise = 5;  // silences waited for in vain
+constexpr int kMostNoise = 5;  // tries to find a silence
 
-constexpr int kBootTries = 3;  // the head may still be answering whoever was here before us
+constexpr int kBootTries = 3;  // the head may still be answering an earlier program
 constexpr unsigned kMostDue = 2;
 constexpr unsigned kMostBytes = 256;
 constexpr int kHeadStatus = static_cast<int>(DeviceFamily::PanTilt) | 3;
@@ -122,7 +122,8 @@ int PanTiltDevice::QueryStatus(char* text, int size) {
 
 // ---- Sampling --------------------------------------------------------------------------------
 
-// What was silent so far is asked again; its answer may come yet, and is waited for then.
+// After silence the head is polled again. The answer to the first poll may still come; due_ counts
+// both.
 unsigned PanTiltDevice::ReadFrame(double* sampleTime) {
   if (poses_.empty()) return 0;
   if (lastModeByte_ == 0) PanTiltDevice::Poll();
@@ -140,8 +141,8 @@ unsigned PanTiltDevice::ReadFrame(double* sampleTime) {
   return 1;
 }
 
-// Returns the bytes that wait to be read: of all answers that are due, where they come in time.
-// Were only the first one taken, each pose from then on would be one poll old.
+// Waits for all answers that are due and returns the number of waiting bytes. If only the first
+// answer were taken, every later pose would be one poll old.
 unsigned PanTiltDevice::AwaitAnswers() {
   WaitForRX(kPatience, static_cast<int>(std::max(1U, due_) * answerLength_));
   const unsigned waiting = InputQueueLength();
@@ -150,8 +151,8 @@ unsigned PanTiltDevice::AwaitAnswers() {
   return InputQueueLength();
 }
 
-// False when the length tells that something was cut or added: which words are whole, nothing
-// tells. Of several answers the first one counts.
+// False if the length shows that bytes were lost or added: nothing shows which words are whole. Of
+// several answers the first one counts.
 bool PanTiltDevice::TakeAnswers(unsigned waiting) {
   if (waiting % answerLength_ != 0 || waiting > kMostBytes) {
     AwaitSilence();
@@ -162,13 +163,13 @@ bool PanTiltDevice::TakeAnswers(unsigned waiting) {
   std::array<int, kPanTiltWords> words{};
   const std::size_t count = DecodePanTilt(std::span(bytes).first(waiting), words);
   words[kPan] = -words[kPan];
-  // An answer without encoders leaves the pose as it is.
+  // An answer without the encoders leaves the pose as it is.
   const std::size_t taken = answerLength_ / 2 > kTilt ? std::min(count, words.size()) : 0;
   for (std::size_t i = 0; i < taken; ++i) channels_[i].raw = words[i];
   return true;
 }
 
-// The rest of a damaged answer must not become the beginning of the next one.
+// Keeps the rest of a damaged answer from being read as the start of the next one.
 void PanTiltDevice::AwaitSilence() {
   for (int i = 0; i < kMostNoise; ++i) {
     PurgeInput();

@@ -1,12 +1,12 @@
 // Fakespace pan-tilt head: it answers a request of one byte with its encoders, at 9600 baud.
 //
-// An answer is a row of 16-bit words, signed, low byte first:
+// An answer is a row of signed 16-bit words, low byte first:
 //   offset  word  meaning
-//   0       0-3   not ours to know
+//   0       0-3   not used
 //   8       4     pan, 4000 counts a turn; azimuth is minus this
 //   10      5     tilt, 4000 counts a turn; elevation
-//   12      6     with all data only; not ours to know
-// Nothing in an answer marks its start, so its length is all that tells a whole one.
+//   12      6     not used; in an answer of all data only
+// Nothing marks the start of an answer. Only its length shows whether it is whole.
 #pragma once
 
 #include <array>
@@ -19,33 +19,33 @@ namespace kinetrel {
 
 inline constexpr std::size_t kPanTiltWords = 10;
 
-// Walks over the words of `answer` and stores them in turn; those beyond the last place all land
-// there, half a word nowhere. Returns how many words there were.
+// Stores the words of `answer` in turn. Words beyond the last place overwrite the last one; half a
+// word is not stored. Returns the number of whole words in the answer.
 std::size_t DecodePanTilt(std::span<const std::byte> answer, std::array<int, kPanTiltWords>& words);
 
-// The protocol is the request byte: 'd' encoders only (12 bytes come back), 'b' all data (14),
-// 'a' alternate data only (2), in which the encoders are not.
+// The protocol is the request byte: 'd' encoders only (an answer of 12 bytes), 'b' all data (14),
+// 'a' alternate data only (2), which does not include the encoders.
 class PanTiltDevice final : public TrackerDevice {
  public:
   PanTiltDevice();
 
-  // Sets the line to 9600 baud and asks until an answer has the right length, three times at most.
+  // Sets the line to 9600 baud and asks until an answer has the right length, at most three times.
   //
-  // Returns  kBooted; 0 when none had, or without memory.
+  // Returns  kBooted; 0 if no answer had the right length, or without memory.
   BootResult Boot(int reset) override;
 
-  // Sends the request and judges the answer by its length; the answer stays in the port, for the
+  // Sends the request and judges the answer by its length. The answer stays in the port for the
   // next frame.
   //
-  // text     set when `size` is above 32.
-  // Returns  1 encoders only, 2 alternate data, 3 all data; 0 for anything else.
+  // text     set if `size` is above 32.
+  // Returns  1 encoders only, 2 alternate data, 3 all data; 0 for any other answer.
   int QueryStatus(char* text, int size) override;
 
-  // Reads the answer to the poll, or polls first when none is on its way, and sets azimuth and
-  // elevation of sensor 0.
+  // Reads the answer to the poll and sets azimuth and elevation of sensor 0. Polls first if no
+  // answer is on its way.
   //
-  // Returns  1, also for alternate data, which leave the pose as it is; 0 when nothing came within
-  //          100 ms or its length is wrong.
+  // Returns  1, also for alternate data, which leave the pose as it is; 0 if nothing came within
+  //          100 ms or the length is wrong.
   unsigned ReadFrame(double* sampleTime) override;
 
   void Poll() override;
@@ -61,8 +61,8 @@ class PanTiltDevice final : public TrackerDevice {
   bool TakeAnswers(unsigned waiting);
   void AwaitSilence();
 
-  unsigned answerLength_ = 12;  // bytes; to the request last sent
-  unsigned due_ = 0;            // requests whose answers were not read
+  unsigned answerLength_ = 12;  // bytes, of the answer to the last request
+  unsigned due_ = 0;            // requests whose answers have not been read
 };
 
 }  // namespace kinetrel

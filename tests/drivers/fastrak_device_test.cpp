@@ -1,5 +1,5 @@
-// The FASTRAK driver against a scripted unit on a real line: every byte is written out here as the
-// protocol has it.
+// The FASTRAK driver against a scripted unit on a real line. Every byte of the protocol is written
+// out here.
 #include "drivers/fastrak_device.h"
 
 #include <gtest/gtest.h>
@@ -30,7 +30,7 @@ TEST_F(FastrakTest, BootsAFastrak) {
   EXPECT_FALSE(device_->GetCrLf());
 }
 
-TEST_F(FastrakTest, WhatTheUnitReportsActiveCounts) {
+TEST_F(FastrakTest, TakesTheActiveStationsFromTheUnitsReport) {
   ASSERT_EQ(Boot(FastrakBoots("0110")), kBooted);
   EXPECT_EQ(device_->GetSensorMask(), 6U);
   EXPECT_EQ(device_->GetFrameRate(), 60);
@@ -43,7 +43,7 @@ TEST_F(FastrakTest, BootsAnIsotrak2) {
   EXPECT_EQ(device_->GetProtocol(), 2);
 }
 
-TEST_F(FastrakTest, BootsAnInterSenseWithoutTouchingItsStations) {
+TEST_F(FastrakTest, BootsAnInterSenseWithoutSwitchingItsStations) {
   ASSERT_EQ(
       Boot(kWakes + Expect("S") + Send(kIs600Status) +
            Expect("O1,2,4\rO2,2,4\rO3,2,4\rO4,2,4\rR1\rR2\rR3\rR4\rufcS") + Send(kIs600Status)),
@@ -64,7 +64,7 @@ TEST_F(FastrakTest, BootsWithCrLfWhenItWasSetBefore) {
   EXPECT_STREQ(device.GetDeviceName(), "InsideTRAK");
 }
 
-TEST_F(FastrakTest, AResetMakesTheUnitStartAnewFirst) {
+TEST_F(FastrakTest, ResetRestartsTheUnitBeforeTheBoot) {
   Script script = kWakes + Expect("\x19S") + Wait(150ms) + Send(kFastrakStatus);
   const Script boots = FastrakBoots("1000");
   script.insert(script.end(), boots.begin() + static_cast<std::ptrdiff_t>(kWakes.size()),
@@ -78,7 +78,7 @@ TEST_F(FastrakTest, FindsAUnitAtAnotherRate) {
   EXPECT_EQ(device_->GetBaudRate(), 19200U);
 }
 
-TEST_F(FastrakTest, StopsAUnitThatOnlyEndedItsHalfCommand) {
+TEST_F(FastrakTest, StopsAUnitThatTookTheStopForTheEndOfACommand) {
   Script script = Expect("c\rP") + Send(kTextRecord) + Wait(30ms) + Send("01 abc") + Expect("c");
   const Script boots = FastrakBoots("1000");
   script.insert(script.end(), boots.begin() + static_cast<std::ptrdiff_t>(kWakes.size()),
@@ -95,7 +95,7 @@ struct Ending {
 
 class FastrakBootEndings : public FastrakTest, public testing::WithParamInterface<Ending> {};
 
-TEST_P(FastrakBootEndings, HaveTheirCodes) {
+TEST_P(FastrakBootEndings, ReturnTheirCode) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(Boot(GetParam().script), GetParam().result);
   EXPECT_EQ(testing::internal::GetCapturedStderr(), GetParam().printed);
@@ -169,7 +169,7 @@ TEST_F(BootedFastrak, GivesUpOnTheSixteenthError) {
   EXPECT_EQ(logged[17], "-16 Status: " + status);
 }
 
-TEST_F(BootedFastrak, AStatusThatDoesNotComeForgetsNothing) {
+TEST_F(BootedFastrak, AMissingStatusKeepsTheModel) {
   EXPECT_EQ(Query(Expect("S"), 0), "WaitForRX failed.\n");
   EXPECT_EQ(Logged(), (std::vector<std::string>{"0 WaitForRX failed"}));
   EXPECT_EQ(device_->GetStatusCode(), 0x201);
@@ -207,7 +207,7 @@ TEST_F(BootedFastrak, SettingsAreTheseCommands) {
   const SettingRow rows[] = {
       {"Mask5", [](auto& d) { return d.SendStationCommand("l1,1\r", 5, 4); }, "l1,1\rl3,1\r", 5},
       {"AllOfTwo", [](auto& d) { return d.SendStationCommand("R1\r", ~0U, 2); }, "R1\rR2\r", 3},
-      {"Absurd", [](auto& d) { return d.SendStationCommand("", ~0U, 1000); }, "", 0},
+      {"TooManyStations", [](auto& d) { return d.SendStationCommand("", ~0U, 1000); }, "", 0},
       {"Components", [](auto& d) { return int(d.SetComponentMask(7)); },
        AllStations("O1, 2, 4,11\r") + "O1\r", 1},
       {"CrLf", [](auto& d) { return d.SetCrLf(1); }, AllStations("O1, 2, 4,11,1\r") + "O1\r", 1},
@@ -217,7 +217,7 @@ TEST_F(BootedFastrak, SettingsAreTheseCommands) {
        AllStations("O1,18,19,1\r") + AllStations("O1,20,1\r") + "O1\r", 1},
       {"NoCrLf", [](auto& d) { return d.SetCrLf(0); }, AllStations("O1,20\r") + "O1\r", 1},
       {"Bits16", [](auto& d) { return d.SetProtocol(2); }, "", 0},
-      {"NoSuchProtocol", [](auto& d) { return d.SetProtocol(4); }, "", 0},
+      {"UnknownProtocol", [](auto& d) { return d.SetProtocol(4); }, "", 0},
       {"Bits32", [](auto& d) { return d.SetProtocol(3); },
        AllStations("O1,2,4\r") + AllStations("O1,11\r") + "O1\r", 3},
       {"Inches", [](auto& d) { return d.SetUnits(0); }, "U", 0},
@@ -226,19 +226,19 @@ TEST_F(BootedFastrak, SettingsAreTheseCommands) {
        "A2, 0.0000,0.0000,0.0000, 200.0000,0.0000,0.0000, 0.0000,200.0000,0.0000\r", 2},
       {"AlignToPoints", [&](auto& d) { return d.SetAlignment(0, far, y); },
        "A1, 0.0000,0.0000,0.0000, 300.0000,0.0000,0.0000, 0.0000,200.0000,0.0000\r", 1},
-      {"AlignAbsurdly", [&](auto& d) { return d.SetAlignment(0, huge, huge); }, "", 0},
-      {"AlignNobody", [&](auto& d) { return d.SetAlignment(5, x, y); }, "", 0},
+      {"AlignTooLong", [&](auto& d) { return d.SetAlignment(0, huge, huge); }, "", 0},
+      {"AlignInvalidSensor", [&](auto& d) { return d.SetAlignment(5, x, y); }, "", 0},
       {"AlignByPose", [&](auto& d) { return d.SetAlignmentPose(0, pose); },
        "A1, 1.0000,2.0000,3.0000, -0.0000,200.0000,-0.0000, -200.0000,-0.0000,0.0000\r", 1},
       {"ResetAlignment", [](auto& d) { return d.ResetAlignment(-1); },
        AllStations("A1, 0.0000,0.0000,0.0000, 200.0000,0.0000,0.0000, 0.0000,200.0000,0.0000\r"),
        4},
       {"Synchronization", [](auto& d) { return d.SetSynchronization(2); }, "y2\r", 1},
-      {"NoSuchSynchronization", [](auto& d) { return d.SetSynchronization(3); }, "", 0},
+      {"UnknownSynchronization", [](auto& d) { return d.SetSynchronization(3); }, "", 0},
       {"Hemisphere", [&](auto& d) { return d.SetHemisphere(2, y); }, "H2,0.0,0.5,0.0\r", 1},
       {"Hemispheres", [&](auto& d) { return d.SetHemisphere(-1, x); },
        AllStations("H1,1.0,0.0,0.0\r"), 1},
-      {"HemisphereAbsurd", [&](auto& d) { return d.SetHemisphere(1, huge); }, "", 0},
+      {"HemisphereTooLong", [&](auto& d) { return d.SetHemisphere(1, huge); }, "", 0},
       {"Vector4", [](auto& d) { return d.SetSensorVector4(0, 2, 1.5F, 1, 1); }, "", -2},
       {"ControlString", [](auto& d) { return int(d.SetControlString("b1")); }, "b1\r\n", 1},
   };
@@ -250,7 +250,7 @@ TEST_F(BootedFastrak, SettingsAreTheseCommands) {
   }
 }
 
-TEST_F(BootedFastrak, SwitchesStationsAndTakesWhatIsReported) {
+TEST_F(BootedFastrak, SwitchesStationsAndTakesTheReport) {
   ScriptedPeer unit(line_, Expect("l1,1\rl2,1\rl3,0\rl4,0\rl1\r") + Send("21l1000\r\n") +
                                Expect("l1,1\rl2,1\rl3,0\rl4,0\rl1\r") + Send("what?"));
   EXPECT_EQ(device_->SetSensorMask(0x33, 0), 1U);
@@ -280,7 +280,7 @@ TEST_F(FastrakTest, SettingsOfTheIsotrakClass) {
   EXPECT_EQ(unit.Verdict(), "");
 }
 
-TEST(FastrakUnbooted, SettingsKeepWhatTheyMustAndSendNothing) {
+TEST(FastrakUnbooted, SettingsAreStoredAndNotSent) {
   FastrakDevice device;
   EXPECT_EQ(device.SetCrLf(0), 1);
   EXPECT_FALSE(device.GetCrLf());
@@ -297,7 +297,7 @@ TEST(FastrakUnbooted, SettingsKeepWhatTheyMustAndSendNothing) {
   EXPECT_EQ(device.ReadFrame(nullptr), 0U);
 }
 
-TEST_F(BootedFastrak, TellsItsProtocol) {
+TEST_F(BootedFastrak, DescribesItsProtocol) {
   char text[6] = {};
   EXPECT_EQ(device_->GetProtocolText(text, sizeof text), 3);
   EXPECT_STREQ(text, "3: 32");

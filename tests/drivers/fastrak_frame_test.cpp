@@ -1,5 +1,4 @@
-// Frames of the FASTRAK driver: what it makes of records that come clean, in pieces, damaged or not
-// at all.
+// Frames of the FASTRAK driver, from records that come whole, in pieces, damaged or not at all.
 #include <gtest/gtest.h>
 
 #include <bit>
@@ -33,7 +32,7 @@ std::string Ended(const std::string& record) { return record + "\r\n"; }
 
 constexpr unsigned kOutOfStep = ~0U;
 
-// What is read, frame by frame, and of each station the x of its last good record.
+// The stations read in each frame, and the x of each station's last good record.
 struct Story {
   const char* name;
   Script sent;  // after 'C' or 'P'
@@ -58,7 +57,7 @@ class FastrakStories : public FastrakTest, public testing::WithParamInterface<St
   }
 };
 
-TEST_P(FastrakStories, AreReadAsTold) {
+TEST_P(FastrakStories, AreRead) {
   Prepare();
   const Story& story = GetParam();
   if (story.streamed) device_->StartContinuous();
@@ -114,12 +113,12 @@ INSTANTIATE_TEST_SUITE_P(
               {},
               15,
               true},
-        // A value that reads like the next head, with a head behind it: it is one.
+        // A value looks like a head, and a head follows the record: the record is whole.
         Story{"LooksLikeAHead",
               Send("01 " + "01 \x41"s + kOneWhole.substr(7) + kOneWhole),
               {1, 1},
               {5}},
-        // The same at the end of a stream: nothing comes that could have cut it.
+        // The same at the end of a stream: no other record can have cut it.
         Story{"LooksLikeAHeadThenSilence",
               Send("01 " + F32(5) + F32(-20) + F32(3) + F32(90) + F32(-45) +
                    "\x80"
@@ -249,7 +248,7 @@ TEST_F(BootedFastrak, A14BitRecordOutOfStepSpoilsTheFrame) {
   EXPECT_EQ(log_.Newest().text, "Read Record failed in serial port read 2/12.");
 }
 
-TEST_F(BootedFastrak, AnAnswerThatCameTooLateIsNotTakenForTheNext) {
+TEST_F(BootedFastrak, ALateAnswerIsNotReadAsTheNextOne) {
   device_->Poll();
   EXPECT_EQ(device_->ReadFrame(nullptr), 0U);
   line_.Send(Record(1, 1));
@@ -259,7 +258,7 @@ TEST_F(BootedFastrak, AnAnswerThatCameTooLateIsNotTakenForTheNext) {
   EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 2);
 }
 
-TEST_F(BootedFastrak, OffsetsAreAddedToWhatIsRead) {
+TEST_F(BootedFastrak, OffsetsAreAddedToThePose) {
   const float offset[6] = {10, 0, 0, 0, 0, 0.5F};
   ASSERT_TRUE(device_->SetSensorOffset(-1, offset));
   ScriptedPeer unit(line_, Expect("P") + Send(kOneWhole));

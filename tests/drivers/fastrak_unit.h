@@ -14,7 +14,7 @@ namespace kinetrel::test {
 
 inline constexpr int kBaud = 115200;
 
-// ---- What the unit says --------------------------------------------------------------------
+// ---- The unit's records ---------------------------------------------------------------------
 
 struct Field {
   std::size_t offset;
@@ -39,7 +39,7 @@ inline const std::string kTextRecord = "01   1.00  2.00  3.00\r\n";
 
 inline const Script kWakes = Expect("c\rP") + Send(kTextRecord);
 
-// The dialogue of a FasTRAK on four stations, up to its last word.
+// The whole boot dialogue of a FasTRAK with four stations.
 inline Script FastrakBoots(const std::string& stations) {
   return kWakes + Expect("S") + Send(kFastrakStatus) +
          Expect(
@@ -68,7 +68,7 @@ class FastrakTest : public testing::Test {
     return result;
   }
 
-  // What the unit hears from `action`.
+  // The bytes that the unit receives from `action`.
   template <typename Action>
   std::string Heard(Action action) {
     const std::size_t before = line_.Received().size();

@@ -31,7 +31,7 @@ struct Decoding {
 
 class FastrakDecoding : public testing::TestWithParam<Decoding> {};
 
-// Not a count: the record is out of step.
+// In place of a count: the record is out of step.
 constexpr int kOutOfStep = -1;
 
 struct Decoded {
@@ -49,7 +49,7 @@ Decoded Decode(const FastrakLayout& layout, int units, const std::string& body,
   FastrakChannels channels;
   SetFastrakScales(true, units, layout.format, channels);
   Decoded decoded;
-  if (!FastrakInStep(layout, AsBytes(body))) return decoded;
+  if (!IsFastrakInStep(layout, AsBytes(body))) return decoded;
   decoded.result = DecodeFastrakBody(layout, AsBytes(body), units, channels, offset, decoded.pose,
                                      decoded.quaternion);
   return decoded;
@@ -124,7 +124,7 @@ INSTANTIATE_TEST_SUITE_P(
                  kOne + kOne + kInfinity,
                  3 | kAboveFlag,
                  {1, 1, 360}},
-        Decoding{"NotANumberIsNoValue",
+        Decoding{"NotANumberEndsTheRecord",
                  {Bits32, kPosition | kEuler},
                  1,
                  kOne + kNotANumber + kOne + kOne + kNotANumber + kOne,
@@ -172,7 +172,7 @@ INSTANTIATE_TEST_SUITE_P(
         Decoding{"Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 2, {}}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(FastrakScales, OfTheIsotrakClass) {
+TEST(FastrakScales, OfAnIsotrak) {
   FastrakChannels channels;
   SetFastrakScales(false, 1, Bits16, channels);
   EXPECT_DOUBLE_EQ(channels[0].scale, 65.48 * 2.54 / 32768);
@@ -202,7 +202,7 @@ struct Identification {
 
 class FastrakIdentification : public testing::TestWithParam<Identification> {};
 
-TEST_P(FastrakIdentification, FollowsTheStatusRecord) {
+TEST_P(FastrakIdentification, ComesFromTheStatusRecord) {
   const Identification& row = GetParam();
   const FastrakStatusRecord status = ParseFastrakStatus(row.reply);
   EXPECT_EQ(status.found, row.found);
@@ -226,7 +226,7 @@ INSTANTIATE_TEST_SUITE_P(
         Identification{"Is600NumberLater", Status({{17, "3.02"}, {21, "IS    600"}}), true,
                        kWhole | 0x219, 0},
         Identification{"Isotrak", Status({}), true, kWhole | 0x200, 0},
-        Identification{"NoneOfTheFamily", Status({{14, "2"}}), false, kWhole | 0x200, 0},
+        Identification{"OfAnotherFamily", Status({{14, "2"}}), false, kWhole | 0x200, 0},
         Identification{"BitError", Status({{5, "7"}, {6, " 87"}, {15, "3.02"}}), true,
                        kWhole | 0xE0000 | 0x201, 87},
         Identification{"BehindOtherBytes", "01 x\r\n" + Status({{15, "3.02"}}), true, 0x100201, 0},
@@ -271,7 +271,7 @@ TEST(FastrakFirstReply, IsJudgedByItsFirstKnownRecord) {
   }
 }
 
-TEST(FastrakStations, AreOnWhereTheListSaysSo) {
+TEST(FastrakStations, AreActiveAsTheListSays) {
   unsigned active = 9;
   EXPECT_FALSE(ParseActiveStations("21l101", 4, active));
   EXPECT_FALSE(ParseActiveStations("31l1010\r\n", 4, active));

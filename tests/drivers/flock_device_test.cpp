@@ -1,5 +1,5 @@
-// The Flock of Birds driver against a peer that plays the bird; its bytes are written out from the
-// protocol.
+// The Flock of Birds driver against a scripted bird. Every byte of the protocol is written out
+// here.
 #include "drivers/flock_device.h"
 
 #include <gtest/gtest.h>
@@ -89,7 +89,7 @@ TEST(FlockRecord, Decodes) {
 
 // ---- Boot ----------------------------------------------------------------------------------
 
-TEST_F(FlockOnALine, BootsAndPrintsWhatTheFlockSays) {
+TEST_F(FlockOnALine, BootsAndPrintsTheParameters) {
   ASSERT_EQ(Boot(BootDialogue()), kBooted);
   const std::string noBits = "\t0\t0\t0\t0\t0\t0\t0\t0\n";
   const std::string bit7 = "\t0\t0\t0\t0\t0\t0\t0\t1\n";
@@ -138,7 +138,7 @@ const Script kAsksAgain = Answer("O\x00"s, "\x00\x90"s) + kRest;
 INSTANTIATE_TEST_SUITE_P(
     Line, FlockBoot,
     testing::Values(
-        BootStory{"TheFirstQuestionsGoUnheard",
+        BootStory{"TheFirstQuestionsGetNoAnswer",
                   Expect("O\x00"s) + Expect("O\x00"s) + Send("\x07") + kAsksAgain, kBooted},
         BootStory{"TheBirdStillStreams",
                   Answer("O\x00"s, Record(1) + Record(2)) + Answer("B", Record(3)) + kAsksAgain,
@@ -149,15 +149,15 @@ INSTANTIATE_TEST_SUITE_P(
         BootStory{"AnErrorThatCannotBeRead", Answer("O\x00"s, "\x00\x20"s) + Expect("O\x0A"),
                   kPortNotOpen},
         BootStory{"NoStatus", Answer("O\x00"s, "\x00\x00"s), kPortNotOpen},
-        BootStory{"NobodyAnswers", {}, kPortNotOpen},
+        BootStory{"NoAnswer", {}, kPortNotOpen},
         BootStory{"ThePlugIsPulledAtOnce", Expect("O\x00"s) + HangUp(), kPortNotOpen},
         BootStory{"ThePlugIsPulledLater",
                   Answer("O\x00"s, "\x00\x90"s) + Configuration() + Expect("O\x00"s) + HangUp(),
                   kPortNotOpen}),
     [](const auto& row) { return std::string(row.param.name); });
 
-// Numbers need all their bytes; a row of bits shows those that came.
-TEST_F(FlockOnALine, AnswersThatAreCutCountAsNoneOrInPart) {
+// A number needs all its bytes. A row of bits shows the bytes that came.
+TEST_F(FlockOnALine, AnswersThatAreCutCountInPart) {
   ASSERT_EQ(Boot(Answer("O\x00"s, "\x00\x90"s) + Answer("O2", "\x01") + Expect("P2\x03") +
                  Answer("O2", "\x03\x05") + Answer("O\x00"s, "\x11") + Expect("O\x01") +
                  Answer("O$", "\xE0\xE1") + Expect("O2") + Expect("O#") + Answer("O\x0F", "6D") +
@@ -171,7 +171,7 @@ TEST_F(FlockOnALine, AnswersThatAreCutCountAsNoneOrInPart) {
   EXPECT_EQ(p.measurementRate, 0U);
 }
 
-TEST_F(FlockOnALine, ASecondBootIsAsTheFirst) {
+TEST_F(FlockOnALine, ASecondBootStartsOver) {
   ASSERT_EQ(Boot(BootDialogue()), kBooted);
   flock_.StartContinuous();
   line_.Send(Record(1) + Record(2).substr(0, 5));
@@ -249,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(
         FrameStory{"PlugPulled", Send(kOne) + Wait(milliseconds(50)) + HangUp(), {1}}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(FlockOnALine, AFrameScalesAndTurnsEveryWord) {
+TEST_F(FlockOnALine, AFrameScalesEveryWordIntoOurFrame) {
   ASSERT_EQ(Boot(BootDialogue()), kBooted);
   const float offset[6] = {1, 2, 3, 9, 9, 9};
   flock_.SetSensorOffset(-1, offset);
@@ -299,7 +299,7 @@ TEST_F(FlockOnALine, AnAnswerThatComesTooLateIsDropped) {
 
 // ---- Settings ------------------------------------------------------------------------------
 
-TEST_F(FlockOnALine, IsWhatItSays) {
+TEST_F(FlockOnALine, DescribesItself) {
   EXPECT_EQ(flock_.GetBaudRate(), 115200U);
   EXPECT_STREQ(flock_.GetDeviceName(), "Ascension Flock");
   EXPECT_EQ(flock_.GetDeviceType(nullptr, 0), 6);
@@ -315,7 +315,7 @@ struct HemisphereCase {
   std::string sent;
 };
 
-TEST_F(FlockOnALine, TellsOneBirdItsHemisphere) {
+TEST_F(FlockOnALine, SetsTheHemisphereOfOneBird) {
   ASSERT_EQ(Boot(BootDialogue()), kBooted);
   const HemisphereCase cases[] = {
       {0, {1, 0, 0}, "\xF0L\x00\x00"s},
@@ -339,7 +339,7 @@ TEST_F(FlockOnALine, TellsOneBirdItsHemisphere) {
   EXPECT_EQ(line_.Received(), all);
 }
 
-TEST_F(FlockOnALine, TellsAllBirdsOnTheBusAlsoWhileTheyStream) {
+TEST_F(FlockOnALine, SetsTheHemisphereOfAllBirdsAlsoWhileTheyStream) {
   ASSERT_EQ(Boot(BootDialogue()), kBooted);
   const float down[3] = {0, 0, -1};
   const Script dialogue =

@@ -1,5 +1,5 @@
-// The Logitech head-tracker driver against a peer that plays the unit; its bytes are written out
-// from the protocol.
+// The Logitech head-tracker driver against a scripted unit. Every byte of the protocol is written
+// out here.
 #include "drivers/logitech_device.h"
 
 #include <gtest/gtest.h>
@@ -131,7 +131,7 @@ INSTANTIATE_TEST_SUITE_P(
                               kBooted},
                     BootStory{"AFailedTest", Expect(kSelfTest) + Send("\xBD\x3F"), 0},
                     BootStory{"HalfAnAnswer", Expect(kSelfTest) + Send("\xBF"), 0},
-                    BootStory{"NobodyAnswers", {}, 0},
+                    BootStory{"NoAnswer", {}, 0},
                     BootStory{"ThePlugIsPulled", Expect(kSelfTest) + HangUp(), 0},
                     BootStory{"StillStreaming",
                               Send(Record(1)) + Expect(kSelfTest) + Send(kPassed + Record(2)) +
@@ -143,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
                         kBooted}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(LogitechOnALine, IsWhatItSays) {
+TEST_F(LogitechOnALine, DescribesItself) {
   ASSERT_EQ(Boot(kBoot), kBooted);
   EXPECT_EQ(device_.GetBaudRate(), 19200U);
   EXPECT_STREQ(device_.GetDeviceName(), "Logitech");
@@ -208,8 +208,7 @@ INSTANTIATE_TEST_SUITE_P(
         StatusStory{"NoAnswer", "", 128, 0, "untouched"}),
     [](const auto& row) { return std::string(row.param.name); });
 
-// A record that was asked for is on its way: it must not be taken for the answer, and the next
-// frame wants another one.
+// A record is on its way: it must not be read as the answer, and the next frame polls again.
 TEST_F(LogitechOnALine, StatusBetweenARequestAndItsRecord) {
   ASSERT_EQ(Boot(kBoot), kBooted);
   ScriptedPeer peer(line_, Expect("*d") + Send(Record(1)) + Expect("*m") +
@@ -375,7 +374,7 @@ TEST_F(LogitechOnALine, OffsetComponents) {
   EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 7, 1.0));
   EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 10, 1.0));
   EXPECT_FALSE(device_.SetSensorOffsetComponent(1, 0, 9.0));
-  device_.SetProtocol(5);  // no mounting: as it is read
+  device_.SetProtocol(5);  // unknown mounting: the pose stays as it is read
   const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
   for (std::size_t i = 0; i < 6; ++i) {
     EXPECT_FLOAT_EQ(pose[i], 0.5F + static_cast<float>(i) / 10) << i;

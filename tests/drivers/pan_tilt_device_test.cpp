@@ -1,5 +1,4 @@
-// The pan-tilt head driver against a peer that plays the head; its bytes are written out from the
-// protocol.
+// The pan-tilt head driver against a scripted head. Every byte of the protocol is written out here.
 #include "drivers/pan_tilt_device.h"
 
 #include <gtest/gtest.h>
@@ -44,7 +43,7 @@ class HeadOnALine : public DeviceOnALine<PanTiltDevice> {
 
 // ---- Decoding ------------------------------------------------------------------------------
 
-TEST(PanTiltAnswer, WordsFillTheirPlacesAndTheLastPlaceTakesTheRest) {
+TEST(PanTiltAnswer, FurtherWordsOverwriteTheLastPlace) {
   struct Row {
     std::string bytes;
     std::size_t count;
@@ -98,7 +97,7 @@ struct StatusRow {
   const char* text;
 };
 
-TEST_F(HeadOnALine, TheAnswersLengthIsTheStatus) {
+TEST_F(HeadOnALine, TheStatusIsTheLengthOfTheAnswer) {
   const StatusRow rows[] = {
       {'d', 12, 1, "Encoders only enabled.  12 bytes returned."},
       {'d', 14, 0, "Encoders only enabled.  14 bytes returned."},
@@ -143,7 +142,7 @@ struct FrameStory {
 
 class HeadFrame : public HeadOnALine, public testing::WithParamInterface<FrameStory> {};
 
-// Whatever came before, the next answer is read as it is.
+// A damaged answer does not spoil the next one.
 TEST_P(HeadFrame, IsRead) {
   BootAndRead();
   {
@@ -173,15 +172,15 @@ INSTANTIATE_TEST_SUITE_P(Line, HeadFrame,
                                          FrameStory{"Silence", {}, 0}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(HeadOnALine, TheFirstFrameIsOfTheAnswerLeftByTheBoot) {
+TEST_F(HeadOnALine, TheFirstFrameReadsTheAnswerToTheBoot) {
   ASSERT_EQ(Boot(Answer("d", kOne) + Expect("Z")), kBooted);
   ScriptedPeer peer(line_, Answer("d", kTwo));
   EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
   EXPECT_EQ(Azimuth(), -1000);
-  EXPECT_EQ(device_.InputQueueLength(), 0U);  // that to the frame's own poll does not lag behind
+  EXPECT_EQ(device_.InputQueueLength(), 0U);  // the answer to the frame's own poll was taken too
 }
 
-TEST_F(HeadOnALine, AFrameTellsItsTimeAndTurnsNothingElse) {
+TEST_F(HeadOnALine, AFrameSetsTheTimeAndTwoAngles) {
   BootAndRead();
   ScriptedPeer peer(line_, Answer("d", kOne));
   device_.Poll();
@@ -199,7 +198,7 @@ TEST_F(HeadOnALine, AFrameTellsItsTimeAndTurnsNothingElse) {
   EXPECT_EQ(peer.Verdict(), "");
 }
 
-// The answer that was too late comes together with the next one.
+// The late answer comes together with the next one.
 TEST_F(HeadOnALine, ALateAnswerDelaysNoLaterOne) {
   BootAndRead();
   device_.Poll();
@@ -214,7 +213,7 @@ TEST_F(HeadOnALine, ALateAnswerDelaysNoLaterOne) {
   EXPECT_EQ(Azimuth(), 0);
 }
 
-TEST_F(HeadOnALine, NothingIsReadFromAHeadThatIsNotThere) {
+TEST_F(HeadOnALine, NothingIsReadBeforeBootAndAfterAHangUp) {
   EXPECT_EQ(device_.ReadFrame(nullptr), 0U);  // not booted
   BootAndRead();
   line_.HangUp();
@@ -226,7 +225,7 @@ TEST_F(HeadOnALine, NothingIsReadFromAHeadThatIsNotThere) {
 
 // ---- Settings ------------------------------------------------------------------------------
 
-TEST_F(HeadOnALine, IsWhatItSays) {
+TEST_F(HeadOnALine, DescribesItself) {
   EXPECT_STREQ(device_.GetDeviceName(), "Fakespace PanTiltHead");
   EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 20);
   EXPECT_EQ(device_.GetStatusCode(), 0);

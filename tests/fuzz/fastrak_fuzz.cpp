@@ -22,7 +22,7 @@ void DecodeRecord(std::uint8_t choice, std::span<const std::byte> body) {
   const int units = choice & 3;
   FastrakChannels channels;
   SetFastrakScales(units != 0, units, layout.format, channels);
-  (void)FastrakInStep(layout, body);
+  (void)IsFastrakInStep(layout, body);
   Pose pose{};
   Quaternion quaternion{};
   const Pose offset = {1, 2, 3, 0.5F, -0.5F, -3.1415927F};
