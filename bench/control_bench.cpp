@@ -13,7 +13,7 @@
 #include "bench/machine.h"
 #include "devices/device_factory.h"
 #include "engine/tracker_engine.h"
-#include "platform/priority_mutex.h"
+#include "platform/mutex.h"
 #include "publish/shared_track_reader.h"
 
 namespace kinetrel::bench {

@@ -19,7 +19,7 @@
 #include "devices/pose.h"
 #include "devices/serial_port.h"
 #include "devices/status_log.h"
-#include "platform/priority_mutex.h"
+#include "platform/mutex.h"
 
 namespace kinetrel {
 

@@ -22,7 +22,9 @@ bool ControlCall::Given(const void* pointer, const char* whatIsNull) {
   return false;
 }
 
-bool ControlCall::UseDevice() {
+// Not checked: the device stays locked until the destructor, and which device it is shows at run
+// time.
+bool ControlCall::UseDevice() NO_THREAD_SAFETY_ANALYSIS {
   if (used_ != nullptr) return true;
   if (!state_.device->inUse().LockWithin(kDevicePatience)) {
     return Refuse("the device does not answer");

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <utility>
 
-#include "platform/priority_mutex.h"
+#include "platform/mutex.h"
 
 namespace kinetrel {
 

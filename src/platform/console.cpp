@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <mutex>
 
 #include "platform/clock.h"
 #include "platform/key_decoder.h"
 #include "platform/key_source.h"
+#include "platform/mutex.h"
 
 namespace kinetrel {
 namespace {
@@ -17,25 +17,25 @@ constexpr Milliseconds kEscapeLook{30};
 // What was typed and not yet taken: one per process, as standard input is. Written by whoever
 // takes or puts back keys and by the session, all under the lock.
 struct KeyInput {
-  std::mutex lock;
-  bool open = false;
-  std::array<std::uint8_t, kLongestKeySequence> bytes{};  // read, but no key yet
-  std::size_t count = 0;
-  std::array<Key, 16> putBack{};  // the last one comes first
-  std::size_t putBackCount = 0;
-  std::uint64_t taken = 0;  // keys, less those put back
+  Mutex lock;
+  bool open GUARDED_BY(lock) = false;
+  std::array<std::uint8_t, kLongestKeySequence> bytes GUARDED_BY(lock){};  // read, but no key yet
+  std::size_t count GUARDED_BY(lock) = 0;
+  std::array<Key, 16> putBack GUARDED_BY(lock){};  // the last one comes first
+  std::size_t putBackCount GUARDED_BY(lock) = 0;
+  std::uint64_t taken GUARDED_BY(lock) = 0;  // keys, less those put back
 };
 KeyInput input;
 
 // Adds the next byte to those that are no key yet; one at a time, so that what is typed ahead of
 // the program's end is left to the shell.
-bool AddByte(const Deadline& deadline) {
+bool AddByte(const Deadline& deadline) REQUIRES(input.lock) {
   const std::optional<std::uint8_t> byte = KeySource::TakeByte(deadline);
   if (byte) input.bytes[input.count++] = *byte;
   return byte.has_value();
 }
 
-void DropBytes(std::size_t count) {
+void DropBytes(std::size_t count) REQUIRES(input.lock) {
   std::copy(input.bytes.begin() + static_cast<std::ptrdiff_t>(count), input.bytes.end(),
             input.bytes.begin());
   input.count -= count;
@@ -43,7 +43,7 @@ void DropBytes(std::size_t count) {
 
 // One character or one sequence at the most: a pipe that pours sequences which are no keys must not
 // hold the one who asks for a key.
-std::optional<Key> NextKeyOfBytes() {
+std::optional<Key> NextKeyOfBytes() REQUIRES(input.lock) {
   Deadline deadline(input.count > 0 ? kEscapeLook : Milliseconds{0});
   bool silent = false;
   for (;;) {
@@ -58,14 +58,14 @@ std::optional<Key> NextKeyOfBytes() {
   }
 }
 
-std::optional<Key> NextKey() {
+std::optional<Key> NextKey() REQUIRES(input.lock) {
   if (input.putBackCount > 0) return input.putBack[--input.putBackCount];
   if (!input.open) return {};
   return KeySource::GivesKeys() ? KeySource::TakeKey() : NextKeyOfBytes();
 }
 
 // Whether anything waits to be taken, a key or the beginning of one.
-bool KeyWaits() {
+bool KeyWaits() REQUIRES(input.lock) {
   if (input.putBackCount > 0 || input.count > 0) return true;
   return input.open && KeySource::Waits();
 }
@@ -73,7 +73,7 @@ bool KeyWaits() {
 }  // namespace
 
 KeySession::KeySession() {
-  const std::lock_guard guard(input.lock);
+  const Lock guard(input.lock);
   owner_ = !input.open;
   if (!owner_) return;
   input.open = true;
@@ -82,7 +82,7 @@ KeySession::KeySession() {
 
 KeySession::~KeySession() {
   if (!owner_) return;
-  const std::lock_guard guard(input.lock);
+  const Lock guard(input.lock);
   KeySource::Close();
   input.open = false;
   input.count = 0;
@@ -90,7 +90,7 @@ KeySession::~KeySession() {
 }
 
 std::optional<Key> TakeKey() {
-  const std::lock_guard guard(input.lock);
+  const Lock guard(input.lock);
   const std::optional<Key> key = NextKey();
   if (key.has_value()) ++input.taken;
   return key;
@@ -99,17 +99,17 @@ std::optional<Key> TakeKey() {
 std::optional<Key> TakeLeftKey(Milliseconds patience) {
   std::uint64_t before = 0;
   {
-    const std::lock_guard guard(input.lock);
+    const Lock guard(input.lock);
     if (!KeyWaits()) return {};
     before = input.taken;
   }
   SleepFor(patience);
-  const std::lock_guard guard(input.lock);
+  const Lock guard(input.lock);
   return input.taken == before ? NextKey() : std::nullopt;
 }
 
 void PushBackKey(Key key) {
-  const std::lock_guard guard(input.lock);
+  const Lock guard(input.lock);
   if (input.putBackCount == input.putBack.size()) return;
   input.putBack[input.putBackCount++] = key;
   --input.taken;

@@ -12,9 +12,9 @@
 #include <ctime>
 #include <utility>
 
+#include "platform/posix/mutex.h"
 #include "platform/posix/os_status.h"
 #include "platform/posix/shared_object.h"
-#include "platform/posix/timed_lock.h"
 
 namespace kinetrel {
 namespace {

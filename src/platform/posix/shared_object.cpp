@@ -7,10 +7,10 @@
 
 #include <cerrno>
 #include <map>
-#include <mutex>
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/mutex.h"
 #include "platform/posix/os_status.h"
 
 namespace kinetrel {
@@ -192,7 +192,7 @@ class OpenObjects {
   }
 
   Result<Opened> Open(const std::string& path, const ObjectKind& kind) {
-    const std::lock_guard held(lock_);
+    const Lock held(lock_);
     if (Opened object = byPath_[path].lock()) {
       if (object->size() == kind.size) return object;
       return Status{Error::Invalid, 0, "an object of another size has the name"};
@@ -207,15 +207,15 @@ class OpenObjects {
   }
 
   void Close(std::optional<SharedFile>& file) {
-    const std::lock_guard held(lock_);
+    const Lock held(lock_);
     const auto entry = byPath_.find(file->path());
     if (entry != byPath_.end() && entry->second.expired()) byPath_.erase(entry);
     file.reset();
   }
 
  private:
-  std::mutex lock_;
-  std::map<std::string, std::weak_ptr<SharedObject>> byPath_;
+  Mutex lock_;
+  std::map<std::string, std::weak_ptr<SharedObject>> byPath_ GUARDED_BY(lock_);
 };
 
 }  // namespace

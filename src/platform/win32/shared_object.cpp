@@ -3,9 +3,9 @@
 #include <windows.h>
 
 #include <map>
-#include <mutex>
 #include <utility>
 
+#include "platform/mutex.h"
 #include "platform/win32/os_status.h"
 
 namespace kinetrel {
@@ -94,7 +94,7 @@ class OpenObjects {
   }
 
   Result<Opened> Open(const std::string& name, ObjectKind kind, std::size_t size, Access access) {
-    const std::lock_guard held(lock_);
+    const Lock held(lock_);
     if (Opened object = byName_[name].lock()) {
       if (object->kind() == kind && object->size() == size) return object;
       return Status{Error::Invalid, 0, "an object of another size has the name"};
@@ -109,14 +109,14 @@ class OpenObjects {
   }
 
   void Forget(const std::string& name) {
-    const std::lock_guard held(lock_);
+    const Lock held(lock_);
     const auto entry = byName_.find(name);
     if (entry != byName_.end() && entry->second.expired()) byName_.erase(entry);
   }
 
  private:
-  std::mutex lock_;
-  std::map<std::string, std::weak_ptr<SharedObject>> byName_;
+  Mutex lock_;
+  std::map<std::string, std::weak_ptr<SharedObject>> byName_ GUARDED_BY(lock_);
 };
 
 }  // namespace

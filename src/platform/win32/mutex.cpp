@@ -1,4 +1,4 @@
-#include "platform/priority_mutex.h"
+#include "platform/mutex.h"
 
 #include <windows.h>
 
@@ -8,9 +8,9 @@
 
 namespace kinetrel {
 
-// The system has no mutex that lends its holder a waiter's priority; it lifts whoever is ready to
-// run and does not come to it for a few seconds, and that has to do. Held by nobody else, the mutex
-// is taken and released without a system call.
+// The system has no mutex that lends a waiter's priority to its holder. It raises a thread that was
+// ready for a few seconds and did not run; that has to suffice. A free mutex is taken and released
+// without a system call.
 struct PriorityMutex::Os {
   enum class State { Free, Held, Awaited };
 
@@ -31,7 +31,7 @@ bool PriorityMutex::try_lock() {
 bool PriorityMutex::LockWithin(Milliseconds timeout) {
   if (try_lock()) return true;
   const Deadline deadline(timeout);
-  // From here on an unlock must wake somebody; taken so, it may wake one for nothing.
+  // From here on an unlock must wake a waiter. If we take the mutex now, ours may wake one in vain.
   while (os_->state.exchange(Os::State::Awaited) != Os::State::Free) {
     const Milliseconds left = deadline.Remaining();
     if (left.count() == 0) return false;

@@ -1,4 +1,4 @@
-// Waiting for a pthread mutex until a moment.
+// Waits for a pthread mutex with a time-out.
 #pragma once
 
 #include <pthread.h>
@@ -12,8 +12,8 @@ namespace kinetrel {
 // The moment `time` from now on `clock`.
 timespec After(clockid_t clock, Milliseconds time);
 
-// What pthread_mutex_lock answers, or EBUSY or ETIMEDOUT when the time was up. kForever waits
-// without end.
+// Returns what pthread_mutex_lock returns, or EBUSY or ETIMEDOUT when the time has passed. With
+// kForever it waits without end.
 int LockWithin(pthread_mutex_t* mutex, Milliseconds timeout);
 
 }  // namespace kinetrel
