@@ -22,11 +22,11 @@ constexpr int kHighestDeviceType = 13;
 constexpr int kHighestComPort = 16;
 constexpr std::array<const char*, 3> kSyncNames = {"Internal", "External", "CRT"};
 
-// What came of one option.
+// The result of one option.
 enum class Outcome {
   Applied,
-  Noted,    // reported and ignored
-  Rejected  // ends the walk
+  Ignored,  // reported, without effect
+  Rejected  // ends the parsing
 };
 
 struct Options {
@@ -44,8 +44,8 @@ struct Options {
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool BeginsOption(const char* argument) { return argument[0] == '-' || argument[0] == '/'; }
 
-// A whole decimal number from the start of `value`; what is too large becomes the largest. False
-// unless it begins with a digit.
+// Reads a whole decimal number from the start of `value`, at most the largest int. False unless
+// `value` begins with a digit.
 bool ReadNumber(const std::string& value, int& number) {
   if (value.empty() || !IsDigit(value[0])) return false;
   const long read = std::strtol(value.c_str(), nullptr, 10);
@@ -53,8 +53,8 @@ bool ReadNumber(const std::string& value, int& number) {
   return true;
 }
 
-// Reads up to six finite numbers of the form a,b,c;d,e,f and returns how many. None unless a
-// digit stands first or second.
+// Reads up to six finite numbers of the form a,b,c;d,e,f and returns how many. Returns 0 unless the
+// first or the second character is a digit.
 int ReadVectors(const std::string& value, std::array<float, 6>& numbers) {
   const bool begins =
       !value.empty() && (IsDigit(value[0]) || (value.size() > 1 && IsDigit(value[1])));
@@ -67,7 +67,7 @@ int ReadVectors(const std::string& value, std::array<float, 6>& numbers) {
   return std::min(count, static_cast<int>(finite - n.begin()));
 }
 
-// ---- One function an option ------------------------------------------------------------------
+// ---- One function per option -----------------------------------------------------------------
 
 Outcome SetAlignment(Options& options, const std::string& value) {
   std::array<float, 6> n{};
@@ -98,7 +98,7 @@ Outcome SetDeviceType(Options& options, const std::string& value) {
   if (!ReadNumber(value, type)) return Outcome::Rejected;
   if (type > kHighestDeviceType) {
     Echo("\n\tDevice type (%d) is invalid.", type);
-    return Outcome::Noted;
+    return Outcome::Ignored;
   }
   options.config.deviceType = type;
   Echo("\n\tDevice type set to %d.", type);
@@ -140,7 +140,7 @@ Outcome SetSync(Options& options, const std::string& value) {
   if (!ReadNumber(value, sync)) return Outcome::Rejected;
   if (sync >= static_cast<int>(kSyncNames.size())) {
     Echo("\n\tGiven sync type (%d) is not recognized.", sync);
-    return Outcome::Noted;
+    return Outcome::Ignored;
   }
   options.config.sync = sync;
   Echo("\n\tSynchronization set to %s.", kSyncNames[static_cast<std::size_t>(sync)]);
@@ -181,7 +181,7 @@ Outcome SetPort(Options& options, const std::string& value) {
   return Outcome::Applied;
 }
 
-// '+' and nothing at all mean yes.
+// Every value that does not begin with '-' means on, an empty one too.
 int ReadSwitch(const std::string& value) { return !value.empty() && value[0] == '-' ? 0 : 1; }
 
 Outcome SetQuery(Options& options, const std::string& value) {
@@ -215,7 +215,7 @@ Outcome SetUnits(Options& options, const std::string& value) {
   int units = 0;
   if (!ReadNumber(value, units)) return Outcome::Rejected;
   units &= 3;
-  if (units == 2) units = 3;  // 2 is the operator's word for metres
+  if (units == 2) units = 3;  // the option counts metres as 2
   options.config.units = units;
   Echo("\n\tUnits type set to %s.", units == 1 ? "CM" : units == 3 ? "METER" : "INCH");
   return Outcome::Applied;
@@ -226,7 +226,7 @@ Outcome SetSlot(Options& options, const std::string& value) {
   if (!ReadNumber(value, slot)) return Outcome::Rejected;
   if (slot < 1 || slot > kSharedDevices) {
     Echo("\n\tSpecified shared memory slot(%d) is out of range(1:%d).", slot, kSharedDevices);
-    return Outcome::Noted;
+    return Outcome::Ignored;
   }
   options.config.shmDevice = slot - 1;
   Echo("\n\tTracking data to be written to shared memory slot %d.", slot);
@@ -262,9 +262,9 @@ constexpr Option kOptions[] = {
     {'z', SetStreaming},
 };
 
-// ---- The walk --------------------------------------------------------------------------------
+// ---- Parsing ---------------------------------------------------------------------------------
 
-// Applies the option at `arguments[at]` and moves `at` past what it used.
+// Applies the option at `arguments[at]` and moves `at` past it and its value.
 Outcome ApplyOption(Options& options, int count, const char* const* arguments, int& at) {
   const std::string argument = arguments[at++];
   if (!BeginsOption(argument.c_str()) || argument.size() < 2) return Outcome::Rejected;
@@ -273,7 +273,7 @@ Outcome ApplyOption(Options& options, int count, const char* const* arguments, i
                                           [letter](const Option& o) { return o.letter == letter; });
   if (option == std::end(kOptions)) return Outcome::Rejected;
   std::string value = argument.substr(2);
-  // A value of its own argument is used up even by an option that makes nothing of it.
+  // The next argument is the value, even if the option then ignores it.
   if (value.empty() && at < count && !BeginsOption(arguments[at])) value = arguments[at++];
   return option->apply(options, value);
 }
@@ -295,6 +295,7 @@ void PrintUsage(const char* program, const StartConfig& config) {
   Echo("\n\t             \t 8=OTJ, 9=TRX, 10=PDI, 11=RLY, 12=GSP)");
   Echo("\n\t-h {X,Y,Z}   \tHemisphere zenith: <1,0,0>");
   Echo("\n\t-j {JOYPORT} \tJoystick sampling: <0>");
+  // "Sychronization" is kept for compatibility.
   Echo("\n\t-k (SYNCTYP) \tSychronization 0=int, 1=ext, 2=crt: <%s>", sync);
   Echo("\n\t-o {X,Y,Z}   \tTransmitter offset: <0,0,0>");
   Echo("\n\t-p {PORTNUM} \tPort: COM number or ISA hex address <COM1>");

@@ -14,7 +14,14 @@ namespace {
 constexpr double kServiceVersion = 1.3;
 constexpr double kSharedMemoryVersion = 1.42F;  // of the published block
 
-// Set by a signal, read by the console loop: one per process, as signals are.
+constexpr Milliseconds kStep{500};
+// A tracker that is steered by keys reads them every frame. The loop takes a key only if the
+// tracker has left it for this long.
+constexpr Milliseconds kFewFrames{60};
+constexpr int kCtrlA = 1;
+constexpr int kEscape = 27;
+
+// A signal sets it, the console loop reads it. One per process, because signals are.
 std::atomic<int> stopRequest = 0;
 
 void PrintBanner() {
@@ -37,19 +44,56 @@ ExitCode Run(TrackerEngine& engine, int count, const char* const* arguments,
   return code;
 }
 
+// ---- The console loop --------------------------------------------------------------------------
+
+void Acknowledge(const char* text) {
+  std::fputs(text, stdout);
+  std::fflush(stdout);
+}
+
+void ActOnKey(TrackerEngine& engine, Key key) {
+  if (key.extended) return;
+  switch (key.code) {
+    case kCtrlA:
+      engine.ZeroAzimuth();
+      Acknowledge("\rRunning ... (Azimuth Zeroed) ");
+      break;
+    case 'A':
+    case 'a':
+      engine.RestoreAzimuth();
+      Acknowledge("\r                                \rRunning ... ");
+      break;
+    case kEscape:
+      engine.StopSampling(true);
+      break;
+    default:
+      break;
+  }
+}
+
 }  // namespace
 
 ExitCode RunConsoleProgram(int count, const char* const* arguments, const Session& session) {
-  // Some systems keep back what leads to a pipe or a file.
+  // Some systems buffer standard error when it leads to a pipe or a file.
   std::setvbuf(stderr, nullptr, _IONBF, 0);
   CatchStopSignals(stopRequest);
-  // Before the device is opened: a key pressed while it boots waits for the loop.
+  // Before the device is opened, so that a key pressed during its boot waits for the loop.
   const KeySession keys;
   PrintBanner();
   TrackerEngine engine(AllDrivers());
   const ExitCode code = Run(engine, count, arguments, session);
-  std::fputs("\n", stderr);  // the prompt that follows starts on a line of its own
+  std::fputs("\n", stderr);  // the shell's prompt starts on a new line
   return code;
+}
+
+void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stopRequest) {
+  while (engine.HasSamplingThread() && !engine.WaitSampling(kStep)) {
+    if (stopRequest != 0) {
+      engine.StopSampling(true);
+    } else if (const std::optional<Key> key = TakeLeftKey(kFewFrames)) {
+      ActOnKey(engine, *key);
+    }
+  }
 }
 
 }  // namespace kinetrel

@@ -1,4 +1,5 @@
-// What the programs with an engine have in common: the banner, the options, opening, and the end.
+// What the console program and the service have in common: the banner, the options, opening the
+// device, the console loop, and the end.
 #pragma once
 
 #include <atomic>
@@ -13,18 +14,22 @@ enum class ExitCode : int {
   Done = 0,
   BadArguments = -1,
   OpenFailed = -2,
-  ServingFailed = -3,  // of the service only: the address is not to be had
+  ServingFailed = -3,  // the service only: it cannot listen on the address
 };
 
-// What a program does while the engine samples: returns when sampling is over or `stopRequest` has
-// become nonzero and sampling was stopped.
+// What a program does while the engine samples. Returns when sampling is over; stops sampling when
+// `stopRequest` becomes nonzero.
 using Session = std::function<ExitCode(TrackerEngine& engine, const std::atomic<int>& stopRequest)>;
 
-// From the arguments (the program's name first) to the exit code: prints the banner, applies the
-// options, opens the device, starts sampling, runs the session, and closes.
+// Runs a whole program, from the arguments (the name of the program first) to the exit code. Prints
+// the banner, applies the options, opens the device, starts sampling, runs the session and closes.
 //
-// Signals that end the program are caught from the first moment on; keys are read, where there is a
-// terminal, without echo.
+// Catches the signals that end a program from the start. Reads keys without echo if standard input
+// is a terminal.
 ExitCode RunConsoleProgram(int count, const char* const* arguments, const Session& session);
+
+// Waits for the sampling thread to end and acts on one key per 500 ms: Ctrl-A zeroes the azimuth,
+// A restores it, ESC stops sampling. A nonzero `stopRequest` stops sampling too.
+void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stopRequest);
 
 }  // namespace kinetrel

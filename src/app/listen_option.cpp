@@ -18,7 +18,7 @@ std::optional<std::uint16_t> ParsePort(std::string_view text) {
   return whole ? std::optional(port) : std::nullopt;
 }
 
-// Where the ':' before the port stands; npos when there is none.
+// The index of the ':' before the port; npos without a port.
 std::size_t PortColon(std::string_view text) {
   const std::size_t last = text.rfind(':');
   if (last == std::string_view::npos) return last;
@@ -31,7 +31,7 @@ std::string WithoutBrackets(std::string_view text) {
   return std::string(bracketed ? text.substr(1, text.size() - 2) : text);
 }
 
-// The option's own value, where `argument` is the option; `at` is moved past what it used.
+// The value of the option if `arguments[at]` is the option; moves `at` to the last argument used.
 std::optional<std::string> TakeValue(int count, const char* const* arguments, int& at) {
   const std::string_view argument = arguments[at];
   if (argument == kOption) return ++at < count ? arguments[at] : std::string();
@@ -69,7 +69,7 @@ std::optional<ServiceArguments> TakeListenOption(int count, const char* const* a
   if (!wanted) return taken;
   const auto listen = ParseListenAddress(*wanted);
   if (!listen) {
-    std::fprintf(stderr, "\"%s\" is no address to listen on (ADDRESS, ADDRESS:PORT or :PORT).\n",
+    std::fprintf(stderr, "Cannot listen on \"%s\": give ADDRESS, ADDRESS:PORT or :PORT.\n",
                  wanted->c_str());
     return std::nullopt;
   }

@@ -1,6 +1,5 @@
-// The console program: opens one tracker, samples it, and publishes its poses until told to stop.
+// The console program: opens one tracker, samples it, and publishes its poses until it is stopped.
 
-#include "app/console_loop.h"
 #include "app/console_program.h"
 #include "platform/console.h"
 

@@ -1,41 +1,92 @@
-// The service: the console program, and besides it the tracker is there for relays on other
-// machines.
+// The service: the console program that also lets relays on other machines follow the tracker.
 
+#include <algorithm>
 #include <cstdio>
+#include <vector>
 
-#include "app/console_loop.h"
 #include "app/console_program.h"
-#include "app/engine_procedures.h"
 #include "app/listen_option.h"
+#include "engine/tracker_engine.h"
 #include "platform/console.h"
+#include "rpc/server_session.h"
 #include "rpc/track_server.h"
 
 namespace {
 
 using kinetrel::ExitCode;
 using kinetrel::ListenAddress;
+using kinetrel::TrackerEngine;
+namespace rpc = kinetrel::rpc;
 
-ExitCode CannotServe(const ListenAddress& listen, const kinetrel::Status& why) {
+constexpr int kThisEngine = 1;  // the handle of the only engine of the service
+
+// The engine as the clients on other machines see it: each procedure is the engine's operation of
+// the same name. A client changes nothing. A request for a mapping that does not exist is not
+// logged, because a client that waits for a mapping asks again and again.
+//
+// Threads  one at a time, beside other threads that use the engine.
+class EngineProcedures final : public rpc::TrackProcedures {
+ public:
+  explicit EngineProcedures(TrackerEngine& engine) : engine_(engine) {}
+
+  rpc::MappingReply GetMapping(const rpc::TrackKey& key) override {
+    rpc::MappingReply reply;
+    reply.found = HasMapping(key) && engine_.GetMapping(key.data(), &reply.sensor);
+    if (reply.found) reply.engine = kThisEngine;
+    return reply;
+  }
+
+  rpc::AttributeReply GetAttribute(const rpc::AttributeArguments& arguments) override {
+    rpc::AttributeReply reply;
+    reply.known = arguments.engine == kThisEngine && engine_.IsOpen() &&
+                  engine_.GetAttributeInt(arguments.id, &reply.value);
+    return reply;
+  }
+
+  bool GetFloats(const rpc::FloatsArguments& arguments, std::span<float> values) override {
+    return HasMapping(arguments.key) && engine_.GetFilterAttributeFloatArray(
+                                            arguments.key.data(), arguments.filter, arguments.id,
+                                            static_cast<int>(values.size()), values.data());
+  }
+
+ private:
+  bool HasMapping(const rpc::TrackKey& key) {
+    int count = 0;
+    if (!engine_.IsOpen() || !engine_.GetMappingSize(&count)) return false;
+    keys_.resize(static_cast<std::size_t>(count) * key.size());
+    if (!engine_.GetMappingList(count, keys_.data())) return false;
+    for (auto at = keys_.begin(); at != keys_.end();
+         at += static_cast<std::ptrdiff_t>(key.size())) {
+      if (std::equal(key.begin(), key.end(), at)) return true;
+    }
+    return false;
+  }
+
+  TrackerEngine& engine_;
+  std::vector<int> keys_;  // holds the mapping list
+};
+
+ExitCode ReportServingFailed(const ListenAddress& listen, const kinetrel::Status& why) {
   std::fprintf(stderr, "Cannot serve on %s, port %u: %s.\n", listen.address.c_str(),
                static_cast<unsigned>(listen.port), Describe(why).c_str());
   return ExitCode::ServingFailed;
 }
 
-// Standard error: whoever started the service waits for this line.
-void SayReady(const ListenAddress& listen, unsigned port) {
+// On standard error: the program that started the service waits for this line.
+void ReportReady(const ListenAddress& listen, unsigned port) {
   std::fprintf(stderr, "\nServing on %s, port %u: ready.\n", listen.address.c_str(), port);
   const bool open = listen.address.rfind("127.", 0) != 0 && listen.address != "::1";
-  if (open) std::fputs("Whoever can reach this address can follow the tracker.\n", stderr);
+  if (open) std::fputs("Anyone who can reach this address can follow the tracker.\n", stderr);
 }
 
-ExitCode Serve(kinetrel::TrackerEngine& engine, kinetrel::StreamListener listener,
+ExitCode Serve(TrackerEngine& engine, kinetrel::StreamListener listener,
                const ListenAddress& listen, const std::atomic<int>& stopRequest) {
-  kinetrel::EngineProcedures procedures(engine);
-  kinetrel::rpc::TrackServer server(std::move(listener), procedures);
+  EngineProcedures procedures(engine);
+  rpc::TrackServer server(std::move(listener), procedures);
   if (const kinetrel::Status status = server.Start(); !status.Ok()) {
-    return CannotServe(listen, status);
+    return ReportServingFailed(listen, status);
   }
-  SayReady(listen, server.port());
+  ReportReady(listen, server.port());
   kinetrel::RunConsoleLoop(engine, stopRequest);
   return ExitCode::Done;
 }
@@ -43,10 +94,10 @@ ExitCode Serve(kinetrel::TrackerEngine& engine, kinetrel::StreamListener listene
 ExitCode Run(int count, const char* const* arguments) {
   const auto taken = kinetrel::TakeListenOption(count, arguments);
   if (!taken) return ExitCode::BadArguments;
-  // Before the tracker is opened, which may take its time: a second service is told at once.
+  // Before the tracker boots, which may take seconds: a second service fails at once.
   auto listener = kinetrel::StreamListener::Open(taken->listen.address, taken->listen.port);
-  if (!listener.Ok()) return CannotServe(taken->listen, listener.status());
-  const auto session = [&](kinetrel::TrackerEngine& engine, const std::atomic<int>& stopRequest) {
+  if (!listener.Ok()) return ReportServingFailed(taken->listen, listener.status());
+  const auto session = [&](TrackerEngine& engine, const std::atomic<int>& stopRequest) {
     return Serve(engine, std::move(*listener), taken->listen, stopRequest);
   };
   const ExitCode code = kinetrel::RunConsoleProgram(static_cast<int>(taken->rest.size()),

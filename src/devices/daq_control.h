@@ -1,8 +1,9 @@
-// A source of buttons (digital channels) and axes (analog channels) that is sampled beside the
-// tracker: a joystick.
+// A source of buttons (digital channels) and axes (analog channels) that the engine samples
+// together with the tracker: a joystick.
 //
-// Threads  Read runs on the sampling thread without the engine's lock; the rest under it, perhaps
-//          while a Read runs. The channels are asked for under it, by the thread that read them.
+// Threads  Read runs on the sampling thread without the engine's lock. The other operations run
+//          under the lock, possibly during a Read. The sampling thread reads the channels under the
+//          lock, after its Read.
 #pragma once
 
 #include <array>
@@ -19,10 +20,12 @@ class DAQControl {
 
   virtual int Boot(int unused) = 0;  // 1 or more: usable
 
-  // Describes the source in `text`, at most `size` bytes with the terminator. 1, or 0 on failure.
+  // Describes the source in `text`, at most `size` bytes with the terminator. Returns 1, or 0 on
+  // failure.
   virtual int QueryCaps(char* text, int size) = 0;
 
-  // Takes new values; nonzero when the channels below hold them. Never allocates or waits.
+  // Samples the source. Nonzero if the channels below hold the new values. Never allocates or
+  // waits.
   virtual int Read(int unused) = 0;
 
   virtual int GetId() { return 0; }

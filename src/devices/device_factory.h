@@ -1,4 +1,5 @@
-// How the engine gets its devices, so that it links no driver and a test can hand it its own.
+// How the engine gets its devices: the program passes the factory in, so that the engine links no
+// driver and a test can pass in devices of its own.
 #pragma once
 
 #include <functional>
@@ -10,11 +11,11 @@
 namespace kinetrel {
 
 struct DeviceFactory {
-  // Makes the driver of a device type (the -d numbers), closed and not booted; null for a type
-  // without a driver.
+  // Makes the driver of a device type (a number of the -d option). Its port is closed. Null for a
+  // type without a driver.
   std::function<std::unique_ptr<TrackerDevice>(int deviceType)> device;
 
-  // Makes the joystick of that number; null where the system has no joysticks.
+  // Makes the joystick of that number (from 0); null on a system without joysticks.
   std::function<std::unique_ptr<DAQControl>(int joystickId)> joystick;
 };
 

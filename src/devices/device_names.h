@@ -1,4 +1,4 @@
-// The names that devices report, and the outcomes of a boot.
+// The names that devices report, and the results of a boot.
 #pragma once
 
 namespace kinetrel {
@@ -38,7 +38,7 @@ enum class DeviceName : int {
   UnknownLast = 30,
 };
 
-// The row's text; lives for ever. Devices point at it and never copy it.
+// The row's text, a constant: devices keep the pointer.
 const char* DeviceNameText(DeviceName row);
 
 // 1 or more: booted. 0 and below name the failure.
@@ -56,7 +56,7 @@ inline constexpr BootResult kInitializationFailed = -8;
 inline constexpr BootResult kStorageFailed = -9;
 inline constexpr BootResult kUnknownFailure = -10;
 
-// The text of a failure; null for a result that is none of those above.
+// The text of a failure; null for a success and for an unknown result.
 const char* BootFailureText(BootResult result);
 
 }  // namespace kinetrel

@@ -8,7 +8,6 @@
 #include <cstring>
 #include <mutex>
 
-#include "devices/station_mask.h"
 #include "platform/console.h"
 #include "platform/transient_output.h"
 
@@ -51,8 +50,8 @@ constexpr MoveRow kMoves[] = {
 };
 
 // What the operator typed into the line editor, and the offset by which the steered sensor was
-// last moved. One for all devices of the process, as there is one keyboard and one operator; used
-// by the sampling threads, under its lock.
+// last moved. One for all devices of the process, because the process has one keyboard. The
+// sampling threads use it under its lock.
 struct OperatorEntry {
   std::mutex lock;
   std::array<char, 32> text{};
@@ -71,8 +70,8 @@ struct OperatorEntry {
 };
 OperatorEntry entry;
 
-// For the operator's eyes only: with the terminal stopped (Ctrl-S) it is left out, and the poses go
-// on. The line has no end of its own, so it must be pushed out.
+// Prints for the operator. If the terminal is stopped (Ctrl-S) the line is left out, so that
+// sampling goes on. The line has no line feed, so it is flushed.
 [[gnu::format(printf, 1, 2)]] void Print(const char* format, ...) {
   if (!OutputTakesLine()) return;
   std::va_list arguments;
@@ -89,7 +88,7 @@ double UnitsPerMetre(int units) {
   return units == 1 ? kCentimetresPerMetre : 1.0;
 }
 
-// A step key held down for minutes ends at the largest number, not at infinity.
+// A step key that is held down for minutes must not reach infinity.
 void SetIfFinite(float& value, float next) {
   if (std::isfinite(next)) value = next;
 }
@@ -98,7 +97,7 @@ bool IsAngle(KeyboardDevice::Field field) {
   return field >= KeyboardDevice::Field::Yaw && field <= KeyboardDevice::Field::Roll;
 }
 
-// Puts the key into the editor's text; false for one that the editor does not know.
+// Edits the text by one key; false for an unknown key.
 bool EditText(KeyboardDevice::Field field, int key) {
   if (key == kBackspace) {
     entry.RemoveLast();
@@ -180,7 +179,7 @@ unsigned KeyboardDevice::ReadFrame(double* sampleTime) {
 void KeyboardDevice::Poll() {}
 void KeyboardDevice::StartContinuous() {}
 
-// The quaternion is that of the path: the mounting offset turns the angles only.
+// The mounting offset turns the angles only; the quaternion stays that of the path.
 void KeyboardDevice::FollowPath(int sensor, double unitsPerMetre) {
   constexpr double kStretch[] = {1.0, 3.0, 9.0, 27.0};
   const double along = frameCounter_ * kTurnPerFrame + sensor;
@@ -262,7 +261,7 @@ bool KeyboardDevice::HandleCharacter(int code) {
     if (code == key || code == key - 'a' + 'A') return EnterValue(static_cast<Field>(field), 0);
   }
   if (code == kEscape || code == 'O' || code == 'o') {
-    PushBackKey({code, false});  // the console loop's
+    PushBackKey({code, false});  // for the console loop
   } else if ((code == '-' && editing) || !StepKey(code)) {
     if (editing) return EnterValue(entryField_, code);
     Print("\nKey(%c) = %d", code, code);
@@ -344,7 +343,7 @@ void KeyboardDevice::StoreComponent(const char* text) {
   SteeredPose()[static_cast<std::size_t>(field - 1)] = static_cast<float>(stored);
 }
 
-// Values that the text does not supply keep what they are.
+// Components that the text does not give stay unchanged.
 void KeyboardDevice::StoreVector(const char* text) {
   Pose& pose = SteeredPose();
   std::array<float, 3> degrees;

@@ -1,13 +1,13 @@
-// A tracker without hardware, to run and test the whole chain with: 32 sensors on fixed paths,
-// except the sensor of index 3, which the operator steers from the console keyboard.
+// A simulated tracker for runs and tests without hardware. 31 sensors follow fixed paths; the
+// operator steers the sensor of index 3 from the console keyboard.
 //
-// Paths    sensor i runs around a circle of radius 0.8 m x (1, 3, 9, 27)[i mod 4], tilted, at 15
-//          degrees a second, i radians ahead of sensor 0; it looks along the path and rolls slowly.
-// Keys     arrows and page keys move the steered sensor, with Ctrl they turn it; + - and [ ] change
-//          the steps, Tab and Ctrl+Tab by how much; x y z a e r v open a line editor for one
-//          component or for the whole pose, x,y,z;yaw,pitch,roll in degrees.
-//          They are read while the steered sensor is in the sensor mask, and taken away from
-//          everybody else then; ESC and 'O' are handed on.
+// Paths    sensor i runs around a tilted circle of radius 0.8 m x (1, 3, 9, 27)[i mod 4] at 15
+//          degrees a second, i radians ahead of sensor 0. It looks along the path and rolls slowly.
+// Keys     arrow and page keys move the steered sensor; with Ctrl they turn it. + - and [ ] change
+//          the steps; Tab and Ctrl+Tab change by how much. x y z a e r v open a line editor for one
+//          component or for the whole pose: x,y,z;yaw,pitch,roll in degrees.
+//          The device reads keys while the steered sensor is in the sensor mask. It hands ESC and
+//          'O' on to the console loop.
 // Pace     about 60 frames a second: ReadFrame ends with a sleep of 16 ms.
 #pragma once
 
@@ -28,7 +28,7 @@ class KeyboardDevice final : public TrackerDevice {
 
   // ---- Port --------------------------------------------------------------------------------
 
-  // Both open the simulated port, whatever the arguments.
+  // Both ignore the arguments and open the simulated port.
   int OpenPort(const char* name, int baud) override;
   int OpenPortNumber(int number, int baud) override;
 
@@ -36,45 +36,45 @@ class KeyboardDevice final : public TrackerDevice {
 
   BootResult Boot(int reset) override;
 
-  // Writes nothing into `text`; nonzero.
+  // Leaves `text` unchanged and returns nonzero.
   int QueryStatus(char* text, int size) override;
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Moves every active sensor on by a frame, acts on a key at the most, and sleeps for the frame.
+  // Moves every active sensor on by one frame, acts on at most one key, and sleeps for the frame.
   //
   // sampleTime  the time after the sleep.
-  // Returns     the active sensors; the steered one only when a key was acted upon.
-  // Memory      allocates nothing. Prints when there was a key, if the output takes it at once.
+  // Returns     the active sensors; the steered one only if a key was acted upon.
+  // Memory      allocates nothing. Prints after a key if the output takes the line at once.
   unsigned ReadFrame(double* sampleTime) override;
 
-  void Poll() override;             // nothing: frames come by themselves
-  void StartContinuous() override;  // nothing
+  void Poll() override;             // does nothing: frames need no request
+  void StartContinuous() override;  // does nothing
 
   // ---- Stations ----------------------------------------------------------------------------
 
-  // sensorCount  how many low bits of the mask count, 0 for all sensors there are.
+  // sensorCount  only so many low bits of the mask count; 0: one for each sensor.
   unsigned SetSensorMask(unsigned mask, int sensorCount) override;
 
   // ---- Settings ----------------------------------------------------------------------------
 
-  // Bit 15 tells, whatever the mask says, whether the steered sensor is active.
+  // Bit 15 of the result is set while the steered sensor is active, whatever `mask` says.
   unsigned SetComponentMask(unsigned mask) override;
 
   // ---- Keys --------------------------------------------------------------------------------
 
-  // Reads a key of the console, if there is one, and acts on it. True when it was a known key.
+  // Reads a key of the console, if one waits, and acts on it. True for a known key.
   //
-  // The first call moves the steered sensor to its offset position; a later change of the offset
+  // The first call moves the steered sensor to its offset position. A later change of the offset
   // does not move it.
   // Threads  sampling thread.
   bool HandleKeys();
 
-  // Hands a key to the line editor, opening the field with an empty text if another one was open.
+  // Passes a key to the line editor. Opens the field with an empty text if another one was open.
   //
-  // key      0 only shows the line; Backspace, Enter, digits, '.', '-' and for the whole pose ','
-  //          and ';' edit it.
-  // Returns  false for a field that does not exist and for every other key.
+  // key      0 only shows the line. Backspace, Enter, digits, '.' and '-' edit it; for the whole
+  //          pose also ',' and ';'.
+  // Returns  false for an unknown field or key.
   // Threads  sampling thread.
   bool EnterValue(Field field, int key);
 

@@ -6,8 +6,8 @@
 namespace kinetrel {
 namespace {
 
-// A little above pi and pi/2, so that the nearest a float comes to either, from a device that is
-// pointed straight up or back, is within the bounds and stays as it is.
+// A little above pi and pi/2. The floats nearest to pi and pi/2, which a device reports when it
+// points straight back or up, lie within these bounds and stay unchanged.
 constexpr double kFloatPi = 3.1415927727990827;
 constexpr double kFloatHalfPi = 1.570796446004186;
 
@@ -40,7 +40,7 @@ QuaternionD UnitProduct(const QuaternionD& a, const QuaternionD& b) {
                        a[0] * b[3] + a[1] * b[2] - a[2] * b[1] + a[3] * b[0]});
 }
 
-// Floats do not tell yaw from roll any nearer to straight up than this; a cosine of the pitch.
+// The cosine of the pitch below which floats cannot tell yaw from roll.
 constexpr double kGimbalLock = 1.1920928955078125e-7;
 
 }  // namespace
@@ -87,7 +87,7 @@ std::array<float, 3> QuaternionToEuler(float q[4]) {
   const double sine = 2.0 * (w * y - x * z);
   const double cosine = std::sqrt(std::max(0.0, 1.0 - sine * sine));
   const auto pitch = static_cast<float>(std::atan2(sine, cosine));
-  if (cosine < kGimbalLock) {  // all that is left to turn is in the roll
+  if (cosine < kGimbalLock) {  // the whole turn goes into the roll
     const double roll = std::atan2(2.0 * (w * x - y * z), 1.0 - 2.0 * (x * x + z * z));
     return {0.0F, pitch, static_cast<float>(roll)};
   }

@@ -18,25 +18,23 @@ inline constexpr double kPi = 3.141592653589793;
 inline constexpr double kRadiansPerDegree = 0.017453292519943295;
 inline constexpr double kDegreesPerRadian = 57.29577951308232;
 
-// Brings yaw and roll into [-pi, pi] and folds pitch into [-pi/2, pi/2], turning yaw by pi where
-// it folds; roll is not changed by the fold. An infinite angle becomes NaN; the others keep theirs.
+// Brings yaw and roll into [-pi, pi] and folds pitch into [-pi/2, pi/2]. A fold turns yaw by pi and
+// leaves roll unchanged. An infinite angle becomes NaN and does not affect the others.
 void NormalizeEuler(float angles[3]);
 
-// Adds the offset component by component, then normalises the pose's angles.
+// Adds the offset component by component, then normalises the angles of the pose.
 void AddPoseOffset(float pose[6], const float offset[6]);
 
 // The unit quaternion of yaw, pitch, roll.
 Quaternion EulerToQuaternion(const float angles[3]);
 
-// Yaw, pitch, roll of a quaternion, which is brought to unit length in place; the inverse of
-// EulerToQuaternion. Straight up and straight down, where only yaw and roll together have a
-// meaning, yaw is 0.
+// Yaw, pitch, roll of a quaternion: the inverse of EulerToQuaternion. Brings `q` to unit length in
+// place. Straight up and straight down, yaw and roll are not distinct: yaw is 0 there.
 std::array<float, 3> QuaternionToEuler(float q[4]);
 
-// The Hamilton product of both, at unit length: turns by `b`, then by `a`. Zeros for a quaternion
-// of zeros.
+// The Hamilton product at unit length: turns by `b`, then by `a`. All zeros if `a` or `b` is.
 Quaternion UnitProduct(const float a[4], const float b[4]);
 
-void NormalizeQuaternion(float q[4]);  // to unit length; one of zeros stays
+void NormalizeQuaternion(float q[4]);  // to unit length; all zeros stay zero
 
 }  // namespace kinetrel

@@ -16,8 +16,8 @@ constexpr int kLastComPort = 16;
 constexpr int kSameAsBefore = -2;  // of a read time-out: the value just before it
 constexpr int kStoredValues = 1;   // of the first read time-out: those set earlier
 
-// Names keep the bound they have always had, so that a text that is no name fails the same way
-// everywhere. Paths are as long as the machine's tree is deep, and get a bound of their own.
+// The longest COM name is fixed, so that a longer text fails in the same way on every system. Paths
+// depend on the machine and have a bound of their own.
 constexpr std::size_t kLongestName = 27;
 constexpr std::size_t kLongestPath = 255;
 
@@ -35,8 +35,8 @@ PortStatus StepOfOpenFailure(Error error) {
   return PortStatus::Refused;
 }
 
-// The short form of a baud rate counts hundreds. No rate that trackers use is a multiple of 6
-// without being one of 100.
+// The short form of a baud rate counts hundreds. Every full rate that trackers use and that is a
+// multiple of 6 is a multiple of 100 too.
 long long FullBaud(int baud) {
   const bool hundreds = baud % 100 != 0 && baud % 6 == 0;
   return hundreds ? 100LL * baud : baud;
@@ -54,7 +54,7 @@ std::span<const std::byte> AsBytes(const void* data, unsigned count) {
   return {static_cast<const std::byte*>(data), count};
 }
 
-// Characters before `terminator`, or before the text's end where it has none.
+// The number of characters before `terminator`, or in the whole text without one.
 unsigned LengthUpTo(const char* text, char terminator) {
   const char* end = text;
   while (*end != terminator && *end != '\0') ++end;
@@ -237,8 +237,8 @@ bool SerialPort::SetHandshake(int mode) {
 
 // ---- Transfers -----------------------------------------------------------------------------
 
-// Keeps what a failed transfer teaches about the line.
-bool SerialPort::Done(const Status& status) {
+// A failed transfer leaves its error code and may show that the line is lost.
+bool SerialPort::TransferSucceeded(const Status& status) {
   if (status.Ok()) return true;
   if (status.osCode != 0) lastError_ = status.osCode;
   lineLost_ = lineLost_ || status.error == Error::Closed;
@@ -248,7 +248,7 @@ bool SerialPort::Done(const Status& status) {
 unsigned SerialPort::Write(const void* data, unsigned count) {
   if (!line_) return 0;
   const Result<std::size_t> written = line_->Write(AsBytes(data, count));
-  return Done(written.status()) ? static_cast<unsigned>(*written) : 0;
+  return TransferSucceeded(written.status()) ? static_cast<unsigned>(*written) : 0;
 }
 
 bool SerialPort::Read(void* data, unsigned count) {
@@ -260,7 +260,7 @@ bool SerialPort::ReadSome(void* data, unsigned count, unsigned* got) {
   *got = 0;
   if (!line_) return false;
   const Result<std::size_t> read = line_->Read(AsBytes(data, count));
-  if (!Done(read.status())) return false;
+  if (!TransferSucceeded(read.status())) return false;
   *got = static_cast<unsigned>(*read);
   return true;
 }
@@ -268,10 +268,10 @@ bool SerialPort::ReadSome(void* data, unsigned count, unsigned* got) {
 unsigned SerialPort::InputQueueLength() {
   if (!line_) return 0;
   const Result<std::size_t> length = line_->InputQueueLength();
-  return Done(length.status()) ? static_cast<unsigned>(*length) : 0;
+  return TransferSucceeded(length.status()) ? static_cast<unsigned>(*length) : 0;
 }
 
-// A line that is gone has nothing to discard or to send: no result to give.
+// The result is ignored: a line that is gone holds no bytes.
 void SerialPort::PurgeInput() {
   if (line_) (void)line_->PurgeInput();
 }
@@ -285,7 +285,7 @@ void SerialPort::FlushOutput() {
   if (line_) (void)line_->DrainOutput();
 }
 
-// In one write: byte by byte each would be a packet of its own on a USB adapter.
+// One write for the whole text: a USB adapter would send each single byte as a packet.
 int SerialPort::WriteString(const char* text, char terminator, bool sendTerminator) {
   if (text == nullptr) return 0;
   const unsigned length = LengthUpTo(text, terminator);
@@ -312,10 +312,11 @@ int SerialPort::ReadString(char* buffer, int size, char terminator) {
 }
 
 bool SerialPort::WaitForRX(int timeoutMs, int minBytes) {
-  if (timeoutMs < 1) return line_ && Done(line_->WaitForInput(1, kForever));
+  if (timeoutMs < 1) return line_ && TransferSucceeded(line_->WaitForInput(1, kForever));
   if (minBytes < 1) return true;
   const Milliseconds timeout(timeoutMs);
-  if (line_) return Done(line_->WaitForInput(static_cast<std::size_t>(minBytes), timeout));
+  if (line_)
+    return TransferSucceeded(line_->WaitForInput(static_cast<std::size_t>(minBytes), timeout));
   SleepFor(timeout);
   return false;
 }

@@ -1,9 +1,9 @@
-// One serial port: opened by name or number, set up, read and written.
+// One serial port: opens it by name or number, sets it up, reads and writes it.
 //
-// The base of every tracker device. A driver without a port opens the simulated one, a name that
-// begins with '~': it opens nothing, always succeeds, and every transfer on it fails.
+// The base of every tracker device. A driver without a port opens the simulated port, whose name
+// begins with '~': that always succeeds, and every transfer on it fails.
 //
-// Threads  one at a time; the engine's lock sees to it.
+// Threads  one at a time; the engine's lock and the device's inUse() ensure that.
 // Memory   nothing is allocated after OpenPort.
 #pragma once
 
@@ -45,13 +45,13 @@ class SerialPort {
 
   // ---- Port --------------------------------------------------------------------------------
 
-  // Opens `name`: "COM1" to "COM16", a path such as "/dev/ttyUSB0", or '~' and anything for the
-  // simulated port. 8 data bits, no parity, one stop bit, no handshake; reads return at once. A
-  // port that is open is closed first.
+  // Opens `name`: "COM1" to "COM16", a path such as "/dev/ttyUSB0", or a name that begins with '~'
+  // for the simulated port. 8 data bits, no parity, one stop bit, no handshake; reads return at
+  // once. Closes the port first if it is open.
   //
-  // name     at most 27 characters, a path (anything with a '/') 255.
-  // baud     bits a second; see SetLineSettings for the short form. One that the line refuses does
-  //          not fail the open.
+  // name     at most 27 characters; a path (a name with a '/') at most 255.
+  // baud     bits a second; see SetLineSettings for the short form. The open succeeds even if the
+  //          line refuses the rate.
   // Returns  1 opened, 0 failed: portStatus() names the step, openFailure() the cause.
   virtual int OpenPort(const char* name, int baud);
 
@@ -66,52 +66,52 @@ class SerialPort {
 
   // ---- Line --------------------------------------------------------------------------------
 
-  // Sets the frame of a byte and the RTS line, and ends CTS flow control. False when the line
-  // refuses, or none is open: the settings are then only remembered.
+  // Sets the frame of a byte and the RTS line, and ends CTS flow control. False if the line refuses
+  // or no port is open; the settings are kept for later.
   //
-  // baud         a value that is no multiple of 100 but one of 6 counts hundreds: 1152 is 115200.
+  // baud         short form: a multiple of 6 but not of 100 counts hundreds, so 1152 is 115200.
   // parity       0 none, 1 odd, 2 even, 3 mark, 4 space.
   // stopBits     0 one, 1 one and a half, 2 two.
   // rtsControl   0 off, 1 on, 2 handshake, 3 toggle.
   bool SetLineSettings(int baud, std::uint8_t byteSize, std::uint8_t parity, std::uint8_t stopBits,
                        unsigned rtsControl);
 
-  // When a read gives up: after totalConstant + perByte x count, or `interval` after the byte
-  // before, all in ms. totalConstant 0: reads return at once with what is there; 1: the stored
-  // values again. -2 stands for the value just before it. All three 0 (stored): reads block.
-  // False, and nothing changed, for other negative values and without an open port.
+  // Sets when a read gives up: after totalConstant + perByte x count, or `interval` after the
+  // previous byte, all in ms. totalConstant 0: a read returns at once with the bytes that wait; 1:
+  // the stored values apply again. -2 repeats the argument before it. If all three stored values
+  // are 0, a read blocks. Other negative values and a closed port: false, and nothing changes.
   bool SetReadTimeouts(int totalConstant, int perByte, int interval);
 
   // mode  -1 full hardware handshake, 0 none, else bits: 1 RTS on, 2 DTR on, 4 CTS output flow
   //       control, 8 DSR output flow control and sensitivity, 16 (with 1) RTS toggle.
-  // In every mode DTR is raised, as a device may take its power from it.
-  // Returns false where the line has no RTS/CTS, as a pseudo-terminal has not.
+  // Every mode raises DTR, because some devices take their power from it.
+  // Returns false on a line without RTS/CTS, such as a pseudo-terminal.
   bool SetHandshake(int mode);
 
   // ---- Transfers ---------------------------------------------------------------------------
 
-  unsigned Write(const void* data, unsigned count);  // bytes taken within 1 s, 0 on failure
-  bool Read(void* data, unsigned count);             // true only when exactly `count` came
+  unsigned Write(const void* data, unsigned count);  // bytes written within 1 s, 0 on failure
+  bool Read(void* data, unsigned count);             // true only if exactly `count` came
   bool ReadSome(void* data, unsigned count, unsigned* got);
   unsigned InputQueueLength();  // bytes received and not yet read
-  void PurgeInput();            // discards what was received
-  void PurgeAll();              // and what waits to be sent
-  void FlushOutput();           // waits until all is sent, 1 s at the most
+  void PurgeInput();            // discards the received bytes
+  void PurgeAll();              // and the bytes that wait to be sent
+  void FlushOutput();           // waits until all bytes are sent, at most 1 s
 
-  // Writes `text` up to `terminator` or its end, then the terminator itself if asked, also after a
-  // write that failed. Returns the characters of the text that were written, or minus their number
-  // when they were not all.
+  // Writes `text` up to `terminator` or its end. Then writes the terminator if `sendTerminator` is
+  // true, even if the first write failed. Returns the number of characters of the text that were
+  // written, negative if some were not.
   int WriteString(const char* text, char terminator, bool sendTerminator);
 
-  // Reads bytes into `buffer` up to and including `terminator`, and stores a 0 after it where
-  // there is room. Returns the bytes read; minus their number when a read failed (a 0 is stored
-  // there); -size when the buffer filled first (its last byte is then 0).
+  // Reads bytes into `buffer` up to and including `terminator`, and stores a 0 after it if there is
+  // room. Returns the number of bytes read. If a read fails, stores a 0 there and returns minus the
+  // number. If the buffer fills first, its last byte becomes 0 and the result is -size.
   int ReadString(char* buffer, int size, char terminator);
 
-  // True once `minBytes` wait to be read. Wakes when they arrive, not at the end of a step.
+  // Waits until `minBytes` wait to be read, and then returns true at once.
   //
-  // timeoutMs  below 1: waits for any byte, without a time-out; false at once without a handle.
-  // A line that hung up ends the wait at once; a port without a handle only waits out the time.
+  // timeoutMs  below 1: waits for one byte without a time-out; false at once without a handle.
+  // A hang-up ends the wait at once. A port without a handle sleeps for the whole time.
   bool WaitForRX(int timeoutMs, int minBytes);
 
   static bool Pause(unsigned milliseconds);  // sleeps; true
@@ -120,8 +120,8 @@ class SerialPort {
 
   bool HasHandle() const { return line_.has_value(); }
 
-  // The far end hung up or the device was unplugged since the port was opened: only opening it
-  // anew can bring it back.
+  // The far end hung up or the device was unplugged since the port was opened. Only opening the
+  // port again can bring the line back.
   bool LineLost() const { return lineLost_; }
 
   PortStatus portStatus() const { return portStatus_; }
@@ -130,14 +130,14 @@ class SerialPort {
   const LineSettings& lineSettings() const { return settings_; }
   const ReadTimeouts& readTimeouts() const { return timeouts_; }
 
-  // Why the last OpenPort failed, in words a user can act on; empty after a success.
+  // Why the last OpenPort failed, in words that a user can act on; empty after a success.
   const std::string& openFailure() const { return openFailure_; }
 
  protected:
   int portNumber_ = -1;
 
  private:
-  bool Done(const Status& status);
+  bool TransferSucceeded(const Status& status);
   PortStatus OpenLine(const char* name, int baud);
   PortStatus SetUpLine(const std::string& name, int baud);
   PortStatus Refuse(PortStatus step, const std::string& name, const Status& cause);
@@ -147,7 +147,7 @@ class SerialPort {
   LineSettings settings_;  // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512
   ReadTimeouts timeouts_;
   SerialCapabilities capabilities_;
-  int lastError_ = 0;          // the system's own code, last seen
+  int lastError_ = 0;          // the last error code of the system
   int readTotalConstant_ = 0;  // ms
   int readPerByte_ = 0;        // ms
   int readInterval_ = 0;       // ms

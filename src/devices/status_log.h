@@ -1,9 +1,9 @@
 // The engine's time-stamped list of status messages, written by the engine, its drivers and their
 // threads.
 //
-// Codes    StatusCode; a device's own error number is logged as it is: StatusCode{number}.
-// Threads  any; every operation takes the log's own lock, which is never held around another.
-// Memory   an entry allocates its text; so nothing that runs every frame may log.
+// Codes    a StatusCode, or the error number of a device as it is: StatusCode{number}.
+// Threads  any; each operation takes the log's own lock and takes no other lock inside.
+// Memory   an entry allocates its text, so code that runs every frame must not log.
 #pragma once
 
 #include <cstdarg>
@@ -58,11 +58,11 @@ class StatusLog {
 
   bool SetStatus(StatusNumber code, const char* text);  // always true
 
-  // Formats as printf does; text past kLongestFormatted characters is cut. Always true.
+  // Formats as printf does and cuts the text to kLongestFormatted characters. Always true.
   [[gnu::format(printf, 3, 4)]] bool SetStatusF(StatusNumber code, const char* format, ...);
 
-  // The newest entry's text, empty when there is none. Valid until the next entry is added: for a
-  // caller that may be overtaken, Newest() copies.
+  // The newest entry's text, empty for an empty log. Valid until the next entry is added. If
+  // another thread may add one meanwhile, use Newest(), which copies.
   const char* CurrentStatusText() const;
 
   StatusEntry Newest() const;
@@ -82,12 +82,12 @@ class StatusLog {
   std::vector<char> formatBuffer_;
 };
 
-// Prints `prefix` and the formatted text on the standard error stream and logs the text: the one
-// way to say a thing in both places. Always true.
+// Prints `prefix` and the formatted text on the standard error stream, and logs the text. Always
+// true.
 [[gnu::format(printf, 4, 5)]] bool Announce(StatusLog& log, const char* prefix, StatusNumber code,
                                             const char* format, ...);
 
-// SetStatusF for a device that may have been given no log: with null, nothing. Always true.
+// SetStatusF for a device that may have no log: with null it does nothing. Always true.
 [[gnu::format(printf, 3, 4)]] bool Post(StatusLog* log, StatusNumber code, const char* format, ...);
 
 }  // namespace kinetrel

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "devices/bounded_text.h"
-#include "devices/station_mask.h"
 #include "platform/clock.h"
 
 namespace kinetrel {
@@ -156,7 +155,7 @@ float* TrackerDevice::GetSensorQuaternion(int sensor) {
 
 // ---- Not virtual ---------------------------------------------------------------------------
 
-// A driver may count more sensors than it has made records for.
+// A driver may report more sensors than it has records.
 bool TrackerDevice::HasRecord(int sensor) const {
   return sensor >= 0 && sensor < sensorCount_ && static_cast<std::size_t>(sensor) < poses_.size();
 }

@@ -1,11 +1,11 @@
-// The one interface through which the engine opens, boots, configures and samples a tracker, and
-// the state that every driver shares.
+// The interface through which the engine opens, boots, configures and samples a tracker, and the
+// state that all drivers share.
 //
-// A driver overrides what its device has and leaves the rest: each default gives a definite
-// answer. The 47 operations stand in a fixed order, here and in every driver. A sensor index of
-// -1 in a setter means all sensors.
+// A driver overrides the operations that its device has; each default gives a definite answer. The
+// 47 operations stand in the same order here and in every driver. A sensor index of -1 in a setter
+// means all sensors.
 //
-// Threads  one at a time; the engine's lock and inUse() see to it. ReadFrame and Poll run on the
+// Threads  one at a time; the engine's lock and inUse() ensure that. ReadFrame and Poll run on the
 //          sampling thread without the engine's lock.
 // Memory   ReadFrame, Poll, the record getters and ElapsedSeconds allocate nothing.
 #pragma once
@@ -23,7 +23,7 @@
 
 namespace kinetrel {
 
-// What parts of a pose a device delivers; the bits of the component mask.
+// The parts of a pose that a device delivers; the bits of the component mask.
 inline constexpr unsigned kPositionComponent = 1U << 0;
 inline constexpr unsigned kEulerComponent = 1U << 1;
 inline constexpr unsigned kQuaternionComponent = 1U << 2;
@@ -49,6 +49,17 @@ constexpr DeviceFamily FamilyOf(int statusCode) {
 inline constexpr int kKeyboardStatus = 8;
 inline constexpr int kMostSensors = 256;
 
+// Masks of stations (sensors): bit i is the station of index i. A mask holds the first 32 stations.
+constexpr unsigned StationBit(int station) {
+  return station >= 0 && station < 32 ? 1U << station : 0U;
+}
+constexpr bool HasStation(unsigned mask, int station) { return (mask & StationBit(station)) != 0; }
+
+// The mask of the stations 0 to count - 1.
+constexpr unsigned FirstStations(int count) {
+  return count >= 32 ? ~0U : count <= 0 ? 0U : (1U << count) - 1;
+}
+
 // Turns a device's integer reading into a value: raw x scale + offset.
 struct ChannelScale {
   int raw = 0;
@@ -67,12 +78,12 @@ class TrackerDevice : public SerialPort {
 
   // Wakes, identifies and configures the device on the open port.
   //
-  // reset    nonzero: also back to the device's own defaults.
+  // reset    nonzero: first restores the device's own defaults.
   // Returns  kBooted or more, else the failure; see device_names.h.
   virtual BootResult Boot(int reset) = 0;
 
-  // Asks the instrument for its status and writes it into `text`, at most `size` bytes.
-  // Returns nonzero when it did.
+  // Asks the device for its status and writes it into `text`, at most `size` bytes.
+  // Returns nonzero if the device answered.
   virtual int QueryStatus(char* text, int size) = 0;
 
   // ---- Sampling ----------------------------------------------------------------------------
@@ -83,20 +94,24 @@ class TrackerDevice : public SerialPort {
   // Returns     bit i set for each sensor i that has a new record; 0 for no data.
   virtual unsigned ReadFrame(double* sampleTime) = 0;
 
-  virtual void Poll();             // ends continuous output if it runs, then asks for one frame
-  virtual void StartContinuous();  // from now on the device sends frames by itself
+  virtual void Poll();             // stops continuous output if it runs, then asks for one frame
+  virtual void StartContinuous();  // the device sends frames without being asked from now on
 
   // ---- Stations ----------------------------------------------------------------------------
 
   virtual int SendStationCommand(const char* command, unsigned stationMask, int stations);
-  // Both return the mask now in force.
+
+  // Returns the mask now in force.
   virtual unsigned SetSensorMask(unsigned mask, int sensorCount);
 
   // ---- Settings ----------------------------------------------------------------------------
 
-  virtual int SetUnits(int units);        // 0 inch, 1 centimetre, 3 metre, 2 GPS; those in force
-  virtual int SetCrLf(int on);            // records end with carriage return and line feed
-  virtual int SetProtocol(int protocol);  // a returned value that differs is a refusal
+  // Returns the units now in force: 0 inch, 1 centimetre, 3 metre, 2 GPS.
+  virtual int SetUnits(int units);
+  virtual int SetCrLf(int on);  // nonzero: records end with carriage return and line feed
+
+  // Returns the protocol now in force; another one than `protocol` means that it was refused.
+  virtual int SetProtocol(int protocol);
   virtual int SetSensorVector4(int sensor, float a, float b, float c, float d);
   virtual int SetAlignment(int sensor, const float xAxis[3], const float yAxis[3]);
   virtual int SetAlignmentPose(int sensor, const float pose[6]);
@@ -111,7 +126,7 @@ class TrackerDevice : public SerialPort {
   virtual bool SetSensorPositionOffset(int sensor, const float xyz[3]);
   virtual bool SetSensorOffset(int sensor, const float pose[6]);
 
-  // Free text to the device; what it means is the driver's. The base writes it to the port as is.
+  // Text whose meaning each driver defines. The base writes it to the port unchanged.
   virtual bool SetControlString(const char* text);
 
   // ---- Identity ----------------------------------------------------------------------------
@@ -135,8 +150,8 @@ class TrackerDevice : public SerialPort {
   virtual bool GetControlString(char* text, int size);
 
   // ---- Records -----------------------------------------------------------------------------
-  // Null for a sensor without records. Pointers into the device's own arrays, good until the
-  // next AllocateSensors or FreeSensors.
+  // Null for a sensor without records. The pointers lead into the device's own arrays and are valid
+  // until the next AllocateSensors or FreeSensors.
 
   virtual float* GetSensorOffset(int sensor);      // 6 floats
   virtual float* GetSensorPose(int sensor);        // 6 floats
@@ -146,25 +161,25 @@ class TrackerDevice : public SerialPort {
 
   // ---- Not virtual -------------------------------------------------------------------------
 
-  // Makes the records of `count` sensors (1 to kMostSensors), all zero and at the identity.
-  // False, and nothing changed, for another count; false, and no records, without memory.
+  // Makes the records of `count` sensors (1 to kMostSensors): zero positions, identity rotations.
+  // False for another count, which changes nothing. False without memory, which leaves no records.
   bool AllocateSensors(unsigned count);
   void FreeSensors();
 
-  // Seconds since the time origin: the construction, or what SetTimeOrigin said since.
+  // Seconds since the time origin, which is the construction until SetTimeOrigin moves it.
   double ElapsedSeconds();
 
-  // Gives samples the time origin of their publication, so that the two times can be compared.
+  // Moves the time origin, so that sample times and publish times can be compared.
   // counter  a reading of ClockTicks().
   void SetTimeOrigin(std::int64_t counter);
 
-  // Held around every use of the device that another thread's may meet: frames are read without
-  // the engine's lock. Taken after that lock, and by nobody for longer than one operation.
+  // Held around each use of the device, because frames are read without the engine's lock. A thread
+  // that holds both takes the engine's lock first. Held for one operation at most.
   PriorityMutex& inUse() { return inUse_; }
 
-  void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: say nothing
+  void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: no log
 
-  // What the engine logs about a failed frame, and with which code; it resets the code.
+  // What the engine logs about a failed frame, and the code. The engine then clears the code.
   const char* errorText() const { return errorText_.data(); }
   const char* readText() const { return readText_.data(); }
   int reportCode() const { return reportCode_; }

@@ -1,7 +1,7 @@
-// Walking over the bytes of a wire record.
+// Reads the fields of a wire record one after another.
 //
-// A record is never cast: what arrives may be cut, shifted or noise. Past the end the reader
-// yields zero and Ok() is false for good, so a decoder reads everything and asks once.
+// A record is never cast to a structure: it may arrive cut, shifted or as noise. Past the end the
+// reader yields zero and Ok() stays false, so a decoder reads all fields and checks once.
 #pragma once
 
 #include <algorithm>
@@ -28,15 +28,15 @@ class WireReader {
   float F32Be() { return Take<float, std::endian::big>(); }
   double F64Be() { return Take<double, std::endian::big>(); }
 
-  // Two bytes of 7 bits each, low first, as a number of 14 bits with its sign: -8192..8191. Bit 7
-  // of both is not looked at: devices mark the start of a record with it.
+  // Two bytes of 7 bits each, low first, as a signed number of 14 bits: -8192..8191. Bit 7 of both
+  // is ignored: devices mark the start of a record with it.
   std::int16_t I14Pair() {
     const unsigned low = U8() & 0x7FU;
     const unsigned high = U8() & 0x7FU;
     return static_cast<std::int16_t>(static_cast<int>((high << 7 | low) ^ 0x2000U) - 0x2000);
   }
 
-  // The next `count` bytes themselves; empty when they are not all there.
+  // The next `count` bytes; empty if fewer are left.
   std::span<const std::byte> Bytes(std::size_t count) {
     if (!Has(count)) return {};
     const std::span<const std::byte> taken = rest_.first(count);
@@ -46,8 +46,8 @@ class WireReader {
   void Skip(std::size_t count) { (void)Bytes(count); }
 
   std::size_t Remaining() const { return rest_.size(); }
-  bool Ok() const { return ok_; }                      // nothing was missing so far
-  bool AtEnd() const { return ok_ && rest_.empty(); }  // everything consumed, nothing missing
+  bool Ok() const { return ok_; }                      // no byte was missing so far
+  bool AtEnd() const { return ok_ && rest_.empty(); }  // all bytes were read and none was missing
 
  private:
   bool Has(std::size_t count) {

@@ -7,7 +7,6 @@
 #include <cstdio>
 
 #include "devices/bounded_text.h"
-#include "devices/station_mask.h"
 
 namespace kinetrel {
 namespace {

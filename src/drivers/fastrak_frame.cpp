@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 
-#include "devices/station_mask.h"
 #include "drivers/fastrak_device.h"
 
 namespace kinetrel {

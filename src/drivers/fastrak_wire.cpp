@@ -6,7 +6,6 @@
 #include <cmath>
 #include <type_traits>
 
-#include "devices/station_mask.h"
 #include "devices/wire.h"
 
 namespace kinetrel {

@@ -10,8 +10,7 @@
 #include <cstdint>
 #include <mutex>
 
-#include "devices/own_connection.h"
-#include "devices/packed_records.h"
+#include "devices/optional_interfaces.h"
 #include "devices/tracker_device.h"
 #include "drivers/liberty_frame.h"
 #include "drivers/liberty_pdi.h"

@@ -17,7 +17,7 @@
 #include <optional>
 #include <span>
 
-#include "devices/button_bits.h"
+#include "devices/optional_interfaces.h"
 #include "devices/record_window.h"
 #include "devices/tracker_device.h"
 

@@ -14,7 +14,7 @@ void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
   if (answered == 0 || text[0] == '\0') return;
   std::printf("\nSTATUS:\n\t%s\n", text.data());
   std::fflush(stdout);
-  log.SetStatusF(3, "STATUS: %s", text.data());
+  log.SetStatusF(StatusCode::Setup, "STATUS: %s", text.data());
 }
 
 }  // namespace
@@ -26,7 +26,7 @@ void PushRoll(EngineState& state, const EngineLock&) {
   state.device->SetSensorOffset(-1, config.transmitterOffset.data());
 }
 
-void PushAlignment(EngineState& state, const EngineLock&, int code) {
+void PushAlignment(EngineState& state, const EngineLock&, StatusCode code) {
   const StartConfig& config = state.config;
   if (!config.Aligned()) return;
   if (state.device->SetAlignment(-1, config.alignX.data(), config.alignY.data()) == 0) return;
@@ -45,7 +45,7 @@ void ApplyConfiguration(EngineState& state, const EngineLock& lock) {
   device.SetSynchronization(config.sync);
   PushRoll(state, lock);
   if (config.query != 0) ReportDeviceStatus(device, state.status);
-  PushAlignment(state, lock, 6);
+  PushAlignment(state, lock, StatusCode::Closing);
 }
 
 }  // namespace kinetrel

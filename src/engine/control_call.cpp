@@ -9,16 +9,16 @@ ControlCall::~ControlCall() {
   if (used_ != nullptr) used_->inUse().unlock();
 }
 
-bool ControlCall::Refuse(const char* reason, int code) {
+bool ControlCall::Refuse(const char* reason, StatusCode code) {
   state_.status.SetStatusF(code, "%s: %s", name_, reason);
   return false;
 }
 
-bool ControlCall::Open() { return state_.isOpen || Refuse("MTS Not Open"); }
+bool ControlCall::IsOpen() { return state_.isOpen || Refuse("MTS Not Open"); }
 
-bool ControlCall::Given(const void* pointer, const char* whatIsNull) {
+bool ControlCall::IsGiven(const void* pointer, const char* argument) {
   if (pointer != nullptr) return true;
-  state_.status.SetStatusF(-1, "%s: %s is NULL", name_, whatIsNull);
+  state_.status.SetStatusF(StatusCode::Refused, "%s: %s is NULL", name_, argument);
   return false;
 }
 
@@ -33,24 +33,24 @@ bool ControlCall::UseDevice() NO_THREAD_SAFETY_ANALYSIS {
   return true;
 }
 
-Mapping* ControlCall::Find(const int key[3]) {
-  if (!Given(key, "key")) return nullptr;
+Mapping* ControlCall::FindMapping(const int key[3]) {
+  if (!IsGiven(key, "key")) return nullptr;
   const auto entry = state_.mappings.find(KeyFrom(key));
   if (entry != state_.mappings.end()) return &entry->second;
-  state_.status.SetStatusF(-1, "%s: Mapping (%d,%d,%d) doesn't exist", name_, key[0], key[1],
-                           key[2]);
+  state_.status.SetStatusF(StatusCode::Refused, "%s: Mapping (%d,%d,%d) doesn't exist", name_,
+                           key[0], key[1], key[2]);
   return nullptr;
 }
 
 Filter* ControlCall::FindFilter(const int key[3], int index) {
-  Mapping* const mapping = Find(key);
+  Mapping* const mapping = FindMapping(key);
   return mapping != nullptr ? FindFilter(*mapping, index) : nullptr;
 }
 
 Filter* ControlCall::FindFilter(Mapping& mapping, int index) {
   Filter* const filter = mapping.filters.GetFilter(index);
   if (filter == nullptr) {
-    state_.status.SetStatusF(-1, "%s: Filter %d doesn't exist", name_, index);
+    state_.status.SetStatusF(StatusCode::Refused, "%s: Filter %d doesn't exist", name_, index);
   }
   return filter;
 }

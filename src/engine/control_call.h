@@ -1,4 +1,5 @@
-// One call of the control interface: the engine lock held for all of it, and the refusals in words.
+// One call of the control interface. It holds the engine lock for the whole call and logs why a
+// call is refused.
 #pragma once
 
 #include <atomic>
@@ -11,24 +12,25 @@ namespace kinetrel {
 
 class ControlCall {
  public:
-  // `name` begins every message of the call; a text that lives for ever.
+  // name  the first word of each message of the call; a constant.
   ControlCall(EngineState& state, const char* name);
 
   EngineLock& lock() { return lock_; }
   EngineState& state() { return state_; }
   TrackerDevice& device() { return *state_.device; }
 
-  // Each says why when it answers false or null.
-  bool Open();
-  bool Given(const void* pointer, const char* whatIsNull);
-  Mapping* Find(const int key[3]);
+  // Each logs the reason before it returns false or null.
+  bool IsOpen();
+  bool IsGiven(const void* pointer, const char* argument);  // false for null
+  Mapping* FindMapping(const int key[3]);
   Filter* FindFilter(Mapping& mapping, int index);
   Filter* FindFilter(const int key[3], int index);
 
-  bool Refuse(const char* reason, int code = -1);  // logs "name: reason"; false
+  bool Refuse(const char* reason,
+              StatusCode code = StatusCode::Refused);  // logs "name: reason"; false
 
-  // Takes the device from the sampling thread, which gives it up after each frame, for the rest of
-  // the call. False, and said, when it does not within two seconds: it hangs in the device.
+  // Takes the device from the sampling thread, which releases it after each frame, until the call
+  // ends. False, and logged, if the thread does not release it within two seconds.
   bool UseDevice();
 
   ~ControlCall();
@@ -38,7 +40,7 @@ class ControlCall {
  private:
   static constexpr Milliseconds kDevicePatience{2000};
 
-  // Tells the sampling thread that somebody waits.
+  // Tells the sampling thread that a call waits.
   class Pending {
    public:
     explicit Pending(std::atomic<int>& calls) : calls_(calls) { ++calls_; }
@@ -54,13 +56,13 @@ class ControlCall {
   const char* const name_;
   const Pending pending_;
   EngineLock lock_;
-  std::shared_ptr<TrackerDevice> used_;  // whose inUse() we hold
+  std::shared_ptr<TrackerDevice> used_;  // this call holds its inUse()
 };
 
 // A key as hosts pass it: device, bin, pose index.
 inline MappingKey KeyFrom(const int key[3]) { return {key[0], key[1], key[2]}; }
 
-// The row of a table of attributes that has the number; null where none has.
+// The row of an attribute table with that number; null if there is none.
 template <typename Row, std::size_t Count>
 const Row* FindRow(const Row (&rows)[Count], int id) {
   for (const Row& row : rows) {

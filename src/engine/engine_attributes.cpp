@@ -48,7 +48,7 @@ int RollOf(const StartConfig& config) {
 
 struct IntRow {
   EngineAttribute id;
-  bool ofDevice;  // asks the device, so waits for it
+  bool asksDevice;  // and so waits for the frame being read
   int (*get)(EngineState& state);
 };
 constexpr IntRow kIntRows[] = {
@@ -101,20 +101,20 @@ bool TrackerEngine::GetAvailableAttributes(int count, AttributeInfo* rows) {
 
 bool TrackerEngine::GetAttributeInt(int id, int* value) {
   ControlCall call(*state_, "GetAttributeInt");
-  if (!call.Open() || !call.Given(value, "val")) return false;
+  if (!call.IsOpen() || !call.IsGiven(value, "val")) return false;
   const IntRow* const row = FindRow(kIntRows, id);
   if (row == nullptr) {
-    state_->status.SetStatus(-1, "SetAttributeInt: Invalid Attribute");
+    state_->status.SetStatus(StatusCode::Refused, "SetAttributeInt: Invalid Attribute");
     return false;
   }
-  if (row->ofDevice && !call.UseDevice()) return false;
+  if (row->asksDevice && !call.UseDevice()) return false;
   *value = row->get(*state_);
   return true;
 }
 
 bool TrackerEngine::GetAttributeFloatArray(int id, int count, float* values) {
   ControlCall call(*state_, "GetAttributeFloatArray");
-  if (!call.Open() || values == nullptr) return false;
+  if (!call.IsOpen() || values == nullptr) return false;
   const FloatsRow* const row = FindRow(kFloatsRows, id);
   if (row == nullptr) return call.Refuse("Invalid Attribute");
   const std::span<float> from = row->values(state_->config);
@@ -125,7 +125,7 @@ bool TrackerEngine::GetAttributeFloatArray(int id, int count, float* values) {
 
 bool TrackerEngine::GetAttributeString(int id, int size, char* text) {
   ControlCall call(*state_, "GetAttributeString");
-  if (!call.Open() || text == nullptr || size <= 0) return false;
+  if (!call.IsOpen() || text == nullptr || size <= 0) return false;
   switch (static_cast<EngineAttribute>(id)) {
     case EngineAttribute::TrackerName:
       CopyUpTo(text, size, state_->trackerName.c_str());
@@ -148,13 +148,13 @@ bool TrackerEngine::GetAttributeString(int id, int size, char* text) {
 
 // ---- Changing --------------------------------------------------------------------------------
 
-// Runs `change` with the sampling thread stopped, if the change asks for it, and starts the thread
-// again if it ran. While the thread ends the lock is left, so the engine may have been closed.
+// Runs `change`; with `stop`, stops the sampling thread first and starts it again afterwards if it
+// ran. Leaves the lock while the thread ends, so the engine may be closed then.
 template <typename Change>
 bool TrackerEngine::ChangeWhileStopped(ControlCall& call, bool stop, Change change) {
   const bool ran = stop && worker_.IsRunning();
   if (ran) call.lock().Leave([this] { worker_.Stop(true); });
-  if (!call.Open()) return false;
+  if (!call.IsOpen()) return false;
   const bool changed = change();
   if (ran) StartSampling(call.lock());
   return changed;
@@ -162,14 +162,14 @@ bool TrackerEngine::ChangeWhileStopped(ControlCall& call, bool stop, Change chan
 
 bool TrackerEngine::SetAttributeInt(int id, int value) {
   ControlCall call(*state_, "SetAttributeInt");
-  if (!call.Open()) return false;
+  if (!call.IsOpen()) return false;
   const auto attribute = static_cast<EngineAttribute>(id);
   const bool stops =
       attribute == EngineAttribute::SharedMemoryId || attribute == EngineAttribute::SensorMask ||
       attribute == EngineAttribute::ComponentMask || attribute == EngineAttribute::Units ||
       attribute == EngineAttribute::Synchronization;
   const bool set = ChangeWhileStopped(call, stops, [&] { return SetInt(call, attribute, value); });
-  return set || call.Refuse("Set Failed", -3);
+  return set || call.Refuse("Set Failed", StatusCode::Port);
 }
 
 bool TrackerEngine::SetInt(ControlCall& call, EngineAttribute attribute, int value) {
@@ -179,7 +179,8 @@ bool TrackerEngine::SetInt(ControlCall& call, EngineAttribute attribute, int val
     case EngineAttribute::SharedMemoryId:
       return SetSharedMemoryDevice(call.lock(), value);
     case EngineAttribute::JoystickPort:
-      if (!call.UseDevice()) return false;  // the sampling thread reads both under one lock
+      if (!call.UseDevice())
+        return false;  // the sampling thread reads the joystick under the same lock
       config.joystickPort = value;
       if (value != 0) AttachJoystick(call.lock());
       return true;
@@ -190,7 +191,7 @@ bool TrackerEngine::SetInt(ControlCall& call, EngineAttribute attribute, int val
       config.streaming = value;
       return true;
     case EngineAttribute::DeviceType:
-      return call.Refuse("MtsDeviceType cannot be set.", -2);
+      return call.Refuse("MtsDeviceType cannot be set.", StatusCode::NotAllowed);
     default:
       break;
   }
@@ -221,7 +222,7 @@ bool TrackerEngine::SetInt(ControlCall& call, EngineAttribute attribute, int val
       device.SetSynchronization(value);
       return true;
     default:
-      return call.Refuse("Invalid Attribute", -2);
+      return call.Refuse("Invalid Attribute", StatusCode::NotAllowed);
   }
 }
 
@@ -230,24 +231,24 @@ void TrackerEngine::ReportStatusOnDemand(TrackerDevice& device) {
   if (device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1) == 0) return;
   std::printf("STATUS: %s\n", text.data());
   std::fflush(stdout);
-  state_->status.SetStatus(1, text.data());
+  state_->status.SetStatus(StatusCode::Progress, text.data());
 }
 
 bool TrackerEngine::SetAttributeFloatArray(int id, int count, const float* values) {
   ControlCall call(*state_, "SetAttributeFloatArray");
-  if (!call.Open()) return false;
+  if (!call.IsOpen()) return false;
   const FloatsRow* const row = FindRow(kFloatsRows, id);
   const bool stops = row != nullptr && row->id != EngineAttribute::Offset;
   const bool set = ChangeWhileStopped(call, stops, [&] {
-    if (row == nullptr) return call.Refuse("Invalid Attribute", -3);
+    if (row == nullptr) return call.Refuse("Invalid Attribute", StatusCode::Port);
     const std::span<float> into = row->values(state_->config);
     if (count != static_cast<int>(into.size())) return call.Refuse(row->wrongCount);
-    if (!call.Given(values, "vec") || !call.UseDevice()) return false;
+    if (!call.IsGiven(values, "vec") || !call.UseDevice()) return false;
     std::copy_n(values, into.size(), into.begin());
     PushFloats(call, row->id);
     return true;
   });
-  return set || call.Refuse("Set Failed", -3);
+  return set || call.Refuse("Set Failed", StatusCode::Port);
 }
 
 void TrackerEngine::PushFloats(ControlCall& call, EngineAttribute attribute) {
@@ -258,13 +259,13 @@ void TrackerEngine::PushFloats(ControlCall& call, EngineAttribute attribute) {
   } else if (attribute == EngineAttribute::Hemisphere) {
     device.SetHemisphere(-1, config.hemisphere.data());
   } else {
-    PushAlignment(*state_, call.lock(), 1);
+    PushAlignment(*state_, call.lock(), StatusCode::Progress);
   }
 }
 
 bool TrackerEngine::SetAttributeString(int id, const char* text) {
   ControlCall call(*state_, "SetAttributeString");
-  if (!call.Open() || !call.Given(text, "str")) return false;
+  if (!call.IsOpen() || !call.IsGiven(text, "str")) return false;
   const auto attribute = static_cast<EngineAttribute>(id);
   const bool known =
       attribute == EngineAttribute::TrackerName || attribute == EngineAttribute::CurrentStatus ||
@@ -272,12 +273,12 @@ bool TrackerEngine::SetAttributeString(int id, const char* text) {
   if (!known) return call.Refuse("Invalid Attribute");
   const bool stops = attribute == EngineAttribute::Protocol;
   const bool set = ChangeWhileStopped(call, stops, [&] { return SetText(call, attribute, text); });
-  if (!set) state_->status.SetStatus(-3, "SetAttributeFloatArray: Set Failed");
+  if (!set) state_->status.SetStatus(StatusCode::Port, "SetAttributeFloatArray: Set Failed");
   return set;
 }
 
 bool TrackerEngine::SetText(ControlCall& call, EngineAttribute attribute, const char* text) {
-  if (attribute == EngineAttribute::CurrentStatus) return true;  // accepted, without effect
+  if (attribute == EngineAttribute::CurrentStatus) return true;  // accepted without effect
   if (attribute == EngineAttribute::TrackerName) {
     state_->trackerName = text;
     return true;
@@ -285,7 +286,8 @@ bool TrackerEngine::SetText(ControlCall& call, EngineAttribute attribute, const 
   if (attribute == EngineAttribute::Protocol) return SetProtocol(call, text);
   if (!call.UseDevice()) return false;
   if (call.device().SetControlString(text)) return true;
-  state_->status.SetStatusF(-1, "SetAttributeString: SetControlString(%s) failed", text);
+  state_->status.SetStatusF(StatusCode::Refused, "SetAttributeString: SetControlString(%s) failed",
+                            text);
   return false;
 }
 
@@ -298,8 +300,8 @@ bool TrackerEngine::SetProtocol(ControlCall& call, const char* text) {
   const int got = call.device().SetProtocol(asked);
   if (got == asked) return true;
   state_->status.SetStatusF(
-      -1, "SetAttributeString: MtsProtocol failed. Requested protocol %d, returned %d.", asked,
-      got);
+      StatusCode::Refused,
+      "SetAttributeString: MtsProtocol failed. Requested protocol %d, returned %d.", asked, got);
   return false;
 }
 

@@ -1,5 +1,5 @@
-// The mapping table, the filters of each mapping, and what has been published for it: the part of
-// TrackerEngine that a host program reaches by key.
+// The part of TrackerEngine that a host program reaches by a mapping's key: the mapping table, the
+// filters of each mapping, and the data published for it.
 
 #include <algorithm>
 #include <array>
@@ -33,7 +33,7 @@ bool IsDestination(const int key[3]) {
 
 // ---- Published components --------------------------------------------------------------------
 
-// The three that are read from the block of the mapping's bin.
+// The components that are read from the block of the mapping's bin.
 struct ComponentRow {
   MappingAttribute id;
   int count;
@@ -67,14 +67,14 @@ bool GetStatistic(const RunningStats& statistic, int count, float* values) {
   return true;
 }
 
-// Both typed readers of a mapping's attributes speak of themselves by this name.
+// Both readers of published data use this name in their messages: kept for compatibility.
 bool RefusePublished(ControlCall& call, const char* reason) {
-  call.state().status.SetStatusF(-1, "GetFilterAttributeInt: %s", reason);
+  call.state().status.SetStatusF(StatusCode::Refused, "GetFilterAttributeInt: %s", reason);
   return false;
 }
 
-// Copies the bin that the mapping is published in. The reader stays with the mapping, and with it
-// the last published data once sampling has ended.
+// Copies the bin in which the mapping is published. The mapping keeps the reader, so the last
+// published data stays readable after sampling has ended.
 bool ReadPublished(ControlCall& call, const int key[3], Mapping& mapping, SharedTrackBlock& into) {
   constexpr const char* kFailed = "Unable to open shared memory to desired mapping.";
   if (key[0] < 0 || key[0] >= kSharedDevices) return RefusePublished(call, kFailed);
@@ -93,18 +93,18 @@ bool ReadPublished(ControlCall& call, const int key[3], Mapping& mapping, Shared
 
 bool TrackerEngine::GetMappingSize(int* count) {
   ControlCall call(*state_, "GetMappingSize");
-  if (!call.Open() || count == nullptr) return false;
+  if (!call.IsOpen() || count == nullptr) return false;
   *count = static_cast<int>(state_->mappings.size());
   return true;
 }
 
 bool TrackerEngine::GetMappingList(int count, int* keys) {
   ControlCall call(*state_, "GetMappingList");
-  if (!call.Open()) return false;
+  if (!call.IsOpen()) return false;
   if (count != static_cast<int>(state_->mappings.size())) {
     return call.Refuse("Invalid mapping size requested");
   }
-  if (count > 0 && !call.Given(keys, "keys")) return false;
+  if (count > 0 && !call.IsGiven(keys, "keys")) return false;
   for (const auto& [key, mapping] : state_->mappings) {
     *keys++ = key.shmDevice;
     *keys++ = key.bin;
@@ -115,8 +115,8 @@ bool TrackerEngine::GetMappingList(int count, int* keys) {
 
 bool TrackerEngine::GetMapping(const int key[3], int* sensor) {
   ControlCall call(*state_, "GetMapping");
-  if (!call.Open() || sensor == nullptr) return false;
-  const Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || sensor == nullptr) return false;
+  const Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   *sensor = mapping->sensor;
   return true;
@@ -124,13 +124,13 @@ bool TrackerEngine::GetMapping(const int key[3], int* sensor) {
 
 bool TrackerEngine::SetMapping(const int key[3], int sensor) {
   ControlCall call(*state_, "SetMapping");
-  if (!call.Open() || !call.Given(key, "key")) return false;
+  if (!call.IsOpen() || !call.IsGiven(key, "key")) return false;
   const MappingKey here = {state_->config.shmDevice, key[1], key[2]};
   if (sensor < 0) {
     state_->mappings.erase(here);
     return true;
   }
-  // A destination or a sensor that could never be published is a mistake of the host's.
+  // A destination or a sensor that can never be published is a mistake of the host.
   if (!IsDestination(key) || sensor >= kPoseSlots) return call.Refuse("Invalid Mapping");
   state_->MappingAt(here).sensor = sensor;
   return true;
@@ -140,15 +140,15 @@ bool TrackerEngine::SetMapping(const int key[3], int sensor) {
 
 int TrackerEngine::AddFilter(const int key[3], int filterType) {
   ControlCall call(*state_, "AddFilter");
-  if (!call.Open()) return 0;
-  if (!call.Given(key, "key")) return -1;
+  if (!call.IsOpen()) return 0;
+  if (!call.IsGiven(key, "key")) return -1;
   if (!IsDestination(key)) call.Refuse("Invalid Mapping");
   return IsDestination(key) ? state_->MappingAt(KeyFrom(key)).filters.AddFilter(filterType) : -1;
 }
 
 bool TrackerEngine::ClearFilters(const int key[3]) {
   ControlCall call(*state_, "ClearFilters");
-  if (!call.Open() || !call.Given(key, "key")) return false;
+  if (!call.IsOpen() || !call.IsGiven(key, "key")) return false;
   if (!IsDestination(key)) return call.Refuse("Invalid Mapping");
   state_->MappingAt(KeyFrom(key)).filters.ClearFilters();
   return true;
@@ -156,14 +156,14 @@ bool TrackerEngine::ClearFilters(const int key[3]) {
 
 bool TrackerEngine::ClearFilter(const int key[3], int index) {
   ControlCall call(*state_, "ClearFilter");
-  Mapping* const mapping = call.Open() ? call.Find(key) : nullptr;
+  Mapping* const mapping = call.IsOpen() ? call.FindMapping(key) : nullptr;
   return mapping != nullptr && mapping->filters.RemoveFilter(index);
 }
 
 bool TrackerEngine::GetNumFilters(const int key[3], int* count) {
   ControlCall call(*state_, "GetNumFilters");
-  if (!call.Open() || count == nullptr) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || count == nullptr) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   *count = mapping->filters.GetNumFilters();
   return true;
@@ -171,7 +171,7 @@ bool TrackerEngine::GetNumFilters(const int key[3], int* count) {
 
 bool TrackerEngine::GetFilterType(const int key[3], int index, int* type) {
   ControlCall call(*state_, "GetFilterType");
-  if (!call.Open() || type == nullptr) return false;
+  if (!call.IsOpen() || type == nullptr) return false;
   Filter* const filter = call.FindFilter(key, index);
   if (filter == nullptr) return false;
   *type = static_cast<int>(filter->GetType());
@@ -180,13 +180,13 @@ bool TrackerEngine::GetFilterType(const int key[3], int index, int* type) {
 
 bool TrackerEngine::MoveFilter(const int key[3], int index, bool up) {
   ControlCall call(*state_, "MoveFilter");
-  Mapping* const mapping = call.Open() ? call.Find(key) : nullptr;
+  Mapping* const mapping = call.IsOpen() ? call.FindMapping(key) : nullptr;
   return mapping != nullptr && mapping->filters.MoveFilter(index, up);
 }
 
 bool TrackerEngine::EnableFilter(const int key[3], int index, bool enable) {
   ControlCall call(*state_, "EnableFilter");
-  Filter* const filter = call.Open() ? call.FindFilter(key, index) : nullptr;
+  Filter* const filter = call.IsOpen() ? call.FindFilter(key, index) : nullptr;
   if (filter == nullptr) return false;
   filter->Enable(enable);
   return true;
@@ -194,7 +194,7 @@ bool TrackerEngine::EnableFilter(const int key[3], int index, bool enable) {
 
 bool TrackerEngine::GetFilterEnabled(const int key[3], int index, bool* enabled) {
   ControlCall call(*state_, "GetFilterEnabled");
-  if (!call.Open() || enabled == nullptr) return false;
+  if (!call.IsOpen() || enabled == nullptr) return false;
   Filter* const filter = call.FindFilter(key, index);
   if (filter == nullptr) return false;
   *enabled = filter->IsEnabled();
@@ -203,20 +203,21 @@ bool TrackerEngine::GetFilterEnabled(const int key[3], int index, bool* enabled)
 
 // ---- Filter attributes -----------------------------------------------------------------------
 
-// Finds the filter whose attribute is to be set. A mapping's own attributes cannot be; whatever
-// the type, that is said in the same words.
+// Finds the filter whose attribute is to be set. The attributes of a mapping itself cannot be set;
+// the message is the same for every type.
 Filter* TrackerEngine::SettableFilter(ControlCall& call, const int key[3], int index) {
-  Mapping* const mapping = call.Find(key);
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return nullptr;
   if (index != kMappingItself) return call.FindFilter(*mapping, index);
-  state_->status.SetStatus(-1, "SetFilterAttributeInt: No settable Mapping Attributes");
+  state_->status.SetStatus(StatusCode::Refused,
+                           "SetFilterAttributeInt: No settable Mapping Attributes");
   return nullptr;
 }
 
 bool TrackerEngine::SetFilterAttributeInt(const int key[3], int index, int id, int value) {
   ControlCall call(*state_, "SetFilterAttributeInt");
   if (!state_->isOpen) {
-    state_->status.SetStatus(-1, "GetFilterAttributeInt: MTS Not Open");
+    state_->status.SetStatus(StatusCode::Refused, "GetFilterAttributeInt: MTS Not Open");
     return false;
   }
   Filter* const filter = SettableFilter(call, key, index);
@@ -225,29 +226,29 @@ bool TrackerEngine::SetFilterAttributeInt(const int key[3], int index, int id, i
 
 bool TrackerEngine::SetFilterAttributeDouble(const int key[3], int index, int id, double value) {
   ControlCall call(*state_, "SetFilterAttributeDouble");
-  Filter* const filter = call.Open() ? SettableFilter(call, key, index) : nullptr;
+  Filter* const filter = call.IsOpen() ? SettableFilter(call, key, index) : nullptr;
   return filter != nullptr && filter->SetAttributeDouble(id, value);
 }
 
 bool TrackerEngine::SetFilterAttributeFloatArray(const int key[3], int index, int id, int count,
                                                  const float* values) {
   ControlCall call(*state_, "SetFilterAttributeFloatArray");
-  Filter* const filter = call.Open() ? SettableFilter(call, key, index) : nullptr;
+  Filter* const filter = call.IsOpen() ? SettableFilter(call, key, index) : nullptr;
   return filter != nullptr && filter->SetAttributeFloatArray(id, count, values);
 }
 
 bool TrackerEngine::SetFilterAttributeString(const int key[3], int index, int id,
                                              const char* text) {
   ControlCall call(*state_, "SetFilterAttributeString");
-  Filter* const filter = call.Open() ? SettableFilter(call, key, index) : nullptr;
-  if (filter == nullptr || !call.Given(text, "str")) return false;
+  Filter* const filter = call.IsOpen() ? SettableFilter(call, key, index) : nullptr;
+  if (filter == nullptr || !call.IsGiven(text, "str")) return false;
   return filter->SetAttributeString(id, static_cast<int>(std::strlen(text)), text);
 }
 
 bool TrackerEngine::GetFilterAttributeInt(const int key[3], int index, int id, int* value) {
   ControlCall call(*state_, "GetFilterAttributeInt");
-  if (!call.Open() || !call.Given(value, "val")) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || !call.IsGiven(value, "val")) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index != kMappingItself) {
     Filter* const filter = call.FindFilter(*mapping, index);
@@ -265,8 +266,8 @@ bool TrackerEngine::GetFilterAttributeInt(const int key[3], int index, int id, i
 
 bool TrackerEngine::GetFilterAttributeDouble(const int key[3], int index, int id, double* value) {
   ControlCall call(*state_, "GetFilterAttributeDouble");
-  if (!call.Open() || !call.Given(value, "val")) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || !call.IsGiven(value, "val")) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) return call.Refuse("Invalid Attribute");
   Filter* const filter = call.FindFilter(*mapping, index);
@@ -276,8 +277,8 @@ bool TrackerEngine::GetFilterAttributeDouble(const int key[3], int index, int id
 bool TrackerEngine::GetFilterAttributeFloatArray(const int key[3], int index, int id, int count,
                                                  float* values) {
   ControlCall call(*state_, "GetFilterAttributeFloatArray");
-  if (!call.Open() || !call.Given(values, "vec")) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || !call.IsGiven(values, "vec")) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) return GetMappingFloats(call, key, *mapping, id, count, values);
   Filter* const filter = call.FindFilter(*mapping, index);
@@ -302,8 +303,8 @@ bool TrackerEngine::GetMappingFloats(ControlCall& call, const int key[3], Mappin
 bool TrackerEngine::GetFilterAttributeString(const int key[3], int index, int id, int size,
                                              char* text) {
   ControlCall call(*state_, "GetFilterAttributeString");
-  if (!call.Open() || !call.Given(text, "str")) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || !call.IsGiven(text, "str")) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index != kMappingItself) {
     Filter* const filter = call.FindFilter(*mapping, index);
@@ -316,8 +317,8 @@ bool TrackerEngine::GetFilterAttributeString(const int key[3], int index, int id
 
 bool TrackerEngine::GetNumAvailableFilterAttributes(const int key[3], int index, int* count) {
   ControlCall call(*state_, "GetNumAvailableFilterAttributes");
-  if (!call.Open() || !call.Given(count, "num_attrs")) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || !call.IsGiven(count, "num_attrs")) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) {
     *count = static_cast<int>(std::size(kMappingAttributes));
@@ -330,8 +331,8 @@ bool TrackerEngine::GetNumAvailableFilterAttributes(const int key[3], int index,
 bool TrackerEngine::GetAvailableFilterAttributes(const int key[3], int index, int count,
                                                  AttributeInfo* rows) {
   ControlCall call(*state_, "GetAvailableFilterAttributes");
-  if (!call.Open() || !call.Given(rows, "attrs")) return false;
-  Mapping* const mapping = call.Find(key);
+  if (!call.IsOpen() || !call.IsGiven(rows, "attrs")) return false;
+  Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) return CopyAttributeRows(kMappingAttributes, count, rows);
   Filter* const filter = call.FindFilter(*mapping, index);

@@ -26,7 +26,7 @@ Recovery::Recovery(std::shared_ptr<EngineState> state, std::shared_ptr<TrackerDe
 
 void Recovery::NoteFrame() {
   if (trouble_ != Trouble::None) {
-    Announce(state_->status, "\n\t", 1, "%s is back after %.1f seconds.", name_,
+    Announce(state_->status, "\n\t", StatusCode::Progress, "%s is back after %.1f seconds.", name_,
              SecondsSince(lastFrame_));
     std::fputs("\nRunning ...  ", stderr);
     trouble_ = Trouble::None;
@@ -47,7 +47,7 @@ void Recovery::Report(Trouble trouble) {
   trouble_ = trouble;
   pause_ = kFirstPause;
   next_ = Deadline(trouble == Trouble::PortGone ? kFirstPause : Milliseconds(0));
-  Announce(state_->status, "\n\t", -3,
+  Announce(state_->status, "\n\t", StatusCode::Port,
            trouble == Trouble::PortGone ? "The port of %s has gone; waiting for it ... "
                                         : "%s sends nothing usable; starting it anew ... ",
            name_);
@@ -63,7 +63,7 @@ bool Recovery::Try(const EngineLock& lock) {
   if (!next_.Passed()) return false;
   const bool booted = Reopen();
   if (booted) ApplyConfiguration(*state_, lock);
-  // One that has just booted is given the time to deliver.
+  // A device that has just booted gets time to deliver.
   next_ = Deadline(booted ? std::max(pause_, kSilencePatience) : pause_);
   pause_ = std::min(pause_ * 2, kLongestPause);
   return booted;
@@ -80,8 +80,8 @@ bool Recovery::Reopen() {
 bool Recovery::SameDevice() {
   if (device_->GetDeviceType(nullptr, 0) == deviceType_) return true;
   if (!strangerReported_) {
-    Announce(state_->status, "\n\t", -3, "%s answers in place of %s; it is left alone.",
-             device_->GetDeviceName(), name_);
+    Announce(state_->status, "\n\t", StatusCode::Port,
+             "%s answers in place of %s; it is left alone.", device_->GetDeviceName(), name_);
     strangerReported_ = true;
   }
   return false;

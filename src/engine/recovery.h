@@ -1,37 +1,37 @@
-// Brings a tracker on a serial port, or on a connection of its own, back that has stopped
-// delivering: unplugged, silent, or restarted and without its settings.
+// Brings a tracker back that has stopped delivering: unplugged, silent, or restarted and without
+// its settings. The tracker is on a serial port or on a connection of its own.
 //
-// The port is opened again by name, at growing intervals, and the device booted; only one that
-// identifies itself as the same model is given its configuration, for by then another device may
-// have the name. What is wrong is said once, and once when all is well again.
+// Opens the port again by name, at growing intervals, and boots the device. Only a device that
+// identifies itself as the same model is configured, because another device may have the name by
+// then. The trouble is reported once, and its end once.
 //
-// Threads  the sampling thread's own. An attempt runs under the engine lock and takes as long as
-//          the device's boot.
+// Threads  the sampling thread. An attempt runs under the engine lock and takes as long as the boot
+//          of the device.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 
-#include "devices/own_connection.h"
+#include "devices/optional_interfaces.h"
 #include "engine/engine_state.h"
 
 namespace kinetrel {
 
 class Recovery {
  public:
-  // A tracker that never fails for longer than this is left alone, unless its port has gone.
+  // A tracker is started anew when it delivers nothing for longer than this.
   static constexpr Milliseconds kSilencePatience{3000};
   static constexpr Milliseconds kFirstPause{500};
   static constexpr Milliseconds kLongestPause{5000};
 
-  // For a booted device; one that has neither a serial port open nor a connection of its own is
-  // never touched.
+  // The device is booted. A device with neither an open serial port nor a connection of its own is
+  // never started anew.
   Recovery(std::shared_ptr<EngineState> state, std::shared_ptr<TrackerDevice> device);
 
-  void NoteFrame();  // a good one
+  void NoteFrame();  // after a good frame
 
-  // After a failed frame. True when the device has just been booted and configured anew and must
-  // be told to send again.
+  // After a failed frame. True if this call booted and configured the device: the caller then
+  // starts continuous output again.
   bool Try(const EngineLock& lock);
 
  private:
@@ -46,7 +46,7 @@ class Recovery {
   const std::shared_ptr<TrackerDevice> device_;
   OwnConnection* const own_;  // null: the serial port
   const bool followed_;
-  const int deviceType_;  // as the device reports it, model included
+  const int deviceType_;  // as the device reports it, with the model
   const char* name_;
 
   Trouble trouble_ = Trouble::None;

@@ -6,7 +6,6 @@
 #include <thread>
 #include <utility>
 
-#include "devices/station_mask.h"
 #include "platform/thread.h"
 #include "platform/transient_output.h"
 

@@ -9,8 +9,7 @@
 #include <memory>
 #include <optional>
 
-#include "devices/button_bits.h"
-#include "devices/packed_records.h"
+#include "devices/optional_interfaces.h"
 #include "engine/engine_state.h"
 #include "engine/recovery.h"
 #include "publish/shared_track_writer.h"

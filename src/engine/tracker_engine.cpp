@@ -4,14 +4,13 @@
 #include <new>
 #include <utility>
 
-#include "devices/station_mask.h"
 #include "engine/apply_configuration.h"
 #include "engine/sample_loop.h"
 
 namespace kinetrel {
 namespace {
 
-// What its library delivers from the start, whatever was configured before.
+// Its library delivers Euler angles from the start, whatever was configured before.
 constexpr int kIsenseType = 6;
 
 // Types that once had a driver; refused by name.
@@ -43,7 +42,7 @@ StartConfig TrackerEngine::Configuration() const {
 
 OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration) {
   EngineLock lock(state_->mutex);
-  // A Close that waits for the sampling thread has left the lock, and the device is still there.
+  // A Close that waits for the sampling thread leaves the lock while the device still exists.
   if (state_->isOpen || state_->device != nullptr) {
     state_->status.SetStatus(StatusCode::NotAllowed, "Open: MTS already open");
     return OpenResult::AlreadyOpen;
@@ -62,7 +61,7 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
 }
 
 OpenResult TrackerEngine::Attach(const EngineLock& lock) {
-  std::shared_ptr<TrackerDevice> device = MakeDeviceOrSay(state_->config.deviceType);
+  std::shared_ptr<TrackerDevice> device = MakeDevice(state_->config.deviceType);
   if (device == nullptr) return OpenResult::NoDevice;
   device->SetStatusLog(&state_->status);
   Announce(state_->status, "\n", StatusCode::Progress, "Initializing %s... ",
@@ -79,7 +78,7 @@ OpenResult TrackerEngine::Attach(const EngineLock& lock) {
   return OpenResult::Opened;
 }
 
-std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
+std::unique_ptr<TrackerDevice> TrackerEngine::MakeDevice(int deviceType) {
   StatusLog& log = state_->status;
   for (const RetiredType& retired : kRetiredTypes) {
     if (retired.type != deviceType) continue;
@@ -90,7 +89,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDeviceOrSay(int deviceType) {
   std::unique_ptr<TrackerDevice> device;
   try {
     device = factory_.device(deviceType);
-  } catch (const std::bad_alloc&) {  // said as if the type had no driver
+  } catch (const std::bad_alloc&) {  // reported like a type without a driver
   }
   if (device == nullptr) {
     std::fprintf(stderr, "Unknown TYPE tistart.dtyp = %d", deviceType);
@@ -139,7 +138,7 @@ bool TrackerEngine::BootDevice(TrackerDevice& device) {
 
 bool TrackerEngine::AttachJoystick(const EngineLock&) {
   if (state_->joystick != nullptr) return state_->joystick->Boot(0) == 1;
-  // -j only switches it on; the joystick is always the first.
+  // -j only switches the joystick on; the first joystick is used.
   std::shared_ptr<DAQControl> joystick = factory_.joystick(0);
   const int id = joystick != nullptr ? joystick->GetId() : 0;
   const int booted = joystick != nullptr ? joystick->Boot(0) : 0;
@@ -157,11 +156,11 @@ bool TrackerEngine::Close() {
   if (!state_->isOpen.exchange(false)) return false;
   worker_.Stop(true);
   EngineLock lock(state_->mutex);
-  // Once more: a call that was under the lock may have started a thread since.
+  // Again, because a call that held the lock may have started a thread since.
   lock.Leave([this] { worker_.Stop(true); });
   state_->joystick.reset();
-  // A thread that was abandoned has the device too and is still in it: the port is closed with
-  // the device, when the thread comes back and gives it up.
+  // An abandoned thread still uses the device and co-owns it. The port closes with the device when
+  // that thread releases it.
   if (state_->device.use_count() == 1) state_->device->ClosePort();
   state_->device.reset();
   state_->config.shmDevice = StartConfig::kShmFromPort;
@@ -231,7 +230,7 @@ bool TrackerEngine::StartSampling() {
   return StartSampling(lock);
 }
 
-// Under the lock, so that no run begins behind the back of a Close.
+// Under the lock, so that no run starts during a Close.
 bool TrackerEngine::StartSampling(const EngineLock&) {
   if (!state_->isOpen) return false;
   const bool started =

@@ -1,10 +1,10 @@
-// The one object of a run: configuration, device, mappings, status log and sampling thread.
+// The engine: configuration, device, mappings, status log and sampling thread of one tracker.
 //
-// Closed when constructed; Open, StartSampling, Close, and again if wished. Progress and failures
-// are printed on the standard error stream and kept in the status log.
+// A new engine is closed. Call Open, StartSampling and Close, as often as needed. The engine prints
+// progress and failures on the standard error stream and keeps them in the status log.
 //
-// Threads  any operation may be called from any thread; each takes the engine's lock, which the
-//          sampling thread gives up between frames.
+// Threads  any thread may call any operation; each takes the engine's lock, which the sampling
+//          thread releases between frames.
 #pragma once
 
 #include <memory>
@@ -12,14 +12,14 @@
 #include "devices/device_factory.h"
 #include "engine/engine_state.h"
 #include "engine/worker_thread.h"
-#include "filters/attribute_info.h"
+#include "filters/filter.h"
 
 namespace kinetrel {
 
 // Outcomes of Open.
 enum class OpenResult : int {
   Opened = 0,
-  NoDevice = -1,  // a type that has no driver
+  NoDevice = -1,  // no driver for the type
   AlreadyOpen = -2,
   PortFailed = -3,
   BootFailed = -4,
@@ -29,8 +29,8 @@ class ControlCall;
 
 // The numbers of the engine's attributes, in the order of their table.
 enum class EngineAttribute : int {
-  TrackerName = 0,  // text: the host's own
-  CurrentStatus,    // text: the newest status; setting it has no effect
+  TrackerName = 0,  // text: a name that the host gives
+  CurrentStatus,    // text: the newest status message; setting it has no effect
   SharedMemoryId,   // 0..15, or negative: from the port
   SensorMask,
   ComponentMask,
@@ -40,17 +40,17 @@ enum class EngineAttribute : int {
   Hemisphere,      // 3 floats
   AlignX,          // 3 floats
   AlignY,          // 3 floats
-  RollAllSensors,  // 1, 0; -1 read: the offset's roll is another
+  RollAllSensors,  // 1 or 0; reads -1 if the offset has another roll
   Bore,
   Continuous,
-  Query,  // setting it nonzero asks and prints at once
+  Query,  // setting it to nonzero asks the device and prints its status at once
   Synchronization,
   Protocol,       // text that begins with the number
   ControlString,  // text for the driver
-  DeviceType,     // read: the open device's status word; cannot be set
+  DeviceType,     // the status word of the open device; cannot be set
 };
 
-// The numbers of a mapping's attributes, which a filter index of -1 addresses. None can be set.
+// The numbers of a mapping's attributes, which a filter index of -1 selects. All are read-only.
 enum class MappingAttribute : int {
   Name = 0,
   Position,     // 3 floats, as published
@@ -70,46 +70,46 @@ class TrackerEngine {
   TrackerEngine(const TrackerEngine&) = delete;
   TrackerEngine& operator=(const TrackerEngine&) = delete;
 
-  // Replaces the start configuration, after the mappings were made anew for the sensors of the old
-  // one.
+  // Replaces the start configuration. Resets the mappings first, for the sensors of the old one.
   void Configure(const StartConfig& config);
   StartConfig Configuration() const;  // a copy
 
-  // Makes the driver of the type, opens its port, boots and configures it. Takes as long as the
-  // device does.
+  // Makes the driver of the type, opens its port, boots and configures the device. Takes as long as
+  // the device needs.
   //
   // port                 n of COMn, or StartConfig::kUsbPort.
-  // resetConfiguration   start from the defaults instead of what was configured.
+  // resetConfiguration   true: starts from the default configuration.
   OpenResult Open(int deviceType, int port, bool resetConfiguration);
 
-  // Stops sampling and gives the device back. False when not open.
+  // Stops sampling and closes the device. False if the engine is not open.
   bool Close();
   bool IsOpen() const;
 
-  bool StartSampling();                           // false: not open, or no thread is to be had
-  bool StopSampling(bool wait);                   // true; with `wait`, after up to 10 s
+  bool StartSampling();                           // false: not open, or no thread started
+  bool StopSampling(bool wait);                   // true; with `wait`, returns after at most 10 s
   bool WaitSampling(Milliseconds timeout) const;  // true: no thread, or it ended in time
-  bool HasSamplingThread() const;                 // one was started and has not been told to stop
+  bool HasSamplingThread() const;                 // started, and not yet told to stop
 
-  // Takes the azimuth last read from any sensor as zero for all; and back. Always true.
+  // Makes the azimuth last read from any sensor the zero of all sensors; RestoreAzimuth undoes
+  // that. Always true.
   bool ZeroAzimuth();
   bool RestoreAzimuth();
 
-  // Publishes on device number 0..15, or the one derived from the port when negative. A running
-  // sampling thread is stopped and started again. False, and nothing changed, for 16 and above.
+  // Publishes on device number 0..15; a negative `id` means the number derived from the port. Stops
+  // and restarts a running sampling thread. 16 and above: false, and nothing changes.
   bool SetSharedMemoryDevice(int id);
 
-  // Makes the mapping table anew: sensor i to pose slot i of bin 0, for every enabled sensor.
+  // Makes a new mapping table: sensor i to pose slot i of bin 0, for every enabled sensor.
   bool ResetMappings();
-  bool AddDefaultMappings();  // for those that have none
+  bool AddDefaultMappings();  // adds the missing ones of these
 
   StatusLog& status() { return state_->status; }
 
   // ---- Control -----------------------------------------------------------------------------
-  // Refused while closed, but for the first two. Every refusal leaves all as it was and says why
-  // in the status log. A setting that the device cannot take while it samples stops the sampling
-  // thread and starts it again: its frame counts start afresh. One that reaches the device waits
-  // for the frame being read.
+  // A closed engine refuses all but the first two. A refused call changes nothing and logs the
+  // reason. A setting that the device cannot take while it samples stops and restarts the sampling
+  // thread; the frame counts then begin again. A setting that reaches the device waits for the
+  // frame being read.
 
   bool GetNumAvailableAttributes(int* count);
   bool GetAvailableAttributes(int count, AttributeInfo* rows);  // the first min(count, all)
@@ -123,15 +123,15 @@ class TrackerEngine {
   bool GetAttributeString(int id, int size, char* text);
   bool SetAttributeString(int id, const char* text);
 
-  // A key is {device, bin 0..15, pose slot 0..31}; the device number is carried, not compared.
+  // A key is {device, bin 0..15, pose slot 0..31}. Keys that differ in the device number are equal.
   bool GetMappingSize(int* count);
   bool GetMappingList(int count, int* keys);  // 3 ints a mapping; the count must be the size
   bool GetMapping(const int key[3], int* sensor);
   bool SetMapping(const int key[3], int sensor);  // a negative sensor removes it
 
-  // Filters count from 0 in the order in which they are applied. -1 in the place of a filter's
-  // index means the mapping itself.
-  int AddFilter(const int key[3], int filterType);  // the index, -1: no such type; 0 when closed
+  // Filters are numbered from 0 in the order in which they are applied. The index -1 means the
+  // mapping itself.
+  int AddFilter(const int key[3], int filterType);  // the index; -1: no such type; 0 if closed
   bool ClearFilters(const int key[3]);
   bool ClearFilter(const int key[3], int index);
   bool GetNumFilters(const int key[3], int* count);
@@ -160,7 +160,7 @@ class TrackerEngine {
   bool StartSampling(const EngineLock& lock);
   void ResetMappings(const EngineLock& lock);
   void AddDefaultMappings(const EngineLock& lock);
-  std::unique_ptr<TrackerDevice> MakeDeviceOrSay(int deviceType);
+  std::unique_ptr<TrackerDevice> MakeDevice(int deviceType);
   bool SetSharedMemoryDevice(EngineLock& lock, int id);
 
   template <typename Change>

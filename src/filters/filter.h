@@ -1,22 +1,50 @@
-// A step that changes a pose in place, such as adding a fixed offset, and remembers the last pose
-// that went through it.
+// A filter changes a pose in place, for example by a fixed offset, and keeps the last pose that
+// went through it.
 //
-// A position is 3 floats in the pose's length unit, an orientation a quaternion of 4 floats (scalar
-// first) or 3 Euler angles (yaw, pitch, roll in radians). The arrays are the caller's and never
-// null; the attribute operations alone take null, and refuse it.
+// A position is 3 floats in the length unit of the pose. An orientation is a quaternion of 4 floats
+// (scalar first) or 3 Euler angles (yaw, pitch, roll in radians). The caller owns the arrays; only
+// the attribute operations accept null, and refuse it.
 //
-// Threads  one at a time; whoever owns the filter sees to it.
-// Memory   nothing but copying, cloning and reporting a refusal allocates.
+// Threads  one at a time; the owner of the filter ensures that.
+// Memory   only a copy, a clone and a reported refusal allocate.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <memory>
+#include <span>
+#include <type_traits>
 
 #include "devices/pose.h"
 #include "devices/status_log.h"
-#include "filters/attribute_info.h"
 
 namespace kinetrel {
+
+enum class AttributeType : int {
+  Number = 0,  // a whole number
+  Text = 2,
+  Floats = 3,  // an array of floats
+};
+
+// One attribute that a filter, a mapping or the engine offers: a row of a table whose index is the
+// number of the attribute. Host programs receive these 44 bytes as they are.
+struct AttributeInfo {
+  static constexpr int kTextCount = -1;
+
+  int id = 0;
+  AttributeType valueType = AttributeType::Number;
+  int count = 0;  // of values: 1 for a number, the length of an array, kTextCount for a text
+  char name[32] = {};
+};
+static_assert(sizeof(AttributeInfo) == 44 && std::is_trivially_copyable_v<AttributeInfo>);
+
+// Copies the first rows of the table, at most `count`. False if `rows` is null.
+inline bool CopyAttributeRows(std::span<const AttributeInfo> table, int count,
+                              AttributeInfo* rows) {
+  if (rows == nullptr) return false;
+  std::copy_n(table.begin(), std::clamp(count, 0, static_cast<int>(table.size())), rows);
+  return true;
+}
 
 enum class FilterType : int { Offset = 3, Chain = 9 };
 
@@ -25,12 +53,12 @@ class Filter {
   explicit Filter(FilterType type) : type_(type) {}
   virtual ~Filter() = default;
 
-  // A copy is enabled, whatever its source is; an assignment takes that over too.
+  // A copy is always enabled. An assignment copies the enabled state too.
   Filter(const Filter& other);
   Filter& operator=(const Filter& other) = default;
 
   // ---- Passing a pose ----------------------------------------------------------------------
-  // A disabled filter stores the pose and leaves the caller's as it is.
+  // A disabled filter stores the pose and leaves the caller's array unchanged.
 
   virtual float* SetQuaternion(float q[4]);  // returns the stored orientation
   virtual void SetEuler(float angles[3]);
@@ -41,8 +69,8 @@ class Filter {
   virtual std::unique_ptr<Filter> Clone() const = 0;  // a copy of the filter's own class
 
   // ---- Attributes by number ----------------------------------------------------------------
-  // Each is false, and changes and writes nothing, for a number that the filter does not have in
-  // that form, for another count of values and for null.
+  // False for null, for an unknown attribute, for an attribute of another type and for a wrong
+  // count of values. Nothing is changed or written then.
 
   virtual bool SetAttributeInt(int id, int value);
   virtual bool SetAttributeDouble(int id, double value);
@@ -52,15 +80,15 @@ class Filter {
   virtual bool GetAttributeDouble(int id, double* value);
   virtual bool GetAttributeFloatArray(int id, int count, float* values);
 
-  // At most `size` characters; terminated where that leaves room.
+  // Copies at most `size` characters. The copy is terminated only if the text is shorter.
   virtual bool GetAttributeString(int id, int size, char* text);
   virtual bool GetNumAvailableAttributes(int* count);
 
-  // Copies the first rows of the table, `count` at the most.
+  // Copies the first rows of the table, at most `count`.
   virtual bool GetAvailableAttributes(int count, AttributeInfo* rows);
 
   // ---- The filter's own work ---------------------------------------------------------------
-  // In place, nothing is stored. The first two make do with FilterPose, when enabled.
+  // In place; nothing is stored. The defaults of the first two call FilterPose if enabled.
 
   virtual void FilterQuaternion(float q[4]);
   virtual void FilterPosition(float p[3]);
@@ -73,7 +101,7 @@ class Filter {
   FilterType GetType() const { return type_; }
   bool IsEnabled() const { return enabled_; }
   void Enable(bool on) { enabled_ = on; }
-  void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: say nothing
+  void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: no log
 
   const std::array<float, 3>& position() const { return position_; }
   const Quaternion& orientation() const { return orientation_; }
@@ -82,7 +110,7 @@ class Filter {
   void StorePosition(const float p[3]);
   void StoreOrientation(const float q[4]);
 
-  // Of the last pose passed, after filtering.
+  // The last pose, after filtering.
   std::array<float, 3> position_{};
   Quaternion orientation_{};
   FilterType type_;

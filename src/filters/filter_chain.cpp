@@ -19,7 +19,7 @@ Filters Clones(const Filters& filters) {
 FilterChain::FilterChain(const FilterChain& other)
     : Filter(other), filters_(Clones(other.filters_)) {}
 
-// Cloned first, so that a chain may be assigned to itself.
+// Clones first, because a chain may be assigned to itself.
 FilterChain& FilterChain::operator=(const FilterChain& other) {
   filters_ = Clones(other.filters_);
   Filter::operator=(other);
@@ -41,31 +41,33 @@ int FilterChain::Append(std::unique_ptr<Filter> filter) {
 }
 
 Filter* FilterChain::GetFilter(int index) {
-  return Has(index) ? filters_[static_cast<std::size_t>(index)].get() : nullptr;
+  return HasFilter(index) ? filters_[static_cast<std::size_t>(index)].get() : nullptr;
 }
 
 bool FilterChain::RemoveFilter(int index) {
-  if (!Has(index)) return false;
+  if (!HasFilter(index)) return false;
   filters_.erase(filters_.begin() + index);
   return true;
 }
 
 void FilterChain::ClearFilters() { filters_.clear(); }
 
-// "Cuurrent" is what hosts have always been told, and what some compare with.
+// "Cuurrent" is kept for compatibility: hosts compare with it.
 bool FilterChain::MoveFilter(int index, bool up) {
-  if (!Has(index)) {
+  if (!HasFilter(index)) {
     if (statusLog_ != nullptr) {
-      statusLog_->SetStatusF(-1, "Filter index %d invalid.  Cuurrent filter list size: %d.", index,
+      statusLog_->SetStatusF(StatusCode::Refused,
+                             "Filter index %d invalid.  Cuurrent filter list size: %d.", index,
                              GetNumFilters());
     }
     return false;
   }
   const int target = up ? index - 1 : index + 1;
-  if (!Has(target)) {
+  if (!HasFilter(target)) {
     if (statusLog_ != nullptr) {
-      statusLog_->SetStatusF(-1, "Unable to move index %d %s.  Cuurrent filter list size: %d.",
-                             index, up ? "up" : "down", GetNumFilters());
+      statusLog_->SetStatusF(StatusCode::Refused,
+                             "Unable to move index %d %s.  Cuurrent filter list size: %d.", index,
+                             up ? "up" : "down", GetNumFilters());
     }
     return false;
   }

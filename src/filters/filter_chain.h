@@ -1,5 +1,5 @@
-// A filter that is a list of filters: a pose goes through them one after the other. A disabled one
-// lets it pass. Every mapping of the engine owns a chain.
+// A list of filters: a pose goes through them one after the other. A disabled filter leaves it
+// unchanged. Every mapping of the engine owns a chain.
 #pragma once
 
 #include <memory>
@@ -13,7 +13,7 @@ class FilterChain final : public Filter {
  public:
   FilterChain() : Filter(FilterType::Chain) {}
 
-  // The copy holds clones. Filters that the target of an assignment held are deleted.
+  // The copy holds clones. An assignment deletes the filters that its target held.
   FilterChain(const FilterChain& other);
   FilterChain& operator=(const FilterChain& other);
 
@@ -22,22 +22,22 @@ class FilterChain final : public Filter {
 
   // ---- The list; the first filter has index 0 and is applied first -------------------------
 
-  // Makes a filter of that type at the end of the list and returns its index. No type can be made
-  // by number yet, so it is -1 for all, and the list stays.
+  // Adds a filter of that type at the end of the list and returns its index. No type can be added
+  // by number yet: always -1, and the list stays unchanged.
   int AddFilter(int filterType);
-  int Append(std::unique_ptr<Filter> filter);  // its index; -1 for none
+  int Append(std::unique_ptr<Filter> filter);  // its index; -1 for null
 
-  Filter* GetFilter(int index);  // null for an index out of range; good until the list changes
+  Filter* GetFilter(int index);  // null if out of range; valid until the list changes
   int GetNumFilters() const { return static_cast<int>(filters_.size()); }
-  bool RemoveFilter(int index);  // false for an index out of range; deletes the filter
+  bool RemoveFilter(int index);  // deletes the filter; false if out of range
   void ClearFilters();
 
-  // Changes places with the filter before (`up`) or after. False, and a line in the status log,
-  // when there is no such filter or no such place.
+  // Swaps a filter with the one before it (`up`) or after it. If either does not exist: false, and
+  // a line in the status log.
   bool MoveFilter(int index, bool up);
 
  private:
-  bool Has(int index) const { return index >= 0 && index < GetNumFilters(); }
+  bool HasFilter(int index) const { return index >= 0 && index < GetNumFilters(); }
 
   std::vector<std::unique_ptr<Filter>> filters_;
 };

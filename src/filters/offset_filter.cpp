@@ -26,7 +26,7 @@ bool IsFloats(int id, int count) {
   });
 }
 
-bool Matters(float part) { return std::abs(part) >= kNegligible; }
+bool IsNotZero(float part) { return std::abs(part) >= kNegligible; }
 
 std::array<float, 3> Scaled(const float angles[3], double factor) {
   std::array<float, 3> scaled{};
@@ -43,10 +43,10 @@ OffsetFilter::OffsetFilter() : Filter(FilterType::Offset) { SetName("Offset Filt
 
 void OffsetFilter::SetEuler(float angles[3]) {
   if (!enabled_) return;
-  const auto turns = std::ranges::count_if(eulerOffset_, Matters);
+  const auto turns = std::ranges::count_if(eulerOffset_, IsNotZero);
   if (turns == 0) return;
   if (turns == 1) {
-    const auto i = std::ranges::find_if(eulerOffset_, Matters) - eulerOffset_.begin();
+    const auto i = std::ranges::find_if(eulerOffset_, IsNotZero) - eulerOffset_.begin();
     angles[i] += subtract_ ? -eulerOffset_[static_cast<std::size_t>(i)]
                            : eulerOffset_[static_cast<std::size_t>(i)];
     return;
@@ -186,7 +186,7 @@ void OffsetFilter::SetQtn(const Quaternion& q) {
 
 void OffsetFilter::CheckRotation() {
   NormalizeQuaternion(qtnOffset_.data());
-  rotates_ = std::any_of(qtnOffset_.begin() + 1, qtnOffset_.end(), Matters);
+  rotates_ = std::any_of(qtnOffset_.begin() + 1, qtnOffset_.end(), IsNotZero);
   rotationChecked_ = true;
 }
 

@@ -1,5 +1,5 @@
-// Shifts a pose by a fixed position offset and turns it by a fixed orientation offset; adds them or
-// takes them away, and turns before or after the pose's own rotation.
+// Shifts a pose by a fixed position offset and turns it by a fixed orientation offset. It adds or
+// subtracts the offsets, and turns before or after the rotation of the pose.
 #pragma once
 
 #include "filters/filter.h"
@@ -8,7 +8,7 @@ namespace kinetrel {
 
 class OffsetFilter final : public Filter {
  public:
-  // Its attributes, by number.
+  // The numbers of its attributes.
   enum class Attribute : int {
     Description = 0,     // text: the filter's name
     PositionOffset = 1,  // 3 floats
@@ -18,18 +18,18 @@ class OffsetFilter final : public Filter {
     Subtract = 5,        // 0 or 1
   };
 
-  OffsetFilter();  // offsets of zero, taken away after the pose's rotation
+  OffsetFilter();  // offsets of zero, subtracted after the rotation of the pose
 
-  // The angles are turned through quaternions where more than one of the offset's is not zero;
-  // one alone is added to its own angle, which is not brought back into its range.
+  // If only one angle of the offset is not zero, it is added to that angle, which may then leave
+  // its range. Otherwise the angles are turned as a quaternion.
   void SetEuler(float angles[3]) override;
-  void SetPositionEuler(float p[3], float angles[3]) override;  // disabled: stores nothing either
+  void SetPositionEuler(float p[3], float angles[3]) override;  // does not store if disabled
 
   std::unique_ptr<Filter> Clone() const override;
 
   bool SetAttributeInt(int id, int value) override;
 
-  // Refuses what is no number, too.
+  // Also refuses values that are not finite.
   bool SetAttributeFloatArray(int id, int count, const float* values) override;
   bool GetAttributeInt(int id, int* value) override;
   bool GetAttributeFloatArray(int id, int count, float* values) override;
@@ -37,17 +37,17 @@ class OffsetFilter final : public Filter {
   bool GetNumAvailableAttributes(int* count) override;
   bool GetAvailableAttributes(int count, AttributeInfo* rows) override;
 
-  // These three ask not whether the filter is enabled.
+  // These three filter even if the filter is disabled.
   void FilterQuaternion(float q[4]) override;
   void FilterPosition(float p[3]) override;
   void FilterPose(float p[3], float q[4]) override;
 
   // ---- Settings for drivers ----------------------------------------------------------------
-  // Euler angles (radians) and quaternion are two forms of one offset: to set one sets the other.
+  // Euler angles (radians) and quaternion are two forms of one offset: setting one sets the other.
 
   void SetPositionOffset(const float p[3]);
   void SetEulerOffset(const float angles[3]);
-  void SetQtnOffset(const float q[4]);  // of any length; brought to 1 by the first pose
+  void SetQtnOffset(const float q[4]);  // of any length; the first pose normalises it
   void SetPreTransform(bool on) { preTransform_ = on; }
   void SetSubtract(bool on) { subtract_ = on; }
 
@@ -61,7 +61,7 @@ class OffsetFilter final : public Filter {
   Quaternion qtnOffsetInverse_ = kIdentityQuaternion;  // its conjugate
   bool preTransform_ = false;
   bool subtract_ = true;
-  // Known once a pose has come, so that not every pose pays for it.
+  // Computed by the first pose and kept for the next ones.
   bool rotationChecked_ = false;
   bool rotates_ = false;
 };

@@ -11,7 +11,7 @@
 namespace kinetrel::test {
 namespace {
 
-// What differs from a configuration that nobody has touched, as " name=value".
+// The settings that differ from the default configuration, as " name=value".
 std::string ChangesIn(const StartConfig& now) {
   const StartConfig before;
   std::string text;
@@ -149,16 +149,16 @@ const std::vector<Row> kRejected = {
     {{"-a1,0,0;0,1"}, "\n\tOffsets (1,0,0;0,1) ill-formed.", ""},
 };
 
-TEST(CommandLine, WhatIsGivenIsEchoedAndStored) { Check(kAccepted, true); }
-TEST(CommandLine, WhatIsOutOfRangeIsSaidAndIgnored) { Check(kNoted, true); }
-TEST(CommandLine, WhatIsMalformedEndsInTheUsage) { Check(kRejected, false); }
+TEST(CommandLine, OptionsArePrintedAndStored) { Check(kAccepted, true); }
+TEST(CommandLine, OutOfRangeValuesAreReportedAndIgnored) { Check(kNoted, true); }
+TEST(CommandLine, MalformedOptionsPrintTheUsage) { Check(kRejected, false); }
 
 TEST(CommandLine, NinetyNineArgumentsAreTooMany) {
   EXPECT_TRUE(Parse(std::vector<const char*>(97, "-q-")).accepted);
   EXPECT_FALSE(Parse(std::vector<const char*>(98, "-q-")).accepted);
 }
 
-TEST(CommandLine, NoArgumentsAreNoMistake) {
+TEST(CommandLine, NoArgumentsAreAccepted) {
   const Outcome outcome = Parse({});
   EXPECT_TRUE(outcome.accepted);
   EXPECT_EQ(outcome.said, "");

@@ -1,4 +1,4 @@
-// The program as its operator has it: a real process on a real terminal, and its clients' view.
+// The program as the operator runs it: a real process on a real terminal, and a client that reads.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -32,7 +32,7 @@ class Program : public testing::Test {
 
   int Wait() {
     const bool ended = WaitUntil([&] {
-      terminal_.Received();  // a full terminal would hold the program up
+      terminal_.Received();  // a full terminal would block the program
       return program_->Wait(std::chrono::milliseconds(1)) != ChildProcess::kStillRuns;
     });
     return ended ? program_->Wait() : ChildProcess::kStillRuns;
@@ -82,13 +82,13 @@ TEST_F(Program, RunsFromTheCommandLineToAClientAndBack) {
 
 TEST_F(Program, KeysThatMeanNothingDoNothing) {
   Start();
-  terminal_.Send("bz\x1b[A\xff");  // two letters, the Up key and a byte that is no character
+  terminal_.Send("bz\x1b[A\xff");  // two letters, the Up key and an invalid byte
   EXPECT_FALSE(terminal_.Expect("Azimuth", std::chrono::milliseconds(1500)));
   EXPECT_EQ(program_->Wait(std::chrono::milliseconds(1)), ChildProcess::kStillRuns);
 }
 
-// The keyboard's own sensor and the program look for keys side by side: none is lost to the wrong
-// one, however long the typing takes.
+// The keyboard tracker and the console loop both look for keys. Each key reaches the right one,
+// however slowly the operator types.
 TEST_F(Program, TypingReachesTheKeyboardTrackerWhole) {
   Start({"-s0x8"});
   for (int round = 1; round <= 12; ++round) {
@@ -120,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(App, EndedBySignal, testing::Values(SIGINT, SIGTERM, SI
                          [](const auto& row) { return std::string(sigabbrev_np(row.param)); });
 
 // Standard input that ends.
-TEST(ProgramInput, ItsEndIsNoStop) {
+TEST(ProgramInput, EndOfInputDoesNotStopTheProgram) {
   FreeSlot slot;
   ChildProcess program("kinetrel", Simulated(slot), {.emptyInput = true});
   ASSERT_TRUE(program.ExpectError("Running ..."));
@@ -129,7 +129,7 @@ TEST(ProgramInput, ItsEndIsNoStop) {
   EXPECT_EQ(program.Wait(), 0);
 }
 
-TEST(ProgramInput, AFileOfAnyBytesHarmsNothing) {
+TEST(ProgramInput, AFileOfAnyBytesDoesNoHarm) {
   FreeSlot slot;
   ChildProcess program("kinetrel", Simulated(slot, {"-s0xF"}));
   std::string bytes;
@@ -143,7 +143,7 @@ TEST(ProgramInput, AFileOfAnyBytesHarmsNothing) {
   EXPECT_EQ(program.Wait(), 0);
 }
 
-// What is printed goes neither into the block nor into its mutex.
+// Printed text reaches neither the block nor its mutex.
 TEST(ProgramOutput, MayBeMissing) {
   FreeSlot slot;
   ChildProcess program("kinetrel", Simulated(slot), {.noStreams = true});
@@ -157,13 +157,13 @@ TEST(ProgramOutput, MayBeMissing) {
   EXPECT_EQ(program.Wait(), 0);
 }
 
-// Nobody reads what the program prints: the poses go on all the same.
-TEST(ProgramOutput, AStoppedTerminalStopsNoSampling) {
+// The terminal takes no output. The poses go on all the same.
+TEST(ProgramOutput, SamplingGoesOnWhenTheTerminalIsStopped) {
   FreeSlot slot;
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   ChildProcess program("kinetrel", Simulated(slot, {"-s0xF"}), {.terminal = &terminal});
   ASSERT_TRUE(terminal.Expect("Running ..."));
-  terminal.Send("\x13x");  // Ctrl-S, and a key that is answered with a line
+  terminal.Send("\x13x");  // Ctrl-S, and a key that makes the program print a line
   SharedTrackReader reader(slot.device());
   ASSERT_TRUE(reader.OpenOnly(0));
   SharedTrackBlock block{};

@@ -37,7 +37,7 @@ TEST(ListenOption, AddressesAreRead) {
   }
 }
 
-TEST(ListenOption, IsTakenFromAmongTheOthers) {
+TEST(ListenOption, IsTakenOutOfTheArguments) {
   SetVariable("KINETREL_LISTEN", "127.0.0.9");
   const char* const arguments[] = {"program", "-d8", "--listen", "127.0.0.2:7", "-w", "3"};
   const auto taken = TakeListenOption(6, arguments);

@@ -1,4 +1,4 @@
-// The program with pipes for its streams: how it begins and ends, on every system.
+// The program with pipes as standard streams: how it starts and ends, on every system.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +11,7 @@
 namespace kinetrel::test {
 namespace {
 
-// How the program ends when it cannot run, and what it says.
+// How the program ends if it cannot run, and what it prints.
 struct Ending {
   const char* name;
   std::vector<std::string> arguments;
@@ -21,7 +21,7 @@ struct Ending {
 
 class Endings : public testing::TestWithParam<Ending> {};
 
-TEST_P(Endings, HaveTheirCode) {
+TEST_P(Endings, EndWithTheirExitCode) {
   ChildProcess program("kinetrel", GetParam().arguments,
                        {.environment = {{"KINETREL_COM3", "no-such-device"}}});
   EXPECT_EQ(program.Wait(), GetParam().code);
@@ -47,7 +47,7 @@ TEST(ProgramInput, KeysMayComeThroughAPipe) {
   EXPECT_NE(program.output().find("(Azimuth Zeroed)"), std::string::npos);
 }
 
-TEST(ProgramSlots, ASlotInUseIsSaidInOneLine) {
+TEST(ProgramSlots, ASlotInUseIsReportedInOneLine) {
   FreeSlot slot;
   ChildProcess first("kinetrel", Simulated(slot));
   ASSERT_TRUE(first.ExpectError("Running ..."));

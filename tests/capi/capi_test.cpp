@@ -7,7 +7,7 @@
 namespace kinetrel::test {
 namespace {
 
-TEST(CInterface, ANullHandleIsRefusedByAll) {
+TEST(CInterface, EveryFunctionRefusesANullHandle) {
   int number = 7;
   float floats[6] = {};
   char text[8] = "as was";
@@ -26,7 +26,7 @@ TEST(CInterface, ANullHandleIsRefusedByAll) {
   kinetrel_destroy(nullptr);
 }
 
-TEST(CInterface, RefusesAndWritesNothingBeyondTheCallersRoom) {
+TEST(CInterface, NeverWritesBeyondTheCallersBuffer) {
   kinetrel_engine* const engine = kinetrel_create();
   EXPECT_EQ(kinetrel_set_options(engine, 2, nullptr), 0);
   EXPECT_EQ(kinetrel_get_available_attributes(engine, 3, nullptr), 0);

@@ -1,5 +1,5 @@
-// Two instances on one machine: a host passes on what its tracker delivers, and the program
-// publishes it as its own.
+// Two instances on one machine: a host passes the poses of its tracker on, and the program
+// publishes them as its own.
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -26,7 +26,7 @@ class IsenseChain : public testing::Test {
   }
   ~IsenseChain() override { kinetrel_destroy(host_); }
 
-  // That many poses that are none of a source that is not there.
+  // So many poses that differ from those of a missing source.
   bool Follows(int poses) {
     int seen = -1;
     return WaitUntil([&] {

@@ -126,7 +126,7 @@ TEST(KeyboardFrames, NoneBeforeBoot) {
   EXPECT_EQ(when, -1.0);
 }
 
-TEST(KeyboardFrames, TakeSixteenMillisecondsAndTellTheTimeAfterThem) {
+TEST(KeyboardFrames, TakeSixteenMillisecondsAndReportTheEndTime) {
   KeyboardDevice device;
   device.Boot(0);
   const double before = device.ElapsedSeconds();
@@ -158,7 +158,7 @@ TEST(KeyboardFrames, ReportTheSteeredSensorWhenAKeyWasActedUpon) {
 
 // ---- Identity and masks --------------------------------------------------------------------
 
-TEST(KeyboardDevice, IsWhatItSays) {
+TEST(KeyboardDevice, ReportsItsIdentity) {
   KeyboardDevice device;
   EXPECT_STREQ(device.GetDeviceName(), "OrvixTraject");
   EXPECT_EQ(device.GetDeviceType(nullptr, 0), 8);
@@ -215,7 +215,7 @@ std::vector<Key> Pressed(std::initializer_list<ExtendedKey> codes) {
   return keys;
 }
 
-// True when the device acted upon the last key.
+// True if the device acted upon the last key.
 bool Feed(KeyboardDevice& device, const std::vector<Key>& keys) {
   bool acted = false;
   for (const Key& key : keys) {
@@ -392,7 +392,7 @@ TEST(KeyboardKeys, EveryMoveAndItsOpposite) {
   }
 }
 
-TEST(KeyboardKeys, TheConsoleLoopsOwnAreHandedOn) {
+TEST(KeyboardKeys, KeysOfTheConsoleLoopAreHandedOn) {
   for (const int code : {27, int{'O'}, int{'o'}}) {
     KeyboardDevice device;
     Printed([&] { EXPECT_TRUE(Feed(device, {{code, false}})); });
@@ -400,9 +400,9 @@ TEST(KeyboardKeys, TheConsoleLoopsOwnAreHandedOn) {
   }
 }
 
-// The offset last applied belongs to the process, so each device here starts where the one before
-// left it; the last one leaves it at zero for the other tests.
-TEST(KeyboardKeys, TheFirstLookAppliesTheChangeOfOffset) {
+// The last applied offset is one per process, so each device here starts where the previous one
+// left it. The last device leaves it at zero for the other tests.
+TEST(KeyboardKeys, TheFirstReadAppliesTheOffset) {
   const float offset[6] = {1.0F, 2.0F, 3.0F, 0.5F, 0.0F, 0.0F};
   const float later[6] = {50.0F, 50.0F, 50.0F, 0.0F, 0.0F, 0.0F};
   KeyboardDevice first;
@@ -423,7 +423,7 @@ TEST(KeyboardKeys, TheFirstLookAppliesTheChangeOfOffset) {
   ExpectNear(PoseOf(third, 3), {-1.0F, -2.0F, -3.0F});
 }
 
-TEST(KeyboardKeys, NothingTypedMakesAPoseThatIsNoNumber) {
+TEST(KeyboardKeys, NoInputMakesANanPose) {
   KeyboardDevice device;
   Printed([&] {
     for (const char* step : {"+", "[", "-", "]"}) {

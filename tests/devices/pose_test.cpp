@@ -58,7 +58,7 @@ TEST(NormalizeEuler, EveryResultIsWithinItsBounds) {
   }
 }
 
-TEST(NormalizeEuler, AnAngleThatIsNoNumberIsAloneInThat) {
+TEST(NormalizeEuler, ANanAngleDoesNotAffectTheOthers) {
   std::array<float, 3> angles = {4, kNan, -4};
   NormalizeEuler(angles.data());
   EXPECT_NEAR(angles[0], 4 - 2 * kPiF, 2e-6);
@@ -114,7 +114,7 @@ TEST(QuaternionToEuler, StraightUpAndDownHasNoYawAndTurnsAlike) {
   }
 }
 
-TEST(QuaternionToEuler, AQuaternionOfAnyLengthIsBroughtToOne) {
+TEST(QuaternionToEuler, NormalisesTheQuaternion) {
   struct Row {
     Quaternion given, unit;
     std::array<float, 3> angles;

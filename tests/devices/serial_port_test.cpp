@@ -15,7 +15,7 @@ namespace {
 using test::PseudoTerminal;
 
 constexpr int kLongMs = 20000;   // a wait that must end early
-constexpr double kSoon = 10000;  // ms: early, on the slowest of machines
+constexpr double kSoon = 10000;  // ms: early even on a slow machine
 
 double MillisecondsSince(std::int64_t start) {
   return static_cast<double>(ClockTicks() - start) * 1e3 /
@@ -81,7 +81,7 @@ INSTANTIATE_TEST_SUITE_P(
         Opening{"NumberThatIsNoLine", "COM14", PortStatus::NotSerial, "COM14 (/dev/null)"}),
     [](const auto& row) { return std::string(row.param.test); });
 
-TEST(SerialPort, NoNameIsNoSuchPort) {
+TEST(SerialPort, ANullNameIsReportedAsNoSuchPort) {
   SerialPort port;
   EXPECT_EQ(port.OpenPort(nullptr, 9600), 0);
   EXPECT_EQ(port.portStatus(), PortStatus::NoSuchPort);
@@ -107,7 +107,7 @@ TEST(SerialPort, OpensClosesAndOpensAgain) {
   }
 }
 
-TEST(SerialPort, ASecondPortIsRefusedUntilTheFirstMovesOn) {
+TEST(SerialPort, ASecondOpenerIsRefusedUntilTheFirstCloses) {
   PseudoTerminal one;
   PseudoTerminal other;
   SerialPort first;
@@ -225,7 +225,7 @@ TEST_F(OpenSerialPort, ReadTimeoutsFollowTheThreeValueForm) {
 
 // ---- Transfers -----------------------------------------------------------------------------
 
-TEST_F(OpenSerialPort, ReadWantsItAllAndReadSomeWhatIsThere) {
+TEST_F(OpenSerialPort, ReadNeedsAllBytesAndReadSomeTakesAny) {
   char bytes[8] = {};
   unsigned got = 0;
   far_.Send("abcdef");
@@ -264,7 +264,7 @@ TEST_F(OpenSerialPort, StringsAreWrittenUpToTheirTerminator) {
   EXPECT_EQ(far_.Received(), "R1\rS\rno end\n!");
 }
 
-TEST_F(OpenSerialPort, AStringThatIsNotTakenWholeIsCountedBelowZero) {
+TEST_F(OpenSerialPort, APartlyWrittenStringReturnsANegativeCount) {
   const std::string much(100000, 'x');  // the far end reads none of it
   const int written = port_.WriteString(much.c_str(), 0, false);
   EXPECT_LT(written, 0);
@@ -303,7 +303,7 @@ INSTANTIATE_TEST_SUITE_P(
                     StringRead{"NoRoom", "A\n", 0, 0, "########"}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(OpenSerialPort, PurgingDiscardsWhatWasReceived) {
+TEST_F(OpenSerialPort, PurgingDiscardsReceivedBytes) {
   far_.Send("old");
   ASSERT_TRUE(port_.WaitForRX(kLongMs, 3));
   port_.PurgeAll();
@@ -328,13 +328,13 @@ TEST_F(OpenSerialPort, AWaitWithoutATimeoutIsForAnyByte) {
   device.join();
 }
 
-TEST_F(OpenSerialPort, AWaitForNothingMoreIsOverAtOnce) {
+TEST_F(OpenSerialPort, AWaitForNoBytesReturnsAtOnce) {
   const std::int64_t start = ClockTicks();
   EXPECT_TRUE(port_.WaitForRX(kLongMs, 0));
   EXPECT_LT(MillisecondsSince(start), kSoon);
 }
 
-TEST(SerialPort, AWaitWithoutAHandleIsANap) {
+TEST(SerialPort, AWaitWithoutAHandleSleeps) {
   SerialPort port;
   const std::int64_t start = ClockTicks();
   EXPECT_FALSE(port.WaitForRX(50, 1));

@@ -19,7 +19,7 @@ TEST(StatusLog, AnEmptyLogHasAnEmptyText) {
 TEST(StatusLog, KeepsEntriesInOrderWithTheirTime) {
   StatusLog log;
   const std::time_t before = std::time(nullptr);
-  EXPECT_TRUE(log.SetStatus(-3, "first %d"));  // a plain text is no format
+  EXPECT_TRUE(log.SetStatus(-3, "first %d"));  // the text is not a format
   EXPECT_TRUE(log.SetStatusF(1, "second %d of %s", 2, "two"));
   const std::vector<StatusEntry> entries = log.Entries();
   ASSERT_EQ(entries.size(), 2U);

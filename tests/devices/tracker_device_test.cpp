@@ -12,7 +12,7 @@ namespace {
 
 using test::PseudoTerminal;
 
-// A device that overrides only what it must.
+// A device that overrides only the pure virtual operations.
 class PlainDevice final : public TrackerDevice {
  public:
   BootResult Boot(int) override { return booted_ = true; }
@@ -65,8 +65,8 @@ TEST_P(TrackerDeviceDefault, GivesADefiniteAnswer) {
 
 using D = PlainDevice;
 
-// Boot, QueryStatus and ReadFrame have no default, and the destructor is no question; what Poll and
-// StartContinuous send is asked of a line below.
+// Boot, QueryStatus and ReadFrame have no default. The tests on a line below check what Poll and
+// StartContinuous send.
 constexpr Default kDefaults[] = {
     {"OpenPort", [](D& d) { return d.OpenPort("~x", 9600) == 1 && d.OpenPort(nullptr, 1) == 0; }},
     {"OpenPortNumber", [](D& d) { return d.OpenPortNumber(-4, 9600) == 0; }},
@@ -180,7 +180,7 @@ TEST(TrackerDevice, RecordsAreMadeForOneTo256Sensors) {
     EXPECT_EQ(last[5], 7);
   }
   device.SetSensorMask(0xFFFFFFFF, 0);
-  EXPECT_EQ(device.GetActiveSensorCount(), 32);  // the mask knows no more
+  EXPECT_EQ(device.GetActiveSensorCount(), 32);  // the mask has 32 bits
 
   EXPECT_TRUE(device.AllocateSensors(256));
   EXPECT_EQ(device.GetSensorPose(255)[5], 0);
@@ -208,7 +208,7 @@ TEST(TrackerDevice, OffsetsAreSetForOneSensorOrForAll) {
   EXPECT_FALSE(device.SetSensorPositionOffset(3, kXyz));
   EXPECT_FALSE(device.SetSensorOffset(3, kPose));
   device.FreeSensors();
-  EXPECT_TRUE(device.SetSensorOffset(-1, kPose));  // of none
+  EXPECT_TRUE(device.SetSensorOffset(-1, kPose));  // no sensors: succeeds
   EXPECT_FALSE(device.SetSensorOffset(0, kPose));
 }
 
@@ -218,7 +218,7 @@ class TrackerOnALine : public testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(device_.OpenPort(far_.path().c_str(), 9600), 1); }
 
-  // What the device was sent up to `mark`, which is written after it.
+  // The bytes that the device received before `mark`, which the test writes last.
   std::string Sent() {
     device_.Write("|", 1);
     EXPECT_TRUE(far_.Expect(std::string(1, '|')));
@@ -256,16 +256,16 @@ TEST_F(TrackerOnALine, APollStopsAStreamOnce) {
   EXPECT_EQ(Sent(), "P");
 }
 
-TEST_F(TrackerOnALine, AByteMayGoBeforeThePoll) {
+TEST_F(TrackerOnALine, ThePrePollByteIsSentFirst) {
   device_.SetModeBytes(0, 'P', 'c', 'w');
   device_.Boot(0);
   device_.StartContinuous();
   EXPECT_EQ(Sent(), std::string(1, '\0'));
-  device_.Poll();  // a device without a continuous mode cannot be in it
+  device_.Poll();  // a device without a continuous mode
   EXPECT_EQ(Sent(), "wP");
 }
 
-TEST_F(TrackerOnALine, AControlStringIsWrittenAsItIs) {
+TEST_F(TrackerOnALine, AControlStringIsWrittenUnchanged) {
   EXPECT_TRUE(device_.SetControlString("R1\r"));
   EXPECT_TRUE(device_.SetControlString(""));
   EXPECT_EQ(Sent(), "R1\r");

@@ -1,5 +1,5 @@
-// The control interface as a host program has it: its refusals, its settings, and many threads at
-// it while frames are published.
+// The control interface as a host program uses it: refusals, settings, and calls from many threads
+// while frames are published.
 
 #include <gtest/gtest.h>
 
@@ -15,8 +15,8 @@
 namespace kinetrel::test {
 namespace {
 
-constexpr int kHere[3] = {0, 0, 0};      // a mapping that is there
-constexpr int kNowhere[3] = {0, 3, 31};  // one that is not
+constexpr int kHere[3] = {0, 0, 0};      // an existing mapping
+constexpr int kNowhere[3] = {0, 3, 31};  // a missing mapping
 constexpr int kBinBeyond[3] = {0, 16, 0};
 constexpr int kSlotBelow[3] = {0, 0, -1};
 constexpr int kDeviceBeyond[3] = {99, 0, 0};
@@ -54,7 +54,7 @@ class Control : public testing::Test {
   bool Set(EngineAttribute id, int value) {
     return engine_.SetAttributeInt(static_cast<int>(id), value);
   }
-  // What the engine has said since the last call.
+  // The lines that the engine has logged since the last call.
   std::string Said() {
     const std::string all = LogOf(engine_);
     return all.substr(std::exchange(said_, all.size()));
@@ -82,7 +82,7 @@ char text[64] = {};
 bool flag = false;
 AttributeInfo rows[20];
 
-// Named by what each says of itself.
+// The name is the first word of the message.
 const Refusal kClosed[] = {
     {"GetAttributeInt", [](auto& e) { return e.GetAttributeInt(2, &number); }},
     {"SetAttributeInt", [](auto& e) { return e.SetAttributeInt(2, 1); }},
@@ -201,7 +201,7 @@ const Refusal kOpen[] = {
      "-1 GetFilterAttributeInt: Unable to open shared memory to desired mapping.\n"},
 };
 
-TEST_F(Control, RefusalsAreSaidInTheirWords) {
+TEST_F(Control, EachRefusalLogsItsReason) {
   Open();
   Said();
   for (const Refusal& row : kOpen) {
@@ -237,7 +237,7 @@ TEST_F(Control, SettingsReachTheDeviceAndAreReadBack) {
   int keys[6] = {};
   EXPECT_TRUE(engine_.GetMappingList(2, keys));
   EXPECT_EQ(keys[5], 2);  // pose slot of the third sensor
-  // The thread was stopped and started once for each.
+  // Each setting stopped and started the thread once.
   const auto count = [&](const char* call) {
     const auto calls = script_.Calls();
     return std::count(calls.begin(), calls.end(), call);
@@ -261,7 +261,7 @@ TEST_F(Control, RollFollowsTheOffset) {
   EXPECT_EQ(script_.Calls().back(), "SetSensorOffset -1 1,2,3,0,0,0.5");
 }
 
-TEST_F(Control, TextsAreCutToTheCallersRoom) {
+TEST_F(Control, TextsAreCutToTheCallersBuffer) {
   Open();
   EXPECT_TRUE(engine_.SetAttributeString(0, "north wall"));
   char small[6] = {'?', '?', '?', '?', '?', '?'};
@@ -332,8 +332,8 @@ TEST_F(Control, ManyThreadsCostNoFrame) {
   const int before = frames_;
   EXPECT_TRUE(WaitUntil([&] { return frames_ > before; }));
 
-  // All that the device has delivered was published, of both sensors, and counted in one go: the
-  // thread was not stopped and started.
+  // Every frame of both sensors was published and counted in one run: no call restarted the
+  // sampling thread.
   SharedTrackReader reader(slot_.device());
   SharedTrackBlock block{};
   ASSERT_TRUE(reader.OpenOnly(0));
@@ -361,7 +361,7 @@ TEST_F(Control, CallsDuringOpenAndCloseDoNoHarm) {
     Open();
     engine_.StartSampling();
     engine_.Close();
-    // Nobody's start outlives a close.
+    // No run outlives a close.
     EXPECT_FALSE(engine_.HasSamplingThread());
     EXPECT_EQ(script_.alive, 0);
   }

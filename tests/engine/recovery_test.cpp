@@ -1,5 +1,5 @@
-// A serial tracker that is pulled out, silenced, replaced and plugged in again, on real
-// pseudo-terminals, and what clients and the log see of it.
+// A serial tracker on a pseudo-terminal is unplugged, silenced, replaced and plugged in again.
+// The tests check what clients and the log see.
 
 #include "engine/recovery.h"
 
@@ -54,7 +54,7 @@ class ByteTracker final : public TrackerDevice {
   }
 };
 
-// The far end: answers "?" with its model, and sends its position once told to.
+// The far end: answers "?" with its model, and sends its position when it is told to.
 class Peer {
  public:
   Peer(const std::string& link, char model, char position) : model_(model), position_(position) {
@@ -156,12 +156,12 @@ TEST_F(Recovering, AnUnpluggedDeviceIsFollowedToItsNewPort) {
 
   peer = std::make_unique<Peer>(link_, '1', 9);
   ASSERT_TRUE(Shows(9));
-  EXPECT_EQ(peer->Heard().substr(0, 3), "?UC");  // asked who it is before it is told anything
+  EXPECT_EQ(peer->Heard().substr(0, 3), "?UC");  // the device identified itself first
   EXPECT_EQ(Logged("The port of FasTRAK has gone"), 1);
   EXPECT_EQ(Logged("FasTRAK is back after"), 1);
 }
 
-TEST_F(Recovering, AStrangerOnThePortIsLeftAlone) {
+TEST_F(Recovering, AnotherDeviceOnThePortIsLeftAlone) {
   auto peer = std::make_unique<Peer>(link_, '1', 5);
   Start();
   ASSERT_TRUE(Shows(5));

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include "devices/button_bits.h"
+#include "devices/optional_interfaces.h"
 #include "engine/tracker_engine.h"
 #include "publish/shared_track_reader.h"
 #include "tests/engine/scripted_device.h"

@@ -1,4 +1,4 @@
-// A tracker whose every answer a test decides, and that remembers what it was asked.
+// A tracker whose answers a test decides, and that records the calls.
 #pragma once
 
 #include <atomic>
@@ -15,15 +15,15 @@
 
 namespace kinetrel::test {
 
-// What the device does and has seen; outlives the device, which the engine owns.
+// What the device answers, and the calls it has seen. Outlives the device, which the engine owns.
 struct Script {
   int portResult = 1;
   int portNumber = 1;
   BootResult bootResult = kBooted;
   int statusCode = 0;
-  int frameRate = 0;  // 0: as fast as frames come
+  int frameRate = 0;  // 0: unknown
   std::function<unsigned(TrackerDevice&, double*)> readFrame;
-  bool recordsGone = false;  // the record getters answer null
+  bool recordsGone = false;  // the record getters return null
   const char* errorText = "";
   const char* readText = "";
   int reportCode = 0;
@@ -135,7 +135,7 @@ class ScriptedDevice final : public TrackerDevice {
   Script& script_;
 };
 
-// The status log, a line "code text" an entry.
+// The status log: one line "code text" per entry.
 inline std::string LogOf(TrackerEngine& engine) {
   std::string lines;
   for (const StatusEntry& entry : engine.status().Entries()) {

@@ -13,7 +13,7 @@
 namespace kinetrel::test {
 namespace {
 
-// Each way that an Open can end, with what it leaves in the log and says on the console.
+// Each result of Open, with the lines in the log and on the console.
 struct OpenCase {
   const char* name;
   int type;
@@ -116,8 +116,8 @@ TEST(Engine, OpensOnceAndClosesOnce) {
   EXPECT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
 }
 
-// A thread that was told to stop without a wait is still in the device: its port is free, and can
-// be opened again, when Close comes back.
+// A thread that was stopped without a wait may still use the device. When Close returns, the port
+// is closed and can be opened again.
 TEST(Engine, CloseWaitsForAThreadThatWasToldToStopBefore) {
   FreeSlot slot;
   Script script;
@@ -138,7 +138,7 @@ TEST(Engine, CloseWaitsForAThreadThatWasToldToStopBefore) {
   EXPECT_EQ(script.Calls().back(), "ClosePort");
 }
 
-// What reaches the device after boot, and in which order.
+// The calls that reach the device after boot, in their order.
 struct PushCase {
   const char* name;
   std::function<void(StartConfig&)> edit;
@@ -241,7 +241,7 @@ class Stick final : public DAQControl {
   int bootResult_;
 };
 
-TEST(Engine, SaysWhetherTheJoystickIsThere) {
+TEST(Engine, ReportsTheJoystick) {
   struct Row {
     int bootResult;  // -1: the system has no joysticks
     const char* entry;

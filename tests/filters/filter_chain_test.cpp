@@ -14,7 +14,7 @@ using Xyz = std::array<float, 3>;
 
 constexpr Xyz kTurn = {0.5F, 0.3F, -0.2F};
 
-// Overrides only what it must: multiplies positions, and turns.
+// A filter that multiplies positions and turns; overrides only the pure virtual operations.
 class Stretch final : public Filter {
  public:
   explicit Stretch(float factor, int* alive = nullptr)
@@ -56,7 +56,7 @@ float Through(Filter& filter, float x) {
 
 // ---- Filter's own defaults -----------------------------------------------------------------
 
-TEST(Filter, EveryWayInTurnsAlikeAndIsStored) {
+TEST(Filter, EveryOperationGivesTheSamePoseAndStoresIt) {
   const Xyz pose = {1.0F, -0.4F, 0.2F};
   const test::Matrix expected = test::RotationOf(pose) * test::RotationOf(kTurn);
   Stretch filter(2);
@@ -82,7 +82,7 @@ TEST(Filter, EveryWayInTurnsAlikeAndIsStored) {
   EXPECT_EQ(p, (Xyz{4, 8, 12}));
 }
 
-TEST(Filter, DisabledItStoresThePoseUnchanged) {
+TEST(Filter, ADisabledFilterStoresThePoseUnchanged) {
   Stretch filter(2);
   filter.Enable(false);
   Xyz p = {1, 2, 3};
@@ -139,7 +139,7 @@ TEST_F(Chain, FiltersMove) {
   EXPECT_TRUE(log_.Entries().empty());
 }
 
-TEST_F(Chain, AMoveThatCannotBeIsReported) {
+TEST_F(Chain, AnImpossibleMoveIsReported) {
   struct Row {
     int index;
     bool up;
@@ -158,7 +158,7 @@ TEST_F(Chain, AMoveThatCannotBeIsReported) {
     EXPECT_EQ(log_.Newest().code, -1);
   }
   EXPECT_EQ(Through(chain_, 2), 130);
-  EXPECT_FALSE(FilterChain().MoveFilter(0, true));  // empty, and nobody to tell
+  EXPECT_FALSE(FilterChain().MoveFilter(0, true));  // empty, and without a log
 }
 
 TEST_F(Chain, FiltersAreFoundAndRemovedByIndex) {
@@ -176,7 +176,7 @@ TEST_F(Chain, FiltersAreFoundAndRemovedByIndex) {
   EXPECT_EQ(Through(chain_, 2), 2);
 }
 
-TEST_F(Chain, NoTypeIsMadeByNumber) {
+TEST_F(Chain, NoFilterIsAddedByType) {
   for (const int type : {0, 3, 9, -1}) EXPECT_EQ(chain_.AddFilter(type), -1);
   EXPECT_EQ(chain_.Append(nullptr), -1);
   EXPECT_EQ(chain_.GetNumFilters(), 3);

@@ -142,7 +142,7 @@ TEST(OffsetFilter, AnOffsetAboutOneAxisIsAddedToThatAngleAlone) {
   }
 }
 
-TEST(OffsetFilter, DisabledItStoresPosesOnly) {
+TEST(OffsetFilter, ADisabledFilterOnlyStoresPoses) {
   OffsetFilter filter;
   filter.SetPositionOffset(Xyz{1, 1, 1}.data());
   filter.SetEulerOffset(Xyz{1, 1, 0}.data());
@@ -205,7 +205,7 @@ TEST(OffsetFilter, AnglesAreDegreesOutsideAndOneRotationWithTheQuaternion) {
   EXPECT_NEAR(got[2], 90, 1e-4);
 }
 
-TEST(OffsetFilter, NumbersAreSwitches) {
+TEST(OffsetFilter, NumbersSwitchOnAndOff) {
   OffsetFilter filter;
   for (const int id : {4, 5}) {
     int value = 9;
@@ -217,7 +217,7 @@ TEST(OffsetFilter, NumbersAreSwitches) {
   }
 }
 
-TEST(OffsetFilter, ItsNameFillsWhatRoomThereIs) {
+TEST(OffsetFilter, TheNameIsCutToTheBuffer) {
   struct Row {
     int size;
     std::string expected;
@@ -311,7 +311,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- Copies and memory ---------------------------------------------------------------------
 
-TEST(OffsetFilter, ACloneIsItsEqualButEnabled) {
+TEST(OffsetFilter, ACloneIsEqualAndEnabled) {
   OffsetFilter filter;
   filter.SetPositionOffset(Xyz{1, 2, 3}.data());
   filter.SetSubtract(false);
