@@ -20,7 +20,7 @@ std::unique_ptr<TrackerDevice> Make() {
   return std::make_unique<Device>();
 }
 
-// Records without CR LF: two bytes less, and its absence is no loss.
+// Records without CR LF are two bytes shorter.
 std::unique_ptr<TrackerDevice> MakeFastrak() {
   auto device = std::make_unique<FastrakDevice>();
   device->SetCrLf(0);

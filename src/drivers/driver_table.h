@@ -7,14 +7,14 @@
 
 namespace kinetrel {
 
-// The drivers of this table, as programs and the C interface hand them to the engine.
+// All drivers, in the form that programs and the C interface pass to the engine.
 DeviceFactory AllDrivers();
 
-// Makes the driver of a device type (the -d numbers), closed and not booted; null for a type
+// Makes the driver of a device type (the number of -d), closed and not booted. Null for a type
 // without a driver.
 std::unique_ptr<TrackerDevice> MakeDevice(int deviceType);
 
-// Makes the joystick of that number; null where the system has no joysticks.
+// Makes the joystick of that number; never null.
 std::unique_ptr<DAQControl> MakeJoystick(int joystickId);
 
 }  // namespace kinetrel

@@ -26,16 +26,17 @@ constexpr unsigned kFamily = static_cast<unsigned>(DeviceFamily::Gps);
 constexpr unsigned kFlagsCleared = 0x000F0000;
 constexpr unsigned kFlagsSet = 0x00100000;
 
-// Asks for the time and the receiver's health. Bare, without the frame of a packet: a receiver that
-// does not take them reports by itself.
+// Requests for the time and the receiver's health. They are sent without the frame of a packet; a
+// receiver that ignores them still reports by itself.
 constexpr char kRequests[] = {0x21, 0x26};
 constexpr int kAnswerMs = 500;
 constexpr int kAnswerSize = 10;
 
-// A receiver reports once a second at the least.
-constexpr Milliseconds kReportPatience{1500};
+// A receiver reports at least once a second.
+constexpr Milliseconds kReportWait{1500};
 
-// One frame takes no more: a line that never pauses must not keep the sampling thread for ever.
+// The most that one frame reads, so that a line that never pauses does not hold up the sampling
+// thread.
 constexpr unsigned kMostBytesPerFrame = 4096;
 
 struct LengthUnit {
@@ -68,7 +69,7 @@ int GpsDevice::OpenPort(const char* name, int) {
   return SetLineSettings(kBaud, 8, 0, 0, kRtsOff) ? 1 : kSettingsRefused;
 }
 
-// What was booted was the receiver on this port; the next one has to show itself again.
+// The next receiver on this port must identify itself again.
 int GpsDevice::ClosePort() {
   booted_ = false;
   return TrackerDevice::ClosePort() == 1 ? 1 : kNotOpen;
@@ -82,7 +83,7 @@ BootResult GpsDevice::Boot(int) {
   reports_.Restart();
   for (const char request : kRequests) Write(&request, 1);
   WaitForRX(kAnswerMs, kAnswerSize);
-  if (Listen(kReportPatience, 0) == 0) return kPortNotOpen;
+  if (Listen(kReportWait, 0) == 0) return kPortNotOpen;
   statusWord_ = (statusWord_ & ~(0xFFFFU | kFlagsCleared)) | kFamily | kFlagsSet;
   if (!AllocateSensors(kSensors)) return kPortNotOpen;
   booted_ = true;
@@ -94,16 +95,16 @@ int GpsDevice::QueryStatus(char*, int) { return kNoStatusText; }
 // ---- Sampling ------------------------------------------------------------------------------
 
 unsigned GpsDevice::ReadFrame(double* sampleTime) {
-  const unsigned accepted = Listen(kReportPatience, sensorMask_);
-  const unsigned mask = News() | kAnythingHeard;
+  const unsigned accepted = Listen(kReportWait, sensorMask_);
+  const unsigned mask = UpdatedSensors() | kAnythingHeard;
   if (reports_.TakePositionNews()) PublishPosition();
   if (reports_.TakeSatelliteNews()) PublishSatellites();
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
   return accepted > 0 ? mask : 0;
 }
 
-// The sensors that have something new.
-unsigned GpsDevice::News() const {
+// The sensors that have new values.
+unsigned GpsDevice::UpdatedSensors() const {
   return (reports_.HasPositionNews() ? kPositionSensors : 0) |
          (reports_.HasSatelliteNews() ? SatelliteMask() : 0);
 }
@@ -113,8 +114,8 @@ unsigned GpsDevice::SatelliteMask() const {
   return FirstStations(count) << kFirstSatellite;
 }
 
-// Takes what comes until a sensor of `wanted` has news, or with none wanted until the first byte
-// that a receiver sends. Returns the number of such bytes.
+// Reads until a sensor of `wanted` has new values or, with `wanted` 0, until the first byte of the
+// protocol. Returns the number of bytes that belong to the protocol.
 unsigned GpsDevice::Listen(Milliseconds patience, unsigned wanted) {
   const Deadline deadline(patience);
   unsigned accepted = 0;
@@ -122,17 +123,17 @@ unsigned GpsDevice::Listen(Milliseconds patience, unsigned wanted) {
   while (taken < kMostBytesPerFrame) {
     const int left = static_cast<int>(deadline.Remaining().count());
     if (left == 0 || !WaitForRX(left, 1)) break;
-    const unsigned got = TakeWaiting(accepted);
+    const unsigned got = ReadWaiting(accepted);
     if (got == 0) break;
     taken += got;
-    const bool enough = wanted == 0 ? accepted > 0 : (News() & wanted) != 0;
+    const bool enough = wanted == 0 ? accepted > 0 : (UpdatedSensors() & wanted) != 0;
     if (enough) break;
   }
   return accepted;
 }
 
-// All of it, also what lies behind a report that is wanted: of a backlog the newest counts.
-unsigned GpsDevice::TakeWaiting(unsigned& accepted) {
+// Reads all waiting bytes, also those behind a wanted report: the newest report counts.
+unsigned GpsDevice::ReadWaiting(unsigned& accepted) {
   std::array<std::byte, 512> bytes;
   unsigned got = 0;
   ReadSome(bytes.data(), static_cast<unsigned>(bytes.size()), &got);

@@ -1,11 +1,11 @@
-// A GPS receiver that talks TSIP at 9600 baud, as a tracker with fifteen sensors. It reports by
-// itself; gps_reports.h has the packets.
+// A GPS receiver with the TSIP protocol at 9600 baud, as a tracker with fifteen sensors. It sends
+// reports by itself; gps_reports.h describes them.
 //   sensor  x, y, z                                            yaw, pitch
 //   0       north, east and up of the origin                   -
 //   1       km along the meridian, km along the equator, up    -
 //   2       latitude, longitude in degrees without sign, up    -
-//   3..14   satellites in all, PRN, signal level               elevation, azimuth in radians
-// Lengths other than km are in the configured unit. The origin is the first fix, until
+//   3..14   number of satellites, PRN, signal level            elevation, azimuth in radians
+// Lengths are in the configured unit, except those in km. The origin is the first fix, until
 // SetProtocol moves it.
 #pragma once
 
@@ -20,40 +20,43 @@ class GpsDevice final : public TrackerDevice {
 
   // ---- Port --------------------------------------------------------------------------------
 
-  // At 9600 baud, 8N1, RTS off, whatever is asked for. An open port is left as it is.
+  // Opens at 9600 baud, 8N1, RTS off; `baud` is ignored. An open port stays as it is.
   //
-  // Returns  1 open; 0 failed; -5 the port takes no such settings.
+  // Returns  1 open; 0 failed; -5 the port refused the settings.
   int OpenPort(const char* name, int baud) override;
 
   int ClosePort() override;  // 1 closed; -4 none was open
 
   // ---- Life --------------------------------------------------------------------------------
 
-  // Listens for reports, up to two seconds: a receiver sends one a second at the least. The origin
-  // of an earlier boot stays, so that a receiver that was unplugged goes on in the same frame.
+  // Waits up to two seconds for the first byte of the protocol; a receiver sends reports at least
+  // once a second. The origin of an earlier boot stays, so that a receiver that was unplugged goes
+  // on in the same frame.
   //
-  // Returns  kBooted, also when it has been booted since the port was opened; 0 when no port is
-  //          open, nothing like TSIP comes, or there is no memory.
+  // Returns  kBooted, also when the receiver was booted before and the port not closed since; 0
+  // when
+  //          no port is open, no byte of the protocol comes, or memory is short.
   BootResult Boot(int reset) override;
 
-  int QueryStatus(char* text, int size) override;  // -13: it tells nothing
+  int QueryStatus(char* text, int size) override;  // -13: it has no status text
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Takes reports until one is about an active sensor, up to 1.5 s.
+  // Reads until a report concerns an active sensor, for up to 1.5 s.
   //
-  // sampleTime  when the report's last byte was in hand.
-  // Returns     bits 0 to 3 for a position, bit 3 + k for satellite k, and bit 3 for anything that
-  //             a receiver sends; 0 for none of it.
+  // sampleTime  when the report's last byte was read.
+  // Returns     bits 0 to 2 for a position, bit 3 + k for satellite k, and bit 3 for any byte of
+  // the
+  //             protocol; 0 when no such byte came.
   unsigned ReadFrame(double* sampleTime) override;
 
-  void Poll() override;  // nothing: reports come by themselves
+  void Poll() override;  // does nothing: the receiver sends by itself
 
   // ---- Settings ----------------------------------------------------------------------------
 
   int SetUnits(int units) override;  // 0 inch, 1 centimetre, 2 metre; others are refused
 
-  // Takes the present fix as the origin, whatever the number.
+  // Makes the current fix the origin and stores the number.
   int SetProtocol(int protocol) override;
 
   // ---- Identity ----------------------------------------------------------------------------
@@ -66,9 +69,9 @@ class GpsDevice final : public TrackerDevice {
   const GpsState& gps() const { return reports_.state(); }
 
  private:
-  unsigned News() const;
+  unsigned UpdatedSensors() const;
   unsigned SatelliteMask() const;
-  unsigned TakeWaiting(unsigned& accepted);
+  unsigned ReadWaiting(unsigned& accepted);
   unsigned Listen(Milliseconds patience, unsigned wanted);
   void PublishPosition();
   void PublishSatellites();

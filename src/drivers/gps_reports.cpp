@@ -29,8 +29,8 @@ GpsAngle AsText(double radians, char positive, char negative) {
 // Metres along a circle of that radius.
 double Arc(double radians, double radiusKm) { return radians * radiusKm * 1000.0; }
 
-// No receiver is anywhere else; a damaged packet may well be.
-bool Plausible(double latitude, double longitude, double altitude) {
+// Rejects the places that only a damaged packet can name.
+bool IsPlausible(double latitude, double longitude, double altitude) {
   return std::fabs(latitude) <= kPi / 2 && std::fabs(longitude) <= 2 * kPi &&
          std::isfinite(altitude);
 }
@@ -51,7 +51,7 @@ void TakePosition(WireReader& wire, GpsState& gps, GpsReports::News& news) {
   const double latitude = static_cast<double>(wire.F32Be());
   const double longitude = static_cast<double>(wire.F32Be());
   const double altitude = static_cast<double>(wire.F32Be());
-  if (!Plausible(latitude, longitude, altitude)) return;
+  if (!IsPlausible(latitude, longitude, altitude)) return;
   const bool moved = latitude != gps.latitude;
   gps.latitude = latitude;
   gps.longitude = longitude;
@@ -65,7 +65,7 @@ void TakePosition(WireReader& wire, GpsState& gps, GpsReports::News& news) {
 
 // ---- Satellites ----------------------------------------------------------------------------
 
-// The satellite's place in the table: its own, a free one, or the one after the counted ones. None
+// The satellite's entry in the table: its own, a free one, or the one after the counted ones. Null
 // when the table is full.
 GpsSatellite* PlaceOf(GpsState& gps, int prn) {
   const auto counted =
@@ -147,10 +147,10 @@ void TakeDifferential(WireReader& wire, GpsState& gps, GpsReports::News&) {
 
 struct ReportRow {
   std::byte id;
-  std::size_t size;     // of the body, without what is counted
-  std::size_t each;     // bytes of each that is counted; 0: nothing is
-  unsigned countShift;  // the count is the first byte, without so many low bits
-  bool tellsEvenCut;    // satellites count as reported even where the report broke off
+  std::size_t size;     // of the body without its counted entries
+  std::size_t each;     // size of a counted entry; 0: the report has none
+  unsigned countShift;  // the count is the first byte, shifted right by so many bits
+  bool updatesWhenCut;  // a report that breaks off still marks the satellites as updated
   void (*take)(WireReader& wire, GpsState& gps, GpsReports::News& news);
 };
 constexpr ReportRow kReports[] = {
@@ -190,7 +190,7 @@ bool GpsReports::Take(std::byte byte) {
     return TakeAfterMark(byte);
   }
   if (byte != kMark) return TakeUnmarked(byte);
-  // In front of the end, where the body is whole; else the next byte tells what it means.
+  // After a complete body this DLE begins the end mark. Otherwise the next byte decides.
   if (place_ == Place::Report && size_ == expected_) Finish();
   afterMark_ = true;
   return true;
@@ -202,7 +202,7 @@ bool GpsReports::TakeUnmarked(std::byte byte) {
     Append(byte);
     return true;
   }
-  // Without its mark too: a receiver that leaves it out, or a line that lost it.
+  // A packet is also accepted without its mark, which the line may have lost.
   return Begin(byte) || byte == kEnd || byte == kQuietlyTaken;
 }
 
@@ -218,7 +218,7 @@ bool GpsReports::TakeAfterMark(std::byte byte) {
   }
   if (Begin(byte)) return true;
   if (place_ == Place::Report) {
-    // Senders that do not double a 0x10 are not unheard of.
+    // Some senders do not double a 0x10.
     Append(kMark);
     if (place_ == Place::Report) Append(byte);
     return true;
@@ -239,7 +239,7 @@ bool GpsReports::Begin(std::byte id) {
 }
 
 void GpsReports::Append(std::byte byte) {
-  if (size_ == expected_) return Abandon(Place::Unknown);  // the end mark should have come
+  if (size_ == expected_) return Abandon(Place::Unknown);  // the end mark is missing
   body_[size_++] = byte;
   if (size_ == 1) ExpectCounted();
 }
@@ -247,11 +247,11 @@ void GpsReports::Append(std::byte byte) {
 void GpsReports::ExpectCounted() {
   const ReportRow& row = kReports[report_];
   expected_ = row.size + row.each * (std::to_integer<unsigned>(body_[0]) >> row.countShift);
-  if (expected_ > body_.size()) place_ = Place::Unknown;  // more satellites than there are
+  if (expected_ > body_.size()) place_ = Place::Unknown;  // an impossible number of satellites
 }
 
 void GpsReports::Abandon(Place next) {
-  if (place_ == Place::Report && kReports[report_].tellsEvenCut) news_.satellites = true;
+  if (place_ == Place::Report && kReports[report_].updatesWhenCut) news_.satellites = true;
   place_ = next;
 }
 

@@ -1,11 +1,11 @@
-// What a GPS receiver reports in TSIP, its binary protocol, and what is known from it.
+// The reports of a GPS receiver in TSIP, its binary protocol, and the state that they add up to.
 //
 // A packet is DLE (0x10), an identifier, a body, DLE, ETX (0x03). A byte 0x10 in a body is sent
 // twice. All numbers are big-endian, floats IEEE single, angles in radians.
 //   id    body  report
 //   0x41  10    time         float time of week (s), int16 week, float GPS-UTC offset (s)
 //   0x46  2     health       status, error flags
-//   0x47  1+5n  levels       n, then of each satellite: PRN, float signal level
+//   0x47  1+5n  levels       n, then for each satellite: PRN, float signal level
 //   0x4A  20    position     floats latitude, longitude, altitude (m), clock bias, time of fix
 //   0x4B  3     identity     machine, status 1, status 2
 //   0x56  20    velocity     not kept
@@ -28,7 +28,7 @@ struct GpsSatellite {
   float signalLevel = 0.0F;
 };
 
-// An angle on the globe as people write it.
+// An angle on the globe in degrees, minutes and seconds.
 struct GpsAngle {
   double degrees = 0.0;   // without sign, with all its fraction
   double minutes = 0.0;   // of the last degree, with their fraction
@@ -53,13 +53,13 @@ struct GpsState {
   GpsAngle latitudeText;
   GpsAngle longitudeText;
 
-  // The place that the local position counts from; latitude 0: there is none yet.
+  // The origin of the local position; latitude 0: not set yet.
   double startLatitude = 0.0;
   double startLongitude = 0.0;
   double startAltitude = 0.0;
 
   double northArc = 0.0;  // m from the equator along a meridian
-  double eastArc = 0.0;   // m from Greenwich along the equator, whatever the latitude
+  double eastArc = 0.0;   // m from Greenwich along the equator, the same at any latitude
   float localNorth = 0.0F;
   float localEast = 0.0F;
   float localUp = 0.0F;
@@ -83,22 +83,22 @@ struct GpsState {
   void MoveOriginHere();
 };
 
-// Walks over a stream of bytes that may begin, break and be damaged anywhere. A packet that is cut,
-// too long or not plausible changes nothing and costs only itself.
+// Finds the packets in a stream of bytes that may start, break off or be damaged anywhere. A packet
+// that is cut, too long or not plausible changes nothing, and the next packet is read as usual.
 //
-// Memory  fixed; nothing allocates.
+// Memory  nothing is allocated.
 class GpsReports {
  public:
-  // False: the byte belongs to nothing that this protocol sends.
+  // Takes one byte. False when the byte does not belong to the protocol.
   bool Take(std::byte byte);
 
-  // Forgets everything but the origin: what follows comes from a receiver anew.
+  // Forgets everything except the origin, for a receiver that starts anew.
   void Restart();
 
   const GpsState& state() const { return state_; }
   GpsState& state() { return state_; }
 
-  // There was such a report since this was last asked.
+  // True when such a report came since the last call; TakeX also clears the mark.
   bool TakePositionNews();
   bool TakeSatelliteNews();
   bool HasPositionNews() const { return news_.position; }
@@ -125,10 +125,10 @@ class GpsReports {
   GpsState state_;
   News news_;
   Place place_ = Place::Between;
-  bool afterMark_ = false;  // the byte before was a DLE whose meaning is still open
-  std::size_t report_ = 0;  // row of the report that has begun
+  bool afterMark_ = false;  // the byte before was a DLE; this byte decides what it means
+  std::size_t report_ = 0;  // the row of the current report
   std::size_t size_ = 0;
-  std::size_t expected_ = 0;  // bytes of its body
+  std::size_t expected_ = 0;  // the size of its body
   std::array<std::byte, kLongestBody> body_{};
 };
 

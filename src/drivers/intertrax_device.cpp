@@ -26,7 +26,7 @@ constexpr int kFieldMs = 200;
 constexpr unsigned kFieldSize = 2;
 constexpr int kVersionTextMs = 400;
 constexpr int kVersionTextSize = 50;
-constexpr std::size_t kVersionTextRoom = 100;  // a unit that never ends its text is cut off here
+constexpr std::size_t kVersionTextRoom = 100;  // a text without an end is cut off here
 
 constexpr int kRecordMs = 200;
 constexpr int kTimedBytes = 4;
@@ -38,15 +38,15 @@ constexpr unsigned kFlagsCleared = 0x000F0000;
 constexpr unsigned kFlagsSet = 0x00100000;
 constexpr double kRadiansPerCount = kPi / 32767;
 
-// How fast the unit measures is not known. No record comes faster than this: the line carries a
-// request and the answer to it.
+// The unit's own rate is not known. The line, which carries a request and the answer, allows at
+// most this many records a second.
 constexpr int kBitsPerFrame = kBitsPerByte * (1 + static_cast<int>(kIntertraxRecordSize));
 constexpr int kRecordsPerSecond = kFastBaud / kBitsPerFrame;
 
-// From a request to the end of its answer's first byte, at the least.
+// The shortest time from a request to the end of the answer's first byte.
 constexpr int kBitsToAnswer = kBitsPerByte * 2;
 
-// The ends of a version query that a caller can tell from a failed link.
+// Results of a version query whose answer stopped; the link itself works.
 constexpr int kNoEcho = -12;
 constexpr int kNoFirstField = -11;
 constexpr int kNoSecondField = -10;
@@ -89,8 +89,8 @@ BootResult IntertraxDevice::Boot(int) {
   return kBooted;
 }
 
-// The way up again is taken whatever came of the query: a unit left at 1200 baud would not be heard
-// again before the next reset.
+// The link returns to 38400 baud even when the query failed. A unit left at 1200 baud would stay
+// silent until the next reset.
 int IntertraxDevice::QueryStatus(char* text, int size) {
   CopyTruncated(text, size, "");
   statusWord_ = (statusWord_ & ~(0xFFFFU | kFlagsCleared)) | kFamily | kFlagsSet;
@@ -107,7 +107,7 @@ int IntertraxDevice::AskVersion(char* text, int size) {
   Write(kVersionAsk, sizeof kVersionAsk);
   for (const int failure : {kNoEcho, kNoFirstField, kNoSecondField}) {
     if (ReadField()) continue;
-    // What comes late must not be taken for the answer to the next question.
+    // A late answer must not be taken for the answer to the next question.
     WaitForRX(kVersionTextMs, kVersionTextSize);
     PurgeInput();
     return failure;
@@ -119,7 +119,7 @@ int IntertraxDevice::AskVersion(char* text, int size) {
   return 1;
 }
 
-// What the fields mean is not known here; the first repeats the question.
+// The meaning of the fields is not known; the first repeats the question.
 bool IntertraxDevice::ReadField() {
   std::array<char, kFieldSize> field{};
   return WaitForRX(kFieldMs, kFieldSize) && Read(field.data(), kFieldSize);
@@ -184,7 +184,7 @@ bool IntertraxDevice::SpeedUp() {
 // ---- Sampling ------------------------------------------------------------------------------
 
 unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
-  lastModeByte_ = 0;  // the unit answers one request: there is nothing to stop before the next
+  lastModeByte_ = 0;  // the unit answers single requests, so no stream has to be stopped
   std::array<std::byte, kIntertraxRecordSize> record{};
   const bool read = AwaitRecord() && Read(record.data(), kIntertraxRecordSize);
   if (!read || poses_.empty()) return 0;
@@ -197,9 +197,9 @@ unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
   return 1;
 }
 
-// The rest of a damaged record would shift this one and every one after it. What is there sooner
-// than the line can have carried the request and a byte of the answer is such a rest, unless it is
-// as long as a record: what stands in for a unit need not keep to the speed of a line.
+// The rest of a damaged record would shift this record and all later ones. Bytes that arrive before
+// the line can have carried the request and a byte of the answer are such a rest. A whole record is
+// accepted even then, because an emulated unit may be faster than a line.
 bool IntertraxDevice::AwaitRecord() {
   const std::int64_t earliest = askedAt_ + ClockTicksPerSecond() * kBitsToAnswer / kFastBaud;
   std::array<std::byte, kIntertraxRecordSize> rest{};

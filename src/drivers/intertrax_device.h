@@ -1,12 +1,12 @@
-// The InterTrax: one sensor, three angles. It wakes at 1200 baud when the RTS line has been off for
-// a moment, shakes hands ("c" is answered by "o", "d" by "d") and then talks at 38400 baud.
+// The InterTrax: one sensor, three angles. It resets to 1200 baud when the RTS line goes off for a
+// moment. After a handshake ("c" is answered by "o", "d" by "d") it uses 38400 baud.
 //
 // It sends a record of 6 bytes when asked ("3"):
 //   offset  size  field  unit, meaning
 //   0       2     yaw    int16 LE, pi / 32767
-//   2       2     pitch  int16 LE, pi / 32767, counts the other way
-//   4       2     roll   int16 LE, pi / 32767, counts the other way
-// Nothing marks its start: only when its bytes come tells.
+//   2       2     pitch  int16 LE, pi / 32767, opposite sign
+//   4       2     roll   int16 LE, pi / 32767, opposite sign
+// A record has no start mark; only the time of its arrival shows where it begins.
 #pragma once
 
 #include <array>
@@ -21,13 +21,13 @@ namespace kinetrel {
 // How far the link has been brought up.
 enum class IntertraxLink : int { Resetting = 0, Reset = 1, Answered = 2, Fast = 3 };
 
-// What a step of the link came to; the codes that Boot returns and the engine logs.
+// The result of a step of the link, which Boot returns and the engine logs.
 enum class IntertraxResult : int {
   Done = 1,
-  ResetRefused = -1,  // the port took no settings
+  ResetRefused = -1,  // the port refused the settings
   NoFirstAnswer = -2,
   NoSecondAnswer = -3,
-  SpeedRefused = -5,  // the port does not run at 38400 baud
+  SpeedRefused = -5,  // the port refused 38400 baud
 };
 
 inline constexpr std::size_t kIntertraxRecordSize = 6;
@@ -41,24 +41,23 @@ class IntertraxDevice final : public TrackerDevice {
 
   // ---- Life --------------------------------------------------------------------------------
 
-  // Resets the unit and brings the link up to 38400 baud. Whatever the unit was doing before, the
-  // reset ends it.
+  // Resets the unit, whatever its state, and brings the link up to 38400 baud.
   //
-  // Returns  kBooted; an IntertraxResult below 0; 0 without memory. A unit that does not tell its
-  //          version boots all the same.
+  // Returns  kBooted, also when the unit does not tell its version; an IntertraxResult below 0; 0
+  //          when memory is short.
   BootResult Boot(int reset) override;
 
-  // Asks for the version and writes what the unit says of it. At 38400 baud that means a reset, and
-  // the way up again afterwards: half a second in which no frames come.
+  // Asks for the version and writes the unit's text. At 38400 baud this resets the unit and sets
+  // the link up again, and for half a second no frames come.
   //
-  // Returns  1 asked; 0 when the link did not come up to 38400 baud again; an IntertraxResult
-  //          below 0 when the unit did not answer the first handshake; -12, -11 or -10 when its
-  //          answer stopped before the first, second or third field. The text is empty then.
+  // Returns  1 answered; 0 when the link did not return to 38400 baud; an IntertraxResult below 0
+  //          when the unit did not answer the first handshake; -12, -11 or -10 when its answer
+  //          stopped before the first, second or third field. The text is empty on failure.
   int QueryStatus(char* text, int size) override;
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Reads one record into sensor 0, for which it waits up to 200 ms.
+  // Reads one record into sensor 0; waits up to 200 ms for it.
   //
   // Returns  1 for a record, else 0.
   unsigned ReadFrame(double* sampleTime) override;
@@ -87,7 +86,7 @@ class IntertraxDevice final : public TrackerDevice {
   bool AwaitRecord();
 
   IntertraxLink link_ = IntertraxLink::Reset;
-  std::int64_t askedAt_ = 0;  // clock ticks, before the last request went out
+  std::int64_t askedAt_ = 0;  // clock ticks just before the last request was sent
 };
 
 }  // namespace kinetrel

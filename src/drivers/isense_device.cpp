@@ -109,13 +109,13 @@ int IsenseDevice::ClosePort() {
 
 int IsenseDevice::GetPortNumber() { return port_; }
 
-bool IsenseDevice::IsLive() const {
+bool IsenseDevice::IsTrackerLive() const {
   IsenseTrackerInfo info;
   return HasTracker() && ISD_GetCommInfo(trackerHandle_, &info) != 0;
 }
 
 bool IsenseDevice::OpenSource(int port) {
-  if (IsLive()) return true;
+  if (IsTrackerLive()) return true;
   if (port >= kFirstUdpPort) {
     LookForSource(port);
   } else {
@@ -126,7 +126,7 @@ bool IsenseDevice::OpenSource(int port) {
   return true;
 }
 
-// Whoever sends may stop and start: the library has the port only once something comes.
+// The sender may start later, so the library gets the port only when a datagram has arrived.
 void IsenseDevice::LookForSource(int port) {
   if (probe_.port() != port) probe_.Open(port);
   if (!probe_.IsOpen() || probe_.Drain() == 0) return;
@@ -134,7 +134,8 @@ void IsenseDevice::LookForSource(int port) {
   OpenTracker(port, false);
 }
 
-// A tracker that the library has lost would keep its port, and the library loaded, for ever.
+// A tracker that the library has lost is closed first. Otherwise it would keep its port and the
+// library loaded.
 bool IsenseDevice::OpenTracker(int port, bool infoScreen) {
   if (HasTracker()) ISD_CloseTracker(trackerHandle_);
   trackerHandle_ =
@@ -157,7 +158,7 @@ unsigned IsenseDevice::GetBaudRate() {
   return static_cast<unsigned>(kBits * 1000.0F);
 }
 
-// Some trackers know their rate only after they have sent for a while.
+// Some trackers know their rate only after they have sent data for a while.
 float IsenseDevice::MeasureKBits() {
   std::printf("\nsizeof(ISD_TRACKER_DATA_TYPE) = %d", static_cast<int>(sizeof data_));
   std::fputs("\nTesting port ", stdout);
@@ -207,7 +208,7 @@ void IsenseDevice::SetUpModel(std::uint32_t model) {
   SetName(static_cast<DeviceName>(deviceType_));
 }
 
-// A timer that cannot be had leaves Poll with its time-out: slower, but no worse.
+// Without a timer, Poll returns at its time-out, so frames come more slowly.
 void IsenseDevice::StartTimer() {
   framePeriodMs_ = totalFrameRate_ > 0 ? std::max(1, 1000 / totalFrameRate_) : 10;
   static_cast<void>(frameTimer_.Start(Milliseconds(framePeriodMs_)));
@@ -256,8 +257,8 @@ unsigned IsenseDevice::ReadFrame(double* sampleTime) {
   return ISD_UdpBroadcastData(trackerHandle_, to, &data_, nullptr) != 0 ? 1 : 0;
 }
 
-// The timer ticks a little faster than the tracker measures, so about every tenth record is not
-// there yet. Reported as a failure that would cost the engine's pause, and so the records after it.
+// The timer is a little faster than the tracker, so about every tenth record is not ready at once.
+// Reporting that as a failure would make the engine pause and miss the next records.
 bool IsenseDevice::TakeNewData() {
   const Deadline patience{Milliseconds(2 * framePeriodMs_)};
   do {

@@ -8,12 +8,11 @@ namespace {
 
 constexpr const char* kLibraryName = "isense.dll";
 
-// How deep this thread is in the library. A library that means one of its own functions may be
-// given ours of the same name: such a call is passed on, but loads and unloads nothing under the
-// call that it came from.
+// How many of our functions this thread is in. A library that calls its own function may reach ours
+// of the same name. We forward such a call, but do not load or unload the library during it.
 thread_local int callDepth = 0;
 
-// Where even the functions looked up turn out to lead back here, this ends it.
+// Ends the recursion when the functions that were looked up lead back to ours.
 constexpr int kDeepest = 16;
 
 class InsideCall {
@@ -23,26 +22,26 @@ class InsideCall {
   InsideCall(const InsideCall&) = delete;
   InsideCall& operator=(const InsideCall&) = delete;
 
-  bool First() const { return callDepth == 1; }
-  bool Endless() const { return callDepth > kDeepest; }
+  bool IsOutermost() const { return callDepth == 1; }
+  bool IsTooDeep() const { return callDepth > kDeepest; }
 };
 
-template <typename Result, typename... Declared, typename... Given>
-Result Forward(Result (*IsenseCalls::*call)(Declared...), Given... given) {
+template <typename Result, typename... Parameters, typename... Arguments>
+Result Forward(Result (*IsenseCalls::*call)(Parameters...), Arguments... arguments) {
   const InsideCall inside;
   const auto bound = IsenseLibrary::OfProcess().calls().*call;
-  return bound != nullptr && !inside.Endless() ? bound(given...) : Result{};
+  return bound != nullptr && !inside.IsTooDeep() ? bound(arguments...) : Result{};
 }
 
-// Only the outermost call may: dlopen runs the library's own start-up, which may call us.
+// Only the outermost call loads: loading runs the library's own start-up code, which may call us.
 void LoadFirst() {
   const InsideCall inside;
-  if (inside.First()) IsenseLibrary::OfProcess().Load();
+  if (inside.IsOutermost()) IsenseLibrary::OfProcess().Load();
 }
 
 void UnloadLast() {
   const InsideCall inside;
-  if (inside.First()) IsenseLibrary::OfProcess().UnloadIfUnused();
+  if (inside.IsOutermost()) IsenseLibrary::OfProcess().UnloadIfUnused();
 }
 
 }  // namespace
@@ -66,8 +65,8 @@ bool IsenseLibrary::Load() {
   return true;
 }
 
-// A library that has none of its own and is linked with this program would find ours: no such
-// function for us.
+// A library that lacks the function and is linked with this program would find ours. That counts as
+// missing.
 template <typename Call>
 void IsenseLibrary::Bind(const char* name, Call& call, Call own) {
   DynamicLibrary::AnyFunction found = nullptr;

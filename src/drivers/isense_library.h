@@ -1,8 +1,8 @@
-// The InterSense library, bound while the program runs, and the 20 functions of its C interface as
-// this program exports them.
+// The InterSense library, loaded at run time, and the 20 functions of its C interface, which this
+// program exports and forwards.
 //
-// Every result is a flag, nonzero for success, but where it says otherwise. Handles are 1 and more;
-// stations count from 1.
+// A result is nonzero for success unless its line says otherwise. Handles and stations count
+// from 1.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace kinetrel {
 
-// What the library exports; null: it does not, or is not loaded.
+// The library's functions; null when it lacks the function or is not loaded.
 struct IsenseCalls {
   int (*openTracker)(void* window, std::uint32_t port, int infoScreen, int verbose) = nullptr;
   std::uint32_t (*openAllTrackers)(void* window, int* handles, int infoScreen,
@@ -50,11 +50,11 @@ class IsenseLibrary {
  public:
   static IsenseLibrary& OfProcess();
 
-  // Loads the library unless it is. What is missing, the library or a function, is reported on the
+  // Loads the library unless it is loaded. A missing library or function is reported on the
   // standard error stream.
   bool Load();
 
-  void UnloadIfUnused();  // when it says that no tracker is open
+  void UnloadIfUnused();  // unloads the library when it reports that no tracker is open
 
   bool IsLoaded() const { return module_.has_value(); }
   const IsenseCalls& calls() const { return calls_; }
@@ -71,8 +71,8 @@ class IsenseLibrary {
 
 }  // namespace kinetrel
 
-// A call whose function is not bound returns 0. Opening loads the library first, closing unloads it
-// with the last tracker.
+// A call whose function is missing returns 0. Opening a tracker loads the library first; closing
+// the last tracker unloads it.
 extern "C" {
 int ISD_OpenTracker(void* window, std::uint32_t port, int infoScreen, int verbose);
 std::uint32_t ISD_OpenAllTrackers(void* window, int* handles, int infoScreen, int verbose);

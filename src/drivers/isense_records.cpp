@@ -11,7 +11,7 @@ namespace {
 constexpr int kLeastRoom = 100;
 constexpr int kLineRoom = 80;
 
-// Lines are left out whole, never cut; after one that was left out there are no more.
+// Writes whole lines only. After the first line that does not fit, no line follows.
 class LineWriter {
  public:
   LineWriter(char* text, int size) : text_(text), size_(size >= kLeastRoom ? size : 0) {}
@@ -38,7 +38,7 @@ const char* NameOf(std::uint32_t code, std::span<const char* const> names, const
 }
 
 constexpr const char* kTypes[] = {nullptr, "Precision Series", "InterTrax Series"};
-// The spelling is the one that users of the trackers' own tools know.
+// The misspelled "IntertiaCube" is kept for compatibility.
 constexpr const char* kModels[] = {
     nullptr,      "IS-300",       "IS-600",       "IS-900",        "InterTrax1",
     "InterTrax2", "InterTrax LS", "InterTrax LC", "IntertiaCube2", "IntertiaCube2 PRO",

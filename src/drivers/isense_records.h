@@ -1,7 +1,7 @@
 // The records of the InterSense library's C interface, and their texts.
 //
-// Layouts are the library's: 32-bit words in the machine's own order. What this driver neither
-// reads nor writes is kept as reserved words, so that the library finds the room it fills.
+// The layouts are the library's: 32-bit words in the machine's byte order. Words that this driver
+// does not use are reserved, because the library fills them.
 #pragma once
 
 #include <array>
@@ -27,7 +27,7 @@ struct IsenseTrackerInfo {
 };
 static_assert(sizeof(IsenseTrackerInfo) == 84);
 
-// How a station tells its orientation.
+// The form of a station's orientation.
 enum class IsenseAngleFormat : std::uint32_t { AsEuler = 1, AsQuaternion = 2 };
 
 struct IsenseStationInfo {
@@ -52,7 +52,7 @@ static_assert(sizeof(IsenseStationInfo) == 96);
 
 struct IsenseStationData {
   std::uint8_t reserved0 = 0;
-  std::uint8_t newData = 0;  // nonzero: not read before
+  std::uint8_t newData = 0;  // nonzero: a new record
   std::array<std::uint8_t, 2> reserved2{};
   std::array<float, 4> orientation{};  // yaw, pitch, roll in degrees; or a quaternion, w first
   std::array<std::uint8_t, 116> reserved20{};
@@ -64,8 +64,8 @@ struct IsenseTrackerData {
 };
 static_assert(sizeof(IsenseTrackerData) == 1088);
 
-// Both write as many whole lines as fit into `size` bytes with 80 to spare; below 100 bytes, or
-// without room, nothing.
+// Both append lines while `size` leaves 80 bytes of room. With a size below 100, or a null text,
+// they write nothing.
 void FormatTrackerInfo(const IsenseTrackerInfo& info, char* text, int size);
 void FormatStationInfo(const IsenseStationInfo& info, char* text, int size);
 

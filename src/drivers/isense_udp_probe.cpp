@@ -13,7 +13,7 @@ constexpr std::size_t kEnough = 1024 * 1024;
 
 }  // namespace
 
-// What the system refuses beyond the port itself, the probe can do without.
+// The probe works even when the system refuses the two options.
 bool UdpProbe::Open(int port) {
   Close();
   if (port < 0 || port > kLastPort) return false;

@@ -1,4 +1,4 @@
-// Looks whether somebody sends tracker data to a UDP port, before the library is given the port.
+// Watches a UDP port for tracker data, before the library opens the port.
 #pragma once
 
 #include <cstddef>
@@ -14,12 +14,12 @@ class UdpProbe {
  public:
   static constexpr int kClosed = -1;
 
-  // Listens on `port` of all local addresses. False, and closed: no port of that number, or the
-  // system refuses it (another program listens there).
+  // Listens on `port` of all local addresses. False, and closed, for an invalid port number or when
+  // the system refuses the port (another program uses it).
   bool Open(int port);
 
-  // Takes what has come, and says how many bytes that was; an empty datagram ends it. Under a flood
-  // it stops after 1 MiB.
+  // Reads the datagrams that have arrived and returns their bytes in total. Stops at an empty
+  // datagram and after 1 MiB.
   std::size_t Drain();
 
   void Close();

@@ -9,13 +9,14 @@
 namespace kinetrel {
 namespace {
 
-int Channels(unsigned count) { return static_cast<int>(std::min(count, 32U)); }
+int LimitChannels(unsigned count) { return static_cast<int>(std::min(count, 32U)); }
 
 }  // namespace
 
 JoystickChannels ChannelsOf(const JoystickCapabilities& capabilities) {
-  const int most = Channels(capabilities.maxButtons);
-  return {most, std::max(most, Channels(capabilities.buttons)), Channels(capabilities.axes)};
+  const int most = LimitChannels(capabilities.maxButtons);
+  return {most, std::max(most, LimitChannels(capabilities.buttons)),
+          LimitChannels(capabilities.axes)};
 }
 
 std::string DescribeJoystick(const JoystickCapabilities& capabilities) {
@@ -62,7 +63,7 @@ Result<JoystickCapabilities> Joystick::AskCapabilities() {
     if (known.Ok()) return known;
   }
   Result<JoystickInput> opened = JoystickInput::Open(joystickId_);
-  if (!opened.Ok()) return opened.status();  // the old one stays: its stick may come back
+  if (!opened.Ok()) return opened.status();  // input_ stays, as its stick may come back
   input_ = std::move(*opened);
   return input_->Capabilities();
 }

@@ -1,7 +1,7 @@
-// A joystick of the machine as a source of button bits beside the tracker: its buttons are the
-// digital channels, its axes the analog ones, of which x, y and z are read.
+// A joystick as a source of button bits beside the tracker. Its buttons are the digital channels,
+// its axes the analog channels; the axes x, y and z are read.
 //
-// The joystick may be booted again while it is read; a Read meanwhile has no new values.
+// Threads  one may boot the joystick while another reads it; that Read returns no new values.
 #pragma once
 
 #include <array>
@@ -14,27 +14,27 @@
 
 namespace kinetrel {
 
-// How many channels a stick has for us: 32 of a kind at the most.
+// The numbers of channels that are used, at most 32 of each kind.
 struct JoystickChannels {
   int maxButtons = 0;
-  int digital = 0;  // buttons: those that the stick has, or as many as its driver knows of
+  int digital = 0;  // the stick's buttons, or its driver's maximum if that is greater
   int analog = 0;   // axes
 };
 JoystickChannels ChannelsOf(const JoystickCapabilities& capabilities);
 
-// The stick and its channels in words.
+// Describes the stick and its channels for a person.
 std::string DescribeJoystick(const JoystickCapabilities& capabilities);
 
 class Joystick final : public DAQControl {
  public:
-  explicit Joystick(int id);  // the first stick's where there are not as many
+  explicit Joystick(int id);  // a number without a stick selects the first stick
 
-  // Opens the stick, or opens it anew when it was unplugged, and reads it. 1, or 0 on failure,
-  // whose cause is printed on the standard error stream.
+  // Opens the stick, or reopens one that was unplugged, and reads it. Returns 1, or 0 after
+  // printing the cause on the standard error stream.
   int Boot(int unused) override;
   int QueryCaps(char* text, int size) override;
 
-  // 0, and the old values stay, while it is unplugged; it comes back by itself.
+  // Returns 0 and keeps the old values while the stick is unplugged. It comes back by itself.
   int Read(int unused) override;
 
   int GetId() override { return joystickId_; }

@@ -65,8 +65,8 @@ LibertyDevice::~LibertyDevice() {
   pdiDevice_.Disconnect();
 }
 
-// Logs the library's own words for what a call came to, and passes its result on.
-bool LibertyDevice::Tell(int result, const char* call) {
+// Logs the library's own description of the call's result. True for success.
+bool LibertyDevice::LogResult(int result, const char* call) {
   Post(statusLog_, 0, "%s result: %s", call, pdiDevice_.GetLastResultStr());
   return result != 0;
 }
@@ -87,7 +87,7 @@ int LibertyDevice::OpenPortNumber(int number, int baud) {
 int LibertyDevice::ClosePort() {
   const std::lock_guard lock(pdiLock_);
   pdiDevice_.Disconnect();
-  streaming_ = false;  // nothing streams over no connection
+  streaming_ = false;  // disconnecting ends the stream
   return 0;
 }
 
@@ -108,18 +108,18 @@ BootResult LibertyDevice::Boot(int) {
   const std::lock_guard lock(pdiLock_);
   if (pdiDevice_.CnxReady() == 0) Connect();
   if (pdiDevice_.CnxReady() == 0) return kPortNotOpen;
-  Tell(pdiDevice_.SetSDataList(kAllStations, motionList_), "SetSDataList");
+  LogResult(pdiDevice_.SetSDataList(kAllStations, motionList_), "SetSDataList");
   ReportBitErrors();
   ReadStationMap();
   framePeriodMs_ = 1;
-  // Without a timer ReadFrame paces itself by sleeping.
+  // Without a timer ReadFrame sleeps between two looks.
   const Status started = frameTimer_.Start(Milliseconds(framePeriodMs_));
   if (!started.Ok()) Post(statusLog_, -3, "Frame timer: %s", Describe(started).c_str());
   return kBooted;
 }
 
 void LibertyDevice::Connect() {
-  streaming_ = false;  // whatever streamed was another connection
+  streaming_ = false;  // a new connection does not stream yet
   pdiDevice_.SetSerialIF(pdiSerial_);
   const int kind = pdiDevice_.DiscoverCnx();
   const char* const text = pdiDevice_.GetLastResultStr();
@@ -137,18 +137,18 @@ void LibertyDevice::Connect() {
 
 void LibertyDevice::ReportBitErrors() {
   CPDIbiterr errors;
-  Tell(pdiDevice_.GetBITErrs(errors), "GetBITErrs");
+  LogResult(pdiDevice_.GetBITErrs(errors), "GetBITErrs");
   std::array<char, 100> text{};
   errors.Parse(text.data(), static_cast<int>(text.size()));
   Post(statusLog_, 0, "BIT Errors: %s", text.data());
-  if (!errors.IsClear()) Tell(pdiDevice_.ClearBITErrs(), "ClearBITErrs");
+  if (!errors.IsClear()) LogResult(pdiDevice_.ClearBITErrs(), "ClearBITErrs");
 }
 
 void LibertyDevice::ReadStationMap() {
   const int result = pdiDevice_.GetStationMap(stationMap_);
   stationMap_ &= kStationBits;
   sensorMask_ = stationMap_;
-  Tell(result, "GetStationMap");
+  LogResult(result, "GetStationMap");
   Post(statusLog_, 0, "ActiveStationMap: %#x", stationMap_);
 }
 
@@ -189,7 +189,7 @@ unsigned LibertyDevice::ReadFrame(double* sampleTime) {
     StartStream();
   }
   const std::lock_guard lock(pdiLock_);
-  // A tracker that sends nothing by itself is asked, or a polling host would never see a frame.
+  // A tracker that does not stream sends a frame only when it is asked.
   if (paused_) pdiDevice_.RequestPno();
   if (!WaitForFrame()) return 0;
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
@@ -200,7 +200,7 @@ bool LibertyDevice::WaitForFrame() {
   int tries = framePeriodMs_ > 0 ? kFrameWaitMs / framePeriodMs_ + 1 : kTriesWithoutPeriod;
   while (tries-- > 0) {
     if (!frameTimer_.Wait(Milliseconds(2 * framePeriodMs_))) {
-      // A timer that could not be started ends its wait at once: never look without a pause.
+      // The wait on a timer that was not started ends at once, so sleep instead.
       resolution_.Sleep(Milliseconds(1));
     }
     if (TakeFrame()) return true;
@@ -212,7 +212,7 @@ bool LibertyDevice::TakeFrame() {
   const std::uint8_t* bytes = nullptr;
   std::uint32_t size = 0;
   if (pdiDevice_.LastPnoPtr(bytes, size) == 0 || bytes == nullptr || size == 0) return false;
-  // Never more than the active stations send, whatever the library says.
+  // The library's size is not trusted beyond what the active stations send.
   const std::size_t limit = std::min(expectedFrameSize_, frame_.size());
   const auto frame = std::as_bytes(std::span(bytes, std::min<std::size_t>(size, limit)));
   const auto count = LibertyFrameCount(layout_, frame);
@@ -306,7 +306,7 @@ int LibertyDevice::Align(int sensor, const float origin[3], const float xAxis[3]
   StopStream();
   const std::lock_guard lock(pdiLock_);
   const int result = pdiDevice_.SetSAlignment(sensor, origin, xAxis, yAxis);
-  Tell(result, "SetSAlignment");
+  LogResult(result, "SetSAlignment");
   return result;
 }
 
@@ -354,7 +354,7 @@ unsigned LibertyDevice::SetComponentMask(unsigned mask) {
   motionList_.Append(kFrameCountItem);
   componentMask_ = mask;
   RefreshStations();
-  Tell(pdiDevice_.SetSDataList(kAllStations, motionList_), "SetSDataList(mask)");
+  LogResult(pdiDevice_.SetSDataList(kAllStations, motionList_), "SetSDataList(mask)");
   return componentMask_;
 }
 

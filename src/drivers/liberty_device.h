@@ -1,8 +1,8 @@
-// The Polhemus Liberty, up to 16 stations at 120 or 240 Hz, through its device library: see
-// interface/pdi_table.h for the library and liberty_frame.h for what it sends.
+// The Polhemus Liberty, up to 16 stations at 120 or 240 Hz, reached through its device library.
+// vendor/pdi_table.h describes the library, liberty_frame.h the frames.
 //
-// Poses come out of the last frame: a sensor's index counts the active stations in the order of
-// their numbers. The device's own records and sensor count stay empty.
+// The getters read the last frame. Their sensor index counts the active stations in the order of
+// their numbers. The base class' records and sensor count stay empty.
 #pragma once
 
 #include <array>
@@ -19,8 +19,9 @@
 
 namespace kinetrel {
 
-// Threads  any: every call of the library is made under a lock of our own, also while ReadFrame
-//          waits for a frame. So a setting waits for a frame, a second at the most.
+// Threads  any. A lock of the driver guards every call of the library, also while ReadFrame waits
+// for
+//          a frame. A setting therefore waits for a frame, at most one second.
 class LibertyDevice final : public TrackerDevice, public OwnConnection, public PackedRecords {
  public:
   LibertyDevice();
@@ -28,10 +29,10 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
 
   // ---- Port --------------------------------------------------------------------------------
 
-  int OpenPort(const char* name, int baud) override;  // not by name: 0
+  int OpenPort(const char* name, int baud) override;  // not supported: 0
 
-  // Remembers where Boot shall look. 0 for a baud rate that the library does not know; the number
-  // is then taken all the same.
+  // Stores port and baud rate for Boot. Returns 0 for a baud rate that the library does not know;
+  // the port is stored all the same.
   int OpenPortNumber(int number, int baud) override;
   int ClosePort() override;
   int GetPortNumber() override;
@@ -39,17 +40,17 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
 
   // ---- Life --------------------------------------------------------------------------------
 
-  // Connects, tells the tracker what to send, reports and clears the errors of its built-in test.
-  // Returns kBooted, or 0 where no tracker is found.
+  // Connects, selects the items of a record, logs and clears the errors of the built-in test.
+  // Returns kBooted, or 0 when no tracker is found.
   BootResult Boot(int reset) override;
-  int QueryStatus(char* text, int size) override;  // 0: it has none
+  int QueryStatus(char* text, int size) override;  // 0: it has no status text
   bool ConnectionLost() override;
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Waits for a frame that differs from the last one by its counter, some 500 ms at 1 ms a look.
+  // Waits for a frame with a new counter, for about 500 ms in steps of 1 ms.
   //
-  // Returns  the mask of the active stations; 0 when none came or nothing is connected.
+  // Returns  the mask of the active stations; 0 when no frame came or no tracker is connected.
   unsigned ReadFrame(double* sampleTime) override;
   void Poll() override;  // ends continuous output; ReadFrame then asks for each frame
   void StartContinuous() override;
@@ -63,9 +64,9 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
 
   // ---- Settings ----------------------------------------------------------------------------
 
-  int SetUnits(int units) override;        // 0 inch; 1 and 2 centimetre; others change nothing: 0
-  int SetCrLf(int on) override;            // 0: its records have no lines
-  int SetProtocol(int protocol) override;  // the frame rate: 4 120 Hz, 5 240 Hz; others 0
+  int SetUnits(int units) override;        // 0 inch; 1 and 2 centimetre; others return 0
+  int SetCrLf(int on) override;            // 0: its records are binary
+  int SetProtocol(int protocol) override;  // frame rate: 4 120 Hz, 5 240 Hz; others return 0
   int SetSensorVector4(int sensor, float a, float b, float c, float d) override;
   int SetAlignment(int sensor, const float xAxis[3], const float yAxis[3]) override;
   int SetAlignmentPose(int sensor, const float pose[6]) override;
@@ -85,8 +86,8 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   int GetFrameRate() override;  // of the whole tracker, 120 or 240, whatever the active stations
 
   // ---- Records -----------------------------------------------------------------------------
-  // Null without a frame and for a sensor that is not in it. One record for all: each call writes
-  // it anew.
+  // Null without a frame and for a sensor that is not in it. All sensors share one record, which
+  // each call overwrites.
 
   float* GetSensorOffset(int sensor) override;  // zeros
   float* GetSensorPose(int sensor) override;    // null unless position and angles are delivered
@@ -108,10 +109,10 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   bool WaitForFrame();
   bool TakeFrame();
   int Align(int sensor, const float origin[3], const float xAxis[3], const float yAxis[3]);
-  bool Tell(int result, const char* call);
+  bool LogResult(int result, const char* call);
   bool ReadFloats(int sensor, std::size_t offset, std::span<float> into);
 
-  std::recursive_mutex pdiLock_;  // every library call, and all below
+  std::recursive_mutex pdiLock_;  // guards every library call and all fields below
   CPDImdat motionList_;
   CPDIdev pdiDevice_;
   CPDIser pdiSerial_;
@@ -125,9 +126,9 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   Pose zeroOffset_{};
   Pose poseOut_{};
   Quaternion quaternionOut_ = kIdentityQuaternion;
-  // Ours, as the library's memory is good until its next call only, and a frame stays readable.
+  // A copy, because the library's memory is valid only until its next call.
   std::array<std::byte, kLongestFrame> frame_{};
-  std::size_t frameSize_ = 0;  // 0: none
+  std::size_t frameSize_ = 0;  // 0: no frame
   std::uint32_t lastFrameCount_ = 0xFFFFFFFF;
   bool paused_ = false;
   PeriodicTimer frameTimer_;

@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::size_t kHeaderSize = 8;
 
-// By the item's code, with what of the layout it sets.
+// By the item's code: its size, and the offset of the layout that it sets.
 struct ItemRow {
   std::size_t size;
   std::size_t LibertyLayout::*offset;

@@ -1,5 +1,5 @@
-// A Liberty on a serial port, by its own command set. Nothing is written to its permanent memory:
-// it keeps what it was set to until it is switched off.
+#include "drivers/liberty_line.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "drivers/liberty_frame.h"
 #include "drivers/liberty_wire.h"
 #include "platform/serial_line.h"
-#include "vendor/pdi_tracker.h"
 
-namespace kinetrel::substitute {
+namespace kinetrel {
 namespace {
 
 constexpr Milliseconds kAnswerTime{300};
@@ -25,15 +25,10 @@ constexpr std::uint8_t kBitCommand = 'T' & 0x1F;
 constexpr std::size_t kMostItems = 20;
 constexpr unsigned kBitsPerByte = 10;  // on the line
 
-std::size_t SizeOf(std::int32_t item) {
-  constexpr std::size_t kSizes[] = {1, 2, 12, 12, 12, 12, 36, 16, 4, 4, 4, 4, 4};
-  return item >= 0 && item < static_cast<int>(std::size(kSizes)) ? kSizes[item] : 0;
-}
-
 std::string StationText(int station) { return station < 0 ? "*" : std::to_string(station); }
 
-// As the tracker reads it: ",1.5,0,-3".
-std::string List(std::span<const float> values) {
+// The form that the tracker reads: ",1.5,0,-3".
+std::string ListText(std::span<const float> values) {
   std::string text;
   char number[32];
   for (const float value : values) {
@@ -51,7 +46,7 @@ std::uint32_t WordAt(std::span<const std::uint8_t> bytes) {
   return word;
 }
 
-class SerialTracker final : public PdiTracker {
+class SerialLiberty final : public LibertyTracker {
  public:
   bool Connected() override { return line_.has_value(); }
 
@@ -59,7 +54,7 @@ class SerialTracker final : public PdiTracker {
     if (!Open("COM" + std::to_string(port), baud)) return false;
     baud_ = baud;
     fitted_ = 0;
-    // Found in any state: with half a command in its ear, streaming, in text.
+    // It may have half a command in its buffer, may be streaming, and may answer in text.
     for (int i = 0; i < kTries && line_; ++i) {
       Send("\r");
       Quieten();
@@ -83,10 +78,10 @@ class SerialTracker final : public PdiTracker {
     items_.assign(items.begin(), items.end());
     LayOut();
     if (!Send(text + "\r")) return false;
-    const auto told = Ask("O1\r", 'O');
-    if (!told || told->size() < 4 * items.size()) return false;
+    const auto answer = Ask("O1\r", 'O');
+    if (!answer || answer->size() < 4 * items.size()) return false;
     for (std::size_t i = 0; i < items.size(); ++i) {
-      if (WordAt(std::span(*told).subspan(4 * i)) != static_cast<std::uint32_t>(items[i])) {
+      if (WordAt(std::span(*answer).subspan(4 * i)) != static_cast<std::uint32_t>(items[i])) {
         return false;
       }
     }
@@ -94,11 +89,10 @@ class SerialTracker final : public PdiTracker {
   }
 
   bool GetStations(std::uint32_t& map) override {
-    const auto told =
-        Ask(std::string(1, static_cast<char>(kStationsCommand)) + "0\r", kStationsCommand);
-    if (!told || told->size() < 4) return false;
-    map = WordAt(*told);
-    active_ = map & 0xFFFF;  // above are those that are plugged
+    const auto answer = Ask(std::string(1, kStationsCommand) + "0\r", kStationsCommand);
+    if (!answer || answer->size() < 4) return false;
+    map = WordAt(*answer);
+    active_ = map & 0xFFFF;  // the upper half holds the stations that have a sensor
     LayOut();
     return true;
   }
@@ -109,7 +103,7 @@ class SerialTracker final : public PdiTracker {
     return Send(text);
   }
 
-  int MostStations() override { return static_cast<int>(kPdiStations); }
+  int MostStations() override { return static_cast<int>(kLibertyStations); }
   bool Start() override {
     FitRate();
     return Send("C\r");
@@ -124,7 +118,7 @@ class SerialTracker final : public PdiTracker {
 
   bool LastFrame(const std::uint8_t*& frame, std::uint32_t& size) override {
     if (!line_) return false;
-    Pump();
+    ReadArrived();
     const auto cycle = cycles_.Take();
     frame = cycle.data();
     size = static_cast<std::uint32_t>(cycle.size());
@@ -133,36 +127,35 @@ class SerialTracker final : public PdiTracker {
 
   bool SetRate(int code) override {
     rate_ = code;
-    return Set("R" + std::to_string(code), 'R', code);
+    return SetChecked("R" + std::to_string(code), 'R', code);
   }
   bool GetRate(int& code) override {
     FitRate();
-    const auto told = Ask("R\r", 'R');
-    if (told) code = static_cast<int>(WordAt(*told));
-    return told.has_value();
+    const auto answer = Ask("R\r", 'R');
+    if (answer) code = static_cast<int>(WordAt(*answer));
+    return answer.has_value();
   }
-  bool SetMetric(bool on) override { return Set(on ? "U1" : "U0", 'U', on ? 1 : 0); }
-  bool SetSync(bool on) override { return Set(on ? "Z1" : "Z0", 'Z', on ? 1 : 0); }
+  bool SetMetric(bool on) override { return SetChecked(on ? "U1" : "U0", 'U', on ? 1 : 0); }
+  bool SetSync(bool on) override { return SetChecked(on ? "Z1" : "Z0", 'Z', on ? 1 : 0); }
 
-  // The tracker adds a new alignment to the one before: that goes first.
+  // The tracker adds a new alignment to the old one, so the old one is removed first.
   bool Align(int station, std::span<const float, 9> points) override {
     const std::string who = StationText(station);
-    return Send(std::string(1, 'R' & 0x1F) + who + "\r") && Send("A" + who + List(points) + "\r");
+    return Send(std::string(1, 'R' & 0x1F) + who + "\r") &&
+           Send("A" + who + ListText(points) + "\r");
   }
   bool SetHemisphere(int station, std::span<const float, 3> zenith) override {
-    return Send("H" + StationText(station) + List(zenith) + "\r");
+    return Send("H" + StationText(station) + ListText(zenith) + "\r");
   }
 
   bool BitErrors(std::span<std::uint32_t> words, std::size_t& count) override {
-    const auto told = Ask(std::string(1, static_cast<char>(kBitCommand)) + "\r", kBitCommand);
-    if (!told) return false;
-    count = std::min(words.size(), told->size() / 4);
-    for (std::size_t i = 0; i < count; ++i) words[i] = WordAt(std::span(*told).subspan(4 * i));
+    const auto answer = Ask(std::string(1, kBitCommand) + "\r", kBitCommand);
+    if (!answer) return false;
+    count = std::min(words.size(), answer->size() / 4);
+    for (std::size_t i = 0; i < count; ++i) words[i] = WordAt(std::span(*answer).subspan(4 * i));
     return true;
   }
-  bool ClearBitErrors() override {
-    return Send(std::string(1, static_cast<char>(kBitCommand)) + "0\r");
-  }
+  bool ClearBitErrors() override { return Send(std::string(1, kBitCommand) + "0\r"); }
 
  private:
   using Answer = std::vector<std::uint8_t>;
@@ -173,10 +166,10 @@ class SerialTracker final : public PdiTracker {
     answers_ = true;
     Result<SerialLine> opened = SerialLine::Open(name);
     if (!opened.Ok()) {
-      Explain(SerialLine::ExplainOpenFailure(name, opened.status()));
+      PrintOnce(SerialLine::ExplainOpenFailure(name, opened.status()));
       return false;
     }
-    explained_.clear();
+    printed_.clear();
     line_.emplace(std::move(*opened));
     LineSettings settings;
     settings.baud = baud;
@@ -184,35 +177,34 @@ class SerialTracker final : public PdiTracker {
     return line_.has_value();
   }
 
-  // Once: a line that has gone is tried again and again.
-  void Explain(const std::string& why) {
-    if (why != explained_) std::fprintf(stderr, "\n%s\n", why.c_str());
-    explained_ = why;
+  // A line that has gone is tried again and again; the reason is printed only when it changes.
+  void PrintOnce(const std::string& why) {
+    if (why != printed_) std::fprintf(stderr, "\n%s\n", why.c_str());
+    printed_ = why;
   }
 
-  // What Kinetrel takes for granted or, after the tracker was switched off and on, set before.
+  // Restores the settings that Kinetrel relies on, and those made before the tracker was switched
+  // off and on.
   bool SetUp() {
-    Send("L*,0\r");  // else the stylus' button stops and starts the stream
+    Send("L*,0\r");  // otherwise the stylus' button stops and starts the stream
     return SetMetric(true) && (rate_ == 0 || SetRate(rate_));
   }
 
-  // Unless the program has chosen one: the highest rate that the line carries, for of a faster one
-  // it would lose whole cycles.
+  // Without a rate from the program, sets the highest one that the line carries. At a higher rate
+  // the tracker would drop whole cycles.
   void FitRate() {
     constexpr std::size_t kFastest = 240;
     const std::size_t perSecond = kFastest * SizeOfCycle();
     const int code = perSecond <= baud_ / kBitsPerByte ? 4 : 3;
     if (rate_ != 0 || code == fitted_) return;
-    if (Set("R" + std::to_string(code), 'R', code)) fitted_ = code;
+    if (SetChecked("R" + std::to_string(code), 'R', code)) fitted_ = code;
   }
 
   std::size_t SizeOfCycle() const {
-    std::size_t size = kPdiHeader;
-    for (const std::int32_t item : items_) size += SizeOf(item);
-    return size * static_cast<std::size_t>(std::popcount(active_));
+    return LibertyLayoutOf(items_).recordSize * static_cast<std::size_t>(std::popcount(active_));
   }
 
-  // False, and the connection given up, when the line has gone.
+  // False when the tracker did not take the text. A line that has gone is closed.
   bool Send(const std::string& text) {
     if (!line_) return false;
     const auto sent = line_->Write(std::as_bytes(std::span(text.data(), text.size())));
@@ -220,8 +212,8 @@ class SerialTracker final : public PdiTracker {
     return sent.Ok() && *sent == text.size();
   }
 
-  // Takes what has come; an answer to `command` goes into `answer`.
-  void Pump(std::uint8_t command = 0, std::optional<Answer>* answer = nullptr) {
+  // Reads what has arrived: poses go to the cycles, the answer to `command` into `answer`.
+  void ReadArrived(std::uint8_t command = 0, std::optional<Answer>* answer = nullptr) {
     for (bool more = true; more;) {
       const auto room = std::as_writable_bytes(reader_.Room());
       const auto got = line_->Read(room);
@@ -244,12 +236,13 @@ class SerialTracker final : public PdiTracker {
     const Deadline end(kAnswerTime);
     while (!answer && !end.Passed() && line_) {
       (void)line_->WaitForInput(1, end.Remaining());
-      Pump(command, &answer);
+      ReadArrived(command, &answer);
     }
     return answer;
   }
 
-  // One that fell silent is asked no more than once: a row of questions must not take for ever.
+  // A tracker that did not answer the last question is asked only once, so that many questions to
+  // a silent tracker take a bounded time.
   std::optional<Answer> Ask(const std::string& text, std::uint8_t command) {
     std::optional<Answer> answer;
     for (int i = answers_ ? 0 : kTries - 1; i < kTries && !answer; ++i) {
@@ -259,56 +252,51 @@ class SerialTracker final : public PdiTracker {
     return answer;
   }
 
-  // A setting is not answered: only asking tells whether it was taken.
-  bool Set(const std::string& text, std::uint8_t command, int value) {
+  // The tracker does not answer a setting, so its value is read back.
+  bool SetChecked(const std::string& text, std::uint8_t command, int value) {
     if (!Send(text + "\r")) return false;
-    const auto told = Ask(std::string(1, static_cast<char>(command)) + "\r", command);
-    return told && WordAt(*told) == static_cast<std::uint32_t>(value);
+    const auto answer = Ask(std::string(1, static_cast<char>(command)) + "\r", command);
+    return answer && WordAt(*answer) == static_cast<std::uint32_t>(value);
   }
 
-  // Ends continuous output, and waits until the last of it is here.
+  // Ends continuous output and reads until the tracker is silent.
   void Quieten() {
     for (int i = 0; i < kTries && Send("P"); ++i) {
-      if (Drain()) break;
+      if (ReadUntilSilent()) break;
     }
     reader_.Clear();
   }
 
-  // False: it went on sending.
-  bool Drain() {
+  // False when the tracker did not stop sending.
+  bool ReadUntilSilent() {
     const Deadline end(kLongestDrain);
     while (line_ && !end.Passed()) {
       if (!line_->WaitForInput(1, kSilence).Ok()) return true;
-      Pump();
+      ReadArrived();
     }
     return !line_;
   }
 
   void LayOut() {
-    std::size_t size = kPdiHeader;
-    std::size_t counter = 0;
-    for (const std::int32_t item : items_) {
-      if (item == 9) counter = size;
-      size += SizeOf(item);
-    }
-    reader_.SetRecordSize(size);
-    cycles_.SetLayout(active_, size, counter);
+    const LibertyLayout layout = LibertyLayoutOf(items_);
+    reader_.SetRecordSize(layout.recordSize);
+    cycles_.SetLayout(active_, layout.recordSize, layout.frameCount);
   }
 
   std::optional<SerialLine> line_;
-  PdiFrameReader reader_;
-  PdiCycles cycles_;
+  LibertyFrameReader reader_;
+  LibertyCycles cycles_;
   std::vector<std::int32_t> items_;
   std::uint32_t active_ = 0;
   unsigned baud_ = 0;
-  int fitted_ = 0;         // the code of the rate that was chosen here
-  int rate_ = 0;           // 0: as it is found
-  bool answers_ = true;    // its last question
-  std::string explained_;  // why the port does not open
+  int fitted_ = 0;       // the code of the rate that FitRate set
+  int rate_ = 0;         // the code that the program set; 0: none
+  bool answers_ = true;  // the last question was answered
+  std::string printed_;  // the reason that was printed last
 };
 
 }  // namespace
 
-std::unique_ptr<PdiTracker> MakeSerialTracker() { return std::make_unique<SerialTracker>(); }
+std::unique_ptr<LibertyTracker> MakeSerialLiberty() { return std::make_unique<SerialLiberty>(); }
 
-}  // namespace kinetrel::substitute
+}  // namespace kinetrel

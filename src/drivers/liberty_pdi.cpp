@@ -10,14 +10,14 @@ namespace {
 constexpr char kLibraryName[] = "pdi.dll";
 constexpr char kNotLoaded[] = "the device library is not loaded";
 
-void SayMissing(const char* what, const std::string& why) {
+void ReportUnusable(const char* what, const std::string& why) {
   std::fprintf(stderr,
                "\nThe Liberty device library %s %s (%s).\n"
                "KINETREL_PDI may name the file to load.\n",
                kLibraryName, what, why.c_str());
 }
 
-// Null, with a reason, for a library that does not speak our version.
+// Null, and the reason in `why`, for a library without our version of the table.
 const PdiTable* TableOf(const DynamicLibrary& library, std::string& why) {
   DynamicLibrary::AnyFunction found = nullptr;
   if (!library.Find(kPdiTableFunction, found).Ok()) {
@@ -66,7 +66,7 @@ CPDIdev::~CPDIdev() {
   if (device_ != nullptr && table_->destroyDevice != nullptr) table_->destroyDevice(device_);
 }
 
-bool CPDIdev::Ready() {
+bool CPDIdev::IsReady() {
   if (!tried_) Load();
   return device_ != nullptr;
 }
@@ -75,12 +75,12 @@ void CPDIdev::Load() {
   tried_ = true;
   std::string why;
   Result<DynamicLibrary> loaded = DynamicLibrary::Load(kLibraryName, &why);
-  if (!loaded.Ok()) return SayMissing("cannot be loaded", why);
+  if (!loaded.Ok()) return ReportUnusable("cannot be loaded", why);
   table_ = TableOf(*loaded, why);
-  if (table_ == nullptr) return SayMissing("cannot be used", why);
+  if (table_ == nullptr) return ReportUnusable("cannot be used", why);
   library_ = std::move(*loaded);
   if (table_->createDevice != nullptr) device_ = table_->createDevice();
-  if (device_ == nullptr) SayMissing("cannot be used", "it makes no device");
+  if (device_ == nullptr) ReportUnusable("cannot be used", "it creates no device");
 }
 
 // ---- Calls ---------------------------------------------------------------------------------
@@ -92,12 +92,12 @@ int CPDIdev::SetSerialIF(const CPDIser& serial) {
 }
 
 int CPDIdev::DiscoverCnx() {
-  if (!Ready() || table_->discoverCnx == nullptr) return static_cast<int>(PdiConnection::None);
+  if (!IsReady() || table_->discoverCnx == nullptr) return static_cast<int>(PdiConnection::None);
   return table_->discoverCnx(device_);
 }
 
 int CPDIdev::Disconnect() {
-  // What was never used has nothing to let go of.
+  // Disconnecting is no reason to load the library.
   return tried_ ? Call(&PdiTable::disconnect) : 0;
 }
 

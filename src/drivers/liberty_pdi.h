@@ -1,8 +1,9 @@
 // The Liberty device library as the driver uses it: the connection, its serial settings, the list
 // of items in a record, and the errors of the tracker's built-in test.
 //
-// Thin classes over the table of functions in interface/pdi_table.h. The library is loaded by the
-// first call that needs it and stays loaded as long as the object. Without it every call fails.
+// These are thin classes over the table of functions in vendor/pdi_table.h. The first call that
+// needs the library loads it; it stays loaded as long as the object lives. Without the library
+// every call fails.
 //
 // Threads  one at a time.
 // Memory   CnxReady and LastPnoPtr allocate nothing once the library is loaded.
@@ -45,7 +46,7 @@ class CPDImdat {
   void Empty() { count_ = 0; }
   bool Append(std::int32_t code);  // false: the list is full
   int NumItems() const { return count_; }
-  std::int32_t ItemAt(int index) const;  // -1 where there is none
+  std::int32_t ItemAt(int index) const;  // -1 for an index outside the list
   const std::int32_t* items() const { return items_.data(); }
 
  private:
@@ -53,12 +54,12 @@ class CPDImdat {
   int count_ = 0;
 };
 
-// What the built-in test found.
+// The errors that the built-in test found.
 class CPDIbiterr {
  public:
   static constexpr std::size_t kMostWords = 32;
 
-  // Writes what was found into `text`, at most `size` characters with the 0 that ends them.
+  // Describes the errors in `text`, in at most `size` characters including the final 0.
   void Parse(char* text, int size) const;
   bool IsClear() const;
 
@@ -69,7 +70,7 @@ class CPDIbiterr {
   const PdiTable* table_ = nullptr;
 };
 
-// The tracker. Results are the library's: nonzero for success.
+// The tracker. The results are the library's: nonzero for success.
 class CPDIdev {
  public:
   CPDIdev() = default;
@@ -88,7 +89,7 @@ class CPDIdev {
   int MaxSensors();
   int StartContPno();
   int StopContPno();
-  int RequestPno();  // 0 also where the library cannot
+  int RequestPno();  // 0 also when the library has no such function
   int LastPnoPtr(const std::uint8_t*& frame, std::uint32_t& size);
 
   int SetFrameRate(int code);
@@ -102,23 +103,23 @@ class CPDIdev {
   int GetBITErrs(CPDIbiterr& errors);
   int ClearBITErrs();
 
-  const char* GetLastResultStr();  // never null; good until the next call
+  const char* GetLastResultStr();  // never null; valid until the next call
 
  private:
-  bool Ready();
+  bool IsReady();  // loads the library at the first call
   void Load();
 
-  // Calls the table's function for our device; `absent` without a library.
+  // Calls the table's function for our device; returns 0 without a library or such a function.
   template <typename... Parameters, typename... Arguments>
   int Call(std::int32_t (*PdiTable::*function)(PdiDevice*, Parameters...), Arguments... arguments) {
-    if (!Ready() || table_->*function == nullptr) return 0;
+    if (!IsReady() || table_->*function == nullptr) return 0;
     return (table_->*function)(device_, arguments...);
   }
 
   std::optional<DynamicLibrary> library_;
   const PdiTable* table_ = nullptr;
   PdiDevice* device_ = nullptr;
-  bool tried_ = false;  // what cannot be loaded is looked for once
+  bool tried_ = false;  // a library that cannot be loaded is looked for only once
 };
 
 }  // namespace kinetrel

@@ -1,14 +1,15 @@
-// What a Liberty sends over its line: frames out of bytes, and cycles out of frames.
+// Finds the frames in the bytes that a Liberty sends over its line, and the cycles in the frames.
 //
 //   offset  size  field     meaning
 //   0       2     mark      "LY"; "PA" and "LU" of its relatives
-//   2       1     station   from 1; 0 where none is meant
-//   3       1     command   that it answers; 'C' and 'P' poses
-//   4       1     error     0 or blank: none; in poses a letter, and the pose counts all the same
+//   2       1     station   from 1; 0: no station
+//   3       1     command   the command that it answers; 'C' and 'P' mark poses
+//   4       1     error     0 or blank: none; a pose with an error letter is valid all the same
 //   5       1     reserved
-//   6       2     size      of what follows, little-endian
+//   6       2     size      of the body that follows, little-endian
 //
-// There is no checksum: what does not look like a frame costs one byte, and the search goes on.
+// Frames have no checksum. When the bytes do not look like a frame, one byte is skipped and the
+// search goes on.
 #pragma once
 
 #include <array>
@@ -17,34 +18,34 @@
 #include <optional>
 #include <span>
 
-namespace kinetrel::substitute {
+namespace kinetrel {
 
-inline constexpr std::size_t kPdiHeader = 8;
-inline constexpr unsigned kPdiStations = 16;
+inline constexpr std::size_t kLibertyHeaderSize = 8;
+inline constexpr unsigned kLibertyStations = 16;
 
-struct PdiFrame {
+struct LibertyFrame {
   unsigned station = 0;
   std::uint8_t command = 0;
   std::uint8_t error = 0;
-  std::span<const std::uint8_t> bytes;  // with the header; good until the reader's next call
+  std::span<const std::uint8_t> bytes;  // with the header; valid until the reader's next call
 
   bool IsPose() const { return command == 'C' || command == 'P'; }
-  std::span<const std::uint8_t> body() const { return bytes.subspan(kPdiHeader); }
+  std::span<const std::uint8_t> body() const { return bytes.subspan(kLibertyHeaderSize); }
 };
 
-// Allocates nothing.
-class PdiFrameReader {
+// Memory  nothing is allocated.
+class LibertyFrameReader {
  public:
   void Clear() { begin_ = end_ = 0; }
 
-  // Poses of any other size, header included, are none. 0: no pose is one.
+  // The size of a pose with its header. Poses of any other size are skipped; 0 skips all poses.
   void SetRecordSize(std::size_t size) { recordSize_ = size; }
 
-  // Where the next bytes go; never empty. Took says how many came.
+  // Room() is where the caller stores the next bytes; it is never empty. Took() tells their number.
   std::span<std::uint8_t> Room();
   void Took(std::size_t count) { end_ += count; }
 
-  std::optional<PdiFrame> Next();
+  std::optional<LibertyFrame> Next();
 
  private:
   static constexpr std::size_t kLongestBody = 4096;
@@ -57,32 +58,33 @@ class PdiFrameReader {
   std::size_t recordSize_ = 0;
 };
 
-// Puts the poses of one cycle together, the active stations in their order. A cycle of which one is
-// missing is dropped: records are told apart by their place. Keeps some for a late caller.
-class PdiCycles {
+// Collects the poses of one cycle in the order of the active stations. A cycle that lacks a station
+// is dropped, because a record's place tells its station. Keeps the newest cycles for a late
+// caller.
+class LibertyCycles {
  public:
-  // `counterOffset`: of the frame count, which all poses of a cycle share.
+  // counterOffset  of the frame count, which is the same in all poses of a cycle.
   void SetLayout(std::uint32_t active, std::size_t recordSize, std::size_t counterOffset);
-  void Add(const PdiFrame& pose);
+  void Add(const LibertyFrame& pose);
 
-  // The oldest cycle that was not handed out, else the last one again; empty without any.
+  // The oldest cycle that was not handed out yet, or the last one again; empty before the first.
   std::span<const std::uint8_t> Take();
 
  private:
-  static constexpr std::size_t kKept = 128;  // half a second of a host that was late
+  static constexpr std::size_t kKept = 128;  // half a second at 240 Hz
   static constexpr std::size_t kLongestRecord = 128;
-  using Cycle = std::array<std::uint8_t, kPdiStations * kLongestRecord>;
+  using Cycle = std::array<std::uint8_t, kLibertyStations * kLongestRecord>;
 
   std::uint32_t CounterOf(std::span<const std::uint8_t> record) const;
 
   std::array<Cycle, kKept> cycles_{};
-  std::uint64_t made_ = 0;  // the next one is put together in this place
+  std::uint64_t made_ = 0;  // complete cycles; the next one is collected in place made_ % kKept
   std::uint64_t taken_ = 0;
   std::uint32_t active_ = 0;
-  std::uint32_t have_ = 0;  // stations of the cycle in the making
+  std::uint32_t have_ = 0;  // stations of the cycle that is being collected
   std::uint32_t counter_ = 0;
   std::size_t recordSize_ = 0;
   std::size_t counterOffset_ = 0;
 };
 
-}  // namespace kinetrel::substitute
+}  // namespace kinetrel

@@ -15,27 +15,27 @@ using rpc::CallResult;
 
 constexpr const char* kVariable = "KINETREL_RELAY";
 constexpr int kIdentity = 11;
-constexpr int kBaud = 115200;  // of a port that is none
+constexpr int kBaud = 115200;  // of the simulated port
 
-// What is asked of the service, in its engine's own numbers.
+// Arguments of the calls, in the numbers of the service's engine.
 constexpr std::int32_t kMappingItself = -1;
 constexpr std::int32_t kEulerAttribute = 2;
 constexpr std::int32_t kUnitsAttribute = 5;
 
-struct Followed {
+struct Target {
   std::string host;
   rpc::TrackKey key{};
 };
 
-std::optional<Followed> ParseControlString(const char* text) {
-  Followed followed;
+std::optional<Target> ParseControlString(const char* text) {
+  Target target;
   std::istringstream in(text);
-  if (!std::getline(in, followed.host, ':') || followed.host.empty()) return std::nullopt;
-  for (std::size_t i = 0; i < followed.key.size(); ++i) {
+  if (!std::getline(in, target.host, ':') || target.host.empty()) return std::nullopt;
+  for (std::size_t i = 0; i < target.key.size(); ++i) {
     if (i > 0 && in.get() != ',') return std::nullopt;
-    if (!(in >> followed.key[i])) return std::nullopt;
+    if (!(in >> target.key[i])) return std::nullopt;
   }
-  return followed;
+  return target;
 }
 
 }  // namespace
@@ -57,12 +57,12 @@ int RelayDevice::OpenPort(const char*, int) {
 
 BootResult RelayDevice::Boot(int) {
   const char* const wanted = std::getenv(kVariable);
-  if (!told_ && wanted != nullptr) SetControlString(wanted);
-  if (!told_) {
-    Report("Nobody to follow yet: KINETREL_RELAY or the control string says whom (host:a, b, c).");
+  if (!hasTarget_ && wanted != nullptr) SetControlString(wanted);
+  if (!hasTarget_) {
+    Report("No service to follow: set KINETREL_RELAY or the control string to host:a, b, c.");
   }
   framePeriod_ = Milliseconds(totalFrameRate_ > 0 ? std::max(1, 1000 / totalFrameRate_) : 10);
-  // Where the system has no timer left, its wait times out instead, and frames come half as often.
+  // Without a timer the wait in ReadFrame ends at its time-out, and frames come half as often.
   const Status started = frameTimer_.Start(framePeriod_);
   if (!started.Ok()) Report(started.what);
   return kBooted;
@@ -78,7 +78,7 @@ int RelayDevice::QueryStatus(char* text, int size) {
 
 unsigned RelayDevice::ReadFrame(double* sampleTime) {
   client_.EndBy(Deadline(kFrameTime));
-  if (!told_ || (reconnect_ && !Connect())) return 0;
+  if (!hasTarget_ || (reconnect_ && !Connect())) return 0;
   frameTimer_.Wait(2 * framePeriod_);
   const unsigned updated = FetchAngles();
   if (reconnect_) return 0;
@@ -90,7 +90,7 @@ unsigned RelayDevice::ReadFrame(double* sampleTime) {
 
 bool RelayDevice::Connect() {
   if (!rest_.Passed()) return false;
-  rest_ = Deadline(kRest);  // counts only if this fails
+  rest_ = Deadline(kRest);  // matters only if this attempt fails
   std::int32_t engine = 0;
   std::int32_t sensor = 0;
   client_.Unbind();
@@ -102,6 +102,7 @@ bool RelayDevice::Connect() {
     ReportFault();
     client_.Unbind();
     std::snprintf(problem.data(), problem.size(),
+                  // "dosn't" is kept for compatibility.
                   "Sample: MtsService at %s dosn't have mapping (%d, %d, %d)", host_.c_str(),
                   key_[0], key_[1], key_[2]);
   } else {
@@ -118,30 +119,30 @@ unsigned RelayDevice::FetchAngles() {
   if ((componentMask_ & kEulerComponent) == 0) return 0;
   std::array<float, 3> angles{};
   const CallResult result = client_.GetAngles({key_, kMappingItself, kEulerAttribute, 3}, angles);
-  if (!Survives(result) || result != CallResult::Success) return 0;
+  if (!KeepsConnection(result) || result != CallResult::Success) return 0;
   reportFault_ = true;
-  // A service may send any bytes; only numbers are angles.
+  // The service may send any bytes; only finite numbers are angles.
   if (!std::all_of(angles.begin(), angles.end(), [](float x) { return std::isfinite(x); }))
     return 0;
   std::copy(angles.begin(), angles.end(), GetSensorEuler(0));
   return 1;
 }
 
-// The service may have been given another mapping, or other units, meanwhile.
+// The service's mappings and units may have changed meanwhile.
 bool RelayDevice::CheckMapping() {
   std::int32_t engine = 0;
   std::int32_t sensor = 0;
   const CallResult found = client_.GetMapping(key_, engine, sensor);
-  if (found == CallResult::ReturnedFalse) reconnect_ = true;  // which says so
-  if (!Survives(found) || found != CallResult::Success) return false;
+  if (found == CallResult::ReturnedFalse) reconnect_ = true;  // Connect reports it
+  if (!KeepsConnection(found) || found != CallResult::Success) return false;
   std::int32_t units = 0;
   const CallResult known = client_.GetAttribute({engine, kUnitsAttribute}, units);
   if (known == CallResult::Success) units_ = units;
-  return Survives(known);
+  return KeepsConnection(known);
 }
 
-// False: the connection is lost, and another is to be made.
-bool RelayDevice::Survives(CallResult result) {
+// False when the connection is lost and must be made again.
+bool RelayDevice::KeepsConnection(CallResult result) {
   if (result == CallResult::Success || result == CallResult::ReturnedFalse) return true;
   ReportFault();
   reconnect_ = true;
@@ -167,14 +168,14 @@ void RelayDevice::ReportFault() {
 unsigned RelayDevice::SetSensorMask(unsigned, int) { return 0; }
 
 bool RelayDevice::SetControlString(const char* text) {
-  const auto followed = text != nullptr ? ParseControlString(text) : std::nullopt;
-  if (!followed) {
+  const auto target = text != nullptr ? ParseControlString(text) : std::nullopt;
+  if (!target) {
     Post(statusLog_, -1, "Error parsing control string: %s", text != nullptr ? text : "");
     return false;
   }
-  host_ = followed->host;
-  key_ = followed->key;
-  told_ = true;
+  host_ = target->host;
+  key_ = target->key;
+  hasTarget_ = true;
   reconnect_ = true;
   reportFailures_ = true;
   reportFault_ = true;

@@ -7,7 +7,7 @@ namespace {
 
 constexpr std::uint16_t kProviderRejection = 2;
 constexpr std::size_t kResultSize = 24;
-// The least that every implementation must be able to receive, and more than any reply of ours.
+// Every implementation must be able to receive this much; our replies are shorter.
 constexpr std::uint16_t kLeastReceive = 1432;
 
 struct ResultRow {

@@ -1,4 +1,4 @@
-// The exchange that opens a connection: the client offers interfaces, the server answers each.
+// The messages that open a connection: the client offers interfaces, the server answers each one.
 //
 // Memory   nothing here allocates.
 #pragma once
@@ -23,7 +23,7 @@ struct Uuid {
   bool operator==(const Uuid&) const = default;
 };
 
-// An interface, or a way of writing values.
+// An interface, or a way to encode values (a transfer syntax).
 struct Syntax {
   Uuid uuid;
   std::uint16_t major = 0;
@@ -32,10 +32,10 @@ struct Syntax {
   bool operator==(const Syntax&) const = default;
 };
 
-// What a tracking service is known by.
+// The interface of a tracking service.
 inline constexpr Syntax kTrackInterface = {
     {0xFA527EF1, 0xB1AC, 0x48EB, {0xB7, 0xE3, 0xD2, 0x89, 0x37, 0x84, 0xFA, 0x6F}}, 1, 1};
-// NDR, which all three procedures use.
+// NDR, the encoding of all three procedures.
 inline constexpr Syntax kTransferSyntax = {
     {0x8A885D04, 0x1CEB, 0x11C9, {0x9F, 0xE8, 0x08, 0x00, 0x2B, 0x10, 0x48, 0x60}}, 2, 0};
 
@@ -48,12 +48,12 @@ std::span<const std::byte> WriteBind(std::span<std::byte> into, std::uint32_t ca
 
 enum class BindOutcome { Accepted, Refused, Malformed };
 
-// Reads what a server answered to WriteBind's offer: an acknowledgement or a refusal.
+// Reads the server's answer to WriteBind's offer: an acknowledgement or a refusal.
 BindOutcome ReadBindReply(const PduHeader& header, std::span<const std::byte> pdu);
 
 // ---- The server's side -----------------------------------------------------------------------
 
-// Answers to one offered context.
+// The answer to one offered context.
 enum class ContextResult { Accepted, UnknownInterface, UnknownTransfer, TooMany };
 
 struct OfferedContext {
@@ -62,15 +62,15 @@ struct OfferedContext {
 };
 
 struct BindOffer {
-  std::uint16_t sends = 0;     // longest message the client sends
-  std::uint16_t receives = 0;  // longest message it takes
+  std::uint16_t sends = 0;     // the longest message that the client sends
+  std::uint16_t receives = 0;  // the longest message that it accepts
   std::uint32_t group = 0;     // 0: a new one
   std::size_t count = 0;
   std::array<OfferedContext, kMostContexts> contexts{};
 };
 
-// Reads a bind or an alter-context, with the answer that each context deserves. Nothing when it is
-// malformed or offers more than kMostContexts.
+// Reads a bind or an alter-context and decides the answer to each context. Returns nothing when it
+// is malformed or offers more than kMostContexts.
 std::optional<BindOffer> ReadBind(const PduHeader& header, std::span<const std::byte> pdu);
 
 // Answers a bind (PduType::BindAck) or an alter-context (AlterContextResponse).

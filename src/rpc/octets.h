@@ -9,10 +9,10 @@
 
 namespace kinetrel::rpc {
 
-// Every message says which order its sender has; we send little-endian ones.
+// Each message tells the byte order of its sender. We send little-endian messages.
 enum class ByteOrder { Little, Big };
 
-// Walks a message. Past its end it yields zeros, and Ok() is false for good.
+// Reads a message. Past its end it returns zeros, and Ok() stays false.
 class OctetReader {
  public:
   OctetReader(std::span<const std::byte> bytes, ByteOrder order) : rest_(bytes), order_(order) {}
@@ -54,7 +54,7 @@ class OctetReader {
   bool ok_ = true;
 };
 
-// Fills a message. What does not fit is not written, and Ok() is false for good.
+// Writes a message. A value that does not fit is not written, and Ok() stays false.
 class OctetWriter {
  public:
   explicit OctetWriter(std::span<std::byte> into) : into_(into) {}

@@ -115,7 +115,7 @@ bool Reassembly::Continues(const PduHeader& header) const {
 
 Reassembly::Outcome Reassembly::Add(const PduHeader& header, std::span<const std::byte> pdu) {
   OctetReader in(pdu, header.order);
-  in.Skip(kHeaderSize + 4);  // the length hint says nothing that the length does not
+  in.Skip(kHeaderSize + 4);  // the size hint adds nothing to the length
   const std::uint16_t context = in.Half();
   const std::uint16_t procedure = in.Half();
   if (header.type == PduType::Request && (header.flags & kHasObject) != 0) in.Skip(kObjectSize);

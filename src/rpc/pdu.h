@@ -1,5 +1,5 @@
-// The messages of connection-oriented DCE/RPC: their common header, requests, responses and
-// faults, and the putting together of what came in fragments.
+// The messages of connection-oriented DCE/RPC: their common header, requests, responses and faults,
+// and the reassembly of fragments.
 //
 //   offset  size  field
 //   0       1     version, 5
@@ -9,10 +9,10 @@
 //   4       4     data representation: byte order and character set, float format, 0, 0
 //   8       2     length of the whole message
 //   10      2     length of its authentication, 0
-//   12      4     call id: which request a reply belongs to
-//   16            body; a request's or reply's stub begins at 24
+//   12      4     call id, the same in a request and its reply
+//   16            body; the stub of a request or reply starts at 24
 //
-// All but the first eight bytes are in the sender's byte order.
+// The bytes from offset 8 on are in the sender's byte order.
 //
 // Memory   nothing here allocates.
 #pragma once
@@ -29,7 +29,7 @@ namespace kinetrel::rpc {
 
 inline constexpr std::size_t kHeaderSize = 16;
 inline constexpr std::size_t kStubOffset = 24;
-inline constexpr std::size_t kLongestPdu = 5840;   // what we offer to receive, and send at most
+inline constexpr std::size_t kLongestPdu = 5840;   // the most that we receive or send
 inline constexpr std::size_t kLongestStub = 4096;  // of all fragments together
 inline constexpr int kMostFragments = 64;
 
@@ -65,14 +65,14 @@ struct PduHeader {
 
 enum class HeaderFault { None, Version, Representation, Length, Authentication };
 
-// Reads the 16 bytes of a header. Whatever the fault, the fields are filled in as far as they mean
-// anything. Length: below 16, or more than kLongestPdu: refused before the rest has come.
+// Reads the 16 bytes of a header. The fields are filled in even when it returns a fault. The fault
+// Length means a length below 16 or above kLongestPdu; it is found before the rest has arrived.
 HeaderFault ReadHeader(std::span<const std::byte> bytes, PduHeader& header);
 
-// Writes a header, with a length of 0 that Finish puts right.
+// Writes a header with length 0; Finish corrects it.
 void WriteHeader(OctetWriter& out, PduType type, std::uint8_t flags, std::uint32_t callId);
 
-// Sets the length of the one message that `out` holds. Empty when it did not fit.
+// Sets the length of the message in `out` and returns the message; empty when it did not fit.
 std::span<const std::byte> Finish(OctetWriter& out);
 
 // ---- Messages ------------------------------------------------------------------------------
@@ -83,7 +83,7 @@ std::span<const std::byte> WriteRequest(std::span<std::byte> into, std::uint32_t
 std::span<const std::byte> WriteResponse(std::span<std::byte> into, std::uint32_t callId,
                                          std::uint16_t context, std::span<const std::byte> stub);
 
-// Why a call failed, as faults carry it.
+// Why a call failed: the status of a fault.
 enum class FaultStatus : std::uint32_t {
   BadStub = 0x000006F7,
   InvalidBound = 0x1C000007,
@@ -93,20 +93,20 @@ enum class FaultStatus : std::uint32_t {
 std::span<const std::byte> WriteFault(std::span<std::byte> into, std::uint32_t callId,
                                       std::uint16_t context, FaultStatus status);
 
-// The status of a fault message; nothing when it is too short for one.
+// The status of a fault message; nothing when the message is too short.
 std::optional<std::uint32_t> ReadFault(std::span<const std::byte> pdu, ByteOrder order);
 
 // ---- Fragments -----------------------------------------------------------------------------
 
-// Puts the stub of one message together.
+// Collects the stub of one message from its fragments.
 class Reassembly {
  public:
   enum class Outcome { More, Whole, Refused };
 
-  // Takes the next fragment, a request or a response. Refused: it is no continuation of what came
-  // before, or too much; the connection is of no more use.
+  // Adds the next fragment of a request or response. Refused: it does not continue the fragments
+  // before it, or is too long; the connection must be closed.
   Outcome Add(const PduHeader& header, std::span<const std::byte> pdu);
-  void Clear();  // to begin with the next message
+  void Clear();  // before the next message
 
   bool InProgress() const { return fragments_ > 0; }
   std::span<const std::byte> stub() const { return std::span(stub_).first(size_); }

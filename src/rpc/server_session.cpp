@@ -17,7 +17,7 @@ std::span<std::byte> ServerSession::InputRoom() {
 
 void ServerSession::Received(std::size_t count) {
   if (count == 0) return;
-  // A message is due from its first byte on, all its fragments together.
+  // The time for a message, with all its fragments, starts at its first byte.
   if (bound_ && received_ == 0 && !request_.InProgress()) due_ = Deadline(kPatience);
   received_ += count;
 }
@@ -27,7 +27,7 @@ void ServerSession::Sent(std::size_t count) {
   if (!Output().empty()) return;
   output_ = {};
   sent_ = 0;
-  due_ = Deadline(kPatience);  // for the message whose bytes are already here, if any
+  due_ = Deadline(kPatience);  // for the message whose first bytes may have arrived
 }
 
 void ServerSession::Send(std::span<const std::byte> message) {
@@ -75,7 +75,7 @@ void ServerSession::Refuse(HeaderFault fault) {
                     version ? NakReason::Version : NakReason::Authentication));
 }
 
-// False: the connection is of no more use.
+// False when the connection must be closed.
 bool ServerSession::Act() {
   const auto pdu = std::span<const std::byte>(input_).first(header_.length);
   switch (header_.type) {
@@ -88,7 +88,7 @@ bool ServerSession::Act() {
     case PduType::Orphaned:
       request_.Clear();
       return bound_;
-    case PduType::Cancel:  // what it would cancel is done at once
+    case PduType::Cancel:  // calls complete at once, so none can be cancelled
     case PduType::Auth3:
       return bound_;
     default:
@@ -118,10 +118,10 @@ bool ServerSession::Alter(std::span<const std::byte> pdu) {
   return true;
 }
 
-// Remembers what may be called upon; a context that there is no more room for is refused.
+// Remembers the accepted contexts; refuses a context when the table is full.
 void ServerSession::Accept(BindOffer& offer) {
   for (OfferedContext& context : std::span(offer.contexts).first(offer.count)) {
-    if (context.result != ContextResult::Accepted || Accepted(context.id)) continue;
+    if (context.result != ContextResult::Accepted || IsAccepted(context.id)) continue;
     if (acceptedCount_ < accepted_.size()) {
       accepted_[acceptedCount_++] = context.id;
     } else {
@@ -130,7 +130,7 @@ void ServerSession::Accept(BindOffer& offer) {
   }
 }
 
-bool ServerSession::Accepted(std::uint16_t context) const {
+bool ServerSession::IsAccepted(std::uint16_t context) const {
   const auto all = std::span(accepted_).first(acceptedCount_);
   return std::find(all.begin(), all.end(), context) != all.end();
 }
@@ -146,7 +146,7 @@ bool ServerSession::TakeFragment(std::span<const std::byte> pdu) {
 // ---- Procedures ------------------------------------------------------------------------------
 
 void ServerSession::Answer() {
-  if (!Accepted(request_.context())) return Fault(FaultStatus::UnknownInterface);
+  if (!IsAccepted(request_.context())) return Fault(FaultStatus::UnknownInterface);
   switch (static_cast<Procedure>(request_.procedure())) {
     case Procedure::GetMapping:
       return AnswerMapping();

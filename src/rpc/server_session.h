@@ -1,7 +1,7 @@
 // One client of a tracking service, without its socket: bytes in, bytes out.
 //
-// A session takes nothing in while it has something to send: a client that does not read is done no
-// work for, and holds no memory beyond the session's own fixed size.
+// A session accepts no input while it has output to send. A client that does not read its replies
+// thus causes no work, and uses no memory beyond the session's fixed size.
 //
 // Threads  one at a time.
 // Memory   allocates nothing.
@@ -20,40 +20,41 @@
 
 namespace kinetrel::rpc {
 
-// What a service serves. Called on the server's thread; none may take long.
+// The procedures of a service. They run on the server's thread and must return quickly.
 class TrackProcedures {
  public:
   virtual ~TrackProcedures() = default;
   virtual MappingReply GetMapping(const TrackKey& key) = 0;
   virtual AttributeReply GetAttribute(const AttributeArguments& arguments) = 0;
-  // Fills `values`, as many as the caller wants; false leaves them as they are.
+  // Fills all of `values`; returns false and leaves them unchanged on failure.
   virtual bool GetFloats(const FloatsArguments& arguments, std::span<float> values) = 0;
 };
 
 class ServerSession {
  public:
-  static constexpr Milliseconds kPatience{5000};  // for the bind, for a message, for a reply's way
+  static constexpr Milliseconds kPatience{
+      5000};  // for the bind, a message, and the sending of a reply
 
-  // group     a number of the connection's own, not 0.
-  // endpoint  the server's port as text; lives as long as the session.
+  // group     a number that identifies the connection, not 0.
+  // endpoint  the server's port as text; must live as long as the session.
   ServerSession(TrackProcedures& procedures, std::uint32_t group, std::string_view endpoint);
 
-  // Where the next bytes received go; empty while there is something to send.
+  // Where the caller stores the next bytes received; empty while output waits to be sent.
   std::span<std::byte> InputRoom();
-  // Says how many were received there.
+  // Tells how many bytes the caller stored there.
   void Received(std::size_t count);
 
-  // A whole message, or one that can only be refused, is there, and nothing waits to be sent.
+  // True when no output waits, and a whole message or one to be refused has arrived.
   bool HasWork() const;
-  // Acts on one message, if there is work.
+  // Handles one message, if there is one.
   void Work();
 
   std::span<const std::byte> Output() const { return output_.subspan(sent_); }
   void Sent(std::size_t count);
 
-  // The connection is to be closed: it ended itself and all is sent, or the client is late.
+  // True when the connection must be closed: it has ended and all is sent, or the client is late.
   bool IsOver() const;
-  // How long nothing has been asked for.
+  // The time since the last message of the client.
   Milliseconds Idle() const;
 
  private:
@@ -62,7 +63,7 @@ class ServerSession {
   bool Bind(std::span<const std::byte> pdu);
   bool Alter(std::span<const std::byte> pdu);
   void Accept(BindOffer& offer);
-  bool Accepted(std::uint16_t context) const;
+  bool IsAccepted(std::uint16_t context) const;
   bool TakeFragment(std::span<const std::byte> pdu);
   void Answer();
   void AnswerMapping();
@@ -77,7 +78,7 @@ class ServerSession {
   const std::string_view endpoint_;
 
   bool bound_ = false;
-  bool ending_ = false;  // once all is sent
+  bool ending_ = false;  // closes when all is sent
   Deadline due_{kPatience};
   std::int64_t lastAsked_ = ClockTicks();
   std::array<std::uint16_t, kMostContexts> accepted_{};

@@ -8,7 +8,7 @@ namespace kinetrel::rpc {
 namespace {
 
 constexpr std::uint32_t kBindCallId = 1;
-// Some services answer every call with this id, whatever its own.
+// Some services answer every call with this id.
 constexpr std::uint32_t kAnyCallId = 1;
 constexpr std::size_t kLongestRequest = kStubOffset + kLongestArguments;
 constexpr std::size_t kBindSize = 72;
@@ -102,12 +102,12 @@ CallResult RpcTrackClient::GetAngles(const FloatsArguments& arguments,
 CallResult RpcTrackClient::Call(Procedure procedure, std::span<const std::byte> arguments) {
   if (!bound_) return CallResult::NotOpen;
   if (!socket_ && !rest_.Passed()) return CallResult::NetworkError;
-  // Something unasked for, or the end: the connection is of no more use.
+  // The service sent something unexpected or closed the connection.
   if (socket_ && !socket_->IsQuiet()) socket_.reset();
   const bool reused = socket_.has_value();
   if (!reused && !Connect()) return Fail();
   Exchange exchange = Ask(procedure, arguments);
-  // A service may close an idle connection at the very moment of the call: once more, on a new one.
+  // The service may have closed the idle connection just before the call: try once more.
   if (exchange == Exchange::Unanswered && reused && Connect()) exchange = Ask(procedure, arguments);
   return exchange == Exchange::Done ? CallResult::Success : Fail();
 }
@@ -121,7 +121,7 @@ CallResult RpcTrackClient::Fail() {
 RpcTrackClient::Exchange RpcTrackClient::Ask(Procedure procedure,
                                              std::span<const std::byte> arguments) {
   const Deadline end = StepEnd();
-  // Ids must grow; past the largest one begins anew, behind that of the bind.
+  // Ids must grow. After the largest they start again behind the bind's id.
   callId_ = std::max(callId_ + 1, kBindCallId + 1);
   std::array<std::byte, kLongestRequest> request;
   const auto bytes =
@@ -146,13 +146,13 @@ RpcTrackClient::Exchange RpcTrackClient::TakeReply(const Deadline& end) {
     if (outcome == Reassembly::Outcome::Refused) return Exchange::Failed;
     DropPdu();
     if (outcome == Reassembly::Outcome::More) continue;
-    // Good, but whatever follows it nobody asked for.
+    // The reply is complete; bytes behind it are unexpected.
     if (received_ > 0) socket_.reset();
     return Exchange::Done;
   }
 }
 
-// What has come beyond the message begins the next one.
+// Bytes behind the message begin the next one.
 void RpcTrackClient::DropPdu() {
   const auto beyond = pdu_.begin() + header_.length;
   received_ -= header_.length;
@@ -163,7 +163,7 @@ bool RpcTrackClient::AnswersUs() const {
   return header_.callId == callId_ || header_.callId == kAnyCallId;
 }
 
-// Receives until a whole message is there. What follows it may have come as well.
+// Receives until a whole message has arrived. More bytes may have arrived behind it.
 bool RpcTrackClient::ReceivePdu(const Deadline& end) {
   if (!ReceiveUpTo(kHeaderSize, end)) return false;
   if (ReadHeader(std::span(pdu_).first(kHeaderSize), header_) != HeaderFault::None) return false;
@@ -175,7 +175,7 @@ bool RpcTrackClient::ReceiveUpTo(std::size_t size, const Deadline& end) {
     const Result<std::size_t> got = socket_->Receive(std::span(pdu_).subspan(received_), end);
     if (!got.Ok()) return false;
     received_ += *got;
-    // A peer that sends ever more, byte by byte, must not hold us past the end.
+    // A peer that sends byte by byte must not hold us past the end.
     if (received_ < size && end.Passed()) return false;
   }
   return true;

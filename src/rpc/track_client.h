@@ -1,11 +1,11 @@
 // Calls the procedures of a tracking service on another machine.
 //
-// One connection, one call at a time. It is kept from call to call; when the service has closed it
-// between two calls, the next one makes it anew. After a failure within a call the connection is
-// dropped, and for a second no new one is tried: Bind again, or go on calling.
+// The client keeps one connection and makes one call at a time. When the service has closed the
+// connection between two calls, the next call connects again. After a failure during a call the
+// connection is dropped, and calls do not connect again for one second.
 //
 // Threads  one at a time.
-// Memory   a call on a standing connection allocates nothing; making one does.
+// Memory   a call on an open connection allocates nothing; connecting does.
 #pragma once
 
 #include <array>
@@ -21,13 +21,13 @@
 
 namespace kinetrel::rpc {
 
-// What every operation answers.
+// The result of every operation.
 enum class CallResult : int {
   Success = 0,
-  ReturnedFalse = -1,    // the service answered no
-  NetworkError = -1000,  // no answer in time, a fault, a connection that broke, or nonsense
-  BindingError = -1001,  // no such host, nobody there, or nobody who serves this
-  NotOpen = -1002,       // before a successful Bind
+  ReturnedFalse = -1,    // the service's procedure returned false
+  NetworkError = -1000,  // no or an invalid answer in time, a fault, or a broken connection
+  BindingError = -1001,  // unknown host, no connection, or the host does not serve this interface
+  NotOpen = -1002,       // no successful Bind yet
 };
 
 class RpcTrackClient {
@@ -37,26 +37,25 @@ class RpcTrackClient {
 
   explicit RpcTrackClient(std::uint16_t port = kTrackPort) : port_(port) {}
 
-  // Connects to `host`, a name or a numeric address, and asks for the tracking interface. What was
-  // bound before is given up.
+  // Connects to `host`, a name or a numeric address, and binds the tracking interface. An earlier
+  // binding is given up first.
   CallResult Bind(const std::string& host);
-  CallResult Unbind();  // NotOpen when there is nothing to unbind
+  CallResult Unbind();  // NotOpen when not bound
 
-  // Whatever the steps that follow may take, they end by then. For a caller that makes several in
-  // a row and must be back in time.
+  // All later operations end by then. For a caller that makes several calls in a bounded time.
   void EndBy(const Deadline& end) { end_ = end; }
 
-  // Each leaves its outputs untouched unless it succeeds.
+  // Each changes its outputs only when it succeeds.
   CallResult GetMapping(const TrackKey& key, std::int32_t& engine, std::int32_t& sensor);
   CallResult GetAttribute(const AttributeArguments& arguments, std::int32_t& value);
-  // Angles may be no numbers at all: they are what came.
+  // The angles are not checked; they may be infinite or not a number.
   CallResult GetAngles(const FloatsArguments& arguments, std::array<float, 3>& angles);
 
-  // The status of the last fault that a service answered with; 0 when none did since Bind.
+  // The status of the last fault since Bind; 0: none.
   std::uint32_t lastFault() const { return lastFault_; }
 
  private:
-  // How one exchange on the connection ended. Unanswered: it broke before anything came back.
+  // The end of one exchange. Unanswered: the connection broke before the first byte of the answer.
   enum class Exchange { Done, Unanswered, Failed };
 
   Deadline StepEnd() const;
@@ -81,7 +80,7 @@ class RpcTrackClient {
   std::uint32_t callId_ = 0;
   std::uint32_t lastFault_ = 0;
 
-  // What has been received: the message that `header_` describes, as far as it is there.
+  // The message that is being received; `header_` describes it.
   PduHeader header_;
   std::size_t received_ = 0;
   std::array<std::byte, kLongestPdu> pdu_;

@@ -3,20 +3,19 @@
 namespace kinetrel::rpc {
 namespace {
 
-// Whether a stub of `size` bytes holds `values` 4-byte values and a truth value after them, of 1
-// byte, of 4, or of anything between.
-bool Holds(std::size_t size, std::size_t values) {
+// True when a stub of `size` bytes holds `values` 4-byte values and a Boolean of 1 to 4 bytes.
+bool HasSizeFor(std::size_t size, std::size_t values) {
   return size > 4 * values && size <= 4 * values + 4;
 }
 
-// A truth value of 1 byte may be followed by stray ones. One of 4 bytes ends in its only nonzero
-// byte where the sender is big-endian.
-bool ReadTruth(OctetReader& in, ByteOrder order) {
+// A Boolean of 1 byte may be followed by padding. In a big-endian Boolean of 4 bytes only the last
+// byte is nonzero.
+bool ReadBoolean(OctetReader& in, ByteOrder order) {
   if (order == ByteOrder::Big && in.rest().size() == 4) return in.Word() != 0;
   return in.Byte() != 0;
 }
 
-void WriteTruth(OctetWriter& out, bool truth) { out.Word(truth ? 1 : 0); }
+void WriteBoolean(OctetWriter& out, bool value) { out.Word(value ? 1 : 0); }
 
 TrackKey TakeKey(OctetReader& in) {
   TrackKey key;
@@ -50,34 +49,34 @@ void WriteArguments(OctetWriter& out, const FloatsArguments& arguments) {
 }
 
 std::optional<MappingReply> ReadMappingReply(std::span<const std::byte> stub, ByteOrder order) {
-  if (!Holds(stub.size(), 2)) return std::nullopt;
+  if (!HasSizeFor(stub.size(), 2)) return std::nullopt;
   OctetReader in(stub, order);
   MappingReply reply;
   reply.engine = in.Integer();
   reply.sensor = in.Integer();
-  reply.found = ReadTruth(in, order);
+  reply.found = ReadBoolean(in, order);
   return reply;
 }
 
 std::optional<AttributeReply> ReadAttributeReply(std::span<const std::byte> stub, ByteOrder order) {
-  if (!Holds(stub.size(), 1)) return std::nullopt;
+  if (!HasSizeFor(stub.size(), 1)) return std::nullopt;
   OctetReader in(stub, order);
   AttributeReply reply;
   reply.value = in.Integer();
-  reply.known = ReadTruth(in, order);
+  reply.known = ReadBoolean(in, order);
   return reply;
 }
 
 std::optional<AnglesReply> ReadAnglesReply(std::span<const std::byte> stub, ByteOrder order) {
   OctetReader in(stub, order);
-  if (Holds(stub.size(), 4)) {
+  if (HasSizeFor(stub.size(), 4)) {
     if (in.Word() != 3) return std::nullopt;
-  } else if (!Holds(stub.size(), 3)) {
+  } else if (!HasSizeFor(stub.size(), 3)) {
     return std::nullopt;
   }
   AnglesReply reply;
   for (float& value : reply.values) value = in.Float();
-  reply.known = ReadTruth(in, order);
+  reply.known = ReadBoolean(in, order);
   return reply;
 }
 
@@ -112,18 +111,18 @@ std::optional<FloatsArguments> ReadFloatsArguments(std::span<const std::byte> st
 void WriteReply(OctetWriter& out, const MappingReply& reply) {
   out.Integer(reply.engine);
   out.Integer(reply.sensor);
-  WriteTruth(out, reply.found);
+  WriteBoolean(out, reply.found);
 }
 
 void WriteReply(OctetWriter& out, const AttributeReply& reply) {
   out.Integer(reply.value);
-  WriteTruth(out, reply.known);
+  WriteBoolean(out, reply.known);
 }
 
 void WriteFloatsReply(OctetWriter& out, bool known, std::span<const float> values) {
   out.Word(static_cast<std::uint32_t>(values.size()));
   for (const float value : values) out.Float(value);
-  WriteTruth(out, known);
+  WriteBoolean(out, known);
 }
 
 }  // namespace kinetrel::rpc

@@ -1,13 +1,13 @@
-// The three procedures of a tracking service, and how their arguments and replies are written.
+// The three procedures of a tracking service, and the encoding of their arguments and replies.
 //
-//   20  in key            out engine, sensor   whether the service has the mapping
+//   20  in key            out engine, sensor   result: the service has the mapping
 //   14  in engine, id     out value            a whole-number attribute of the engine
 //   37  in key, filter,   out values           numbers of a mapping (filter -1) or its filter
 //          id, count
 //
-// All are 4-byte values, one after the other; a reply ends with the procedure's truth value. Peers
-// differ in how they write it (1 byte or 4) and whether an array comes with its count in front; the
-// length of a reply tells them apart.
+// All values have 4 bytes and follow one another; a reply ends with the procedure's Boolean result.
+// Services differ in its size (1 byte or 4) and in whether a count precedes an array; the length of
+// the reply shows which form it has.
 //
 // Memory   nothing here allocates.
 #pragma once
@@ -25,11 +25,11 @@ namespace kinetrel::rpc {
 enum class Procedure : std::uint16_t { GetAttribute = 14, GetMapping = 20, GetFloats = 37 };
 
 inline constexpr std::uint16_t kTrackPort = 5437;
-inline constexpr std::size_t kMostFloats = 64;  // of one call
+inline constexpr std::size_t kMostFloats = 64;  // in one call
 inline constexpr std::size_t kLongestArguments = 24;
 inline constexpr std::size_t kLongestReply = 4 + kMostFloats * 4 + 4;
 
-using TrackKey = std::array<std::int32_t, 3>;  // device, bin, pose slot: as the engine names it
+using TrackKey = std::array<std::int32_t, 3>;  // device, bin, pose slot
 
 struct AttributeArguments {
   std::int32_t engine = 0;
@@ -56,11 +56,11 @@ struct AttributeReply {
 
 struct AnglesReply {
   bool known = false;
-  std::array<float, 3> values{};  // may be no numbers at all
+  std::array<float, 3> values{};  // unchecked
 };
 
 // ---- The client's side -----------------------------------------------------------------------
-// The readers answer nothing for a stub that is none of the forms.
+// The readers return nothing for a stub that has none of the forms.
 
 void WriteKey(OctetWriter& out, const TrackKey& key);
 void WriteArguments(OctetWriter& out, const AttributeArguments& arguments);
@@ -71,7 +71,7 @@ std::optional<AttributeReply> ReadAttributeReply(std::span<const std::byte> stub
 std::optional<AnglesReply> ReadAnglesReply(std::span<const std::byte> stub, ByteOrder order);
 
 // ---- The server's side -----------------------------------------------------------------------
-// The readers answer nothing for a stub that is too short; what is too much is ignored.
+// The readers return nothing for a stub that is too short, and ignore extra bytes.
 
 std::optional<TrackKey> ReadKey(std::span<const std::byte> stub, ByteOrder order);
 std::optional<AttributeArguments> ReadAttributeArguments(std::span<const std::byte> stub,

@@ -6,11 +6,11 @@
 namespace kinetrel::rpc {
 namespace {
 
-// How soon a stop, and a client that is late, are noticed.
+// The longest delay before a stop or a late client is noticed.
 constexpr Milliseconds kStep{100};
-// A listener whose connections cannot be taken stays ready: not to be spun on.
+// After a failed accept the listener stays ready, so the server pauses instead of spinning.
 constexpr Milliseconds kAcceptRest{200};
-// What the system may hold of a client: several messages either way.
+// The system's buffers for a client; they hold several messages each way.
 constexpr int kSystemBuffer = 16384;
 
 }  // namespace
@@ -39,13 +39,13 @@ void TrackServer::Stop() {
 
 void TrackServer::Run() {
   while (!stop_) {
-    const bool somebodyCame = Wait();
+    const bool clientWaits = Wait();
     moreToDo_ = false;
     for (std::size_t i = 0; i < clients_.size(); ++i) {
       if (!Serve(*clients_[i], waits_[i].ready)) clients_[i] = nullptr;
     }
     std::erase(clients_, nullptr);
-    if (somebodyCame) AcceptWaiting();
+    if (clientWaits) AcceptWaiting();
     clientCount_ = clients_.size();
   }
   clients_.clear();
@@ -63,7 +63,7 @@ bool TrackServer::Wait() {
 // ---- Connections -----------------------------------------------------------------------------
 
 void TrackServer::AcceptWaiting() {
-  // As many as there is room for in one round, so that those who come do not starve those served.
+  // A limited number per round, so that new clients do not starve the others.
   for (std::size_t i = 0; i < kMostClients && acceptAgain_.Passed(); ++i) {
     Result<StreamSocket> socket = listener_.Accept();
     if (socket.Ok()) {
@@ -92,10 +92,10 @@ void TrackServer::Admit(StreamSocket socket) {
 
 // ---- One client ------------------------------------------------------------------------------
 
-// False: the connection is over.
+// False when the connection has ended.
 bool TrackServer::Serve(Client& client, bool ready) {
   if (ready && !TakeInput(client)) return false;
-  // One message a round: a client that sends many at once waits its turn with the others.
+  // One message per round, so that a client that sends many does not delay the others.
   client.session.Work();
   if (!GiveOutput(client) || client.session.IsOver()) return false;
   moreToDo_ |= client.session.HasWork();

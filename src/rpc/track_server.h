@@ -1,10 +1,11 @@
-// Serves the procedures of a tracking service to any number of clients at once, on one thread.
+// Serves the procedures of a tracking service to many clients, on one thread.
 //
-// Nobody is asked who they are, and nothing is encrypted: whoever can connect can call.
+// The protocol neither identifies clients nor encrypts: every client that can connect can call.
 //
-// Bounds   kMostClients connections, of fixed size each; one that comes when all are taken replaces
-//          the one that has been idle longest, if that is longer than kIdleLimit, else is closed.
-//          A client that does not bind, complete a message or take its reply within 5 s is closed.
+// Bounds   at most kMostClients connections, each of fixed size. When all are in use, a new client
+//          replaces the longest idle one if that has been idle for kIdleLimit; otherwise the new
+//          client is closed. A client that does not bind, complete a message or read its reply
+//          within 5 s is closed.
 #pragma once
 
 #include <atomic>
@@ -25,14 +26,14 @@ class TrackServer {
   static constexpr std::size_t kMostClients = 64;
   static constexpr Milliseconds kIdleLimit{30000};
 
-  // procedures  called on the server's thread; outlives the server.
+  // procedures  called on the server's thread; must outlive the server.
   TrackServer(StreamListener listener, TrackProcedures& procedures);
   ~TrackServer();  // stops
   TrackServer(const TrackServer&) = delete;
   TrackServer& operator=(const TrackServer&) = delete;
 
-  Status Start();  // once
-  void Stop();     // waits for the call that is being served
+  Status Start();  // call it once
+  void Stop();     // waits for the current call to end
 
   std::uint16_t port() const { return listener_.port(); }
   std::size_t clients() const { return clientCount_; }  // any thread

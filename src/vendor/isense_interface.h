@@ -1,6 +1,5 @@
-// The C interface of the InterSense library as its substitute offers it: the same names and record
-// layouts, in 32-bit words of the machine's own order. What the substitute leaves at zero is
-// reserved.
+// The C interface of the InterSense library as our substitute implements it: the same names and
+// record layouts, in 32-bit words of the machine's byte order. Reserved words stay zero.
 #pragma once
 
 #include <cstdint>

@@ -1,5 +1,16 @@
-// The substitute's 20 functions: which tracker a handle means, which calls are to fail, and a line
-// for each call in the file that is asked for.
+// Our substitute for the InterSense library: its 20 functions. Environment variables control it:
+//   KINETREL_ISENSE_MODEL      the model: 1 IS-300, 2 IS-600, 3 IS-900, 4 to 7 InterTrax, 8 and 9
+//                              InertiaCube2, 10 IS-1200, 11 InertiaCube3 (default)
+//   KINETREL_ISENSE_RATE       records a second; default: the model's own rate
+//   KINETREL_ISENSE_KBITS      the line rate that it reports, in 1000 bits a second; default 115.2
+//   KINETREL_ISENSE_FAIL       calls that fail, separated by commas: "GetData" always,
+//                              "GetData@100" from the 100th call on, "GetData@100+5" five calls
+//   KINETREL_ISENSE_FRAMES     faults, separated by commas: "stall@500+50" no new record for 50
+//                              periods before frame 500, "jump@500+7" 7 frames are missing,
+//                              "lost@500+50" the tracker does not answer for 50 periods
+//   KINETREL_ISENSE_BROADCAST  the address that records are sent on to; default 127.255.255.255,
+//                              all programs on this machine
+//   KINETREL_ISENSE_CALLS      a file that gets one line per call
 #include <array>
 #include <cstdio>
 #include <cstring>
@@ -11,8 +22,8 @@
 
 #include "platform/clock.h"
 #include "vendor/isense_interface.h"
-#include "vendor/isense_settings.h"
 #include "vendor/isense_tracker.h"
+#include "vendor/substitute_settings.h"
 
 namespace kinetrel::substitute {
 namespace {
@@ -49,7 +60,7 @@ constexpr const char* kCallNames[] = {
     "ResetHeading",      "Boresight",        "BoresightReferenced", "GetTime",
     "ConfigureFromFile", "AuxOutput",        "UdpBroadcastData",    "GetSystemHardwareInfo"};
 
-// All that the library remembers: it serves one process, whose threads may call at any time.
+// The state of the library. Any thread of the process may call at any time.
 struct Library {
   std::recursive_mutex lock;
   std::array<std::optional<Tracker>, kMostTrackers> trackers;
@@ -75,13 +86,13 @@ void Record(const char* name, std::initializer_list<long> arguments) {
 
 bool IsToFail(const char* name, std::uint64_t number) {
   std::string_view list = Setting("KINETREL_ISENSE_FAIL");
-  while (const auto mishap = NextMishap(list)) {
-    if (mishap->name == name && mishap->Covers(number)) return true;
+  while (const auto fault = NextPlannedFault(list)) {
+    if (fault->name == name && fault->Covers(number)) return true;
   }
   return false;
 }
 
-// Held for the length of a call; true when the call is to work.
+// Lives as long as a call and holds the lock. True when the call is to succeed.
 class Entry {
  public:
   Entry(Call call, std::initializer_list<long> arguments) : held_(Loaded().lock) {
@@ -91,7 +102,7 @@ class Entry {
   }
   explicit operator bool() const { return works_; }
 
-  // The tracker of a call that is to work; null for none of that handle.
+  // The tracker of the handle; null when the call is to fail or no tracker has the handle.
   Tracker* Of(int handle) const {
     if (!works_ || handle < 1 || handle > kMostTrackers) return nullptr;
     auto& slot = Loaded().trackers[static_cast<std::size_t>(handle - 1)];
@@ -202,7 +213,7 @@ int ISD_GetData(int handle, DataBlock* data) {
 
 int ISD_GetCameraData(int handle, void*) {
   const Entry entry(Call::GetCameraData, {handle});
-  return 0;  // none has a camera
+  return 0;  // no tracker has a camera
 }
 
 int ISD_SendScript(int handle, const char* script) {
@@ -263,5 +274,5 @@ int ISD_UdpBroadcastData(int handle, std::uint32_t port, DataBlock* data, void* 
 
 int ISD_GetSystemHardwareInfo(int handle, void*) {
   const Entry entry(Call::GetSystemHardwareInfo, {handle});
-  return 0;  // nothing to tell of hardware that is none
+  return 0;  // the substitute has no hardware
 }

@@ -7,13 +7,13 @@
 #include <utility>
 
 #include "platform/clock.h"
-#include "vendor/isense_settings.h"
+#include "vendor/substitute_settings.h"
 
 namespace kinetrel::substitute {
 namespace {
 
 constexpr std::uint64_t kKeptRecords = 64;
-constexpr int kMostStrayDatagrams = 64;  // looked at in one call
+constexpr int kMostStrayDatagrams = 64;  // read in one call
 constexpr std::uint32_t kEuler = 1;
 constexpr std::uint32_t kQuaternion = 2;
 constexpr std::uint32_t kStrongest = 2;
@@ -24,7 +24,7 @@ struct Model {
   double rate;
   std::uint32_t stations;
 };
-// By model number, from 0: one that nobody knows.
+// By model number; 0 is an unknown model.
 constexpr Model kModels[] = {{0, 120, 1}, {1, 150, 4}, {1, 180, 4}, {1, 180, 4},
                              {2, 256, 1}, {2, 256, 1}, {2, 256, 1}, {2, 256, 1},
                              {1, 120, 1}, {1, 120, 1}, {1, 120, 1}, {1, 180, 1}};
@@ -122,23 +122,23 @@ std::uint64_t Tracker::PeriodsPassed() const {
   return static_cast<std::uint64_t>(ticks * Rate() / static_cast<double>(ClockTicksPerSecond()));
 }
 
-// What was to happen before the next frame happens now. False: it is gone for now.
-bool Tracker::MeetMishaps() {
+// Plays the faults that are due before the next frame. False while the tracker is lost.
+bool Tracker::PlayDueFaults() {
   std::string_view list = Setting("KINETREL_ISENSE_FRAMES");
-  for (std::uint64_t bit = 1; const auto mishap = NextMishap(list); bit <<= 1) {
-    if (frame_ < mishap->first || (mishapsMet_ & bit) != 0) continue;
-    mishapsMet_ |= bit;
-    if (mishap->name == "jump") frame_ += mishap->count;
-    if (mishap->name == "stall" || mishap->name == "lost") periods_ += mishap->count;
-    if (mishap->name == "lost") lostUntil_ = periods_;
+  for (std::uint64_t bit = 1; const auto fault = NextPlannedFault(list); bit <<= 1) {
+    if (frame_ < fault->first || (faultsPlayed_ & bit) != 0) continue;
+    faultsPlayed_ |= bit;
+    if (fault->name == "jump") frame_ += fault->count;
+    if (fault->name == "stall" || fault->name == "lost") periods_ += fault->count;
+    if (fault->name == "lost") lostUntil_ = periods_;
   }
   return PeriodsPassed() >= lostUntil_;
 }
 
-bool Tracker::Answers() { return MeetMishaps(); }
+bool Tracker::Answers() { return PlayDueFaults(); }
 
 bool Tracker::Read(DataBlock& data) {
-  if (!MeetMishaps()) return false;
+  if (!PlayDueFaults()) return false;
   for (StationBlock& station : newest_.stations) station.newData = 0;
   if (source_) {
     ReceiveRecord(newest_);
@@ -170,7 +170,7 @@ void Tracker::Measure(DataBlock& data) {
   ++periods_;
 }
 
-// Anything may come in; what is not exactly a record is none.
+// Any datagram may arrive; one with another size than a record is ignored.
 void Tracker::ReceiveRecord(DataBlock& data) {
   std::array<std::byte, kDataSize + 1> datagram;
   for (int i = 0; i < kMostStrayDatagrams; ++i) {

@@ -1,9 +1,9 @@
-// One open tracker of the InterSense substitute: on a serial or USB port a tracker in known motion,
-// on a UDP port what somebody else passes on to it.
+// One open tracker of the InterSense substitute: on a serial or USB port a tracker with known
+// motion, on a UDP port the records that another program sends.
 //
-// The motion, by frame n from 0, in steps of a quarter of a degree: yaw -180 + n % 1440 / 4,
-// pitch -45 + n / 1440 % 360 / 4, roll -90 + n % 720 / 4. Stations 2 to 8 have one degree more of
-// roll each. A record stays to be read, behind those before it, for 64 periods.
+// Frame n, from 0, has the angles yaw -180 + n % 1440 / 4, pitch -45 + n / 1440 % 360 / 4 and roll
+// -90 + n % 720 / 4 degrees. Each station from 2 to 8 has one degree more roll than the one before.
+// The newest 64 records wait to be read.
 #pragma once
 
 #include <array>
@@ -19,32 +19,32 @@ class Tracker {
  public:
   static constexpr std::uint32_t kFirstUdpPort = 1000;
 
-  // Nothing when the port cannot be had.
+  // Nothing when the port cannot be opened.
   static std::optional<Tracker> Open(std::uint32_t port);
 
-  bool Answers();
+  bool Answers();  // false while the tracker is lost
   void Describe(TrackerWords& info) const;
   StationWords* Station(std::uint16_t number);  // null: no such station
   bool Configure(std::uint16_t number, const StationWords& wanted);
-  bool Read(DataBlock& data);  // false: does not answer
+  bool Read(DataBlock& data);  // false: the tracker does not answer
 
  private:
   explicit Tracker(std::uint32_t port);
   std::uint64_t PeriodsPassed() const;
-  bool MeetMishaps();
+  bool PlayDueFaults();
   void DropOldest(std::uint64_t waiting);
   void Measure(DataBlock& data);
   void ReceiveRecord(DataBlock& data);
 
   std::uint32_t port_;
-  std::optional<DatagramSocket> source_;  // of a UDP port
+  std::optional<DatagramSocket> source_;  // for a UDP port
   std::array<StationWords, kStations> stations_{};
   DataBlock newest_{};
   std::int64_t started_;
-  std::uint64_t frame_ = 0;    // the next
-  std::uint64_t periods_ = 0;  // passed before it
+  std::uint64_t frame_ = 0;    // the number of the next frame
+  std::uint64_t periods_ = 0;  // periods that passed before it
   std::uint64_t lostUntil_ = 0;
-  std::uint64_t mishapsMet_ = 0;  // one bit each
+  std::uint64_t faultsPlayed_ = 0;  // one bit per item of the list
 };
 
 }  // namespace kinetrel::substitute

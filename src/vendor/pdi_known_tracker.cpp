@@ -1,3 +1,5 @@
+#include "vendor/pdi_known_tracker.h"
+
 #include <algorithm>
 #include <array>
 #include <bit>
@@ -9,8 +11,7 @@
 #include <vector>
 
 #include "platform/clock.h"
-#include "vendor/isense_settings.h"
-#include "vendor/pdi_tracker.h"
+#include "vendor/substitute_settings.h"
 
 namespace kinetrel::substitute {
 namespace {
@@ -21,13 +22,13 @@ constexpr std::uint64_t kKeptFrames = 64;
 constexpr double kCentimetresPerInch = 2.54;
 constexpr double kHalfRadiansPerDegree = 3.14159265358979323846 / 360;
 
-std::uint32_t MaskSetting(const char* variable, std::uint32_t without) {
+std::uint32_t MaskSetting(const char* variable, std::uint32_t fallback) {
   const std::string_view text = Setting(variable);
-  if (text.empty()) return without;
+  if (text.empty()) return fallback;
   return static_cast<std::uint32_t>(std::strtoul(text.data(), nullptr, 0));
 }
 
-// Position in centimetres, angles in degrees. x and z tell the frame.
+// Position in centimetres, angles in degrees. x and z tell the frame's number.
 std::array<double, 6> PoseOf(std::uint64_t frame, int station) {
   const auto turn = static_cast<double>(frame % 360);
   return {-50 + 0.05 * static_cast<double>(frame % 2000),
@@ -48,12 +49,13 @@ std::array<double, 4> QuaternionOf(const std::array<double, 6>& pose) {
           c[0] * s[1] * c[2] + s[0] * c[1] * s[2], s[0] * c[1] * c[2] - c[0] * s[1] * s[2]};
 }
 
-// A frame in the making; room for the longest is reserved, so that none allocates.
+// The frame that is being built. Room for the longest is reserved, so building one allocates
+// nothing.
 class Frame {
  public:
   Frame() { bytes_.reserve(kMostStations * 1024); }
   void Clear() { bytes_.clear(); }
-  void Add(std::uint64_t value, int bytes) {  // 8 at the most
+  void Add(std::uint64_t value, int bytes) {  // at most 8
     for (int i = 0; i < bytes; ++i) bytes_.push_back(static_cast<std::uint8_t>(value >> 8 * i));
   }
   void AddFloat(double value) { Add(std::bit_cast<std::uint32_t>(static_cast<float>(value)), 4); }
@@ -63,9 +65,9 @@ class Frame {
   std::vector<std::uint8_t> bytes_;
 };
 
-class KnownTracker final : public PdiTracker {
+class KnownTracker final : public LibertyTracker {
  public:
-  bool Connected() override { return connected_ && !Befalls("lost"); }
+  bool Connected() override { return connected_ && !IsFaultDue("lost"); }
 
   bool Connect(int, unsigned) override {
     active_ = plugged_;
@@ -108,10 +110,10 @@ class KnownTracker final : public PdiTracker {
     if (TakeDue()) Compose();
     frame = out_.bytes().data();
     size = static_cast<std::uint32_t>(out_.bytes().size());
-    if (Befalls("move")) frame = Moved();
-    if (Befalls("null")) frame = nullptr;
-    if (Befalls("short")) size /= 2;
-    if (Befalls("lie")) size = 0xFFFFFFFF;
+    if (IsFaultDue("move")) frame = Moved();
+    if (IsFaultDue("null")) frame = nullptr;
+    if (IsFaultDue("short")) size /= 2;
+    if (IsFaultDue("lie")) size = 0xFFFFFFFF;
     return true;
   }
 
@@ -151,18 +153,18 @@ class KnownTracker final : public PdiTracker {
                                       PerSecond());
   }
 
-  // What strikes goes by the periods handed out, so that one that stands still goes on too.
-  bool Befalls(std::string_view kind) const {
+  // Faults count the periods handed out, so that they also advance while the frame stands still.
+  bool IsFaultDue(std::string_view kind) const {
     std::string_view list = Setting("KINETREL_PDI_FRAMES");
     if (list.empty()) return false;
     const std::uint64_t period = kind == "lost" && streaming_ ? Due() : handedOut_;
-    while (const auto mishap = NextMishap(list)) {
-      if (mishap->name == kind && mishap->Covers(period)) return true;
+    while (const auto fault = NextPlannedFault(list)) {
+      if (fault->name == kind && fault->Covers(period)) return true;
     }
     return false;
   }
 
-  // Each call at another place, and the one before is gone.
+  // Returns the frame at a new address; the memory of the call before is freed.
   const std::uint8_t* Moved() {
     moved_ = std::make_unique<std::vector<std::uint8_t>>(out_.bytes());
     return moved_->data();
@@ -179,15 +181,15 @@ class KnownTracker final : public PdiTracker {
     if (handedOut_ >= due) return false;
     const std::uint64_t step = due - handedOut_ > kKeptFrames ? due - handedOut_ : 1;
     handedOut_ += step;
-    if (Befalls("stall")) return false;
+    if (IsFaultDue("stall")) return false;
     frame_ += step + Jump();
     return true;
   }
 
   std::uint64_t Jump() const {
     std::string_view list = Setting("KINETREL_PDI_FRAMES");
-    while (const auto mishap = NextMishap(list)) {
-      if (mishap->name == "jump" && mishap->first == handedOut_) return mishap->count;
+    while (const auto fault = NextPlannedFault(list)) {
+      if (fault->name == "jump" && fault->first == handedOut_) return fault->count;
     }
     return 0;
   }
@@ -243,6 +245,6 @@ class KnownTracker final : public PdiTracker {
 
 }  // namespace
 
-std::unique_ptr<PdiTracker> MakeKnownTracker() { return std::make_unique<KnownTracker>(); }
+std::unique_ptr<LibertyTracker> MakeKnownTracker() { return std::make_unique<KnownTracker>(); }
 
 }  // namespace kinetrel::substitute

@@ -1,9 +1,11 @@
-// A Liberty library of our own: a tracker of known motion that needs no hardware or, where
-// KINETREL_PDI_SERIAL is set, a Liberty on a serial port.
-//   KINETREL_PDI_SERIAL  1: the tracker on the port that the program names
-//   KINETREL_PDI_FAIL    calls that fail: "LastPnoPtr", "LastPnoPtr@100" from the 100th on,
-//                        "LastPnoPtr@100+5" five of them; several with commas
-//   KINETREL_PDI_CALLS   a file that gets a line for each call but CnxReady and LastPnoPtr
+// Our own Liberty device library. Without hardware it offers a tracker of known motion; with
+// KINETREL_PDI_SERIAL=1 it drives a Liberty on a serial port. pdi_known_tracker.h has the variables
+// of the former.
+//   KINETREL_PDI_SERIAL  1: the Liberty on the serial port that the program names
+//   KINETREL_PDI_FAIL    calls that fail, separated by commas: "LastPnoPtr" always,
+//                        "LastPnoPtr@100" from the 100th call on, "LastPnoPtr@100+5" five calls
+//   KINETREL_PDI_CALLS   a file that gets one line per call, except for CnxReady, RequestPno and
+//                        LastPnoPtr
 #include <algorithm>
 #include <array>
 #include <cstdarg>
@@ -14,14 +16,15 @@
 #include <string>
 #include <string_view>
 
-#include "vendor/isense_settings.h"
+#include "drivers/liberty_line.h"
+#include "vendor/pdi_known_tracker.h"
 #include "vendor/pdi_table.h"
-#include "vendor/pdi_tracker.h"
+#include "vendor/substitute_settings.h"
 
 namespace kinetrel {
 
 struct PdiDevice {
-  std::unique_ptr<substitute::PdiTracker> tracker;
+  std::unique_ptr<LibertyTracker> tracker;
   std::map<std::string, std::uint64_t, std::less<>> calls;
   int port = 1;
   unsigned baud = 115200;
@@ -30,7 +33,7 @@ struct PdiDevice {
 
 namespace {
 
-using substitute::NextMishap;
+using substitute::NextPlannedFault;
 using substitute::Setting;
 
 constexpr unsigned kBauds[] = {1200, 2400, 4800, 9600, 19200, 38400, 57600, 115200};
@@ -55,13 +58,13 @@ bool IsToFail(PdiDevice& device, std::string_view call) {
   auto found = device.calls.find(call);
   if (found == device.calls.end()) found = device.calls.emplace(call, 0).first;
   const std::uint64_t number = ++found->second;
-  while (const auto mishap = NextMishap(list)) {
-    if (mishap->name == call && mishap->Covers(number)) return true;
+  while (const auto fault = NextPlannedFault(list)) {
+    if (fault->name == call && fault->Covers(number)) return true;
   }
   return false;
 }
 
-// Every call goes through here: told to fail it is not made.
+// Every call goes through here. A call that is to fail is not made.
 template <typename Work>
 std::int32_t Do(PdiDevice* device, const char* call, Work work) {
   const bool done = !IsToFail(*device, call) && work(*device->tracker);
@@ -72,7 +75,7 @@ std::int32_t Do(PdiDevice* device, const char* call, Work work) {
 PdiDevice* CreateDevice() {
   auto device = std::make_unique<PdiDevice>();
   const bool real = Setting("KINETREL_PDI_SERIAL") == "1";
-  device->tracker = real ? substitute::MakeSerialTracker() : substitute::MakeKnownTracker();
+  device->tracker = real ? MakeSerialLiberty() : substitute::MakeKnownTracker();
   return device.release();
 }
 
@@ -194,7 +197,7 @@ std::int32_t SetSHemisphere(PdiDevice* device, std::int32_t station, const float
   });
 }
 
-// The tracker follows a hemisphere by itself when it is given none.
+// A tracker that is given no hemisphere follows it by itself.
 std::int32_t SetSHemiTrack(PdiDevice* device, std::int32_t station) {
   Note("SetSHemiTrack %d", station);
   return Do(device, "SetSHemiTrack", [station](auto& tracker) {

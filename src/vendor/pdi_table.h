@@ -1,47 +1,48 @@
-// What a Liberty device library hands out: one table of functions, through one exported function.
+// The interface of a Liberty device library: one exported function that returns a table of
+// functions.
 //
 // The driver loads the library ("pdi.dll", on Linux libpdi.so, or the file that the environment
-// variable KINETREL_PDI names) and asks its kinetrel_pdi_table for this table. A vendor's C++
-// library is wrapped by a small adapter: a shared library that exports that one function and whose
-// table calls the vendor's classes. Kinetrel's own src/vendor/pdi_library.cpp is one more.
+// variable KINETREL_PDI names) and calls its kinetrel_pdi_table to get this table. To use the
+// vendor's C++ library, write a small adapter: a shared library that exports this one function and
+// whose table calls the vendor's classes. Kinetrel's own src/vendor/pdi_library.cpp is an example.
 //
-// Results  an int32_t is nonzero for success unless its line says otherwise. A call that failed may
-//          be made again; none may throw.
-// Threads  the caller makes one call at a time, from any thread.
-// Memory   what a call hands out is the library's, and good until the next call for that device.
+// Results  an int32_t is nonzero for success unless its line says otherwise. The driver may repeat
+//          a call that failed. No call may throw.
+// Threads  the driver makes one call at a time, from any thread.
+// Memory   the library owns what a call returns; it stays valid until the next call for the device.
 #pragma once
 
 #include <cstdint>
 
 namespace kinetrel {
 
-// Grows when a function is added at the end; a library answers null for a version that it does not
-// have. What is there never changes its meaning.
+// Grows when a function is added at the end. A library returns null for a version that it does not
+// have. A function that is in the table never changes its meaning.
 inline constexpr std::uint32_t kPdiTableVersion = 1;
 
-struct PdiDevice;  // the library's own: one tracker, or the place of one
+struct PdiDevice;  // one tracker, connected or not; the library defines it
 
-// How the tracker is reached; the results of discoverCnx.
+// The results of discoverCnx: how the tracker is connected.
 enum class PdiConnection : std::int32_t { None = -1, Usb = 0, Serial = 1 };
 
 struct PdiTable {
   std::uint32_t version;  // kPdiTableVersion
-  std::uint32_t size;     // bytes of this table
+  std::uint32_t size;     // of this table, in bytes
 
-  PdiDevice* (*createDevice)();  // null: no memory. Nothing is connected yet
+  PdiDevice* (*createDevice)();  // not connected yet; null: no memory
   void (*destroyDevice)(PdiDevice* device);
 
   // ---- Connection ----------------------------------------------------------------------------
 
   std::int32_t (*cnxReady)(PdiDevice* device);  // nonzero: a tracker is connected
 
-  // Which serial port discoverCnx tries. port: n of COMn. baudCode: 0 to 7 for 1200, 2400, 4800,
-  // 9600, 19200, 38400, 57600, 115200. parityCode: 0 none.
+  // The serial port that discoverCnx tries. port: the n of COMn. baudCode: 0 to 7 for 1200, 2400,
+  // 4800, 9600, 19200, 38400, 57600, 115200. parityCode: 0 for none.
   std::int32_t (*setSerialIF)(PdiDevice* device, std::int32_t port, std::int32_t baudCode,
                               std::int32_t parityCode);
 
-  // Looks for the tracker, for some seconds at the most. A PdiConnection; any number but 0 and 1
-  // is a failure.
+  // Looks for the tracker, for a few seconds at most. Returns a PdiConnection; any number except 0
+  // and 1 is a failure.
   std::int32_t (*discoverCnx)(PdiDevice* device);
   std::int32_t (*disconnect)(PdiDevice* device);
 
@@ -53,20 +54,21 @@ struct PdiTable {
                                std::int32_t count);
   std::int32_t (*getStationMap)(PdiDevice* device, std::uint32_t* map);  // bit i: station i + 1
   std::int32_t (*setStationMap)(PdiDevice* device, std::uint32_t map);
-  std::int32_t (*maxSensors)(PdiDevice* device);  // how many stations the tracker can have
+  std::int32_t (*maxSensors)(
+      PdiDevice* device);  // the number of stations that the tracker can have
 
-  // From now on a frame comes by itself every cycle, until stopContPno.
+  // From now on the tracker sends a frame every cycle, until stopContPno.
   std::int32_t (*startContPno)(PdiDevice* device);
   std::int32_t (*stopContPno)(PdiDevice* device);
 
-  // Asks for one frame while none come by themselves. Does not wait for it. May be null: the
-  // library cannot.
+  // Asks for one frame while the tracker does not stream. Does not wait for the frame. Null when
+  // the library cannot do this.
   std::int32_t (*requestPno)(PdiDevice* device);
 
-  // The frame: a record per active station in the order of their numbers, each 8 bytes of header
-  // and the items, little-endian. Without a new one the last one again. Does not wait, allocates
-  // nothing. A library may keep some frames back and hand them out one a call, so that a caller
-  // that is late for once misses none.
+  // Returns a frame: one record per active station in the order of their numbers. A record is an
+  // 8-byte header and the items, little-endian. Without a new frame the last one is returned again.
+  // Does not wait and allocates nothing. A library may keep frames back and return one per call, so
+  // that a late caller misses none.
   std::int32_t (*lastPnoPtr)(PdiDevice* device, const std::uint8_t** frame, std::uint32_t* size);
 
   // ---- Settings ------------------------------------------------------------------------------
@@ -85,20 +87,20 @@ struct PdiTable {
 
   // ---- Its health ----------------------------------------------------------------------------
 
-  // Words of the built-in test, 0 is good; `count` becomes how many of at most `room` were stored.
+  // Stores at most `room` words of the built-in test and their number in `count`. 0 is good.
   std::int32_t (*getBITErrs)(PdiDevice* device, std::uint32_t* words, std::int32_t room,
                              std::int32_t* count);
   std::int32_t (*clearBITErrs)(PdiDevice* device);
 
-  // What such words say, for a person: at most `size` characters with the 0 that ends them.
+  // Describes such words for a person, in at most `size` characters including the final 0.
   void (*describeBITErrs)(const std::uint32_t* words, std::int32_t count, char* text,
                           std::int32_t size);
 
-  // What the last call came to, for a person; never null.
+  // Describes the result of the last call for a person; never null.
   const char* (*lastResultText)(PdiDevice* device);
 };
 
-// The library's one export, under this name.
+// The name of the library's one exported function.
 inline constexpr char kPdiTableFunction[] = "kinetrel_pdi_table";
 using PdiTableFunction = const PdiTable* (*)(std::uint32_t version);
 

@@ -1,4 +1,4 @@
-// The GPS driver and its walk over TSIP; packets are written out from the protocol.
+// The GPS driver and its reading of TSIP packets.
 #include "drivers/gps_device.h"
 
 #include <gtest/gtest.h>
@@ -16,20 +16,20 @@ using std::chrono::milliseconds;
 
 // ---- Packets -------------------------------------------------------------------------------
 
-// Data with its 0x10 doubled, in its frame.
+// A packet with its frame; each 0x10 in the data is doubled.
 std::string Packet(const std::string& id, const std::string& data) {
   std::string packet = "\x10" + id;
   for (const char byte : data) packet += byte == '\x10' ? "\x10\x10" : std::string(1, byte);
   return packet + "\x10\x03";
 }
 
-// Floats as they stand on the wire.
+// Floats in the byte order of the wire.
 const std::string kZero = "\0\0\0\0"s;
 const std::string kHalf = "\x3F\x00\x00\x00"s;       // 0.5
 const std::string kMinusHalf = "\xBF\x00\x00\x00"s;  // -0.5
 const std::string kQuarter = "\x3E\x80\x00\x00"s;    // 0.25
 const std::string kOne = "\x3F\x80\x00\x00"s;        // 1
-const std::string kNine = "\x41\x10\x00\x00"s;       // 9: with a byte to be doubled
+const std::string kNine = "\x41\x10\x00\x00"s;       // 9, which contains a 0x10
 const std::string kHundred = "\x42\xC8\x00\x00"s;    // 100
 const std::string kNan = "\x7F\xC0\x00\x00"s;
 
@@ -57,7 +57,7 @@ int Feed(GpsReports& reports, const std::string& bytes) {
 
 // ---- Reports -------------------------------------------------------------------------------
 
-TEST(GpsPosition, IsWrittenInEveryForm) {
+TEST(GpsPosition, IsConvertedToEveryForm) {
   GpsReports reports;
   const GpsState& gps = reports.state();
   EXPECT_EQ(gps.latitudeText.hemisphere, ' ');
@@ -87,7 +87,7 @@ TEST(GpsPosition, IsWrittenInEveryForm) {
   EXPECT_EQ(gps.startLatitude, 0.5);
 }
 
-TEST(GpsReceiver, TellsAboutItself) {
+TEST(GpsReceiver, ItsStateIsDecoded) {
   GpsReports reports;
   const GpsState& gps = reports.state();
   Feed(reports, Packet("\x41", kHundred + "\x08\xFC"s + kNine) + Packet("\x46", "\x08\x31"s) +
@@ -110,7 +110,7 @@ TEST(GpsReceiver, TellsAboutItself) {
 TEST(GpsSatellites, KeepTheirPlaces) {
   GpsReports reports;
   const GpsState& gps = reports.state();
-  // Before any is counted there is one place for them all.
+  // Before the first selection report, all satellites share the first entry.
   Feed(reports, kLevels);
   EXPECT_EQ(gps.satelliteCount, 0);
   EXPECT_EQ(gps.satellites[0].prn, 5);
@@ -131,14 +131,14 @@ TEST(GpsSatellites, KeepTheirPlaces) {
   EXPECT_EQ(gps.satellites[0].azimuth, 0.25F);
   EXPECT_EQ(gps.satellites[1].signalLevel, 1.0F);
 
-  // One that is not counted goes behind the others, which stay as they are.
+  // A satellite outside the selection goes behind the others, which stay unchanged.
   Feed(reports, Packet("\x47", "\x01\x07" + kHalf));
   EXPECT_EQ(gps.satelliteCount, 2);
   EXPECT_EQ(gps.satellites[1].prn, 5);
   EXPECT_EQ(gps.satellites[2].prn, 7);
   EXPECT_EQ(gps.satellites[2].signalLevel, 0.5F);
 
-  // Selected again, a satellite keeps what is known of it only in the same place.
+  // A new selection keeps a satellite's values only when it stays in the same place.
   Feed(reports, Packet("\x6D", "\x23" + kOne + kOne + kOne + kOne + "\x10\x10"s));
   EXPECT_EQ(gps.satellites[0].signalLevel, 100.0F);
   EXPECT_EQ(gps.satellites[1].signalLevel, 0.0F);
@@ -148,13 +148,13 @@ struct StreamStory {
   const char* name;
   std::string bytes;
   double latitude;  // afterwards
-  bool position;    // news of it
+  bool position;    // updated
   bool satellites;
 };
 
 class GpsStream : public testing::TestWithParam<StreamStory> {};
 
-TEST_P(GpsStream, IsWalked) {
+TEST_P(GpsStream, IsDecoded) {
   const StreamStory& row = GetParam();
   GpsReports reports;
   Feed(reports, row.bytes);
@@ -174,8 +174,8 @@ INSTANTIATE_TEST_SUITE_P(
         StreamStory{"BeforeTheEndMark", kFix.substr(0, kFix.size() - 2), 0, false, false},
         StreamStory{"FromTheMiddle", kFix.substr(7) + kNextFix, kNextLatitude, true, false},
         StreamStory{"Cut", kFix.substr(0, 12) + kNextFix, kNextLatitude, true, false},
-        StreamStory{"AByteLost", kFix.substr(0, 5) + kFix.substr(6), 0, false, false},
-        StreamStory{"AByteTooMany", kFix.substr(0, 5) + "\x01" + kFix.substr(5), 0, false, false},
+        StreamStory{"LostByte", kFix.substr(0, 5) + kFix.substr(6), 0, false, false},
+        StreamStory{"ExtraByte", kFix.substr(0, 5) + "\x01" + kFix.substr(5), 0, false, false},
         StreamStory{"DamagedThenWhole", kFix.substr(0, 5) + "\x01" + kFix.substr(5) + kNextFix,
                     kNextLatitude, true, false},
         StreamStory{"CutAtADoubledByte", kFix.substr(0, 12) + "\x10\x10"s + kNextFix, kNextLatitude,
@@ -188,19 +188,19 @@ INSTANTIATE_TEST_SUITE_P(
                     Packet("\x8F", "\x4A" + std::string(40, '\x41')) + kFix, 0.5, true, false},
         StreamStory{"UnknownPacketCut", Packet("\x8F", "\x4A").substr(0, 3) + kFix, 0.5, true,
                     false},
-        StreamStory{"LatitudeOfNowhere", Fix(kHundred, kHalf, kHundred), 0, false, false},
-        StreamStory{"NoNumber", Fix(kNan, kHalf, kHundred), 0, false, false},
-        StreamStory{"AltitudeNoNumber", Fix(kHalf, kHalf, kNan), 0, false, false},
-        StreamStory{"MoreSatellitesThanThereAre", Packet("\x47", "\x21" + std::string(165, '\x4A')),
-                    0, false, false},
-        StreamStory{"AllSatellites", Packet("\x47", "\x20" + std::string(160, '\x4A')), 0, false,
+        StreamStory{"ImpossibleLatitude", Fix(kHundred, kHalf, kHundred), 0, false, false},
+        StreamStory{"LatitudeNotANumber", Fix(kNan, kHalf, kHundred), 0, false, false},
+        StreamStory{"AltitudeNotANumber", Fix(kHalf, kHalf, kNan), 0, false, false},
+        StreamStory{"TooManySatellites", Packet("\x47", "\x21" + std::string(165, '\x4A')), 0,
+                    false, false},
+        StreamStory{"MostSatellites", Packet("\x47", "\x20" + std::string(160, '\x4A')), 0, false,
                     true},
         StreamStory{"TrackingCut", kTracking.substr(0, 8) + "\x10\x03", 0, false, true},
         StreamStory{"SelectionCut", kSelection.substr(0, 20) + kFix, 0.5, true, true},
         StreamStory{"LevelsCut", kLevels.substr(0, 8) + "\x10\x03", 0, false, false}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(GpsReportsTake, TellsWhatBelongsToTheProtocol) {
+TEST(GpsReportsTake, AcceptsOnlyBytesOfTheProtocol) {
   GpsReports reports;
   EXPECT_EQ(Feed(reports, "$9,\r\n\x7F"), 0);
   EXPECT_EQ(Feed(reports, "\x10\x03\xDC\x03"), 4);
@@ -220,7 +220,7 @@ class GpsOnALine : public DeviceOnALine<GpsDevice> {
 
 const Script kAsked = Expect("!&");
 
-TEST_F(GpsOnALine, IsWhatItSays) {
+TEST_F(GpsOnALine, DescribesItself) {
   EXPECT_EQ(device_.OpenPort("no such port", 0), 1);  // it is open already
   EXPECT_EQ(device_.GetBaudRate(), 9600U);
   EXPECT_STREQ(device_.GetDeviceName(), "GPS TSIP");
@@ -244,20 +244,21 @@ TEST_F(GpsOnALine, IsWhatItSays) {
 
 class GpsBoot : public GpsOnALine, public testing::WithParamInterface<BootStory> {};
 
-TEST_P(GpsBoot, Ends) {
+TEST_P(GpsBoot, EndsInItsResult) {
   EXPECT_EQ(Boot(GetParam().script), GetParam().result);
   EXPECT_EQ(device_.IsBooted(), GetParam().result == kBooted);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Line, GpsBoot,
-    testing::Values(
-        BootStory{"Answered", kAsked + Send(Packet("\x46", "\0\0"s)), kBooted},
-        BootStory{"FrameBytesOnly", kAsked + Send("\x10\x03\x10\x03\x10\x03"), kBooted},
-        BootStory{"AReportInFlight", Send(kFix.substr(5)) + kAsked, kBooted},
-        BootStory{"OneReportASecond", kAsked + Wait(milliseconds(900)) + Send(kFix), kBooted},
-        BootStory{"SomethingElseThere", kAsked + Send("$%'()*+,-./0123456789:;<=>?@"), 0},
-        BootStory{"NobodyThere", kAsked, 0}, BootStory{"ThePlugIsPulled", kAsked + HangUp(), 0}),
+    testing::Values(BootStory{"Answered", kAsked + Send(Packet("\x46", "\0\0"s)), kBooted},
+                    BootStory{"FrameBytesOnly", kAsked + Send("\x10\x03\x10\x03\x10\x03"), kBooted},
+                    BootStory{"CutReportFirst", Send(kFix.substr(5)) + kAsked, kBooted},
+                    BootStory{"OneReportASecond", kAsked + Wait(milliseconds(900)) + Send(kFix),
+                              kBooted},
+                    BootStory{"OtherDevice", kAsked + Send("$%'()*+,-./0123456789:;<=>?@"), 0},
+                    BootStory{"NoAnswer", kAsked, 0},
+                    BootStory{"PlugPulled", kAsked + HangUp(), 0}),
     [](const auto& row) { return std::string(row.param.name); });
 
 struct FrameStory {
@@ -269,7 +270,7 @@ struct FrameStory {
 
 class GpsFrames : public GpsOnALine, public testing::WithParamInterface<FrameStory> {};
 
-TEST_P(GpsFrames, TellWhatIsNew) {
+TEST_P(GpsFrames, ReportTheUpdatedSensors) {
   ASSERT_EQ(Boot(kAsked + Send("\x10\x03")), kBooted);
   device_.SetSensorMask(GetParam().active, 0);
   ScriptedPeer peer(line_, GetParam().script);
@@ -290,14 +291,14 @@ INSTANTIATE_TEST_SUITE_P(
                    Send(kSelection + kLevels) + kLater + Send(Packet("\x46", "\0\0"s)) + kLater +
                        Send(kFix),
                    {0x1F}},
-        FrameStory{"ABacklogIsOneFrame", 1, Send(kFix + kNextFix + kFix.substr(0, 9)), {15}},
+        FrameStory{"BacklogIsOneFrame", 1, Send(kFix + kNextFix + kFix.substr(0, 9)), {15}},
         FrameStory{"Satellites", 0x38, Send(kSelection), {0x18}},
         FrameStory{"FrameBytesOnly", 1, Send("\x10\x03\x10\x03"), {8}},
         FrameStory{"Noise", 1, Send("$%'()*+"), {0}}, FrameStory{"Silence", 1, {}, {0}},
         FrameStory{"PlugPulled", 1, HangUp(), {0, 0, 0}}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(GpsOnALine, PositionsInEveryUnit) {
+TEST_F(GpsOnALine, DeliversPositionsInEveryUnit) {
   ASSERT_EQ(Boot(kAsked + Send(kFix)), kBooted);
   struct UnitRow {
     int asked;
@@ -340,9 +341,9 @@ TEST_F(GpsOnALine, SatellitesFillTheirSensors) {
   EXPECT_EQ(PoseOf(14), (std::array<float, 5>{14, 12, 0, 0, 0}));
 }
 
-TEST_F(GpsOnALine, TheOriginStaysUntilItIsMoved) {
+TEST_F(GpsOnALine, KeepsTheOriginUntilItIsMoved) {
   ASSERT_EQ(Boot(kAsked + Send(kFix)), kBooted);
-  EXPECT_EQ(device_.Boot(0), kBooted);  // at once: nothing is asked again
+  EXPECT_EQ(device_.Boot(0), kBooted);  // at once, without a request
   EXPECT_EQ(line_.Received(), "");
   device_.ClosePort();
   EXPECT_FALSE(device_.IsBooted());

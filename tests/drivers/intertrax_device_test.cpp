@@ -1,5 +1,4 @@
-// The InterTrax driver against a peer that plays the unit; its bytes are written out from the
-// protocol.
+// The InterTrax driver against a peer that plays the unit.
 #include "drivers/intertrax_device.h"
 
 #include <gtest/gtest.h>
@@ -23,8 +22,8 @@ const Script kBoot = kFirst + kVersion + kSecond;
 
 class IntertraxOnALine : public DeviceOnALine<IntertraxDevice> {
  protected:
-  // Booted, for a test of something else: on a busy machine the peer may be late for a handshake.
-  bool Ready() {
+  // Boots the device. On a busy machine the peer may be late for a handshake, so it tries again.
+  bool BootReliably() {
     for (int attempt = 0; attempt < 5; ++attempt) {
       line_.Received();
       ScriptedPeer peer(line_, kBoot);
@@ -33,7 +32,7 @@ class IntertraxOnALine : public DeviceOnALine<IntertraxDevice> {
     return false;
   }
 
-  // What the system has the line at.
+  // The system's baud rate of the line.
   unsigned LineRate() const {
     termios settings{};
     tcgetattr(line_.nearEnd(), &settings);
@@ -53,7 +52,7 @@ struct BootStory {
 
 class IntertraxBoot : public IntertraxOnALine, public testing::WithParamInterface<BootStory> {};
 
-TEST_P(IntertraxBoot, Ends) {
+TEST_P(IntertraxBoot, EndsInItsResult) {
   const BootStory& row = GetParam();
   EXPECT_EQ(Boot(row.script), row.result);
   EXPECT_EQ(device_.IsBooted(), row.result == kBooted);
@@ -68,20 +67,19 @@ INSTANTIATE_TEST_SUITE_P(
         BootStory{"Plain", kBoot, kBooted, IntertraxLink::Fast},
         BootStory{"BytesOfAnEarlierRunPending", Send("\x12\x34o") + kBoot, kBooted,
                   IntertraxLink::Fast},
-        BootStory{"TheVersionTellsSomethingElse",
-                  kFirst + Answer("v\0"s, "x\x07\1\2\3\4\0"s) + kSecond, kBooted,
-                  IntertraxLink::Fast},
+        BootStory{"UnexpectedVersion", kFirst + Answer("v\0"s, "x\x07\1\2\3\4\0"s) + kSecond,
+                  kBooted, IntertraxLink::Fast},
         BootStory{"NoVersion", kFirst + Expect("v\0"s) + kSecond, kBooted, IntertraxLink::Fast},
-        BootStory{"TheVersionStopsAfterItsEcho", kFirst + Answer("v\0"s, "v\0"s) + kSecond, kBooted,
+        BootStory{"VersionStopsAfterEcho", kFirst + Answer("v\0"s, "v\0"s) + kSecond, kBooted,
                   IntertraxLink::Fast},
-        BootStory{"TheVersionStopsAfterAField", kFirst + Answer("v\0"s, "v\0\1\0\2"s) + kSecond,
+        BootStory{"VersionStopsAfterField", kFirst + Answer("v\0"s, "v\0\1\0\2"s) + kSecond,
                   kBooted, IntertraxLink::Fast},
         BootStory{
-            "TheVersionComesLate",
+            "LateVersion",
             kFirst + Expect("v\0"s) + Wait(milliseconds(300)) + Send("v\0\1\0\2\0IT\0"s) + kSecond,
             kBooted, IntertraxLink::Fast},
         BootStory{"WrongFirstAnswer", Answer("c", "x"), -2, IntertraxLink::Reset},
-        BootStory{"NobodyAnswers", {}, -2, IntertraxLink::Reset},
+        BootStory{"NoAnswer", {}, -2, IntertraxLink::Reset},
         BootStory{"WrongSecondAnswer", kFirst + kVersion + Answer("d", "o"), -3,
                   IntertraxLink::Answered},
         BootStory{"NoSecondAnswer", kFirst + kVersion + Expect("d"), -3, IntertraxLink::Answered}),
@@ -95,9 +93,9 @@ TEST_F(IntertraxOnALine, APulledPlugEndsTheBoot) {
   EXPECT_EQ(device_.Boot(0), -1);
 }
 
-TEST_F(IntertraxOnALine, IsWhatItSays) {
+TEST_F(IntertraxOnALine, DescribesItself) {
   EXPECT_EQ(device_.GetStatusCode(), 0);
-  ASSERT_TRUE(Ready());
+  ASSERT_TRUE(BootReliably());
   EXPECT_EQ(device_.GetStatusCode(), 0x602);
   EXPECT_STREQ(device_.GetDeviceName(), "InterSense InterTrax");
   EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 15);
@@ -123,10 +121,10 @@ struct VersionStory {
 class IntertraxVersion : public IntertraxOnALine,
                          public testing::WithParamInterface<VersionStory> {};
 
-// Whatever came of it, the unit is at 38400 baud again afterwards, and sends frames.
+// After any result the unit is at 38400 baud again and sends frames.
 TEST_P(IntertraxVersion, IsAskedForAtTheLowRate) {
   const VersionStory& row = GetParam();
-  ASSERT_TRUE(Ready());
+  ASSERT_TRUE(BootReliably());
   ScriptedPeer peer(line_, kFirst + row.answer + kSecond + Answer("3", std::string(6, '\0')));
   char text[64] = "untouched";
   EXPECT_EQ(device_.QueryStatus(text, row.size), row.result);
@@ -153,19 +151,19 @@ INSTANTIATE_TEST_SUITE_P(
                     VersionStory{"OneField", Answer("v\0"s, "v\0\1\0"s), 64, -10, ""}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(IntertraxOnALine, AVersionQueryThatFindsNobody) {
-  ASSERT_TRUE(Ready());
+TEST_F(IntertraxOnALine, AVersionQueryWithoutAnswerFails) {
+  ASSERT_TRUE(BootReliably());
   EXPECT_EQ(device_.QueryStatus(nullptr, 0), -2);
   EXPECT_EQ(device_.reportCode(), -2);
   ScriptedPeer peer(line_, Expect("c") + Send("") + kFirst + kVersion + Answer("d", "?"));
-  EXPECT_EQ(device_.QueryStatus(nullptr, 0), 1);  // from the low rate, where it stays
+  EXPECT_EQ(device_.QueryStatus(nullptr, 0), 1);  // starts and stays at 1200 baud
   EXPECT_EQ(device_.link(), IntertraxLink::Answered);
 }
 
 // ---- Frames --------------------------------------------------------------------------------
 
 TEST_F(IntertraxOnALine, AFrameScalesEveryAngle) {
-  ASSERT_TRUE(Ready());
+  ASSERT_TRUE(BootReliably());
   struct Row {
     std::string record;
     float angles[3];
@@ -188,7 +186,7 @@ TEST_F(IntertraxOnALine, AFrameScalesEveryAngle) {
   EXPECT_EQ(CountedAllocations(), 0);
 }
 
-// Yaw counts the record, so that a shifted one shows.
+// The yaw is the record's number, so that a shifted record is noticed.
 std::string Record(int yaw) {
   return {
       static_cast<char>(yaw & 0xFF), static_cast<char>(yaw >> 8), '\x11', '\x22', '\x33', '\x44'};
@@ -202,9 +200,9 @@ struct FrameStory {
 
 class IntertraxFrames : public IntertraxOnALine, public testing::WithParamInterface<FrameStory> {};
 
-// Polled as the engine does, until as many frames have come as are expected.
+// Polls like the engine until the expected number of frames has come.
 TEST_P(IntertraxFrames, AreRead) {
-  ASSERT_TRUE(Ready());
+  ASSERT_TRUE(BootReliably());
   ScriptedPeer peer(line_, GetParam().script);
   std::vector<int> frames;
   const auto readMore = [&] {
@@ -219,7 +217,7 @@ TEST_P(IntertraxFrames, AreRead) {
   EXPECT_EQ(frames, GetParam().frames);
 }
 
-// No answer is there sooner than its line carries it.
+// A real line delivers no answer sooner than this.
 const Script kAsked = Expect("3") + Wait(milliseconds(1));
 const std::string kOne = Record(1);
 
@@ -227,24 +225,24 @@ INSTANTIATE_TEST_SUITE_P(
     Line, IntertraxFrames,
     testing::Values(
         FrameStory{"Clean", kAsked + Send(kOne), {1}},
-        FrameStory{"OneAfterTheOther", kAsked + Send(kOne) + kAsked + Send(Record(770)), {1, 770}},
+        FrameStory{"TwoRecords", kAsked + Send(kOne) + kAsked + Send(Record(770)), {1, 770}},
         FrameStory{"InTwoPieces",
                    kAsked + Send(kOne.substr(0, 3)) + Wait(milliseconds(50)) + Send(kOne.substr(3)),
                    {1}},
-        FrameStory{"FromAUnitFasterThanALine",
+        FrameStory{"FasterThanALine",
                    Expect("3") + Send(kOne) + Expect("3") + Send(Record(770)),
                    {1, 770}},
-        FrameStory{"AByteLost", kAsked + Send(kOne.substr(1)) + kAsked + Send(Record(2)), {2}},
+        FrameStory{"LostByte", kAsked + Send(kOne.substr(1)) + kAsked + Send(Record(2)), {2}},
         FrameStory{
-            "AByteTooMany",
+            "ExtraByte",
             kAsked + Send("\x07" + kOne) + kAsked + Send(Record(2)) + kAsked + Send(Record(3)),
             {0x107, 2, 3}}),
     [](const auto& row) { return std::string(row.param.name); });
 
-// Left over from before the request, or there sooner than any answer. On a busy machine the latter
-// may be seen too late once, and costs that frame.
-TEST_F(IntertraxOnALine, WhatIsNoAnswerIsDropped) {
-  ASSERT_TRUE(Ready());
+// Bytes from before the request, or sooner than any answer. On a busy machine the driver may see
+// the latter too late, which costs one frame; those two cases may be repeated.
+TEST_F(IntertraxOnALine, DropsBytesThatAreNoAnswer) {
+  ASSERT_TRUE(BootReliably());
   int yaw = 2;
   const auto reads = [&](const std::string& before, const std::string& after) {
     line_.Received();
@@ -263,7 +261,7 @@ TEST_F(IntertraxOnALine, WhatIsNoAnswerIsDropped) {
 }
 
 TEST_F(IntertraxOnALine, APulledPlugFailsAtOnce) {
-  ASSERT_TRUE(Ready());
+  ASSERT_TRUE(BootReliably());
   line_.HangUp();
   const std::int64_t start = ClockTicks();
   for (int i = 0; i < 10; ++i) EXPECT_EQ(device_.ReadFrame(nullptr), 0U);

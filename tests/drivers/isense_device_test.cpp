@@ -20,7 +20,7 @@ using Calls = std::vector<std::string>;
 
 class IsenseDeviceTest : public testing::Test {
  protected:
-  // What the library got while `act` ran.
+  // The calls that the library received during `act`.
   template <typename Act>
   Calls CallsOf(Act act) {
     settings_.TakeCalls();
@@ -37,7 +37,7 @@ class IsenseDeviceTest : public testing::Test {
     return WaitUntil([this] { return device_.ReadFrame(nullptr) == 1; });
   }
 
-  // Quarters of a degree since the start, as the yaw tells.
+  // The frame's number, decoded from the yaw, which grows by a quarter of a degree per frame.
   int Frame() {
     return static_cast<int>(std::lround((180 - device_.GetSensorPose(0)[3] / kRadians) * 4)) % 1440;
   }
@@ -57,7 +57,7 @@ struct Model {
 
 class IsenseModels : public IsenseDeviceTest, public testing::WithParamInterface<Model> {};
 
-TEST_P(IsenseModels, BootSetsThemUp) {
+TEST_P(IsenseModels, AreSetUpByBoot) {
   const Model& model = GetParam();
   settings_.Set("MODEL", std::to_string(model.model));
   Start();
@@ -86,7 +86,7 @@ INSTANTIATE_TEST_SUITE_P(All, IsenseModels,
                                          Model{0, 18, "InterSense DLL", 2, 1, 120}),
                          [](const auto& row) { return "Model" + std::to_string(row.param.model); });
 
-TEST_F(IsenseDeviceTest, IsNotYetAnyModelWhenNew) {
+TEST_F(IsenseDeviceTest, StartsWithoutAModel) {
   EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 18);
   EXPECT_STREQ(device_.GetDeviceName(), "InterSense DLL");
   EXPECT_EQ(device_.GetStatusCode(), 0x600);
@@ -114,7 +114,7 @@ TEST_F(IsenseDeviceTest, CallsTheLibraryInOrder) {
   EXPECT_EQ(device_.GetPortNumber(), 0);
 }
 
-TEST_F(IsenseDeviceTest, EveryFrameComesOnceAndExact) {
+TEST_F(IsenseDeviceTest, DeliversEveryFrameOnceAndExactly) {
   Start();
   for (int frame = 0; frame < 200; ++frame) {
     ASSERT_TRUE(ReadNext());
@@ -128,14 +128,14 @@ TEST_F(IsenseDeviceTest, EveryFrameComesOnceAndExact) {
   }
 }
 
-TEST_F(IsenseDeviceTest, AQuaternionComesWithTwoSignsTurned) {
+TEST_F(IsenseDeviceTest, NegatesYAndZOfAQuaternion) {
   Start();
   ASSERT_EQ(device_.SetComponentMask(4), 4U);
   const double before = device_.ElapsedSeconds();
   double sampleTime = -1;
   ASSERT_TRUE(WaitUntil([&] { return device_.ReadFrame(&sampleTime) == 1; }));
   EXPECT_GE(sampleTime, before);
-  // Yaw -180, pitch -45, roll -90, in the field's usual order.
+  // Yaw -180, pitch -45, roll -90, scalar first.
   const float* const q = device_.GetSensorQuaternion(0);
   const double half = std::sqrt(0.5);
   const double c = std::cos(M_PI / 8), s = std::sin(M_PI / 8);
@@ -146,7 +146,7 @@ TEST_F(IsenseDeviceTest, AQuaternionComesWithTwoSignsTurned) {
   EXPECT_EQ(device_.GetSensorPose(0)[3], 0.0F);
 }
 
-TEST_F(IsenseDeviceTest, NoFrameCountsWhileTheCounterStandsAndItsJumpsAreSeen) {
+TEST_F(IsenseDeviceTest, ReportsNoFrameWithoutANewRecord) {
   settings_.Set("FRAMES", "stall@3+30,jump@5+7,lost@15+10");
   Start();
   std::vector<int> seen;
@@ -186,7 +186,7 @@ struct Text {
   const char* after;
 };
 
-TEST_F(IsenseDeviceTest, TheControlStringIsAPort) {
+TEST_F(IsenseDeviceTest, ControlStringIsAPort) {
   const Text rows[] = {{"8080", true, "8080"},   {"", true, "8080"},
                        {"0x1F90", true, "8080"}, {"port 5", false, "0"},
                        {"010", true, "8"},       {"5000 and more", true, "5000"},
@@ -201,7 +201,7 @@ TEST_F(IsenseDeviceTest, TheControlStringIsAPort) {
   EXPECT_TRUE(device_.SetControlString(nullptr));
 }
 
-TEST_F(IsenseDeviceTest, AnUnknownLineRateIsTestedAndThenTaken) {
+TEST_F(IsenseDeviceTest, MeasuresAnUnknownLineRate) {
   Start();
   EXPECT_EQ(device_.GetBaudRate(), 115200U);
   settings_.Set("KBITS", "0");
@@ -216,7 +216,7 @@ TEST_F(IsenseDeviceTest, AnUnknownLineRateIsTestedAndThenTaken) {
   }
 }
 
-TEST_F(IsenseDeviceTest, TellsTheTrackerInWholeLines) {
+TEST_F(IsenseDeviceTest, DescribesTheTrackerInWholeLines) {
   Start(2);
   char text[512];
   EXPECT_EQ(device_.QueryStatus(text, sizeof text), 1);
@@ -235,7 +235,7 @@ TEST_F(IsenseDeviceTest, TellsTheTrackerInWholeLines) {
   EXPECT_EQ(device_.QueryStatus(text, sizeof text), -13);
 }
 
-TEST(IsenseTexts, AStationAndCodesThatNobodyKnows) {
+TEST(IsenseTexts, DescribeStationsAndUnknownCodes) {
   IsenseStationInfo station;
   station.id = 3;
   station.state = 1;
@@ -270,7 +270,7 @@ struct Failing {
 
 class IsenseFailures : public IsenseDeviceTest, public testing::WithParamInterface<Failing> {};
 
-TEST_P(IsenseFailures, EndInTheirCode) {
+TEST_P(IsenseFailures, ReturnTheirCode) {
   const Failing& row = GetParam();
   settings_.Set("FAIL", row.call);
   EXPECT_EQ(device_.OpenPortNumber(1, 0), row.open);
@@ -292,7 +292,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Failing{"UdpBroadcastData", 1, 1, 1}),
     [](const auto& row) { return std::string(row.param.call); });
 
-TEST_F(IsenseDeviceTest, AFrameThatCouldNotBePassedOnIsSeenButFails) {
+TEST_F(IsenseDeviceTest, FailsWhenAFrameCannotBeSentOn) {
   Start();
   ASSERT_TRUE(device_.SetControlString("5000"));
   settings_.Set("FAIL", "UdpBroadcastData");
@@ -302,7 +302,7 @@ TEST_F(IsenseDeviceTest, AFrameThatCouldNotBePassedOnIsSeenButFails) {
   }));
 }
 
-TEST_F(IsenseDeviceTest, ALostTrackerIsClosedBeforeItIsOpenedAgain) {
+TEST_F(IsenseDeviceTest, ClosesALostTrackerBeforeReopening) {
   Start();
   settings_.Set("FAIL", "GetCommInfo");
   EXPECT_EQ(CallsOf([this] { device_.OpenPortNumber(1, 0); }),

@@ -1,4 +1,4 @@
-// The binding of the InterSense library, over real shared libraries.
+// The loading of the InterSense library, with real shared libraries.
 #include "drivers/isense_library.h"
 
 #include <dlfcn.h>
@@ -69,7 +69,7 @@ TEST(IsenseLibrary, TheProgramExportsAllTwenty) {
   for (const char* const name : kNames) EXPECT_NE(::dlsym(RTLD_DEFAULT, name), nullptr) << name;
 }
 
-TEST(IsenseLibrary, AMissingOneIsReportedAtEachOpenAndEveryCallFails) {
+TEST(IsenseLibrary, ReportsAMissingLibraryAtEachOpenAndFailsEveryCall) {
   const IsenseSettings settings("/nowhere/libisense.so");
   testing::internal::CaptureStderr();
   EXPECT_EQ(ISD_OpenTracker(nullptr, 1, 1, 0), 0);
@@ -85,7 +85,7 @@ TEST(IsenseLibrary, AMissingOneIsReportedAtEachOpenAndEveryCallFails) {
   ExpectAllButOpeningToFail();
 }
 
-TEST(IsenseLibrary, SomethingThatIsNoLibraryIsNone) {
+TEST(IsenseLibrary, ReportsAFileThatIsNotALibrary) {
   const IsenseSettings settings(KINETREL_SOURCE_DIR "/README.md");
   testing::internal::CaptureStderr();
   EXPECT_EQ(ISD_OpenTracker(nullptr, 1, 1, 0), 0);
@@ -93,7 +93,7 @@ TEST(IsenseLibrary, SomethingThatIsNoLibraryIsNone) {
             std::string::npos);
 }
 
-TEST(IsenseLibrary, GoesWithTheLastTrackerAndIsLoadedAgainAtTheNextOpen) {
+TEST(IsenseLibrary, IsUnloadedWithTheLastTrackerAndLoadedAgain) {
   IsenseSettings settings;
   for (int round = 0; round < 3; ++round) {
     EXPECT_EQ(ISD_OpenTracker(nullptr, 1, 1, 0), 1);
@@ -110,7 +110,7 @@ TEST(IsenseLibrary, GoesWithTheLastTrackerAndIsLoadedAgainAtTheNextOpen) {
   }
 }
 
-TEST(IsenseLibrary, StaysWhereItDoesNotTellItsTrackers) {
+TEST(IsenseLibrary, StaysLoadedWhenItDoesNotCountTrackers) {
   IsenseSettings settings;
   settings.Set("FAIL", "NumOpenTrackers");
   EXPECT_EQ(ISD_OpenTracker(nullptr, 1, 1, 0), 1);
@@ -121,8 +121,8 @@ TEST(IsenseLibrary, StaysWhereItDoesNotTellItsTrackers) {
   EXPECT_FALSE(IsenseLibrary::OfProcess().IsLoaded());
 }
 
-// Left to itself, such a call would unload the library that it came from, and return into nothing.
-TEST(IsenseLibrary, ItsCallsOfItselfUnloadNothingUnderIt) {
+// Such a call could unload the library whose code is still running.
+TEST(IsenseLibrary, StaysLoadedDuringItsCallsOfItself) {
   const IsenseSettings settings(KINETREL_ISENSE_NESTING);
   testing::internal::CaptureStderr();
   ASSERT_EQ(ISD_OpenTracker(nullptr, 1, 1, 0), 1);
@@ -136,7 +136,7 @@ TEST(IsenseLibrary, ItsCallsOfItselfUnloadNothingUnderIt) {
   testing::internal::GetCapturedStderr();
 }
 
-TEST(IsenseLibrary, EachMissingFunctionIsReportedOnceInOrderAndFails) {
+TEST(IsenseLibrary, ReportsEachMissingFunctionOnceInOrder) {
   const IsenseSettings settings(KINETREL_ISENSE_BARE);
   testing::internal::CaptureStderr();
   EXPECT_EQ(ISD_OpenTracker(nullptr, 1, 1, 0), 5);

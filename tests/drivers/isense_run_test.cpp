@@ -1,58 +1,26 @@
-// The substitute library, the program and a client: what the client sees is the substitute's
-// motion.
+// Whole runs of an InterSense tracker: the substitute library, the program and a client, which must
+// see the substitute's motion.
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <csignal>
-#include <optional>
 #include <thread>
 
 #include "drivers/isense_device.h"
-#include "tests/support/emulated_run.h"
 #include "tests/support/isense_settings.h"
+#include "tests/support/library_run.h"
 
 namespace kinetrel::test {
 namespace {
 
 constexpr double kDegrees = 180 / 3.14159265358979;
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr std::chrono::seconds kTimeToEnd{9};
-#else
-constexpr std::chrono::seconds kTimeToEnd{3};
-#endif
-
-using Environment = std::vector<std::pair<std::string, std::string>>;
-
-class IsenseProgram {
+class IsenseProgram : public LibraryRun {
  public:
-  explicit IsenseProgram(std::vector<std::string> arguments, Environment environment = {})
-      : reader_(slot_.device()) {
-    arguments.insert(arguments.begin(), {"-d", "6", "-w", std::to_string(slot_.slot())});
-    program_.emplace(
-        "kinetrel", arguments,
-        ChildProcess::Options{.environment = std::move(environment), .emptyInput = true});
-  }
-
-  ChildProcess& program() { return *program_; }
-
-  std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
-
-  int Stop() {
-    const auto before = std::chrono::steady_clock::now();
-    program_->Signal(SIGINT);
-    const int code = program_->Wait(std::chrono::seconds(30));
-    EXPECT_LT(std::chrono::steady_clock::now() - before, kTimeToEnd);
-    return code;
-  }
-
- private:
-  FreeSlot slot_;
-  SharedTrackReader reader_;
-  std::optional<ChildProcess> program_;
+  explicit IsenseProgram(Arguments arguments, Environment environment = {})
+      : LibraryRun(6, std::move(arguments), std::move(environment)) {}
 };
 
-// The frame that a pose belongs to, within the two minutes of the tests.
+// The number of the frame that the pose tells, valid for the first two minutes.
 long FrameOf(const SharedTrackBlock& block) {
   const double yaw = -block.poses[0][3] * kDegrees;
   const double pitch = -block.poses[0][4] * kDegrees;
@@ -64,7 +32,7 @@ class IsenseRun : public testing::Test {
   IsenseSettings settings_;
 };
 
-TEST_F(IsenseRun, AThousandFramesReachTheClientEachOnce) {
+TEST_F(IsenseRun, AThousandFramesReachTheClientOnceEach) {
   IsenseProgram run({"-p", "1"});
   const auto frames = run.Watch(1000);
   ASSERT_FALSE(frames.empty()) << run.program().error();
@@ -89,7 +57,7 @@ TEST_F(IsenseRun, AThousandFramesReachTheClientEachOnce) {
   EXPECT_EQ(end, (std::vector<std::string>{"CloseTracker 1", "NumOpenTrackers"}));
 }
 
-TEST_F(IsenseRun, ATrackerThatIsLostForAWhileGoesOn) {
+TEST_F(IsenseRun, ResumesAfterTheTrackerWasLost) {
   IsenseProgram run({"-p", "0"}, {{"KINETREL_ISENSE_FRAMES", "lost@100+90,jump@200+50"}});
   const auto frames = run.Watch(300);
   ASSERT_FALSE(frames.empty());
@@ -102,8 +70,8 @@ TEST_F(IsenseRun, ATrackerThatIsLostForAWhileGoesOn) {
   EXPECT_EQ(run.Stop(), 0);
 }
 
-// What one Kinetrel passes on, another on the same machine publishes.
-TEST_F(IsenseRun, APassedOnRecordIsPublishedByTheNextProgram) {
+// One Kinetrel sends records on, and another on the same machine publishes them.
+TEST_F(IsenseRun, ARecordSentOnIsPublishedByTheNextProgram) {
   settings_.Set("MODEL", "8");
   const std::string port = std::to_string(DatagramSocket::Open(0)->port());
   IsenseProgram follower({"-p", port});
@@ -125,21 +93,21 @@ TEST_F(IsenseRun, APassedOnRecordIsPublishedByTheNextProgram) {
   EXPECT_EQ(follower.Stop(), 0);
 }
 
-TEST_F(IsenseRun, WithoutTheLibrarySaysSoAndEnds) {
+TEST_F(IsenseRun, ReportsAMissingLibraryAndEnds) {
   IsenseProgram run({"-p", "1"}, {{"KINETREL_ISENSE", "/nowhere/libisense.so"}});
   EXPECT_NE(run.program().Wait(), 0);
   EXPECT_TRUE(run.program().ExpectError("Could not load isense.dll"));
   EXPECT_TRUE(run.program().ExpectError("Tracker(InterSense DLL) failed to boot(-13)."));
 }
 
-TEST_F(IsenseRun, WithoutASourceStopsInTime) {
+TEST_F(IsenseRun, StopsInTimeWithoutASender) {
   const int port = DatagramSocket::Open(0)->port();
   IsenseProgram run({"-p", std::to_string(port)});
   EXPECT_FALSE(run.Watch(1).empty());
   EXPECT_EQ(run.Stop(), 0);
 }
 
-TEST_F(IsenseRun, TheProgramHasAllFunctionsForOtherModules) {
+TEST_F(IsenseRun, TheProgramExportsAllFunctions) {
   IsenseProgram run({"-p", "1"}, {{"KINETREL_ISENSE", KINETREL_ISENSE_NESTING}});
   EXPECT_EQ(run.program().Wait(), 254);
   EXPECT_TRUE(run.program().ExpectError("the program has 20 of them")) << run.program().error();
@@ -147,18 +115,9 @@ TEST_F(IsenseRun, TheProgramHasAllFunctionsForOtherModules) {
 
 // ---- A library that fails ------------------------------------------------------------------
 
-enum class Goes { On, Silent, NotAtAll };  // frames come; none do; it does not start
-
-struct Trouble {
-  const char* name;
-  const char* setting;
-  const char* value;
-  Goes goes;
-};
-
 class IsenseTrouble : public IsenseRun, public testing::WithParamInterface<Trouble> {
  protected:
-  bool IsAskedInVain() {
+  bool LibraryIsAskedRepeatedly() {
     return WaitUntil([this] {
       for (const std::string& call : settings_.TakeCalls()) asked_ += call.starts_with("GetData");
       return asked_ > 30;
@@ -169,29 +128,32 @@ class IsenseTrouble : public IsenseRun, public testing::WithParamInterface<Troub
   int asked_ = 0;
 };
 
-TEST_P(IsenseTrouble, CostsNoMoreThanItMustAndTheProgramEndsInTime) {
-  settings_.Set(GetParam().setting, GetParam().value);
+TEST_P(IsenseTrouble, DoesNotKeepTheProgramFromEndingInTime) {
+  settings_.Set(GetParam().variable, GetParam().value);
   IsenseProgram run({"-p", "1"});
-  if (GetParam().goes == Goes::NotAtAll) {
+  if (GetParam().outcome == Outcome::DoesNotStart) {
     EXPECT_EQ(run.program().Wait(), 254);
     return;
   }
   ASSERT_TRUE(run.program().ExpectError("Running ...")) << run.program().error();
-  EXPECT_TRUE(GetParam().goes == Goes::On ? run.Watch(60).size() > 1 : IsAskedInVain());
+  EXPECT_TRUE(GetParam().outcome == Outcome::FramesCome ? run.Watch(60).size() > 1
+                                                        : LibraryIsAskedRepeatedly());
   EXPECT_EQ(run.Stop(), 0);
 }
 
-Trouble Fails(const char* call, Goes goes) { return {call, "FAIL", call, goes}; }
+Trouble Fails(const char* call, Outcome outcome) { return {call, "FAIL", call, outcome}; }
 
 INSTANTIATE_TEST_SUITE_P(
     With, IsenseTrouble,
-    testing::Values(Fails("OpenTracker", Goes::NotAtAll), Fails("CloseTracker", Goes::On),
-                    Fails("GetCommInfo", Goes::On), Fails("GetTrackerConfig", Goes::NotAtAll),
-                    Fails("GetStationConfig", Goes::On), Fails("SetStationConfig", Goes::On),
-                    Fails("GetData", Goes::Silent), Fails("NumOpenTrackers", Goes::On),
-                    Trouble{"ACounterThatStands", "FRAMES", "stall@20+1000000", Goes::Silent},
-                    Trouble{"ATrackerThatIsLost", "FRAMES", "lost@20+1000000", Goes::Silent},
-                    Trouble{"ACounterThatJumps", "FRAMES", "jump@20+1000000", Goes::On}),
+    testing::Values(
+        Fails("OpenTracker", Outcome::DoesNotStart), Fails("CloseTracker", Outcome::FramesCome),
+        Fails("GetCommInfo", Outcome::FramesCome), Fails("GetTrackerConfig", Outcome::DoesNotStart),
+        Fails("GetStationConfig", Outcome::FramesCome),
+        Fails("SetStationConfig", Outcome::FramesCome), Fails("GetData", Outcome::NoFrames),
+        Fails("NumOpenTrackers", Outcome::FramesCome),
+        Trouble{"StoppedCounter", "FRAMES", "stall@20+1000000", Outcome::NoFrames},
+        Trouble{"LostTracker", "FRAMES", "lost@20+1000000", Outcome::NoFrames},
+        Trouble{"JumpingCounter", "FRAMES", "jump@20+1000000", Outcome::FramesCome}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Sources on UDP ports: waited for, coming and going, and whoever else sends to the port.
+// Senders on UDP ports: the driver waits for them, loses them, and meets other traffic on the port.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -15,7 +15,7 @@ namespace {
 
 DatagramSocket OpenAny() { return std::move(*DatagramSocket::Open(0)); }
 
-// A port that was free a moment ago, above those that mean a serial port.
+// A port that was free a moment ago, above the numbers of serial ports.
 int FreePort() { return OpenAny().port(); }
 
 void SendTo(int port, std::size_t size) {
@@ -23,7 +23,7 @@ void SendTo(int port, std::size_t size) {
   EXPECT_TRUE(OpenAny().Send("127.0.0.1", static_cast<std::uint16_t>(port), bytes).Ok());
 }
 
-TEST(UdpProbe, CountsWhatCameUpToAnEmptyDatagram) {
+TEST(UdpProbe, CountsBytesUpToAnEmptyDatagram) {
   UdpProbe probe;
   EXPECT_EQ(probe.Drain(), 0U);
   const int port = FreePort();
@@ -38,7 +38,7 @@ TEST(UdpProbe, CountsWhatCameUpToAnEmptyDatagram) {
   EXPECT_EQ(probe.port(), -1);
 }
 
-TEST(UdpProbe, StaysClosedOnAPortThatCannotBeHad) {
+TEST(UdpProbe, StaysClosedOnAPortThatCannotBeOpened) {
   const DatagramSocket taken = OpenAny();
   UdpProbe probe;
   ASSERT_TRUE(probe.Open(FreePort()));
@@ -65,7 +65,7 @@ class IsenseSource : public testing::Test {
   IsenseDevice source_;
 };
 
-TEST_F(IsenseSource, ThatIsNotThereBootsAsTheUsualModelAndGivesZeros) {
+TEST_F(IsenseSource, ThatIsMissingBootsAsAnInertiaCubeAndGivesZeros) {
   testing::internal::CaptureStderr();
   StartWaiting();
   EXPECT_STREQ(waiting_.GetDeviceName(), "InterSense InertiCube2");
@@ -81,7 +81,7 @@ TEST_F(IsenseSource, ThatIsNotThereBootsAsTheUsualModelAndGivesZeros) {
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
-TEST_F(IsenseSource, ComesGoesAndComesAgain) {
+TEST_F(IsenseSource, MayComeGoAndComeAgain) {
   StartWaiting();
   ASSERT_EQ(source_.OpenPortNumber(1, 0), 1);
   ASSERT_EQ(source_.Boot(0), 1);
@@ -90,7 +90,7 @@ TEST_F(IsenseSource, ComesGoesAndComesAgain) {
     return WaitUntil([this] { return source_.ReadFrame(nullptr) == 1; });
   };
   ASSERT_TRUE(passOn());
-  // The first record only shows that there is a source.
+  // The first record only shows that a sender is there.
   EXPECT_EQ(waiting_.ReadFrame(nullptr), 0U);
   for (int round = 0; round < 2; ++round) {
     for (int frame = 0; frame < 20; ++frame) {
@@ -99,15 +99,15 @@ TEST_F(IsenseSource, ComesGoesAndComesAgain) {
       ASSERT_EQ(waiting_.GetSensorPose(0)[3], source_.GetSensorPose(0)[3]);
       ASSERT_EQ(waiting_.GetSensorPose(0)[5], source_.GetSensorPose(0)[5]);
     }
-    EXPECT_EQ(waiting_.ReadFrame(nullptr), 0U);  // gone, for a while
+    EXPECT_EQ(waiting_.ReadFrame(nullptr), 0U);  // the sender is gone for a while
   }
   EXPECT_EQ(waiting_.ClosePort(), 1);
   EXPECT_NE(waiting_.GetPortNumber(), port_);
   UdpProbe probe;
-  EXPECT_TRUE(probe.Open(port_));  // the library has given it back
+  EXPECT_TRUE(probe.Open(port_));  // the library has closed the port
 }
 
-TEST_F(IsenseSource, WhosePortTheLibraryIsRefusedIsWaitedForAgain) {
+TEST_F(IsenseSource, IsWaitedForAgainAfterTheLibraryFailsToOpen) {
   StartWaiting();
   settings_.Set("FAIL", "OpenTracker@0+2");
   SendTo(port_, 100);
@@ -123,15 +123,15 @@ TEST_F(IsenseSource, WhosePortTheLibraryIsRefusedIsWaitedForAgain) {
             2);
 }
 
-// Before the library has the port, and after.
-TEST_F(IsenseSource, IsFoundInAFloodOfAnythingAndTheFloodDoesNoHarm) {
+// Both before and after the library opens the port.
+TEST_F(IsenseSource, IsFoundAmongOtherDatagrams) {
   StartWaiting();
   std::atomic<bool> stop = false;
   std::atomic<std::size_t> sent = 0;
   std::thread flood([&] {
     DatagramSocket socket = OpenAny();
     const std::vector<std::byte> bytes(65507);
-    for (std::size_t i = 0; !stop || i <= bytes.size(); ++i) {  // every size there is
+    for (std::size_t i = 0; !stop || i <= bytes.size(); ++i) {  // every size
       const std::size_t size = i * 977 % (bytes.size() + 1);
       static_cast<void>(socket.Send("127.0.0.1", static_cast<std::uint16_t>(port_),
                                     std::span(bytes).first(size)));

@@ -21,7 +21,7 @@ struct Counts {
 
 class JoystickCounts : public testing::TestWithParam<Counts> {};
 
-TEST_P(JoystickCounts, MakeSoManyChannels) {
+TEST_P(JoystickCounts, BecomeChannels) {
   const Counts& row = GetParam();
   const JoystickChannels got = ChannelsOf({.product = "",
                                            .driver = "",
@@ -58,7 +58,7 @@ TEST(DescribeJoystick, CutsNamesAt30) {
                 "\n\tModel: 0\tID: 0\n\tDigiChnls: 0\tAnalChnls: 0");
 }
 
-// ---- On a pipe that carries a stick's records ----------------------------------------------
+// ---- On a pipe with a stick's records ------------------------------------------------------
 
 class JoystickOnAPipe : public testing::Test {
  protected:
@@ -74,7 +74,7 @@ TEST_F(JoystickOnAPipe, ItsButtonsAndAxesBecomeChannels) {
   EXPECT_EQ(stick->Read(0), 0);  // not booted
   pipe_->Send({JoystickRecord::Button, 2, 1});
   ASSERT_EQ(stick->Boot(0), 1);
-  EXPECT_EQ(stick->digitalBits(), 4U);  // boot reads it
+  EXPECT_EQ(stick->digitalBits(), 4U);  // boot has read it
   EXPECT_EQ(stick->digitalChannels(), 4);
   EXPECT_EQ(stick->analogChannels(), 3);
   EXPECT_EQ(stick->GetId(), 0);
@@ -88,9 +88,9 @@ TEST_F(JoystickOnAPipe, ItsButtonsAndAxesBecomeChannels) {
   EXPECT_EQ(stick->analogValue(3), 0U);
 }
 
-TEST_F(JoystickOnAPipe, ANumberThatIsNotThereIsTheFirst) {
+TEST_F(JoystickOnAPipe, AMissingNumberSelectsTheFirstStick) {
   Plug();
-  EXPECT_EQ(Joystick(1).GetId(), 0);  // as many as there are
+  EXPECT_EQ(Joystick(1).GetId(), 0);  // one stick: the number 1 is missing
   EXPECT_EQ(Joystick(-1).GetId(), 0);
   const JoystickPipe another(directory_.Path("js1"), AtRest(7, 0));
   Joystick second(1);
@@ -99,7 +99,7 @@ TEST_F(JoystickOnAPipe, ANumberThatIsNotThereIsTheFirst) {
   EXPECT_EQ(second.maxButtons(), 7);
 }
 
-TEST_F(JoystickOnAPipe, NoStickDoesNotBoot) {
+TEST_F(JoystickOnAPipe, BootFailsWithoutAStick) {
   Joystick none(0);
   testing::internal::CaptureStderr();
   EXPECT_EQ(none.Boot(0), 0);
@@ -110,7 +110,7 @@ TEST_F(JoystickOnAPipe, NoStickDoesNotBoot) {
   EXPECT_EQ(none.Boot(0), 1);
 }
 
-TEST_F(JoystickOnAPipe, ItsDescriptionIsCutToTheRoom) {
+TEST_F(JoystickOnAPipe, DescriptionIsCutToTheRoom) {
   Plug();
   Joystick stick(0);
   const std::string whole =
@@ -128,7 +128,7 @@ TEST_F(JoystickOnAPipe, ItsDescriptionIsCutToTheRoom) {
   EXPECT_EQ(stick.QueryCaps(nullptr, 400), 1);
 }
 
-TEST_F(JoystickOnAPipe, UnpluggedItKeepsItsValuesAndComesBack) {
+TEST_F(JoystickOnAPipe, KeepsItsValuesWhileUnpluggedAndComesBack) {
   Plug();
   Joystick stick(0);
   ASSERT_EQ(stick.Boot(0), 1);
@@ -148,7 +148,7 @@ TEST_F(JoystickOnAPipe, UnpluggedItKeepsItsValuesAndComesBack) {
   EXPECT_EQ(stick.Boot(0), 1);  // sooner than it would come back by itself
 }
 
-TEST_F(JoystickOnAPipe, ItMayBeBootedWhileItIsRead) {
+TEST_F(JoystickOnAPipe, MayBeBootedDuringARead) {
   Plug();
   Joystick stick(0);
   ASSERT_EQ(stick.Boot(0), 1);

@@ -1,5 +1,5 @@
-// The Liberty driver over the substitute of its library: what it asks of it, what it makes of
-// frames, and that no answer of a library harms it.
+// The Liberty driver with the substitute library: the calls that it makes, how it decodes frames,
+// and that no answer of a library harms it.
 #include "drivers/liberty_device.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ namespace {
 
 constexpr char kSubstitute[] = KINETREL_PDI_SUBSTITUTE;
 
-// The variables that the library sees, for as long as the object lives.
+// Sets environment variables as long as the object lives.
 class Environment {
  public:
   using Variables = std::vector<std::pair<std::string, std::string>>;
@@ -46,7 +46,7 @@ class LibertyDeviceTest : public testing::Test {
   void SetUp() override { ::unlink(CallsPath().c_str()); }
   void TearDown() override { ::unlink(CallsPath().c_str()); }
 
-  // What was called since the last look, separated by "; ".
+  // The calls since the last look, separated by "; ".
   std::string Calls() {
     std::ifstream file(CallsPath());
     std::string all, line;
@@ -59,7 +59,7 @@ class LibertyDeviceTest : public testing::Test {
       Environment::Variables{{"KINETREL_PDI", kSubstitute}, {"KINETREL_PDI_CALLS", CallsPath()}}};
 };
 
-TEST_F(LibertyDeviceTest, WithoutItsLibraryBootsNot) {
+TEST_F(LibertyDeviceTest, BootFailsWithoutLibrary) {
   const Environment missing(Environment::Variables{{"KINETREL_PDI", "/nowhere/libpdi.so"}});
   testing::internal::CaptureStderr();
   LibertyDevice device;
@@ -71,7 +71,7 @@ TEST_F(LibertyDeviceTest, WithoutItsLibraryBootsNot) {
   EXPECT_EQ(said.find("cannot be loaded"), said.rfind("cannot be loaded")) << said;
 }
 
-TEST_F(LibertyDeviceTest, IsItselfBeforeItBoots) {
+TEST_F(LibertyDeviceTest, DescribesItselfBeforeBoot) {
   LibertyDevice device;
   char name[64] = {};
   EXPECT_EQ(device.GetDeviceType(name, sizeof name), 10);
@@ -88,7 +88,7 @@ TEST_F(LibertyDeviceTest, IsItselfBeforeItBoots) {
   EXPECT_EQ(device.SetComponentMask(0), 1U);
 }
 
-TEST_F(LibertyDeviceTest, MakesTheCallsInOrder) {
+TEST_F(LibertyDeviceTest, CallsTheLibraryInOrder) {
   const Environment failing(
       Environment::Variables{{"KINETREL_PDI_BIT", "4"}, {"KINETREL_PDI_STATIONS", "0x5"}});
   StatusLog log;
@@ -133,7 +133,7 @@ TEST_F(LibertyDeviceTest, MakesTheCallsInOrder) {
     EXPECT_NEAR(value, right, 1e-6);
   }
   EXPECT_NE(device.ReadFrame(nullptr), 0U);
-  device.SetUnits(0);  // any setting ends the stream, the next frame begins it again
+  device.SetUnits(0);  // a setting ends the stream, and the next frame starts it again
   EXPECT_NE(device.ReadFrame(nullptr), 0U);
   EXPECT_EQ(device.ClosePort(), 0);
   EXPECT_EQ(Calls(), "StartContPno; StopContPno; SetMetric 0; StartContPno; Disconnect");
@@ -184,7 +184,7 @@ TEST_F(LibertyDeviceTest, DeliversTheMotionOfEveryStationWithItsOffset) {
   EXPECT_EQ(device.GetSensorPosition(-1), nullptr);
 }
 
-TEST_F(LibertyDeviceTest, PolledItAsksForEachFrame) {
+TEST_F(LibertyDeviceTest, RequestsEachFrameWhenPolled) {
   LibertyDevice device;
   device.Boot(0);
   device.SetSensorMask(1, 0);
@@ -196,7 +196,7 @@ TEST_F(LibertyDeviceTest, PolledItAsksForEachFrame) {
   EXPECT_EQ(Calls(), "StartContPno");
 }
 
-TEST(LibertyFrame, NothingIsReadOutsideIt) {
+TEST(LibertyFrame, IsNeverReadPastItsEnd) {
   const std::int32_t items[] = {2, 4, 9, 77, -1};
   const LibertyLayout layout = LibertyLayoutOf(items);
   EXPECT_EQ(layout.recordSize, 36U);

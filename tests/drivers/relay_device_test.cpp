@@ -1,4 +1,4 @@
-// The relay against a real service on loopback that comes, goes, hangs and says odd things.
+// The relay against a real service on loopback that stops, restarts, hangs and sends odd values.
 #include "drivers/relay_device.h"
 
 #include <gtest/gtest.h>
@@ -80,7 +80,7 @@ class Relay : public testing::Test {
   std::optional<RelayDevice> relay_;
 };
 
-TEST_F(Relay, DeliversTheAnglesAndNothingElse) {
+TEST_F(Relay, DeliversOnlyTheAngles) {
   float* const pose = relay_->GetSensorPose(0);
   std::fill_n(pose, 6, 7.0F);
   double when = 0;
@@ -103,7 +103,7 @@ TEST_F(Relay, KeepsItsConnectionAndAllocatesNothing) {
   const auto time = steady_clock::now() - start;
   CountAllocations(false);
   EXPECT_EQ(CountedAllocations(), 0);
-  EXPECT_EQ(source_.lookups, lookups + 1);  // one look in so many frames
+  EXPECT_EQ(source_.lookups, lookups + 1);  // one check in kCheckInterval frames
   EXPECT_EQ(server_->clients(), 1U);
   EXPECT_GE(time, std::chrono::milliseconds(8) * (RelayDevice::kCheckInterval - 10));
 }
@@ -121,7 +121,7 @@ TEST_F(Relay, FollowsAServiceThatComesBack) {
       EXPECT_EQ(relay_->ReadFrame(nullptr), 0U);
       SleepFor(Milliseconds(20));
     }
-    // Said once, however often it was tried.
+    // Reported once, although the relay tried several times.
     EXPECT_EQ(Logged(Address("Sample: Unable to find an MtsService at %s")), round + 1);
     source_.angle = static_cast<float>(round);
     Serve();
@@ -130,21 +130,21 @@ TEST_F(Relay, FollowsAServiceThatComesBack) {
   }
 }
 
-TEST_F(Relay, SaysThatAMappingIsMissingAndWaitsForIt) {
+TEST_F(Relay, ReportsAMissingMappingAndWaitsForIt) {
   ASSERT_TRUE(Follows());
   source_.present = false;
   const std::string missing = Address("Sample: MtsService at %s dosn't have mapping (1, 2, 3)");
   ASSERT_TRUE(WaitUntil([&] { return relay_->ReadFrame(nullptr) == 0 && Logged(missing) > 0; }));
   const int lookups = source_.lookups;
   for (int i = 0; i < 50; ++i) relay_->ReadFrame(nullptr);
-  EXPECT_LE(source_.lookups, lookups + 2);  // asked for now and then
+  EXPECT_LE(source_.lookups, lookups + 2);  // the relay asks only now and then
   EXPECT_EQ(Logged(missing), 1);
-  EXPECT_EQ(relay_->GetSensorEuler(0)[0], 11.25F);  // as it was
+  EXPECT_EQ(relay_->GetSensorEuler(0)[0], 11.25F);  // unchanged
   source_.present = true;
   EXPECT_TRUE(Follows());
 }
 
-TEST_F(Relay, AServiceThatHangsCostsABoundedTime) {
+TEST_F(Relay, AHangingServiceDelaysAFrameForABoundedTime) {
   ASSERT_TRUE(Follows());
   source_.hangs = true;
   for (int i = 0; i < 3; ++i) {
@@ -156,7 +156,7 @@ TEST_F(Relay, AServiceThatHangsCostsABoundedTime) {
   EXPECT_TRUE(Follows());
 }
 
-TEST_F(Relay, AnglesThatAreNoNumbersAreNotTaken) {
+TEST_F(Relay, IgnoresAnglesThatAreNotFinite) {
   ASSERT_TRUE(Follows());
   for (const float odd : {std::nanf(""), std::numeric_limits<float>::infinity()}) {
     source_.angle = odd;
@@ -167,7 +167,7 @@ TEST_F(Relay, AnglesThatAreNoNumbersAreNotTaken) {
   EXPECT_EQ(relay_->ReadFrame(nullptr), 1U);
 }
 
-TEST_F(Relay, WithoutTheAnglesThereIsNothingToFetch) {
+TEST_F(Relay, FetchesNothingWithoutTheAngles) {
   EXPECT_EQ(relay_->SetComponentMask(1), 1U);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(relay_->ReadFrame(nullptr), 0U);
   EXPECT_EQ(source_.fetches, 0);

@@ -35,10 +35,9 @@ void DecodeFrame(std::span<const std::uint8_t> choices, std::span<const std::uin
 
 // In pieces, as a line hands them over.
 void ReadLine(std::uint8_t active, std::size_t body, std::span<const std::uint8_t> bytes) {
-  using namespace substitute;
-  static PdiFrameReader reader;
-  static PdiCycles cycles;
-  const std::size_t record = kPdiHeader + body;
+  static LibertyFrameReader reader;
+  static LibertyCycles cycles;
+  const std::size_t record = kLibertyHeaderSize + body;
   reader.Clear();
   reader.SetRecordSize(record);
   cycles.SetLayout(active, record, body >= 4 ? record - 4 : 0);
@@ -51,7 +50,7 @@ void ReadLine(std::uint8_t active, std::size_t body, std::span<const std::uint8_
     reader.Took(count);
     bytes = bytes.subspan(count);
     while (const auto frame = reader.Next()) {
-      Require(frame->bytes.size() >= kPdiHeader && frame->station <= kPdiStations);
+      Require(frame->bytes.size() >= kLibertyHeaderSize && frame->station <= kLibertyStations);
       if (frame->IsPose()) cycles.Add(*frame);
     }
     const auto cycle = cycles.Take();

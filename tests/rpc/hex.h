@@ -1,4 +1,4 @@
-// Messages as they are written down.
+// Messages as hexadecimal text.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace kinetrel::test {
 
 using Octets = std::vector<std::byte>;
 
-// "0b 00 16" and the like; spaces mean nothing.
+// Reads "0b 00 16"; spaces are ignored.
 inline Octets Hex(const std::string& text) {
   Octets bytes;
   std::string digits;
@@ -39,13 +39,13 @@ inline Octets operator+(Octets first, const Octets& then) {
   return first;
 }
 
-// With one byte changed.
+// A copy with one byte changed.
 inline Octets With(Octets bytes, std::size_t at, int value) {
   bytes.at(at) = static_cast<std::byte>(value);
   return bytes;
 }
 
-// One session, byte for byte, as other implementations write it too: key 11, 22, 33.
+// One session byte for byte, with the key 11, 22, 33.
 namespace wire {
 inline const Octets kBind =
     Hex("05 00 0b 03 10 00 00 00 48 00 00 00 01 00 00 00 d0 16 d0 16 00 00 00 00 01 00 00 00 00 00 "

@@ -1,4 +1,4 @@
-// Every message byte for byte, and what is refused of those that come.
+// Every message byte for byte, and the refusal of invalid messages.
 #include <gtest/gtest.h>
 
 #include "rpc/binding.h"
@@ -24,7 +24,7 @@ std::string Request(std::uint32_t id, Procedure procedure, const auto& write) {
   return ToHex(WriteRequest(pdu, id, static_cast<std::uint16_t>(procedure), out.written()));
 }
 
-TEST(Messages, AreWrittenByteForByte) {
+TEST(Messages, AreEncodedByteForByte) {
   std::array<std::byte, 256> into;
   EXPECT_EQ(ToHex(WriteBind(into, 1)), ToHex(kBind));
   BindOffer offer;
@@ -80,7 +80,7 @@ TEST(Messages, RepliesOfOtherLengthsAreRefused) {
     if (size > 0) stub[0] = std::byte{3};
     EXPECT_EQ(ReadAnglesReply(stub, ByteOrder::Little).has_value(), size >= 13 && size <= 20);
   }
-  // An array that claims to be large is believed in nothing.
+  // The count of an array is not trusted.
   EXPECT_FALSE(ReadAnglesReply(With(Octets(17), 3, 0x10), ByteOrder::Little).has_value());
 }
 
@@ -91,7 +91,7 @@ struct HeaderCase {
   HeaderFault fault;
 };
 
-TEST(Messages, HeadersAreCheckedBeforeTheRestHasCome) {
+TEST(Messages, HeadersAreCheckedBeforeTheRestArrives) {
   const HeaderCase cases[] = {
       {"as it should be", 0, 5, HeaderFault::None},
       {"minor version 1", 1, 1, HeaderFault::None},
@@ -160,7 +160,7 @@ TEST(Fragments, AreJoinedInOrder) {
   EXPECT_EQ(ReadMappingReply(message.stub(), ByteOrder::Little)->engine, 111);
 }
 
-TEST(Fragments, HaveAnEnd) {
+TEST(Fragments, AreLimitedInNumber) {
   Reassembly zeros, data;
   EXPECT_EQ(Add(zeros, Fragment(kFirstFragment, 0)), Outcome::More);
   int taken = 1;
@@ -170,9 +170,9 @@ TEST(Fragments, HaveAnEnd) {
   EXPECT_EQ(Add(data, Fragment(0, 1)), Outcome::Refused);
 }
 
-TEST(Fragments, ThatDoNotBelongTogetherAreRefused) {
+TEST(Fragments, OfDifferentMessagesAreRefused) {
   const Octets next = Fragment(0, 4);
-  EXPECT_EQ(Add(*std::make_unique<Reassembly>(), next), Outcome::Refused);  // nothing before it
+  EXPECT_EQ(Add(*std::make_unique<Reassembly>(), next), Outcome::Refused);  // no first fragment
   Octets bigEndian = With(With(With(next, 4, 0), 8, 0), 9, static_cast<int>(next.size()));
   bigEndian = With(With(bigEndian, 12, 0), 15, 2);
   for (const Octets& stranger :

@@ -1,4 +1,4 @@
-// The far end of a client's connection, doing as a test tells it: a real socket on loopback.
+// The far end of a client's connection on a real loopback socket, controlled by a test's script.
 #pragma once
 
 #include <atomic>
@@ -11,13 +11,13 @@
 
 namespace kinetrel::test {
 
-// One accepted connection, in the hands of the script.
+// One accepted connection, which the script controls.
 class ServiceLine {
  public:
   ServiceLine(StreamSocket socket, const std::atomic<bool>& stop)
       : socket_(std::move(socket)), stop_(stop) {}
 
-  // False when the client has gone, or the test is over.
+  // False when the client has closed the connection or the test has ended.
   bool Send(const Octets& bytes) { return socket_.Send(bytes, Deadline(kPatience)).Ok(); }
   bool Take(std::size_t size) {
     Octets bytes(size);
@@ -30,7 +30,7 @@ class ServiceLine {
     taken = bytes;
     return got == size;
   }
-  // Until the client goes or the test is over.
+  // Waits until the client closes the connection or the test ends.
   void Hold() {
     while (Take(1)) {
     }

@@ -1,4 +1,4 @@
-// The client against services that answer well, badly, late and never.
+// The client against services that answer correctly, wrongly, late and never.
 #include "rpc/track_client.h"
 
 #include <gtest/gtest.h>
@@ -20,10 +20,10 @@ using std::chrono::steady_clock;
 
 constexpr TrackKey kKey = {11, 22, 33};
 constexpr auto kStep = std::chrono::milliseconds(1000);
-// Beyond the step itself: a sanitizer build on a busy machine.
+// The extra time for a sanitizer build on a busy machine.
 constexpr auto kSlack = std::chrono::milliseconds(1500);
 
-// What GetMapping makes of the service; `engine` starts as 7.
+// The result of GetMapping for the service; `engine` starts as 7.
 struct Outcome {
   CallResult bind = CallResult::NotOpen;
   CallResult call = CallResult::NotOpen;
@@ -75,7 +75,7 @@ TEST(Client, TalksByteForByte) {
                        ToHex(kRequest37) + '\n');
 }
 
-// ---- What a service may send -----------------------------------------------------------------
+// ---- Replies of a service --------------------------------------------------------------------
 
 struct BindStory {
   const char* name;
@@ -115,7 +115,7 @@ struct ReplyStory {
 
 class Reply : public testing::TestWithParam<ReplyStory> {};
 
-TEST_P(Reply, IsJudgedAtOnce) {
+TEST_P(Reply, IsCheckedAtOnce) {
   ScriptedService service([](ServiceLine& line) {
     if (line.Take(72) && line.Send(kBindAck) && line.Take(36) && line.Send(GetParam().answer)) {
       line.Hold();
@@ -154,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(
                    CallResult::Success},
         ReplyStory{"GoodAndAnother", test::operator+(kResponse20, kResponse20),
                    CallResult::Success},
-        ReplyStory{"SaysNo", With(kResponse20, 32, 0), CallResult::ReturnedFalse},
+        ReplyStory{"ReturnsFalse", With(kResponse20, 32, 0), CallResult::ReturnedFalse},
         ReplyStory{"Fault", With(kFault, 12, 2)}, ReplyStory{"ShortFault", With(kFault, 8, 24)},
         ReplyStory{"LengthZero", With(kResponse20, 8, 0)},
         ReplyStory{"LengthTwelve", With(kResponse20, 8, 12)},
@@ -176,12 +176,12 @@ INSTANTIATE_TEST_SUITE_P(
         ReplyStory{"TooLong", With(test::operator+(kResponse20Wide, Hex("00")), 8, 37)}),
     [](const auto& story) { return std::string(story.param.name); });
 
-// ---- What takes its time ---------------------------------------------------------------------
+// ---- Slow services ---------------------------------------------------------------------------
 
-TEST(Client, GivesNoMoreThanItsTimeToOneThatDrips) {
+TEST(Client, LimitsItsWaitForASlowService) {
   ScriptedService service([](ServiceLine& line) {
     if (!line.Take(72) || !line.Send(kBindAck) || !line.Take(36)) return;
-    // Each byte well within a second of the one before it.
+    // Each byte comes less than a second after the one before it.
     for (const std::byte byte : kResponse20) {
       if (line.over() || !line.Send({byte})) return;
       std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -193,7 +193,7 @@ TEST(Client, GivesNoMoreThanItsTimeToOneThatDrips) {
   EXPECT_LT(outcome.time, kStep + kSlack);
 }
 
-TEST(Client, GivesNoMoreThanItsTimeToSilence) {
+TEST(Client, LimitsItsWaitForASilentService) {
   ScriptedService service([](ServiceLine& line) { line.Hold(); });
   Outcome outcome = Ask(service);
   EXPECT_EQ(outcome.bind, CallResult::BindingError);
@@ -206,15 +206,15 @@ TEST(Client, GivesNoMoreThanItsTimeToSilence) {
   EXPECT_LT(steady_clock::now() - start, kStep);
 }
 
-TEST(Client, IsNotBoundToWhoIsNotThere) {
+TEST(Client, DoesNotBindWithoutAService) {
   for (const char* host : {"", "nobody.invalid", "127.0.0.1"}) {
-    RpcTrackClient client(1);  // a port of loopback that nobody listens on
+    RpcTrackClient client(1);  // no program listens on this port
     EXPECT_EQ(client.Bind(host), CallResult::BindingError) << host;
   }
   EXPECT_EQ(RpcTrackClient(0).Bind("127.0.0.1"), CallResult::BindingError);
 }
 
-TEST(Client, AsksAgainOnANewConnectionWhenAnIdleOneHasEnded) {
+TEST(Client, ReconnectsWhenAnIdleConnectionHasEnded) {
   ScriptedService service([](ServiceLine& line) {
     if (line.Take(72) && line.Send(kBindAck) && line.Take(36)) line.Send(kResponse20);
   });
@@ -228,8 +228,8 @@ TEST(Client, AsksAgainOnANewConnectionWhenAnIdleOneHasEnded) {
   EXPECT_EQ(service.connections(), 5);
 }
 
-// An answer nobody asked for must never be taken for that to the next question.
-TEST(Client, DropsAConnectionThatSaysMoreThanAsked) {
+// An unexpected answer must not be taken for the answer to the next call.
+TEST(Client, DropsAConnectionWithUnexpectedBytes) {
   ScriptedService service([&](ServiceLine& line) {
     if (!line.Take(72) || !line.Send(kBindAck) || !line.Take(36)) return;
     line.Send(kResponse20);
@@ -246,7 +246,7 @@ TEST(Client, DropsAConnectionThatSaysMoreThanAsked) {
   }
 }
 
-TEST(Client, RestsAfterAFailureAndThenConnectsAnew) {
+TEST(Client, PausesAfterAFailureAndThenReconnects) {
   std::atomic<bool> well = false;
   ScriptedService service([&](ServiceLine& line) {
     if (!line.Take(72) || !line.Send(kBindAck) || !line.Take(36)) return;

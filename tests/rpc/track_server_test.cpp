@@ -1,4 +1,4 @@
-// The server against clients that behave well, badly, slowly and in crowds.
+// The server against correct, faulty, slow and very many clients.
 #include "rpc/track_server.h"
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ using std::chrono::steady_clock;
 
 constexpr TrackKey kKey = {11, 22, 33};
 
-// Knows one mapping, and answers as the written-down session does.
+// Knows one mapping and gives the answers of the recorded session.
 class Fixed final : public TrackProcedures {
  public:
   MappingReply GetMapping(const TrackKey& key) override {
@@ -42,7 +42,7 @@ class Fixed final : public TrackProcedures {
   std::atomic<int> calls = 0;
 };
 
-Octets ReplyForm(const Octets& pdu, int hint) {  // ours writes a truth value as four bytes
+Octets ReplyForm(const Octets& pdu, int hint) {  // our server writes a Boolean as four bytes
   Octets wide = pdu;
   wide.resize(pdu.size() + 3);
   return With(With(wide, 8, static_cast<int>(wide.size())), 16, hint);
@@ -54,7 +54,7 @@ struct Session {
   Fixed procedures;
   ServerSession session{procedures, 1, "5437"};
 
-  // What comes back for these bytes.
+  // Returns the replies to these bytes.
   std::string Say(Octets bytes) {
     std::string heard;
     while (!bytes.empty() && !session.InputRoom().empty()) {
@@ -79,7 +79,7 @@ TEST(ServerSession, TalksByteForByte) {
   EXPECT_EQ(peer.Say(kRequest20), ToHex(kResponse20Wide) + '\n');
   EXPECT_EQ(peer.Say(kRequest14), ToHex(ReplyForm(kResponse14, 8)) + '\n');
   EXPECT_EQ(peer.Say(kRequest37), ToHex(ReplyForm(kResponse37, 20)) + '\n');
-  // An unknown procedure is a fault, and the connection goes on.
+  // An unknown procedure causes a fault, and the connection stays open.
   EXPECT_EQ(peer.Say(With(With(kRequest20, 22, 41), 12, 5)), ToHex(kFault) + '\n');
   EXPECT_EQ(peer.Say(kRequest20), ToHex(kResponse20Wide) + '\n');
   EXPECT_FALSE(peer.session.IsOver());
@@ -113,7 +113,7 @@ TEST(ServerSession, UnderstandsABigEndianClient) {
             ToHex(kResponse20Wide) + '\n');
 }
 
-// A client that also offers a second way of writing values and to negotiate features.
+// A client that also offers another transfer syntax and another interface.
 TEST(ServerSession, AnswersEachContextByItself) {
   Octets bind = kBind;
   Octets features(kBind.begin() + 28, kBind.end());
@@ -135,9 +135,9 @@ TEST(ServerSession, AnswersEachContextByItself) {
 
 struct Story {
   const char* name;
-  Octets bytes;        // after the bind, unless they are one
-  std::string answer;  // how it begins; empty: none
-  bool ends = true;    // the connection
+  Octets bytes;        // sent after a bind, unless they are a bind themselves
+  std::string answer;  // its beginning; empty: no answer
+  bool ends = true;    // the server closes the connection
 };
 
 class Said : public testing::TestWithParam<Story> {};
@@ -222,7 +222,7 @@ class Served : public testing::Test {
     StreamConnector connector;
     return std::move(*connector.Connect("127.0.0.1", server_.port(), Deadline(kPatience)));
   }
-  // Whether the server ends the connection within the time.
+  // True when the server closes the connection in time.
   bool Ended(StreamSocket& socket, Milliseconds within) {
     std::array<std::byte, 4096> sink;
     const Deadline end(within);
@@ -254,7 +254,7 @@ TEST_F(Served, ManyAtOnceGetTheirAnswers) {
   EXPECT_EQ(answers, 16 * 50);
 }
 
-TEST_F(Served, TheSlowAndTheSilentAreClosedInTheirTime) {
+TEST_F(Served, SlowAndSilentClientsAreClosedInTime) {
   const auto start = steady_clock::now();
   StreamSocket silent = Dial(), dripping = Dial(), half = Dial();
   ASSERT_TRUE(half.Send(kBind, Deadline(kPatience)).Ok());
@@ -275,13 +275,13 @@ TEST_F(Served, TheSlowAndTheSilentAreClosedInTheirTime) {
   EXPECT_TRUE(test::WaitUntil([&] { return server_.clients() == 0; }));
 }
 
-// One that asks and never reads fills its own connection and nothing else; it is closed.
-TEST_F(Served, WhoNeverReadsIsDoneNoWorkFor) {
+// A client that asks and never reads fills only its own connection, and is then closed.
+TEST_F(Served, AClientThatNeverReadsCausesNoWork) {
   StreamSocket greedy = Dial();
   ASSERT_TRUE(greedy.Send(kBind, Deadline(kPatience)).Ok());
   Octets flood;
   for (int i = 0; i < 1000; ++i) flood = test::operator+(flood, kRequest20);
-  // Long enough that a busy machine is not taken for a full connection.
+  // On a busy machine the deadline must mean a full connection, not a slow server.
   while (greedy.Send(flood, Deadline(Milliseconds(1500))).Ok()) {
   }
   const int worked = procedures_.calls;
@@ -293,7 +293,7 @@ TEST_F(Served, WhoNeverReadsIsDoneNoWorkFor) {
   EXPECT_TRUE(Answers(client));
 }
 
-TEST_F(Served, AThousandConnectionsInARowLeaveNothing) {
+TEST_F(Served, AThousandConnectionsLeaveNothingBehind) {
   RpcTrackClient served(server_.port());
   ASSERT_EQ(served.Bind("127.0.0.1"), CallResult::Success);
   for (int i = 0; i < 1000; ++i) {
@@ -305,14 +305,14 @@ TEST_F(Served, AThousandConnectionsInARowLeaveNothing) {
   EXPECT_TRUE(Answers(served));
 }
 
-TEST_F(Served, ACrowdDoesNotDisplaceThoseWhoAsk) {
+TEST_F(Served, ManyClientsDoNotDisplaceABusyOne) {
   RpcTrackClient served(server_.port());
   ASSERT_EQ(served.Bind("127.0.0.1"), CallResult::Success);
   std::vector<StreamSocket> crowd;
   for (int i = 0; i < 100; ++i) crowd.push_back(Dial());
   EXPECT_TRUE(test::WaitUntil([&] { return server_.clients() == TrackServer::kMostClients; }));
   for (int i = 0; i < 100; ++i) ASSERT_TRUE(Answers(served)) << i;
-  // Those beyond the limit are told at once; the others when they have not bound in time.
+  // Clients beyond the limit are closed at once, the others when they have not bound in time.
   EXPECT_TRUE(Ended(crowd.back(), ServerSession::kPatience / 2));
   EXPECT_TRUE(test::WaitUntil([&] { return server_.clients() == 1; }));
   EXPECT_TRUE(Answers(served));

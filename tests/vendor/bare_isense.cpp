@@ -1,4 +1,4 @@
-// A library of that name with three of its functions: everything else is missing.
+// An InterSense library with only three of its functions.
 #include <cstdint>
 
 extern "C" {

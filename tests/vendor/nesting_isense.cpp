@@ -1,6 +1,6 @@
-// A library that uses its own functions, as any may: in the middle of a call it opens and closes a
-// tracker, after which none is open. Some of these calls go to whatever the process has under that
-// name first, which is what an interposed call is.
+// An InterSense library that calls its own functions: during a call it opens and closes a tracker,
+// so that no tracker is open. Some of these calls use the process's function of that name, as an
+// interposed call does.
 #include <dlfcn.h>
 
 #include <cstdint>
@@ -28,7 +28,7 @@ int ISD_NumOpenTrackers(std::uint16_t* count) {
   return 1;
 }
 
-// By its own name. Closes all, says how many there were.
+// Calls its own functions. Closes all trackers and returns how many were open.
 int ISD_GetCommInfo(int, void*) {
   const int open = ISD_OpenTracker(nullptr, 0, 0, 0);
   while (ISD_CloseTracker(0) != 0) {
@@ -36,7 +36,7 @@ int ISD_GetCommInfo(int, void*) {
   return open;
 }
 
-// The same through the process's name for it.
+// The same through the process's function of that name.
 int ISD_GetData(int, void*) {
   const auto close = reinterpret_cast<int (*)(int)>(::dlsym(RTLD_DEFAULT, "ISD_CloseTracker"));
   int closed = 0;
@@ -44,7 +44,7 @@ int ISD_GetData(int, void*) {
   return closed;
 }
 
-// Says how many of the functions the program has for others.
+// Prints how many of the functions the program exports.
 int ISD_GetTrackerConfig(int, void*, int) {
   static constexpr const char* kNames[] = {
       "OpenTracker",       "OpenAllTrackers",  "CloseTracker",        "GetCommInfo",

@@ -1,4 +1,4 @@
-// What the Liberty's substitute library makes of the bytes on its line.
+// Frames and cycles from the bytes of a Liberty's line.
 #include "drivers/liberty_wire.h"
 
 #include <gtest/gtest.h>
@@ -10,9 +10,6 @@ namespace kinetrel::test {
 namespace {
 
 using namespace std::string_literals;
-using substitute::PdiCycles;
-using substitute::PdiFrame;
-using substitute::PdiFrameReader;
 
 // Poses of these tests have a position and a frame count: 8 + 12 + 4 bytes.
 constexpr std::size_t kRecord = 24;
@@ -31,31 +28,31 @@ struct Bytes {
   std::string frames;  // station, command and size of each
 };
 
-void Feed(PdiFrameReader& reader, std::string_view bytes) {
+void Feed(LibertyFrameReader& reader, std::string_view bytes) {
   const auto room = reader.Room();
   ASSERT_GE(room.size(), bytes.size());
   std::copy(bytes.begin(), bytes.end(), room.begin());
   reader.Took(bytes.size());
 }
 
-std::string TextOf(const PdiFrame& frame) {
+std::string TextOf(const LibertyFrame& frame) {
   const std::string command = frame.command < ' '
                                   ? "^" + std::string(1, static_cast<char>(frame.command + 'A' - 1))
                                   : std::string(1, static_cast<char>(frame.command));
   return std::to_string(frame.station) + command + std::to_string(frame.bytes.size()) + " ";
 }
 
-std::string AllOf(PdiFrameReader& reader) {
+std::string AllOf(LibertyFrameReader& reader) {
   std::string text;
   while (const auto frame = reader.Next()) text += TextOf(*frame);
   return text;
 }
 
-class PdiFrames : public testing::TestWithParam<Bytes> {};
+class LibertyFrames : public testing::TestWithParam<Bytes> {};
 
-TEST_P(PdiFrames, AreFoundHoweverTheBytesCome) {
+TEST_P(LibertyFrames, AreFoundInPiecesOfAnySize) {
   for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, GetParam().come.size()}) {
-    PdiFrameReader reader;
+    LibertyFrameReader reader;
     reader.SetRecordSize(kRecord);
     std::string found;
     for (std::size_t i = 0; i < GetParam().come.size(); i += piece) {
@@ -67,25 +64,25 @@ TEST_P(PdiFrames, AreFoundHoweverTheBytesCome) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Of, PdiFrames,
+    Of, LibertyFrames,
     testing::Values(
-        Bytes{"ACycle", Pose(1, 9) + Pose(2, 9), "1C24 2C24 "},
-        Bytes{"APolledOne", Pose(3, 9, ' ', 'P'), "3P24 "},
-        Bytes{"AMarkedOne", Pose(1, 9, 'I') + Pose(16, 9, 'u'), "1C24 16C24 "},
-        Bytes{"AnAnswerAmongPoses", Pose(1, 9) + kStations + Pose(1, 10), "1C24 0^U12 1C24 "},
-        Bytes{"ARelative", "PA\0V\0\0\2\0ok"s + "LU\0V\0\0\0\0"s, "0V10 0V8 "},
-        Bytes{"ARefusal", "LY\0\0\1\0\7\0Invalid"s + Pose(1, 9), "1C24 "},
+        Bytes{"Cycle", Pose(1, 9) + Pose(2, 9), "1C24 2C24 "},
+        Bytes{"PolledPose", Pose(3, 9, ' ', 'P'), "3P24 "},
+        Bytes{"PoseWithErrorMark", Pose(1, 9, 'I') + Pose(16, 9, 'u'), "1C24 16C24 "},
+        Bytes{"AnswerAmongPoses", Pose(1, 9) + kStations + Pose(1, 10), "1C24 0^U12 1C24 "},
+        Bytes{"OtherMarks", "PA\0V\0\0\2\0ok"s + "LU\0V\0\0\0\0"s, "0V10 0V8 "},
+        Bytes{"Refusal", "LY\0\0\1\0\7\0Invalid"s + Pose(1, 9), "1C24 "},
         Bytes{"TextBefore", "\r\nLIBERTY Ready!\r\n" + Pose(1, 9), "1C24 "},
-        Bytes{"ACutOne", Pose(1, 9).substr(0, 17) + Pose(1, 10) + Pose(1, 11), "1C24 1C24 "},
-        Bytes{"AMarkInAnother", "LYLYL" + Pose(1, 9), "1C24 "},
-        Bytes{"AnImpossibleStation", Pose(17, 9) + Pose(0, 9) + Pose(2, 9), "2C24 "},
+        Bytes{"CutPose", Pose(1, 9).substr(0, 17) + Pose(1, 10) + Pose(1, 11), "1C24 1C24 "},
+        Bytes{"RepeatedMark", "LYLYL" + Pose(1, 9), "1C24 "},
+        Bytes{"ImpossibleStation", Pose(17, 9) + Pose(0, 9) + Pose(2, 9), "2C24 "},
         Bytes{"AnotherSize", "LY\1C\0\0\4\0abcd" + Pose(1, 9), "1C24 "s},
-        Bytes{"ASizeThatLies", "LY\0V\0\0\xFF\xFF"s + Pose(1, 9), "1C24 "},
-        Bytes{"NothingButMarks", "LYLYLYLYLYLYLYLYLYLYLYLY", ""}),
+        Bytes{"FalseSize", "LY\0V\0\0\xFF\xFF"s + Pose(1, 9), "1C24 "},
+        Bytes{"OnlyMarks", "LYLYLYLYLYLYLYLYLYLYLYLY", ""}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(PdiFrameReader, NoiseWithoutEndFindsRoomAndNoFrame) {
-  PdiFrameReader reader;
+TEST(LibertyFrameReader, EndlessNoiseGivesNoFrame) {
+  LibertyFrameReader reader;
   reader.SetRecordSize(kRecord);
   for (int i = 0; i < 1000; ++i) {
     Feed(reader, std::string(701, 'Y'));
@@ -97,9 +94,9 @@ TEST(PdiFrameReader, NoiseWithoutEndFindsRoomAndNoFrame) {
 
 // ---- Cycles --------------------------------------------------------------------------------
 
-class PdiCyclesOfTwo : public testing::Test {
+class LibertyCyclesOfTwo : public testing::Test {
  protected:
-  PdiCyclesOfTwo() { cycles_.SetLayout(0b101, kRecord, kCounter); }
+  LibertyCyclesOfTwo() { cycles_.SetLayout(0b101, kRecord, kCounter); }
 
   void Add(char station, char count) {
     const std::string pose = Pose(station, count);
@@ -117,10 +114,10 @@ class PdiCyclesOfTwo : public testing::Test {
     return counts;
   }
 
-  PdiCycles cycles_;
+  LibertyCycles cycles_;
 };
 
-TEST_F(PdiCyclesOfTwo, AreWholeInOrderAndTheLastStays) {
+TEST_F(LibertyCyclesOfTwo, AreReturnedInOrderAndTheLastAgain) {
   EXPECT_EQ(Take(), "");
   Add(1, 4);
   EXPECT_EQ(Take(), "");
@@ -132,7 +129,7 @@ TEST_F(PdiCyclesOfTwo, AreWholeInOrderAndTheLastStays) {
   EXPECT_EQ(Take(), "5 5 ");
 }
 
-TEST_F(PdiCyclesOfTwo, OneWithAMissingStationIsDroppedWhole) {
+TEST_F(LibertyCyclesOfTwo, ACycleWithoutAStationIsDropped) {
   Add(1, 4);
   Add(1, 5);
   Add(2, 5);  // not active
@@ -144,7 +141,7 @@ TEST_F(PdiCyclesOfTwo, OneWithAMissingStationIsDroppedWhole) {
   EXPECT_EQ(Take(), "7 7 ");
 }
 
-TEST_F(PdiCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
+TEST_F(LibertyCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
   for (int i = 0; i < 200; ++i) {
     Add(1, static_cast<char>(i));
     Add(3, static_cast<char>(i));
@@ -155,9 +152,9 @@ TEST_F(PdiCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
   EXPECT_EQ(Take(), "199 199 ");
 }
 
-TEST(PdiCycles, ALayoutThatCannotBeHasNone) {
+TEST(LibertyCycles, AnImpossibleLayoutHasNoCycles) {
   for (const std::size_t size : {std::size_t{0}, std::size_t{11}, std::size_t{4000}}) {
-    PdiCycles cycles;
+    LibertyCycles cycles;
     cycles.SetLayout(1, size, 8);
     const std::vector<std::uint8_t> bytes(size, 1);
     cycles.Add({1, 'C', 0, bytes});

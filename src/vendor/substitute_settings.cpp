@@ -1,4 +1,4 @@
-#include "vendor/isense_settings.h"
+#include "vendor/substitute_settings.h"
 
 #include <charconv>
 #include <cstdlib>
@@ -12,8 +12,8 @@ std::string_view TakeUpTo(std::string_view& text, char end) {
   return head;
 }
 
-std::uint64_t Number(std::string_view text, std::uint64_t without) {
-  std::uint64_t number = without;
+std::uint64_t ParseNumber(std::string_view text, std::uint64_t fallback) {
+  std::uint64_t number = fallback;
   std::from_chars(text.data(), text.data() + text.size(), number);
   return number;
 }
@@ -25,19 +25,19 @@ std::string_view Setting(const char* variable) {
   return text != nullptr ? text : std::string_view();
 }
 
-double NumberSetting(const char* variable, double without) {
+double NumberSetting(const char* variable, double fallback) {
   const std::string_view text = Setting(variable);
-  return text.empty() ? without : std::strtod(text.data(), nullptr);
+  return text.empty() ? fallback : std::strtod(text.data(), nullptr);
 }
 
-std::optional<Mishap> NextMishap(std::string_view& list) {
+std::optional<PlannedFault> NextPlannedFault(std::string_view& list) {
   if (list.empty()) return std::nullopt;
   std::string_view item = TakeUpTo(list, ',');
-  Mishap mishap;
-  mishap.name = TakeUpTo(item, '@');
-  mishap.first = Number(TakeUpTo(item, '+'), 0);
-  mishap.count = Number(item, Mishap::kAll);
-  return mishap;
+  PlannedFault fault;
+  fault.name = TakeUpTo(item, '@');
+  fault.first = ParseNumber(TakeUpTo(item, '+'), 0);
+  fault.count = ParseNumber(item, PlannedFault::kAll);
+  return fault;
 }
 
 }  // namespace kinetrel::substitute

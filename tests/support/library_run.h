@@ -1,0 +1,88 @@
+// kinetrel with a vendor's library in a process of its own, and this process as its client.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/emulated_run.h"
+
+namespace kinetrel::test {
+
+using Arguments = std::vector<std::string>;
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr std::chrono::seconds kTimeToEnd{9};
+inline constexpr bool kMayLoseFrames = true;  // a sanitizer build is slower than the line
+#else
+inline constexpr std::chrono::seconds kTimeToEnd{3};
+inline constexpr bool kMayLoseFrames = false;
+#endif
+
+class LibraryRun {
+ public:
+  LibraryRun(int type, Arguments arguments, Environment environment = {})
+      : reader_(slot_.device()),
+        program_("kinetrel", Complete(type, std::move(arguments)),
+                 {.environment = std::move(environment), .emptyInput = true}) {}
+
+  ChildProcess& program() { return program_; }
+  const std::string& error() { return program_.error(); }
+  const SharedTrackBlock& block() const { return block_; }
+
+  std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
+
+  // Copies the frame after `seen` into block(). False when no frame comes in time.
+  bool ReadNext(int& seen) {
+    const bool fresh = reader_.OpenOnly(0) && reader_.WaitForFrame(seen, Milliseconds(100)) &&
+                       reader_.Copy(block_, Milliseconds(1000)) && block_.frameCount != seen;
+    if (fresh) seen = block_.frameCount;
+    return fresh;
+  }
+
+  // Waits until `count` more frames have been published.
+  bool FramesPass(int count) {
+    int seen = -1;
+    if (!WaitUntil([&] { return ReadNext(seen); })) return false;
+    const int first = seen;
+    return WaitUntil([&] { return ReadNext(seen) && seen >= first + count; });
+  }
+
+  // Ends the program as a user would and returns its exit code.
+  int Stop() {
+    const auto before = std::chrono::steady_clock::now();
+    program_.Signal(SIGINT);
+    const int code = program_.Wait(std::chrono::seconds(30));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, kTimeToEnd);
+    return code;
+  }
+
+ private:
+  Arguments Complete(int type, Arguments arguments) {
+    arguments.insert(arguments.begin(),
+                     {"-d" + std::to_string(type), "-w" + std::to_string(slot_.slot())});
+    return arguments;
+  }
+
+  FreeSlot slot_;
+  SharedTrackReader reader_;
+  ChildProcess program_;
+  SharedTrackBlock block_{};
+};
+
+// ---- A library that fails ------------------------------------------------------------------
+
+enum class Outcome { FramesCome, NoFrames, DoesNotStart };
+
+struct Trouble {
+  const char* name;
+  const char* variable;  // of the substitute
+  const char* value;
+  Outcome outcome;
+};
+
+}  // namespace kinetrel::test
