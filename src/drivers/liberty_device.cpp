@@ -67,7 +67,7 @@ LibertyDevice::~LibertyDevice() {
 
 // Logs the library's own description of the call's result. True for success.
 bool LibertyDevice::LogResult(int result, const char* call) {
-  Post(statusLog_, 0, "%s result: %s", call, pdiDevice_.GetLastResultStr());
+  Post(statusLog_, StatusCode::Report, "%s result: %s", call, pdiDevice_.GetLastResultStr());
   return result != 0;
 }
 
@@ -114,7 +114,8 @@ BootResult LibertyDevice::Boot(int) {
   framePeriodMs_ = 1;
   // Without a timer ReadFrame sleeps between two looks.
   const Status started = frameTimer_.Start(Milliseconds(framePeriodMs_));
-  if (!started.Ok()) Post(statusLog_, -3, "Frame timer: %s", Describe(started).c_str());
+  if (!started.Ok())
+    Post(statusLog_, StatusCode::Port, "Frame timer: %s", Describe(started).c_str());
   return kBooted;
 }
 
@@ -125,13 +126,13 @@ void LibertyDevice::Connect() {
   const char* const text = pdiDevice_.GetLastResultStr();
   switch (static_cast<PdiConnection>(kind)) {
     case PdiConnection::Usb:
-      Post(statusLog_, 0, "USB Connection: %s", text);
+      Post(statusLog_, StatusCode::Report, "USB Connection: %s", text);
       break;
     case PdiConnection::Serial:
-      Post(statusLog_, 0, "Serial Connection: %s", text);
+      Post(statusLog_, StatusCode::Report, "Serial Connection: %s", text);
       break;
     default:
-      Post(statusLog_, 0, "DiscoverCnx result: %s", text);
+      Post(statusLog_, StatusCode::Report, "DiscoverCnx result: %s", text);
   }
 }
 
@@ -140,7 +141,7 @@ void LibertyDevice::ReportBitErrors() {
   LogResult(pdiDevice_.GetBITErrs(errors), "GetBITErrs");
   std::array<char, 100> text{};
   errors.Parse(text.data(), static_cast<int>(text.size()));
-  Post(statusLog_, 0, "BIT Errors: %s", text.data());
+  Post(statusLog_, StatusCode::Report, "BIT Errors: %s", text.data());
   if (!errors.IsClear()) LogResult(pdiDevice_.ClearBITErrs(), "ClearBITErrs");
 }
 
@@ -149,7 +150,7 @@ void LibertyDevice::ReadStationMap() {
   stationMap_ &= kStationBits;
   sensorMask_ = stationMap_;
   LogResult(result, "GetStationMap");
-  Post(statusLog_, 0, "ActiveStationMap: %#x", stationMap_);
+  Post(statusLog_, StatusCode::Report, "ActiveStationMap: %#x", stationMap_);
 }
 
 int LibertyDevice::QueryStatus(char*, int) { return 0; }
@@ -261,7 +262,8 @@ void LibertyDevice::RefreshStations() {
     sensorMask_ = stationMap_;
     activeStationCount_ = std::popcount(stationMap_ & FirstStations(pdiDevice_.MaxSensors()));
   } else {
-    Post(statusLog_, -1, "%s result: %s", "GetStationMap", pdiDevice_.GetLastResultStr());
+    Post(statusLog_, StatusCode::Refused, "%s result: %s", "GetStationMap",
+         pdiDevice_.GetLastResultStr());
   }
   LayOutRecord();
 }
@@ -293,7 +295,7 @@ int LibertyDevice::SetProtocol(int protocol) {
   StopStream();
   const std::lock_guard lock(pdiLock_);
   const int result = pdiDevice_.SetFrameRate(row->code);
-  Post(statusLog_, 0, "%s(%d) result: %s", "SetFrameRate", row->code,
+  Post(statusLog_, StatusCode::Report, "%s(%d) result: %s", "SetFrameRate", row->code,
        pdiDevice_.GetLastResultStr());
   if (result != 0) protocol_ = protocol;
   return protocol;
@@ -335,8 +337,8 @@ int LibertyDevice::SetSynchronization(int mode) {
   StopStream();
   const std::lock_guard lock(pdiLock_);
   const int result = pdiDevice_.SetSyncEnabled(mode == 0 ? 0 : 1);
-  Post(statusLog_, 0, "%s(%s) result: %s", "SetSyncEnabled", mode == 0 ? "internal" : "external",
-       pdiDevice_.GetLastResultStr());
+  Post(statusLog_, StatusCode::Report, "%s(%s) result: %s", "SetSyncEnabled",
+       mode == 0 ? "internal" : "external", pdiDevice_.GetLastResultStr());
   return result != 0 ? mode : 0;
 }
 
@@ -366,11 +368,11 @@ int LibertyDevice::SetHemisphere(int, const float zenith[3]) {
   for (int station = 1; station <= kLastStation; ++station) {
     if (!HasStation(sensorMask_, station - 1)) continue;
     all = pdiDevice_.SetSHemisphere(station, zenith) != 0 && all;
-    Post(statusLog_, 0, "%s(%d, %f, %f, %f) result: %s", "SetSHemisphere", station,
+    Post(statusLog_, StatusCode::Report, "%s(%d, %f, %f, %f) result: %s", "SetSHemisphere", station,
          static_cast<double>(zenith[0]), static_cast<double>(zenith[1]),
          static_cast<double>(zenith[2]), pdiDevice_.GetLastResultStr());
     all = pdiDevice_.SetSHemiTrack(station) != 0 && all;
-    Post(statusLog_, 0, "%s(%d) result: %s", "SetSHemiTrack", station,
+    Post(statusLog_, StatusCode::Report, "%s(%d) result: %s", "SetSHemiTrack", station,
          pdiDevice_.GetLastResultStr());
   }
   return all ? 1 : 0;

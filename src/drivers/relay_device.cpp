@@ -151,7 +151,7 @@ bool RelayDevice::KeepsConnection(CallResult result) {
 }
 
 void RelayDevice::Report(const char* problem) {
-  if (statusLog_ != nullptr) Announce(*statusLog_, "\n\t", -1, "%s", problem);
+  if (statusLog_ != nullptr) Announce(*statusLog_, "\n\t", StatusCode::Refused, "%s", problem);
 }
 
 void RelayDevice::ReportFault() {
@@ -170,7 +170,8 @@ unsigned RelayDevice::SetSensorMask(unsigned, int) { return 0; }
 bool RelayDevice::SetControlString(const char* text) {
   const auto target = text != nullptr ? ParseControlString(text) : std::nullopt;
   if (!target) {
-    Post(statusLog_, -1, "Error parsing control string: %s", text != nullptr ? text : "");
+    Post(statusLog_, StatusCode::Refused, "Error parsing control string: %s",
+         text != nullptr ? text : "");
     return false;
   }
   host_ = target->host;
