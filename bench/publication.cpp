@@ -1,5 +1,7 @@
 #include "bench/publication.h"
 
+#include <algorithm>
+#include <array>
 #include <stdexcept>
 
 #include "bench/machine.h"
@@ -16,7 +18,7 @@ void PublishSample(SharedTrackWriter& writer, int bin, int sensor) {
   if (!writer.Lock(kForever)) throw std::runtime_error("the bin cannot be locked");
   SharedTrackBlock& block = *writer.block();
   const auto step = static_cast<float>(block.frameCount);
-  block.poses[static_cast<std::size_t>(sensor)] = {step, step, step, 0.1F, 0.2F, 0.3F};
+  std::ranges::copy(std::array{step, step, step, 0.1F, 0.2F, 0.3F}, block.poses[sensor]);
   block.flags = TrackFlags::kPosition | TrackFlags::kEuler | 0x101;
   block.frameRate = 120.0;
   block.sensorMask = 0xFFFFFFFF;

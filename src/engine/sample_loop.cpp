@@ -239,15 +239,15 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
   // Position and angles of one record where a device delivers both; else each by itself.
   const bool whole = header_.components == (kPositionComponent | kEulerComponent);
   const float* const record = whole ? device_->GetSensorPose(sensor) : nullptr;
-  auto& pose = block.poses[slot];
+  float* const pose = block.poses[slot];
   if ((header_.components & kPositionComponent) != 0) {
     const float* const xyz = whole ? record : device_->GetSensorPosition(sensor);
-    std::copy_n(xyz != nullptr ? xyz : kZeros.data(), 3, pose.begin());
+    std::copy_n(xyz != nullptr ? xyz : kZeros.data(), 3, pose);
   }
   if ((header_.components & kEulerComponent) != 0) {
     const float* angles = whole ? record : device_->GetSensorEuler(sensor);
     if (whole && angles != nullptr) angles += 3;
-    std::copy_n(angles != nullptr ? angles : kZeros.data(), 3, pose.begin() + 3);
+    std::copy_n(angles != nullptr ? angles : kZeros.data(), 3, pose + 3);
     if (angles != nullptr) {
       state_->lastRawAzimuth = angles[0];
       pose[3] -= state_->azimuthZero;
@@ -256,7 +256,7 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
   if ((header_.components & kQuaternionComponent) != 0) {
     const float* const quaternion = device_->GetSensorQuaternion(sensor);
     std::copy_n(quaternion != nullptr ? quaternion : kIdentityQuaternion.data(), 4,
-                block.quaternions[slot].begin());
+                block.quaternions[slot]);
   }
 }
 

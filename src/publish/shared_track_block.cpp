@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <atomic>
 #include <bit>
+#include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <string_view>
 
 namespace kinetrel {
@@ -11,50 +13,40 @@ namespace {
 
 bool IsSlot(int slot) { return slot >= 0 && slot < kPoseSlots; }
 
-// Copies one half of a pose, or zeros when it is not there.
+// Copies one half of a pose, or zeros if it is not published.
 bool CopyHalf(const SharedTrackBlock& block, int slot, std::uint32_t flag, std::size_t from,
               float* into) {
-  const bool there = IsSlot(slot) && (block.flags & flag) != 0;
-  for (std::size_t i = 0; i < 3; ++i) {
-    into[i] = there ? block.poses[static_cast<std::size_t>(slot)][from + i] : 0.0F;
-  }
-  return there;
+  const bool published = IsSlot(slot) && (block.flags & flag) != 0;
+  for (std::size_t i = 0; i < 3; ++i) into[i] = published ? block.poses[slot][from + i] : 0.0F;
+  return published;
 }
 
-char Digit(int value) {
-  return "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[static_cast<std::size_t>(value)];
+using MakeName = void (*)(char name[kinetrel_object_name_size], unsigned device, unsigned bin);
+
+std::string NameOf(MakeName make, int device, int bin) {
+  char name[kinetrel_object_name_size];
+  make(name, static_cast<unsigned>(device), static_cast<unsigned>(bin));
+  return name;
 }
 
 }  // namespace
 
 void InitializeBlock(SharedTrackBlock& block, bool writerPresent) {
-  // Looked at without the mutex; -1 comes last, so that nobody takes for initialised what a
-  // process left that was killed in here.
+  // Other processes read this field without the mutex. -1 is stored last: a process that is killed
+  // in here leaves a block that counts as not initialised.
   const std::atomic_ref initialized(block.reserved);
   initialized.store(0);
-  block.flags = 0;
-  block.buttons = 0;
-  block.poses = {};
-  block.quaternions.fill({1.0F, 0.0F, 0.0F, 0.0F});
-  block.padding0 = 0;
-  block.sampleTime = 0.0;
-  block.publishTime = 0.0;
-  block.frameCount = 0;
+  std::memset(&block.flags, 0, sizeof block - offsetof(SharedTrackBlock, flags));
+  for (auto& quaternion : block.quaternions) quaternion[0] = 1.0F;
   block.writerPresent = writerPresent ? 1 : 0;
-  block.deviceName = {};
-  block.padding1 = {};
-  block.frameRate = 0.0;
-  block.sensorMask = 0;
-  block.padding2 = 0;
   initialized.store(-1);
 }
 
 bool IsInitialized(SharedTrackBlock& block) { return std::atomic_ref(block.reserved).load() == -1; }
 
 void SetDeviceName(SharedTrackBlock& block, const char* name) {
-  const std::string_view text = name;
-  block.deviceName.fill(0);
-  text.copy(block.deviceName.data(), block.deviceName.size());
+  std::memset(block.deviceName, 0, sizeof block.deviceName);
+  std::string_view(name).copy(block.deviceName, sizeof block.deviceName);
   block.padding1[0] = 0;
 }
 
@@ -77,8 +69,8 @@ bool ButtonsValid(const SharedTrackBlock& block) {
 }
 
 std::string DeviceNameOf(const SharedTrackBlock& block) {
-  const auto end = std::find(block.deviceName.begin(), block.deviceName.end(), '\0');
-  return {block.deviceName.begin(), end};
+  return {std::begin(block.deviceName),
+          std::find(std::begin(block.deviceName), std::end(block.deviceName), '\0')};
 }
 
 bool PositionOf(const SharedTrackBlock& block, int slot, float xyz[3]) {
@@ -90,11 +82,10 @@ bool EulerOf(const SharedTrackBlock& block, int slot, float angles[3]) {
 }
 
 bool QuaternionOf(const SharedTrackBlock& block, int slot, float wxyz[4]) {
-  const bool there = IsSlot(slot) && (block.flags & TrackFlags::kQuaternion) != 0;
-  const std::array<float, 4> identity = {1.0F, 0.0F, 0.0F, 0.0F};
-  const auto& quaternion = there ? block.quaternions[static_cast<std::size_t>(slot)] : identity;
-  std::copy(quaternion.begin(), quaternion.end(), wxyz);
-  return there;
+  static constexpr float kIdentity[4] = {1.0F, 0.0F, 0.0F, 0.0F};
+  const bool published = IsSlot(slot) && (block.flags & TrackFlags::kQuaternion) != 0;
+  std::copy_n(published ? block.quaternions[slot] : kIdentity, 4, wxyz);
+  return published;
 }
 
 bool PoseOf(const SharedTrackBlock& block, int slot, float pose[6]) {
@@ -103,17 +94,10 @@ bool PoseOf(const SharedTrackBlock& block, int slot, float pose[6]) {
   return position && angles;
 }
 
-std::string BlockName(int device, int bin) {
-  return std::string("KinetrelShMem") + Digit(device) + Digit(bin);
-}
+std::string BlockName(int device, int bin) { return NameOf(kinetrel_block_name, device, bin); }
 
-std::string MutexName(int device, int bin) {
-  return std::string("KinetrelMutex") + Digit(device) + Digit(bin);
-}
+std::string MutexName(int device, int bin) { return NameOf(kinetrel_mutex_name, device, bin); }
 
-std::string EventName(int device, int bin) {
-  return "OrvixDataPublishedEvent-Dev" + std::to_string(device) + "-Bin" + std::to_string(bin) +
-         "Event";
-}
+std::string EventName(int device, int bin) { return NameOf(kinetrel_event_name, device, bin); }
 
 }  // namespace kinetrel

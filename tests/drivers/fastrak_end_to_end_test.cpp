@@ -89,7 +89,7 @@ TEST_P(FastrakRun, EveryFrameReachesTheClient) {
     for (int station = 0; station < told.stations; ++station) {
       const auto index = static_cast<unsigned>(station);
       const auto frame = static_cast<std::uint64_t>(Frame(block, station));
-      ExpectPose(block.poses[index].data(), ramp->At(index, frame, 0), told.centimetre,
+      ExpectPose(block.poses[index], ramp->At(index, frame, 0), told.centimetre,
                  told.precision);
     }
     ASSERT_FALSE(HasFailure()) << block.frameCount;
@@ -179,7 +179,7 @@ TEST_P(FastrakFaults, CostNoMoreThanThemselves) {
   for (const SharedTrackBlock& block : blocks) {
     const auto& seen = block.poses[0];
     const std::uint64_t frame = RampFrame(seen[0], seen[2]);
-    ExpectPose(seen.data(), ramp->At(0, frame, 0), 1, kFloats);
+    ExpectPose(seen, ramp->At(0, frame, 0), 1, kFloats);
     ASSERT_FALSE(HasFailure()) << block.frameCount;
   }
   if (*GetParam().said != '\0') {

@@ -135,7 +135,7 @@ TEST_P(SerialRun, LosesNothingAndDoublesNothing) {
   double worst = 0;
   for (const SharedTrackBlock& block : Watch(run, row.frames)) {
     if (block.frameCount < row.from) continue;
-    const Found found = row.find(block.poses[0]);
+    const Found found = row.find(std::to_array(block.poses[0]));
     const long shift = found.frame - block.frameCount;
     shifts.insert(row.turn > 0 ? (shift % row.turn + row.turn) % row.turn : shift);
     worst = std::max(worst, found.error);
@@ -199,7 +199,7 @@ TEST_P(SerialFaults, CostNoMoreThanThemselves) {
   long wrong = 0;
   long last = -1;
   for (const SharedTrackBlock& block : blocks) {
-    const Found found = row.find(block.poses[0]);
+    const Found found = row.find(std::to_array(block.poses[0]));
     wrong += found.error > 1 ? 1 : 0;
     if (row.turn > 0) continue;
     EXPECT_GT(found.frame, last) << block.frameCount;
@@ -216,7 +216,7 @@ TEST_P(SerialFaults, OfThePlugAreOvercome) {
   EXPECT_TRUE(run.tracker().ExpectError("has gone; waiting for it ... "));
   EXPECT_TRUE(run.tracker().ExpectError(" is back after "));
   for (const SharedTrackBlock& block : Watch(run, 20)) {
-    EXPECT_LE(GetParam().find(block.poses[0]).error, 1) << block.frameCount;
+    EXPECT_LE(GetParam().find(std::to_array(block.poses[0])).error, 1) << block.frameCount;
   }
   EXPECT_EQ(run.Stop(), 0);
 }

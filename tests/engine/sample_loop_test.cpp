@@ -90,9 +90,9 @@ TEST_F(Sampling, PublishesWhatTheDeviceDelivers) {
   EXPECT_EQ(block.flags, 0x133U);
   EXPECT_EQ(block.sensorMask, 3U);
   EXPECT_EQ(block.frameRate, 40.0);
-  EXPECT_EQ(block.poses[0], (std::array<float, 6>{1, 2, 3, 30, 5, 6}));
-  EXPECT_EQ(block.poses[1], (std::array<float, 6>{1, 2, 3, 50, 5, 6}));
-  EXPECT_EQ(block.poses[2], (std::array<float, 6>{}));
+  EXPECT_EQ(std::to_array(block.poses[0]), (std::array<float, 6>{1, 2, 3, 30, 5, 6}));
+  EXPECT_EQ(std::to_array(block.poses[1]), (std::array<float, 6>{1, 2, 3, 50, 5, 6}));
+  EXPECT_EQ(std::to_array(block.poses[2]), (std::array<float, 6>{}));
   // Both times have the writer's start as origin.
   EXPECT_GE(block.publishTime, block.sampleTime);
   EXPECT_LT(block.publishTime - block.sampleTime, 5.0);
@@ -122,8 +122,8 @@ TEST_F(Sampling, AzimuthZeroShiftsEverySensorAndNothingElse) {
   engine_->ZeroAzimuth();
   const SharedTrackBlock zeroed =
       Await([](const SharedTrackBlock& block) { return block.poses[0][3] == 0.0F; });
-  EXPECT_EQ(zeroed.poses[0], (std::array<float, 6>{1, 2, 3, 0, 5, 6}));
-  EXPECT_EQ(zeroed.quaternions[0], (std::array<float, 4>{0.5F, 0.5F, 0.5F, 0.5F}));
+  EXPECT_EQ(std::to_array(zeroed.poses[0]), (std::array<float, 6>{1, 2, 3, 0, 5, 6}));
+  EXPECT_EQ(std::to_array(zeroed.quaternions[0]), (std::array<float, 4>{0.5F, 0.5F, 0.5F, 0.5F}));
   engine_->RestoreAzimuth();
   Await([](const SharedTrackBlock& block) { return block.poses[0][3] == 30.0F; });
 }
@@ -150,8 +150,8 @@ TEST_P(Components, ChooseWhatIsWritten) {
   Start([&](StartConfig& config) { config.componentMask = row.components; });
   const SharedTrackBlock block = AwaitFrames(2);
   EXPECT_EQ(ComponentMaskOf(block), row.components);
-  EXPECT_EQ(block.poses[0], row.pose);
-  EXPECT_EQ(block.quaternions[0], row.quaternion);
+  EXPECT_EQ(std::to_array(block.poses[0]), row.pose);
+  EXPECT_EQ(std::to_array(block.quaternions[0]), row.quaternion);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -22,17 +23,20 @@ inline void FillBlock(SharedTrackBlock& block) {
   block.flags = 0x5 | 0x7 << 4 | 1 << 8 | TrackFlags::kButtonsValid;
   block.buttons = 0xB;
   block.frameRate = 60;
-  block.poses[0] = {1, -2.5F, 3, 0.5F, -0.25F, 0.125F};
-  block.poses[2] = {-100, 200, -300, 3.14159F, 1, -1};
-  block.quaternions[2] = {0.5F, -0.5F, 0.5F, -0.5F};
+  std::ranges::copy(std::array{1.F, -2.5F, 3.F, 0.5F, -0.25F, 0.125F}, block.poses[0]);
+  std::ranges::copy(std::array{-100.F, 200.F, -300.F, 3.14159F, 1.F, -1.F}, block.poses[2]);
+  std::ranges::copy(std::array{0.5F, -0.5F, 0.5F, -0.5F}, block.quaternions[2]);
 }
 
 inline void FillWithNaN(SharedTrackBlock& block) {
   FillBlock(block);
   block.sensorMask = ~0U;
-  for (auto& pose : block.poses) pose.fill(std::numeric_limits<float>::quiet_NaN());
-  for (auto& quaternion : block.quaternions)
-    quaternion.fill(-std::numeric_limits<float>::infinity());
+  for (auto& pose : block.poses) {
+    std::ranges::fill(pose, std::numeric_limits<float>::quiet_NaN());
+  }
+  for (auto& quaternion : block.quaternions) {
+    std::ranges::fill(quaternion, -std::numeric_limits<float>::infinity());
+  }
   block.frameRate = std::numeric_limits<double>::infinity();
   block.sampleTime = block.publishTime = -std::numeric_limits<double>::quiet_NaN();
 }
@@ -41,10 +45,10 @@ inline void FillWithEscapes(SharedTrackBlock& block) {
   FillBlock(block);
   // No 0 at the end: clear the screen, ring, C1 controls, a quote, a backslash, broken UTF-8.
   const std::string evil = "\x1b[2J\a\r\n\x9b\"\\\xff\xc3\x7f";
-  for (std::size_t i = 0; i < block.deviceName.size(); ++i) {
+  for (std::size_t i = 0; i < sizeof block.deviceName; ++i) {
     block.deviceName[i] = evil[i % evil.size()];
   }
-  block.padding1.fill('\x1b');
+  std::ranges::fill(block.padding1, '\x1b');
 }
 
 inline void FillWithNoise(SharedTrackBlock& block) {
