@@ -41,8 +41,8 @@ static inline void kinetrel_mutex_name(char name[64], unsigned device, unsigned 
   snprintf(name, kinetrel_object_name_size, "KinetrelMutex%X%X", device & 15U, bin & 15U);
 }
 static inline void kinetrel_event_name(char name[64], unsigned device, unsigned bin) {
-  snprintf(name, kinetrel_object_name_size, "OrvixDataPublishedEvent-Dev%u-Bin%uEvent", device & 15U,
-           bin & 15U);
+  snprintf(name, kinetrel_object_name_size, "OrvixDataPublishedEvent-Dev%u-Bin%uEvent",
+           device & 15U, bin & 15U);
 }
 
 /* The flags word. A component that is not published holds old numbers or zeros. */

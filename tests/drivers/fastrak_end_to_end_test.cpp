@@ -89,8 +89,7 @@ TEST_P(FastrakRun, EveryFrameReachesTheClient) {
     for (int station = 0; station < told.stations; ++station) {
       const auto index = static_cast<unsigned>(station);
       const auto frame = static_cast<std::uint64_t>(Frame(block, station));
-      ExpectPose(block.poses[index], ramp->At(index, frame, 0), told.centimetre,
-                 told.precision);
+      ExpectPose(block.poses[index], ramp->At(index, frame, 0), told.centimetre, told.precision);
     }
     ASSERT_FALSE(HasFailure()) << block.frameCount;
   }
