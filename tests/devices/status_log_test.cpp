@@ -9,13 +9,6 @@
 namespace kinetrel {
 namespace {
 
-TEST(StatusLog, AnEmptyLogHasAnEmptyText) {
-  StatusLog log;
-  EXPECT_STREQ(log.CurrentStatusText(), "");
-  EXPECT_EQ(log.Newest().code, 0);
-  EXPECT_TRUE(log.Entries().empty());
-}
-
 TEST(StatusLog, KeepsEntriesInOrderWithTheirTime) {
   StatusLog log;
   const std::time_t before = std::time(nullptr);

@@ -243,34 +243,6 @@ TEST_F(TrackerOnALine, ModeBytesGoOutOnlyOnceBooted) {
   EXPECT_EQ(Sent(), "");
 }
 
-TEST_F(TrackerOnALine, APollStopsAStreamOnce) {
-  device_.SetModeBytes('C', 'P', 'c', 0);
-  device_.Boot(0);
-  device_.Poll();
-  EXPECT_EQ(Sent(), "P");
-  device_.StartContinuous();
-  EXPECT_EQ(Sent(), "C");
-  device_.Poll();
-  EXPECT_EQ(Sent(), "cP");
-  device_.Poll();
-  EXPECT_EQ(Sent(), "P");
-}
-
-TEST_F(TrackerOnALine, ThePrePollByteIsSentFirst) {
-  device_.SetModeBytes(0, 'P', 'c', 'w');
-  device_.Boot(0);
-  device_.StartContinuous();
-  EXPECT_EQ(Sent(), std::string(1, '\0'));
-  device_.Poll();  // a device without a continuous mode
-  EXPECT_EQ(Sent(), "wP");
-}
-
-TEST_F(TrackerOnALine, AControlStringIsWrittenUnchanged) {
-  EXPECT_TRUE(device_.SetControlString("R1\r"));
-  EXPECT_TRUE(device_.SetControlString(""));
-  EXPECT_EQ(Sent(), "R1\r");
-}
-
 // ---- Time ----------------------------------------------------------------------------------
 
 TEST(TrackerDevice, SecondsRunFromTheTimeOrigin) {

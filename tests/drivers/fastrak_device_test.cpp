@@ -30,19 +30,6 @@ TEST_F(FastrakTest, BootsAFastrak) {
   EXPECT_FALSE(device_->GetCrLf());
 }
 
-TEST_F(FastrakTest, TakesTheActiveStationsFromTheUnitsReport) {
-  ASSERT_EQ(Boot(FastrakBoots("0110")), kBooted);
-  EXPECT_EQ(device_->GetSensorMask(), 6U);
-  EXPECT_EQ(device_->GetFrameRate(), 60);
-}
-
-TEST_F(FastrakTest, BootsAnIsotrak2) {
-  ASSERT_EQ(Boot(IsotrakBoots(kIsotrak2Status, "21l10\r\n")), kBooted);
-  EXPECT_STREQ(device_->GetDeviceName(), "IsoTRAK2");
-  EXPECT_EQ(device_->GetSensorCount(), 2);
-  EXPECT_EQ(device_->GetProtocol(), 2);
-}
-
 TEST_F(FastrakTest, BootsAnInterSenseWithoutSwitchingItsStations) {
   ASSERT_EQ(
       Boot(kWakes + Expect("S") + Send(kIs600Status) +
@@ -70,20 +57,6 @@ TEST_F(FastrakTest, ResetRestartsTheUnitBeforeTheBoot) {
   script.insert(script.end(), boots.begin() + static_cast<std::ptrdiff_t>(kWakes.size()),
                 boots.end());
   EXPECT_EQ(Boot(script, 1), kBooted);
-}
-
-TEST_F(FastrakTest, FindsAUnitAtAnotherRate) {
-  const Script silence = Expect("c\rP");
-  ASSERT_EQ(Boot(silence + silence + FastrakBoots("1000")), kBooted);
-  EXPECT_EQ(device_->GetBaudRate(), 19200U);
-}
-
-TEST_F(FastrakTest, StopsAUnitThatTookTheStopForTheEndOfACommand) {
-  Script script = Expect("c\rP") + Send(kTextRecord) + Wait(30ms) + Send("01 abc") + Expect("c");
-  const Script boots = FastrakBoots("1000");
-  script.insert(script.end(), boots.begin() + static_cast<std::ptrdiff_t>(kWakes.size()),
-                boots.end());
-  EXPECT_EQ(Boot(script), kBooted);
 }
 
 struct Ending {
@@ -295,12 +268,6 @@ TEST(FastrakUnbooted, SettingsAreStoredAndNotSent) {
   EXPECT_EQ(device.GetProtocolText(text, sizeof text), 0);
   EXPECT_STREQ(text, "0: Invalid");
   EXPECT_EQ(device.ReadFrame(nullptr), 0U);
-}
-
-TEST_F(BootedFastrak, DescribesItsProtocol) {
-  char text[6] = {};
-  EXPECT_EQ(device_->GetProtocolText(text, sizeof text), 3);
-  EXPECT_STREQ(text, "3: 32");
 }
 
 }  // namespace

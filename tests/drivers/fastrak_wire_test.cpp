@@ -92,18 +92,6 @@ INSTANTIATE_TEST_SUITE_P(
                  kOne + kMinusTwo + kFourHundred + kNinety + kMinusTwo + kOne,
                  6 | kAboveFlag,
                  {1, -2, 360, 1.5707963F, -0.034906585F, 0.017453292F}},
-        Decoding{"MetresCountHundredths",
-                 {Bits32, kPosition},
-                 3,
-                 kOne + kMinusTwo + kNinety,
-                 3,
-                 {0.01F, -0.02F, 0.9F}},
-        Decoding{"GpsUnitsCountAsMetres",
-                 {Bits32, kPosition},
-                 2,
-                 kOne + kOne + kOne,
-                 3,
-                 {0.01F, 0.01F, 0.01F}},
         Decoding{"AnglesBeyondATurn",
                  {Bits32, kEuler},
                  1,
@@ -135,31 +123,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 INSTANTIATE_TEST_SUITE_P(
-    Bits16, FastrakDecoding,
-    testing::Values(Decoding{"FullScalesInCentimetres",
-                             {Bits16, kPosition | kEuler},
-                             1,
-                             "\xff\x7f\x00\x80\x00\x40\x00\x80\x00\x40\x00\x00"s,
-                             6,
-                             {299.990845F, -300, 150, -3.1415927F, 1.5707963F, 0}},
-                    Decoding{"Inches",
-                             {Bits16, kPosition},
-                             0,
-                             "\x00\x40\x00\x00\x00\xc0"s,
-                             3,
-                             {59.055118F, 0, -59.055118F}},
-                    Decoding{"Short", {Bits16, kPosition}, 1, "\x00\x40\x00\x00\x00"s, 2, {}}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-INSTANTIATE_TEST_SUITE_P(
     Bits14, FastrakDecoding,
     testing::Values(
-        Decoding{"LowBitsFirstWithSign",
-                 {Bits14, kPosition},
-                 3,
-                 "\xff\x3f\x00\x40\x00\x20"s,
-                 3,
-                 {2.9996338F, -3, 1.5F}},
         Decoding{
             "AllGroups",
             {Bits14, 7},
@@ -171,14 +136,6 @@ INSTANTIATE_TEST_SUITE_P(
         Decoding{"LaterByteMarked", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00\xa0"s, -1, {}},
         Decoding{"Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 2, {}}),
     [](const auto& row) { return std::string(row.param.name); });
-
-TEST(FastrakScales, OfAnIsotrak) {
-  FastrakChannels channels;
-  SetFastrakScales(false, 1, Bits16, channels);
-  EXPECT_DOUBLE_EQ(channels[0].scale, 65.48 * 2.54 / 32768);
-  EXPECT_DOUBLE_EQ(channels[5].scale, 4.0 / 32768);
-  EXPECT_DOUBLE_EQ(channels[9].scale, 1.0 / 32768);
-}
 
 TEST(FastrakMounting, ASensorUpsideDownTurnsItsQuaternion) {
   const std::string body =

@@ -68,25 +68,6 @@ class FlockOnALine : public testing::Test {
   std::string console_;
 };
 
-// ---- Decoding ------------------------------------------------------------------------------
-
-struct Decoded {
-  std::string record;
-  std::array<int, 6> words;
-};
-
-TEST(FlockRecord, Decodes) {
-  const Decoded rows[] = {
-      {std::string(12, '\x7F'), {-4, -4, -4, -4, -4, -4}},
-      {std::string(12, '\xFF'), {-4, -4, -4, -4, -4, -4}},
-      {"\x80\x40\x7F\x3F\x01\x00\x00\x01\x00\x20\x00\x60"s, {-32768, 32764, 4, 512, 16384, -16384}},
-  };
-  for (const Decoded& row : rows) {
-    const auto bytes = std::as_bytes(std::span(row.record));
-    EXPECT_EQ(DecodeFlockRecord(bytes.first<12>()), row.words) << Readable(row.record);
-  }
-}
-
 // ---- Boot ----------------------------------------------------------------------------------
 
 TEST_F(FlockOnALine, BootsAndPrintsTheParameters) {
@@ -226,27 +207,22 @@ const std::string kThree = Record(3);
 
 INSTANTIATE_TEST_SUITE_P(
     Line, FlockFrames,
-    testing::Values(
-        FrameStory{"CleanRecord", Send(kOne), {1}},
-        FrameStory{"WithoutMarks", Send(std::string(12, '\x7F')), {-1}},
-        FrameStory{"Several", Send(kOne + kTwo + kThree), {1, 2, 3}},
-        FrameStory{"InTwoPieces",
-                   Send(kOne.substr(0, 5)) + Wait(milliseconds(5)) + Send(kOne.substr(5)),
-                   {1}},
-        FrameStory{"WithALongPause",
-                   Send(kOne.substr(0, 5)) + Wait(milliseconds(100)) + Send(kOne.substr(5) + kTwo),
-                   {1, 2}},
-        FrameStory{"NoiseBefore", Send("\x11\x22" + kOne), {1}},
-        FrameStory{"NoiseThatLooksLikeAStart", Send("\xFF\xC3" + kOne), {1}},
-        FrameStory{"CutBeforeTheNext", Send(kOne.substr(0, 7) + kTwo + kThree), {2, 3}},
-        FrameStory{"WithoutItsFirstByte", Send(kOne.substr(1) + kTwo + kThree), {2, 3}},
-        FrameStory{"WithoutItsLastByte", Send(kOne.substr(0, 11) + kTwo + kThree), {2, 3}},
-        FrameStory{"WronglyMarked", Send(Marked(kOne, 6) + kTwo + kThree), {2, 3}},
-        FrameStory{"UnmarkedTailThenSilence",
-                   Send(kOne.substr(6)) + Wait(milliseconds(100)) + Send(kTwo),
-                   {2}},
-        FrameStory{"HalfThenSilence", Send(kOne.substr(0, 6)), {}}, FrameStory{"Silence", {}, {}},
-        FrameStory{"PlugPulled", Send(kOne) + Wait(milliseconds(50)) + HangUp(), {1}}),
+    testing::Values(FrameStory{"CleanRecord", Send(kOne), {1}},
+                    FrameStory{"WithoutMarks", Send(std::string(12, '\x7F')), {-1}},
+                    FrameStory{"WithALongPause",
+                               Send(kOne.substr(0, 5)) + Wait(milliseconds(100)) +
+                                   Send(kOne.substr(5) + kTwo),
+                               {1, 2}},
+                    FrameStory{"NoiseBefore", Send("\x11\x22" + kOne), {1}},
+                    FrameStory{"NoiseThatLooksLikeAStart", Send("\xFF\xC3" + kOne), {1}},
+                    FrameStory{"CutBeforeTheNext", Send(kOne.substr(0, 7) + kTwo + kThree), {2, 3}},
+                    FrameStory{"WithoutItsFirstByte", Send(kOne.substr(1) + kTwo + kThree), {2, 3}},
+                    FrameStory{"WronglyMarked", Send(Marked(kOne, 6) + kTwo + kThree), {2, 3}},
+                    FrameStory{"UnmarkedTailThenSilence",
+                               Send(kOne.substr(6)) + Wait(milliseconds(100)) + Send(kTwo),
+                               {2}},
+                    FrameStory{"Silence", {}, {}},
+                    FrameStory{"PlugPulled", Send(kOne) + Wait(milliseconds(50)) + HangUp(), {1}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(FlockOnALine, AFrameScalesEveryWordIntoOurFrame) {

@@ -114,20 +114,6 @@ TEST_F(IsenseDeviceTest, CallsTheLibraryInOrder) {
   EXPECT_EQ(device_.GetPortNumber(), 0);
 }
 
-TEST_F(IsenseDeviceTest, DeliversEveryFrameOnceAndExactly) {
-  Start();
-  for (int frame = 0; frame < 200; ++frame) {
-    ASSERT_TRUE(ReadNext());
-    ASSERT_EQ(Frame(), frame);
-    const float* const pose = device_.GetSensorPose(0);
-    ASSERT_FLOAT_EQ(pose[3], (180 - static_cast<float>(frame) / 4) * kRadians);
-    ASSERT_FLOAT_EQ(pose[4], 45 * kRadians);
-    ASSERT_FLOAT_EQ(pose[5], (-90 + static_cast<float>(frame) / 4) * kRadians);
-    ASSERT_EQ(pose[0], 0.0F);
-    device_.Poll();
-  }
-}
-
 TEST_F(IsenseDeviceTest, NegatesYAndZOfAQuaternion) {
   Start();
   ASSERT_EQ(device_.SetComponentMask(4), 4U);

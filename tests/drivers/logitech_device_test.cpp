@@ -57,23 +57,6 @@ class LogitechOnALine : public DeviceOnALine<LogitechDevice> {
 
 // ---- Decoding ------------------------------------------------------------------------------
 
-TEST(LogitechRecord, Decodes) {
-  struct Row {
-    std::string record;
-    std::array<int, 6> values;
-  };
-  const Row rows[] = {
-      {"\x80"s + std::string(15, '\0'), {}},
-      {"\xFF"s + std::string(15, '\x7F'), {-1, -1, -1, 16383, 16383, 16383}},
-      {"\x80\x40\x00\x00\x3F\x7F\x7F\x00\x01\x02\x01\x00\x00\x01\x70\x40"s,
-       {-1048576, 1048575, 130, 128, 1, 14400}},
-  };
-  for (const Row& row : rows) {
-    const auto bytes = std::as_bytes(std::span(row.record));
-    EXPECT_EQ(DecodeLogitechRecord(bytes.first<16>()), row.values) << Readable(row.record);
-  }
-}
-
 TEST(LogitechMountings, TurnThePose) {
   const Pose pose{1, 2, 3, static_cast<float>(kPi / 2), 0.25F, 0.5F};
   const float quarter = static_cast<float>(kPi / 2);
@@ -264,8 +247,6 @@ INSTANTIATE_TEST_SUITE_P(
         FrameStory{
             "MoreNoiseThanARecord", kAsked + Send(std::string(20, 'n')) + kAsked + Send(kOne), {1}},
         FrameStory{"CutThenTheNext", kAsked + Send(kOne.substr(0, 9) + Record(2)), {2}},
-        FrameStory{
-            "CutThenSilence", kAsked + Send(kOne.substr(0, 9)) + kAsked + Send(Record(2)), {2}},
         FrameStory{"NotValid", kAsked + Send(Record(7, '\xA0')) + kAsked + Send(kOne), {1}}),
     [](const auto& row) { return std::string(row.param.name); });
 
@@ -292,13 +273,6 @@ TEST_F(LogitechOnALine, AFailedFrameLeavesThePose) {
   EXPECT_EQ(device_.InputQueueLength(), 0U);
   EXPECT_EQ(device_.OwnButtons().bits, 0x23U);
   EXPECT_FLOAT_EQ(device_.GetSensorPose(0)[0], 0.00254F);
-}
-
-TEST_F(LogitechOnALine, APulledPlugFailsAtOnce) {
-  ASSERT_EQ(Boot(kBoot), kBooted);
-  line_.HangUp();
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
-  EXPECT_TRUE(device_.LineLost());
 }
 
 TEST_F(LogitechOnALine, AnglesAreWrapped) {
@@ -364,22 +338,6 @@ TEST_F(LogitechOnALine, OffsetsFollowTheMounting) {
   EXPECT_EQ(device_.SetAlignment(0, tilted, y), 0);
   EXPECT_EQ(device_.SetAlignment(1, x, y), 0);
   EXPECT_EQ(device_.GetProtocol(), 1);
-}
-
-TEST_F(LogitechOnALine, OffsetComponents) {
-  ASSERT_EQ(Boot(kBoot), kBooted);
-  for (unsigned component = 0; component < 6; ++component) {
-    EXPECT_TRUE(device_.SetSensorOffsetComponent(0, component, 0.5 + component / 10.0));
-  }
-  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 7, 1.0));
-  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 10, 1.0));
-  EXPECT_FALSE(device_.SetSensorOffsetComponent(1, 0, 9.0));
-  device_.SetProtocol(5);  // unknown mounting: the pose stays as it is read
-  const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
-  for (std::size_t i = 0; i < 6; ++i) {
-    EXPECT_FLOAT_EQ(pose[i], 0.5F + static_cast<float>(i) / 10) << i;
-    EXPECT_FLOAT_EQ(device_.GetSensorOffset(0)[i], 0.5F + static_cast<float>(i) / 10) << i;
-  }
 }
 
 }  // namespace

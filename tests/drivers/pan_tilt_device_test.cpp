@@ -43,26 +43,6 @@ class HeadOnALine : public DeviceOnALine<PanTiltDevice> {
 
 // ---- Decoding ------------------------------------------------------------------------------
 
-TEST(PanTiltAnswer, FurtherWordsOverwriteTheLastPlace) {
-  struct Row {
-    std::string bytes;
-    std::size_t count;
-    std::array<int, kPanTiltWords> words;
-  };
-  std::string many;
-  for (int i = 0; i < 12; ++i) many += Word(i);
-  const Row rows[] = {{"", 0, {}},
-                      {"\x01", 0, {}},
-                      {"\x01\x02\x03", 1, {0x201}},
-                      {"\xFF\xFF\x00\x80"s, 2, {-1, -32768}},
-                      {many, 12, {0, 1, 2, 3, 4, 5, 6, 7, 8, 11}}};
-  for (const Row& row : rows) {
-    std::array<int, kPanTiltWords> words{};
-    EXPECT_EQ(DecodePanTilt(std::as_bytes(std::span(row.bytes)), words), row.count);
-    EXPECT_EQ(words, row.words) << Readable(row.bytes);
-  }
-}
-
 // ---- Boot ----------------------------------------------------------------------------------
 
 class HeadBoot : public HeadOnALine, public testing::WithParamInterface<BootStory> {};
@@ -119,15 +99,6 @@ TEST_F(HeadOnALine, TheStatusIsTheLengthOfTheAnswer) {
     EXPECT_STREQ(text, row.text);
     EXPECT_EQ(peer.Verdict(), "");
   }
-}
-
-TEST_F(HeadOnALine, AStatusTextNeedsRoom) {
-  char text[40] = "as it was";
-  EXPECT_EQ(device_.QueryStatus(text, 32), 0);
-  EXPECT_STREQ(text, "as it was");
-  EXPECT_EQ(device_.QueryStatus(text, 33), 0);
-  EXPECT_STREQ(text, "Encoders only enabled.  0 bytes ");
-  EXPECT_EQ(device_.QueryStatus(nullptr, 100), 0);
 }
 
 // ---- Frames --------------------------------------------------------------------------------

@@ -83,10 +83,10 @@ inline void ExpectDialogue(const std::function<DeviceBench()>& make,
   DeviceBench bench = make();
   DeviceBench slow = make();
   for (const auto& [host, device] : exchanges) {
-    EXPECT_EQ(bench.Ask(host), device) << host;
+    EXPECT_EQ(bench.Ask(host, milliseconds(400)), device) << host;
     std::string got;
-    for (const char byte : host) got += slow.Ask({&byte, 1}, milliseconds(1));
-    EXPECT_EQ(got + slow.Collect(milliseconds(200)), device) << host << ", byte by byte";
+    for (const char byte : host) got += slow.Ask({&byte, 1}, milliseconds(400));
+    EXPECT_EQ(got + slow.Collect(milliseconds(400)), device) << host << ", byte by byte";
   }
 }
 

@@ -87,32 +87,6 @@ class Host {
 
 constexpr std::size_t kStatusLength = 55;
 
-TEST(Emulator, AnswersOnARealPort) {
-  const EmulatorThread emulator = StartFastrak({});
-  Host host(emulator->Port());
-  EXPECT_EQ(host.Ask("S", kStatusLength).substr(0, 3), "21S");
-  EXPECT_EQ(host.Ask("O1,2\rl2,0\rl3,0\rl4,0\rl1\r", 9), "21l1000\r\n");
-}
-
-// Every frame once and in order, at the device's rate.
-TEST(Emulator, StreamsAtItsRateWithoutALoss) {
-  const EmulatorThread emulator = StartFastrak({});
-  Host host(emulator->Port());
-  host.Ask("O1,2,1\rO2,2,1\rl3,0\rl4,0\rul1\r", 9);
-  const auto start = std::chrono::steady_clock::now();
-  constexpr std::size_t frames = 120;
-  constexpr std::size_t length = 3 + 21 + 2;
-  const std::string text = host.Ask("C", 2 * frames * length);
-  const auto time = std::chrono::steady_clock::now() - start;
-  ASSERT_GE(text.size(), 2 * frames * length);
-  for (std::size_t i = 0; i < 2 * frames; ++i) {
-    ASSERT_EQ(text.substr(i * length, 2), i % 2 == 0 ? "01" : "02");
-    ASSERT_EQ(RampFrame(std::stod(text.substr(i * length + 3, 7)), -50), i / 2);
-  }
-  EXPECT_GT(time, milliseconds(1990));  // 240 records at 120 a second
-  EXPECT_EQ(emulator->BytesLost(), 0U);
-}
-
 TEST(Emulator, WhatIsSentToNobodyWaitsForNobody) {
   const EmulatorThread emulator = StartFastrak({}, {.receivers = 1});
   { Host(emulator->Port()).Ask("uC", 100); }
@@ -122,14 +96,6 @@ TEST(Emulator, WhatIsSentToNobodyWaitsForNobody) {
   const std::size_t record = text.find("\r\n01 ");
   ASSERT_NE(record, std::string::npos);
   EXPECT_GT(RampFrame(std::stod(text.substr(record + 5, 7)), -50), sent + 50);
-}
-
-TEST(Emulator, AtAWrongRateTheHostHearsNoise) {
-  const EmulatorThread emulator = StartFastrak({}, {.start = FastrakStart::Streaming});
-  Host host(emulator->Port(), 9600);
-  // What came before the rate was set may be sound.
-  host.ReadUntil(100);
-  EXPECT_EQ(host.ReadUntil(2000).find("01 "), std::string::npos);
 }
 
 TEST(Emulator, UnpluggedThePortIsGoneAndComesBackUnderItsLink) {
@@ -203,15 +169,6 @@ TEST(KinetrelEmulate, RefusesWhatItDoesNotKnow) {
     EXPECT_TRUE(program.ExpectError(row.complaint)) << program.error();
     EXPECT_EQ(program.Wait(), 2) << row.complaint;
   }
-}
-
-TEST(KinetrelEmulate, HelpTellsDevicesAndTheirOptions) {
-  ChildProcess all("kinetrel-emulate", {"--help"});
-  EXPECT_TRUE(all.ExpectOutput("fastrak"));
-  EXPECT_EQ(all.Wait(), 0);
-  ChildProcess one("kinetrel-emulate", {"fastrak", "--help"});
-  EXPECT_TRUE(one.ExpectOutput("--sticky-errors"));
-  EXPECT_EQ(one.Wait(), 0);
 }
 
 }  // namespace

@@ -10,17 +10,6 @@
 namespace kinetrel::test {
 namespace {
 
-TEST(Motion, TheRampTellsItsFrameAtTheCoarsestPrecision) {
-  const auto ramp = MakeRamp();
-  const double step = 300.0 / 8192;
-  for (const std::uint64_t frame : {0ULL, 1ULL, 1999ULL, 2000ULL, 123456ULL, 3999999ULL}) {
-    const MotionPose pose = ramp->At(3, frame, 0);
-    EXPECT_EQ(pose.y, 40);
-    EXPECT_EQ(RampFrame(pose.x, pose.z), frame);
-    EXPECT_EQ(RampFrame(std::round(pose.x / step) * step, std::round(pose.z / step) * step), frame);
-  }
-}
-
 TEST(Motion, ACircleHasItsRadiusAndPeriod) {
   const auto motion = ParseMotion("circle:25,4").motion;
   ASSERT_TRUE(motion);

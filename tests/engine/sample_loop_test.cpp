@@ -113,19 +113,23 @@ TEST_F(Sampling, PublishesWhatTheDeviceDelivers) {
 }
 
 TEST_F(Sampling, AzimuthZeroShiftsEverySensorAndNothingElse) {
-  script_.readFrame = Deliver(1);
+  script_.readFrame = Deliver(3);
   Start([](StartConfig& config) {
-    config.sensorMask = 1;
+    config.sensorMask = 3;
     config.componentMask = 7;
   });
   AwaitFrames(3);
   engine_->ZeroAzimuth();
-  const SharedTrackBlock zeroed =
-      Await([](const SharedTrackBlock& block) { return block.poses[0][3] == 0.0F; });
-  EXPECT_EQ(std::to_array(zeroed.poses[0]), (std::array<float, 6>{1, 2, 3, 0, 5, 6}));
+  // The sensor written last, at 50 degrees, becomes zero; the other is turned with it.
+  const SharedTrackBlock zeroed = Await([](const SharedTrackBlock& block) {
+    return block.poses[0][3] == -20.0F && block.poses[1][3] == 0.0F;
+  });
+  EXPECT_EQ(std::to_array(zeroed.poses[0]), (std::array<float, 6>{1, 2, 3, -20, 5, 6}));
   EXPECT_EQ(std::to_array(zeroed.quaternions[0]), (std::array<float, 4>{0.5F, 0.5F, 0.5F, 0.5F}));
   engine_->RestoreAzimuth();
-  Await([](const SharedTrackBlock& block) { return block.poses[0][3] == 30.0F; });
+  Await([](const SharedTrackBlock& block) {
+    return block.poses[0][3] == 30.0F && block.poses[1][3] == 50.0F;
+  });
 }
 
 struct ComponentCase {

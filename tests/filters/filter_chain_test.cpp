@@ -82,29 +82,6 @@ TEST(Filter, EveryOperationGivesTheSamePoseAndStoresIt) {
   EXPECT_EQ(p, (Xyz{4, 8, 12}));
 }
 
-TEST(Filter, ADisabledFilterStoresThePoseUnchanged) {
-  Stretch filter(2);
-  filter.Enable(false);
-  Xyz p = {1, 2, 3};
-  Xyz angles = {0.1F, 0.2F, 0.3F};
-  filter.SetPositionEuler(p.data(), angles.data());
-  EXPECT_EQ(p, (Xyz{1, 2, 3}));
-  EXPECT_EQ(angles, (Xyz{0.1F, 0.2F, 0.3F}));
-  EXPECT_EQ(filter.position(), p);
-  EXPECT_LT(Distance(test::RotationOf(filter.orientation()), test::RotationOf(angles)), 1e-6);
-  filter.FilterPosition(p.data());
-  EXPECT_EQ(p, (Xyz{1, 2, 3}));
-}
-
-TEST(Filter, NamesAreCutAt63) {
-  Stretch filter(1);
-  EXPECT_STREQ(filter.GetName(), "");
-  filter.SetName(std::string(200, 'n').c_str());
-  EXPECT_EQ(filter.GetName(), std::string(63, 'n'));
-  filter.SetName(nullptr);
-  EXPECT_EQ(filter.GetName(), std::string(63, 'n'));
-}
-
 // ---- A chain -------------------------------------------------------------------------------
 
 class Chain : public testing::Test {
@@ -176,12 +153,6 @@ TEST_F(Chain, FiltersAreFoundAndRemovedByIndex) {
   EXPECT_EQ(Through(chain_, 2), 2);
 }
 
-TEST_F(Chain, NoFilterIsAddedByType) {
-  for (const int type : {0, 3, 9, -1}) EXPECT_EQ(chain_.AddFilter(type), -1);
-  EXPECT_EQ(chain_.Append(nullptr), -1);
-  EXPECT_EQ(chain_.GetNumFilters(), 3);
-}
-
 TEST_F(Chain, CopiesHaveFiltersOfTheirOwn) {
   chain_.GetFilter(0)->Enable(false);
   chain_.Enable(false);
@@ -205,18 +176,6 @@ TEST_F(Chain, CopiesHaveFiltersOfTheirOwn) {
   chain_ = itself;
   EXPECT_EQ(chain_.GetNumFilters(), 3);
   EXPECT_EQ(alive_, 1);
-}
-
-TEST(FilterChain, HasNoAttributes) {
-  FilterChain chain;
-  int number = 7;
-  AttributeInfo row{.id = 7};
-  EXPECT_FALSE(chain.GetNumAvailableAttributes(&number));
-  EXPECT_FALSE(chain.GetAvailableAttributes(1, &row));
-  EXPECT_FALSE(chain.GetAttributeInt(0, &number));
-  EXPECT_FALSE(chain.SetAttributeInt(0, 1));
-  EXPECT_EQ(number, 7);
-  EXPECT_EQ(row.id, 7);
 }
 
 }  // namespace

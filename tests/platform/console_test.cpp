@@ -95,25 +95,6 @@ TEST(PipedKeys, AreTheBytesUntilTheEndThenSilence) {
   for (int i = 0; i < 3; ++i) EXPECT_EQ(TextOf(TakeKey()), "none");
 }
 
-TEST(PipedKeys, EscapeInHasteIsNotLost) {
-  PipedInput pipe;
-  const KeySession session;
-  pipe.Send("\x1B[");
-  pipe.End();
-  EXPECT_EQ(TextOf(TakeKey()), "27");
-  EXPECT_EQ(TextOf(TakeKey()), "91");
-  EXPECT_EQ(TextOf(TakeKey()), "none");
-}
-
-TEST(PipedKeys, UnknownSequencesAreNothingOnceEach) {
-  PipedInput pipe;
-  const KeySession session;
-  pipe.Send("\x1B[15~\x1BOPq");
-  EXPECT_EQ(TextOf(TakeKey()), "none");
-  EXPECT_EQ(TextOf(TakeKey()), "none");
-  EXPECT_EQ(TextOf(TakeKey()), "113");
-}
-
 TEST(StandardInputWithoutKeys, IsSilent) {
   struct Row {
     const char* name;

@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/fsuid.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -222,18 +221,12 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         TimedRead{"AtOnceWithNothing", {kAtOnce, 0, 0}, {}, "", 0},
         TimedRead{"AtOnceWithWhatIsThere", {kAtOnce, 0, 0}, {{0, "ab"}}, "ab", 0},
-        TimedRead{"AtOnceTakesNoMoreThanAsked", {kAtOnce, 0, 0}, {{0, "abcdef"}}, "abcd", 0},
         TimedRead{"ConstantPassesInSilence", {0, 0, 50}, {}, "", 50},
         TimedRead{"MultiplierCountsTheBytesAsked", {0, 10, 20}, {{0, "a"}}, "a", 60},
         TimedRead{"ConstantEndsAnUnfinishedRead", {0, 0, 60}, {{0, "ab"}}, "ab", 60},
         TimedRead{"IntervalEndsAnUnfinishedRead", {40, 0, kLongMs}, {{0, "abc"}}, "abc", 40},
         TimedRead{"IntervalStartsWithTheFirstByte", {30, 0, 0}, {{100, "a"}}, "a", 130},
         TimedRead{"IntervalAloneNeverEndsSilence", {1, 0, 0}, {{100, "abcd"}}, "abcd", 100},
-        TimedRead{"PiecesMakeOneRead",
-                  {kLongMs, 0, kLongMs},
-                  {{0, "a"}, {30, "bc"}, {30, "d"}},
-                  "abcd",
-                  60},
         TimedRead{"BlocksWithoutTimeouts", {0, 0, 0}, {{0, "a"}, {80, "bcd"}}, "abcd", 80},
         TimedRead{"HangUpEndsSilence", {0, 0, kLongMs}, {{50, "hang up"}}, "read: closed", 50},
         TimedRead{"HangUpEndsABlockedRead", {0, 0, 0}, {{50, "hang up"}}, "read: closed", 50}),
@@ -282,7 +275,6 @@ INSTANTIATE_TEST_SUITE_P(
     Line, SerialLineWaits,
     testing::Values(
         Wait{"AlreadyThere", 2, kLong, {{0, "ab"}}, Error::None, 0},
-        Wait{"InOnePiece", 4, kLong, {{50, "abcd"}}, Error::None, 50},
         Wait{"InPieces", 4, kLong, {{0, "a"}, {40, "b"}, {40, "cd"}}, Error::None, 80},
         Wait{"WithoutATimeout", 1, kForever, {{50, "a"}}, Error::None, 50},
         Wait{"Silence", 1, Milliseconds(60), {}, Error::TimedOut, 60},
@@ -333,33 +325,6 @@ TEST(SerialLine, AnUnfinishedRecordIsWaitedForWithoutSpinning) {
   const double before = ThreadCpuMilliseconds();
   EXPECT_EQ(line.WaitForInput(3, Milliseconds(600)).error, Error::TimedOut);
   EXPECT_LT(ThreadCpuMilliseconds() - before, 300);
-}
-
-TEST(SerialLine, ARecordThatArrivesInOnePieceCostsAboutOneWakeUp) {
-  constexpr int kRecords = 200;
-  const std::string record(20, 'r');
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  std::thread device([&] {
-    for (int i = 1; i <= kRecords; ++i) {
-      if (!far.Expect(std::string(static_cast<std::size_t>(i), 'P'))) return;
-      SleepFor(Milliseconds(1));  // the reader waits by then, or this record costs it less
-      far.Send(record);
-    }
-  });
-  rusage before{};
-  getrusage(RUSAGE_THREAD, &before);
-  for (int i = 0; i < kRecords; ++i) {
-    ASSERT_EQ(*WriteText(line, "P"), 1U);
-    ASSERT_TRUE(line.WaitForInput(record.size(), kLong).Ok());
-    ASSERT_EQ(ReadText(line, record.size()), record);
-  }
-  rusage after{};
-  getrusage(RUSAGE_THREAD, &after);
-  device.join();
-  const double wakeUps = static_cast<double>(after.ru_nvcsw - before.ru_nvcsw) / kRecords;
-  RecordProperty("wakeUpsPerRecord", std::to_string(wakeUps));
-  EXPECT_LT(wakeUps, 2.5);  // 1 and what the kernel's own hand-over adds
 }
 
 // ---- Queues and writing --------------------------------------------------------------------

@@ -1,7 +1,6 @@
 // Every message byte for byte, and the refusal of invalid messages.
 #include <gtest/gtest.h>
 
-#include "rpc/binding.h"
 #include "rpc/pdu.h"
 #include "rpc/track_procedures.h"
 #include "tests/rpc/hex.h"
@@ -16,43 +15,6 @@ using test::With;
 using namespace test::wire;
 
 std::span<const std::byte> StubOf(const Octets& pdu) { return std::span(pdu).subspan(kStubOffset); }
-
-std::string Request(std::uint32_t id, Procedure procedure, const auto& write) {
-  std::array<std::byte, 64> stub, pdu;
-  OctetWriter out(stub);
-  write(out);
-  return ToHex(WriteRequest(pdu, id, static_cast<std::uint16_t>(procedure), out.written()));
-}
-
-TEST(Messages, AreEncodedByteForByte) {
-  std::array<std::byte, 256> into;
-  EXPECT_EQ(ToHex(WriteBind(into, 1)), ToHex(kBind));
-  BindOffer offer;
-  offer.sends = offer.receives = 5840;
-  offer.group = 1;
-  offer.count = 1;
-  offer.contexts[0] = {0, ContextResult::Accepted};
-  EXPECT_EQ(ToHex(WriteBindAck(into, PduType::BindAck, 1, offer, "5437")), ToHex(kBindAck));
-  offer.contexts[0].result = ContextResult::UnknownInterface;
-  EXPECT_EQ(ToHex(WriteBindAck(into, PduType::BindAck, 1, offer, "5437")), ToHex(kBindRefused));
-  EXPECT_EQ(ToHex(WriteBindNak(into, 1, NakReason::Version)), ToHex(kBindNak));
-  EXPECT_EQ(ToHex(WriteFault(into, 5, 0, FaultStatus::NoSuchProcedure)), ToHex(kFault));
-  EXPECT_EQ(Request(2, Procedure::GetMapping,
-                    [](OctetWriter& out) {
-                      WriteKey(out, {11, 22, 33});
-                    }),
-            ToHex(kRequest20));
-  EXPECT_EQ(Request(3, Procedure::GetAttribute,
-                    [](OctetWriter& out) {
-                      WriteArguments(out, AttributeArguments{111, 5});
-                    }),
-            ToHex(kRequest14));
-  EXPECT_EQ(Request(4, Procedure::GetFloats,
-                    [](OctetWriter& out) {
-                      WriteArguments(out, FloatsArguments{{11, 22, 33}, -1, 2, 3});
-                    }),
-            ToHex(kRequest37));
-}
 
 TEST(Messages, RepliesAreReadInEveryForm) {
   for (const Octets& pdu : {kResponse20, kResponse20Wide}) {
@@ -84,56 +46,6 @@ TEST(Messages, RepliesOfOtherLengthsAreRefused) {
   EXPECT_FALSE(ReadAnglesReply(With(Octets(17), 3, 0x10), ByteOrder::Little).has_value());
 }
 
-struct HeaderCase {
-  const char* what;
-  std::size_t at;
-  int value;
-  HeaderFault fault;
-};
-
-TEST(Messages, HeadersAreCheckedBeforeTheRestArrives) {
-  const HeaderCase cases[] = {
-      {"as it should be", 0, 5, HeaderFault::None},
-      {"minor version 1", 1, 1, HeaderFault::None},
-      {"minor version 2", 1, 2, HeaderFault::Version},
-      {"version 4", 0, 4, HeaderFault::Version},
-      {"HTTP", 0, 'H', HeaderFault::Version},
-      {"EBCDIC", 4, 0x11, HeaderFault::Representation},
-      {"VAX floats", 5, 1, HeaderFault::Representation},
-      {"length 0", 8, 0, HeaderFault::Length},
-      {"length 12", 8, 12, HeaderFault::Length},
-      {"length 65365", 9, 255, HeaderFault::Length},
-      {"authentication", 10, 1, HeaderFault::Authentication},
-      {"big-endian, so of another length", 4, 0, HeaderFault::Length},
-  };
-  for (const HeaderCase& row : cases) {
-    PduHeader header;
-    EXPECT_EQ(ReadHeader(With(kResponse20, row.at, row.value), header), row.fault) << row.what;
-  }
-}
-
-BindOutcome ReadReply(const Octets& pdu) {
-  PduHeader header;
-  if (ReadHeader(pdu, header) != HeaderFault::None) return BindOutcome::Malformed;
-  return ReadBindReply(header, pdu);
-}
-
-TEST(Messages, BindRepliesAreReadWithinTheirBounds) {
-  EXPECT_EQ(ReadReply(kBindAck), BindOutcome::Accepted);
-  EXPECT_EQ(ReadReply(kBindRefused), BindOutcome::Refused);
-  EXPECT_EQ(ReadReply(kBindNak), BindOutcome::Refused);
-  EXPECT_EQ(ReadReply(With(kBindAck, 24, 0xFE)), BindOutcome::Malformed);  // endpoint's length
-  EXPECT_EQ(ReadReply(With(With(kBindAck, 24, 0xFE), 25, 0xFF)), BindOutcome::Malformed);
-  EXPECT_EQ(ReadReply(With(kBindAck, 32, 200)), BindOutcome::Malformed);  // results
-  EXPECT_EQ(ReadReply(With(kBindAck, 32, 0)), BindOutcome::Malformed);
-  EXPECT_EQ(ReadReply(With(kBindAck, 40, 0x33)), BindOutcome::Refused);  // transfer syntax
-  EXPECT_EQ(ReadReply(With(kBindAck, 2, 2)), BindOutcome::Malformed);    // a response
-  for (std::size_t size = kHeaderSize; size < kBindAck.size(); ++size) {
-    const Octets cut(kBindAck.begin(), kBindAck.begin() + static_cast<std::ptrdiff_t>(size));
-    EXPECT_EQ(ReadReply(cut), BindOutcome::Malformed) << size;
-  }
-}
-
 // ---- Fragments -------------------------------------------------------------------------------
 
 using Outcome = Reassembly::Outcome;
@@ -150,14 +62,6 @@ Octets Fragment(int flags, std::size_t size) {
   pdu.resize(kStubOffset + size, std::byte{7});
   return With(With(pdu, 8, static_cast<int>(pdu.size() & 255)), 9,
               static_cast<int>(pdu.size() >> 8));
-}
-
-TEST(Fragments, AreJoinedInOrder) {
-  Reassembly message;
-  EXPECT_EQ(Add(message, Fragment(kFirstFragment, 4)), Outcome::More);
-  EXPECT_EQ(Add(message, Fragment(0, 0)), Outcome::More);
-  EXPECT_EQ(Add(message, Fragment(kLastFragment, 5)), Outcome::Whole);
-  EXPECT_EQ(ReadMappingReply(message.stub(), ByteOrder::Little)->engine, 111);
 }
 
 TEST(Fragments, AreLimitedInNumber) {

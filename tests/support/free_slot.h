@@ -1,7 +1,10 @@
-// A shared-memory device number that no other test and no running program uses.
+// A shared-memory device number that no other test and no running program uses, and the arguments
+// of a program that publishes there.
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 namespace kinetrel::test {
 
@@ -22,5 +25,13 @@ class FreeSlot {
   int device_ = -1;
   std::intptr_t lock_ = -1;
 };
+
+// Runs the program with the simulated tracker on `slot`.
+inline std::vector<std::string> Simulated(const FreeSlot& slot,
+                                          std::vector<std::string> more = {}) {
+  std::vector<std::string> arguments = {"-d8", "-z-", "-w" + std::to_string(slot.slot())};
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  return arguments;
+}
 
 }  // namespace kinetrel::test

@@ -1,5 +1,8 @@
-// A tracker's writing side in the test's own process, and blocks that no honest writer makes.
+// kinetrel-watch in a process of its own, the tracker that it watches in this one, and blocks that
+// no honest writer makes.
 #pragma once
+
+#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
@@ -7,10 +10,14 @@
 #include <limits>
 #include <memory>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "publish/shared_track_writer.h"
+#include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
 #include "tests/support/wait_until.h"
 
@@ -63,7 +70,7 @@ class Tracker {
     if (!writer_.OpenAll()) throw std::runtime_error("no shared memory");
   }
 
-  // False when the bin was not to be had within 5 s. frame: as the writer's Publish.
+  // False when another process held the bin for 5 s. frame: as the writer's Publish.
   bool Publish(void (*fill)(SharedTrackBlock&) = FillBlock, int frame = 0) {
     if (!writer_.Lock(Milliseconds(5000))) return false;
     const int count = writer_.block()->frameCount;
@@ -80,6 +87,62 @@ class Tracker {
 
  private:
   SharedTrackWriter writer_;
+};
+
+class PseudoTerminal;
+
+using Strings = std::vector<std::string>;
+
+inline bool Contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+inline int Occurrences(const std::string& text, const std::string& part) {
+  int count = 0;
+  for (std::size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+inline Strings Lines(const std::string& text) {
+  std::istringstream stream(text);
+  Strings lines;
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
+  return lines;
+}
+
+class Watch : public testing::Test {
+ protected:
+  std::unique_ptr<ChildProcess> Start(Strings arguments = {}) const {
+    return std::make_unique<ChildProcess>("kinetrel-watch", WithSlot(std::move(arguments)));
+  }
+
+  // On a terminal.
+  std::unique_ptr<ChildProcess> Start(PseudoTerminal& terminal, Strings arguments = {}) const {
+    return std::make_unique<ChildProcess>(
+        "kinetrel-watch", WithSlot(std::move(arguments)),
+        ChildProcess::Options{.terminal = &terminal, .environment = {{"TERM", "xterm"}}});
+  }
+
+  std::unique_ptr<ChildProcess> StartWriter(const std::string& periodMs) const {
+    return std::make_unique<ChildProcess>("kinetrel-test-writer",
+                                          Strings{std::to_string(slot_.device()), periodMs});
+  }
+
+  void OpenTracker() { tracker_ = std::make_unique<Tracker>(slot_); }
+
+  bool PublishUntilShown(ChildProcess& watch) {
+    return tracker_->PublishUntil([&] { return !watch.output().empty(); });
+  }
+
+  Strings WithSlot(Strings arguments) const {
+    arguments.insert(arguments.end(), {"--slot", std::to_string(slot_.slot())});
+    return arguments;
+  }
+
+  FreeSlot slot_;
+  std::unique_ptr<Tracker> tracker_;
 };
 
 }  // namespace kinetrel::test

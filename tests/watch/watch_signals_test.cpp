@@ -10,7 +10,7 @@
 #include <string>
 
 #include "tests/support/pseudo_terminal.h"
-#include "tests/watch/watch_run.h"
+#include "tests/watch/tracker.h"
 
 namespace kinetrel::test {
 namespace {

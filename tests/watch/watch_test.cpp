@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/watch/watch_run.h"
+#include "tests/watch/tracker.h"
 
 namespace kinetrel::test {
 namespace {

@@ -11,7 +11,6 @@
 
 #include "platform/joystick.h"
 #include "publish/shared_track_reader.h"
-#include "tests/app/simulated.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
 #include "tests/support/peer_world.h"
@@ -51,53 +50,6 @@ TEST(WholeRun, AllSixteenSlotsAtOnce) {
   }
   for (const auto& tracker : trackers) End(*tracker);
   EXPECT_FALSE(InSystem("KinetrelShMem00")) << "the last user has gone";
-}
-
-TEST(WholeRun, TheReaderMayComeFirst) {
-  const FreeSlot slot;
-  const auto watch = StartWatch(slot.slot(), {"--frames", "3"});
-  ASSERT_TRUE(watch->ExpectError("waiting for a tracker"));
-  const auto tracker = StartTracker(slot.slot());
-  EXPECT_EQ(watch->Wait(), 0);
-  End(*tracker);
-}
-
-TEST(WholeRun, AKilledTrackerIsFollowedByTheNext) {
-  const FreeSlot slot;
-  const auto watch = StartWatch(slot.slot());
-  for (int round = 0; round < 3; ++round) {
-    const auto tracker = StartTracker(slot.slot());
-    const std::size_t before = watch->output().size();
-    EXPECT_TRUE(WaitUntil([&] { return watch->output().size() > before; })) << round;
-    tracker->Kill();
-  }
-  const auto last = StartTracker(slot.slot());
-  ASSERT_TRUE(last->ExpectError(kRunning));
-  EXPECT_EQ(last->error().find("written by another program"), std::string::npos);
-  End(*last);
-  EXPECT_TRUE(watch->ExpectError("has closed"));
-}
-
-TEST(WholeRun, AKilledReaderCostsTheTrackerNothing) {
-  const FreeSlot slot;
-  const auto tracker = StartTracker(slot.slot());
-  for (int round = 0; round < 5; ++round) {
-    const auto watch = StartWatch(slot.slot());
-    ASSERT_TRUE(watch->ExpectOutput("frame "));
-    watch->Kill();
-  }
-  EXPECT_EQ(StartWatch(slot.slot(), {"--once", "--timeout", "20"})->Wait(), 0);
-  End(*tracker);
-}
-
-// A client that knows the published names and layout, and no library of ours.
-TEST(WholeRun, AClientOfTheSystemsOwnCallsReadsIt) {
-  const FreeSlot slot;
-  const auto tracker = StartTracker(slot.slot());
-  ChildProcess client("kinetrel-minimal-client", {std::to_string(slot.slot()), "0", "10"});
-  EXPECT_EQ(client.Wait(), 0);
-  EXPECT_NE(client.output().find(" position "), std::string::npos);
-  End(*tracker);
 }
 
 TEST(WholeRun, IsOfHighPriority) {

@@ -1,4 +1,4 @@
-// Real connections on loopback, and what becomes of a step whose far end does not play along.
+// Sockets on loopback, and what becomes of a step whose far end does not play along.
 #include "platform/stream_socket.h"
 
 #include <gtest/gtest.h>
@@ -7,6 +7,7 @@
 #include <string_view>
 #include <thread>
 
+#include "platform/datagram_socket.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {
@@ -68,16 +69,6 @@ TEST_F(Pair, WaitsNoLongerThanTheDeadline) {
   EXPECT_LT(steady_clock::now() - start, kPatience);
 }
 
-TEST_F(Pair, IsWaitedForTogetherWithOthers) {
-  std::array<StreamWait, 2> waits = {{{&*near_, false}, {&*far_, true}}};
-  WaitForStreams(&listener_, waits, kPatience);
-  EXPECT_FALSE(waits[0].ready);
-  EXPECT_TRUE(waits[1].ready);
-  ASSERT_TRUE(far_->Send(Bytes("x"), Deadline(kPatience)).Ok());
-  WaitForStreams(nullptr, std::span(waits).first(1), kPatience);
-  EXPECT_TRUE(waits[0].ready);
-}
-
 TEST(StreamConnector, TellsWhyThereIsNoConnection) {
   StreamConnector connector;
   std::uint16_t port = 0;
@@ -104,11 +95,19 @@ TEST(StreamConnector, DoesNotWaitForALookUpBeyondTheDeadline) {
   }
 }
 
-TEST(StreamConnector, FindsTheMachineByName) {
-  const auto listener = StreamListener::Open("127.0.0.1", 0);
-  ASSERT_TRUE(listener.Ok());
-  StreamConnector connector;
-  EXPECT_TRUE(connector.Connect("localhost", listener->port(), Deadline(kPatience)).Ok());
+TEST(DatagramSocket, BroadcastsOnlyWhereAllowed) {
+  auto receiver = DatagramSocket::Open(0);
+  auto sender = DatagramSocket::Open(0);
+  ASSERT_TRUE(receiver.Ok() && sender.Ok());
+  const auto send = [&](const char* to) {
+    return sender->Send(to, receiver->port(), Bytes("abc"));
+  };
+  EXPECT_EQ(send("nowhere").error, Error::Invalid);
+  EXPECT_EQ(send("127.255.255.255").error, Error::Denied);
+  ASSERT_TRUE(sender->AllowBroadcast());
+  ASSERT_TRUE(send("127.255.255.255").Ok());
+  std::array<std::byte, 10> into;
+  EXPECT_TRUE(WaitUntil([&] { return receiver->Receive(into).Ok(); }));
 }
 
 }  // namespace
