@@ -109,6 +109,7 @@ int FastrakDevice::SetProtocol(int protocol) {
   const bool bits14 = protocol == static_cast<int>(FastrakProtocol::Bits14);
   if (IsFastrakClass()) {
     if (protocol == static_cast<int>(FastrakProtocol::Bits16)) return 0;
+    if (bits14 && Model() != kFastrakProper) return 0;  // InterSense units have no such records
     const char* const plain = bits14 ? "O1,18,19\r" : "O1,2,4\r";
     const char* const ended = bits14 ? "O1,18,19,1\r" : "O1, 2, 4,1\r";
     SendStationCommand(crLf_ != 0 ? ended : plain, kAllStations, 0);

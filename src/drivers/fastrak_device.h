@@ -81,7 +81,8 @@ class FastrakDevice final : public TrackerDevice {
   // Before boot the setting is only stored; Boot uses it. Returns 1.
   int SetCrLf(int on) override;
 
-  // 1: 14 bit, 2: 16 bit, 3: 32 bit. The FASTRAK class refuses 2, the IsoTRAK class takes 3 for 2.
+  // 1: 14 bit, 2: 16 bit, 3: 32 bit. The FASTRAK class refuses 2, its InterSense units also 1; the
+  // IsoTRAK class takes 3 for 2.
   // Returns the protocol now in force; 0 for a refusal and before boot.
   int SetProtocol(int protocol) override;
 

@@ -142,7 +142,9 @@ bool IntertraxDevice::SetLine(int baud, unsigned rts) {
 }
 
 void IntertraxDevice::SetTimeouts() {
-  const int step = kTimedBytes * 10000 / static_cast<int>(GetBaudRate()) + 1;
+  const int baud = static_cast<int>(GetBaudRate());
+  if (baud <= 0) return;  // the port was never opened
+  const int step = kTimedBytes * 10000 / baud + 1;
   SetReadTimeouts(3 * step, step, 2 * step);
 }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <optional>
 #include <sstream>
+#include <utility>
 
 namespace kinetrel {
 namespace {
@@ -59,12 +60,13 @@ BootResult RelayDevice::Boot(int) {
   const char* const wanted = std::getenv(kVariable);
   if (!hasTarget_ && wanted != nullptr) SetControlString(wanted);
   if (!hasTarget_) {
-    Report("No service to follow: set KINETREL_RELAY or the control string to host:a, b, c.");
+    ReportTrouble(
+        "No service to follow: set KINETREL_RELAY or the control string to host:a, b, c.");
   }
   framePeriod_ = Milliseconds(totalFrameRate_ > 0 ? std::max(1, 1000 / totalFrameRate_) : 10);
   // Without a timer the wait in ReadFrame ends at its time-out, and frames come half as often.
   const Status started = frameTimer_.Start(framePeriod_);
-  if (!started.Ok()) Report(started.what);
+  if (!started.Ok()) ReportTrouble(started.what);
   return kBooted;
 }
 
@@ -110,7 +112,7 @@ bool RelayDevice::Connect() {
     reportFailures_ = true;
     return true;
   }
-  if (reportFailures_) Report(problem.data());
+  if (reportFailures_) ReportTrouble(problem.data());
   reportFailures_ = false;
   return false;
 }
@@ -125,6 +127,7 @@ unsigned RelayDevice::FetchAngles() {
   if (!std::all_of(angles.begin(), angles.end(), [](float x) { return std::isfinite(x); }))
     return 0;
   std::copy(angles.begin(), angles.end(), GetSensorEuler(0));
+  ReportReturn();
   return 1;
 }
 
@@ -150,8 +153,15 @@ bool RelayDevice::KeepsConnection(CallResult result) {
   return false;
 }
 
-void RelayDevice::Report(const char* problem) {
+void RelayDevice::ReportTrouble(const char* problem) {
+  inTrouble_ = true;
   if (statusLog_ != nullptr) Announce(*statusLog_, "\n\t", StatusCode::Refused, "%s", problem);
+}
+
+void RelayDevice::ReportReturn() {
+  if (!std::exchange(inTrouble_, false) || statusLog_ == nullptr) return;
+  Announce(*statusLog_, "\n\t", StatusCode::Progress, "MtsService at %s delivers the mapping.",
+           host_.c_str());
 }
 
 void RelayDevice::ReportFault() {
@@ -159,7 +169,7 @@ void RelayDevice::ReportFault() {
   std::array<char, 300> problem;
   std::snprintf(problem.data(), problem.size(), "MtsService at %s answers with fault 0x%08X",
                 host_.c_str(), client_.lastFault());
-  Report(problem.data());
+  ReportTrouble(problem.data());
   reportFault_ = false;
 }
 

@@ -5,7 +5,8 @@
 // slot). Without a control string the environment variable KINETREL_RELAY is used.
 //
 // The connection stays open from frame to frame. After a failure it is made again, at most once a
-// second. No frame takes longer than kFrameTime, whatever the service does.
+// second; the failure and its end are reported once each. No frame takes longer than kFrameTime,
+// whatever the service does.
 #pragma once
 
 #include <string>
@@ -59,8 +60,9 @@ class RelayDevice final : public TrackerDevice {
   unsigned FetchAngles();
   bool CheckMapping();
   bool KeepsConnection(rpc::CallResult result);
-  void Report(const char* problem);
+  void ReportTrouble(const char* problem);
   void ReportFault();
+  void ReportReturn();
 
   rpc::RpcTrackClient client_;
   rpc::TrackKey key_{};
@@ -71,6 +73,7 @@ class RelayDevice final : public TrackerDevice {
   bool reconnect_ = true;
   bool reportFailures_ = true;  // each failure is reported once, until a success
   bool reportFault_ = true;
+  bool inTrouble_ = false;  // a failure was reported, and its end was not
   Deadline rest_{Milliseconds(0)};
   unsigned frameCounter_ = 0;
 };

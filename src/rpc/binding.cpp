@@ -36,20 +36,12 @@ Uuid ReadUuid(OctetReader& in) {
 
 void WriteSyntax(OctetWriter& out, const Syntax& syntax) {
   WriteUuid(out, syntax.uuid);
-  out.Half(syntax.major);
-  out.Half(syntax.minor);
+  out.Word(std::uint32_t{syntax.minor} << 16 | syntax.major);
 }
 
-Syntax ReadInterface(OctetReader& in) {
-  Syntax syntax;
-  syntax.uuid = ReadUuid(in);
-  syntax.major = in.Half();
-  syntax.minor = in.Half();
-  return syntax;
-}
-
-// A transfer syntax has one number for its version, which is in the sender's order as a whole.
-Syntax ReadTransfer(OctetReader& in) {
+// The version is one 32-bit number in the sender's byte order, with the major version in its low
+// half.
+Syntax ReadSyntax(OctetReader& in) {
   Syntax syntax;
   syntax.uuid = ReadUuid(in);
   const std::uint32_t version = in.Word();
@@ -68,9 +60,9 @@ OfferedContext ReadContext(OctetReader& in) {
   context.id = in.Half();
   const int transfers = in.Byte();
   in.Skip(1);
-  const bool served = Serves(ReadInterface(in));
+  const bool served = Serves(ReadSyntax(in));
   bool readable = false;
-  for (int i = 0; i < transfers && in.Ok(); ++i) readable |= ReadTransfer(in) == kTransferSyntax;
+  for (int i = 0; i < transfers && in.Ok(); ++i) readable |= ReadSyntax(in) == kTransferSyntax;
   context.result = !served    ? ContextResult::UnknownInterface
                    : readable ? ContextResult::Accepted
                               : ContextResult::UnknownTransfer;
@@ -113,7 +105,7 @@ BindOutcome ReadBindReply(const PduHeader& header, std::span<const std::byte> pd
   const std::size_t answered = in.rest().size() / kResultSize;
   const std::uint16_t result = in.Half();
   in.Skip(2);
-  const Syntax transfer = ReadTransfer(in);
+  const Syntax transfer = ReadSyntax(in);
   if (!in.Ok() || results == 0 || results > answered) return BindOutcome::Malformed;
   return result == 0 && transfer == kTransferSyntax ? BindOutcome::Accepted : BindOutcome::Refused;
 }

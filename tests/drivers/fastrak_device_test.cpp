@@ -37,6 +37,8 @@ TEST_F(FastrakTest, BootsAnInterSenseWithoutSwitchingItsStations) {
       kBooted);
   EXPECT_STREQ(device_->GetDeviceName(), "InterSense 600");
   EXPECT_EQ(Heard([&] { EXPECT_EQ(device_->SetSensorMask(7, 0), 1U); }), "");
+  EXPECT_EQ(Heard([&] { EXPECT_EQ(device_->SetProtocol(1), 0); }), "");  // it has no 14-bit records
+  EXPECT_EQ(device_->GetProtocol(), 3);
 }
 
 TEST_F(FastrakTest, BootsWithCrLfWhenItWasSetBefore) {

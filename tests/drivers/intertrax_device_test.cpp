@@ -93,6 +93,12 @@ TEST_F(IntertraxOnALine, APulledPlugEndsTheBoot) {
   EXPECT_EQ(device_.Boot(0), -1);
 }
 
+TEST(Intertrax, FailsWithoutAPort) {
+  IntertraxDevice device;
+  EXPECT_EQ(device.QueryStatus(nullptr, 0), -2);
+  EXPECT_EQ(device.Boot(0), -1);
+}
+
 TEST_F(IntertraxOnALine, DescribesItself) {
   EXPECT_EQ(device_.GetStatusCode(), 0);
   ASSERT_TRUE(BootReliably());

@@ -127,6 +127,7 @@ TEST_F(Relay, FollowsAServiceThatComesBack) {
     Serve();
     ASSERT_TRUE(Follows());
     EXPECT_EQ(relay_->GetSensorEuler(0)[0], static_cast<float>(round));
+    EXPECT_EQ(Logged(Address("MtsService at %s delivers the mapping.")), round + 1);
   }
 }
 

@@ -102,15 +102,18 @@ TEST(ServerSession, TakesMessagesInAnyPieces) {
 }
 
 TEST(ServerSession, UnderstandsABigEndianClient) {
-  Session peer;
-  EXPECT_EQ(peer.Say(Hex("05 00 0b 03 00 00 00 00 00 48 00 00 00 00 00 01 16 d0 16 d0 00 00 00 00 "
-                         "01 00 00 00 00 00 01 00"
-                         "fa 52 7e f1 b1 ac 48 eb b7 e3 d2 89 37 84 fa 6f 00 01 00 01"
-                         "8a 88 5d 04 1c eb 11 c9 9f e8 08 00 2b 10 48 60 00 00 00 02")),
-            ToHex(kBindAck) + '\n');
-  EXPECT_EQ(peer.Say(Hex("05 00 00 03 00 00 00 00 00 24 00 00 00 00 00 02 00 00 00 0c 00 00 00 14"
-                         "00 00 00 0b 00 00 00 16 00 00 00 21")),
-            ToHex(kResponse20Wide) + '\n');
+  for (const char* const version : {"00 01 00 01", "00 00 00 01"}) {  // 1.1 and 1.0
+    Session peer;
+    EXPECT_EQ(
+        peer.Say(Hex("05 00 0b 03 00 00 00 00 00 48 00 00 00 00 00 01 16 d0 16 d0 00 00 00 00 "
+                     "01 00 00 00 00 00 01 00 fa 52 7e f1 b1 ac 48 eb b7 e3 d2 89 37 84 fa 6f" +
+                     std::string(version) +
+                     "8a 88 5d 04 1c eb 11 c9 9f e8 08 00 2b 10 48 60 00 00 00 02")),
+        ToHex(kBindAck) + '\n');
+    EXPECT_EQ(peer.Say(Hex("05 00 00 03 00 00 00 00 00 24 00 00 00 00 00 02 00 00 00 0c 00 00 00 14"
+                           "00 00 00 0b 00 00 00 16 00 00 00 21")),
+              ToHex(kResponse20Wide) + '\n');
+  }
 }
 
 // A client that also offers another transfer syntax and another interface.
