@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <span>
+#include <utility>
 
 #include "devices/bounded_text.h"
 
@@ -38,6 +39,11 @@ constexpr Milliseconds kReportWait{1500};
 // The most that one frame reads, so that a line that never pauses does not hold up the sampling
 // thread.
 constexpr unsigned kMostBytesPerFrame = 4096;
+
+constexpr char kNmeaHint[] =
+    "The receiver sends text lines and no TSIP packets. It looks like NMEA: switch it to TSIP at "
+    "9600 "
+    "baud with its maker's program.";
 
 struct LengthUnit {
   int code;
@@ -86,6 +92,7 @@ BootResult GpsDevice::Boot(int) {
   if (Listen(kReportWait, 0) == 0) return kPortNotOpen;
   statusWord_ = (statusWord_ & ~(0xFFFFU | kFlagsCleared)) | kFamily | kFlagsSet;
   if (!AllocateSensors(kSensors)) return kPortNotOpen;
+  packetDue_ = fixDue_ = Deadline(kSilence);
   booted_ = true;
   return kBooted;
 }
@@ -95,12 +102,15 @@ int GpsDevice::QueryStatus(char*, int) { return kNoStatusText; }
 // ---- Sampling ------------------------------------------------------------------------------
 
 unsigned GpsDevice::ReadFrame(double* sampleTime) {
+  const unsigned linesBefore = reports_.textLines();
   const unsigned accepted = Listen(kReportWait, sensorMask_);
   const unsigned mask = UpdatedSensors() | kAnythingHeard;
+  WatchReceiver(mask);
   if (reports_.TakePositionNews()) PublishPosition();
   if (reports_.TakeSatelliteNews()) PublishSatellites();
   if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
-  return accepted > 0 ? mask : 0;
+  // Text lines are life too: to start such a receiver anew would not help.
+  return accepted > 0 || reports_.textLines() != linesBefore ? mask : 0;
 }
 
 // The sensors that have new values.
@@ -126,10 +136,17 @@ unsigned GpsDevice::Listen(Milliseconds patience, unsigned wanted) {
     const unsigned got = ReadWaiting(accepted);
     if (got == 0) break;
     taken += got;
-    const bool enough = wanted == 0 ? accepted > 0 : (UpdatedSensors() & wanted) != 0;
-    if (enough) break;
+    if (HasEnough(wanted, accepted)) break;
   }
   return accepted;
+}
+
+// A packet without news of an active sensor is published only when sensor 3 is active. Without
+// sensor 3 the wait goes on, because the engine would count such a frame as a failure.
+bool GpsDevice::HasEnough(unsigned wanted, unsigned accepted) {
+  if (wanted == 0) return accepted > 0;
+  if ((UpdatedSensors() & wanted) != 0) return true;
+  return (wanted & kAnythingHeard) != 0 && reports_.HasPacketEnd();
 }
 
 // Reads all waiting bytes, also those behind a wanted report: the newest report counts.
@@ -139,6 +156,30 @@ unsigned GpsDevice::ReadWaiting(unsigned& accepted) {
   ReadSome(bytes.data(), static_cast<unsigned>(bytes.size()), &got);
   for (const std::byte byte : std::span(bytes).first(got)) accepted += reports_.Take(byte) ? 1 : 0;
   return got;
+}
+
+void GpsDevice::WatchReceiver(unsigned updated) {
+  if ((updated & kPositionSensors) != 0) {
+    if (std::exchange(noFixReported_, false)) ReportFix("a fix");
+    everFixed_ = true;
+    fixDue_ = Deadline(kSilence);
+  }
+  if (reports_.TakePacketEnd()) {
+    packetDue_ = Deadline(kSilence);
+    nmeaReported_ = false;
+  }
+  if (packetDue_.Passed()) {
+    if (reports_.textLines() == 0 || std::exchange(nmeaReported_, true)) return;
+    if (statusLog_ != nullptr) Announce(*statusLog_, "\n\t", StatusCode::Report, "%s", kNmeaHint);
+  } else if (fixDue_.Passed() && (sensorMask_ & kPositionSensors) != 0) {
+    if (!std::exchange(noFixReported_, true)) ReportFix(everFixed_ ? "no fix" : "no fix yet");
+  }
+}
+
+void GpsDevice::ReportFix(const char* what) {
+  if (statusLog_ == nullptr) return;
+  Announce(*statusLog_, "\n\t", StatusCode::Report, "%s: %s (%d satellites).", deviceName_, what,
+           gps().satelliteCount);
 }
 
 void GpsDevice::PublishPosition() {

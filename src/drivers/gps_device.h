@@ -42,12 +42,13 @@ class GpsDevice final : public TrackerDevice {
 
   // ---- Sampling ----------------------------------------------------------------------------
 
-  // Reads until a report concerns an active sensor, for up to 1.5 s.
+  // Reads until a report concerns an active sensor, for up to 1.5 s. With sensor 3 active, any
+  // packet ends the wait. Reports once that the receiver has no fix, or that it sends NMEA text.
   //
   // sampleTime  when the report's last byte was read.
   // Returns     bits 0 to 2 for a position, bit 3 + k for satellite k, and bit 3 for any byte of
   // the
-  //             protocol; 0 when no such byte came.
+  //             protocol or line of text; 0 when none came.
   unsigned ReadFrame(double* sampleTime) override;
 
   void Poll() override;  // does nothing: the receiver sends by itself
@@ -73,11 +74,21 @@ class GpsDevice final : public TrackerDevice {
   unsigned SatelliteMask() const;
   unsigned ReadWaiting(unsigned& accepted);
   unsigned Listen(Milliseconds patience, unsigned wanted);
+  bool HasEnough(unsigned wanted, unsigned accepted);
+  void WatchReceiver(unsigned updated);
+  void ReportFix(const char* what);
   void PublishPosition();
   void PublishSatellites();
 
   GpsReports reports_;
   double unitScale_ = 1.0;  // configured length units in a metre
+
+  static constexpr Milliseconds kSilence{3000};
+  Deadline packetDue_{kSilence};  // then the receiver counts as one that sends no packets
+  Deadline fixDue_{kSilence};     // then the receiver counts as one without a fix
+  bool everFixed_ = false;
+  bool noFixReported_ = false;
+  bool nmeaReported_ = false;
 };
 
 }  // namespace kinetrel

@@ -183,8 +183,17 @@ void GpsReports::Restart() {
 
 bool GpsReports::TakePositionNews() { return std::exchange(news_.position, false); }
 bool GpsReports::TakeSatelliteNews() { return std::exchange(news_.satellites, false); }
+bool GpsReports::TakePacketEnd() { return std::exchange(packetEnd_, false); }
+
+void GpsReports::WatchText(std::byte byte) {
+  const auto letter = std::to_integer<char>(byte);
+  if (inText_ && letter == '\n') ++textLines_;
+  const bool printable = letter == '\r' || (letter >= ' ' && letter <= '~');
+  inText_ = letter == '$' || (inText_ && printable);
+}
 
 bool GpsReports::Take(std::byte byte) {
+  WatchText(byte);
   if (afterMark_) {
     afterMark_ = false;
     return TakeAfterMark(byte);
@@ -213,6 +222,7 @@ bool GpsReports::TakeAfterMark(std::byte byte) {
     return true;
   }
   if (byte == kEnd) {
+    packetEnd_ = true;
     Abandon(Place::Between);
     return true;
   }
@@ -258,6 +268,7 @@ void GpsReports::Abandon(Place next) {
 void GpsReports::Finish() {
   WireReader wire({body_.data(), size_});
   kReports[report_].take(wire, state_, news_);
+  packetEnd_ = true;
   place_ = Place::Between;
 }
 

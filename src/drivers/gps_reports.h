@@ -104,6 +104,13 @@ class GpsReports {
   bool HasPositionNews() const { return news_.position; }
   bool HasSatelliteNews() const { return news_.satellites; }
 
+  // True when a packet or an end mark came since the last call of TakePacketEnd.
+  bool HasPacketEnd() const { return packetEnd_; }
+  bool TakePacketEnd();
+
+  // The number of text lines ("$...") since Restart. NMEA receivers send such lines.
+  unsigned textLines() const { return textLines_; }
+
   struct News {
     bool position = false;
     bool satellites = false;
@@ -112,6 +119,7 @@ class GpsReports {
  private:
   enum class Place { Between, Report, Unknown };
 
+  void WatchText(std::byte byte);
   bool TakeAfterMark(std::byte byte);
   bool TakeUnmarked(std::byte byte);
   bool Begin(std::byte id);
@@ -124,6 +132,9 @@ class GpsReports {
 
   GpsState state_;
   News news_;
+  bool packetEnd_ = false;
+  bool inText_ = false;  // inside a line that began with '$'
+  unsigned textLines_ = 0;
   Place place_ = Place::Between;
   bool afterMark_ = false;  // the byte before was a DLE; this byte decides what it means
   std::size_t report_ = 0;  // the row of the current report

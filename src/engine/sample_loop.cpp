@@ -313,6 +313,8 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   if (keyboard) return;  // no key pressed is no failure
   if (!inError_) LogFailure();
   ShowTransient("e\b");
+  // A device that sends is alive, also when it sends nothing about an active sensor.
+  if (frame.updated != 0) recovery_->NoteFrame();
   // Not for one who is about to leave: a boot takes seconds, and the engine may be closed by then.
   if (!stop_.IsSet() && recovery_->Try(lock) && streaming_) device_->StartContinuous();
 }

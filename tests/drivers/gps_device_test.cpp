@@ -7,6 +7,7 @@
 
 #include "tests/support/allocation_counter.h"
 #include "tests/support/device_on_a_line.h"
+#include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
 namespace {
@@ -290,6 +291,63 @@ INSTANTIATE_TEST_SUITE_P(
         FrameStory{"Noise", 1, Send("$%'()*+"), {0}}, FrameStory{"Silence", 1, {}, {0}},
         FrameStory{"PlugPulled", 1, HangUp(), {0, 0, 0}}),
     [](const auto& row) { return std::string(row.param.name); });
+
+// The packet is published at once, and not after the driver's wait of 1.5 s.
+TEST_F(GpsOnALine, DeliversAPacketWithoutNewsAtOnce) {
+  ASSERT_EQ(Boot(kAsked + Send(kFix)), kBooted);
+  device_.SetSensorMask(9, 0);
+  device_.ReadFrame(nullptr);
+  line_.Send(Packet("\x46", "\0\0"s));
+  const std::int64_t start = ClockTicks();
+  EXPECT_EQ(device_.ReadFrame(nullptr), 8U);
+  EXPECT_LT(ClockTicks() - start, ClockTicksPerSecond());
+}
+
+struct ReceiverStory {
+  const char* name;
+  std::string sends;  // again and again
+  const char* report;
+};
+
+class GpsReceiverWithoutPosition : public GpsOnALine,
+                                   public testing::WithParamInterface<ReceiverStory> {};
+
+TEST_P(GpsReceiverWithoutPosition, IsExplainedOnce) {
+  StatusLog log;
+  device_.SetStatusLog(&log);
+  ASSERT_EQ(Boot(kAsked + Send(GetParam().sends)), kBooted);
+  const auto reports = [&] {
+    const auto entries = log.Entries();
+    return std::count_if(entries.begin(), entries.end(), [](const StatusEntry& entry) {
+      return entry.text.find(GetParam().report) != std::string::npos;
+    });
+  };
+  ASSERT_TRUE(WaitUntil([&] {
+    line_.Send(GetParam().sends);
+    EXPECT_EQ(device_.ReadFrame(nullptr), GetParam().sends[0] == '$' ? 8U : 0x18U);
+    return reports() > 0;
+  }));
+  line_.Send(GetParam().sends);
+  device_.ReadFrame(nullptr);
+  EXPECT_EQ(reports(), 1);
+  EXPECT_EQ(log.Entries().size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Line, GpsReceiverWithoutPosition,
+                         testing::Values(ReceiverStory{"NoFix", kSelection,
+                                                       "GPS TSIP: no fix yet (2 satellites)."},
+                                         ReceiverStory{"Nmea", "$GPGGA,,,,,,0,00,,,M,,M,,*66\r\n",
+                                                       "It looks like NMEA"}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(GpsRun, WaitsForAFixWithoutStartingTheReceiverAnew) {
+  EmulatedRun run("gps", 12, {"--fault=error:8@0s"});
+  EXPECT_TRUE(run.tracker().ExpectError("no fix yet (8 satellites)")) << run.tracker().error();
+  EXPECT_TRUE(run.tracker().ExpectError("a fix (8 satellites)")) << run.tracker().error();
+  EXPECT_GT(run.Watch(3).size(), 1U);
+  EXPECT_EQ(run.tracker().error().find("nothing usable"), std::string::npos);
+  EXPECT_EQ(run.Stop(), 0);
+}
 
 TEST_F(GpsOnALine, DeliversPositionsInEveryUnit) {
   ASSERT_EQ(Boot(kAsked + Send(kFix)), kBooted);
