@@ -31,7 +31,8 @@
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
-#if defined(_WIN32)
+#if defined(KINETREL_STREAM_LAYOUT_ONLY) /* for a writer: no reader, no header of the system */
+#elif defined(_WIN32)
 #if !defined(WIN32_LEAN_AND_MEAN)
 #define WIN32_LEAN_AND_MEAN
 #endif
@@ -261,6 +262,8 @@ KINETREL_AT(kinetrel_log_line, text, 24);
 KINETREL_LAYOUT(sizeof(kinetrel_log_line) == 256);
 #undef KINETREL_AT
 #undef KINETREL_LAYOUT
+
+#if !defined(KINETREL_STREAM_LAYOUT_ONLY)
 
 /* ---- Reader -------------------------------------------------------------------------------- */
 
@@ -931,6 +934,8 @@ static inline const char* kinetrel_state_text(kinetrel_state state) {
   }
   return "unknown";
 }
+
+#endif
 
 #ifdef __cplusplus
 }
