@@ -172,7 +172,9 @@ unsigned KeyboardDevice::ReadFrame(double* sampleTime) {
     moved |= StationBit(sensor);
   }
   resolution_.Sleep(Milliseconds{std::max(1, 1000 / totalFrameRate_)});
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
+  TellRecords(moved, time);
   return moved;
 }
 

@@ -37,8 +37,20 @@ std::vector<StatusEntry> StatusLog::Entries() const {
   return entries_;
 }
 
+void StatusLog::Attach(StatusListener& listener) {
+  const std::lock_guard held(lock_);
+  listener_ = &listener;
+  for (const StatusEntry& entry : entries_) listener.OnEntry(entry);
+}
+
+void StatusLog::Detach(const StatusListener& listener) {
+  const std::lock_guard held(lock_);
+  if (listener_ == &listener) listener_ = nullptr;
+}
+
 void StatusLog::Append(StatusNumber code, std::string text) {
   entries_.push_back({std::time(nullptr), code.value, std::move(text)});
+  if (listener_ != nullptr) listener_->OnEntry(entries_.back());
   if (entries_.size() < kTrimAt) return;
   entries_.erase(entries_.begin(), entries_.end() - kKeep);
 }

@@ -45,6 +45,16 @@ struct StatusEntry {
   std::string text;
 };
 
+// Gets every entry as it is added.
+class StatusListener {
+ public:
+  // Called under the log's lock: takes no other lock and does not log.
+  virtual void OnEntry(const StatusEntry& entry) = 0;
+
+ protected:
+  ~StatusListener() = default;
+};
+
 class StatusLog {
  public:
   // At kTrimAt entries only the newest kKeep stay.
@@ -68,6 +78,11 @@ class StatusLog {
   StatusEntry Newest() const;
   std::vector<StatusEntry> Entries() const;  // a copy, oldest first
 
+  // From now on `listener` gets the entries in place of the one before; first those that are there.
+  // It must be detached before it ends; Detach does nothing once another one is attached.
+  void Attach(StatusListener& listener);
+  void Detach(const StatusListener& listener);
+
  private:
   friend bool Announce(StatusLog&, const char*, StatusNumber, const char*, ...);
   friend bool Post(StatusLog*, StatusNumber, const char*, ...);
@@ -80,6 +95,7 @@ class StatusLog {
   mutable std::mutex lock_;
   std::vector<StatusEntry> entries_;
   std::vector<char> formatBuffer_;
+  StatusListener* listener_ = nullptr;
 };
 
 // Prints `prefix` and the formatted text on the standard error stream, and logs the text. Always

@@ -69,6 +69,24 @@ struct ChannelScale {
   double Value() const { return raw * scale + offset; }
 };
 
+inline constexpr int kNoRecordCode =
+    -0x8000;  // the device sends no status of its own with a record
+
+// Gets each record as soon as the driver has decoded it, which may be long before its frame is
+// complete. Called within ReadFrame, by the thread that reads. Must not block or allocate.
+class RecordReceiver {
+ public:
+  // The records of `sensors` (mask) are new and can be read from the device.
+  //
+  // sampleTime  ElapsedSeconds() when the device took them.
+  // code        the device's own status or error code, or kNoRecordCode.
+  virtual void OnRecords(unsigned sensors, double sampleTime, int code) = 0;
+  virtual void OnDropped() = 0;  // a record came and could not be used
+
+ protected:
+  ~RecordReceiver() = default;
+};
+
 class TrackerDevice : public SerialPort {
  public:
   TrackerDevice();
@@ -179,6 +197,9 @@ class TrackerDevice : public SerialPort {
 
   void SetStatusLog(StatusLog* log) { statusLog_ = log; }  // not owned; null: no log
 
+  // Not owned; null: none. The caller of ReadFrame sets it before and removes it after.
+  void SetRecordReceiver(RecordReceiver* receiver) { receiver_ = receiver; }
+
   // What the engine logs about a failed frame, and the code. The engine then clears the code.
   const char* errorText() const { return errorText_.data(); }
   const char* readText() const { return readText_.data(); }
@@ -187,6 +208,14 @@ class TrackerDevice : public SerialPort {
 
  protected:
   void SetName(DeviceName row) { deviceName_ = DeviceNameText(row); }
+
+  // For ReadFrame: tells of records as soon as they are decoded; see RecordReceiver.
+  void TellRecords(unsigned sensors, double sampleTime, int code = kNoRecordCode) {
+    if (receiver_ != nullptr) receiver_->OnRecords(sensors, sampleTime, code);
+  }
+  void TellDropped() {
+    if (receiver_ != nullptr) receiver_->OnDropped();
+  }
 
   int productCode_ = kUnknownProduct;
   int sensorCount_ = 0;
@@ -218,6 +247,7 @@ class TrackerDevice : public SerialPort {
   bool HasRecord(int sensor) const;
   void WriteModeByte(char mode);
 
+  RecordReceiver* receiver_ = nullptr;
   PriorityMutex inUse_;
   double secondsPerTick_;
   std::int64_t startCounter_;

@@ -49,9 +49,15 @@ void FastrakDevice::Poll() {
 
 bool FastrakDevice::ReadStation(int station, double*& sampleTime) {
   if (!FindHead(station)) return false;
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double headTime = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = headTime;
   sampleTime = nullptr;  // the frame has one time: of its first record
   const bool good = ReadRest(station) && !IsCutByAnother(station) && Decode(station);
+  if (good) {
+    TellRecords(StationBit(station), headTime, lastErrorCode_[static_cast<std::size_t>(station)]);
+  } else {
+    TellDropped();
+  }
   window_.Drop(good ? layout_.Size() : kFastrakHeadSize);
   return good;
 }

@@ -334,7 +334,8 @@ void FlockDevice::AwaitSilence() {
 
 unsigned FlockDevice::ReadFrame(double* sampleTime) {
   if (poses_.empty() || !FetchRecord()) return 0;
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
   const auto words = DecodeFlockRecord(window_.bytes().first<kFlockRecordSize>());
   window_.Drop(kFlockRecordSize);
   for (std::size_t i = 0; i < 3; ++i) channels_[i].offset = double{offsets_[0][i]};
@@ -343,6 +344,7 @@ unsigned FlockDevice::ReadFrame(double* sampleTime) {
     poses_[0][i] = static_cast<float>(channels_[i].Value());
   }
   answerDue_ = false;
+  TellRecords(1, time);
   return 1;
 }
 

@@ -106,9 +106,13 @@ unsigned GpsDevice::ReadFrame(double* sampleTime) {
   const unsigned accepted = Listen(kReportWait, sensorMask_);
   const unsigned mask = UpdatedSensors() | kAnythingHeard;
   WatchReceiver(mask);
-  if (reports_.TakePositionNews()) PublishPosition();
+  const bool moved = reports_.TakePositionNews();
+  if (moved) PublishPosition();
   if (reports_.TakeSatelliteNews()) PublishSatellites();
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
+  // The other sensors' numbers are not lengths: arcs, degrees, satellites.
+  if (moved) TellRecords(1, time);
   // Text lines are life too: to start such a receiver anew would not help.
   return accepted > 0 || reports_.textLines() != linesBefore ? mask : 0;
 }

@@ -190,12 +190,14 @@ unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
   std::array<std::byte, kIntertraxRecordSize> record{};
   const bool read = AwaitRecord() && Read(record.data(), kIntertraxRecordSize);
   if (!read || poses_.empty()) return 0;
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
   const auto angles = DecodeIntertraxRecord(record);
   for (std::size_t i = 0; i < angles.size(); ++i) {
     channels_[i].raw = angles[i];
     poses_[0][3 + i] = static_cast<float>(channels_[i].Value());
   }
+  TellRecords(1, time);
   return 1;
 }
 

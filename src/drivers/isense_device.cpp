@@ -249,8 +249,10 @@ unsigned IsenseDevice::ReadFrame(double* sampleTime) {
     if (!HasTracker()) return ReportNoSource(sampleTime);
   }
   if (!TakeNewData()) return 0;
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
   StoreOrientation(data_.stations[0]);
+  TellRecords(1, time);
   const bool passesOn = rebroadcastPort_ >= kFirstRebroadcastPort;
   if (!passesOn) return 1;
   const auto to = static_cast<std::uint32_t>(rebroadcastPort_);

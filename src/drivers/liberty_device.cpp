@@ -193,7 +193,9 @@ unsigned LibertyDevice::ReadFrame(double* sampleTime) {
   // A tracker that does not stream sends a frame only when it is asked.
   if (paused_) pdiDevice_.RequestPno();
   if (!WaitForFrame()) return 0;
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
+  TellRecords(stationMap_, time);
   return stationMap_;
 }
 

@@ -287,13 +287,21 @@ void LogitechDevice::ReadInformation() {
 // ---- Sampling ------------------------------------------------------------------------------
 
 unsigned LogitechDevice::ReadFrame(double* sampleTime) {
-  if (!ReadRecord(sampleTime)) {
+  double time = 0.0;
+  const bool read = ReadRecord(&time);
+  if (sampleTime != nullptr && time != 0.0) *sampleTime = time;
+  if (!read) {
     strayInput_ = true;
     return 0;
   }
   const auto record = window_.bytes().first<kLogitechRecordSize>();
   const bool valid = (record[0] & kNotValid) == std::byte{0} && !poses_.empty();
-  if (valid) KeepPose(record);
+  if (valid) {
+    KeepPose(record);
+    TellRecords(1, time);
+  } else {
+    TellDropped();
+  }
   window_.Drop(kLogitechRecordSize);
   return valid ? 1 : 0;
 }

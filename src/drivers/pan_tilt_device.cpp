@@ -138,6 +138,7 @@ unsigned PanTiltDevice::ReadFrame(double* sampleTime) {
   if (sampleTime != nullptr) *sampleTime = time;
   poses_[0][3] = static_cast<float>(channels_[kPan].Value());
   poses_[0][4] = static_cast<float>(channels_[kTilt].Value());
+  TellRecords(1, time);
   return 1;
 }
 

@@ -85,7 +85,9 @@ unsigned RelayDevice::ReadFrame(double* sampleTime) {
   const unsigned updated = FetchAngles();
   if (reconnect_) return 0;
   if (frameCounter_ % kCheckInterval == 0 && !CheckMapping()) return 0;
-  if (sampleTime != nullptr) *sampleTime = ElapsedSeconds();
+  const double time = ElapsedSeconds();
+  if (sampleTime != nullptr) *sampleTime = time;
+  TellRecords(updated, time);
   ++frameCounter_;
   return updated;
 }

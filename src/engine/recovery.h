@@ -34,9 +34,10 @@ class Recovery {
   // starts continuous output again.
   bool Try(const EngineLock& lock);
 
- private:
   enum class Trouble { None, PortGone, Silent };
+  Trouble trouble() const { return trouble_; }  // since the last good frame
 
+ private:
   Trouble Diagnose() const;
   void Report(Trouble trouble);
   bool Reopen();

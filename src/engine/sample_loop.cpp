@@ -45,6 +45,7 @@ void SampleLoop::Run() {
   ChooseMode();
   if (OpenSharedMemory()) {
     ReportHeader();
+    OpenStream();
     WriteBinHeaders();
     BeginDevice(lock);
     while (!stop_.IsSet()) Pass(lock);
@@ -131,6 +132,12 @@ void SampleLoop::ReportHeader() {
   nap_ = streaming_ && rate_ > 0 ? std::max(0, 1000 / rate_ - kNapMargin) : 0;
 }
 
+void SampleLoop::OpenStream() {
+  stream_.emplace(state_->status);
+  stream_->Open(state_->config.shmDevice, *device_, state_->config.deviceType, rate_,
+                writer_->timer().startCount());
+}
+
 void SampleLoop::WriteBinHeaders() {
   for (auto& [key, mapping] : state_->mappings) mapping.ResetStatistics();
   for (int bin = 0; bin <= MaxBin(); ++bin) {
@@ -167,6 +174,7 @@ void SampleLoop::Pass(EngineLock& lock) {
   const Frame frame = ReadFrame(lock);
   if (Superseded()) return;
   if ((frame.updated & header_.sensors) != 0) {
+    stream_->EndGoodFrame();
     PublishFrame(frame);
     NoteSuccess();
   } else {
@@ -194,13 +202,17 @@ void SampleLoop::GiveWay() const {
 
 SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
   joystick_ = state_->joystick;
+  stream_->BeginFrame(header_.sensors, {header_.components, header_.units, state_->azimuthZero});
   return lock.Leave([this] {
     GiveWay();
     const std::lock_guard inUse(device_->inUse());
     Frame frame;
     frame.buttonsValid = joystick_ != nullptr && joystick_->Read(0) != 0;
+    stream_->SetButtons(JoystickButtons(frame));
+    device_->SetRecordReceiver(&*stream_);
     const std::int64_t before = ClockTicks();
     frame.updated = device_->ReadFrame(&frame.sampleTime);
+    device_->SetRecordReceiver(nullptr);
     frame.atOnce = ClockTicks() - before < ClockTicksPerSecond() / 1000;
     return frame;
   });
@@ -260,12 +272,18 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
   }
 }
 
+ButtonBits::Buttons SampleLoop::JoystickButtons(const Frame& frame) const {
+  if (!frame.buttonsValid) return {};
+  const int channels = std::clamp(joystick_->digitalChannels(), 0, 32);
+  return {channels == 32 ? ~0U : (1U << channels) - 1, joystick_->digitalBits()};
+}
+
 // Without a joystick's bits the flags stay as written, without the valid bit. A device's own
 // buttons are always there and do not raise it.
 void SampleLoop::WriteButtons(SharedTrackBlock& block, const Frame& frame) {
   if (frame.buttonsValid) {
-    const int channels = std::clamp(joystick_->digitalChannels(), 0, 32);
-    PutBits(block.buttons, channels == 32 ? ~0U : (1U << channels) - 1, joystick_->digitalBits());
+    const ButtonBits::Buttons joystick = JoystickButtons(frame);
+    PutBits(block.buttons, joystick.known, joystick.bits);
     block.flags |= TrackFlags::kButtonsValid;
   }
   if (ownButtons_ == nullptr) return;
@@ -307,6 +325,7 @@ void SampleLoop::NoteSuccess() {
 
 void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   const bool keyboard = device_->GetStatusCode() == kKeyboardStatus;
+  stream_->EndFailedFrame(keyboard);
   // A read that failed without waiting must not be repeated at once: at this priority that would
   // take the machine with it.
   if (frame.atOnce || (nap_ == 0 && !keyboard)) lock.Leave([] { SleepFor(kBackOff); });
@@ -316,7 +335,10 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   // A device that sends is alive, also when it sends nothing about an active sensor.
   if (frame.updated != 0) recovery_->NoteFrame();
   // Not for one who is about to leave: a boot takes seconds, and the engine may be closed by then.
-  if (!stop_.IsSet() && recovery_->Try(lock) && streaming_) device_->StartContinuous();
+  if (stop_.IsSet()) return;
+  const bool booted = recovery_->Try(lock);
+  stream_->SetTrouble(recovery_->trouble());
+  if (booted && streaming_) device_->StartContinuous();
 }
 
 void SampleLoop::LogFailure() {
@@ -359,9 +381,11 @@ void SampleLoop::CloseSharedMemory() {
     writer_->SharedTrackMemory::CloseAll();  // as they are: the blocks have the newer run's writer
   }
   writer_.reset();
-  if (Superseded()) return;
-  Announce(state_->status, "\n\t", StatusCode::Closing, "MTS closed.");
-  Print(" ");
+  if (!Superseded()) {
+    Announce(state_->status, "\n\t", StatusCode::Closing, "MTS closed.");
+    Print(" ");
+  }
+  stream_.reset();
 }
 
 }  // namespace kinetrel

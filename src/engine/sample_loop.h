@@ -12,6 +12,7 @@
 #include "devices/optional_interfaces.h"
 #include "engine/engine_state.h"
 #include "engine/recovery.h"
+#include "engine/stream_publisher.h"
 #include "publish/shared_track_writer.h"
 
 namespace kinetrel {
@@ -43,6 +44,7 @@ class SampleLoop {
 
   void ChooseMode();
   bool OpenSharedMemory();
+  void OpenStream();
   void ReportHeader();
   void WriteBinHeaders();
   void BeginDevice(EngineLock& lock);
@@ -57,6 +59,7 @@ class SampleLoop {
   void PublishFrame(const Frame& frame);
   void PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame);
   void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor);
+  ButtonBits::Buttons JoystickButtons(const Frame& frame) const;
   void WriteButtons(SharedTrackBlock& block, const Frame& frame);
   void KeepStatistics(Mapping& mapping, double sampleTime);
   void Nap();
@@ -80,6 +83,7 @@ class SampleLoop {
   PackedRecords* packed_ = nullptr;         // the same
   std::shared_ptr<DAQControl> joystick_;    // as it was when the frame was read
   std::optional<SharedTrackWriter> writer_;
+  std::optional<StreamPublisher> stream_;
   std::optional<Recovery> recovery_;
   Header header_;
   unsigned run_ = 0;

@@ -1,0 +1,242 @@
+#include "engine/stream_publisher.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <span>
+
+#include "devices/pose.h"
+#include "devices/tracker_device.h"
+#include "platform/clock.h"
+
+namespace kinetrel {
+namespace {
+
+constexpr std::int64_t kSilence = 1'000'000'000;  // ns without a record that are worth telling
+constexpr float kAbsent = std::numeric_limits<float>::quiet_NaN();
+
+std::int64_t Now() { return StreamNanoseconds(ClockTicks()); }
+
+double MetresOf(unsigned units) {
+  switch (units) {
+    case 0:
+      return 0.0254;
+    case 1:
+      return 0.01;
+    default:
+      return 1.0;
+  }
+}
+
+bool AllFinite(const float* values, int count) {
+  return std::all_of(values, values + count, [](float value) { return std::isfinite(value); });
+}
+
+// Position and angles as one record where the device delivers both; else each by itself.
+struct PoseParts {
+  const float* position = nullptr;  // null: none
+  const float* angles = nullptr;
+  const float* quaternion = nullptr;
+};
+
+PoseParts PartsOf(TrackerDevice& device, int sensor, unsigned components) {
+  PoseParts parts;
+  if (components == (kPositionComponent | kEulerComponent)) {
+    parts.position = device.GetSensorPose(sensor);
+    if (parts.position != nullptr) parts.angles = parts.position + 3;
+    return parts;
+  }
+  if ((components & kPositionComponent) != 0) parts.position = device.GetSensorPosition(sensor);
+  if ((components & kEulerComponent) != 0) parts.angles = device.GetSensorEuler(sensor);
+  if ((components & kQuaternionComponent) != 0) {
+    parts.quaternion = device.GetSensorQuaternion(sensor);
+  }
+  return parts;
+}
+
+void PutPosition(kinetrel_record& record, const float* position, unsigned units) {
+  record.flags |= kinetrel_device_position;
+  if (!AllFinite(position, 3)) return;
+  const double metres = MetresOf(units);
+  for (int i = 0; i < 3; ++i) record.position[i] = double{position[i]} * metres;
+  record.flags |= kinetrel_position_valid;
+}
+
+// The unit quaternion of what the device delivered; zeros for what cannot be one.
+Quaternion OrientationOf(const PoseParts& parts) {
+  if (parts.quaternion == nullptr) {
+    return AllFinite(parts.angles, 3) ? EulerToQuaternion(parts.angles) : Quaternion{};
+  }
+  Quaternion q;
+  std::copy_n(parts.quaternion, 4, q.begin());
+  if (!AllFinite(q.data(), 4)) return {};
+  NormalizeQuaternion(q.data());
+  return q;
+}
+
+void PutOrientation(kinetrel_record& record, const PoseParts& parts, float azimuthZero) {
+  if (parts.angles != nullptr) record.flags |= kinetrel_device_angles;
+  if (parts.quaternion != nullptr) record.flags |= kinetrel_device_quaternion;
+  Quaternion q = OrientationOf(parts);
+  if (q == Quaternion{}) return;
+  if (azimuthZero != 0.0F) {
+    const std::array<float, 3> back = {-azimuthZero, 0.0F, 0.0F};
+    q = UnitProduct(EulerToQuaternion(back.data()).data(), q.data());
+  }
+  std::array<float, 3> angles{};
+  if (parts.angles != nullptr && AllFinite(parts.angles, 3)) {
+    std::copy_n(parts.angles, 3, angles.begin());
+    angles[0] =
+        static_cast<float>(std::remainder(double{angles[0]} - double{azimuthZero}, 2 * kPi));
+  } else {
+    angles = QuaternionToEuler(q.data());
+  }
+  std::ranges::copy(q, record.orientation);
+  std::ranges::copy(angles, record.angles);
+  record.flags |= kinetrel_orientation_valid;
+}
+
+}  // namespace
+
+kinetrel_record MakeRecord(TrackerDevice& device, int index, const RecordContext& context) {
+  kinetrel_record record{};
+  std::ranges::fill(record.position, double{kAbsent});
+  std::ranges::fill(record.orientation, kAbsent);
+  std::ranges::fill(record.angles, kAbsent);
+  const PoseParts parts = PartsOf(device, index, context.components);
+  if (parts.position != nullptr) PutPosition(record, parts.position, context.units);
+  if (parts.angles != nullptr || parts.quaternion != nullptr) {
+    PutOrientation(record, parts, context.azimuthZero);
+  }
+  return record;
+}
+
+// ---- Life ------------------------------------------------------------------------------------
+
+StreamPublisher::~StreamPublisher() {
+  if (writer_ != nullptr) log_.Detach(*this);
+}
+
+void StreamPublisher::Open(int shmDevice, TrackerDevice& device, int deviceType, int rate,
+                           std::int64_t origin) {
+  Result<std::unique_ptr<RecordStreamWriter>> opened = RecordStreamWriter::Open(shmDevice);
+  if (!opened.Ok()) {
+    Announce(log_, "\n\t", StatusCode::SharedMemory,
+             "Record stream %d failed to open; clients of the blocks go on. %s", shmDevice + 1,
+             Describe(opened.status()).c_str());
+    return;
+  }
+  writer_ = std::move(*opened);
+  device_ = &device;
+  packed_ = dynamic_cast<PackedRecords*>(&device);
+  ownButtons_ = dynamic_cast<const ButtonBits*>(&device);
+  deviceType_ = deviceType;
+  rate_ = rate;
+  origin_ = StreamNanoseconds(origin);
+  lastNews_ = Now();
+  DescribeDevice(device.GetSensorMask());
+  log_.Attach(*this);
+}
+
+void StreamPublisher::DescribeDevice(unsigned sensors) {
+  sensors_ = sensors;
+  writer_->ChangeRun([this](kinetrel_run& run) {
+    std::snprintf(run.device_name, sizeof run.device_name, "%s", device_->GetDeviceName());
+    run.device_type = deviceType_;
+    run.port = device_->GetPortNumber();
+    run.unit = context_.units;
+    run.components = context_.components;
+    run.sensor_mask = sensors_;
+    run.nominal_rate = rate_;
+    run.azimuth_zero = double{context_.azimuthZero};
+  });
+}
+
+// ---- Frames ----------------------------------------------------------------------------------
+
+void StreamPublisher::BeginFrame(unsigned sensors, const RecordContext& context) {
+  if (writer_ == nullptr) return;
+  const bool same = sensors == sensors_ && context == context_;
+  context_ = context;
+  if (!same) DescribeDevice(sensors);
+}
+
+void StreamPublisher::OnRecords(unsigned sensors, double sampleTime, int code) {
+  if (writer_ == nullptr) return;
+  std::array<kinetrel_record, kinetrel_stream_sensors> records;
+  std::size_t count = 0;
+  for (int sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
+    if (!HasStation(sensors & sensors_, sensor)) continue;
+    FillRecord(records[count++], sensor, sampleTime, code);
+  }
+  if (count == 0) return;
+  if (frameTime_ == 0) frameTime_ = records[0].sample_ns;
+  writer_->Publish(std::span(records).first(count));
+}
+
+void StreamPublisher::FillRecord(kinetrel_record& record, int sensor, double sampleTime, int code) {
+  record = MakeRecord(*device_, packed_ != nullptr ? packed_->RecordOf(sensor) : sensor, context_);
+  record.sensor = static_cast<std::uint32_t>(sensor);
+  record.frame = frame_;
+  record.sample_ns = origin_ + std::llround(sampleTime * 1e9);
+  const ButtonBits::Buttons own =
+      ownButtons_ != nullptr ? ownButtons_->OwnButtons() : ButtonBits::Buttons{};
+  record.buttons = (joystick_.bits & joystick_.known & ~own.known) | (own.bits & own.known);
+  record.buttons_known = joystick_.known | own.known;
+  if (record.buttons_known != 0) record.flags |= kinetrel_buttons_valid;
+  if (code == kNoRecordCode) return;
+  record.device_code = code;
+  record.flags |= kinetrel_code_valid;
+}
+
+void StreamPublisher::OnDropped() {
+  if (writer_ != nullptr) writer_->NoteDropped(1);
+}
+
+void StreamPublisher::EndGoodFrame() {
+  if (writer_ == nullptr) return;
+  if (frameTime_ != 0) {
+    writer_->NoteFrame(frameTime_);
+    frameTime_ = 0;
+    ++frame_;
+  }
+  lastNews_ = Now();
+  if (state_ == kinetrel_state_running) return;
+  if (state_ == kinetrel_state_recovering) writer_->NoteRecovery();
+  SetState(kinetrel_state_running, "", " is running.");
+}
+
+void StreamPublisher::EndFailedFrame(bool quiet) {
+  if (writer_ == nullptr || quiet) return;
+  writer_->NoteFailedRead();
+  if (state_ == kinetrel_state_recovering || Now() - lastNews_ < kSilence) return;
+  SetState(kinetrel_state_silent, "",
+           " sends nothing usable. Check its power, its cable and the settings of its port.");
+}
+
+void StreamPublisher::SetTrouble(Recovery::Trouble trouble) {
+  if (writer_ == nullptr || trouble == Recovery::Trouble::None) return;
+  if (trouble == Recovery::Trouble::PortGone) {
+    SetState(kinetrel_state_recovering, "The port of ",
+             " has gone. Plug it in again; sampling then goes on by itself.");
+  } else {
+    SetState(kinetrel_state_recovering, "",
+             " sends nothing usable and is being started anew. Check its power and its cable.");
+  }
+}
+
+void StreamPublisher::SetState(kinetrel_state state, const char* before, const char* after) {
+  std::array<char, 256> sentence{};
+  std::snprintf(sentence.data(), sentence.size(), "%s%s%s", before, device_->GetDeviceName(),
+                after);
+  state_ = state;
+  writer_->SetState(state, sentence.data());
+}
+
+void StreamPublisher::OnEntry(const StatusEntry& entry) {
+  writer_->AddLogLine(entry.when, entry.code, entry.text.c_str());
+}
+
+}  // namespace kinetrel

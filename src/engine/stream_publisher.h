@@ -1,0 +1,91 @@
+// The record stream's side of a sampling run: takes each record from the device as soon as it is
+// decoded, turns it into metres, radians and a quaternion, and writes it into the stream. Keeps
+// the stream's state, description and status log.
+//
+// Without a stream (no shared memory left, another account's object) every operation does nothing:
+// sampling goes on with the blocks.
+//
+// Threads  the sampling thread; OnEntry any.
+// Memory   nothing is allocated after Open.
+#pragma once
+
+#include <kinetrel/stream.h>
+
+#include <cstdint>
+#include <memory>
+
+#include "devices/optional_interfaces.h"
+#include "devices/status_log.h"
+#include "devices/tracker_device.h"
+#include "engine/recovery.h"
+#include "publish/record_stream_writer.h"
+
+namespace kinetrel {
+
+// How the records of a frame are to be understood.
+struct RecordContext {
+  unsigned components = 0;   // mask of what the device delivers
+  unsigned units = 0;        // as TrackerDevice::GetUnits
+  float azimuthZero = 0.0F;  // radians
+
+  bool operator==(const RecordContext&) const = default;
+};
+
+// The pose of a sensor's newest record, in the stream's units. The caller sets the numbers, the
+// times and the buttons.
+//
+// index  of the sensor's record in the device; see PackedRecords.
+kinetrel_record MakeRecord(TrackerDevice& device, int index, const RecordContext& context);
+
+class StreamPublisher final : public RecordReceiver, private StatusListener {
+ public:
+  explicit StreamPublisher(StatusLog& log) : log_(log) {}
+  ~StreamPublisher();  // leaves the state "stopped"
+  StreamPublisher(const StreamPublisher&) = delete;
+  StreamPublisher& operator=(const StreamPublisher&) = delete;
+
+  // Opens the stream of a device number, or announces why it cannot be.
+  //
+  // device      read by every later operation.
+  // deviceType  number of the driver.
+  // rate        Hz of each sensor, as the device states it.
+  // origin      of the device's sample times, a reading of ClockTicks().
+  void Open(int shmDevice, TrackerDevice& device, int deviceType, int rate, std::int64_t origin);
+
+  // Before each read: what holds for the records of the next frame.
+  void BeginFrame(unsigned sensors, const RecordContext& context);
+  void SetButtons(ButtonBits::Buttons joystick) { joystick_ = joystick; }
+
+  void OnRecords(unsigned sensors, double sampleTime, int code) override;
+  void OnDropped() override;
+
+  void EndGoodFrame();
+  // quiet  a device that has nothing to say unless it is moved, so that silence is not a fault.
+  void EndFailedFrame(bool quiet);
+  void SetTrouble(Recovery::Trouble trouble);  // after a recovery's try
+
+ private:
+  void OnEntry(const StatusEntry& entry) override;
+  // The sentence is the device's name between both texts.
+  void SetState(kinetrel_state state, const char* before, const char* after);
+  void FillRecord(kinetrel_record& record, int sensor, double sampleTime, int code);
+  void DescribeDevice(unsigned sensors);
+
+  StatusLog& log_;
+  std::unique_ptr<RecordStreamWriter> writer_;  // null: no stream
+  TrackerDevice* device_ = nullptr;
+  PackedRecords* packed_ = nullptr;
+  const ButtonBits* ownButtons_ = nullptr;
+  int deviceType_ = 0;
+  int rate_ = 0;             // Hz
+  std::int64_t origin_ = 0;  // ns
+  RecordContext context_;
+  unsigned sensors_ = 0;  // mask
+  ButtonBits::Buttons joystick_{};
+  std::uint64_t frame_ = 1;
+  std::int64_t frameTime_ = 0;  // ns; of the first record of this frame, 0: none yet
+  std::int64_t lastNews_ = 0;   // ns; when a frame last came
+  kinetrel_state state_ = kinetrel_state_starting;
+};
+
+}  // namespace kinetrel
