@@ -44,6 +44,15 @@ unsigned TrackerDevice::SetSensorMask(unsigned mask, int sensorCount) {
   return sensorMask_;
 }
 
+unsigned TrackerDevice::MaskWithFirstSensor(unsigned mask) const {
+  if (mask == 0 || HasStation(mask, 0)) return mask;
+  if (statusLog_ != nullptr) {
+    Announce(*statusLog_, "\n\t", StatusCode::Refused,
+             "%s has no sensor of the mask 0x%X; sensor 1 is sampled instead.", deviceName_, mask);
+  }
+  return StationBit(0);
+}
+
 // ---- Settings ------------------------------------------------------------------------------
 
 int TrackerDevice::SetUnits(int units) { return units_ = units; }

@@ -207,6 +207,10 @@ class TrackerDevice : public SerialPort {
   void ClearReportCode() { reportCode_ = 0; }
 
  protected:
+  // For a device whose only sensor is sensor 1. A mask without it becomes sensor 1, and console and
+  // log say so; any other mask, and mask 0, stays.
+  unsigned MaskWithFirstSensor(unsigned mask) const;
+
   void SetName(DeviceName row) { deviceName_ = DeviceNameText(row); }
 
   // For ReadFrame: tells of records as soon as they are decoded; see RecordReceiver.

@@ -27,7 +27,8 @@ constexpr BootResult kNoAnswerAfterReset = -11;
 
 constexpr unsigned kLetterPause = 2;      // ms after a single letter
 constexpr int kFirstReplyMs = 200;        // how long the first answer may take
-constexpr int kQuietMs = 50;              // longer than the pause between streamed records
+constexpr int kKnownReplyMs = 1500;       // the same for a unit that was there before
+constexpr int kBootsBeforeSearch = 8;     // of a unit that was there before, at its own rate
 constexpr int kSlowReplyMs = 200;         // a slow adapter delays the status record
 constexpr int kMostStatusPasses = 16;     // each clears one test error
 constexpr std::size_t kLongFailure = 48;  // characters; a longer text means that the unit answered
@@ -56,8 +57,23 @@ BootResult FastrakDevice::Boot(int reset) {
     const int perByte = 1000000 / baud + 1;
     SetReadTimeouts(3 * perByte, perByte, 2 * perByte);
   }
-  const BootResult found = FindUnit(reset);
-  return found == kBooted ? Configure() : found;
+  const BootResult found =
+      knownRate_ > 0 && failedBoots_ < kBootsBeforeSearch ? FindKnownUnit(reset) : FindUnit(reset);
+  failedBoots_ = found == kBooted ? 0 : failedBoots_ + 1;
+  if (found != kBooted) return found;
+  knownRate_ = static_cast<int>(GetBaudRate());
+  return Configure();
+}
+
+// A unit that was there before is asked at its own rate only. At any other rate it receives noise,
+// and one byte of that may be the Ctrl-Y that restarts it. It may also be restarting at present:
+// then it answers after some seconds what it received meanwhile.
+BootResult FastrakDevice::FindKnownUnit(int reset) {
+  if (static_cast<int>(GetBaudRate()) != knownRate_) SetLineSettings(knownRate_, 8, 0, 0, 0);
+  std::array<char, 2048> failure{};
+  const BootResult found = Identify(reset, kKnownReplyMs, failure);
+  if (found != kBooted) std::fprintf(stderr, "%s", failure.data());
+  return found;
 }
 
 // A unit whose switches are set to another rate answers nothing, or noise. So the other rates are
@@ -65,7 +81,7 @@ BootResult FastrakDevice::Boot(int reset) {
 BootResult FastrakDevice::FindUnit(int reset) {
   const Deadline patience(kSearchPatience);  // for a line that carries only noise
   std::array<char, 2048> failure{};
-  const BootResult first = Identify(reset, failure);
+  const BootResult first = Identify(reset, kFirstReplyMs, failure);
   const bool hopeless = first == kReadFailed || first == kNoAnswerAfterReset;
   if (first == kBooted || hopeless) return first;
   const int opened = static_cast<int>(GetBaudRate());
@@ -74,8 +90,8 @@ BootResult FastrakDevice::FindUnit(int reset) {
     if (rate == opened || !SetLineSettings(rate, 8, 0, 0, 0)) continue;
     PurgeInput();
     std::array<char, 2048> text;
-    if (Identify(reset, text) != kBooted) continue;
-    Post(statusLog_, 3, "The unit is set to %d baud.", rate);
+    if (Identify(reset, kFirstReplyMs, text) != kBooted) continue;
+    Post(statusLog_, StatusCode::Setup, "The unit is set to %d baud.", rate);
     return kBooted;
   }
   SetLineSettings(opened, 8, 0, 0, 0);
@@ -84,8 +100,8 @@ BootResult FastrakDevice::FindUnit(int reset) {
 }
 
 // failure  receives the text of a failed status query.
-BootResult FastrakDevice::Identify(int reset, std::span<char> failure) {
-  if (const BootResult woken = WakeUnit(); woken != kBooted) return woken;
+BootResult FastrakDevice::Identify(int reset, int patienceMs, std::span<char> failure) {
+  if (const BootResult woken = WakeUnit(patienceMs); woken != kBooted) return woken;
   SilenceUnit();
   if (reset != 0 && !Reinitialize()) return kNoAnswerAfterReset;
   if (QueryStatus(failure.data(), static_cast<int>(failure.size())) != 0) return kBooted;
@@ -94,12 +110,12 @@ BootResult FastrakDevice::Identify(int reset, std::span<char> failure) {
 }
 
 // Ends streaming and any half-sent command, then asks for a record.
-BootResult FastrakDevice::WakeUnit() {
+BootResult FastrakDevice::WakeUnit(int patienceMs) {
   Write("c", 1);
   Write("\r", 1);
   FlushOutput();
   Write("P", 1);
-  return WaitForReply(kFirstReplyMs);
+  return WaitForReply(patienceMs);
 }
 
 // A silent line is read for one byte only: the time-out of a longer read would be seconds.
@@ -117,7 +133,7 @@ BootResult FastrakDevice::WaitForReply(int timeoutMs) {
 void FastrakDevice::SilenceUnit() {
   for (int round = 0; round < 3; ++round) {
     PurgeInput();
-    if (!WaitForRX(kQuietMs, 1)) return;
+    if (!WaitForRX(kFastrakQuietMs, 1)) return;
     Write("c", 1);
     FlushOutput();
   }
@@ -199,9 +215,7 @@ struct FastrakDevice::Reply {
 
 int FastrakDevice::QueryStatus(char* text, int size) {
   if (!AcceptsCommands()) return 0;
-  // The answer would be lost between the records.
-  const bool streaming = booted_ && lastModeByte_ == continuousByte_;
-  if (streaming) Write(&stopByte_, 1);
+  const QuietLine quiet(*this);  // the answer would be lost between the records
   const std::uint32_t wordBefore = statusWord_;
   Reply reply;
   std::array<char, 2048> room;
@@ -210,7 +224,6 @@ int FastrakDevice::QueryStatus(char* text, int size) {
   // A booted unit that fails to answer once is still the same model.
   if (!found && booted_) statusWord_ = wordBefore;
   CopyTruncated(text, size, found ? reply.text.data() : diagnosis.c_str());
-  if (streaming) StartContinuous();
   return found ? 1 : 0;
 }
 
@@ -223,14 +236,13 @@ bool FastrakDevice::ClearBitErrors(Reply& reply, TextAppender& diagnosis) {
     const int error = status.bitError;
     if (error == 0) return found;
     diagnosis.AppendF("%d: Cleared bit error %d: %s\n", attempt, error, BitErrorText(error));
-    Post(statusLog_, found ? 1 : 0, "%d: Cleared bit error %d: %s", attempt, error,
-         BitErrorText(error));
+    Post(statusLog_, found ? StatusCode::Progress : StatusCode::Report,
+         "%d: Cleared bit error %d: %s", attempt, error, BitErrorText(error));
     ClearBitError(error);
   }
-  constexpr int kAtLimit = -16;
   diagnosis.AppendF("Maximum number of errors reached.  Current status: \n%s", reply.text.data());
-  Post(statusLog_, kAtLimit, "Maximum number of errors reached.");
-  Post(statusLog_, kAtLimit, "Status: %s", reply.text.data());
+  Post(statusLog_, StatusCode::DeviceErrorLimit, "Maximum number of errors reached.");
+  Post(statusLog_, StatusCode::DeviceErrorLimit, "Status: %s", reply.text.data());
   return found;
 }
 
@@ -243,11 +255,11 @@ FastrakStatusRecord FastrakDevice::QueryOnce(Reply& reply, TextAppender& diagnos
   if (answered) {
     const int reason = static_cast<int>(status.fault);
     diagnosis.AppendF("Failed. %u bytes read, reason: %d\n", reply.size, reason);
-    Post(statusLog_, 0, "Failed. %u bytes read, reason: %d", reply.size, reason);
+    Post(statusLog_, StatusCode::Report, "Failed. %u bytes read, reason: %d", reply.size, reason);
   }
   if (reply.text[0] != 'F') {
     diagnosis.Append("WaitForRX failed.\n");
-    Post(statusLog_, 0, "WaitForRX failed");
+    Post(statusLog_, StatusCode::Report, "WaitForRX failed");
   }
   return status;
 }

@@ -14,6 +14,8 @@ namespace {
 constexpr unsigned kStationPause = 8;      // ms after every command to one station
 constexpr unsigned kLetterPause = 2;       // ms after a single letter
 constexpr unsigned kOutputListPause = 50;  // ms
+constexpr int kAnswerMs = 200;             // the longest wait for a record or a reply
+constexpr Milliseconds kLongestTail{300};  // of a stream that was ended
 constexpr int kMostStations = 9;           // a station number is one digit
 constexpr unsigned kAllStations = ~0U;
 
@@ -35,6 +37,34 @@ void FastrakDevice::WriteCommand(std::string_view command, unsigned pauseMs) {
   Pause(pauseMs);
 }
 
+// ---- Quiet line ----------------------------------------------------------------------------
+
+FastrakDevice::QuietLine::QuietLine(FastrakDevice& device)
+    : device_(device), streamed_(device.IsStreaming()) {
+  device_.AwaitQuiet();
+}
+
+FastrakDevice::QuietLine::~QuietLine() {
+  if (streamed_) device_.StartContinuous();
+}
+
+void FastrakDevice::AwaitQuiet() {
+  if (!booted_ || lastModeByte_ == 0) return;
+  if (IsStreaming()) {
+    Write(&stopByte_, 1);
+    FlushOutput();
+  } else {
+    const auto active = static_cast<std::size_t>(GetActiveSensorCount());
+    WaitForRX(kAnswerMs, static_cast<int>(active * layout_.Size()));
+  }
+  const Deadline deadline(kLongestTail);
+  do {
+    PurgeInput();
+  } while (WaitForRX(kFastrakQuietMs, 1) && !deadline.Passed());
+  window_.Clear();
+  lastModeByte_ = 0;
+}
+
 // ---- Stations ------------------------------------------------------------------------------
 
 int FastrakDevice::SendStationCommand(const char* command, unsigned stationMask, int stations) {
@@ -53,6 +83,7 @@ int FastrakDevice::SendStationCommand(const char* command, unsigned stationMask,
 
 unsigned FastrakDevice::SetSensorMask(unsigned mask, int stations) {
   if (!AcceptsCommands() || (statusWord_ & kFastrakInterSense) != 0) return sensorMask_;
+  const QuietLine quiet(*this);
   stations = std::min(stations == 0 ? sensorCount_ : stations, kMostStations);
   mask &= FirstStations(stations);
   if (mask != 0) SwitchStations(mask, stations);
@@ -70,8 +101,10 @@ void FastrakDevice::SwitchStations(unsigned mask, int stations) {
   }
   WriteCommand(IsFastrakClass() ? "l1\r" : "l\r", kStationPause);
   std::array<char, kMostStations + 5> reply{};
+  const auto size = static_cast<unsigned>(stations) + 5;
   unsigned got = 0;
-  ReadSome(reply.data(), static_cast<unsigned>(stations) + 5, &got);
+  WaitForRX(kAnswerMs, static_cast<int>(size));  // a busy machine or a USB adapter delivers it late
+  ReadSome(reply.data(), size, &got);
   unsigned reported = mask;
   ParseActiveStations({reply.data(), got}, stations, reported);
   TakeReportedStations(mask, stations, reported);
@@ -91,6 +124,7 @@ void FastrakDevice::TakeReportedStations(unsigned mask, int stations, unsigned r
 // ---- Settings ------------------------------------------------------------------------------
 
 int FastrakDevice::SetUnits(int units) {
+  const QuietLine quiet(*this);
   WriteCommand(units == 0 ? "U" : "u", kLetterPause);
   units_ = units;
   LayOutRecords();
@@ -106,6 +140,7 @@ int FastrakDevice::SetCrLf(int on) {
 
 int FastrakDevice::SetProtocol(int protocol) {
   if (!booted_ || protocol < 1 || protocol > 3) return 0;
+  const QuietLine quiet(*this);
   const bool bits14 = protocol == static_cast<int>(FastrakProtocol::Bits14);
   if (IsFastrakClass()) {
     if (protocol == static_cast<int>(FastrakProtocol::Bits16)) return 0;
@@ -128,6 +163,7 @@ unsigned FastrakDevice::SetComponentMask(unsigned mask) {
 bool FastrakDevice::SetOutputList(int protocol, unsigned components, int crLf,
                                   unsigned stationMask) {
   if (!booted_) return false;
+  const QuietLine quiet(*this);
   const bool bits32 = protocol == static_cast<int>(FastrakProtocol::Bits32);
   protocol_ = !IsFastrakClass() && bits32 ? static_cast<int>(FastrakProtocol::Bits16) : protocol;
   componentMask_ = components;

@@ -18,7 +18,7 @@
 #include <string_view>
 
 #include "devices/bounded_text.h"
-#include "devices/record_window.h"
+#include "devices/stream_backlog.h"
 #include "devices/tracker_device.h"
 #include "drivers/fastrak_wire.h"
 
@@ -61,14 +61,20 @@ class FastrakDevice final : public TrackerDevice {
   //             for the answer to a poll. Only log entries about failures allocate.
   unsigned ReadFrame(double* sampleTime) override;
 
-  // Drops a late answer to the poll before; it would be read as the answer to this one.
+  // Both first take in what the unit still sends: the rest of a stream, or the answer to the poll
+  // before. It would be read as the answer to this poll, or as a new record of this stream.
   void Poll() override;
+  void StartContinuous() override;
 
   // ---- Stations ----------------------------------------------------------------------------
 
   // Writes `command` once for each of the `stations` first (0: all) in the mask, its second
   // character replaced by the station's digit. Returns stations + 1; 0 unless booted or booting.
   int SendStationCommand(const char* command, unsigned stationMask, int stations) override;
+
+  // While records are sent or due, the settings from here on to SetProtocol first wait for silence,
+  // and start the stream again at the end. No record in the old form is then left to be decoded in
+  // the new one, and no record stands before the unit's reply.
 
   // Switches the first `stations` (0: all) stations on and off. Does nothing for mask 0, before
   // boot, and on InterSense units: their active stations are those with a sensor plugged in.
@@ -114,10 +120,25 @@ class FastrakDevice final : public TrackerDevice {
   struct Reply;
   struct Alignment;
 
+  // Keeps the line free of records while it lives; starts a stream that it has ended again. Does
+  // nothing within another one, and before boot.
+  class QuietLine {
+   public:
+    explicit QuietLine(FastrakDevice& device);
+    ~QuietLine();
+    QuietLine(const QuietLine&) = delete;
+    QuietLine& operator=(const QuietLine&) = delete;
+
+   private:
+    FastrakDevice& device_;
+    const bool streamed_;
+  };
+
   // fastrak_boot.cpp
   BootResult FindUnit(int reset);
-  BootResult Identify(int reset, std::span<char> failure);
-  BootResult WakeUnit();
+  BootResult FindKnownUnit(int reset);
+  BootResult Identify(int reset, int patienceMs, std::span<char> failure);
+  BootResult WakeUnit(int patienceMs);
   BootResult WaitForReply(int timeoutMs);
   void SilenceUnit();
   bool Reinitialize();
@@ -133,6 +154,8 @@ class FastrakDevice final : public TrackerDevice {
 
   // fastrak_device.cpp
   bool AcceptsCommands();
+  bool IsStreaming() const { return booted_ && lastModeByte_ == continuousByte_; }
+  void AwaitQuiet();
   bool IsFastrakClass() const { return (statusWord_ & kFastrakClass) != 0; }
   std::uint32_t Model() const { return statusWord_ & 0xFFFF; }
   void WriteCommand(std::string_view command, unsigned pauseMs);
@@ -164,7 +187,11 @@ class FastrakDevice final : public TrackerDevice {
   FastrakLayout layout_;
   int frameLength_ = 0;  // bytes of all active stations' records; a head is searched this far
 
+  int knownRate_ = 0;    // baud, at which the unit was found; 0 before
+  int failedBoots_ = 0;  // since then
+
   // Sampling thread only.
+  StreamBacklog backlog_;
   RecordWindow window_;
   bool outOfStep_ = false;               // in the frame being read
   std::array<int, 16> lastErrorCode_{};  // of the station's last record, 0 none

@@ -11,7 +11,7 @@ namespace kinetrel {
 namespace {
 
 constexpr std::byte kHeadByte{'0'};
-constexpr int kReadCode = -1;  // status code of a bad record
+constexpr StatusCode kBadRecord = StatusCode::Refused;
 
 std::byte StationDigit(int station) { return static_cast<std::byte>('1' + station); }
 
@@ -28,6 +28,9 @@ unsigned FastrakDevice::ReadFrame(double* sampleTime) {
   if (!booted_) return 0;
   if (lastModeByte_ == 0) Poll();
   if (lastModeByte_ == pollByte_) WaitForRX(kPollMs, static_cast<int>(kFastrakHeadSize));
+  if (IsStreaming()) {
+    backlog_.DropOld(*this, window_, {deviceName_, layout_.Size(), totalFrameRate_}, statusLog_);
+  }
   outOfStep_ = false;
   unsigned read = 0;
   for (int station = 0; station < sensorCount_; ++station) {
@@ -40,11 +43,21 @@ unsigned FastrakDevice::ReadFrame(double* sampleTime) {
 }
 
 void FastrakDevice::Poll() {
+  AwaitQuiet();
   if (booted_) {
     PurgeInput();
     window_.Clear();
   }
   TrackerDevice::Poll();
+}
+
+void FastrakDevice::StartContinuous() {
+  AwaitQuiet();
+  if (booted_) {
+    PurgeInput();
+    window_.Clear();
+  }
+  TrackerDevice::StartContinuous();
 }
 
 bool FastrakDevice::ReadStation(int station, double*& sampleTime) {
@@ -77,14 +90,14 @@ bool FastrakDevice::FindHead(int station) {
     }
     window_.Drop(SizeToSkip(other));
   }
-  Post(statusLog_, kReadCode, "Read Head failed.  Record Length too long %d/%d.", frameLength_ + 2,
+  Post(statusLog_, kBadRecord, "Read Head failed.  Record Length too long %d/%d.", frameLength_ + 2,
        frameLength_);
   return false;
 }
 
 void FastrakDevice::PostNoHead() const {
   const auto found = static_cast<int>(std::min<std::size_t>(window_.size(), 1));
-  Post(statusLog_, kReadCode, "Read Head failed.  %d/2.", found);
+  Post(statusLog_, kBadRecord, "Read Head failed.  %d/2.", found);
 }
 
 // The record of a station that is not sampled is skipped whole: an InterSense unit sends records of
@@ -122,10 +135,11 @@ void FastrakDevice::NoteBitError(int station, int code) {
     return;
   }
   if (code == 0) {
-    Post(statusLog_, 0, "Sensor %d: No Errors.  (after %d error samples)", station + 1, run);
+    Post(statusLog_, StatusCode::Report, "Sensor %d: No Errors.  (after %d error samples)",
+         station + 1, run);
   } else {
-    Post(statusLog_, -code, "Sensor %d: Error #%d: %s (after %d valid samples)", station + 1, code,
-         BitErrorText(code), run);
+    Post(statusLog_, StatusCode{-code}, "Sensor %d: Error #%d: %s (after %d valid samples)",
+         station + 1, code, BitErrorText(code), run);
   }
   last = code;
   run = 1;
@@ -137,7 +151,7 @@ void FastrakDevice::NoteBitError(int station, int code) {
 bool FastrakDevice::ReadRest(int station) {
   const bool whole = window_.Want(*this, layout_.Size()) || window_.Want(*this, layout_.Size());
   if (window_.size() < kFastrakHeadSize) {
-    Post(statusLog_, kReadCode, "Read Head failed.");
+    Post(statusLog_, kBadRecord, "Read Head failed.");
     return false;
   }
   NoteBitError(station, ErrorCode(window_.bytes()[2]));
@@ -149,11 +163,11 @@ void FastrakDevice::PostShortRecord() const {
   const auto got = static_cast<unsigned>(window_.size() - kFastrakHeadSize);
   const auto whole = static_cast<unsigned>(layout_.BodySize());
   if (got >= whole) {
-    Post(statusLog_, kReadCode, "Read Tail Failed.  Serial read error.");
+    Post(statusLog_, kBadRecord, "Read Tail Failed.  Serial read error.");
   } else if (layout_.format == FastrakFormat::Bits32) {
-    Post(statusLog_, kReadCode, "read_32 failed: %d. %u/4", window_.readFailed() ? 0 : 1, got % 4);
+    Post(statusLog_, kBadRecord, "read_32 failed: %d. %u/4", window_.readFailed() ? 0 : 1, got % 4);
   } else if (layout_.format == FastrakFormat::Bits14) {
-    Post(statusLog_, kReadCode, "Read Record failed in serial port read %u/%u.", got, whole);
+    Post(statusLog_, kBadRecord, "Read Record failed in serial port read %u/%u.", got, whole);
   }
 }
 
@@ -166,7 +180,7 @@ bool FastrakDevice::IsCutByAnother(int station) {
   const std::size_t end = layout_.Size();
   if (!window_.Want(*this, end + 2)) return false;  // silence: no other record cut it
   if (BeginsLikeHead(window_.bytes().subspan(end, 2))) return false;
-  Post(statusLog_, kReadCode, "Read Record failed.  Another one begins in it.");
+  Post(statusLog_, kBadRecord, "Read Record failed.  Another one begins in it.");
   return true;
 }
 
@@ -197,7 +211,7 @@ bool FastrakDevice::Decode(int station) {
   const int values = DecodeFastrakBody(layout_, body, units_, channels_, offsets_[index],
                                        poses_[index], quaternions_[index]);
   if ((values & 0xFF) == layout_.ValueCount()) return true;
-  Post(statusLog_, kReadCode, "read_32 failed: not a number.");
+  Post(statusLog_, kBadRecord, "read_32 failed: not a number.");
   return false;
 }
 
@@ -207,13 +221,13 @@ void FastrakDevice::PostOutOfStep() const {
   for (const std::byte byte : window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize())) {
     bits[count++] = (byte & std::byte{0x80}) != std::byte{0} ? '1' : '0';
   }
-  Post(statusLog_, kReadCode, "Syc bit invalid in 14 bit read. %s", bits.data());
+  Post(statusLog_, kBadRecord, "Syc bit invalid in 14 bit read. %s", bits.data());
 }
 
 bool FastrakDevice::HasTail() const {
   const auto tail = window_.bytes().subspan(layout_.Size() - kFastrakTailSize, kFastrakTailSize);
   if (tail[0] == std::byte{'\r'} && tail[1] == std::byte{'\n'}) return true;
-  Post(statusLog_, kReadCode, "Read tail: Tail != 0x0A0D.");
+  Post(statusLog_, kBadRecord, "Read tail: Tail != 0x0A0D.");
   return false;
 }
 

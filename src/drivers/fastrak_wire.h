@@ -61,6 +61,7 @@ const FastrakProduct& FindFastrakProduct(std::uint32_t code);
 
 inline constexpr std::size_t kFastrakHeadSize = 3;
 inline constexpr std::size_t kFastrakTailSize = 2;
+inline constexpr int kFastrakQuietMs = 50;  // a stream never pauses that long
 
 // Which values a record carries, and in which format.
 struct FastrakLayout {

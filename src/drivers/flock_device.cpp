@@ -333,7 +333,11 @@ void FlockDevice::AwaitSilence() {
 // ---- Sampling --------------------------------------------------------------------------------
 
 unsigned FlockDevice::ReadFrame(double* sampleTime) {
-  if (poses_.empty() || !FetchRecord()) return 0;
+  if (poses_.empty()) return 0;
+  if (lastModeByte_ == continuousByte_) {
+    backlog_.DropOld(*this, window_, {deviceName_, kFlockRecordSize, totalFrameRate_}, statusLog_);
+  }
+  if (!FetchRecord()) return 0;
   const double time = ElapsedSeconds();
   if (sampleTime != nullptr) *sampleTime = time;
   const auto words = DecodeFlockRecord(window_.bytes().first<kFlockRecordSize>());
@@ -380,6 +384,12 @@ void FlockDevice::Poll() {
 void FlockDevice::StartContinuous() {
   DropLateAnswer();
   TrackerDevice::StartContinuous();
+}
+
+// ---- Stations --------------------------------------------------------------------------------
+
+unsigned FlockDevice::SetSensorMask(unsigned mask, int sensorCount) {
+  return TrackerDevice::SetSensorMask(MaskWithFirstSensor(mask), sensorCount);
 }
 
 // ---- Settings --------------------------------------------------------------------------------

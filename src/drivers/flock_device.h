@@ -17,7 +17,7 @@
 #include <cstdint>
 #include <span>
 
-#include "devices/record_window.h"
+#include "devices/stream_backlog.h"
 #include "devices/tracker_device.h"
 
 namespace kinetrel {
@@ -72,6 +72,9 @@ class FlockDevice final : public TrackerDevice {
   void Poll() override;
   void StartContinuous() override;
 
+  // A mask without sensor 1 becomes sensor 1, and the console says so.
+  unsigned SetSensorMask(unsigned mask, int sensorCount) override;
+
   // 0 inch, 1 centimetre, 3 metre; any other value means inches. Returns 1.
   int SetUnits(int units) override;
 
@@ -105,6 +108,7 @@ class FlockDevice final : public TrackerDevice {
 
   FlockParameters parameters_;
   RecordWindow window_;
+  StreamBacklog backlog_;
   bool answerDue_ = false;  // polled, and the answer has not been read
   bool known_ = false;      // has booted before
 };

@@ -220,6 +220,7 @@ BootResult LogitechDevice::Boot(int) {
   SetTimeouts();
   statusWord_ = (statusWord_ & ~0xFFFFU) | kFamily;
   if (!AllocateSensors(kSensors)) return kCountedOut;
+  offsets_[0] = givenOffset_;
   booted_ = true;
   return kBooted;
 }
@@ -363,7 +364,10 @@ void LogitechDevice::Poll() {
 // ---- Stations ------------------------------------------------------------------------------
 
 // The mask does not change the mounting; only the axes and the protocol do.
-unsigned LogitechDevice::SetSensorMask(unsigned, int) { return sensorMask_ = 1; }
+unsigned LogitechDevice::SetSensorMask(unsigned mask, int) {
+  MaskWithFirstSensor(mask);
+  return sensorMask_ = 1;
+}
 
 // ---- Settings ------------------------------------------------------------------------------
 
@@ -383,10 +387,7 @@ int LogitechDevice::SetAlignment(int sensor, const float xAxis[3], const float y
   const int before = std::exchange(protocol_, static_cast<int>(*mounting));
   // The host gives the offsets in the published frame. With another mounting they belong to other
   // channels.
-  if (before != protocol_ && !offsets_.empty()) {
-    const Pose given = offsets_[0];
-    LogitechDevice::SetSensorOffset(0, given.data());
-  }
+  if (before != protocol_) SetChannelOffsets();
   return 1;
 }
 
@@ -395,17 +396,23 @@ bool LogitechDevice::SetSensorOffsetComponent(int sensor, unsigned component, do
   const unsigned channel =
       component < kLogitechChannels ? kChannelOfComponent[component] : component;
   if (channel < channels_.size()) channels_[channel].offset = value;
+  if (component < givenOffset_.size()) givenOffset_[component] = static_cast<float>(value);
   return TrackerDevice::SetSensorOffsetComponent(sensor, component, value);
 }
 
 bool LogitechDevice::SetSensorOffset(int sensor, const float pose[6]) {
   if (sensor >= static_cast<int>(kSensors)) return false;
-  Pose onAxes{pose[0], pose[1], pose[2], pose[3], pose[4], pose[5]};
-  if (protocol_ == static_cast<int>(LogitechMounting::Facing)) onAxes = MountFacing(onAxes);
+  std::copy_n(pose, givenOffset_.size(), givenOffset_.begin());
+  SetChannelOffsets();
+  return poses_.empty() || TrackerDevice::SetSensorOffset(sensor, pose);
+}
+
+void LogitechDevice::SetChannelOffsets() {
+  const bool facing = protocol_ == static_cast<int>(LogitechMounting::Facing);
+  const Pose onAxes = facing ? MountFacing(givenOffset_) : givenOffset_;
   for (std::size_t i = 0; i < onAxes.size(); ++i) {
     channels_[kChannelOfComponent[i]].offset = static_cast<double>(onAxes[i]);
   }
-  return poses_.empty() || TrackerDevice::SetSensorOffset(sensor, pose);
 }
 
 // ---- Buttons -------------------------------------------------------------------------------

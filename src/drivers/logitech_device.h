@@ -58,7 +58,7 @@ class LogitechDevice final : public TrackerDevice, public ButtonBits {
   // ---- Life --------------------------------------------------------------------------------
 
   // Runs the unit's self-test and puts it into demand reporting. Stops a unit that still streams
-  // for an earlier program. The mounting and the offsets of the channels stay.
+  // for an earlier program. The mounting and the offsets stay.
   //
   // Returns  kBooted; 0 if the self-test is not answered or not passed; -4 without memory.
   BootResult Boot(int reset) override;
@@ -104,12 +104,14 @@ class LogitechDevice final : public TrackerDevice, public ButtonBits {
   void Silence();
   void ReadInformation();
   void SetTimeouts();
+  void SetChannelOffsets();
   bool Await(std::size_t count);
   bool ReadRecord(double* sampleTime);
   bool ReadRest(double* sampleTime);
   void KeepPose(std::span<const std::byte, kLogitechRecordSize> record);
 
   RecordWindow window_;
+  Pose givenOffset_{};       // as last set, in the published frame; the base's is lost by a boot
   unsigned lastHeader_ = 0;  // low 7 bits of the first byte of the last record
   bool strayInput_ = false;  // the rest of a failed record may still come
 };

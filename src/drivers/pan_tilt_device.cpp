@@ -190,6 +190,12 @@ void PanTiltDevice::NoteRequest() {
   due_ = std::min(due_ + 1, kMostDue);
 }
 
+// ---- Stations --------------------------------------------------------------------------------
+
+unsigned PanTiltDevice::SetSensorMask(unsigned mask, int sensorCount) {
+  return TrackerDevice::SetSensorMask(MaskWithFirstSensor(mask), sensorCount);
+}
+
 // ---- Settings --------------------------------------------------------------------------------
 
 int PanTiltDevice::SetProtocol(int protocol) {

@@ -50,6 +50,9 @@ class PanTiltDevice final : public TrackerDevice {
 
   void Poll() override;
 
+  // A mask without sensor 1 becomes sensor 1, and the console says so.
+  unsigned SetSensorMask(unsigned mask, int sensorCount) override;
+
   // The low byte becomes the request byte, from the next poll on. Returns that byte.
   int SetProtocol(int protocol) override;
 

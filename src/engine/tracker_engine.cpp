@@ -75,6 +75,12 @@ OpenResult TrackerEngine::Attach(const EngineLock& lock) {
   }
   ResetMappings(lock);
   ApplyConfiguration(*state_, lock);
+  // A device that has none of the sensors asked for samples those that it has.
+  const unsigned sensors = state_->device->GetSensorMask();
+  if (sensors != 0 && (sensors & state_->config.sensorMask) == 0) {
+    state_->config.sensorMask = sensors;
+    ResetMappings(lock);
+  }
   return OpenResult::Opened;
 }
 

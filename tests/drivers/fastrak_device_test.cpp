@@ -61,6 +61,14 @@ TEST_F(FastrakTest, ResetRestartsTheUnitBeforeTheBoot) {
   EXPECT_EQ(Boot(script, 1), kBooted);
 }
 
+// Noise at another rate may be the Ctrl-Y that restarts a unit.
+TEST_F(BootedFastrak, ASilentUnitIsNotSearchedAtOtherRates) {
+  EXPECT_EQ(Heard([&] { EXPECT_EQ(device_->Boot(0), -3); }), "c\rP");
+  EXPECT_EQ(device_->GetBaudRate(), 115200U);
+  ASSERT_EQ(Boot(Expect("c\rP") + Wait(1s) + Send(kTextRecord) + FastrakBootsAfterWaking("1000")),
+            kBooted);
+}
+
 struct Ending {
   const char* name;
   Script script;
@@ -232,6 +240,16 @@ TEST_F(BootedFastrak, SwitchesStationsAndTakesTheReport) {
   EXPECT_EQ(device_->SetSensorMask(3, 0), 3U);
   EXPECT_EQ(unit.Verdict(), "");
   EXPECT_EQ(Heard([&] { EXPECT_EQ(device_->SetSensorMask(0xF0, 0), 3U); }), "");
+}
+
+// The answer to the poll that ends a stream comes in front of the list of active stations.
+TEST_F(BootedFastrak, SwitchesStationsBehindAnAnswerThatIsDue) {
+  ScriptedPeer unit(line_, Expect("CcP") + Wait(30ms) + Send(std::string(27, '0')) +
+                               Expect("l1,1\rl2,1\rl3,0\rl4,0\rl1\r") + Send("21l1000\r\n"));
+  device_->StartContinuous();
+  device_->Poll();
+  EXPECT_EQ(device_->SetSensorMask(3, 0), 1U);
+  EXPECT_EQ(unit.Verdict(), "");
 }
 
 TEST_F(FastrakTest, SettingsOfTheIsotrakClass) {

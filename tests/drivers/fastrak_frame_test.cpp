@@ -224,6 +224,30 @@ TEST_F(BootedFastrak, ALateAnswerIsNotReadAsTheNextOne) {
   EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 2);
 }
 
+// The engine ends a stream with a poll; its answer is no record of the next stream.
+TEST_F(BootedFastrak, ARestartedStreamBeginsWithANewRecord) {
+  ScriptedPeer unit(
+      line_, Expect("CcP") + Wait(30ms) + Send(Record(1, 1)) + Expect("C") + Send(Record(1, 2)));
+  device_->StartContinuous();
+  device_->Poll();
+  device_->StartContinuous();
+  EXPECT_EQ(device_->ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 2);
+  EXPECT_EQ(unit.Verdict(), "");
+}
+
+TEST_F(BootedFastrak, ABacklogIsDroppedAndCounted) {
+  device_->StartContinuous();
+  for (int i = 0; i < 100; ++i) line_.Send(Record(1, 1));
+  ASSERT_TRUE(device_->WaitForRX(20000, 2700));
+  EXPECT_EQ(device_->ReadFrame(nullptr), 0U);
+  line_.Send(Record(1, 7));
+  EXPECT_EQ(device_->ReadFrame(nullptr), 1U);
+  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 7);
+  EXPECT_EQ(Logged()[0],
+            "5 100 records of FasTRAK waited for more than half a second and were dropped.");
+}
+
 TEST_F(BootedFastrak, OffsetsAreAddedToThePose) {
   const float offset[6] = {10, 0, 0, 0, 0, 0.5F};
   ASSERT_TRUE(device_->SetSensorOffset(-1, offset));

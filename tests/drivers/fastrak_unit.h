@@ -39,14 +39,18 @@ inline const std::string kTextRecord = "01   1.00  2.00  3.00\r\n";
 
 inline const Script kWakes = Expect("c\rP") + Send(kTextRecord);
 
-// The whole boot dialogue of a FasTRAK with four stations.
-inline Script FastrakBoots(const std::string& stations) {
-  return kWakes + Expect("S") + Send(kFastrakStatus) +
+// The boot dialogue of a FasTRAK with four stations, from its first record on.
+inline Script FastrakBootsAfterWaking(const std::string& stations) {
+  return Expect("S") + Send(kFastrakStatus) +
          Expect(
              "O1,2,4\rO2,2,4\rO3,2,4\rO4,2,4\rR1\rR2\rR3\rR4\r"
              "N1,0,0,0\rN2,0,0,0\rN3,0,0,0\rN4,0,0,0\r"
              "l1,1\rl2,0\rl3,0\rl4,0\rl1\r") +
          Send("21l" + stations + "\r\n") + Expect("ufcS") + Send(kFastrakStatus);
+}
+
+inline Script FastrakBoots(const std::string& stations) {
+  return kWakes + FastrakBootsAfterWaking(stations);
 }
 
 inline Script IsotrakBoots(const std::string& status, const std::string& list) {

@@ -273,6 +273,20 @@ TEST_F(FlockOnALine, AnAnswerThatComesTooLateIsDropped) {
   EXPECT_EQ(peer.Verdict(), "");
 }
 
+TEST_F(FlockOnALine, ABacklogIsDroppedAndCounted) {
+  ASSERT_EQ(Boot(BootDialogue()), kBooted);
+  StatusLog log;
+  flock_.SetStatusLog(&log);
+  flock_.StartContinuous();
+  for (int i = 0; i < 100; ++i) line_.Send(kOne);
+  ASSERT_TRUE(flock_.WaitForRX(20000, 1200));
+  EXPECT_EQ(flock_.ReadFrame(nullptr), 0U);
+  line_.Send(kTwo);
+  EXPECT_EQ(ReadAll(), std::vector<long>{2});
+  EXPECT_EQ(log.Newest().text,
+            "100 records of Ascension Flock waited for more than half a second and were dropped.");
+}
+
 // ---- Settings ------------------------------------------------------------------------------
 
 TEST_F(FlockOnALine, DescribesItself) {

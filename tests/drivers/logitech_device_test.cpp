@@ -340,5 +340,20 @@ TEST_F(LogitechOnALine, OffsetsFollowTheMounting) {
   EXPECT_EQ(device_.GetProtocol(), 1);
 }
 
+TEST_F(LogitechOnALine, OffsetsSurviveABootAndANewMounting) {
+  const float offset[6] = {1, 2, 3, 0.1F, 0.2F, 0.3F};
+  const float x[3] = {0, 0, 1};
+  const float y[3] = {0, 1, 0};
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  device_.SetSensorOffset(-1, offset);
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  EXPECT_EQ(device_.SetAlignment(-1, x, y), 1);
+  const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
+  for (std::size_t i = 0; i < 6; ++i) {
+    EXPECT_NEAR(pose[i], offset[i], 1e-6) << i;
+    EXPECT_EQ(device_.GetSensorOffset(0)[i], offset[i]) << i;
+  }
+}
+
 }  // namespace
 }  // namespace kinetrel::test

@@ -225,5 +225,20 @@ INSTANTIATE_TEST_SUITE_P(Of, SerialFaults,
                          testing::Values(kLogitech, kIntertrax, kGps, kFlock, kPanTilt),
                          [](const auto& row) { return std::string(row.param.name); });
 
+// ---- Sensors that the device lacks ---------------------------------------------------------
+
+class SerialSensors : public testing::TestWithParam<Tracker> {};
+
+TEST_P(SerialSensors, ThatAreMissingAreReportedAndSensor1IsSampled) {
+  EmulatedRun run(GetParam().device, GetParam().type, {"--motion=ramp"}, {"-s", "2"});
+  EXPECT_TRUE(run.tracker().ExpectError(" has no sensor of the mask 0x2; sensor 1 is sampled"));
+  const auto blocks = run.Watch(5);
+  ASSERT_FALSE(blocks.empty()) << run.tracker().error();
+  EXPECT_LE(GetParam().find(blocks.back().poses[0]).error, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, SerialSensors, testing::Values(kLogitech, kFlock, kPanTilt),
+                         [](const auto& row) { return std::string(row.param.name); });
+
 }  // namespace
 }  // namespace kinetrel::test
