@@ -7,7 +7,7 @@
 #include "bench/machine.h"
 #include "bench/publication.h"
 #include "engine/tracker_engine.h"
-#include "platform/stop_signals.h"
+#include "platform/signals.h"
 #include "platform/thread.h"
 
 namespace kinetrel::bench {

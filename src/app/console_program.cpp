@@ -6,7 +6,7 @@
 #include "drivers/driver_table.h"
 #include "engine/tracker_engine.h"
 #include "platform/console.h"
-#include "platform/stop_signals.h"
+#include "platform/signals.h"
 
 namespace kinetrel {
 namespace {

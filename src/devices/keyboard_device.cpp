@@ -9,7 +9,6 @@
 #include <mutex>
 
 #include "platform/console.h"
-#include "platform/transient_output.h"
 
 namespace kinetrel {
 namespace {

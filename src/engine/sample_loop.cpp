@@ -6,8 +6,8 @@
 #include <thread>
 #include <utility>
 
+#include "platform/console.h"
 #include "platform/thread.h"
-#include "platform/transient_output.h"
 
 namespace kinetrel {
 namespace {

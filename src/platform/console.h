@@ -91,4 +91,14 @@ TerminalSize StandardOutputSize();
 // Makes the terminal on standard output understand control sequences; false where it cannot.
 bool EnableTerminalSequences();
 
+// ---- What a time-critical thread may print -------------------------------------------------
+
+// Whether standard output takes a line now. A stopped terminal or a full pipe would hold the thread
+// that writes. Always true on Windows, which does not tell.
+bool OutputTakesLine();
+
+// Writes a few bytes to standard output if it takes them at once, and drops them otherwise. Never
+// allocates, never waits.
+void ShowTransient(const char* text);
+
 }  // namespace kinetrel

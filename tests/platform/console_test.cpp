@@ -15,7 +15,7 @@
 #include <string>
 
 #include "platform/clock.h"
-#include "platform/stop_signals.h"
+#include "platform/signals.h"
 #include "tests/support/pseudo_terminal.h"
 #include "tests/support/terminal_job.h"
 #include "tests/support/wait_until.h"

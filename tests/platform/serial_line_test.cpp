@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -325,6 +326,130 @@ TEST(SerialLine, AnUnfinishedRecordIsWaitedForWithoutSpinning) {
   const double before = ThreadCpuMilliseconds();
   EXPECT_EQ(line.WaitForInput(3, Milliseconds(600)).error, Error::TimedOut);
   EXPECT_LT(ThreadCpuMilliseconds() - before, 300);
+}
+
+// ---- The bytes read ahead ------------------------------------------------------------------
+
+// One step of a story: what the far end sends or what the host does, and the answer it must get.
+struct Step {
+  enum class Act { Send, HangUp, Wait, Length, Read, Purge, Reopen } act;
+  std::string text = {};      // to send, or expected of the read
+  std::size_t count = 0;      // waited for, or expected as the length
+  Error error = Error::None;  // expected
+};
+
+struct Story {
+  const char* name;
+  std::vector<Step> steps;
+};
+
+class SerialLineReadsAhead : public testing::TestWithParam<Story> {};
+
+void Play(const Step& step, PseudoTerminal& far, std::optional<SerialLine>& line) {
+  switch (step.act) {
+    case Step::Act::Send:
+      return far.Send(step.text);
+    case Step::Act::HangUp:
+      return far.HangUp();
+    case Step::Act::Wait:
+      EXPECT_EQ(line->WaitForInput(step.count, kLong).error, step.error);
+      return;
+    case Step::Act::Length: {
+      const Result<std::size_t> length = line->InputQueueLength();
+      EXPECT_EQ(length.status().error, step.error);
+      EXPECT_EQ(length.Ok() ? *length : 0, step.count);
+      return;
+    }
+    case Step::Act::Read:
+      EXPECT_EQ(ReadText(*line, 4), step.text);
+      return;
+    case Step::Act::Purge:
+      EXPECT_EQ(line->PurgeInput().error, step.error);
+      return;
+    case Step::Act::Reopen:
+      line.reset();
+      line = MustOpen(far.path());
+  }
+}
+
+TEST_P(SerialLineReadsAhead, AsIfTheSystemStillHeldTheBytes) {
+  PseudoTerminal far;
+  std::optional<SerialLine> line = MustOpen(far.path());
+  for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
+    SCOPED_TRACE("step " + std::to_string(i));
+    Play(GetParam().steps[i], far, line);
+  }
+}
+
+using Act = Step::Act;
+
+INSTANTIATE_TEST_SUITE_P(Line, SerialLineReadsAhead,
+                         testing::Values(Story{"PurgeDropsThem",
+                                               {{Act::Send, "abcdef"},
+                                                {Act::Wait, {}, 6},
+                                                {Act::Read, "abcd"},
+                                                {Act::Purge},
+                                                {Act::Length, {}, 0},
+                                                {Act::Read, ""},
+                                                {Act::Send, "xy"},
+                                                {Act::Wait, {}, 2},
+                                                {Act::Read, "xy"}}},
+                                         Story{"TheLengthCountsThemAndWhatCameSince",
+                                               {{Act::Send, "abcdef"},
+                                                {Act::Wait, {}, 6},
+                                                {Act::Read, "abcd"},
+                                                {Act::Send, "ghi"},
+                                                {Act::Wait, {}, 5},
+                                                {Act::Length, {}, 5},
+                                                {Act::Read, "efgh"},
+                                                {Act::Read, "i"}}},
+                                         Story{"AHangUpIsReportedAfterThem",
+                                               {{Act::Send, "abcdef"},
+                                                {Act::Wait, {}, 6},
+                                                {Act::HangUp},
+                                                {Act::Wait, {}, 6},
+                                                {Act::Wait, {}, 7, Error::Closed},
+                                                {Act::Length, {}, 6},
+                                                {Act::Read, "abcd"},
+                                                {Act::Length, {}, 2},
+                                                {Act::Read, "ef"},
+                                                {Act::Read, "read: closed"},
+                                                {Act::Length, {}, 0, Error::Closed},
+                                                {Act::Purge, {}, 0, Error::Closed}}},
+                                         Story{"ReopeningStartsEmpty",
+                                               {{Act::Send, "abcdef"},
+                                                {Act::Wait, {}, 6},
+                                                {Act::Read, "abcd"},
+                                                {Act::Reopen},
+                                                {Act::Length, {}, 0},
+                                                {Act::Send, "x"},
+                                                {Act::Wait, {}, 1},
+                                                {Act::Read, "x"}}}),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(SerialLine, BytesThatWereReadAheadCostNoWaitAndNoSystemCall) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  ASSERT_TRUE(line.SetReadTimeouts({0, 0, kLongMs}).Ok());
+  far.Send("abcdefgh");
+  ASSERT_TRUE(line.WaitForInput(8, kLong).Ok());
+  ASSERT_EQ(tcflush(far.nearEnd(), TCIFLUSH), 0);  // the system itself holds no byte any more
+  EXPECT_TRUE(line.WaitForInput(8, kForever).Ok());
+  EXPECT_EQ(ReadText(line, 4), "abcd");
+  EXPECT_EQ(ReadText(line, 4), "efgh");
+}
+
+TEST(SerialLine, MoreThanTheReadAheadTakesArrivesInOrder) {
+  PseudoTerminal far;
+  SerialLine line = MustOpen(far.path());
+  ASSERT_TRUE(line.SetReadTimeouts({0, 0, kLongMs}).Ok());
+  std::string sent;
+  for (int i = 0; i < 2000; ++i) sent += std::to_string(10000 + i);
+  std::thread device([&] { far.Send(sent); });
+  ASSERT_TRUE(line.WaitForInput(SerialLine::kMostReadAhead, kLong).Ok());
+  EXPECT_EQ(*line.InputQueueLength(), SerialLine::kMostReadAhead);
+  EXPECT_EQ(ReadText(line, sent.size()), sent);
+  device.join();
 }
 
 // ---- Queues and writing --------------------------------------------------------------------

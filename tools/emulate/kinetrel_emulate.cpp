@@ -8,8 +8,7 @@
 #include "emulate/emulate_command.h"
 #include "platform/clock.h"
 #include "platform/console.h"
-#include "platform/stop_signals.h"
-#include "platform/user_signals.h"
+#include "platform/signals.h"
 
 namespace {
 

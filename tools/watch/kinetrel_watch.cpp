@@ -4,7 +4,7 @@
 #include <string>
 
 #include "platform/console.h"
-#include "platform/stop_signals.h"
+#include "platform/signals.h"
 #include "watch/watch_options.h"
 #include "watch/watch_screen.h"
 #include "watch/watcher.h"

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "platform/posix/os.h"
+
 namespace kinetrel {
 
 std::int64_t ClockTicks() {
@@ -15,14 +17,7 @@ std::int64_t ClockTicksPerSecond() { return 1'000'000'000; }
 
 void SleepFor(Milliseconds time) {
   if (time.count() <= 0) return;
-  timespec end{};
-  clock_gettime(CLOCK_MONOTONIC, &end);
-  end.tv_sec += time.count() / 1000;
-  end.tv_nsec += (time.count() % 1000) * 1'000'000;
-  if (end.tv_nsec >= 1'000'000'000) {
-    end.tv_nsec -= 1'000'000'000;
-    ++end.tv_sec;
-  }
+  const timespec end = MomentAfter(CLOCK_MONOTONIC, time);
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
   }
 }

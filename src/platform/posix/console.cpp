@@ -1,6 +1,7 @@
 #include "platform/console.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -30,6 +31,17 @@ bool EnableTerminalSequences() {
   const char* const kind = std::getenv("TERM");
   return StandardOutputIsTerminal() && kind != nullptr && *kind != '\0' &&
          std::strcmp(kind, "dumb") != 0;
+}
+
+bool OutputTakesLine() {
+  pollfd output{STDOUT_FILENO, POLLOUT, 0};
+  return ::poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0;
+}
+
+void ShowTransient(const char* text) {
+  if (!OutputTakesLine()) return;
+  // If the output takes less, the rest is not worth a second try.
+  [[maybe_unused]] const ssize_t wrote = ::write(STDOUT_FILENO, text, std::strlen(text));
 }
 
 }  // namespace kinetrel

@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

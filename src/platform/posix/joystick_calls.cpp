@@ -17,7 +17,7 @@
 #include <optional>
 #include <system_error>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

@@ -2,37 +2,21 @@
 
 #include <cerrno>
 
-#include "platform/posix/mutex.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
-
-// ---- Any pthread mutex ---------------------------------------------------------------------
-
-timespec After(clockid_t clock, Milliseconds time) {
-  timespec moment{};
-  ::clock_gettime(clock, &moment);
-  moment.tv_sec += time.count() / 1000;
-  moment.tv_nsec += (time.count() % 1000) * 1'000'000;
-  if (moment.tv_nsec >= 1'000'000'000) {
-    moment.tv_nsec -= 1'000'000'000;
-    ++moment.tv_sec;
-  }
-  return moment;
-}
 
 int LockWithin(pthread_mutex_t* mutex, Milliseconds timeout) {
   if (timeout == kForever) return pthread_mutex_lock(mutex);
   const int tried = pthread_mutex_trylock(mutex);
   if (tried != EBUSY || timeout.count() <= 0) return tried;
-  timespec end = After(CLOCK_MONOTONIC, timeout);
+  timespec end = MomentAfter(CLOCK_MONOTONIC, timeout);
   const int code = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &end);
   if (code != EINVAL) return code;
   // Kernels before 5.14 take no monotonic deadline for a priority-inheriting lock.
-  end = After(CLOCK_REALTIME, timeout);
+  end = MomentAfter(CLOCK_REALTIME, timeout);
   return pthread_mutex_timedlock(mutex, &end);
 }
-
-// ---- PriorityMutex -------------------------------------------------------------------------
 
 struct PriorityMutex::Os {
   pthread_mutex_t mutex;

@@ -12,8 +12,7 @@
 #include <ctime>
 #include <utility>
 
-#include "platform/posix/mutex.h"
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 #include "platform/posix/shared_object.h"
 
 namespace kinetrel {
@@ -126,7 +125,7 @@ long Futex(const SharedObject& object, int operation, std::uint32_t value, const
 
 // Sleeps while the word is `value`, until it is woken, or the time is up, or sooner.
 void FutexWait(const SharedObject& object, std::uint32_t value, Milliseconds timeout) {
-  const timespec end = After(CLOCK_MONOTONIC, std::min(timeout, kLongestSleep));
+  const timespec end = MomentAfter(CLOCK_MONOTONIC, std::min(timeout, kLongestSleep));
   Futex(object, FUTEX_WAIT_BITSET, value, &end);
 }
 

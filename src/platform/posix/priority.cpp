@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 #include "platform/thread.h"
 
 namespace kinetrel {

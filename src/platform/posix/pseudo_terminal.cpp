@@ -11,7 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 #include "platform/posix/terminal_settings.h"
 
 namespace kinetrel {

@@ -2,6 +2,7 @@
 
 #include <asm/termbits.h>
 #include <fcntl.h>
+#include <grp.h>
 #include <linux/serial.h>
 #include <poll.h>
 #include <sys/file.h>
@@ -13,9 +14,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <ctime>
+#include <vector>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
+#include "platform/serial_line.h"
 
 namespace kinetrel {
 namespace {
@@ -43,18 +47,32 @@ Status ModemLineStatus(int code, const char* what) {
 
 int BitOf(ModemLine line) { return line == ModemLine::Dtr ? TIOCM_DTR : TIOCM_RTS; }
 
-Result<std::size_t> CountBytes(int fd, unsigned long which) {
-  int count = 0;
-  if (::ioctl(fd, which, &count) != 0) return StatusFromErrno(errno, "count queued bytes");
-  return static_cast<std::size_t>(count);
-}
-
-Status DiscardQueue(int fd, int which) {
-  if (::ioctl(fd, TCFLSH, which) == 0) return {};
-  return StatusFromErrno(errno, "discard queued bytes");
-}
-
 }  // namespace
+
+// ---- Names ---------------------------------------------------------------------------------
+
+std::string SerialDevicePath(const std::string& name) {
+  const std::optional<unsigned> number = ComNumber(name);
+  if (!number) return name;
+  const std::string variable = "KINETREL_COM" + std::to_string(*number);
+  const char* const chosen = std::getenv(variable.c_str());
+  if (chosen != nullptr && *chosen != '\0') return chosen;
+  return *number == 0 ? std::string() : "/dev/ttyS" + std::to_string(*number - 1);
+}
+
+std::string GroupThatMayUse(const std::string& path) {
+  struct stat device {};
+  if (::stat(path.c_str(), &device) != 0) return {};
+  constexpr mode_t kBoth = S_IRGRP | S_IWGRP;
+  if (device.st_gid == 0 || (device.st_mode & kBoth) != kBoth) return {};
+  std::vector<char> text(4096);
+  group entry{};
+  group* found = nullptr;
+  if (::getgrgid_r(device.st_gid, &entry, text.data(), text.size(), &found) != 0 || !found) {
+    return std::to_string(device.st_gid);
+  }
+  return found->gr_name;
+}
 
 // ---- Opening -------------------------------------------------------------------------------
 
@@ -133,8 +151,11 @@ Ready PollInput(int fd, Milliseconds atMost) {
 
 // ---- Queues --------------------------------------------------------------------------------
 
-Result<std::size_t> CountQueued(int fd) { return CountBytes(fd, FIONREAD); }
-Result<std::size_t> CountUnsent(int fd) { return CountBytes(fd, TIOCOUTQ); }
+Result<std::size_t> CountUnsent(int fd) {
+  int count = 0;
+  if (::ioctl(fd, TIOCOUTQ, &count) != 0) return StatusFromErrno(errno, "count unsent bytes");
+  return static_cast<std::size_t>(count);
+}
 
 // Hardware that cannot be asked counts as empty.
 bool SenderIsEmpty(int fd) {
@@ -142,8 +163,10 @@ bool SenderIsEmpty(int fd) {
   return ::ioctl(fd, TIOCSERGETLSR, &state) != 0 || (state & TIOCSER_TEMT) != 0;
 }
 
-Status DiscardInput(int fd) { return DiscardQueue(fd, TCIFLUSH); }
-Status DiscardOutput(int fd) { return DiscardQueue(fd, TCOFLUSH); }
+Status DiscardOutput(int fd) {
+  if (::ioctl(fd, TCFLSH, TCOFLUSH) == 0) return {};
+  return StatusFromErrno(errno, "discard unsent bytes");
+}
 
 // ---- Modem lines ---------------------------------------------------------------------------
 

@@ -14,6 +14,16 @@ namespace kinetrel {
 
 using Microseconds = std::chrono::microseconds;
 
+// ---- Names ---------------------------------------------------------------------------------
+
+// The path of a serial line's device. "COM<n>" means what the environment variable KINETREL_COM<n>
+// names, or else the machine's own line /dev/ttyS<n-1>. Any other name is already a path. Empty:
+// COM0 without the variable.
+std::string SerialDevicePath(const std::string& name);
+
+// The group whose members may use the device. Empty: no group may, or only root's own.
+std::string GroupThatMayUse(const std::string& path);
+
 // ---- Opening -------------------------------------------------------------------------------
 
 // Invalid: there is something of that name, but no character device. NotFound also for a path that
@@ -53,11 +63,9 @@ Ready PollInput(int fd, Milliseconds atMost);
 
 // ---- Queues --------------------------------------------------------------------------------
 
-Result<std::size_t> CountQueued(int fd);  // received, not yet read
 Result<std::size_t> CountUnsent(int fd);  // written, not yet sent
 bool SenderIsEmpty(int fd);               // also the hardware's own store
 
-Status DiscardInput(int fd);
 Status DiscardOutput(int fd);
 
 // ---- Modem lines ---------------------------------------------------------------------------

@@ -5,10 +5,8 @@
 #include <algorithm>
 #include <optional>
 
-#include "platform/com_number.h"
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 #include "platform/posix/serial_calls.h"
-#include "platform/posix/serial_name.h"
 #include "platform/posix/terminal_settings.h"
 
 namespace kinetrel {
@@ -17,48 +15,12 @@ namespace {
 constexpr Milliseconds kWritePatience{1000};
 constexpr Milliseconds kDrainPatience{1000};
 
-// Bytes that did pass are a success; why no more did, the next call tells.
+// A transfer that moved bytes is a success. The next call reports why no more passed.
 Result<std::size_t> Outcome(const Transfer& last, std::size_t before, const char* what) {
   const std::size_t count = before + last.count;
   if (count > 0 || last.how == Ended::Nothing) return count;
   if (last.how == Ended::HungUp) return Status{Error::Closed, last.code, what};
   return StatusFromErrno(last.code, what);
-}
-
-// After a hang-up: what was received before it.
-Transfer ReadRest(int fd, std::span<std::byte> into) {
-  const Transfer rest = ReadOnce(fd, into);
-  return rest.how == Ended::Nothing ? Transfer{Ended::HungUp} : rest;
-}
-
-// ---- Time-outs -----------------------------------------------------------------------------
-
-// How much longer one read may wait.
-class ReadClock {
- public:
-  ReadClock(const ReadTimeouts& timeouts, std::size_t count)
-      : total_(Total(timeouts, count)), interval_(timeouts.interval), gap_(kForever) {}
-
-  void BytesArrived() {
-    if (interval_.count() != 0) gap_ = Deadline(interval_);
-  }
-  Milliseconds Remaining() const { return std::min(total_.Remaining(), gap_.Remaining()); }
-
- private:
-  static Milliseconds Total(const ReadTimeouts& timeouts, std::size_t count) {
-    if (timeouts.multiplier == 0 && timeouts.constant == 0) return kForever;
-    return Milliseconds(std::int64_t{timeouts.multiplier} * static_cast<std::int64_t>(count) +
-                        timeouts.constant);
-  }
-
-  Deadline total_;
-  Milliseconds interval_;
-  Deadline gap_;
-};
-
-bool ReturnsAtOnce(const ReadTimeouts& timeouts) {
-  return timeouts.interval == ReadTimeouts::kReturnAtOnce && timeouts.multiplier == 0 &&
-         timeouts.constant == 0;
 }
 
 }  // namespace
@@ -75,7 +37,6 @@ struct SerialLine::Os {
   Status Drain() const;
 
   int fd;
-  ReadTimeouts timeouts;
   std::optional<termios2> found;  // the settings to leave behind; none for what is no terminal
   std::optional<int> foundDriverFlags;
   unsigned baud = 0;
@@ -189,37 +150,25 @@ Status SerialLine::Apply(const LineSettings& settings) {
   return {};
 }
 
-Status SerialLine::SetReadTimeouts(const ReadTimeouts& timeouts) {
-  os_->timeouts = timeouts;
-  return {};
-}
-
 Status SerialLine::WatchInput() { return {}; }
+Status SerialLine::PrepareReads() { return {}; }
 
-Result<std::size_t> SerialLine::Read(std::span<std::byte> into) {
-  if (into.empty()) return std::size_t{0};
-  if (ReturnsAtOnce(os_->timeouts)) return Outcome(ReadOnce(os_->fd, into), 0, "read");
-  ReadClock clock(os_->timeouts, into.size());
-  std::size_t got = 0;
-  while (got < into.size()) {
-    const Transfer read = ReadOnce(os_->fd, into.subspan(got));
-    if (read.how == Ended::Bytes) {
-      got += read.count;
-      clock.BytesArrived();
-    } else if (read.how == Ended::Nothing) {
-      const Milliseconds left = clock.Remaining();
-      if (left.count() == 0) break;
-      if (PollInput(os_->fd, left) == Ready::HungUp) {
-        return Outcome(ReadRest(os_->fd, into.subspan(got)), got, "read");
-      }
-    } else {
-      return Outcome(read, got, "read");
-    }
-  }
-  return got;
+// A hang-up shows while bytes from before it are still there.
+Result<std::size_t> SerialLine::Receive(std::span<std::byte> into, Milliseconds atMost) {
+  Ready ready = Ready::Input;
+  if (atMost.count() > 0) ready = PollInput(os_->fd, atMost);
+  if (ready == Ready::Nothing) return std::size_t{0};
+  Transfer read = ReadOnce(os_->fd, into);
+  if (read.how == Ended::Nothing && ready == Ready::HungUp) read.how = Ended::HungUp;
+  return Outcome(read, 0, "read");
 }
 
-// Naps rather than polls: a full pseudo-terminal may call itself writable and take nothing.
+// A read reaches all that the kernel holds, also in its hand-over queue.
+Status SerialLine::PurgeDriver() { return {}; }
+
+void SerialLine::NapFor(std::size_t bytes) { NapForBytes(bytes, os_->baud); }
+
+// Naps instead of polling: poll may call a full pseudo-terminal writable although it takes nothing.
 Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
   Deadline deadline(kWritePatience);
   std::size_t sent = 0;
@@ -238,45 +187,6 @@ Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
   }
   if (sent == 0 && !from.empty()) return Status{Error::TimedOut, 0, "write"};
   return sent;
-}
-
-// The kernel counts what has passed through its own hand-over queue; looking for input moves it
-// there, so an empty count is asked for twice.
-Result<std::size_t> SerialLine::InputQueueLength() const {
-  const Result<std::size_t> count = CountQueued(os_->fd);
-  if (!count.Ok() || *count > 0) return count;
-  return PollInput(os_->fd, Milliseconds(0)) == Ready::Input ? CountQueued(os_->fd) : count;
-}
-
-// Poll tells of the first byte only, and goes on telling as long as it waits to be read. So poll is
-// for an empty queue, and a begun record is napped for: one that came in one piece costs one
-// wake-up, one that trickles in costs one nap after the other and never a spin.
-Status SerialLine::WaitForInput(std::size_t count, Milliseconds timeout) const {
-  const Deadline deadline(timeout);
-  for (Ready ready = Ready::Nothing;;) {
-    const Result<std::size_t> queued = CountQueued(os_->fd);
-    if (!queued.Ok()) return queued.status();
-    if (*queued >= count) return {};
-    if (ready == Ready::HungUp) return {Error::Closed, 0, "wait for input"};
-    const Milliseconds left = deadline.Remaining();
-    if (left.count() == 0) return {Error::TimedOut, 0, "wait for input"};
-    if (*queued == 0 && ready == Ready::Nothing) {
-      ready = PollInput(os_->fd, left);
-    } else {
-      NapForBytes(count - *queued, os_->baud);
-    }
-  }
-}
-
-// Emptying the queue lets the kernel hand over what it still held back; that goes too. A device
-// that never pauses has always more.
-Status SerialLine::PurgeInput() {
-  constexpr int kMostRounds = 4;
-  for (int round = 0; round < kMostRounds; ++round) {
-    if (const Status purged = DiscardInput(os_->fd); !purged.Ok()) return purged;
-    if (PollInput(os_->fd, Milliseconds(0)) != Ready::Input) break;
-  }
-  return {};
 }
 
 // A pseudo-terminal would also discard what the far end has received and not read yet.

@@ -11,7 +11,7 @@
 
 #include "platform/clock.h"
 #include "platform/mutex.h"
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

@@ -12,7 +12,7 @@
 #include <climits>
 #include <utility>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "platform/host_lookup.h"
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

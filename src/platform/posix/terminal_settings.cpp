@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstddef>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

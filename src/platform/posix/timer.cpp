@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstdint>
 
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 namespace kinetrel {
 namespace {

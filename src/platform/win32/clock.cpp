@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include "platform/win32/handle.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

@@ -1,9 +1,13 @@
 #include "platform/datagram_socket.h"
 
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+
 #include <algorithm>
 #include <limits>
 
-#include "platform/win32/winsock.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

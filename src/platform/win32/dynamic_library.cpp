@@ -6,7 +6,7 @@
 #include <cctype>
 #include <cstdlib>
 
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

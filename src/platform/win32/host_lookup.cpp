@@ -1,8 +1,12 @@
 #include "platform/host_lookup.h"
 
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+
 #include <cstring>
 
-#include "platform/win32/winsock.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {
@@ -23,7 +27,7 @@ Addresses AddressesOf(const std::string& host, std::uint16_t port, int flags) {
   wanted.ai_flags = flags;
   wanted.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
-  StartWinsock();
+  StartSockets();
   const std::string service = std::to_string(port);
   if (host.empty() || ::getaddrinfo(host.c_str(), service.c_str(), &wanted, &found) != 0) {
     return Status{Error::NotFound, 0, "finding a host"};

@@ -1,6 +1,6 @@
 #include "platform/win32/line_settings.h"
 
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "platform/win32/handle.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 

@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "platform/win32/handle.h"
+#include "platform/win32/os.h"
 #include "platform/win32/shared_object.h"
 
 namespace kinetrel {

@@ -1,7 +1,7 @@
 #include <windows.h>
 
 #include "platform/thread.h"
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 

@@ -10,7 +10,6 @@
 #include "platform/named_objects.h"
 #include "platform/win32/line_settings.h"
 #include "platform/win32/serial_calls.h"
-#include "platform/win32/serial_name.h"
 
 namespace kinetrel {
 namespace {

@@ -1,9 +1,10 @@
 #include "platform/win32/serial_calls.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <limits>
 
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {
@@ -14,7 +15,20 @@ DWORD CountOf(std::size_t size) {
 
 Status Ended(BOOL done, const char* what) { return done ? Status{} : StatusOfLastError(what); }
 
+std::string ChosenName(const std::string& name) {
+  if (!ComNumber(name)) return name;
+  const char* const chosen = std::getenv(("KINETREL_" + name).c_str());
+  return chosen != nullptr && *chosen != '\0' ? chosen : name;
+}
+
 }  // namespace
+
+// ---- Names ---------------------------------------------------------------------------------
+
+std::string SerialDevicePath(const std::string& name) {
+  const std::string chosen = ChosenName(name);
+  return chosen.starts_with("\\\\") ? chosen : "\\\\.\\" + chosen;
+}
 
 // ---- Opening -------------------------------------------------------------------------------
 

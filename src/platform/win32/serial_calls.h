@@ -10,9 +10,15 @@
 
 #include "platform/serial_line.h"
 #include "platform/status.h"
-#include "platform/win32/handle.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
+
+// ---- Names ---------------------------------------------------------------------------------
+
+// The path of a serial line: "\\\\.\\" and its name, which also reaches the ports above COM9. The
+// environment variable KINETREL_COM<n> may name another port for "COM<n>".
+std::string SerialDevicePath(const std::string& name);
 
 // ---- Opening -------------------------------------------------------------------------------
 

@@ -6,12 +6,10 @@
 #include <cstdlib>
 #include <optional>
 
-#include "platform/com_number.h"
 #include "platform/timer.h"
 #include "platform/win32/line_settings.h"
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 #include "platform/win32/serial_calls.h"
-#include "platform/win32/serial_name.h"
 
 namespace kinetrel {
 namespace {
@@ -20,8 +18,7 @@ namespace {
 constexpr DWORD kWritePatience = 1000;  // ms
 constexpr Milliseconds kDrainPatience{1000};
 constexpr Milliseconds kStep{1};
-constexpr Milliseconds kLongStep{2};
-constexpr Milliseconds kShortWait{10};  // below it, in steps of the shorter kind
+constexpr Milliseconds kLongestRead{1000};  // of one call; the caller waits on
 
 // The codes of the fixed rates end at this one; above it is that of a rate that can be set freely.
 // Wine tells every port as one of 115200 at the most, so there the user must say that it will do.
@@ -56,10 +53,12 @@ struct SerialLine::Os {
   Status Drain() const;
   Status ReceiveEvent();
   Result<std::size_t> Received() const;
+  Status LimitReads(Milliseconds atMost);
 
   Handle line;
   std::optional<DCB> found;  // the settings to leave behind; none for what is no serial line
   std::optional<COMMTIMEOUTS> foundTimes;
+  std::optional<DWORD> readLimit;  // ms; of the time-outs in force
   bool dtrRaised = true;
   TimerResolution fineSteps;  // else a step of 1 ms takes 16
   std::unique_ptr<DWORD> events = std::make_unique<DWORD>(0);
@@ -110,6 +109,18 @@ Result<std::size_t> SerialLine::Os::Received() const {
   const Result<Queued> queued = CountQueued(get());
   if (!queued.Ok()) return queued.status();
   return queued->received;
+}
+
+// A read waits this long for the bytes that it asks for.
+Status SerialLine::Os::LimitReads(Milliseconds atMost) {
+  const auto limit = static_cast<DWORD>(std::min(atMost, kLongestRead).count());
+  if (readLimit == limit) return {};
+  COMMTIMEOUTS times{};
+  times.ReadTotalTimeoutConstant = limit;
+  times.WriteTotalTimeoutConstant = kWritePatience;
+  const Status written = WriteTimes(get(), times);
+  if (written.Ok()) readLimit = limit;
+  return written;
 }
 
 SerialLine::SerialLine(std::unique_ptr<Os> os) : os_(std::move(os)) {}
@@ -168,25 +179,38 @@ Status SerialLine::Apply(const LineSettings& settings) {
   return {};
 }
 
-Status SerialLine::SetReadTimeouts(const ReadTimeouts& timeouts) {
-  COMMTIMEOUTS times{};
-  times.ReadIntervalTimeout = timeouts.interval;
-  times.ReadTotalTimeoutMultiplier = timeouts.multiplier;
-  times.ReadTotalTimeoutConstant = timeouts.constant;
-  times.WriteTotalTimeoutConstant = kWritePatience;
-  return WriteTimes(os_->get(), times);
-}
-
 Status SerialLine::WatchInput() { return WatchReceivedBytes(os_->get()); }
 
-// A read that finds nothing on a line that is gone may not say so (Wine's does not).
-Result<std::size_t> SerialLine::Read(std::span<std::byte> into) {
-  if (into.empty()) return std::size_t{0};
-  const Result<std::size_t> got = ReadOnce(os_->get(), into);
-  if (!got.Ok() || *got > 0) return got;
-  const Result<std::size_t> left = os_->Received();
-  return left.Ok() ? got : left;
+Status SerialLine::PrepareReads() { return os_->LimitReads(kStep); }
+
+// The system's wait for an event has no time-out, but its read has one: so a read of one byte
+// waits, and a second read takes the rest. After a read without bytes the line is asked whether it
+// is still there, as the read itself may not say so (Wine's does not).
+Result<std::size_t> SerialLine::Receive(std::span<std::byte> into, Milliseconds atMost) {
+  Result<std::size_t> waiting = os_->Received();
+  if (!waiting.Ok()) return waiting;
+  std::size_t got = 0;
+  if (*waiting == 0 && atMost == kForever) {
+    if (const Status waited = os_->ReceiveEvent(); !waited.Ok()) return waited;
+    waiting = os_->Received();
+  } else if (*waiting == 0 && atMost.count() > 0) {
+    if (const Status limited = os_->LimitReads(atMost); !limited.Ok()) return limited;
+    const Result<std::size_t> first = ReadOnce(os_->get(), into.first(1));
+    if (!first.Ok()) return first;
+    got = *first;
+    waiting = os_->Received();
+  }
+  if (!waiting.Ok()) return got > 0 ? Result(got) : waiting;
+  into = into.subspan(got, std::min(*waiting, into.size() - got));
+  if (into.empty()) return got;
+  const Result<std::size_t> rest = ReadOnce(os_->get(), into);
+  if (rest.Ok()) return got + *rest;
+  return got > 0 ? Result(got) : rest;
 }
+
+Status SerialLine::PurgeDriver() { return DiscardInput(os_->get()); }
+
+void SerialLine::NapFor(std::size_t) { SleepFor(kStep); }
 
 Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
   std::size_t sent = 0;
@@ -200,27 +224,6 @@ Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
   return sent;
 }
 
-Result<std::size_t> SerialLine::InputQueueLength() const { return os_->Received(); }
-
-// The system's wait for an event has no time-out, so a wait that has one goes in steps.
-Status SerialLine::WaitForInput(std::size_t count, Milliseconds timeout) const {
-  const Deadline deadline(timeout);
-  const Milliseconds step = timeout < kShortWait ? kStep : kLongStep;
-  for (;;) {
-    const Result<std::size_t> received = os_->Received();
-    if (!received.Ok()) return received.status();
-    if (*received >= count) return {};
-    if (timeout == kForever && *received == 0) {
-      if (const Status waited = os_->ReceiveEvent(); !waited.Ok()) return waited;
-    } else if (deadline.Passed()) {
-      return {Error::TimedOut, 0, "wait for input"};
-    } else {
-      SleepFor(std::min(step, deadline.Remaining()));
-    }
-  }
-}
-
-Status SerialLine::PurgeInput() { return DiscardInput(os_->get()); }
 Status SerialLine::PurgeOutput() { return DiscardOutput(os_->get()); }
 Status SerialLine::DrainOutput() { return os_->Drain(); }
 

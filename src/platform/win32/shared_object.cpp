@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/mutex.h"
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

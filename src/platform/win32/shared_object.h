@@ -12,8 +12,8 @@
 
 #include "platform/named_objects.h"
 #include "platform/status.h"
-#include "platform/win32/handle.h"
 #include "platform/win32/local_event.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 

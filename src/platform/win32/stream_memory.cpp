@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "platform/mutex.h"
-#include "platform/win32/handle.h"
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

@@ -1,11 +1,15 @@
 #include "platform/stream_socket.h"
 
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+
 #include <algorithm>
 #include <limits>
 #include <utility>
 
 #include "platform/host_lookup.h"
-#include "platform/win32/winsock.h"
+#include "platform/win32/os.h"
 
 // Takes the types of the above.
 #include <mstcpip.h>
@@ -176,7 +180,7 @@ Result<StreamSocket> StreamListener::Accept() {
     const SOCKET taken = ::accept(SocketOf(handle_), nullptr, nullptr);
     if (taken != INVALID_SOCKET) {
       StreamSocket socket(HandleOf(taken));
-      if (!MakeOurs(taken)) return LastSocketFailure(kWhat);
+      if (!Configure(taken)) return LastSocketFailure(kWhat);
       SetUp(taken);
       return socket;
     }

@@ -8,8 +8,7 @@
 #include <algorithm>
 #include <limits>
 
-#include "platform/win32/handle.h"
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {

@@ -1,8 +1,11 @@
-#include "platform/win32/os_status.h"
+#include "platform/win32/os.h"
 
 #include <winsock2.h>
 
 #include <windows.h>
+
+#include <algorithm>
+#include <type_traits>
 
 namespace kinetrel {
 namespace {
@@ -75,7 +78,14 @@ constexpr Row kRows[] = {
     {WSAEOPNOTSUPP, Error::Unsupported},
 };
 
+int StartOnce() {
+  WSADATA told{};
+  return ::WSAStartup(MAKEWORD(2, 2), &told);
+}
+
 }  // namespace
+
+// ---- Errors --------------------------------------------------------------------------------
 
 Status StatusFromSystem(unsigned long code, const char* what) {
   for (const Row& row : kRows) {
@@ -85,5 +95,66 @@ Status StatusFromSystem(unsigned long code, const char* what) {
 }
 
 Status StatusOfLastError(const char* what) { return StatusFromSystem(::GetLastError(), what); }
+
+// ---- Handles -------------------------------------------------------------------------------
+
+Handle::~Handle() {
+  if (handle_ != nullptr) ::CloseHandle(handle_);
+}
+
+unsigned long WaitStep(Milliseconds time) {
+  constexpr Milliseconds::rep kLongest = 1'000'000'000;
+  return static_cast<unsigned long>(std::clamp<Milliseconds::rep>(time.count(), 0, kLongest));
+}
+
+WaitEnd WaitFor(void* handle, Milliseconds timeout) {
+  const Deadline deadline(timeout);
+  for (Milliseconds left = timeout;; left = deadline.Remaining()) {
+    switch (::WaitForSingleObject(handle, left == kForever ? INFINITE : WaitStep(left))) {
+      case WAIT_OBJECT_0:
+        return WaitEnd::Signalled;
+      case WAIT_ABANDONED:
+        return WaitEnd::Abandoned;
+      case WAIT_TIMEOUT:
+        // The system's tick may end a wait a little early.
+        if (deadline.Passed()) return WaitEnd::TimedOut;
+        break;
+      default:
+        return WaitEnd::Failed;
+    }
+  }
+}
+
+// ---- Sockets -------------------------------------------------------------------------------
+
+static_assert(std::is_same_v<Socket, SOCKET> && kNoSocket == INVALID_SOCKET);
+
+void StartSockets() { [[maybe_unused]] static const int started = StartOnce(); }
+
+Status LastSocketFailure(const char* what) {
+  return StatusFromSystem(static_cast<unsigned long>(::WSAGetLastError()), what);
+}
+
+Socket NewSocket(int family, int type) {
+  StartSockets();
+  const Socket made = ::WSASocketA(family, type, 0, nullptr, 0, WSA_FLAG_OVERLAPPED);
+  if (made == kNoSocket || Configure(made)) return made;
+  const int code = ::WSAGetLastError();
+  ::closesocket(made);
+  ::WSASetLastError(code);
+  return kNoSocket;
+}
+
+bool Configure(Socket socket) {
+  u_long on = 1;
+  void* const handle = reinterpret_cast<void*>(socket);  // a socket is a handle of the system's
+  ::SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0);
+  return ::ioctlsocket(socket, static_cast<long>(FIONBIO), &on) == 0;
+}
+
+bool SetSocketOption(Socket socket, int level, int name, int value) {
+  const char* const bytes = static_cast<const char*>(static_cast<const void*>(&value));
+  return ::setsockopt(socket, level, name, bytes, sizeof value) == 0;
+}
 
 }  // namespace kinetrel

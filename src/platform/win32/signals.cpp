@@ -1,4 +1,4 @@
-#include "platform/stop_signals.h"
+#include "platform/signals.h"
 
 #include <windows.h>
 
@@ -42,5 +42,15 @@ void CatchStopSignals(std::atomic<int>& request) {
   ::SetConsoleCtrlHandler(HandleStop, FALSE);  // one that is there already is not added twice
   ::SetConsoleCtrlHandler(HandleStop, TRUE);
 }
+
+// ---- User signals --------------------------------------------------------------------------
+
+// The system has no such signals.
+struct UserSignals::Os {};
+
+UserSignals::UserSignals() = default;
+UserSignals::~UserSignals() = default;
+
+std::optional<UserSignal> UserSignals::Take() { return std::nullopt; }
 
 }  // namespace kinetrel

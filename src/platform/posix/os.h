@@ -1,4 +1,4 @@
-// Waits for a pthread mutex with a time-out.
+// What every source of this system needs: errno as a Status, moments, waiting for a pthread mutex.
 #pragma once
 
 #include <pthread.h>
@@ -6,11 +6,15 @@
 #include <ctime>
 
 #include "platform/clock.h"
+#include "platform/status.h"
 
 namespace kinetrel {
 
+// The one table of errno. `what` says what was being done; its text must live for ever.
+Status StatusFromErrno(int code, const char* what);
+
 // The moment `time` from now on `clock`.
-timespec After(clockid_t clock, Milliseconds time);
+timespec MomentAfter(clockid_t clock, Milliseconds time);
 
 // Returns what pthread_mutex_lock returns, or EBUSY or ETIMEDOUT when the time has passed. With
 // kForever it waits without end.

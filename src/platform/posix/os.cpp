@@ -1,4 +1,4 @@
-#include "platform/posix/os_status.h"
+#include "platform/posix/os.h"
 
 #include <cerrno>
 
@@ -44,6 +44,18 @@ Status StatusFromErrno(int code, const char* what) {
     default:
       return {Error::Failed, code, what};
   }
+}
+
+timespec MomentAfter(clockid_t clock, Milliseconds time) {
+  timespec moment{};
+  ::clock_gettime(clock, &moment);
+  moment.tv_sec += time.count() / 1000;
+  moment.tv_nsec += (time.count() % 1000) * 1'000'000;
+  if (moment.tv_nsec >= 1'000'000'000) {
+    moment.tv_nsec -= 1'000'000'000;
+    ++moment.tv_sec;
+  }
+  return moment;
 }
 
 }  // namespace kinetrel

@@ -1,4 +1,4 @@
-#include "platform/stop_signals.h"
+#include "platform/signals.h"
 
 #include <signal.h>
 
@@ -39,6 +39,34 @@ void CatchStopSignals(std::atomic<int>& request) {
   stopAskedAt.store(0);
   for (const int number : {SIGINT, SIGTERM, SIGHUP}) InstallHandler(number, HandleStop);
   InstallHandler(SIGPIPE, SIG_IGN);
+}
+
+// ---- User signals --------------------------------------------------------------------------
+
+struct UserSignals::Os {
+  sigset_t ours{};
+  sigset_t found{};
+};
+
+UserSignals::UserSignals() : os_(std::make_unique<Os>()) {
+  ::sigemptyset(&os_->ours);
+  ::sigaddset(&os_->ours, SIGUSR1);
+  ::sigaddset(&os_->ours, SIGUSR2);
+  ::pthread_sigmask(SIG_BLOCK, &os_->ours, &os_->found);
+}
+
+// One that still waits would end the process as soon as it is let in.
+UserSignals::~UserSignals() {
+  while (Take()) {
+  }
+  ::pthread_sigmask(SIG_SETMASK, &os_->found, nullptr);
+}
+
+std::optional<UserSignal> UserSignals::Take() {
+  const timespec atOnce{};
+  const int number = ::sigtimedwait(&os_->ours, nullptr, &atOnce);
+  if (number < 0) return std::nullopt;
+  return number == SIGUSR1 ? UserSignal::First : UserSignal::Second;
 }
 
 }  // namespace kinetrel
