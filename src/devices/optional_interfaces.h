@@ -32,6 +32,9 @@ class OwnConnection {
   // Threads  the sampling thread, after a failed ReadFrame. Allocates nothing.
   virtual bool ConnectionLost() = 0;
 
+  // False: silence is normal for this device, and the engine never starts it anew.
+  virtual bool MayBeRestarted() const { return true; }
+
  protected:
   ~OwnConnection() = default;
 };

@@ -14,7 +14,6 @@ namespace {
 
 // ---- The library ---------------------------------------------------------------------------
 
-constexpr int kFirstUdpPort = 1000;
 constexpr int kFirstRebroadcastPort = 1001;
 constexpr int kLastPort = 0xFFFF;
 constexpr std::uint16_t kStation = 1;
@@ -110,8 +109,11 @@ int IsenseDevice::ClosePort() {
 int IsenseDevice::GetPortNumber() { return port_; }
 
 bool IsenseDevice::IsTrackerLive() const {
+  if (!HasTracker()) return false;
+  // A library without the function would lose its tracker at each look.
+  if (!IsenseLibrary::OfProcess().HasCommInfo()) return true;
   IsenseTrackerInfo info;
-  return HasTracker() && ISD_GetCommInfo(trackerHandle_, &info) != 0;
+  return ISD_GetCommInfo(trackerHandle_, &info) != 0;
 }
 
 bool IsenseDevice::OpenSource(int port) {
@@ -128,10 +130,18 @@ bool IsenseDevice::OpenSource(int port) {
 
 // The sender may start later, so the library gets the port only when a datagram has arrived.
 void IsenseDevice::LookForSource(int port) {
-  if (probe_.port() != port) probe_.Open(port);
+  if (probe_.port() != port) ReportUdpPort(port, probe_.Open(port));
   if (!probe_.IsOpen() || probe_.Drain() == 0) return;
   probe_.Close();
   OpenTracker(port, false);
+}
+
+void IsenseDevice::ReportUdpPort(int port, const Status& opened) {
+  if (!opened.Ok() && !busyReported_ && statusLog_ != nullptr) {
+    Announce(*statusLog_, "\n\t", StatusCode::Port, "UDP port %d cannot be opened yet: %s.", port,
+             Describe(opened).c_str());
+  }
+  busyReported_ = !opened.Ok();
 }
 
 // A tracker that the library has lost is closed first. Otherwise it would keep its port and the
@@ -220,6 +230,8 @@ void IsenseDevice::SetScales() {
     channels_[i].scale = reversed ? -kRadiansPerCount : kRadiansPerCount;
   }
 }
+
+bool IsenseDevice::ConnectionLost() { return port_ < kFirstUdpPort && !IsTrackerLive(); }
 
 int IsenseDevice::QueryStatus(char* text, int size) {
   IsenseTrackerInfo info;

@@ -11,6 +11,7 @@
 // that port and lets the library open it when the first datagram has arrived.
 #pragma once
 
+#include "devices/optional_interfaces.h"
 #include "devices/tracker_device.h"
 #include "drivers/isense_records.h"
 #include "drivers/isense_udp_probe.h"
@@ -27,7 +28,7 @@ enum class IsenseFailure : int {
   StationConfigRefused = -21,
 };
 
-class IsenseDevice final : public TrackerDevice {
+class IsenseDevice final : public TrackerDevice, public OwnConnection {
  public:
   IsenseDevice();
   ~IsenseDevice() override;
@@ -53,6 +54,12 @@ class IsenseDevice final : public TrackerDevice {
   // serial
   //          or USB port does not tell its configuration.
   BootResult Boot(int reset) override;
+
+  // True when the library has lost the tracker on a serial or USB port, or could not open it again.
+  bool ConnectionLost() override;
+
+  // False on a UDP port: its sender may stop and start at any time.
+  bool MayBeRestarted() const override { return port_ < kFirstUdpPort; }
 
   // Returns 1, or -13 when the tracker does not tell its configuration. With a size below 100
   // nothing is written.
@@ -89,11 +96,14 @@ class IsenseDevice final : public TrackerDevice {
   bool GetControlString(char* text, int size) override;
 
  private:
+  static constexpr int kFirstUdpPort = 1000;
+
   bool HasTracker() const { return trackerHandle_ >= 1; }
   bool IsTrackerLive() const;
   bool OpenSource(int port);
   bool OpenTracker(int port, bool infoScreen);
   void LookForSource(int port);
+  void ReportUdpPort(int port, const Status& opened);
   void CloseTracker();
   float MeasureKBits();
   bool ReadTrackerConfig(IsenseTrackerInfo& info, char* text, int size);
@@ -110,6 +120,7 @@ class IsenseDevice final : public TrackerDevice {
   IsenseTrackerData data_;
   int rebroadcastPort_ = 0;
   UdpProbe probe_;
+  bool busyReported_ = false;  // the UDP port did not open
   PeriodicTimer frameTimer_;
   int framePeriodMs_ = 100;
 };

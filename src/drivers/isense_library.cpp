@@ -1,7 +1,6 @@
 #include "drivers/isense_library.h"
 
 #include <cstdio>
-#include <string>
 
 namespace kinetrel {
 namespace {
@@ -15,33 +14,44 @@ thread_local int callDepth = 0;
 // Ends the recursion when the functions that were looked up lead back to ours.
 constexpr int kDeepest = 16;
 
-class InsideCall {
- public:
-  InsideCall() { ++callDepth; }
-  ~InsideCall() { --callDepth; }
-  InsideCall(const InsideCall&) = delete;
-  InsideCall& operator=(const InsideCall&) = delete;
+}  // namespace
 
-  bool IsOutermost() const { return callDepth == 1; }
-  bool IsTooDeep() const { return callDepth > kDeepest; }
+// One call of ours, as long as the object lives.
+class IsenseCall {
+ public:
+  IsenseCall() : library_(IsenseLibrary::OfProcess()) {
+    if (++callDepth == 1) library_.Enter();
+  }
+  ~IsenseCall() {
+    if (callDepth == 1) library_.Leave();
+    --callDepth;
+  }
+  IsenseCall(const IsenseCall&) = delete;
+  IsenseCall& operator=(const IsenseCall&) = delete;
+
+  // Only the outermost call loads: loading runs the library's own start-up code, which may call us.
+  void Load() const {
+    if (callDepth == 1) library_.Load();
+  }
+  void UnloadAfter() const {
+    if (callDepth == 1) library_.UnloadWhenUnused();
+  }
+
+  template <typename Result, typename... Parameters, typename... Arguments>
+  Result Forward(Result (*IsenseCalls::*call)(Parameters...), Arguments... arguments) const {
+    const auto found = library_.Find(call);
+    return found != nullptr && callDepth <= kDeepest ? found(arguments...) : Result{};
+  }
+
+ private:
+  IsenseLibrary& library_;
 };
+
+namespace {
 
 template <typename Result, typename... Parameters, typename... Arguments>
 Result Forward(Result (*IsenseCalls::*call)(Parameters...), Arguments... arguments) {
-  const InsideCall inside;
-  const auto bound = IsenseLibrary::OfProcess().calls().*call;
-  return bound != nullptr && !inside.IsTooDeep() ? bound(arguments...) : Result{};
-}
-
-// Only the outermost call loads: loading runs the library's own start-up code, which may call us.
-void LoadFirst() {
-  const InsideCall inside;
-  if (inside.IsOutermost()) IsenseLibrary::OfProcess().Load();
-}
-
-void UnloadLast() {
-  const InsideCall inside;
-  if (inside.IsOutermost()) IsenseLibrary::OfProcess().UnloadIfUnused();
+  return IsenseCall().Forward(call, arguments...);
 }
 
 }  // namespace
@@ -51,61 +61,117 @@ IsenseLibrary& IsenseLibrary::OfProcess() {
   return library;
 }
 
-bool IsenseLibrary::Load() {
-  if (IsLoaded()) return true;
+bool IsenseLibrary::IsLoaded() const {
+  const Lock held(lock_);
+  return module_.has_value();
+}
+
+bool IsenseLibrary::HasCommInfo() const { return Find(&IsenseCalls::getCommInfo) != nullptr; }
+
+template <typename Function>
+Function IsenseLibrary::Find(Function IsenseCalls::*call) const {
+  const Lock held(lock_);
+  return calls_.*call;
+}
+
+// ---- Loading -------------------------------------------------------------------------------
+
+void IsenseLibrary::Load() {
+  const Lock loading(loading_);
+  if (IsLoaded()) return;
   std::string why;
   Result<DynamicLibrary> loaded = DynamicLibrary::Load(kLibraryName, &why);
   if (!loaded.Ok()) {
     std::fprintf(stderr, "Could not load %s\n", kLibraryName);
     if (!why.empty()) std::fprintf(stderr, "\t%s\n", why.c_str());
-    return false;
+    return;
   }
+  IsenseCalls calls;
+  BindAll(*loaded, calls);
+  const Lock held(lock_);
   module_ = std::move(*loaded);
-  BindAll();
-  return true;
+  calls_ = calls;
 }
 
-// A library that lacks the function and is linked with this program would find ours. That counts as
-// missing.
-template <typename Call>
-void IsenseLibrary::Bind(const char* name, Call& call, Call own) {
-  DynamicLibrary::AnyFunction found = nullptr;
-  const Status status = module_->Find(name, found);
-  call = reinterpret_cast<Call>(found);
-  if (call == own) call = nullptr;
-  if (call == nullptr) {
-    std::fprintf(stderr, "Failed to load %s. Error code %d\n", name, status.osCode);
+void IsenseLibrary::BindAll(const DynamicLibrary& library, IsenseCalls& calls) {
+  std::string missing;
+  // A library that lacks the function and is linked with this program would find ours. That counts
+  // as missing.
+  const auto bind = [&](const char* name, auto& call, auto own) {
+    DynamicLibrary::AnyFunction found = nullptr;
+    const Status status = library.Find(name, found);
+    call = reinterpret_cast<decltype(own)>(found);
+    if (call == own) call = nullptr;
+    if (call != nullptr) return;
+    missing += "Failed to load " + std::string(name) + ". Error code " +
+               std::to_string(status.osCode) + "\n";
+  };
+  bind("ISD_OpenTracker", calls.openTracker, ISD_OpenTracker);
+  bind("ISD_OpenAllTrackers", calls.openAllTrackers, ISD_OpenAllTrackers);
+  bind("ISD_CloseTracker", calls.closeTracker, ISD_CloseTracker);
+  bind("ISD_GetCommInfo", calls.getCommInfo, ISD_GetCommInfo);
+  bind("ISD_GetTrackerConfig", calls.getTrackerConfig, ISD_GetTrackerConfig);
+  bind("ISD_SetTrackerConfig", calls.setTrackerConfig, ISD_SetTrackerConfig);
+  bind("ISD_GetStationConfig", calls.getStationConfig, ISD_GetStationConfig);
+  bind("ISD_SetStationConfig", calls.setStationConfig, ISD_SetStationConfig);
+  bind("ISD_GetData", calls.getData, ISD_GetData);
+  bind("ISD_GetCameraData", calls.getCameraData, ISD_GetCameraData);
+  bind("ISD_SendScript", calls.sendScript, ISD_SendScript);
+  bind("ISD_NumOpenTrackers", calls.numOpenTrackers, ISD_NumOpenTrackers);
+  bind("ISD_ResetHeading", calls.resetHeading, ISD_ResetHeading);
+  bind("ISD_Boresight", calls.boresight, ISD_Boresight);
+  bind("ISD_BoresightReferenced", calls.boresightReferenced, ISD_BoresightReferenced);
+  bind("ISD_GetTime", calls.getTime, ISD_GetTime);
+  bind("ISD_ConfigureFromFile", calls.configureFromFile, ISD_ConfigureFromFile);
+  bind("ISD_AuxOutput", calls.auxOutput, ISD_AuxOutput);
+  bind("ISD_UdpBroadcastData", calls.udpBroadcastData, ISD_UdpBroadcastData);
+  bind("ISD_GetSystemHardwareInfo", calls.getSystemHardwareInfo, ISD_GetSystemHardwareInfo);
+  if (missing != reportedMissing_) std::fputs(missing.c_str(), stderr);
+  reportedMissing_ = missing;
+}
+
+// ---- Unloading -----------------------------------------------------------------------------
+
+void IsenseLibrary::Enter() {
+  const Lock held(lock_);
+  ++callsInside_;
+  ++callsEver_;
+}
+
+void IsenseLibrary::UnloadWhenUnused() {
+  const Lock held(lock_);
+  unloadWanted_ = true;
+}
+
+// The last call that leaves unloads the library when that is wanted. The library is asked outside
+// the lock, so calls that come meanwhile make it ask again.
+void IsenseLibrary::Leave() {
+  std::optional<DynamicLibrary> unloaded;  // destroyed outside the lock: its clean-up may call us
+  for (;;) {
+    const std::optional<std::uint64_t> callsBefore = CallsIfLast();
+    const bool unused = callsBefore && IsUnused();
+    const Lock held(lock_);
+    if (callsBefore && callsEver_ != *callsBefore) continue;
+    --callsInside_;
+    if (!callsBefore) return;
+    unloadWanted_ = false;
+    if (!unused) return;
+    calls_ = {};
+    unloaded.swap(module_);
+    return;
   }
 }
 
-void IsenseLibrary::BindAll() {
-  Bind("ISD_OpenTracker", calls_.openTracker, ISD_OpenTracker);
-  Bind("ISD_OpenAllTrackers", calls_.openAllTrackers, ISD_OpenAllTrackers);
-  Bind("ISD_CloseTracker", calls_.closeTracker, ISD_CloseTracker);
-  Bind("ISD_GetCommInfo", calls_.getCommInfo, ISD_GetCommInfo);
-  Bind("ISD_GetTrackerConfig", calls_.getTrackerConfig, ISD_GetTrackerConfig);
-  Bind("ISD_SetTrackerConfig", calls_.setTrackerConfig, ISD_SetTrackerConfig);
-  Bind("ISD_GetStationConfig", calls_.getStationConfig, ISD_GetStationConfig);
-  Bind("ISD_SetStationConfig", calls_.setStationConfig, ISD_SetStationConfig);
-  Bind("ISD_GetData", calls_.getData, ISD_GetData);
-  Bind("ISD_GetCameraData", calls_.getCameraData, ISD_GetCameraData);
-  Bind("ISD_SendScript", calls_.sendScript, ISD_SendScript);
-  Bind("ISD_NumOpenTrackers", calls_.numOpenTrackers, ISD_NumOpenTrackers);
-  Bind("ISD_ResetHeading", calls_.resetHeading, ISD_ResetHeading);
-  Bind("ISD_Boresight", calls_.boresight, ISD_Boresight);
-  Bind("ISD_BoresightReferenced", calls_.boresightReferenced, ISD_BoresightReferenced);
-  Bind("ISD_GetTime", calls_.getTime, ISD_GetTime);
-  Bind("ISD_ConfigureFromFile", calls_.configureFromFile, ISD_ConfigureFromFile);
-  Bind("ISD_AuxOutput", calls_.auxOutput, ISD_AuxOutput);
-  Bind("ISD_UdpBroadcastData", calls_.udpBroadcastData, ISD_UdpBroadcastData);
-  Bind("ISD_GetSystemHardwareInfo", calls_.getSystemHardwareInfo, ISD_GetSystemHardwareInfo);
+// The number of calls so far, for the last call inside when unloading is wanted.
+std::optional<std::uint64_t> IsenseLibrary::CallsIfLast() const {
+  const Lock held(lock_);
+  return unloadWanted_ && callsInside_ == 1 ? std::optional(callsEver_) : std::nullopt;
 }
 
-void IsenseLibrary::UnloadIfUnused() {
+bool IsenseLibrary::IsUnused() const {
+  const auto countOpen = Find(&IsenseCalls::numOpenTrackers);
   std::uint16_t open = 0;
-  if (calls_.numOpenTrackers == nullptr || calls_.numOpenTrackers(&open) == 0 || open != 0) return;
-  calls_ = {};
-  module_.reset();
+  return countOpen != nullptr && countOpen(&open) != 0 && open == 0;
 }
 
 }  // namespace kinetrel
@@ -113,21 +179,25 @@ void IsenseLibrary::UnloadIfUnused() {
 // ---- What the program exports ----------------------------------------------------------------
 
 using kinetrel::Forward;
+using kinetrel::IsenseCall;
 using kinetrel::IsenseCalls;
 
 int ISD_OpenTracker(void* window, std::uint32_t port, int infoScreen, int verbose) {
-  kinetrel::LoadFirst();
-  return Forward(&IsenseCalls::openTracker, window, port, infoScreen, verbose);
+  const IsenseCall call;
+  call.Load();
+  return call.Forward(&IsenseCalls::openTracker, window, port, infoScreen, verbose);
 }
 
 std::uint32_t ISD_OpenAllTrackers(void* window, int* handles, int infoScreen, int verbose) {
-  kinetrel::LoadFirst();
-  return Forward(&IsenseCalls::openAllTrackers, window, handles, infoScreen, verbose);
+  const IsenseCall call;
+  call.Load();
+  return call.Forward(&IsenseCalls::openAllTrackers, window, handles, infoScreen, verbose);
 }
 
 int ISD_CloseTracker(int handle) {
-  const int closed = Forward(&IsenseCalls::closeTracker, handle);
-  kinetrel::UnloadLast();
+  const IsenseCall call;
+  const int closed = call.Forward(&IsenseCalls::closeTracker, handle);
+  call.UnloadAfter();
   return closed;
 }
 

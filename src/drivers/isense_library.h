@@ -7,9 +7,12 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "drivers/isense_records.h"
+#include "platform/annotations.h"
 #include "platform/dynamic_library.h"
+#include "platform/mutex.h"
 
 namespace kinetrel {
 
@@ -43,36 +46,49 @@ struct IsenseCalls {
   int (*getSystemHardwareInfo)(int handle, void* info) = nullptr;
 };
 
-// The process's one binding: the library counts its trackers for the process.
+// The one library of the process: it counts the open trackers of all engines.
 //
-// Threads  one at a time, as for the devices that use it.
+// Threads  any number of threads may call at once. The library stays loaded while a call is in it.
 class IsenseLibrary {
  public:
   static IsenseLibrary& OfProcess();
 
-  // Loads the library unless it is loaded. A missing library or function is reported on the
-  // standard error stream.
-  bool Load();
-
-  void UnloadIfUnused();  // unloads the library when it reports that no tracker is open
-
-  bool IsLoaded() const { return module_.has_value(); }
-  const IsenseCalls& calls() const { return calls_; }
+  bool IsLoaded() const;
+  bool HasCommInfo() const;  // false: not loaded, or the library lacks ISD_GetCommInfo
 
  private:
-  IsenseLibrary() = default;
-  void BindAll();
-  template <typename Call>
-  void Bind(const char* name, Call& call, Call own);
+  friend class IsenseCall;
 
-  std::optional<DynamicLibrary> module_;
-  IsenseCalls calls_;
+  IsenseLibrary() = default;
+
+  // Loads the library unless it is loaded. A missing library is reported at each attempt, missing
+  // functions only when others are missing than at the last loading.
+  void Load();
+  void BindAll(const DynamicLibrary& library, IsenseCalls& calls);
+  template <typename Function>
+  Function Find(Function IsenseCalls::*call) const;
+
+  void Enter();
+  void Leave();
+  void UnloadWhenUnused();
+  std::optional<std::uint64_t> CallsIfLast() const;
+  bool IsUnused() const;
+
+  Mutex loading_;  // one thread loads at a time; taken before lock_
+  std::string reportedMissing_ GUARDED_BY(loading_);
+
+  mutable PriorityMutex lock_;  // guards all below, for a look
+  std::optional<DynamicLibrary> module_ GUARDED_BY(lock_);
+  IsenseCalls calls_ GUARDED_BY(lock_);
+  int callsInside_ GUARDED_BY(lock_) = 0;
+  std::uint64_t callsEver_ GUARDED_BY(lock_) = 0;
+  bool unloadWanted_ GUARDED_BY(lock_) = false;
 };
 
 }  // namespace kinetrel
 
 // A call whose function is missing returns 0. Opening a tracker loads the library first; closing
-// the last tracker unloads it.
+// the last tracker unloads it when no other call is in it.
 extern "C" {
 int ISD_OpenTracker(void* window, std::uint32_t port, int infoScreen, int verbose);
 std::uint32_t ISD_OpenAllTrackers(void* window, int* handles, int infoScreen, int verbose);

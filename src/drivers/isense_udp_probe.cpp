@@ -14,16 +14,16 @@ constexpr std::size_t kEnough = 1024 * 1024;
 }  // namespace
 
 // The probe works even when the system refuses the two options.
-bool UdpProbe::Open(int port) {
+Status UdpProbe::Open(int port) {
   Close();
-  if (port < 0 || port > kLastPort) return false;
+  if (port < 0 || port > kLastPort) return {Error::Invalid, 0, "open the UDP port"};
   Result<DatagramSocket> opened = DatagramSocket::Open(static_cast<std::uint16_t>(port));
-  if (!opened.Ok()) return false;
+  if (!opened.Ok()) return opened.status();
   opened->SetReceiveBuffer(kReceiveBuffer);
   opened->AllowBroadcast();
   socket_.emplace(std::move(*opened));
   port_ = port;
-  return true;
+  return {};
 }
 
 std::size_t UdpProbe::Drain() {

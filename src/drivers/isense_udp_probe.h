@@ -14,9 +14,10 @@ class UdpProbe {
  public:
   static constexpr int kClosed = -1;
 
-  // Listens on `port` of all local addresses. False, and closed, for an invalid port number or when
-  // the system refuses the port (another program uses it).
-  bool Open(int port);
+  // Listens on `port` of all local addresses. Closed after a failure.
+  //
+  // Errors  Invalid: no such port number. Busy: another program uses the port. Or the system's.
+  Status Open(int port);
 
   // Reads the datagrams that have arrived and returns their bytes in total. Stops at an empty
   // datagram and after 1 MiB.

@@ -19,7 +19,8 @@ Recovery::Recovery(std::shared_ptr<EngineState> state, std::shared_ptr<TrackerDe
     : state_(std::move(state)),
       device_(std::move(device)),
       own_(dynamic_cast<OwnConnection*>(device_.get())),
-      followed_(own_ != nullptr || device_->portStatus() == PortStatus::Open),
+      followed_(own_ != nullptr ? own_->MayBeRestarted()
+                                : device_->portStatus() == PortStatus::Open),
       deviceType_(device_->GetDeviceType(nullptr, 0)),
       name_(device_->GetDeviceName()),
       lastFrame_(ClockTicks()) {}

@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <thread>
 
+#include "drivers/isense_device.h"
 #include "tests/support/isense_settings.h"
 
 namespace kinetrel::test {
@@ -136,6 +138,26 @@ TEST(IsenseLibrary, StaysLoadedDuringItsCallsOfItself) {
   testing::internal::GetCapturedStderr();
 }
 
+// An engine in each of several threads opens and closes a tracker.
+TEST(IsenseLibrary, StaysLoadedUnderTheOpensOfOtherThreads) {
+  const IsenseSettings settings;
+  SetVariable("KINETREL_ISENSE_CALLS", "");
+  std::vector<std::thread> engines;
+  for (int i = 0; i < 4; ++i) {
+    engines.emplace_back([] {
+      for (int round = 0; round < 200; ++round) {
+        const int handle = ISD_OpenTracker(nullptr, 1, 1, 0);
+        IsenseTrackerData data;
+        EXPECT_GE(handle, 1);
+        EXPECT_EQ(ISD_GetData(handle, &data), 1);
+        EXPECT_EQ(ISD_CloseTracker(handle), 1);
+      }
+    });
+  }
+  for (std::thread& engine : engines) engine.join();
+  EXPECT_FALSE(IsenseLibrary::OfProcess().IsLoaded());
+}
+
 TEST(IsenseLibrary, ReportsEachMissingFunctionOnceInOrder) {
   const IsenseSettings settings(KINETREL_ISENSE_BARE);
   testing::internal::CaptureStderr();
@@ -153,6 +175,13 @@ TEST(IsenseLibrary, ReportsEachMissingFunctionOnceInOrder) {
   EXPECT_EQ(ISD_CloseTracker(1), 0);
   EXPECT_FALSE(IsenseLibrary::OfProcess().IsLoaded());
   ExpectAllButOpeningToFail();
+
+  testing::internal::CaptureStderr();
+  IsenseDevice device;  // without ISD_GetCommInfo it must not lose its tracker at each look
+  EXPECT_EQ(device.OpenPortNumber(1, 0), 1);
+  device.Boot(0);
+  device.ClosePort();
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ TEST(UdpProbe, CountsBytesUpToAnEmptyDatagram) {
   UdpProbe probe;
   EXPECT_EQ(probe.Drain(), 0U);
   const int port = FreePort();
-  ASSERT_TRUE(probe.Open(port));
+  ASSERT_TRUE(probe.Open(port).Ok());
   EXPECT_EQ(probe.port(), port);
   EXPECT_EQ(probe.Drain(), 0U);
   for (const std::size_t size : {10U, 1088U, 0U, 5000U}) SendTo(port, size);
@@ -41,9 +41,9 @@ TEST(UdpProbe, CountsBytesUpToAnEmptyDatagram) {
 TEST(UdpProbe, StaysClosedOnAPortThatCannotBeOpened) {
   const DatagramSocket taken = OpenAny();
   UdpProbe probe;
-  ASSERT_TRUE(probe.Open(FreePort()));
+  ASSERT_TRUE(probe.Open(FreePort()).Ok());
   for (const int port : {int{taken.port()}, 65536, -1}) {
-    EXPECT_FALSE(probe.Open(port));
+    EXPECT_EQ(probe.Open(port).error, port == taken.port() ? Error::Busy : Error::Invalid);
     EXPECT_FALSE(probe.IsOpen());
     EXPECT_EQ(probe.port(), -1);
   }
@@ -104,7 +104,23 @@ TEST_F(IsenseSource, MayComeGoAndComeAgain) {
   EXPECT_EQ(waiting_.ClosePort(), 1);
   EXPECT_NE(waiting_.GetPortNumber(), port_);
   UdpProbe probe;
-  EXPECT_TRUE(probe.Open(port_));  // the library has closed the port
+  EXPECT_TRUE(probe.Open(port_).Ok());  // the library has closed the port
+}
+
+TEST_F(IsenseSource, PortInUseIsReportedOnceAndOpenedLater) {
+  StatusLog log;
+  waiting_.SetStatusLog(&log);
+  auto taken = DatagramSocket::Open(static_cast<std::uint16_t>(port_));
+  ASSERT_TRUE(taken.Ok());
+  StartWaiting();
+  EXPECT_EQ(waiting_.ReadFrame(nullptr), 1U);
+  ASSERT_EQ(log.Entries().size(), 1U);
+  EXPECT_NE(log.Newest().text.find("UDP port " + std::to_string(port_)), std::string::npos);
+  { const DatagramSocket given = std::move(*taken); }
+  EXPECT_EQ(waiting_.ReadFrame(nullptr), 1U);
+  SendTo(port_, 100);
+  EXPECT_EQ(waiting_.ReadFrame(nullptr), 0U);  // the library has the port
+  EXPECT_EQ(log.Entries().size(), 1U);
 }
 
 TEST_F(IsenseSource, IsWaitedForAgainAfterTheLibraryFailsToOpen) {
