@@ -234,7 +234,7 @@ TEST_P(SerialSensors, ThatAreMissingAreReportedAndSensor1IsSampled) {
   EXPECT_TRUE(run.tracker().ExpectError(" has no sensor of the mask 0x2; sensor 1 is sampled"));
   const auto blocks = run.Watch(5);
   ASSERT_FALSE(blocks.empty()) << run.tracker().error();
-  EXPECT_LE(GetParam().find(blocks.back().poses[0]).error, 1);
+  EXPECT_LE(GetParam().find(std::to_array(blocks.back().poses[0])).error, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, SerialSensors, testing::Values(kLogitech, kFlock, kPanTilt),
