@@ -1,0 +1,222 @@
+"""The Python client against a real tracker program: test_kinetrel.py BIN_DIR INCLUDE_DIR [unittest options]"""
+
+import asyncio
+import os
+import pathlib
+import random
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+root = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(root / "python"))
+import kinetrel  # noqa: E402
+from kinetrel import _layout as layout  # noqa: E402
+
+bin_dir = pathlib.Path()
+include_dir = pathlib.Path()
+patience = 20.0  # seconds; generous, for loaded machines
+
+
+def free_slot():
+    slots = [s for s in range(1, 17) if not list(pathlib.Path("/dev/shm").glob(
+        f"Kinetrel*{s - 1:X}*"))]
+    return random.choice(slots)
+
+
+def object_of(slot):
+    return pathlib.Path(f"/dev/shm/KinetrelStream{slot - 1:X}")
+
+
+class Program:
+    """A running kinetrel with three simulated sensors."""
+
+    def __init__(self, slot):
+        self.slot = slot
+        self.start()
+
+    def start(self):
+        self.process = subprocess.Popen(
+            [bin_dir / "kinetrel", "-d8", "-s0x7", "-z-", f"-w{self.slot}"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def end(self, how=signal.SIGTERM):
+        self.process.send_signal(how)
+        self.process.wait()
+
+
+class WithTracker(unittest.TestCase):
+    def setUp(self):
+        self.program = Program(free_slot())
+        self.slot = self.program.slot
+        self.addCleanup(lambda: object_of(self.slot).unlink(missing_ok=True))
+        self.addCleanup(self.program.end)
+        self.tracker = kinetrel.open(self.slot, patience)
+        self.addCleanup(self.tracker.close)
+
+    def read(self):
+        record = self.tracker.read(patience)
+        self.assertIsNotNone(record, "no record came")
+        return record
+
+    def test_every_record_comes_once_and_in_order(self):
+        first = self.read()
+        for number in range(first.number + 1, first.number + 300):
+            record = self.read()
+            self.assertEqual(record.number, number)
+            self.assertIn(record.sensor, (1, 2, 3))
+            self.assertLess(abs(record.age), patience)
+            self.assertAlmostEqual(sum(x * x for x in record.orientation), 1.0, places=5)
+        self.assertEqual(self.tracker.lost, 0)
+
+    def test_frames_hold_every_sensor_once(self):
+        frames = self.tracker.frames()
+        next(frames)  # may have begun before we came
+        before = next(frames)
+        for _ in range(50):
+            frame = next(frames)
+            self.assertEqual((frame.number, frame.sensors), (before.number + 1, (1, 2, 3)))
+            self.assertEqual(frame[2].sensor, 2)
+            before = frame
+
+    def test_what_is_now(self):
+        self.read()
+        self.assertEqual(self.tracker.state.name, "running")
+        self.assertEqual(self.tracker.info.sensors, (1, 2, 3))
+        self.assertIn("Running", " ".join(line.text for line in self.tracker.log))
+        self.assertGreater(self.tracker.latest(1).number, 0)
+        self.assertIsNone(self.tracker.latest(9))
+        self.assertEqual(set(self.tracker.latest_all()), {1, 2, 3})
+        self.assertLess(abs(self.tracker.utc(kinetrel.now_ns()) - time.time()), 5.0)
+
+    def test_the_next_writer_is_followed(self):
+        self.read()
+        self.program.end(signal.SIGKILL)
+        while self.tracker.read(0) is not None:
+            pass
+        self.assertIsNone(self.tracker.read(0.3))
+        self.program.start()
+        self.read()
+        self.assertEqual(self.tracker.restarts, 1)
+
+    def test_a_cancelled_task_leaves_no_harm(self):
+        async def some(count):
+            async for record in self.tracker:
+                count -= 1
+                if count == 0:
+                    return record
+
+        async def cancelled_while_it_waits():
+            self.program.end()
+            while self.tracker.read(0) is not None:
+                pass
+            task = asyncio.create_task(some(1))
+            await asyncio.sleep(0.02)
+            task.cancel()
+            self.tracker.close()
+            with self.assertRaises(asyncio.CancelledError):
+                await task
+
+        self.assertIsNotNone(asyncio.run(some(50)))
+        asyncio.run(cancelled_while_it_waits())
+
+    def test_numpy_is_needed_for_arrays_alone(self):
+        for _ in range(30):
+            self.read()
+        array = self.tracker.to_numpy(60)
+        self.assertEqual(list(array["number"]), list(range(array["number"][0], array["number"][-1] + 1)))
+        record = self.tracker.latest(2)
+        same = self.tracker.to_numpy(60)
+        same = same[same["number"] == record.number][0]
+        self.assertEqual((same["sensor"], tuple(same["position"])), (2, record.position))
+        program = (f"import sys; sys.path.insert(0, {str(root / 'python')!r}); "
+                   "sys.modules['numpy'] = None; import kinetrel; "
+                   f"t = kinetrel.open({self.slot}); assert t.read(20)\n"
+                   "try: t.to_numpy(1)\nexcept ImportError: print('asked for numpy')")
+        done = subprocess.run([sys.executable, "-c", program], capture_output=True, text=True)
+        self.assertEqual(done.stdout, "asked for numpy\n", done.stderr)
+
+    def test_interrupts_at_any_moment(self):
+        program = (f"import sys; sys.path.insert(0, {str(root / 'python')!r})\n"
+                   "import kinetrel\nprint('ready', flush=True)\ncount = 0\n"
+                   "while count < 2000:\n"
+                   "  try:\n"
+                   f"    with kinetrel.open({self.slot}) as tracker:\n"
+                   "      for record in tracker: assert record.sensor in (1, 2, 3)\n"
+                   "  except KeyboardInterrupt:\n    count += 1\n")
+        reader = subprocess.Popen([sys.executable, "-c", program], stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE)
+        self.assertEqual(reader.stdout.readline(), b"ready\n")
+        while reader.poll() is None:
+            reader.send_signal(signal.SIGINT)
+            time.sleep(random.uniform(0.0005, 0.002))
+        errors = reader.communicate()[1].decode()
+        # The last signals may meet the interpreter's own end.
+        self.assertNotIn("Error", errors)
+        self.assertNotIn(-signal.SIGSEGV, (reader.returncode,))
+        self.read()  # the tracker goes on
+
+    def test_damaged_streams_are_told_and_cost_nothing(self):
+        self.read()
+        whole = object_of(self.slot).read_bytes()
+        slot = free_slot()
+        path = object_of(slot)
+        self.addCleanup(lambda: path.unlink(missing_ok=True))
+        chance = random.Random(os.environ.get("KINETREL_SEED", 1))
+        for case in range(2000):
+            content = bytearray(whole[:chance.choice((0, 50, 112, 4096, len(whole))) if case % 4 == 0
+                                      else len(whole)])
+            for _ in range(chance.randrange(1, 40)):
+                if content:
+                    at = chance.randrange(min(len(content), chance.choice((112, 200, 4096, 10**9))))
+                    content[at] = chance.randrange(256)
+            path.unlink(missing_ok=True)
+            path.write_bytes(content)
+            try:
+                with kinetrel.open(slot, 0) as tracker:
+                    tracker.rewind()
+                    for _ in range(20):
+                        tracker.read(0)
+                    tracker.state, tracker.log, tracker.info, tracker.latest_all()
+            except kinetrel.KinetrelError:
+                pass
+        path.write_bytes(whole[:8] + (99).to_bytes(4, "little") + whole[12:])
+        self.assertRaises(kinetrel.NewerVersion, kinetrel.open, slot, 0)
+        path.write_bytes(bytes(len(whole)))
+        self.assertRaises(kinetrel.NotAStream, kinetrel.open, slot, 0)
+
+
+class WithoutTracker(unittest.TestCase):
+    def test_the_layout_is_that_of_the_header(self):
+        lines = ["#define _GNU_SOURCE", "#include <kinetrel/stream.h>"]
+        for name, form in (("stream_head", layout.HEAD), ("stream_live", layout.LIVE),
+                           ("record", layout.RECORD), ("run", layout.RUN),
+                           ("log_line", layout.LOG_LINE)):
+            lines.append(f"_Static_assert(sizeof(kinetrel_{name}) == {form.size}, \"\");")
+            lines += [f"_Static_assert(offsetof(kinetrel_{name}, {field}) == {offset}, \"{field}\");"
+                      for field, offset in form.offsets.items()]
+        lines += [f"_Static_assert(kinetrel_state_{name} == {number}, \"\");"
+                  for number, name in enumerate(layout.STATES)]
+        with tempfile.NamedTemporaryFile("w", suffix=".c") as source:
+            source.write("\n".join(lines))
+            source.flush()
+            subprocess.run(["cc", "-std=c11", "-fsyntax-only", "-Wno-unused", f"-I{include_dir}",
+                            source.name], check=True)
+
+    def test_refusals(self):
+        slot = free_slot()
+        with self.assertRaisesRegex(kinetrel.NoTracker, f"slot {slot}: no tracker"):
+            kinetrel.open(slot, 0)
+        self.assertRaises(ValueError, kinetrel.open, 17)
+        done = subprocess.run([sys.executable, "-m", "kinetrel", "--slot", str(slot), "--log"],
+                              cwd=root / "python", capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stderr),
+                         (2, f"slot {slot}: no tracker publishes there\n"))
+
+
+if __name__ == "__main__":
+    bin_dir, include_dir = map(pathlib.Path, sys.argv[1:3])
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:])
