@@ -12,7 +12,7 @@ static class StreamTest
         int slot = int.Parse(arguments[0]), count = int.Parse(arguments[1]);
         try
         {
-            using (KinetrelStream tracker = KinetrelStream.Open(slot, 20000))
+            using (KinetrelStream tracker = KinetrelStream.Open(slot, count < 0 ? 0 : 20000))
             {
                 for (int i = 0; i < count; ++i)
                 {
