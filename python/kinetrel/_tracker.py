@@ -6,7 +6,7 @@ import asyncio
 import struct
 import time
 from types import TracebackType
-from typing import (TYPE_CHECKING, AsyncIterator, Dict, Iterator, List, NamedTuple, Optional, Sequence,
+from typing import (TYPE_CHECKING, Any, AsyncIterator, Dict, Iterator, List, NamedTuple, Optional, Sequence,
                     Tuple, Type)
 
 from . import _layout as layout
@@ -240,7 +240,7 @@ class Tracker:
         kept = self._ring_count - self._ring_count // 32
         return newest - kept + 1 if newest > kept else 1
 
-    def _whole(self, form: layout.Layout, offset: int) -> Optional[Tuple]:  # type: ignore[type-arg]
+    def _whole(self, form: layout.Layout, offset: int) -> Any:
         """A copy of an entry that the writer did not change meanwhile."""
         for _ in range(_TRIES):
             fields = form.struct.unpack_from(self._view, offset)
@@ -249,7 +249,7 @@ class Tracker:
         return None
 
     @staticmethod
-    def _record(f: Tuple) -> Record:  # type: ignore[type-arg]
+    def _record(f: Any) -> Record:
         return Record(f[0] // 2, f[1], f[14] + 1, f[2], f[3], f[4:7], f[7:11], f[11:14], f[15],
                       f[16] if f[15] & layout.CODE_VALID else None,
                       f[17] if f[15] & layout.BUTTONS_VALID else 0,
@@ -396,7 +396,7 @@ class Tracker:
         found = ((sensor, self.latest(sensor)) for sensor in range(1, layout.SENSORS + 1))
         return {sensor: record for sensor, record in found if record is not None}
 
-    def _run(self) -> Optional[Dict[str, object]]:
+    def _run(self) -> Optional[Dict[str, Any]]:
         if self._mapping is None:
             return None
         fields = self._whole(layout.RUN, self._head["run_offset"])
@@ -411,13 +411,13 @@ class Tracker:
                      0)
         if run is None:
             return lost
-        number = int(run["state"])  # type: ignore[call-overload]
+        number = int(run["state"])
         heartbeat = self._word(self._live + layout.LIVE.offsets["heartbeat_ns"])
         if number not in layout.ENDED and now_ns() - heartbeat > _HEARTBEAT_PATIENCE_NS:
             return lost
         name = layout.STATES[number] if 0 < number < layout.LOST else "unknown"
-        return State(name, layout.text(run["state_text"]),  # type: ignore[arg-type]
-                     int(run["state_since_ns"]))  # type: ignore[call-overload]
+        return State(name, layout.text(run["state_text"]),
+                     int(run["state_since_ns"]))
 
     @property
     def info(self) -> Optional[Info]:
@@ -427,15 +427,15 @@ class Tracker:
             return None
         raw = run["sensor_names"]
         size = layout.SENSOR_NAME_SIZE
-        names = {i + 1: layout.text(raw[i * size:(i + 1) * size])  # type: ignore[index]
+        names = {i + 1: layout.text(raw[i * size:(i + 1) * size])
                  for i in range(layout.SENSORS)}
         mask = run["sensor_mask"]
         kept = {name: run[name] for name in Info._fields if name in run}
-        return Info(device=layout.text(run["device_name"]),  # type: ignore[arg-type]
+        return Info(device=layout.text(run["device_name"]),
                     sensors=tuple(i + 1 for i in range(layout.SENSORS)
-                                  if mask >> i & 1),  # type: ignore[operator]
+                                  if mask >> i & 1),
                     sensor_names={sensor: name for sensor, name in names.items() if name},
-                    writer_pid=self._head["writer_pid"], **kept)  # type: ignore[arg-type]
+                    writer_pid=self._head["writer_pid"], **kept)
 
     @property
     def log(self) -> List[LogLine]:
@@ -458,9 +458,9 @@ class Tracker:
         run = self._run()
         if run is None:
             raise NoTracker(self.slot)
-        return (run["utc_ns"] + stream_ns - run["clock_ns"]) * 1e-9  # type: ignore[operator]
+        return (run["utc_ns"] + stream_ns - run["clock_ns"]) * 1e-9
 
-    def to_numpy(self, seconds: float) -> "numpy.ndarray":
+    def to_numpy(self, seconds: float) -> "numpy.ndarray[Any, Any]":
         """The records of the last `seconds` as a structured array, oldest first.
 
         Fields: number, frame, sensor (from 1), sample_ns, publish_ns, position (3), orientation
