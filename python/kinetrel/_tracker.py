@@ -6,8 +6,8 @@ import asyncio
 import struct
 import time
 from types import TracebackType
-from typing import (TYPE_CHECKING, Any, AsyncIterator, Dict, Iterator, List, NamedTuple, Optional, Sequence,
-                    Tuple, Type)
+from typing import (TYPE_CHECKING, Any, AsyncIterator, Dict, Iterator, List, NamedTuple,
+                    Optional, Sequence, Tuple, Type)
 
 from . import _layout as layout
 from ._errors import Denied, KinetrelError, NewerVersion, NoTracker, NotAStream
@@ -407,8 +407,8 @@ class Tracker:
         """What the tracker is doing now. "lost": no sign of life from its program for 3 s."""
         self._follow()
         run = self._run()
-        lost = State("lost", "The tracker's program shows no sign of life: it was killed or held up.",
-                     0)
+        lost = State(
+            "lost", "The tracker's program shows no sign of life: it was killed or held up.", 0)
         if run is None:
             return lost
         number = int(run["state"])
@@ -458,7 +458,7 @@ class Tracker:
         run = self._run()
         if run is None:
             raise NoTracker(self.slot)
-        return (run["utc_ns"] + stream_ns - run["clock_ns"]) * 1e-9
+        return float(run["utc_ns"] + stream_ns - run["clock_ns"]) * 1e-9
 
     def to_numpy(self, seconds: float) -> "numpy.ndarray[Any, Any]":
         """The records of the last `seconds` as a structured array, oldest first.
@@ -472,8 +472,8 @@ class Tracker:
         form = np.dtype({
             "names": ["number", "frame", "sample_ns", "publish_ns", "position", "orientation",
                       "angles", "sensor", "flags", "code", "buttons", "buttons_known"],
-            "formats": ["<u8", "<u8", "<i8", "<i8", ("<f8", 3), ("<f4", 4), ("<f4", 3), "<u4", "<u4",
-                        "<i4", "<u4", "<u4"],
+            "formats": ["<u8", "<u8", "<i8", "<i8", ("<f8", 3), ("<f4", 4), ("<f4", 3), "<u4",
+                        "<u4", "<i4", "<u4", "<u4"],
             "offsets": [layout.RECORD.offsets[name] for name in (
                 "number", "frame", "sample_ns", "publish_ns", "position", "orientation", "angles",
                 "sensor", "flags", "device_code", "buttons", "buttons_known")],
