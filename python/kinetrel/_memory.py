@@ -28,10 +28,12 @@ class Mapping:
 
     def close(self) -> None:
         with self._waiting:
-            if self.address:
+            # Forgotten before it is unmapped: Ctrl-C may end this anywhere, and a second close()
+            # must not touch what another mapping has got since.
+            address, self.address = self.address, 0
+            if address:
                 self.view.release()
-                self._close()
-                self.address = 0
+                self._close(address)
 
     def wait(self, offset: int, value: int, seconds: float) -> None:
         """Sleeps until the 32-bit word at `offset` is no longer `value`, or the time is up, or a
@@ -44,7 +46,7 @@ class Mapping:
     def _open(self, slot: int) -> None:
         raise NotImplementedError
 
-    def _close(self) -> None:
+    def _close(self, address: int) -> None:
         raise NotImplementedError
 
     def is_truncated(self) -> bool:
@@ -103,24 +105,24 @@ if sys.platform == "win32":
                 _kernel.OpenEventW(_SYNCHRONIZE, False, name + "Wake1")]
             if not all(self._handles):
                 denied = ctypes.get_last_error() == _ERROR_ACCESS_DENIED
-                self._close()
+                self._close(0)
                 raise Denied(slot) if denied else NoTracker(slot)
             self.address = _kernel.MapViewOfFile(self._handles[0], _FILE_MAP_READ, 0, 0, 0) or 0
             about = _MemoryInformation()
             if not self.address or not _kernel.VirtualQuery(
                     self.address, ctypes.byref(about), ctypes.sizeof(about)):
-                self._close()
+                self._close(self.address)
                 raise KinetrelError(f"slot {slot}: the stream cannot be mapped")
             # Memory that is only reserved must not be touched.
             self.size = about.region_size if about.state == _MEM_COMMIT else 0
 
-        def _close(self) -> None:
-            if self.address:
-                _kernel.UnmapViewOfFile(self.address)
-            for handle in self._handles:
+        def _close(self, address: int) -> None:
+            handles, self._handles = self._handles, []
+            if address:
+                _kernel.UnmapViewOfFile(address)
+            for handle in handles:
                 if handle:
                     _kernel.CloseHandle(handle)
-            self._handles = []
 
         def is_truncated(self) -> bool:
             return False  # a section keeps its size
@@ -179,9 +181,10 @@ else:
                 os.close(self._file)
                 raise
 
-        def _close(self) -> None:
-            _libc.munmap(self.address, self.size)
-            os.close(self._file)
+        def _close(self, address: int) -> None:
+            file, self._file = self._file, -1
+            _libc.munmap(address, self.size)
+            os.close(file)
 
         def is_truncated(self) -> bool:
             return os.fstat(self._file).st_size < self.size

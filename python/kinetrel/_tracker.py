@@ -186,9 +186,9 @@ class Tracker:
         self._record_size = head["record_size"]
 
     def _release(self) -> None:
-        if self._mapping is not None:
-            self._mapping.close()
-            self._mapping = None
+        mapping, self._mapping = self._mapping, None
+        if mapping is not None:
+            mapping.close()
 
     def close(self) -> None:
         """Lets go of the stream; may be called again."""
@@ -430,7 +430,7 @@ class Tracker:
         names = {i + 1: layout.text(raw[i * size:(i + 1) * size])
                  for i in range(layout.SENSORS)}
         mask = run["sensor_mask"]
-        kept = {name: run[name] for name in Info._fields if name in run}
+        kept = {name: run[name] for name in Info._fields if name in run and name != "sensor_names"}
         return Info(device=layout.text(run["device_name"]),
                     sensors=tuple(i + 1 for i in range(layout.SENSORS)
                                   if mask >> i & 1),

@@ -27,8 +27,8 @@ class CSharp(unittest.TestCase):
         return done
 
     def test_every_record_comes_once_and_fresh(self):
-        tracker = test_kinetrel.Program(test_kinetrel.free_slot())
-        self.addCleanup(tracker.end)
+        tracker = test_kinetrel.Program()
+        self.addCleanup(tracker.clean_up)
         lines = self.run_client(tracker.slot, 200).stdout.splitlines()
         records = [line.split() for line in lines[:-1]]
         first = int(records[0][0])
@@ -42,9 +42,7 @@ class CSharp(unittest.TestCase):
                          "-0.2500 -0.1250 0.5000 -0.1893 0.2393 -0.0381 0.9515\n")
 
     def test_what_is_not_a_stream(self):
-        slot = test_kinetrel.free_slot()
-        path = test_kinetrel.object_of(slot)
-        self.addCleanup(lambda: path.unlink(missing_ok=True))
+        slot, path = test_kinetrel.foreign_stream(self)
         path.write_bytes(bytes(5000))
         self.assertEqual(self.run_client(slot, -1).stdout, f"slot {slot}: not a Kinetrel stream\n")
 
