@@ -16,6 +16,8 @@
 
 namespace kinetrel::bench {
 
+using namespace emulate;
+
 // Whether what a device sends in one piece holds a pose for the first sensor.
 using TellsPose = bool (*)(std::span<const std::byte> bytes);
 

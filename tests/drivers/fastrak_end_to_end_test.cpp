@@ -13,6 +13,7 @@
 #include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
+using namespace emulate;
 namespace {
 
 constexpr double kRadians = 3.14159265358979 / 180;

@@ -19,6 +19,7 @@
 #include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
+using namespace emulate;
 namespace {
 
 constexpr char kSubstitute[] = KINETREL_PDI_SUBSTITUTE;

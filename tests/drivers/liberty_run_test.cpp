@@ -11,6 +11,7 @@
 #include "tests/support/library_run.h"
 
 namespace kinetrel::test {
+using namespace emulate;
 namespace {
 
 class LibertyProgram : public testing::Test {

@@ -12,6 +12,7 @@
 #include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
+using namespace emulate;
 namespace {
 
 constexpr double kDegrees = 180 / std::numbers::pi;

@@ -15,6 +15,8 @@
 
 namespace kinetrel::test {
 
+using namespace emulate;
+
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 

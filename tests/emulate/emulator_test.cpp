@@ -13,6 +13,7 @@
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {
+using namespace emulate;
 namespace {
 
 using std::chrono::milliseconds;

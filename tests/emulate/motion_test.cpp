@@ -5,9 +5,8 @@
 #include <cmath>
 #include <sstream>
 
-#include "emulate/motion_file.h"
-
 namespace kinetrel::test {
+using namespace emulate;
 namespace {
 
 TEST(Motion, ACircleHasItsRadiusAndPeriod) {

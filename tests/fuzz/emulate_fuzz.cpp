@@ -12,7 +12,7 @@
 
 namespace {
 
-using namespace kinetrel;
+using namespace kinetrel::emulate;
 
 // Devices with options of their own. Every device of the table comes after them as it is.
 const std::vector<std::vector<const char*>> kVariants = {

@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "tests/watch/tracker.h"
-#include "watch/rate_meter.h"
+#include "watch/frame_follower.h"
 #include "watch/watch_options.h"
-#include "watch/watch_text.h"
 #include "watch/watch_view.h"
 
 namespace kinetrel::test {
+using namespace watch;
 namespace {
 
 WatchSnapshot Snapshot(void (*fill)(SharedTrackBlock&), TrackerState state) {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // What a device of the time would buffer, and more; nothing may grow without end here.
@@ -19,7 +19,7 @@ DeviceLine::DeviceLine(LineOptions options)
       faults_(options_.faults, options_.seed),
       random_(options_.seed + 1) {}
 
-// ---- Sending -----------------------------------------------------------------------------------
+// ---- Sending ------------------------------------------------------------------------------------
 
 void DeviceLine::SendRecord(Moment start, std::span<const std::byte> bytes) {
   ++records_;
@@ -53,7 +53,7 @@ void DeviceLine::Say(Moment now, const std::string& text) const {
   if (options_.show) options_.show(now, text);
 }
 
-// ---- Leaving -----------------------------------------------------------------------------------
+// ---- Leaving ------------------------------------------------------------------------------------
 
 std::size_t DeviceLine::NextPiece(const Burst& burst) const {
   const std::size_t size = burst.bytes.size();
@@ -82,7 +82,7 @@ void DeviceLine::Take(Moment now, std::vector<std::byte>& into) {
   }
 }
 
-// ---- Faults ------------------------------------------------------------------------------------
+// ---- Faults -------------------------------------------------------------------------------------
 
 bool DeviceLine::Strike(Moment now, const Fault& fault) {
   if (!StrikeBytes(now, fault)) return false;
@@ -126,4 +126,4 @@ void DeviceLine::Damage(std::vector<std::byte>& record) {
 
 std::vector<Fault> DeviceLine::TakeForeignFaults() { return std::exchange(foreignFaults_, {}); }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -11,10 +11,9 @@
 #include <vector>
 
 #include "emulate/faults.h"
-#include "emulate/moment.h"
-#include "emulate/random_source.h"
+#include "emulate/time_and_chance.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // A line of text for a person, with the time it is about.
 using ShowLine = std::function<void(Moment, const std::string&)>;
@@ -95,4 +94,4 @@ class DeviceLine {
   std::uint64_t records_ = 0;
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

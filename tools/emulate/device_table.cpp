@@ -8,7 +8,7 @@
 #include "emulate/logitech_emulator.h"
 #include "emulate/pan_tilt_emulator.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 constexpr DeviceRow kDevices[] = {
@@ -36,4 +36,4 @@ const DeviceRow* FindDevice(std::string_view name) {
   return nullptr;
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -12,7 +12,7 @@
 #include "emulate/motion.h"
 #include "emulate/options.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 struct DeviceRow {
   std::string_view name;     // as the command line has it
@@ -29,4 +29,4 @@ struct DeviceRow {
 std::span<const DeviceRow> Devices();
 const DeviceRow* FindDevice(std::string_view name);  // null: none of that name
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

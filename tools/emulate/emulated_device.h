@@ -11,9 +11,9 @@
 #include <string>
 
 #include "emulate/device_line.h"
-#include "emulate/moment.h"
+#include "emulate/time_and_chance.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 class EmulatedDevice {
  public:
@@ -44,4 +44,4 @@ class EmulatedDevice {
   virtual bool RaiseError(Moment, std::optional<int> /*code*/) { return false; }
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

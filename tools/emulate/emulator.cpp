@@ -2,17 +2,66 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
+#include <random>
+#include <system_error>
 #include <utility>
 
 #include "platform/clock.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
+
+namespace fs = std::filesystem;
+
+Status Failure(const std::error_code& error, const char* what) {
+  const bool denied = error == std::errc::permission_denied;
+  const bool missing = error == std::errc::no_such_file_or_directory;
+  return {denied ? Error::Denied : missing ? Error::NotFound : Error::Failed, error.value(), what};
+}
 
 // One host that writes without end must not keep the device from its own work.
 constexpr int kMostReads = 16;
 
 }  // namespace
+
+// ---- The link -----------------------------------------------------------------------------------
+
+PortLink::PortLink(PortLink&& other) noexcept
+    : path_(std::exchange(other.path_, {})), target_(std::exchange(other.target_, {})) {}
+
+Status PortLink::Point(const std::string& target) {
+  if (path_.empty() || target == target_) return {};
+  if (target.empty()) {
+    Remove();
+    return {};
+  }
+  std::error_code error;
+  const fs::file_status found = fs::symlink_status(path_, error);
+  if (fs::exists(found) && !fs::is_symlink(found)) {
+    return {Error::Invalid, 0, "link to the port: that name is taken by something else"};
+  }
+  const std::string fresh = path_ + ".new-" + std::to_string(std::random_device{}());
+  fs::create_symlink(target, fresh, error);
+  if (error) return Failure(error, "link to the port");
+  fs::rename(fresh, path_, error);
+  if (error) {
+    std::error_code ignored;
+    fs::remove(fresh, ignored);
+    return Failure(error, "name the link to the port");
+  }
+  target_ = target;
+  return {};
+}
+
+void PortLink::Remove() {
+  if (target_.empty()) return;
+  std::error_code error;
+  if (fs::read_symlink(path_, error) == target_) fs::remove(path_, error);
+  target_.clear();
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
 
 Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions& options,
                    PseudoTerminal port)
@@ -31,7 +80,7 @@ Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice>
   return emulator;
 }
 
-// ---- The loop ----------------------------------------------------------------------------------
+// ---- The loop -----------------------------------------------------------------------------------
 
 Moment Emulator::Now() { return clock_.At(ClockTicks()); }
 
@@ -82,7 +131,7 @@ void Emulator::NoticeHost(Moment now) {
   if (present) device_.SetHostBaud(now, port_.HostBaud());
 }
 
-// ---- The plug ----------------------------------------------------------------------------------
+// ---- The plug -----------------------------------------------------------------------------------
 
 void Emulator::PullPlug(Moment replugAt) {
   port_.Unplug();
@@ -122,7 +171,7 @@ std::string Emulator::Port() const {
   return published_;
 }
 
-// ---- Requests ----------------------------------------------------------------------------------
+// ---- Requests -----------------------------------------------------------------------------------
 
 void Emulator::Post(Request request) {
   {
@@ -157,7 +206,7 @@ void Emulator::Plug() {
   Post([this](Moment now) { replugAt_ = now; });
 }
 
-// ---- In the background -------------------------------------------------------------------------
+// ---- In the background --------------------------------------------------------------------------
 
 Result<EmulatorThread> EmulatorThread::Start(std::unique_ptr<EmulatedDevice> device,
                                              EmulatorOptions options) {
@@ -174,4 +223,4 @@ EmulatorThread::~EmulatorThread() {
   thread_.Wait(kForever);
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

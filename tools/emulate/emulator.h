@@ -10,12 +10,34 @@
 #include <string>
 #include <vector>
 
-#include "emulate/port_link.h"
 #include "emulate/stepped_device.h"
 #include "platform/pseudo_terminal.h"
+#include "platform/status.h"
 #include "platform/thread.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
+
+// A fixed name for a port whose own name changes: a symbolic link.
+class PortLink {
+ public:
+  PortLink() = default;  // of no name: does nothing
+  explicit PortLink(std::string path) : path_(std::move(path)) {}
+  PortLink(PortLink&& other) noexcept;
+  PortLink& operator=(PortLink&&) = delete;
+  ~PortLink() { Remove(); }
+
+  // Replaces the link at once: who opens it finds the old port or the new one. An empty target
+  // removes it. Invalid: something that is no symbolic link has the name, and keeps it.
+  Status Point(const std::string& target);
+
+  const std::string& path() const { return path_; }
+
+ private:
+  void Remove();  // unless somebody else has replaced it
+
+  std::string path_;
+  std::string target_;
+};
 
 struct EmulatorOptions {
   LineOptions line = {};
@@ -103,4 +125,4 @@ class EmulatorThread {
   Thread thread_;
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -5,7 +5,7 @@
 
 #include "emulate/fastrak_emulator.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // From a command's last byte to the first one of its answer.
@@ -37,7 +37,7 @@ std::string Triple(const std::vector<double>& numbers, std::size_t from) {
 
 }  // namespace
 
-// ---- The table ---------------------------------------------------------------------------------
+// ---- The table ----------------------------------------------------------------------------------
 
 struct FastrakEmulator::CommandRow {
   char letter;
@@ -95,7 +95,7 @@ Vector3 FastrakEmulator::Length(const Numbers& numbers, std::size_t from) const 
   return {numbers[from] * unit, numbers[from + 1] * unit, numbers[from + 2] * unit};
 }
 
-// ---- Records -----------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 std::string FastrakEmulator::StartStream(const Numbers&, Context context) {
   if (streaming_) return "records are already sent as they are measured";
@@ -166,7 +166,7 @@ std::string FastrakEmulator::OutputList(const Numbers& numbers, Context context)
   return OfStation(numbers[0], sends);
 }
 
-// ---- Stations ----------------------------------------------------------------------------------
+// ---- Stations -----------------------------------------------------------------------------------
 
 std::string FastrakEmulator::ActiveStations(const Numbers& numbers, Context context) {
   const bool asks = model_.stationInLists ? numbers.size() < 2 : numbers.empty();
@@ -220,7 +220,7 @@ std::string FastrakEmulator::TipOffset(const Numbers& numbers, Context) {
   return OfStation(numbers[0], " has its tip at") + Triple(numbers, 1);
 }
 
-// ---- The unit ----------------------------------------------------------------------------------
+// ---- The unit -----------------------------------------------------------------------------------
 
 std::string FastrakEmulator::TellStatus(const Numbers&, Context context) {
   const int error = errors_.empty() ? 0 : errors_.front();
@@ -254,4 +254,4 @@ std::string FastrakEmulator::ClearError(const Numbers& numbers, Context) {
   return name + " is cleared";
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

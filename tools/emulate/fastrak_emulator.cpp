@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 constexpr std::size_t kMostUnread = 512;  // the unit's input buffer
@@ -27,7 +27,7 @@ FastrakEmulator::FastrakEmulator(FastrakSettings settings, std::shared_ptr<const
   SetDefaults();
 }
 
-// ---- Life --------------------------------------------------------------------------------------
+// ---- Life ---------------------------------------------------------------------------------------
 
 void FastrakEmulator::SetDefaults() {
   binary_ = metric_ = streaming_ = owesHalfRecord_ = false;
@@ -84,7 +84,7 @@ void FastrakEmulator::Receive(Moment now, std::span<const std::byte> bytes, Devi
   }
 }
 
-// ---- Events ------------------------------------------------------------------------------------
+// ---- Events -------------------------------------------------------------------------------------
 
 Moment FastrakEmulator::NextEvent() const {
   const Moment ready = unread_.empty() ? kNever : busyUntil_;
@@ -136,7 +136,7 @@ void FastrakEmulator::AnswerPoll(Moment now, DeviceLine& line) {
   nextMeasured_ = NthOf(now, 1, FramesPerSecond());
 }
 
-// ---- Measuring ---------------------------------------------------------------------------------
+// ---- Measuring ----------------------------------------------------------------------------------
 
 unsigned FastrakEmulator::ActiveCount() const {
   return static_cast<unsigned>(std::count_if(
@@ -167,7 +167,7 @@ FastrakRecord FastrakEmulator::Measure(unsigned index) const {
   return {index, error, pose, station.items, binary_, metric_};
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -217,4 +217,4 @@ std::unique_ptr<EmulatedDevice> MakeFastrak(OptionValues& options,
   return std::make_unique<FastrakEmulator>(std::move(settings), std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -19,14 +19,13 @@
 #include <vector>
 
 #include "emulate/emulated_device.h"
-#include "emulate/fastrak_models.h"
 #include "emulate/fastrak_parser.h"
 #include "emulate/fastrak_records.h"
 #include "emulate/motion.h"
 #include "emulate/options.h"
-#include "emulate/rotation.h"
+#include "emulate/pose.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // The state in which a host finds it.
 enum class FastrakStart {
@@ -142,11 +141,10 @@ class FastrakEmulator final : public EmulatedDevice {
   Moment nextMeasured_{0};  // a poll is never answered with an old frame
 };
 
-// ---- For the table of devices
-// --------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable FastrakOptions();
 std::unique_ptr<EmulatedDevice> MakeFastrak(OptionValues& options,
                                             std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <utility>
 
-#include "emulate/numbers.h"
+#include "emulate/options.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 constexpr std::size_t kLongestLine = 160;
@@ -82,4 +82,4 @@ std::optional<FastrakCommand> FastrakParser::FeedLine(char letter) {
   return std::nullopt;
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 struct FastrakCommand {
   char letter = 0;
@@ -43,4 +43,4 @@ class FastrakParser {
   bool unknownRun_ = false;
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

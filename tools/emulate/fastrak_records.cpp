@@ -3,12 +3,32 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <numbers>
 #include <span>
 
-#include "emulate/rotation.h"
+#include "emulate/pose.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
+
+// ---- Models -------------------------------------------------------------------------------------
+
+constexpr double kFar = 300;                                 // cm
+constexpr double kNear = 65.48 * 2.54;                       // cm
+constexpr double kFourRadians = 4 * 180 / std::numbers::pi;  // degrees
+
+// A host knows the model by the version's dot, and by what stands around it.
+constexpr FastrakModelRow kModels[] = {
+    {"fastrak", "FasTRAK", 4, 120, true, true, kFar, 180, "3.02  ", "Polhemus 3SPACE FASTRAK"},
+    {"insidetrak", "InsideTRAK", 2, 30, false, true, kFar, 180, " 50.12", "Polhemus InsideTRAK"},
+    {"isotrak", "IsoTRAK", 1, 30, false, false, kNear, kFourRadians, "V 2011", "3SPACE ISOTRAK"},
+    {"isotrak2", "IsoTRAK2", 2, 60, false, false, kNear, kFourRadians, "V 3013",
+     "3SPACE ISOTRAK II"},
+    {"is300", "IS-300", 4, 150, true, true, kFar, 180, "  2.41", "IS300 InterSense tracker"},
+    {"is600", "IS-600", 4, 150, true, true, kFar, 180, "  2.41", "IS600 InterSense tracker"},
+};
+
+// ---- Records ------------------------------------------------------------------------------------
 
 constexpr double kInch = 2.54;  // cm
 
@@ -127,6 +147,8 @@ class Encoder {
 
 }  // namespace
 
+std::span<const FastrakModelRow> FastrakModels() { return kModels; }
+
 const char* NameOf(FastrakItem item) {
   for (const ItemName& row : kNames) {
     if (row.item == item) return row.name;
@@ -146,4 +168,4 @@ std::string StatusRecord(const FastrakStatus& status, const FastrakModelRow& mod
   return text;
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

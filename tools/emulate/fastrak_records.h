@@ -1,15 +1,38 @@
-// What a FASTRAK-family unit sends: data records and replies.
+// The trackers that speak the FASTRAK command language, and what they send: records and replies.
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "emulate/fastrak_models.h"
 #include "emulate/motion.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
+
+enum class FastrakModel { Fastrak, InsideTrak, IsoTrak, IsoTrak2, Is300, Is600 };
+
+struct FastrakModelRow {
+  std::string_view option;
+  std::string_view name;
+  unsigned stations;
+  double recordsPerSecond;    // over all active stations together
+  bool floats;                // plain binary values are 32-bit floats, else 16-bit words
+  bool stationInLists;        // O and l name the station they are about
+  double fullScale;           // cm, of the words
+  double fullAngle;           // degrees, of the words
+  std::string_view version;   // 6 characters of the status record
+  std::string_view identity;  // up to 32
+};
+
+// In the order of FastrakModel.
+std::span<const FastrakModelRow> FastrakModels();
+
+inline const FastrakModelRow& RowOf(FastrakModel model) {
+  return FastrakModels()[static_cast<std::size_t>(model)];
+}
 
 // Items of an output list. A number that is none of these adds nothing to a record.
 enum class FastrakItem : int {
@@ -53,4 +76,4 @@ struct FastrakStatus {
 // 55 characters: "21S", flags (3), error (3), blanks (6), version (6), identity (32), CR LF.
 std::string StatusRecord(const FastrakStatus& status, const FastrakModelRow& model);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

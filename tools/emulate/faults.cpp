@@ -4,9 +4,9 @@
 #include <cctype>
 #include <cmath>
 
-#include "emulate/numbers.h"
+#include "emulate/options.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 struct KindName {
@@ -152,4 +152,4 @@ std::vector<Fault> FaultSchedule::For(FaultTrigger asked) const {
   return faults;
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -22,10 +22,9 @@
 #include <string_view>
 #include <vector>
 
-#include "emulate/moment.h"
-#include "emulate/random_source.h"
+#include "emulate/time_and_chance.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 enum class FaultKind { Noise, Garble, Cut, Silence, Error, Restart, Unplug };
 
@@ -76,4 +75,4 @@ class FaultSchedule {
   std::uint64_t records_ = 0;
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // From a command's last byte to the first one of its answer.
@@ -67,7 +67,7 @@ WireWriter EncodeFlockRecord(const MotionPose& pose) {
   return out;
 }
 
-// ---- Life --------------------------------------------------------------------------------------
+// ---- Life ---------------------------------------------------------------------------------------
 
 FlockEmulator::FlockEmulator(FlockSettings settings, std::shared_ptr<const Motion> motion)
     : settings_(settings), motion_(std::move(motion)) {}
@@ -102,7 +102,7 @@ bool FlockEmulator::RaiseError(Moment, std::optional<int> code) {
   return true;
 }
 
-// ---- Commands ----------------------------------------------------------------------------------
+// ---- Commands -----------------------------------------------------------------------------------
 
 struct FlockEmulator::CommandRow {
   unsigned code;
@@ -205,7 +205,7 @@ std::string FlockEmulator::SetHemisphere(Turn) {
 
 std::string FlockEmulator::UsePositionAndAngles(Turn) { return "position and angles"; }
 
-// ---- Parameters --------------------------------------------------------------------------------
+// ---- Parameters ---------------------------------------------------------------------------------
 
 struct FlockEmulator::ParameterRow {
   unsigned number;
@@ -275,7 +275,7 @@ WireWriter FlockEmulator::AutoConfiguration() {
   return WireWriter().U8(configuredBirds_).U16Le(running).U16Le(0);
 }
 
-// ---- Records -----------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 Moment FlockEmulator::NextEvent() const {
   const Moment ready = unread_.empty() ? kNever : busyUntil_;
@@ -305,7 +305,7 @@ void FlockEmulator::SendRecord(Moment now, unsigned station, DeviceLine& line) {
   ++frame_;
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -343,4 +343,4 @@ std::unique_ptr<EmulatedDevice> MakeFlock(OptionValues& options,
   return std::make_unique<FlockEmulator>(settings, std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

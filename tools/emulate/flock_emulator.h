@@ -23,7 +23,7 @@
 #include "emulate/options.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // The state in which a host finds it.
 enum class FlockStart {
@@ -121,11 +121,10 @@ class FlockEmulator final : public EmulatedDevice {
   Moment nextMeasured_{0};  // a poll is never answered with an old frame
 };
 
-// ---- For the table of devices
-// ----------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable FlockOptions();
 std::unique_ptr<EmulatedDevice> MakeFlock(OptionValues& options,
                                           std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -7,7 +7,7 @@
 #include <numbers>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 constexpr std::uint8_t kDle = 0x10;
@@ -31,7 +31,7 @@ double Seconds(Moment time) { return std::chrono::duration<double>(time).count()
 
 }  // namespace
 
-// ---- Packets -----------------------------------------------------------------------------------
+// ---- Packets ------------------------------------------------------------------------------------
 
 WireWriter TsipPacket(std::uint8_t id, const WireWriter& data) {
   WireWriter out;
@@ -58,7 +58,7 @@ GpsSky SatelliteAt(unsigned index, double seconds) {
   return {3 + 2 * index, elevation, std::fmod(turn, 2 * kPi), 5 + 25 * elevation};
 }
 
-// ---- Life --------------------------------------------------------------------------------------
+// ---- Life ---------------------------------------------------------------------------------------
 
 GpsEmulator::GpsEmulator(GpsSettings settings, std::shared_ptr<const Motion> motion)
     : settings_(settings), motion_(std::move(motion)) {}
@@ -76,7 +76,7 @@ bool GpsEmulator::RaiseError(Moment now, std::optional<int> code) {
   return true;
 }
 
-// ---- Requests ----------------------------------------------------------------------------------
+// ---- Requests -----------------------------------------------------------------------------------
 
 // Requests of a single byte are all it takes: what else stands in a packet is passed over.
 void GpsEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
@@ -122,7 +122,7 @@ const char* GpsEmulator::Obey(Moment now, unsigned id, DeviceLine& line) {
   }
 }
 
-// ---- Reports -----------------------------------------------------------------------------------
+// ---- Reports ------------------------------------------------------------------------------------
 
 Moment GpsEmulator::NextEvent() const {
   return std::min(NthOf(start_, slot_ + 1, settings_.rate), NthOf(start_, seconds_ + 1, 1));
@@ -194,7 +194,7 @@ void GpsEmulator::SendSatellites(Moment now, DeviceLine& line) {
   Send(now, 0x5C, detail.F32Be(sky.elevation).F32Be(sky.azimuth).U32Be(0), line);
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -222,4 +222,4 @@ std::unique_ptr<EmulatedDevice> MakeGps(OptionValues& options,
   return std::make_unique<GpsEmulator>(settings, std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

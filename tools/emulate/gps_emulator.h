@@ -20,7 +20,7 @@
 #include "emulate/options.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // Degrees and metres.
 struct GpsPlace {
@@ -87,10 +87,10 @@ class GpsEmulator final : public EmulatedDevice {
   unsigned request_ = 0;
 };
 
-// ---- For the table of devices ------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable GpsOptions();
 std::unique_ptr<EmulatedDevice> MakeGps(OptionValues& options,
                                         std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

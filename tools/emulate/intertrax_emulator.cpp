@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // From a command's last byte to the first one of its answer.
@@ -32,7 +32,7 @@ WireWriter EncodeIntertraxRecord(const MotionPose& pose) {
   return out;
 }
 
-// ---- Life --------------------------------------------------------------------------------------
+// ---- Life ---------------------------------------------------------------------------------------
 
 IntertraxEmulator::IntertraxEmulator(IntertraxSettings settings,
                                      std::shared_ptr<const Motion> motion)
@@ -73,7 +73,7 @@ void IntertraxEmulator::SpeedUp(Moment, DeviceLine& line) {
   line.SetBaud(kFastBaud);
 }
 
-// ---- Commands ----------------------------------------------------------------------------------
+// ---- Commands -----------------------------------------------------------------------------------
 
 void IntertraxEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
   for (const std::byte byte : bytes) {
@@ -130,7 +130,7 @@ const char* IntertraxEmulator::TellVersion(Moment now, DeviceLine& line) {
   return "version";
 }
 
-// ---- Records -----------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 Moment IntertraxEmulator::NextEvent() const {
   const Moment stream = streaming_ ? NthOf(streamStart_, slot_ + 1, settings_.rate) : kNever;
@@ -148,7 +148,7 @@ void IntertraxEmulator::SendRecord(Moment now, DeviceLine& line) {
   line.SendRecord(now, EncodeIntertraxRecord(motion_->At(0, frame_++, seconds)).bytes());
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -182,4 +182,4 @@ std::unique_ptr<EmulatedDevice> MakeIntertrax(OptionValues& options,
   return std::make_unique<IntertraxEmulator>(settings, std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -18,7 +18,7 @@
 #include "emulate/options.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // The state in which a host finds it.
 enum class IntertraxStart {
@@ -69,10 +69,10 @@ class IntertraxEmulator final : public EmulatedDevice {
   std::uint64_t frame_ = 0;  // records sent
 };
 
-// ---- For the table of devices ------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable IntertraxOptions();
 std::unique_ptr<EmulatedDevice> MakeIntertrax(OptionValues& options,
                                               std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

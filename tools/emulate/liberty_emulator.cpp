@@ -5,12 +5,9 @@
 #include <charconv>
 #include <cmath>
 #include <cstdio>
-#include <numbers>
 #include <utility>
 
-#include "emulate/numbers.h"
-
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // From a command's last byte to the first one of its answer.
@@ -21,20 +18,9 @@ constexpr std::size_t kLongestCommand = 200;
 constexpr std::size_t kMostItems = 20;
 constexpr unsigned kStations = 16;
 constexpr double kCentimetresPerInch = 2.54;
-constexpr double kHalfRadians = std::numbers::pi / 360;
 constexpr char Control(char letter) { return static_cast<char>(letter & 0x1F); }
 
 enum Refusal : unsigned { kInvalidCommand = 1, kInvalidStation = 2, kInvalidParameter = 3 };
-
-std::array<double, 4> QuaternionOf(const MotionPose& pose) {
-  const double y = pose.azimuth * kHalfRadians;
-  const double p = pose.elevation * kHalfRadians;
-  const double r = pose.roll * kHalfRadians;
-  const double cy = std::cos(y), sy = std::sin(y), cp = std::cos(p), sp = std::sin(p);
-  const double cr = std::cos(r), sr = std::sin(r);
-  return {cy * cp * cr + sy * sp * sr, cy * cp * sr - sy * sp * cr, cy * sp * cr + sy * cp * sr,
-          sy * cp * cr - cy * sp * sr};
-}
 
 // Stations of a field: a number, or '*' for all. None: it is no station.
 std::uint32_t StationsOf(std::string_view field) {
@@ -45,7 +31,7 @@ std::uint32_t StationsOf(std::string_view field) {
 
 }  // namespace
 
-// ---- Life --------------------------------------------------------------------------------------
+// ---- Life ---------------------------------------------------------------------------------------
 
 LibertyEmulator::LibertyEmulator(LibertySettings settings, std::shared_ptr<const Motion> motion)
     : settings_(settings), motion_(std::move(motion)) {
@@ -81,7 +67,7 @@ bool LibertyEmulator::RaiseError(Moment, std::optional<int> code) {
   return true;
 }
 
-// ---- Commands ----------------------------------------------------------------------------------
+// ---- Commands -----------------------------------------------------------------------------------
 
 struct LibertyEmulator::CommandRow {
   char name;
@@ -234,7 +220,7 @@ void LibertyEmulator::SelfTest(Moment now, std::string_view values, DeviceLine& 
   Answer(now, Control('T'), words, std::to_string(bit_), line);
 }
 
-// ---- Answers -----------------------------------------------------------------------------------
+// ---- Answers ------------------------------------------------------------------------------------
 
 WireWriter LibertyEmulator::Header(unsigned station, char command, unsigned error,
                                    std::size_t size) const {
@@ -274,7 +260,7 @@ void LibertyEmulator::Refuse(Moment now, char command, unsigned code, DeviceLine
   line.SendReply(now + kReplyDelay, AsBytes(text));
 }
 
-// ---- Poses -------------------------------------------------------------------------------------
+// ---- Poses --------------------------------------------------------------------------------------
 
 Moment LibertyEmulator::NextEvent() const {
   return streaming_ ? NthOf(start_, cycle_ + 1, Rate()) : kNever;
@@ -350,7 +336,7 @@ void LibertyEmulator::AddItem(WireWriter& body, int item, const MotionPose& pose
   }
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -389,4 +375,4 @@ std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
   return std::make_unique<LibertyEmulator>(settings, std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

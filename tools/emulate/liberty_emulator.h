@@ -26,7 +26,7 @@
 #include "emulate/options.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // The state in which a host finds it.
 enum class LibertyStart {
@@ -101,10 +101,10 @@ class LibertyEmulator final : public EmulatedDevice {
   std::uint64_t zero_ = 0;   // the cycle that counts as 0
 };
 
-// ---- For the table of devices ------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable LibertyOptions();
 std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
                                             std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -6,7 +6,7 @@
 #include <numbers>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // From a command's last byte to the first one of its answer.
@@ -49,7 +49,7 @@ WireWriter EncodeLogitechRecord(const MotionPose& pose, unsigned header) {
   return out;
 }
 
-// ---- Life --------------------------------------------------------------------------------------
+// ---- Life ---------------------------------------------------------------------------------------
 
 LogitechEmulator::LogitechEmulator(LogitechSettings settings, std::shared_ptr<const Motion> motion)
     : settings_(settings), motion_(std::move(motion)) {}
@@ -73,7 +73,7 @@ void LogitechEmulator::HostOpened(Moment now, DeviceLine& line) {
 
 bool LogitechEmulator::RaiseError(Moment, std::optional<int>) { return outOfSight_ = true; }
 
-// ---- Commands ----------------------------------------------------------------------------------
+// ---- Commands -----------------------------------------------------------------------------------
 
 void LogitechEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
   for (const std::byte byte : bytes) {
@@ -123,7 +123,7 @@ const char* LogitechEmulator::Obey(Moment now, char command, bool starred, Devic
   }
 }
 
-// ---- Records -----------------------------------------------------------------------------------
+// ---- Records ------------------------------------------------------------------------------------
 
 Moment LogitechEmulator::NextEvent() const {
   return streaming_ || asked_ > 0 ? NthOf(start_, slot_ + 1, settings_.rate) : kNever;
@@ -150,7 +150,7 @@ void LogitechEmulator::SendRecord(Moment now, DeviceLine& line) {
   if (valid) ++frame_;
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -193,4 +193,4 @@ std::unique_ptr<EmulatedDevice> MakeLogitech(OptionValues& options,
   return std::make_unique<LogitechEmulator>(settings, std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

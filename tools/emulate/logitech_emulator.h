@@ -19,7 +19,7 @@
 #include "emulate/options.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // The state in which a host finds it.
 enum class LogitechStart {
@@ -72,10 +72,10 @@ class LogitechEmulator final : public EmulatedDevice {
   std::uint64_t frame_ = 0;  // records sent
 };
 
-// ---- For the table of devices ------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable LogitechOptions();
 std::unique_ptr<EmulatedDevice> MakeLogitech(OptionValues& options,
                                              std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

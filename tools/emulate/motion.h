@@ -2,24 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <istream>
 #include <memory>
 #include <string>
 #include <string_view>
 
-namespace kinetrel {
+#include "emulate/pose.h"
 
-// In centimetres and degrees; the device converts to what it sends. Azimuth turns about z, then
-// elevation about y, then roll about x.
-struct MotionPose {
-  double x = 0;
-  double y = 0;
-  double z = 0;
-  double azimuth = 0;
-  double elevation = 0;
-  double roll = 0;
-
-  bool operator==(const MotionPose&) const = default;
-};
+namespace kinetrel::emulate {
 
 // Threads  any: a motion never changes.
 class Motion {
@@ -56,4 +46,21 @@ struct MadeMotion {
 MadeMotion ParseMotion(std::string_view text);
 extern const char* const kMotionForms;  // the same for a person
 
-}  // namespace kinetrel
+// ---- From a file --------------------------------------------------------------------------------
+
+// Poses from a file of comma-separated values.
+//
+// The first line names the columns, in any order: x, y, z (cm), azimuth, elevation, roll (degrees);
+// station (from 1; without it every row is for all stations), and frame or time (s), which say when
+// a row begins to hold. With neither, a station's rows are its frames. A missing pose column is 0.
+// Past the last row it starts again. Lines that are empty or begin with # are passed over.
+//
+//   time,station,x,y,z,azimuth,elevation,roll
+//   0,1,10,0,0,0,0,0
+//   0.5,1,12.5,0,0,90,0,0
+//
+// A million rows at the most.
+MadeMotion ReadMotion(std::istream& text);
+MadeMotion ReadMotionFile(const std::string& path);
+
+}  // namespace kinetrel::emulate

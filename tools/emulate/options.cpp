@@ -1,6 +1,6 @@
 #include "emulate/options.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 const OptionRow* Find(std::string_view name, std::initializer_list<OptionTable> tables) {
@@ -67,4 +67,4 @@ std::string OptionValues::Text(std::string_view name, std::string_view byItself)
   return values.empty() ? std::string(byItself) : values.back();
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

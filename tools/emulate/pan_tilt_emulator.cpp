@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 // From a request to the first byte of its answer.
@@ -88,7 +88,7 @@ void PanTiltEmulator::Obey(Moment now, char request, DeviceLine& line) {
   ++frame_;
 }
 
-// ---- Options -----------------------------------------------------------------------------------
+// ---- Options ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -117,4 +117,4 @@ std::unique_ptr<EmulatedDevice> MakePanTilt(OptionValues& options,
   return std::make_unique<PanTiltEmulator>(start, std::move(motion));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -17,7 +17,7 @@
 #include "emulate/options.h"
 #include "emulate/wire_writer.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // The state in which a host finds it.
 enum class PanTiltStart {
@@ -49,11 +49,10 @@ class PanTiltEmulator final : public EmulatedDevice {
   std::uint64_t frame_ = 0;
 };
 
-// ---- For the table of devices
-// ----------------------------------------------------------------------
+// ---- For the table of devices -------------------------------------------------------------------
 
 OptionTable PanTiltOptions();
 std::unique_ptr<EmulatedDevice> MakePanTilt(OptionValues& options,
                                             std::shared_ptr<const Motion> motion);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

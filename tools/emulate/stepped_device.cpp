@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 SteppedDevice::SteppedDevice(std::unique_ptr<EmulatedDevice> device, LineOptions options)
     : device_(std::move(device)), line_(std::move(options)) {
@@ -93,4 +93,4 @@ std::optional<Fault> SteppedDevice::TakePortFault() {
   return std::exchange(portFault_, std::nullopt);
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

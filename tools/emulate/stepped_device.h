@@ -9,7 +9,7 @@
 
 #include "emulate/emulated_device.h"
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 class SteppedDevice {
  public:
@@ -48,4 +48,4 @@ class SteppedDevice {
   std::optional<Fault> portFault_;
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 class WireWriter {
  public:
@@ -51,4 +51,4 @@ inline std::span<const std::byte> AsBytes(std::string_view text) {
   return std::as_bytes(std::span(text.data(), text.size()));
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

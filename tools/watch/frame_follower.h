@@ -4,13 +4,35 @@
 // wake-up a frame; without frames, one for each Next.
 #pragma once
 
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
 #include "platform/clock.h"
 #include "platform/status.h"
+#include "publish/shared_track_block.h"
 #include "publish/shared_track_reader.h"
 #include "publish/track_timer.h"
-#include "watch/watch_snapshot.h"
 
-namespace kinetrel {
+namespace kinetrel::watch {
+
+enum class TrackerState {
+  Awaited,   // no writer yet
+  Starting,  // a writer, but no frame of it yet
+  Running,
+  Silent,  // a writer is said to be there, but nothing new comes: it may have been killed
+  Gone,    // there was a writer, and it has closed
+};
+
+// What is known of a bin at one moment.
+struct WatchSnapshot {
+  int slot = 1;
+  int bin = 0;
+  TrackerState state = TrackerState::Awaited;
+  double silence = 0;      // seconds since the last frame, or since waiting for one began
+  SharedTrackBlock block;  // of one piece
+};
 
 class FrameFollower {
  public:
@@ -42,4 +64,26 @@ class FrameFollower {
   bool framesSeen_ = false;  // of the present writer
 };
 
-}  // namespace kinetrel
+// How fast a count goes up, over about the last two seconds.
+class RateMeter {
+ public:
+  // The count is `count` at `now` (seconds). A count that went back begins the measurement anew.
+  void Add(double now, std::int32_t count);
+
+  // In a second; nothing before there is half a second to tell it from.
+  std::optional<double> PerSecond() const;
+
+ private:
+  struct Mark {
+    double time = 0;
+    std::int32_t count = 0;
+  };
+
+  void DropOldest();
+
+  std::array<Mark, 64> marks_;  // oldest first
+  std::size_t used_ = 0;
+  Mark newest_;
+};
+
+}  // namespace kinetrel::watch

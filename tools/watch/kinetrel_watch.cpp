@@ -1,31 +1,122 @@
 // kinetrel-watch: shows what a running tracker publishes.
+#include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "platform/console.h"
 #include "platform/signals.h"
+#include "watch/frame_follower.h"
+#include "watch/watch_face.h"
 #include "watch/watch_options.h"
-#include "watch/watch_screen.h"
-#include "watch/watcher.h"
+#include "watch/watch_view.h"
 
+namespace kinetrel::watch {
 namespace {
 
-using kinetrel::ExitCode;
-using kinetrel::WatchRequest;
+// One run: from the bin to the face, until there is a reason to end.
+class Watcher {
+ public:
+  // stop  nonzero once the program is to end; must outlive the object.
+  Watcher(const WatchOptions& options, const std::atomic<int>& stop);
+
+  // Says why on standard error where it ends with anything but Done.
+  ExitCode Run();
+
+ private:
+  ExitCode Follow();
+  std::optional<ExitCode> EndReason(WriteResult written, const Deadline& frameDeadline) const;
+  Milliseconds Timeout() const { return options_.timeout.value_or(kForever); }
+
+  const WatchOptions options_;
+  const std::atomic<int>& stop_;
+  FrameFollower follower_;
+  std::unique_ptr<WatchFace> face_;
+  std::uint64_t frames_ = 0;
+};
+
+// Without frames the program wakes four times a second: for a stop request, a key, a writer that
+// has closed.
+constexpr Milliseconds kIdleWait{250};
+
+std::unique_ptr<WatchFace> MakeFace(const WatchOptions& options) {
+  // Everything is flushed by hand, a whole frame at a time.
+  constexpr std::size_t kLargestFrame = 1 << 16;
+  std::setvbuf(stdout, nullptr, _IOFBF, kLargestFrame);
+  if (options.form == OutputForm::Automatic && EnableTerminalSequences()) {
+    return std::make_unique<TableFace>(options);
+  }
+  return std::make_unique<LineFace>(options);
+}
+
+Watcher::Watcher(const WatchOptions& options, const std::atomic<int>& stop)
+    : options_(options), stop_(stop), follower_(options.slot, options.bin) {}
+
+ExitCode Watcher::Run() {
+  const Status opened = follower_.Open();
+  if (!opened.Ok()) {
+    std::fprintf(stderr, "kinetrel-watch: slot %d, bin %d cannot be opened: %s\n", options_.slot,
+                 options_.bin, Describe(opened).c_str());
+    return ExitCode::CannotOpen;
+  }
+  face_ = MakeFace(options_);
+  const ExitCode code = Follow();
+  if (code == ExitCode::CannotWrite) {
+    std::perror("kinetrel-watch: the output cannot be written");
+    return code;
+  }
+  face_->Finish(follower_.snapshot());
+  face_.reset();  // the terminal is as it was before anything is said
+  if (code == ExitCode::TimedOut) {
+    const double seconds = static_cast<double>(Timeout().count()) / 1000;
+    std::fprintf(stderr, "kinetrel-watch: no frame for %s s\n", JsonNumber(seconds).c_str());
+  }
+  return code;
+}
+
+ExitCode Watcher::Follow() {
+  Deadline frameDeadline(Timeout());
+  WriteResult written = face_->Show(follower_.snapshot(), false);
+  for (;;) {
+    const std::optional<ExitCode> end = EndReason(written, frameDeadline);
+    if (end.has_value()) return *end;
+    if (face_->WantsEnd()) return ExitCode::Done;
+    SleepFor(face_->Rest());
+    const bool frame = follower_.Next(std::min(kIdleWait, frameDeadline.Remaining()));
+    if (frame) {
+      ++frames_;
+      frameDeadline = Deadline(Timeout());
+    }
+    written = face_->Show(follower_.snapshot(), frame);
+  }
+}
+
+std::optional<ExitCode> Watcher::EndReason(WriteResult written,
+                                           const Deadline& frameDeadline) const {
+  if (stop_.load() != 0 || written == WriteResult::ReaderGone) return ExitCode::Done;
+  if (written == WriteResult::Failed) return ExitCode::CannotWrite;
+  if (options_.frames != 0 && frames_ >= options_.frames) return ExitCode::Done;
+  if (frameDeadline.Passed()) return ExitCode::TimedOut;
+  return {};
+}
+
+// ---- The program --------------------------------------------------------------------------------
 
 ExitCode Print(const std::string& text) {
-  if (kinetrel::WriteOut(text) != kinetrel::WriteResult::Failed) return ExitCode::Done;
+  if (WriteOut(text) != WriteResult::Failed) return ExitCode::Done;
   std::perror("kinetrel-watch: the output cannot be written");
   return ExitCode::CannotWrite;
 }
 
-ExitCode Serve(const kinetrel::WatchCommand& command) {
+ExitCode Serve(const WatchCommand& command) {
   switch (command.request) {
     case WatchRequest::Help:
-      return Print(kinetrel::WatchUsage());
+      return Print(WatchUsage());
     case WatchRequest::Version:
-      return Print(std::string(kinetrel::kWatchVersion) + "\n");
+      return Print(std::string(kWatchVersion) + "\n");
     case WatchRequest::Refuse:
       std::fprintf(stderr, "kinetrel-watch: %s (see kinetrel-watch --help)\n",
                    command.complaint.c_str());
@@ -35,14 +126,16 @@ ExitCode Serve(const kinetrel::WatchCommand& command) {
   }
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);
-  kinetrel::CatchStopSignals(stop);
-  return kinetrel::Watcher(command.options, stop).Run();
+  CatchStopSignals(stop);
+  return Watcher(command.options, stop).Run();
 }
 
 }  // namespace
+}  // namespace kinetrel::watch
 
 int main(int count, char** arguments) {
+  using namespace kinetrel::watch;
   kinetrel::HoldStandardStreams();
   std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems keep back what leads to a pipe
-  return static_cast<int>(Serve(kinetrel::ParseWatchCommand(count, arguments)));
+  return static_cast<int>(Serve(ParseWatchCommand(count, arguments)));
 }

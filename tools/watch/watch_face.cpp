@@ -1,12 +1,40 @@
 #include "watch/watch_face.h"
 
+#include <cerrno>
 #include <cstdio>
 
-#include "watch/watch_text.h"
-#include "watch/watch_view.h"
-
-namespace kinetrel {
+namespace kinetrel::watch {
 namespace {
+
+constexpr const char* kHideCursor = "\x1b[?25l";
+constexpr const char* kShowCursor = "\x1b[?25h";
+constexpr const char* kClearAll = "\x1b[H\x1b[2J";
+constexpr const char* kClearRight = "\x1b[K";
+constexpr const char* kClearBelow = "\x1b[J";
+constexpr const char* kNormal = "\x1b[m";
+
+const char* Sequence(LineStyle style) {
+  switch (style) {
+    case LineStyle::Plain:
+      return "";
+    case LineStyle::Strong:
+      return "\x1b[1m";
+    case LineStyle::Faint:
+      return "\x1b[2m";
+    case LineStyle::Alert:
+      return "\x1b[33m";
+  }
+  return "";
+}
+
+std::string Styled(const ViewLine& line) {
+  if (line.style == LineStyle::Plain) return line.text;
+  return Sequence(line.style) + line.text + kNormal;
+}
+
+std::string ToFirstLine(std::size_t linesAbove) {
+  return linesAbove == 0 ? "\r" : "\r\x1b[" + std::to_string(linesAbove) + "A";
+}
 
 constexpr Milliseconds kDrawPeriod{50};
 constexpr double kDrawSeconds = 0.05;
@@ -22,7 +50,29 @@ bool EndsWatching(Key key) {
 
 }  // namespace
 
-// ---- LineFace --------------------------------------------------------------------------------
+// ---- WatchScreen --------------------------------------------------------------------------------
+
+WriteResult WriteOut(const std::string& text) {
+  const std::size_t written = std::fwrite(text.data(), 1, text.size(), stdout);
+  if (written == text.size() && std::fflush(stdout) == 0) return WriteResult::Written;
+  return errno == EPIPE ? WriteResult::ReaderGone : WriteResult::Failed;
+}
+
+WriteResult WatchScreen::Draw(const std::vector<ViewLine>& lines, TerminalSize size) {
+  // Lines that were drawn for another width may have been broken anew: nobody knows where.
+  const bool resized = size.columns != size_.columns || size.rows != size_.rows;
+  if (lines == drawn_ && !resized) return WriteResult::Written;
+  std::string text = kHideCursor;
+  text += resized && !drawn_.empty() ? kClearAll : ToFirstLine(drawn_.size());
+  for (const ViewLine& line : lines) text += Styled(line) + kClearRight + "\r\n";
+  text += kClearBelow;
+  text += kShowCursor;
+  drawn_ = lines;
+  size_ = size;
+  return WriteOut(text);
+}
+
+// ---- LineFace -----------------------------------------------------------------------------------
 
 LineFace::LineFace(const WatchOptions& options) : form_(options.form), degrees_(options.degrees) {}
 
@@ -45,7 +95,7 @@ void LineFace::Announce(const WatchSnapshot& snapshot) {
   if (!words.empty()) std::fprintf(stderr, "kinetrel-watch: %s\n", words.c_str());
 }
 
-// ---- TableFace -------------------------------------------------------------------------------
+// ---- TableFace ----------------------------------------------------------------------------------
 
 TableFace::TableFace(const WatchOptions& options) : degrees_(options.degrees) {
   if (options.frames == 0 && !options.timeout.has_value()) keys_.emplace();
@@ -87,4 +137,4 @@ bool TableFace::WantsEnd() {
   return false;
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::watch

@@ -2,15 +2,43 @@
 #pragma once
 
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "platform/console.h"
 #include "publish/track_timer.h"
-#include "watch/rate_meter.h"
+#include "watch/frame_follower.h"
 #include "watch/watch_options.h"
-#include "watch/watch_screen.h"
-#include "watch/watch_snapshot.h"
+#include "watch/watch_view.h"
 
-namespace kinetrel {
+namespace kinetrel::watch {
+
+enum class WriteResult {
+  Written,
+  ReaderGone,  // the other end of the pipe is closed
+  Failed,
+};
+
+// Writes to standard output, in one piece and at once.
+WriteResult WriteOut(const std::string& text);
+
+// A block of lines on a terminal, redrawn in place.
+//
+// The cursor is hidden only within a redraw, and stands below the lines between two: whatever ends
+// or suspends the program leaves a usable terminal.
+class WatchScreen {
+ public:
+  // Shows `lines` in place of those shown before; writes nothing when they are the same. The
+  // lines must fit the size: fewer than its rows, each shorter than its columns.
+  WriteResult Draw(const std::vector<ViewLine>& lines, TerminalSize size);
+
+  // The next Draw begins below whatever the terminal shows.
+  void StartBelow() { drawn_.clear(); }
+
+ private:
+  std::vector<ViewLine> drawn_;
+  TerminalSize size_;
+};
 
 class WatchFace {
  public:
@@ -66,4 +94,4 @@ class TableFace final : public WatchFace {
   Milliseconds rest_{0};
 };
 
-}  // namespace kinetrel
+}  // namespace kinetrel::watch

@@ -6,12 +6,12 @@
 #include <string_view>
 
 #include "publish/shared_track_block.h"
-#include "watch/watch_text.h"
+#include "watch/watch_view.h"
 
-namespace kinetrel {
+namespace kinetrel::watch {
 namespace {
 
-// ---- Numbers ---------------------------------------------------------------------------------
+// ---- Numbers ------------------------------------------------------------------------------------
 
 // All of `text` as a number from `least` to `most`: no sign, no space, no other base.
 template <typename Number>
@@ -34,7 +34,7 @@ bool ParseSeconds(std::string_view text, std::optional<Milliseconds>& into) {
   return true;
 }
 
-// ---- The options -----------------------------------------------------------------------------
+// ---- The options --------------------------------------------------------------------------------
 
 struct Option {
   std::string_view name;
@@ -167,4 +167,4 @@ std::string WatchUsage() {
   return text;
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::watch

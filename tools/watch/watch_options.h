@@ -7,7 +7,7 @@
 
 #include "platform/clock.h"
 
-namespace kinetrel {
+namespace kinetrel::watch {
 
 inline constexpr const char* kWatchVersion = "kinetrel-watch 1.3 (shared-memory interface 1.42)";
 
@@ -48,4 +48,4 @@ WatchCommand ParseWatchCommand(int count, const char* const* arguments);
 
 std::string WatchUsage();
 
-}  // namespace kinetrel
+}  // namespace kinetrel::watch

@@ -1,11 +1,11 @@
-#include "watch/watch_text.h"
+#include "watch/watch_view.h"
 
 #include <array>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 
-namespace kinetrel {
+namespace kinetrel::watch {
 namespace {
 
 constexpr int kBits = 32;
@@ -93,4 +93,4 @@ std::string JsonText(std::string_view text) {
   return quoted + '"';
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::watch

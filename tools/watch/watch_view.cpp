@@ -6,12 +6,10 @@
 #include <numbers>
 #include <utility>
 
-#include "watch/watch_text.h"
-
-namespace kinetrel {
+namespace kinetrel::watch {
 namespace {
 
-// ---- Components ------------------------------------------------------------------------------
+// ---- Components ---------------------------------------------------------------------------------
 
 using Getter = bool (*)(const SharedTrackBlock& block, int slot, float* values);
 
@@ -70,7 +68,7 @@ void ForEachSensor(const SharedTrackBlock& block, const Use& use) {
   }
 }
 
-// ---- Head of the table -----------------------------------------------------------------------
+// ---- Head of the table --------------------------------------------------------------------------
 
 std::string WholeSeconds(double seconds) { return Fixed(std::floor(seconds), 0) + " s"; }
 
@@ -140,7 +138,7 @@ std::vector<ViewLine> Details(const WatchSnapshot& snapshot, const TableForm& fo
   return lines;
 }
 
-// ---- Sensors of the table --------------------------------------------------------------------
+// ---- Sensors of the table -----------------------------------------------------------------------
 
 constexpr std::size_t kCellWidth = 10;  // with the space before it
 constexpr std::size_t kLabelWidth = 6;
@@ -214,7 +212,7 @@ class SensorTable {
   std::array<Components, 2> lines_;
 };
 
-// ---- The whole table -------------------------------------------------------------------------
+// ---- The whole table ----------------------------------------------------------------------------
 
 void Append(std::vector<ViewLine>& lines, const std::vector<ViewLine>& more, std::size_t most) {
   const std::size_t count = std::min(more.size(), most);
@@ -233,7 +231,7 @@ void Fit(std::vector<ViewLine>& lines, std::size_t rows, std::size_t columns) {
 // The most that may be used of a terminal's rows or columns: the last one belongs to the cursor.
 std::size_t Usable(int size) { return static_cast<std::size_t>(std::max(size - 1, 1)); }
 
-// ---- Lines -----------------------------------------------------------------------------------
+// ---- Lines --------------------------------------------------------------------------------------
 
 std::string JsonArray(const Values& values) {
   std::string text = "[";
@@ -324,4 +322,4 @@ std::string JsonView(const WatchSnapshot& snapshot, bool degrees) {
          ",\"sensors\":[" + sensors + "]}";
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::watch

@@ -1,12 +1,23 @@
-// Turning poses: what devices with a settable reference frame need.
+// Poses, and turning them: what devices with a settable reference frame need.
 #pragma once
 
 #include <array>
 #include <optional>
 
-#include "emulate/motion.h"
+namespace kinetrel::emulate {
 
-namespace kinetrel {
+// In centimetres and degrees; the device converts to what it sends. Azimuth turns about z, then
+// elevation about y, then roll about x.
+struct MotionPose {
+  double x = 0;
+  double y = 0;
+  double z = 0;
+  double azimuth = 0;
+  double elevation = 0;
+  double roll = 0;
+
+  bool operator==(const MotionPose&) const = default;
+};
 
 using Vector3 = std::array<double, 3>;
 using Matrix3 = std::array<Vector3, 3>;     // rows
@@ -26,11 +37,11 @@ struct Frame {
   bool operator==(const Frame&) const = default;
 };
 
-// From three points: the origin, one on the x axis, one on the side of the y axis. Nothing where
-// they are in one line.
+// From three points: the origin, one on the x axis, one on the side of the y axis. Empty when they
+// are in one line.
 std::optional<Frame> FrameFrom(const Vector3& origin, const Vector3& x, const Vector3& y);
 
 // `pose` as seen from `frame`. Angles come out at -180 .. 180, elevation at -90 .. 90.
 MotionPose SeenFrom(const Frame& frame, const MotionPose& pose);
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

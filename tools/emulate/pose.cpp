@@ -1,10 +1,10 @@
-#include "emulate/rotation.h"
+#include "emulate/pose.h"
 
 #include <algorithm>
 #include <cmath>
 #include <numbers>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 namespace {
 
 constexpr double kRadians = std::numbers::pi / 180;
@@ -87,4 +87,4 @@ MotionPose SeenFrom(const Frame& frame, const MotionPose& pose) {
           std::atan2(seen[2][1], seen[2][2]) / kRadians};
 }
 
-}  // namespace kinetrel
+}  // namespace kinetrel::emulate

@@ -1,10 +1,13 @@
-// Time as an emulated device knows it.
+// Time and chance as an emulated device knows them: it asks no clock and no other source of
+// randomness, so that a test can play the same hour twice, in a moment.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <random>
 
-namespace kinetrel {
+namespace kinetrel::emulate {
 
 // Since the emulator started. A device sees no other clock, so that a test may walk it through an
 // hour in a moment, and twice the same way.
@@ -51,4 +54,19 @@ class EmulatorClock {
   Moment skipped_{0};
 };
 
-}  // namespace kinetrel
+// The same numbers in every run with the same seed, whatever the standard library.
+class RandomSource {
+ public:
+  explicit RandomSource(std::uint64_t seed) : engine_(seed) {}
+
+  std::byte Byte() { return static_cast<std::byte>(engine_() >> 56); }
+  std::size_t Below(std::size_t limit) { return limit == 0 ? 0 : engine_() % limit; }
+  bool Happens(double probability) {
+    return static_cast<double>(engine_() >> 11) * 0x1p-53 < probability;
+  }
+
+ private:
+  std::mt19937_64 engine_;
+};
+
+}  // namespace kinetrel::emulate
