@@ -22,6 +22,7 @@ constexpr int kCtrlA = 1;
 constexpr int kEscape = 27;
 
 // A signal sets it, the console loop reads it. One per process, because signals are.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 std::atomic<int> stopRequest = 0;
 
 void PrintBanner() {
@@ -86,9 +87,9 @@ ExitCode RunConsoleProgram(int count, const char* const* arguments, const Sessio
   return code;
 }
 
-void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stopRequest) {
+void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stop) {
   while (engine.HasSamplingThread() && !engine.WaitSampling(kStep)) {
-    if (stopRequest != 0) {
+    if (stop != 0) {
       engine.StopSampling(true);
     } else if (const std::optional<Key> key = TakeLeftKey(kFewFrames)) {
       ActOnKey(engine, *key);

@@ -80,8 +80,8 @@ int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* 
   });
 }
 
-kinetrel_open_result kinetrel_open(kinetrel_engine* engine, int device_type, int port, int reset) {
-  return Opened(engine, device_type, port, reset != 0);
+kinetrel_open_result kinetrel_open(kinetrel_engine* engine, int deviceType, int port, int reset) {
+  return Opened(engine, deviceType, port, reset != 0);
 }
 
 kinetrel_open_result kinetrel_open_configured(kinetrel_engine* engine) {
@@ -106,9 +106,9 @@ int kinetrel_stop_sampling(kinetrel_engine* engine, int wait) {
   return Guarded(engine, [&](TrackerEngine& e) { return e.StopSampling(wait != 0); });
 }
 
-int kinetrel_wait_sampling(const kinetrel_engine* engine, int timeout_ms) {
+int kinetrel_wait_sampling(const kinetrel_engine* engine, int timeoutMs) {
   return Guarded(engine, [&](const TrackerEngine& e) {
-    return e.WaitSampling(kinetrel::Milliseconds(std::max(0, timeout_ms)));
+    return e.WaitSampling(kinetrel::Milliseconds(std::max(0, timeoutMs)));
   });
 }
 

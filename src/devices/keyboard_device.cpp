@@ -23,7 +23,7 @@ constexpr double kFullTurn = 6.283185307179586;
 
 constexpr float kStepFactorChange = 0.05F;
 
-enum : int { kBackspace = 8, kTab = 9, kLineFeed = 10, kEnter = 13, kEscape = 27 };
+constexpr int kBackspace = 8, kTab = 9, kLineFeed = 10, kEnter = 13, kEscape = 27;
 
 struct FieldRow {
   const char* name;
@@ -67,6 +67,7 @@ struct OperatorEntry {
     if (length > 0) text[--length] = '\0';
   }
 };
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 OperatorEntry entry;
 
 // Prints for the operator. If the terminal is stopped (Ctrl-S) the line is left out, so that

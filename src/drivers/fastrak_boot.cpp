@@ -13,6 +13,7 @@ namespace {
 
 // True while a unit boots: commands that need a booted unit are then sent too. One flag for the
 // process, because only one device of this family boots at a time.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 std::atomic<bool> bootInProgress{false};
 
 class BootInProgress {

@@ -9,6 +9,7 @@ constexpr const char* kLibraryName = "isense.dll";
 
 // How many of our functions this thread is in. A library that calls its own function may reach ours
 // of the same name. We forward such a call, but do not load or unload the library during it.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 thread_local int callDepth = 0;
 
 // Ends the recursion when the functions that were looked up lead back to ours.

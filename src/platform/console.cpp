@@ -25,6 +25,7 @@ struct KeyInput {
   std::size_t putBackCount GUARDED_BY(lock) = 0;
   std::uint64_t taken GUARDED_BY(lock) = 0;  // keys, less those put back
 };
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 KeyInput input;
 
 // Adds the next byte to those that are no key yet; one at a time, so that what is typed ahead of

@@ -64,7 +64,7 @@ Extent ReplyExtent(Bytes bytes) {
 }
 
 struct Introducer {
-  char byte;
+  std::uint8_t byte;
   Extent (*extent)(Bytes bytes);
 };
 constexpr Introducer kIntroducers[] = {

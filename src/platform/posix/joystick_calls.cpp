@@ -62,6 +62,7 @@ std::vector<std::string> JoystickPaths() {
     if (number) found.try_emplace(*number, entry->path());
   }
   std::vector<std::string> paths;
+  paths.reserve(found.size());
   for (const auto& [number, path] : found) paths.push_back(path);
   return paths;
 }

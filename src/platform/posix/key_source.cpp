@@ -17,6 +17,7 @@ struct Source {
   bool terminal = false;
   bool ended = false;
 };
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 constinit Source source;
 
 bool Readable() { return !source.ended && (!source.terminal || InKeyMode()); }

@@ -187,6 +187,7 @@ class OpenObjects {
  public:
   static OpenObjects& Instance() {
     // Never destroyed: objects may be closed while the process exits.
+    // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
     static OpenObjects& objects = *new OpenObjects;
     return objects;
   }

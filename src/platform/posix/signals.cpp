@@ -13,7 +13,9 @@ namespace {
 
 // Where a signal puts its number, and when one did, 0 for never: one of each per process, as
 // signals are. Written by CatchStopSignals, then by the handler only.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 constinit std::atomic<std::atomic<int>*> stopRequest{nullptr};
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 constinit std::atomic<std::int64_t> stopAskedAt{0};
 static_assert(std::atomic<int>::is_always_lock_free &&
               std::atomic<std::int64_t>::is_always_lock_free);

@@ -28,6 +28,7 @@ struct TerminalMode {
   std::atomic<pid_t> owner{0};  // a forked child ends without touching its parent's terminal
   termios before{};
 };
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 constinit TerminalMode terminal;
 static_assert(std::atomic<Mode>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
 
