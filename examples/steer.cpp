@@ -1,7 +1,7 @@
 // The same host in C++: the C interface with a handle that closes itself.
 //
 //   find_package(Kinetrel REQUIRED)
-//   target_link_libraries(steer PRIVATE Kinetrel::kinetrel_shared)
+//   target_link_libraries(steer PRIVATE Kinetrel::kinetrel_static)   # or kinetrel_shared
 
 #include <array>
 #include <cstdio>
