@@ -6,10 +6,10 @@
 namespace kinetrel::emulate {
 namespace {
 
-// What a device of the time would buffer, and more; nothing may grow without end here.
+// More than a device of the time would buffer, so that an unread line cannot grow without end.
 constexpr std::size_t kMostWaiting = 16384;
 
-// A serial port's receiver hands bytes over when so many are there, or when no more come.
+// A serial port's receiver hands bytes over in groups of this size, or when no more come.
 constexpr std::size_t kPiece = 8;
 
 }  // namespace

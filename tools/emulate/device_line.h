@@ -1,5 +1,5 @@
-// The device's end of its line: what it sends waits here, leaves at the line's real speed, and
-// meets the faults that are due on the way.
+// The device's end of its line. The bytes it sends wait here, leave at the line's real speed, and
+// suffer the faults that are due.
 #pragma once
 
 #include <cstddef>
@@ -15,15 +15,15 @@
 
 namespace kinetrel::emulate {
 
-// A line of text for a person, with the time it is about.
+// Shows a person a line of text about what happened at that time.
 using ShowLine = std::function<void(Moment, const std::string&)>;
 
 struct LineOptions {
   unsigned baud = 9600;
-  bool whole = false;  // a record is handed over in one piece when its last byte is out
+  bool whole = false;  // hand over each record in one piece, when its last byte is out
   std::uint64_t seed = 1;
   std::vector<FaultRule> faults = {};
-  ShowLine show = {};  // none: nobody looks
+  ShowLine show = {};  // empty: no text is wanted
 };
 
 class DeviceLine {
@@ -33,15 +33,15 @@ class DeviceLine {
   // ---- The device's side -----------------------------------------------------------------------
 
   unsigned baud() const { return options_.baud; }
-  void SetBaud(unsigned baud) { options_.baud = baud; }  // for what is sent from now on
+  void SetBaud(unsigned baud) { options_.baud = baud; }  // for later bytes
 
   // The first byte starts at `start`, or when all that was sent before is out; each takes ten bits.
-  // A record is what faults count and damage. More than the device's buffer holds is lost.
+  // Faults count and damage records only. Bytes beyond the device's buffer are lost.
   void SendRecord(Moment start, std::span<const std::byte> bytes);
   void SendReply(Moment start, std::span<const std::byte> bytes);
 
   Moment FreeAt() const { return freeAt_; }  // when all that was sent so far is out
-  void DropWaiting();                        // what has not left yet never will
+  void DropWaiting();                        // drops the bytes that have not left yet
 
   bool Shown() const { return static_cast<bool>(options_.show); }
   void Say(Moment now, const std::string& text) const;
@@ -50,17 +50,18 @@ class DeviceLine {
 
   Moment NextDeparture() const;
 
-  // Appends what has left by `now`, in the pieces in which a serial port hands bytes over.
+  // Appends the bytes that have left by `now`, in the pieces in which a serial port hands them
+  // over.
   void Take(Moment now, std::vector<std::byte>& into);
 
   Moment NextFault() const { return faults_.NextTime(); }
   std::vector<Fault> TakeDueFaults(Moment now) { return faults_.TakeDue(now); }
   std::vector<Fault> FaultsFor(FaultTrigger asked) const { return faults_.For(asked); }
 
-  // Faults that a record brought and that are none of the line's.
+  // Faults that a record triggered and that concern the device or the port, not the line.
   std::vector<Fault> TakeForeignFaults();
 
-  // False: no fault of a line.
+  // False: this fault does not concern the line.
   bool Strike(Moment now, const Fault& fault);
 
   std::byte Noise() { return random_.Byte(); }
@@ -88,7 +89,7 @@ class DeviceLine {
   std::size_t waiting_ = 0;
   Moment freeAt_{0};
   Moment silentUntil_{0};
-  std::optional<Fault> cut_;  // strikes the next record, as does garble_
+  std::optional<Fault> cut_;  // for the next record, as garble_ is
   std::optional<Fault> garble_;
   std::vector<Fault> foreignFaults_;
   std::uint64_t records_ = 0;

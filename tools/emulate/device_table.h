@@ -1,7 +1,8 @@
-// The devices that kinetrel-emulate can be.
+// The devices that kinetrel-emulate can play.
 //
-// A new one is a pair of files and a row of the table: a class of EmulatedDevice, its own options,
-// and a function that makes it of them. It is then in the program and its help, and is fuzzed.
+// To add one, write a pair of files (a class of EmulatedDevice, its options, and a function that
+// makes it from them) and one row of the table. The program, its help and the fuzz target then have
+// it.
 #pragma once
 
 #include <memory>
@@ -15,10 +16,10 @@
 namespace kinetrel::emulate {
 
 struct DeviceRow {
-  std::string_view name;     // as the command line has it
+  std::string_view name;     // on the command line
   std::string_view summary;  // one line for the help
   int kinetrelType;          // n of kinetrel -d n
-  unsigned baud;             // of its line, when power comes on
+  unsigned baud;             // of its line when power comes on
   OptionTable (*options)();  // its own options
 
   // A refused option leaves a complaint in `options`; the device made is then not used.
@@ -27,6 +28,6 @@ struct DeviceRow {
 };
 
 std::span<const DeviceRow> Devices();
-const DeviceRow* FindDevice(std::string_view name);  // null: none of that name
+const DeviceRow* FindDevice(std::string_view name);  // null: unknown name
 
 }  // namespace kinetrel::emulate

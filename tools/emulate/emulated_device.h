@@ -1,8 +1,8 @@
 // A device as its line sees it. One class per device, written from its side of the wire.
 //
-// It has no thread, no clock and no port: it is told what comes and when, says when it next wants
-// the word, and sends over the line that it is handed. So the same device runs on a real port and,
-// step by step, in a test.
+// It has no thread, no clock and no port. The caller passes bytes and the time, the device says
+// when it wants its next event, and it sends over the line that the caller passes. So the same
+// device runs on a real port and, step by step, in a test.
 #pragma once
 
 #include <cstddef>
@@ -21,26 +21,26 @@ class EmulatedDevice {
 
   virtual std::string Name() const = 0;  // for people, with the model
 
-  // Power comes on: the first call of all. Comes again after a loss of power, and nothing that the
-  // host has set is left then.
+  // Power comes on. This is the first call. It comes again after a loss of power; the device then
+  // forgets all that the host has set.
   virtual void PowerOn(Moment now, DeviceLine& line) = 0;
 
   // Bytes from the host, in any pieces and of any content.
   virtual void Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) = 0;
 
-  // When OnEvent is next wanted; kNever. What follows an event lies after it.
+  // When OnEvent is wanted next, or kNever. After an event, the next one is later.
   virtual Moment NextEvent() const = 0;
   virtual void OnEvent(Moment now, DeviceLine& line) = 0;
 
-  // A host opened the port. Most devices cannot know.
+  // A host opened the port. Most devices do not notice.
   virtual void HostOpened(Moment, DeviceLine&) {}
 
-  // The host has set its end to another rate. A device whose reset hangs on a modem line takes it
-  // from this, as a pseudo-terminal has no modem lines.
+  // The host has set its end to another rate. A device that a modem line resets takes this as the
+  // reset, because a pseudo-terminal has no modem lines.
   virtual void HostRateChanged(Moment, unsigned /*baud*/, DeviceLine&) {}
 
-  // An error that the device itself reports; without a code the device chooses. False: it knows no
-  // errors, or not this one.
+  // The device reports an error of its own; without a code it chooses one. False: it does not know
+  // this error, or any.
   virtual bool RaiseError(Moment, std::optional<int> /*code*/) { return false; }
 };
 

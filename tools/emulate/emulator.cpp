@@ -20,7 +20,7 @@ Status Failure(const std::error_code& error, const char* what) {
   return {denied ? Error::Denied : missing ? Error::NotFound : Error::Failed, error.value(), what};
 }
 
-// One host that writes without end must not keep the device from its own work.
+// A host that writes without end must not keep the device from its own work.
 constexpr int kMostReads = 16;
 
 }  // namespace
@@ -39,7 +39,7 @@ Status PortLink::Point(const std::string& target) {
   std::error_code error;
   const fs::file_status found = fs::symlink_status(path_, error);
   if (fs::exists(found) && !fs::is_symlink(found)) {
-    return {Error::Invalid, 0, "link to the port: that name is taken by something else"};
+    return {Error::Invalid, 0, "link to the port: the name belongs to another file"};
   }
   const std::string fresh = path_ + ".new-" + std::to_string(std::random_device{}());
   fs::create_symlink(target, fresh, error);
@@ -118,9 +118,9 @@ void Emulator::ReadHost(Moment now) {
     NoticeHost(now);
     if (count == 0) break;
     device_.Receive(now, std::span(bytes).first(count));
-    if (i == kMostReads - 1) port_.Interrupt();  // the rest in the next round
+    if (i == kMostReads - 1) port_.Interrupt();  // the next round reads the rest
   }
-  PublishPort(now);  // a port whose user died was replaced
+  PublishPort(now);  // a port whose host died was replaced
 }
 
 void Emulator::NoticeHost(Moment now) {
@@ -146,7 +146,7 @@ void Emulator::ServePlug(Moment now) {
   if (now < replugAt_) return;
   replugAt_ = kNever;
   if (port_.Plugged()) return;
-  // With none to be had right now, there may be one later.
+  // If the system has no free port now, try again later.
   if (!port_.Plug(firstBaud_).Ok()) replugAt_ = now + std::chrono::seconds(1);
   if (port_.Plugged()) device_.line().Say(now, "the port is plugged in: " + port_.path());
   PublishPort(now);

@@ -20,20 +20,20 @@ namespace kinetrel::emulate {
 // A fixed name for a port whose own name changes: a symbolic link.
 class PortLink {
  public:
-  PortLink() = default;  // of no name: does nothing
+  PortLink() = default;  // without a name: does nothing
   explicit PortLink(std::string path) : path_(std::move(path)) {}
   PortLink(PortLink&& other) noexcept;
   PortLink& operator=(PortLink&&) = delete;
   ~PortLink() { Remove(); }
 
-  // Replaces the link at once: who opens it finds the old port or the new one. An empty target
-  // removes it. Invalid: something that is no symbolic link has the name, and keeps it.
+  // Replaces the link in one step: a program that opens it finds the old port or the new one. An
+  // empty target removes the link. Invalid: the name belongs to a file that is not a symbolic link.
   Status Point(const std::string& target);
 
   const std::string& path() const { return path_; }
 
  private:
-  void Remove();  // unless somebody else has replaced it
+  void Remove();  // unless another program has replaced it
 
   std::string path_;
   std::string target_;
@@ -41,23 +41,24 @@ class PortLink {
 
 struct EmulatorOptions {
   LineOptions line = {};
-  std::string link =
-      {};  // a name for the port that stays when the port's own changes; none if empty
+  std::string link = {};  // a name for the port that stays the same; empty: none
 };
 
 // One loop serves the device and the port.
 //
-// Threads  Run belongs to one; the others may be called by any, also before and after it.
+// Threads  one thread calls Run; any thread may call the others, also before and after Run.
 class Emulator {
  public:
-  // Invalid, Denied, NotFound: the link cannot be made. NoSpace: no pseudo-terminal is to be had.
+  // Invalid, Denied, NotFound: the link cannot be made. NoSpace: the system has no free
+  // pseudo-terminal.
   static Result<std::shared_ptr<Emulator>> Open(std::unique_ptr<EmulatedDevice> device,
                                                 EmulatorOptions options);
 
   void Run();   // until Stop
   void Stop();  // for good
 
-  // What a host opens: the link, or the port's own name; empty while the port is unplugged.
+  // The name that a host opens: the link, or the port's own name. Empty while the port is
+  // unplugged.
   std::string Port() const;
 
   void Strike(const Fault& fault);
@@ -66,7 +67,7 @@ class Emulator {
   void Plug();
 
   std::uint64_t RecordsSent() const { return records_; }
-  std::uint64_t BytesLost() const { return lost_; }  // the host was there and did not read
+  std::uint64_t BytesLost() const { return lost_; }  // sent while a host was there and did not read
 
  private:
   using Request = std::function<void(Moment)>;
@@ -85,11 +86,11 @@ class Emulator {
   void PublishPort(Moment now);
   Status Link();
 
-  // Of the thread that runs.
+  // Used only by the thread in Run.
   SteppedDevice device_;
   PseudoTerminal port_;
   PortLink link_;
-  std::string linked_;  // the port's own name, as the link has it
+  std::string linked_;  // the port's name that the link points at
   const unsigned firstBaud_;
   EmulatorClock clock_;
   Moment replugAt_ = kNever;
@@ -105,7 +106,7 @@ class Emulator {
   std::string published_;
 };
 
-// An emulator that runs in the background for as long as this lives.
+// Runs an emulator in the background until it is destroyed.
 class EmulatorThread {
  public:
   static Result<EmulatorThread> Start(std::unique_ptr<EmulatedDevice> device,

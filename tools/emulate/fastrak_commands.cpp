@@ -8,7 +8,7 @@
 namespace kinetrel::emulate {
 namespace {
 
-// From a command's last byte to the first one of its answer.
+// From the last byte of a command to the first byte of its answer.
 constexpr Moment kReplyDelay = std::chrono::milliseconds(1);
 
 constexpr double kInch = 2.54;  // cm
@@ -82,7 +82,7 @@ void FastrakEmulator::Reply(Context context, const std::string& text) const {
   context.line.SendReply(context.now + kReplyDelay, AsBytes(text));
 }
 
-// The station that the first of at least so many numbers names.
+// The station that the first number names; null if there are fewer than `count` numbers.
 FastrakEmulator::Station* FastrakEmulator::StationOf(const Numbers& numbers, std::size_t count) {
   if (numbers.size() < count || numbers.empty()) return nullptr;
   const double number = numbers[0];

@@ -112,7 +112,7 @@ void FastrakEmulator::RestartStream(Moment now) {
   streamStart_ = now;
 }
 
-// A line too slow for all of it makes the unit slower and never lets it fall behind.
+// On a line that is too slow for all records the unit sends fewer; it never falls behind.
 void FastrakEmulator::SendNextOfStream(Moment now, DeviceLine& line) {
   ++slot_;
   if (line.FreeAt() > now) return;
@@ -161,7 +161,7 @@ FastrakRecord FastrakEmulator::Measure(unsigned index) const {
     pose.y += tip[1];
     pose.z += tip[2];
   }
-  // The device's own frame would give the same but for the last bits.
+  // Turning by the default frame would change the last bits.
   if (station.frame != Frame{}) pose = SeenFrom(station.frame, pose);
   const char error = errors_.empty() ? ' ' : static_cast<char>(errors_.front());
   return {index, error, pose, station.items, binary_, metric_};

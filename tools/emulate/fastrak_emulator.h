@@ -4,14 +4,14 @@
 //   P            one record of each active station     C, c     records as they are measured; stop
 //   S            status record                         f, F     binary, ASCII
 //   U, u         inches, centimetres                   K        saves the configuration
-//   ^Y           starts anew: silent for seconds, then what came meanwhile is answered
+//   ^Y           restarts: silent for seconds, then it answers what came meanwhile
 //   O1,2,4,1     output list of station 1; O1 tells it (without station digits: O2,4,1 and O)
 //   l1,1         station 1 on, 0: off; l1 tells the states (IsoTRAK: l1 turns it over, l tells)
 //   A1,o,x,y     alignment frame of station 1: origin, a point on x, a point toward y; R1 resets it
 //   H1,x,y,z     hemisphere        N1,x,y,z  tip offset        y0  synchronization 0, 1 or 2
 //   T65,0        clears that BIT error
 //
-// Lines end with CR or LF. What it does not understand is answered with an error record.
+// Lines end with CR or LF. An unknown command is answered with an error record.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@
 
 namespace kinetrel::emulate {
 
-// The state in which a host finds it.
+// The state of the unit when a host opens the port.
 enum class FastrakStart {
   Ascii,       // just switched on
   Binary,      // as an earlier host left it
@@ -66,7 +66,7 @@ class FastrakEmulator final : public EmulatedDevice {
   };
   struct CommandRow;
   using Numbers = std::vector<double>;
-  struct Context {  // one command's surroundings
+  struct Context {  // time and line of one command
     Moment now;
     DeviceLine& line;
   };
@@ -113,7 +113,8 @@ class FastrakEmulator final : public EmulatedDevice {
   FastrakRecord Measure(unsigned index) const;
   unsigned ActiveCount() const;
   double FramesPerSecond() const;
-  unsigned NextActive(unsigned from) const;  // the first one at or after; the count when none
+  unsigned NextActive(
+      unsigned from) const;  // the first active station from `from` on; the count if none
 
   // Constant.
   const FastrakSettings settings_;
@@ -131,7 +132,7 @@ class FastrakEmulator final : public EmulatedDevice {
   bool owesHalfRecord_ = false;
   std::vector<int> errors_;
   Moment busyUntil_{0};
-  std::vector<std::byte> unread_;  // came while it was busy
+  std::vector<std::byte> unread_;  // bytes that came while it was busy
   bool streaming_ = false;
   Moment streamStart_{0};
   std::uint64_t slot_ = 0;    // of the stream: each may take one record

@@ -69,7 +69,8 @@ std::optional<FastrakCommand> FastrakParser::FeedLetter(char letter) {
 
 std::optional<FastrakCommand> FastrakParser::FeedLine(char letter) {
   if (EndsLine(letter)) return std::exchange(open_, {});
-  // Re-initialising is heard in the middle of a line, or a half-sent one would deafen the unit.
+  // The restart command counts in the middle of a line too; otherwise half a command would block
+  // it.
   if (!IsPrintable(letter) && actAtOnce_.find(letter) != std::string_view::npos) {
     open_ = {};
     return FastrakCommand{letter};

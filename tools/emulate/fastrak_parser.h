@@ -1,4 +1,4 @@
-// Cuts what a host sends a FASTRAK-family unit into commands.
+// Cuts the bytes that a host sends to a FASTRAK-family unit into commands.
 #pragma once
 
 #include <cstddef>
@@ -13,16 +13,16 @@ namespace kinetrel::emulate {
 struct FastrakCommand {
   char letter = 0;
   std::string arguments = {};  // as they came, without the end of the line
-  bool known = true;           // false: no such letter, or a line too long
+  bool known = true;           // false: an unknown letter, or a line that is too long
 
-  // The numbers between the commas; nothing where one is none.
+  // The numbers between the commas; empty if a field is not a number.
   std::optional<std::vector<double>> Numbers() const;
 
   std::string Shown() const;  // for people
 };
 
-// A letter that acts at once is a command of its own; one with a line is complete at CR or LF. Of a
-// run of unknown letters only the first is reported, so that noise is not answered byte by byte.
+// Some letters are commands by themselves; the others end with CR or LF. Of a run of unknown
+// letters only the first is reported, so that the unit does not answer noise byte by byte.
 class FastrakParser {
  public:
   FastrakParser(std::string_view actAtOnce, std::string_view withLine)

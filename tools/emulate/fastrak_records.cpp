@@ -17,7 +17,7 @@ constexpr double kFar = 300;                                 // cm
 constexpr double kNear = 65.48 * 2.54;                       // cm
 constexpr double kFourRadians = 4 * 180 / std::numbers::pi;  // degrees
 
-// A host knows the model by the version's dot, and by what stands around it.
+// A host recognises the model by the dot in the version and the characters around it.
 constexpr FastrakModelRow kModels[] = {
     {"fastrak", "FasTRAK", 4, 120, true, true, kFar, 180, "3.02  ", "Polhemus 3SPACE FASTRAK"},
     {"insidetrak", "InsideTRAK", 2, 30, false, true, kFar, 180, " 50.12", "Polhemus InsideTRAK"},
@@ -47,7 +47,7 @@ constexpr ItemName kNames[] = {
     {FastrakItem::ShortQuaternion, "short quaternion"},
 };
 
-// The values of one item, with what they are full at.
+// The values of one item, and their full scale.
 struct Values {
   std::array<double, 4> value{};
   std::size_t count = 3;
@@ -107,7 +107,7 @@ class Encoder {
     }
   }
 
-  // The short items are binary even among ASCII.
+  // Short items are binary in ASCII records too.
   void AddValues(FastrakItem item, const Values& values) {
     const bool isShort = item >= FastrakItem::ShortPosition;
     if (!record_.binary && !isShort) return AddAscii(values);

@@ -34,7 +34,7 @@ inline const FastrakModelRow& RowOf(FastrakModel model) {
   return FastrakModels()[static_cast<std::size_t>(model)];
 }
 
-// Items of an output list. A number that is none of these adds nothing to a record.
+// Items of an output list. Any other number adds nothing to a record.
 enum class FastrakItem : int {
   Space = 0,
   CrLf = 1,
@@ -46,7 +46,7 @@ enum class FastrakItem : int {
   ShortQuaternion = 20,
 };
 
-// A word for people; null: no item that this unit knows.
+// The name of an item for people; null for an item that this unit does not know.
 const char* NameOf(FastrakItem item);
 
 struct FastrakRecord {
@@ -59,11 +59,11 @@ struct FastrakRecord {
 };
 
 // A header of '0', the station's digit and the error character, and then the items in their order:
-//   ASCII      7 characters a number: 2 decimals, 4 for the quaternion
+//   ASCII      7 characters per number: 2 decimals, 4 for the quaternion
 //   floats     32 bits, little-endian
 //   words      16 bits, little-endian, of the model's full scale
-//   short      14 bits as twice 7, the lower first, where the model's plain values are floats, else
-//              words; the first byte of the first one has bit 7 set, no other
+//   short      on models whose plain values are floats: 14 bits as two 7-bit bytes, low first; else
+//              words. Bit 7 is set in the first byte of the first value only
 WireWriter EncodeRecord(const FastrakRecord& record, const FastrakModelRow& model);
 
 struct FastrakStatus {

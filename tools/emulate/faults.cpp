@@ -12,7 +12,7 @@ namespace {
 struct KindName {
   std::string_view name;
   FaultKind kind;
-  double most;  // of the argument; 0: it takes none
+  double most;  // of the argument; 0: the fault takes no argument
 };
 constexpr double kMostBytes = 4096;
 constexpr double kMostSeconds = 1'000'000;
@@ -33,7 +33,7 @@ Moment FromSeconds(double seconds) {
   return Moment(static_cast<std::int64_t>(std::llround(seconds * 1e9)));
 }
 
-// An error's code may be the character by which the device shows it.
+// The code of an error may be the character that the device shows for it.
 std::optional<double> ParseArgument(const KindName& kind, std::string_view text) {
   const bool isCharacter =
       text.size() == 1 && std::isdigit(static_cast<unsigned char>(text[0])) == 0;

@@ -1,19 +1,19 @@
-// What may go wrong on demand, and when.
+// Faults on demand: which, and when.
 //
 // A rule is written KIND[:ARGUMENT]@WHEN:
 //
 //   noise[:BYTES]      random bytes come between the device's own (8)
-//   garble[:BYTES]     random bytes come in place of the record's own (1)
-//   cut[:BYTES]        of a record only so many bytes come (half of them)
+//   garble[:BYTES]     random bytes replace bytes of a record (1)
+//   cut[:BYTES]        only the first BYTES of a record come (half of it)
 //   silence[:SECONDS]  nothing comes (2)
-//   error[:CODE]       the device reports an error of its own: a number or a character (its own)
-//   restart            the device loses its power for a moment, and all that was set
-//   unplug[:SECONDS]   the port is gone, and back after that time (2)
+//   error[:CODE]       the device reports an error: a number or a character (the device chooses)
+//   restart            the device loses its power for a moment, and all settings
+//   unplug[:SECONDS]   the port disappears, and is back after that time (2)
 //
 //   5s    at 5 seconds           /5s    every 5 seconds
 //   #100  at the 100th record    /#100  at every 100th
 //   1%    with this chance for each record
-//   usr1, usr2  at that signal, or whenever somebody asks
+//   usr1, usr2  at that signal, or when a caller asks
 #pragma once
 
 #include <cstdint>
@@ -36,12 +36,12 @@ struct Fault {
   bool operator==(const Fault&) const = default;
 };
 
-std::string_view NameOf(FaultKind kind);  // as a rule has it
+std::string_view NameOf(FaultKind kind);  // as rules write it
 
-// Of Silence and Unplug: seconds, as a time.
+// How long a Silence or Unplug lasts.
 Moment Duration(const Fault& fault);
 
-// "noise:8": nothing where it is no such text.
+// Reads a text such as "noise:8"; empty if it is not a fault.
 std::optional<Fault> ParseFault(std::string_view text);
 
 enum class FaultTrigger { AtTime, EveryTime, AtRecord, EveryRecord, ByChance, ByFirst, BySecond };
@@ -49,7 +49,7 @@ enum class FaultTrigger { AtTime, EveryTime, AtRecord, EveryRecord, ByChance, By
 struct FaultRule {
   Fault fault;
   FaultTrigger trigger = FaultTrigger::AtTime;
-  double value = 0;  // seconds, records or a probability, as the trigger wants
+  double value = 0;  // seconds, records or a probability: the trigger decides
 };
 
 std::optional<FaultRule> ParseFaultRule(std::string_view text);

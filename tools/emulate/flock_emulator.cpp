@@ -9,7 +9,7 @@
 namespace kinetrel::emulate {
 namespace {
 
-// From a command's last byte to the first one of its answer.
+// From the last byte of a command to the first byte of its answer.
 constexpr Moment kReplyDelay = std::chrono::microseconds(500);
 
 constexpr std::size_t kMostUnread = 256;   // the bird's input buffer
@@ -21,7 +21,7 @@ constexpr unsigned kMostBirds = 14;
 constexpr unsigned kPrefix = 0xF0;
 constexpr unsigned kLastPrefix = kPrefix + kMostBirds;
 
-// Errors that the bird finds by itself.
+// Errors that the bird reports by itself.
 constexpr unsigned kInvalidCommand = 6;
 
 // Bits of the status word.
@@ -95,7 +95,7 @@ void FlockEmulator::HostOpened(Moment now, DeviceLine& line) {
 }
 
 bool FlockEmulator::RaiseError(Moment, std::optional<int> code) {
-  constexpr int kOverflow = 13;  // any will do
+  constexpr int kOverflow = 13;  // any code
   const int error = code.value_or(kOverflow);
   if (error < 1 || error > 255) return false;
   error_ = static_cast<unsigned>(error);
@@ -235,7 +235,7 @@ std::string FlockEmulator::Examine(Turn turn) {
   for (const ParameterRow& row : Parameters()) {
     if (row.number != command_[1]) continue;
     turn.line.SendReply(turn.now + kReplyDelay, (this->*row.tell)().bytes());
-    return "tells " + std::string(row.name);
+    return "answers " + std::string(row.name);
   }
   return "";
 }
@@ -292,7 +292,7 @@ void FlockEmulator::OnEvent(Moment now, DeviceLine& line) {
     SendRecord(now, polledStation_, line);
     nextMeasured_ = NthOf(now, 1, settings_.rate);
   } else {
-    // A line that is still busy makes the bird slower and never lets it fall behind.
+    // On a busy line the bird sends fewer records; it never falls behind.
     ++slot_;
     if (line.FreeAt() <= now) SendRecord(now, 0, line);
   }

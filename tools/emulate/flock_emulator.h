@@ -1,14 +1,14 @@
 // A Flock of Birds, reached through its master bird. 8 data bits, no parity, one stop bit.
 //
-//   O p         tells parameter p                B      one record of the bird; ends a stream
+//   O p         answers parameter p              B      one record of the bird; ends a stream
 //   P p data    changes parameter p              @      records as they are measured
 //   L axis sign hemisphere                       Y      position and angles (all it sends here)
 //   F0+n        the next command is for the bird at address n
 //
-// A record is x, y, z, azimuth, elevation, roll: 14 bits each as twice 7, the lower first; the
-// first byte of a record has bit 7 set, no other. Seen from the host's frame, y, z, azimuth and
-// elevation run the other way. What it does not understand is an error, told by bit 13 of its
-// status until its code is read.
+// A record is x, y, z, azimuth, elevation, roll: 14 bits each in two 7-bit bytes, low first. Only
+// the first byte of a record has bit 7 set. Compared with the host's frame, y, z, azimuth and
+// elevation have the opposite sign. An unknown command is an error: bit 13 of the status stays set
+// until a host reads the error code.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@
 
 namespace kinetrel::emulate {
 
-// The state in which a host finds it.
+// The state of the bird when a host opens the port.
 enum class FlockStart {
   Idle,        // just switched on
   Streaming,   // still sending for an earlier host
@@ -35,10 +35,11 @@ enum class FlockStart {
 
 struct FlockSettings {
   FlockStart start = FlockStart::Idle;
-  unsigned birds = 3;                                         // at addresses 1 on
-  double rate = 144;                                          // measurements a second
-  unsigned error = 0;                                         // pending at the start; 0: none
-  Moment configurationTime = std::chrono::milliseconds(300);  // deaf after the bus was configured
+  unsigned birds = 3;  // at addresses 1, 2, ...
+  double rate = 144;   // measurements a second
+  unsigned error = 0;  // pending at the start; 0: none
+  Moment configurationTime =
+      std::chrono::milliseconds(300);  // no answers after a bus configuration
 };
 
 // 12 bytes.
@@ -57,7 +58,7 @@ class FlockEmulator final : public EmulatedDevice {
   bool RaiseError(Moment now, std::optional<int> code) override;
 
  private:
-  struct Turn {  // one command's surroundings
+  struct Turn {  // time and line of one command
     Moment now;
     DeviceLine& line;
   };
@@ -108,10 +109,10 @@ class FlockEmulator final : public EmulatedDevice {
   bool owesHalfRecord_ = false;
   unsigned error_ = 0;
   unsigned configuredBirds_ = 0;
-  std::vector<unsigned> command_;  // the bytes of it that have come
-  unsigned address_ = 0;           // of the bird that it is for; 0: the master
+  std::vector<unsigned> command_;  // the bytes received of it
+  unsigned address_ = 0;           // of the bird that the command is for; 0: the master
   Moment busyUntil_{0};
-  std::vector<std::byte> unread_;  // came while it was busy
+  std::vector<std::byte> unread_;  // bytes that came while it was busy
   bool streaming_ = false;
   Moment streamStart_{0};
   std::uint64_t slot_ = 0;

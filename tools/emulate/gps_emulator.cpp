@@ -17,7 +17,7 @@ constexpr Moment kReplyDelay = std::chrono::milliseconds(5);
 constexpr double kPi = std::numbers::pi;
 constexpr double kRadians = kPi / 180;
 
-// One for north, one for east: the globe as the receiver's users take it.
+// Metres per degree, north and east, on the sphere that users of this receiver assume.
 constexpr double kMetresPerRadianNorth = 6371300.0;
 constexpr double kMetresPerRadianEast = 6378137.0;
 
@@ -78,7 +78,7 @@ bool GpsEmulator::RaiseError(Moment now, std::optional<int> code) {
 
 // ---- Requests -----------------------------------------------------------------------------------
 
-// Requests of a single byte are all it takes: what else stands in a packet is passed over.
+// It answers requests of a single byte and ignores the rest of a packet.
 void GpsEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
   for (const std::byte byte : bytes) {
     const auto value = std::to_integer<unsigned>(byte);

@@ -1,12 +1,12 @@
 // A GPS receiver that talks TSIP. 9600 baud, 8 data bits, no parity, one stop bit.
 //
 // A packet is DLE (10h), an identifier, data, DLE, ETX (03h); a 10h among the data is sent twice.
-// Numbers have their highest byte first. By itself it sends its position and velocity at its rate,
-// and once a second the time, the satellites in use, their levels, and one of them in detail; its
-// health and identity every five seconds. A host may ask with packets:
+// Numbers are big-endian. Unasked, it sends its position and velocity at its rate; once a second
+// the time, the satellites in use, their levels, and one of them in detail; every five seconds its
+// health and identity. A host may ask with packets:
 //   21h  time    26h  health and identity    37h  position and velocity
 //
-// It moves as told, centimetres taken for metres: x is north of its origin, y east, z up. Its
+// It follows the motion with centimetres as metres: x north of its origin, y east, z up. Its
 // satellites rise and set.
 #pragma once
 
@@ -35,7 +35,7 @@ struct GpsSettings {
   unsigned satellites = 8;  // 0 to 15
 };
 
-// What a satellite looks like from the receiver; its number tells them apart.
+// A satellite as the receiver sees it.
 struct GpsSky {
   unsigned prn;
   double elevation;  // radians
@@ -59,7 +59,7 @@ class GpsEmulator final : public EmulatedDevice {
   Moment NextEvent() const override;
   void OnEvent(Moment now, DeviceLine& line) override;
 
-  // It has no fix for so many seconds (5): no positions come.
+  // The receiver loses its fix for that many seconds (5): it sends no positions.
   bool RaiseError(Moment now, std::optional<int> code) override;
 
  private:
@@ -77,7 +77,7 @@ class GpsEmulator final : public EmulatedDevice {
 
   Moment start_{0};
   std::uint64_t slot_ = 0;     // positions due so far
-  std::uint64_t seconds_ = 0;  // whole ones told so far
+  std::uint64_t seconds_ = 0;  // whole seconds reported so far
   std::uint64_t frame_ = 0;    // positions sent
   Moment fixAt_{0};
 

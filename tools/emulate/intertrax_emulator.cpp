@@ -8,10 +8,10 @@
 namespace kinetrel::emulate {
 namespace {
 
-// From a command's last byte to the first one of its answer.
+// From the last byte of a command to the first byte of its answer.
 constexpr Moment kReplyDelay = std::chrono::microseconds(200);
 
-// Of a host whose rate is not seen. Others are followed: a rate is seen only when bytes come.
+// For a host whose rate is unknown. A known rate is followed, but it shows only when bytes come.
 constexpr Moment kSpeedUpDelay = std::chrono::milliseconds(50);
 
 constexpr unsigned kSlowBaud = 1200;

@@ -1,12 +1,12 @@
 // An InterTrax. It wakes at 1200 baud after a reset; 8 data bits, no parity, one stop bit.
 //
-//   c     "o": there it is                     3   one record
-//   d     "d", and from then on 38400 baud     6   records as they are measured; again: no more
+//   c     answers "o"                          3   one record
+//   d     answers "d", then 38400 baud         6   starts the stream of records; again: ends it
 //   v 0   its version: "v" 0, two words, a text with a 0 at its end
 //
-// A record is yaw, pitch and roll, 16 bits each, the lower byte first, 32767 for half a turn. Pitch
-// and roll count the other way. RTS going off resets it; a pseudo-terminal has no RTS, so the host
-// coming to 1200 baud is taken for it.
+// A record is yaw, pitch and roll, 16 bits each, little-endian, 32767 for half a turn. Pitch and
+// roll have the opposite sign. RTS off resets the unit; a pseudo-terminal has no RTS, so a host
+// that changes to 1200 baud resets it here.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@
 
 namespace kinetrel::emulate {
 
-// The state in which a host finds it.
+// The state of the unit when a host opens the port.
 enum class IntertraxStart {
   Idle,      // just switched on
   Streaming  // still sending at 38400 baud, for an earlier host
@@ -59,9 +59,9 @@ class IntertraxEmulator final : public EmulatedDevice {
   const std::shared_ptr<const Motion> motion_;
   bool poweredBefore_ = false;
   Link link_ = Link::Reset;
-  bool speedUpDue_ = false;    // its answer goes out at the old rate
-  Moment speedUpAt_ = kNever;  // for a host whose rate is not seen
-  unsigned hostBaud_ = 0;      // as last seen; 0: never
+  bool speedUpDue_ = false;    // the answer to `d` leaves at the old rate
+  Moment speedUpAt_ = kNever;  // for a host whose rate is unknown
+  unsigned hostBaud_ = 0;      // 0: unknown
   bool askedVersion_ = false;  // "v" came, its 0 has not
   bool streaming_ = false;
   Moment streamStart_{0};

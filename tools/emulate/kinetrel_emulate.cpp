@@ -1,4 +1,4 @@
-// kinetrel-emulate: is a tracker at the other end of a serial line.
+// kinetrel-emulate: plays a tracker at the other end of a serial line.
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
@@ -32,38 +32,39 @@ struct EmulateCommand {
 };
 
 constexpr OptionRow kCommonOptions[] = {
-    {"--link", "PATH", "a name for the port that stays when it is unplugged and comes back"},
+    {"--link", "PATH", "a name for the port that stays the same when the port is unplugged"},
     {"--motion", "MOTION",
-     "circle[:RADIUS_CM[,PERIOD_S]] (the usual one), ramp, file:CSV, or\n"
+     "circle[:RADIUS_CM[,PERIOD_S]] (default), ramp, file:CSV, or\n"
      "hold:X,Y,Z[,AZIMUTH,ELEVATION,ROLL] (cm, degrees)"},
-    {"--fault", "WHAT@WHEN", "a fault and when it strikes, see below; repeatable"},
-    {"--seed", "NUMBER", "of chance and noise: the same seed, the same faults (1)"},
-    {"--baud", "RATE", "of the line (as the device has it)"},
-    {"--whole", "", "a record is handed over in one piece, as by a USB adapter"},
-    {"--show", "", "what the host sends, in words"},
-    {"--help", "", "this"},
+    {"--fault", "WHAT@WHEN", "a fault and when it occurs, see below; repeatable"},
+    {"--seed", "NUMBER", "seed of chance and noise: the same seed gives the same faults (1)"},
+    {"--baud", "RATE", "baud rate of the line (default: that of the device)"},
+    {"--whole", "", "hand over each record in one piece, as a USB adapter does"},
+    {"--show", "", "show what the host sends, in words"},
+    {"--help", "", "print this text and end"},
 };
 
 constexpr const char* kIntroduction =
     "usage: kinetrel-emulate DEVICE [OPTION]...\n\n"
-    "Is a tracker at the other end of a serial line: opens a pseudo-terminal, prints its name and\n"
+    "Plays a tracker at the other end of a serial line: opens a pseudo-terminal, prints its name "
+    "and\n"
     "how to start kinetrel on it, and answers there as the device would, at its own rate and at\n"
     "the line's speed. Ctrl-C ends it.\n\n";
 
 constexpr const char* kFaultHelp =
-    "\nFaults, what and when:\n"
+    "\nFaults, and when they occur:\n"
     "  noise[:BYTES]       random bytes between the records\n"
     "  garble[:BYTES]      random bytes in a record\n"
-    "  cut[:BYTES]         of a record only so many bytes\n"
+    "  cut[:BYTES]         only the first BYTES of a record\n"
     "  silence[:SECONDS]   nothing comes\n"
-    "  error[:CODE]        the device reports an error of its own\n"
+    "  error[:CODE]        the device reports an error\n"
     "  restart             the device loses its power for a moment\n"
-    "  unplug[:SECONDS]    the port is gone, and comes back\n"
+    "  unplug[:SECONDS]    the port disappears and comes back\n"
     "  @5s @/5s            at 5 s, every 5 s\n"
     "  @#100 @/#100        at the 100th record, every 100th\n"
     "  @1%                 with this chance for each record\n"
     "  @usr1 @usr2         at the signal SIGUSR1, SIGUSR2\n"
-    "On a terminal the keys n g c s e r u bring one at once.\n"
+    "On a terminal the keys n g c s e r u cause one at once.\n"
     "  kinetrel-emulate fastrak --fault silence:1@/20s --fault garble@0.5% --fault unplug@usr1\n";
 
 std::string DeviceList() {
@@ -79,7 +80,7 @@ std::string DeviceList() {
 std::string Help(const DeviceRow* row) {
   std::string text = kIntroduction;
   if (row == nullptr) {
-    text += DeviceList() + "kinetrel-emulate DEVICE --help tells the device's own options.\n";
+    text += DeviceList() + "kinetrel-emulate DEVICE --help lists the device's own options.\n";
   } else {
     text += std::string(row->name) + ": " + std::string(row->summary) + "\n" +
             DescribeOptions(row->options());
@@ -140,8 +141,8 @@ std::string HowToConnect(const DeviceRow& row, const std::string& port) {
 
 enum class ExitCode : int { Done = 0, CannotOpen = 1, BadArguments = 2 };
 
-// Lines on their way from the emulator to a terminal that may be slow. A host that polls says the
-// same thing all the time: that is counted, and told once a second.
+// Lines on their way from the emulator to a terminal that may be slow. A host that polls repeats
+// the same command: repeats are counted and shown once a second.
 class Lines {
  public:
   void Put(Moment now, const std::string& text) {
@@ -165,7 +166,7 @@ class Lines {
       lines.swap(waiting_);
     }
     for (const std::string& line : lines) std::puts(line.c_str());
-    if (lines.size() == kMostWaiting) std::puts("(lines were left out)");
+    if (lines.size() == kMostWaiting) std::puts("(some lines are missing)");
     if (!lines.empty()) std::fflush(stdout);
   }
 
@@ -229,13 +230,13 @@ void Serve(const EmulateCommand& command, Emulator& emulator, UserSignals& signa
     lines.Print();
     const std::string port = emulator.Port();
     if (!port.empty() && port != told) {
-      std::printf("The port is now another one:\n");
+      std::printf("The port has a new name:\n");
       TellPort(command, told = port);
     }
     SleepFor(Milliseconds(20));
   }
   lines.Print();
-  std::printf("%llu records sent, %llu bytes lost for want of a reader\n",
+  std::printf("%llu records sent, %llu bytes lost because no host read them\n",
               static_cast<unsigned long long>(emulator.RecordsSent()),
               static_cast<unsigned long long>(emulator.BytesLost()));
 }

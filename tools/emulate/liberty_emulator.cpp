@@ -10,7 +10,7 @@
 namespace kinetrel::emulate {
 namespace {
 
-// From a command's last byte to the first one of its answer.
+// From the last byte of a command to the first byte of its answer.
 constexpr Moment kReplyDelay = std::chrono::milliseconds(1);
 constexpr Moment kStartTime = std::chrono::seconds(5);
 
@@ -22,7 +22,7 @@ constexpr char Control(char letter) { return static_cast<char>(letter & 0x1F); }
 
 enum Refusal : unsigned { kInvalidCommand = 1, kInvalidStation = 2, kInvalidParameter = 3 };
 
-// Stations of a field: a number, or '*' for all. None: it is no station.
+// The stations that a field names: a number, or '*' for all. 0: not a station.
 std::uint32_t StationsOf(std::string_view field) {
   if (field == "*") return 0xFFFF;
   const auto number = ParseNumber(field, 1U, kStations);
@@ -167,7 +167,7 @@ void LibertyEmulator::Counters(Moment now, std::string_view, DeviceLine&) {
   zero_ = cycle_;
 }
 
-// "<n>,0|1", "0,<hex>", or "0" alone: which are active, and above them which are plugged.
+// "<n>,0|1", "0,<hex>", or "0" alone: the active stations, and in the high half the plugged ones.
 void LibertyEmulator::Stations(Moment now, std::string_view values, DeviceLine& line) {
   const std::string_view station = NextField(values, ',');
   if (station == "0" && values.empty()) {
@@ -266,7 +266,7 @@ Moment LibertyEmulator::NextEvent() const {
   return streaming_ ? NthOf(start_, cycle_ + 1, Rate()) : kNever;
 }
 
-// It measures whether anybody asks or not.
+// The unit measures all the time, asked or not.
 void LibertyEmulator::SkipTo(Moment now) {
   const double since = std::chrono::duration<double>(now - start_).count();
   cycle_ = std::max(cycle_, static_cast<std::uint64_t>(std::max(0.0, since) * Rate()));
@@ -320,7 +320,7 @@ void LibertyEmulator::AddItem(WireWriter& body, int item, const MotionPose& pose
       body.F32Le(pose.azimuth).F32Le(pose.elevation).F32Le(pose.roll);
       break;
     case 6:
-      for (int i = 0; i < 9; ++i) body.F32Le(i % 4 == 0 ? 1 : 0);  // told as level, always
+      for (int i = 0; i < 9; ++i) body.F32Le(i % 4 == 0 ? 1 : 0);  // always level
       break;
     case 7:
       for (const double part : QuaternionOf(pose)) body.F32Le(part);
@@ -352,12 +352,12 @@ constexpr StartRow kStarts[] = {
 
 constexpr OptionRow kOptions[] = {
     {"--start", "STATE",
-     "the state it is found in: text (just switched on), streaming (to\n"
-     "another program) or half-command (with half of one in its ear)"},
-    {"--stations", "N", "sensors that are plugged, from the first station on (1)"},
-    {"--bit", "WORD", "what its built-in test finds, 0 for nothing (0)"},
-    {"--blank-good", "", "says a blank, not 0, where there is no error"},
-    {"--last-cycle", "", "sends a frame with the command that ends the stream"},
+     "state at the start: text (just switched on), streaming (to another\n"
+     "program) or half-command (another program sent half a command)"},
+    {"--stations", "N", "number of sensors plugged in, from the first station on (1)"},
+    {"--bit", "WORD", "error word of its built-in test, 0 for none (0)"},
+    {"--blank-good", "", "send a blank, not 0, for no error"},
+    {"--last-cycle", "", "send a frame with the command that ends the stream"},
 };
 
 }  // namespace

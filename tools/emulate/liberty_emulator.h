@@ -1,17 +1,17 @@
 // A Polhemus Liberty on its serial line. 115200 baud, 8 data bits, no parity, one stop bit.
 //
 // Commands are text: a letter (of any case) or a control code, values with commas, a carriage
-// return. A command without its value asks for it; one that sets is not answered.
+// return. A command without a value asks for it; a command that sets a value is not answered.
 //   C     frames as they are measured        O    what is in a record    ^U   the active stations
 //   P     one frame, and no more (at once,   U    0 inches, 1 cm         ^T   its built-in test
 //         without a carriage return)         R    3 120 Hz, 4 240 Hz     ^R   no alignment
 //   F     0 text, 1 binary                   Z    external mark
-//   A H L N Q X Y B G    are taken           ^Y   starts it anew
+//   A H L N Q X Y B G    are accepted        ^Y   restarts it
 //
 // A frame is "LY", the station, the command that it answers, an error, a reserved byte, the size of
-// the rest in 16 bits, and the rest, little-endian. Every cycle sends one for each active station
-// in the order of their numbers. What the line cannot carry in time is left out, whole cycles of
-// it; the frame count tells.
+// the rest in 16 bits, and the rest, little-endian. Every cycle sends one frame for each active
+// station, in the order of their numbers. The unit leaves out whole cycles that the line cannot
+// carry in time; the frame count shows that.
 #pragma once
 
 #include <array>
@@ -28,11 +28,11 @@
 
 namespace kinetrel::emulate {
 
-// The state in which a host finds it.
+// The state of the unit when a host opens the port.
 enum class LibertyStart {
   Text,        // just switched on: answers in text
   Streaming,   // still sending for an earlier host
-  HalfCommand  // with the half of a command in its ear
+  HalfCommand  // half a command came before
 };
 
 struct LibertySettings {
@@ -53,7 +53,7 @@ class LibertyEmulator final : public EmulatedDevice {
   Moment NextEvent() const override;
   void OnEvent(Moment now, DeviceLine& line) override;
 
-  // Its built-in test finds something: every pose is marked with 'I' until that is cleared.
+  // The built-in test finds an error: every pose is marked with 'I' until a host clears it.
   bool RaiseError(Moment now, std::optional<int> code) override;
 
  private:
@@ -87,7 +87,7 @@ class LibertyEmulator final : public EmulatedDevice {
   const std::shared_ptr<const Motion> motion_;
   bool poweredBefore_ = false;
   Moment deafUntil_{0};  // while it starts
-  std::string heard_;    // of a command
+  std::string heard_;    // the begun command
   bool binary_ = false;
   bool streaming_ = false;
   bool metric_ = false;

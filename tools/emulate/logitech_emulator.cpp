@@ -9,10 +9,10 @@
 namespace kinetrel::emulate {
 namespace {
 
-// From a command's last byte to the first one of its answer.
+// From the last byte of a command to the first byte of its answer.
 constexpr Moment kReplyDelay = std::chrono::microseconds(500);
 
-constexpr std::uint64_t kMostAsked = 16;  // of requests that came at once, no more are answered
+constexpr std::uint64_t kMostAsked = 16;  // requests that wait for their answer
 constexpr std::size_t kInformationSize = 30;
 constexpr unsigned kHeader = 0x80;
 constexpr unsigned kNotValid = 0x20;
@@ -129,7 +129,7 @@ Moment LogitechEmulator::NextEvent() const {
   return streaming_ || asked_ > 0 ? NthOf(start_, slot_ + 1, settings_.rate) : kNever;
 }
 
-// It measures whether anybody asks or not: what comes next is what is told.
+// The unit measures all the time; a request is answered with the next measurement.
 void LogitechEmulator::SkipTo(Moment now) {
   const std::chrono::duration<double> since = now - start_;
   slot_ = std::max(slot_, static_cast<std::uint64_t>(since.count() * settings_.rate));

@@ -1,13 +1,13 @@
 // A Logitech head tracker. 19200 baud, 8 data bits, no parity, one stop bit.
 //
-//   *05h  runs its self-test: 2 bytes         *D, D  records when asked only
-//   *m    tells about itself: 30 bytes        *d     one record, as soon as it is measured
-//   *A    is taken without an answer          *S, S  records as they are measured
+//   *05h  runs its self-test: 2 bytes         *D, D  records only when asked
+//   *m    describes itself: 30 bytes          *d     one record, as soon as it is measured
+//   *A    is accepted, no answer              *S, S  records as they are measured
 //
 // A record is a header (bit 7 set, bit 5 the record is not valid, bits 0 to 4 and 6 its buttons),
 // then 7 bits in every byte, the higher first: y, x, z in 21 bits of 0.001 inch; pitch, roll, yaw
-// in 14 bits of 0.025 degrees, 0 to 360. z and yaw count the other way. Pitch and roll are told
-// about axes that do not turn with the head.
+// in 14 bits of 0.025 degrees, 0 to 360. z and yaw have the opposite sign. Pitch and roll refer to
+// axes that do not turn with the head.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@
 
 namespace kinetrel::emulate {
 
-// The state in which a host finds it.
+// The state of the unit when a host opens the port.
 enum class LogitechStart {
   Idle,       // just switched on
   Streaming,  // still sending for an earlier host
@@ -63,7 +63,7 @@ class LogitechEmulator final : public EmulatedDevice {
   const std::shared_ptr<const Motion> motion_;
   bool poweredBefore_ = false;
   bool owesHalfRecord_ = false;
-  bool starred_ = false;  // "*" came, its command has not
+  bool starred_ = false;  // "*" came, its command not yet
   bool streaming_ = false;
   bool outOfSight_ = false;
   Moment start_{0};          // of the measurements

@@ -81,7 +81,7 @@ class RampMotion final : public Motion {
 
 constexpr double kMost = 1e6;
 
-// Comma-separated numbers into `into`; how many, 0 where one is none.
+// Reads comma-separated numbers into `into`. Returns how many; 0 if a field is not a number.
 template <std::size_t Size>
 std::size_t ParseList(std::string_view text, std::array<double, Size>& into) {
   std::size_t count = 0;
@@ -265,7 +265,7 @@ MadeMotion ReadMotion(std::istream& text) {
     if (Skipped(line)) continue;
     if (reader) {
       if (!reader->Add(line))
-        return {nullptr, AtLine(number, "no such row, or not after the last")};
+        return {nullptr, AtLine(number, "not a row of these columns, or not after the row before")};
       continue;
     }
     auto columns = ParseHeader(line);
@@ -277,7 +277,7 @@ MadeMotion ReadMotion(std::istream& text) {
     reader.emplace(std::move(*columns));
   }
   auto motion = reader ? reader->Finish() : nullptr;
-  return {motion, motion ? "" : "there are no poses in it"};
+  return {motion, motion ? "" : "the file has no poses"};
 }
 
 MadeMotion ReadMotionFile(const std::string& path) {

@@ -1,4 +1,4 @@
-// Where the emulated sensors are: known motion, so that what a client sees can be checked.
+// The motion of the emulated sensors. It is known, so that a test can check what a client sees.
 #pragma once
 
 #include <cstdint>
@@ -31,7 +31,8 @@ std::shared_ptr<const Motion> MakeCircle(const Circle& circle);
 
 std::shared_ptr<const Motion> MakeHold(const MotionPose& pose);
 
-// Every pose tells its frame, at the precision of every record format: see RampFrame.
+// Every pose encodes the number of its frame, at the precision of every record format: see
+// RampFrame.
 std::shared_ptr<const Motion> MakeRamp();
 
 // The frame that a pose of the ramp belongs to, from its x and z in centimetres.
@@ -44,7 +45,7 @@ struct MadeMotion {
 
 // "circle[:RADIUS[,PERIOD]]", "hold:X,Y,Z[,AZIMUTH,ELEVATION,ROLL]", "ramp" or "file:PATH".
 MadeMotion ParseMotion(std::string_view text);
-extern const char* const kMotionForms;  // the same for a person
+extern const char* const kMotionForms;  // the same for the help
 
 // ---- From a file --------------------------------------------------------------------------------
 
@@ -52,14 +53,14 @@ extern const char* const kMotionForms;  // the same for a person
 //
 // The first line names the columns, in any order: x, y, z (cm), azimuth, elevation, roll (degrees);
 // station (from 1; without it every row is for all stations), and frame or time (s), which say when
-// a row begins to hold. With neither, a station's rows are its frames. A missing pose column is 0.
-// Past the last row it starts again. Lines that are empty or begin with # are passed over.
+// a row begins. Without both, a station's rows are its frames. A missing pose column is 0. After
+// the last row the motion starts again. Empty lines and lines that begin with # are skipped.
 //
 //   time,station,x,y,z,azimuth,elevation,roll
 //   0,1,10,0,0,0,0,0
 //   0.5,1,12.5,0,0,90,0,0
 //
-// A million rows at the most.
+// At most a million rows.
 MadeMotion ReadMotion(std::istream& text);
 MadeMotion ReadMotionFile(const std::string& path);
 

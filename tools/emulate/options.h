@@ -15,7 +15,7 @@ namespace kinetrel::emulate {
 
 // ---- Numbers ------------------------------------------------------------------------------------
 
-// All of `text` as a number from `least` to `most`; nothing where it is none, or more than one.
+// All of `text` as a number from `least` to `most`; empty if it is anything else.
 template <typename Number>
 std::optional<Number> ParseNumber(std::string_view text, Number least, Number most) {
   Number value{};
@@ -26,7 +26,7 @@ std::optional<Number> ParseNumber(std::string_view text, Number least, Number mo
   return value;
 }
 
-// Separated by `separator`, with blanks around; an empty field is 0 long.
+// Takes the next field off `rest`, without the blanks around it. It may be empty.
 inline std::string_view NextField(std::string_view& rest, char separator) {
   const std::size_t end = rest.find(separator);
   std::string_view field = rest.substr(0, end);
@@ -42,16 +42,16 @@ inline std::string_view NextField(std::string_view& rest, char separator) {
 
 struct OptionRow {
   std::string_view name;   // "--seed"
-  std::string_view value;  // what the help calls its value; empty: it takes none
+  std::string_view value;  // the help's name of its value; empty: the option takes no value
   std::string_view help;
 };
 
 using OptionTable = std::span<const OptionRow>;
 
-// The lines of `table` for a help text.
+// The lines of `table` in a help text.
 std::string DescribeOptions(OptionTable table);
 
-// What was given. Asking for a value that is not as wanted leaves a complaint; the first one stays.
+// The options of one command line. Asking for a bad value leaves a complaint; the first one stays.
 class OptionValues {
  public:
   // Reads "--name value", "--name=value" and "--name"; every option must be in one of `tables`.
@@ -74,7 +74,8 @@ class OptionValues {
     return number.value_or(byItself);
   }
 
-  // Row of the value in `rows`, a table whose rows have a field `option`. The first by itself.
+  // The row of the value in `rows`, a table whose rows have a field `option`. Default: the first
+  // row.
   template <typename Rows>
   std::size_t Choice(std::string_view name, const Rows& rows) {
     const std::string text = Text(name, rows[0].option);

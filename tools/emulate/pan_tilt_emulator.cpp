@@ -11,7 +11,7 @@ namespace {
 // From a request to the first byte of its answer.
 constexpr Moment kReplyDelay = std::chrono::milliseconds(1);
 
-constexpr std::size_t kMostWaiting = 256;  // of requests that came at once, no more are answered
+constexpr std::size_t kMostWaiting = 256;  // requests that wait for their answer
 constexpr double kCountsPerDegree = 4000.0 / 360.0;
 constexpr int kUnknownWords = 4;
 

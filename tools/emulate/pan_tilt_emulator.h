@@ -3,7 +3,7 @@
 //   d   answers with the encoders (12 bytes)      a   with the alternate data only (2)
 //   b   with both (14)                            Z   is taken without an answer
 //
-// An answer is 16-bit words, signed, low byte first: four that nobody here knows (0), pan and tilt
+// An answer is 16-bit words, signed, low byte first: four of unknown meaning (0), pan and tilt
 // in 4000 counts a turn, and the alternate data (0). Pan counts the other way than azimuth. The
 // encoders are read when the request comes, so each answer is a new frame.
 #pragma once

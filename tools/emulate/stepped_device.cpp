@@ -45,7 +45,7 @@ void SteppedDevice::Advance(Moment now, std::vector<std::byte>& out) {
   for (;;) {
     const Moment next = std::min(device_->NextEvent(), line_.NextFault());
     if (next > now) break;
-    line_.Take(next, out);  // a silence swallows nothing that came before it
+    line_.Take(next, out);  // bytes from before a silence are not lost
     Step(next);
   }
   line_.Take(now, out);

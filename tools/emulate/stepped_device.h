@@ -1,4 +1,4 @@
-// A device on its line, stepped through time by whoever holds the clock: the emulator, or a test.
+// A device on its line. The owner of the clock steps it through time: the emulator, or a test.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ namespace kinetrel::emulate {
 
 class SteppedDevice {
  public:
-  // Powers it on at moment 0. Every later call has a moment that is not before the last one's.
+  // Switches the device on at moment 0. Moments must not go back from call to call.
   SteppedDevice(std::unique_ptr<EmulatedDevice> device, LineOptions options);
 
   const EmulatedDevice& device() const { return *device_; }
@@ -21,20 +21,21 @@ class SteppedDevice {
 
   void HostOpened(Moment now);
 
-  // At another rate than the line's, bytes arrive as noise, both ways. 0: not known, and any fits.
+  // If the rate differs from the line's, bytes arrive as noise in both directions. 0: unknown,
+  // fits.
   void SetHostBaud(Moment now, unsigned baud);
 
   void Receive(Moment now, std::span<const std::byte> bytes);
 
   Moment NextEvent() const;
 
-  // Does all that is due by `now`, in the order of its times, and appends what has left the device.
+  // Does all that is due by `now`, in order of time, and appends the bytes that left the device.
   void Advance(Moment now, std::vector<std::byte>& out);
 
   void Strike(Moment now, const Fault& fault);
-  void StrikeAll(Moment now, FaultTrigger asked);  // those of the rules that wait for this
+  void StrikeAll(Moment now, FaultTrigger asked);  // the faults of the rules with this trigger
 
-  // A fault that the port must suffer: Unplug.
+  // A fault of the port: Unplug.
   std::optional<Fault> TakePortFault();
 
  private:

@@ -1,4 +1,4 @@
-// Puts a device's bytes together.
+// Builds the bytes that a device sends.
 #pragma once
 
 #include <bit>
@@ -38,8 +38,8 @@ class WireWriter {
   std::vector<std::byte> bytes_;
 };
 
-// `value` in parts of `fullScale` as a two's-complement number of `bits` bits: rounded, and at the
-// ends kept in range.
+// `value` in parts of `fullScale`, as a two's-complement number of `bits` bits. Rounded, and
+// limited to the range.
 inline std::int32_t Scaled(double value, double fullScale, int bits) {
   const double half = std::ldexp(1.0, bits - 1);
   const double raw = std::round(value / fullScale * half);

@@ -10,7 +10,7 @@ constexpr double kWindow = 2;
 constexpr double kLeastSpan = 0.5;
 constexpr double kMarkDistance = 0.05;
 
-// Unsigned: the count may go round.
+// Unsigned, because the count may wrap around.
 std::int32_t Advance(std::int32_t from, std::int32_t to) {
   return static_cast<std::int32_t>(static_cast<std::uint32_t>(to) -
                                    static_cast<std::uint32_t>(from));
@@ -47,14 +47,14 @@ bool FrameFollower::Next(Milliseconds patience) {
   reader_.WaitForFrame(last_, patience);
   const bool frame = TakeNewest();
   JudgeState(frame);
-  // A wait that ended early for nothing (a mutex that cannot be had, an event that someone else
-  // sets) must not become a loop without a rest.
+  // A wait may end early without a frame: the mutex is held, or another process sets the event.
+  // That must not become a loop without a rest.
   if (last_ == before) SleepFor(end.Remaining());
   return frame;
 }
 
-// Takes the newest block; true when it is a new frame. A count that went back is a writer's fresh
-// start, and from then on counts 0 as no frame.
+// Takes the newest block; true if it is a new frame. A count of 0 is a writer that has started
+// again and published nothing yet.
 bool FrameFollower::TakeNewest() {
   if (!reader_.Copy(now_.block, kCopyPatience)) return false;
   const bool frame = inStep_ && now_.block.frameCount != last_ && now_.block.frameCount != 0;

@@ -1,7 +1,7 @@
-// Follows one bin of the shared memory: new frames, and how the one who writes them fares.
+// Follows one bin of the shared memory: its new frames, and the state of its writer.
 //
-// Never in the writer's way: the bin's mutex is held for the copy of a block and no longer. One
-// wake-up a frame; without frames, one for each Next.
+// It holds the bin's mutex only for the copy of a block, so it does not delay the writer. It wakes
+// once per frame; without frames, once per call of Next.
 #pragma once
 
 #include <array>
@@ -19,9 +19,9 @@ namespace kinetrel::watch {
 
 enum class TrackerState {
   Awaited,   // no writer yet
-  Starting,  // a writer, but no frame of it yet
+  Starting,  // a writer, but none of its frames yet
   Running,
-  Silent,  // a writer is said to be there, but nothing new comes: it may have been killed
+  Silent,  // the block names a writer, but no new frames come: it may have been killed
   Gone,    // there was a writer, and it has closed
 };
 
@@ -31,19 +31,19 @@ struct WatchSnapshot {
   int bin = 0;
   TrackerState state = TrackerState::Awaited;
   double silence = 0;      // seconds since the last frame, or since waiting for one began
-  SharedTrackBlock block;  // of one piece
+  SharedTrackBlock block;  // a consistent copy
 };
 
 class FrameFollower {
  public:
   FrameFollower(int slot, int bin);  // slot 1..16, bin 0..15
 
-  // Opens the bin, and creates it where nobody has. Frames count from here on: what was published
-  // before is not new.
+  // Opens the bin; creates it if it does not exist. Frames that were published before do not count
+  // as new.
   Status Open();
 
-  // Waits for a new frame. False when none came within `patience`, and sooner when a writer has
-  // begun afresh.
+  // Waits for a new frame. False if none came within `patience`, or when a writer has started
+  // again.
   bool Next(Milliseconds patience);
 
   // As Next left it.
@@ -67,10 +67,10 @@ class FrameFollower {
 // How fast a count goes up, over about the last two seconds.
 class RateMeter {
  public:
-  // The count is `count` at `now` (seconds). A count that went back begins the measurement anew.
+  // The count is `count` at `now` (seconds). A lower count restarts the measurement.
   void Add(double now, std::int32_t count);
 
-  // In a second; nothing before there is half a second to tell it from.
+  // Per second; empty until the counts span half a second.
   std::optional<double> PerSecond() const;
 
  private:

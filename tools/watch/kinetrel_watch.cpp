@@ -23,7 +23,7 @@ class Watcher {
   // stop  nonzero once the program is to end; must outlive the object.
   Watcher(const WatchOptions& options, const std::atomic<int>& stop);
 
-  // Says why on standard error where it ends with anything but Done.
+  // If the result is not Done, standard error says why.
   ExitCode Run();
 
  private:
@@ -38,12 +38,12 @@ class Watcher {
   std::uint64_t frames_ = 0;
 };
 
-// Without frames the program wakes four times a second: for a stop request, a key, a writer that
-// has closed.
+// Without frames the program wakes four times a second, to notice a stop request, a key, or a
+// writer that has closed.
 constexpr Milliseconds kIdleWait{250};
 
 std::unique_ptr<WatchFace> MakeFace(const WatchOptions& options) {
-  // Everything is flushed by hand, a whole frame at a time.
+  // We flush by hand, one whole frame at a time.
   constexpr std::size_t kLargestFrame = 1 << 16;
   std::setvbuf(stdout, nullptr, _IOFBF, kLargestFrame);
   if (options.form == OutputForm::Automatic && EnableTerminalSequences()) {
@@ -69,7 +69,7 @@ ExitCode Watcher::Run() {
     return code;
   }
   face_->Finish(follower_.snapshot());
-  face_.reset();  // the terminal is as it was before anything is said
+  face_.reset();  // restores the terminal before the message
   if (code == ExitCode::TimedOut) {
     const double seconds = static_cast<double>(Timeout().count()) / 1000;
     std::fprintf(stderr, "kinetrel-watch: no frame for %s s\n", JsonNumber(seconds).c_str());
@@ -136,6 +136,6 @@ ExitCode Serve(const WatchCommand& command) {
 int main(int count, char** arguments) {
   using namespace kinetrel::watch;
   kinetrel::HoldStandardStreams();
-  std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems keep back what leads to a pipe
+  std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems buffer it when it leads to a pipe
   return static_cast<int>(Serve(ParseWatchCommand(count, arguments)));
 }

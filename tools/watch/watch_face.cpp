@@ -39,8 +39,8 @@ std::string ToFirstLine(std::size_t linesAbove) {
 constexpr Milliseconds kDrawPeriod{50};
 constexpr double kDrawSeconds = 0.05;
 
-// Between two looks at the bin; longer means that the program was suspended, and that the shell
-// has since used the terminal.
+// Seconds between two looks at the bin. After a longer time the program was suspended, and the
+// shell has used the terminal since.
 constexpr double kSuspended = 0.8;
 
 bool EndsWatching(Key key) {
@@ -59,7 +59,7 @@ WriteResult WriteOut(const std::string& text) {
 }
 
 WriteResult WatchScreen::Draw(const std::vector<ViewLine>& lines, TerminalSize size) {
-  // Lines that were drawn for another width may have been broken anew: nobody knows where.
+  // The terminal may have broken lines that were drawn for another width, at an unknown place.
   const bool resized = size.columns != size_.columns || size.rows != size_.rows;
   if (lines == drawn_ && !resized) return WriteResult::Written;
   std::string text = kHideCursor;
@@ -87,7 +87,7 @@ WriteResult LineFace::Show(const WatchSnapshot& snapshot, bool frame) {
 void LineFace::Announce(const WatchSnapshot& snapshot) {
   if (snapshot.state == TrackerState::Starting || snapshot.state == announced_) return;
   std::string words = StateWords(snapshot);
-  // A tracker that is there from the start is nothing to talk about.
+  // No line for a tracker that runs from the start.
   if (words.empty() && announced_.has_value()) {
     words = "frames from " + Printable(DeviceNameOf(snapshot.block));
   }
@@ -128,7 +128,7 @@ WriteResult TableFace::Finish(const WatchSnapshot& snapshot) {
 }
 
 bool TableFace::WantsEnd() {
-  constexpr int kKeysAtOnce = 16;  // of a pipe that pours
+  constexpr int kKeysAtOnce = 16;  // so that a pipe without end does not hold us
   for (int i = 0; i < kKeysAtOnce; ++i) {
     const std::optional<Key> key = TakeKey();
     if (!key.has_value()) return false;

@@ -19,20 +19,20 @@ enum class WriteResult {
   Failed,
 };
 
-// Writes to standard output, in one piece and at once.
+// Writes to standard output at once, in one piece.
 WriteResult WriteOut(const std::string& text);
 
 // A block of lines on a terminal, redrawn in place.
 //
-// The cursor is hidden only within a redraw, and stands below the lines between two: whatever ends
-// or suspends the program leaves a usable terminal.
+// The cursor is hidden only during a redraw and otherwise stands below the lines, so that the
+// terminal stays usable however the program ends or is suspended.
 class WatchScreen {
  public:
   // Shows `lines` in place of those shown before; writes nothing when they are the same. The
   // lines must fit the size: fewer than its rows, each shorter than its columns.
   WriteResult Draw(const std::vector<ViewLine>& lines, TerminalSize size);
 
-  // The next Draw begins below whatever the terminal shows.
+  // The next Draw begins below the present text of the terminal.
   void StartBelow() { drawn_.clear(); }
 
  private:
@@ -47,14 +47,14 @@ class WatchFace {
   // frame  the snapshot holds a new frame; else only its state may have changed.
   virtual WriteResult Show(const WatchSnapshot& snapshot, bool frame) = 0;
 
-  // Shows what Show has held back; the last call.
+  // Shows what Show has held back. The last call.
   virtual WriteResult Finish(const WatchSnapshot&) { return WriteResult::Written; }
 
-  virtual Milliseconds Rest() const { return Milliseconds(0); }  // before the next frame is wanted
+  virtual Milliseconds Rest() const { return Milliseconds(0); }  // until the next frame is wanted
   virtual bool WantsEnd() { return false; }                      // the operator pressed a key
 };
 
-// One line a frame on standard output; changes of the state on standard error.
+// One line per frame on standard output; changes of the state on standard error.
 class LineFace final : public WatchFace {
  public:
   explicit LineFace(const WatchOptions& options);
@@ -68,12 +68,12 @@ class LineFace final : public WatchFace {
   std::optional<TrackerState> announced_;
 };
 
-// Drawn at most 20 times a second. Frames that come faster are slept through, so that watching
-// costs no more wake-ups than there are frames, and no more than 40 a second.
+// Draws at most 20 times a second and sleeps through frames that come faster. Watching costs at
+// most one wake-up per frame, and at most 40 a second.
 class TableFace final : public WatchFace {
  public:
-  // Takes keys only of a watch without an end of its own: what a script has for its other programs
-  // on standard input is not ours to read.
+  // Reads keys only if the watch has no end of its own. Otherwise standard input may belong to
+  // other programs of a script.
   explicit TableFace(const WatchOptions& options);
   WriteResult Show(const WatchSnapshot& snapshot, bool frame) override;
   WriteResult Finish(const WatchSnapshot& snapshot) override;

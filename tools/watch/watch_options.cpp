@@ -38,10 +38,10 @@ bool ParseSeconds(std::string_view text, std::optional<Milliseconds>& into) {
 
 struct Option {
   std::string_view name;
-  std::string_view value;  // what the usage calls it; empty where the option takes none
+  std::string_view value;  // the usage's name of it; empty: the option takes no value
   std::string_view wants;  // what a value must be
   std::string_view help;
-  bool (*apply)(WatchCommand& command, std::string_view value);  // false: not what it wants
+  bool (*apply)(WatchCommand& command, std::string_view value);  // false: a bad value
 };
 
 constexpr std::array kOptions = {
@@ -56,12 +56,12 @@ constexpr std::array kOptions = {
            }},
     Option{"--degrees", "", "", "angles in degrees instead of radians",
            [](WatchCommand& command, std::string_view) { return command.options.degrees = true; }},
-    Option{"--plain", "", "", "one line of text a frame, on a terminal too",
+    Option{"--plain", "", "", "one line of text per frame, on a terminal too",
            [](WatchCommand& command, std::string_view) {
              command.options.form = OutputForm::Plain;
              return true;
            }},
-    Option{"--json", "", "", "one JSON object a frame and line; what is no number is null",
+    Option{"--json", "", "", "one JSON object per frame and line; null for what is not a number",
            [](WatchCommand& command, std::string_view) {
              command.options.form = OutputForm::Json;
              return true;
@@ -76,7 +76,7 @@ constexpr std::array kOptions = {
              return ParseNumber<std::uint64_t>(value, 1, UINT64_MAX, command.options.frames);
            }},
     Option{"--timeout", "SECONDS", "a number from 0.001 to 1000000",
-           "give up when no frame comes for so long",
+           "give up when no frame comes for SECONDS",
            [](WatchCommand& command, std::string_view value) {
              return ParseSeconds(value, command.options.timeout);
            }},
@@ -104,8 +104,7 @@ void Refuse(WatchCommand& command, std::string complaint) {
   command.complaint = std::move(complaint);
 }
 
-// Applies one option; `next` is the argument after it, null when there is none. True when that
-// was its value.
+// Applies one option. `next` is the argument after it, or null. True if `next` was its value.
 bool Apply(WatchCommand& command, std::string_view argument, const char* next) {
   const std::size_t equals = argument.find('=');
   const std::string_view name = argument.substr(0, equals);
@@ -146,8 +145,9 @@ WatchCommand ParseWatchCommand(int count, const char* const* arguments) {
 std::string WatchUsage() {
   std::string text =
       "usage: kinetrel-watch [OPTION]...\n\n"
-      "Shows the poses that a running tracker publishes: a table on a terminal, a line a frame\n"
-      "elsewhere. Waits for a tracker that is not there yet, and for one that comes back.\n"
+      "Shows the poses that a running tracker publishes: a table on a terminal, one line\n"
+      "per frame elsewhere. Waits for a tracker that has not started yet, and for one that comes "
+      "back.\n"
       "q, ESC or Ctrl-C ends it.\n\n";
   for (const Option& option : kOptions) {
     std::string left = "  " + std::string(option.name) + " " + std::string(option.value);

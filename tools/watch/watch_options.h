@@ -11,7 +11,7 @@ namespace kinetrel::watch {
 
 inline constexpr const char* kWatchVersion = "kinetrel-watch 1.3 (shared-memory interface 1.42)";
 
-// What the program leaves with; --help lists them.
+// The exit codes of the program; --help lists them.
 enum class ExitCode : int {
   Done = 0,
   CannotOpen = 1,
@@ -31,8 +31,8 @@ struct WatchOptions {
   int bin = 0;
   OutputForm form = OutputForm::Automatic;
   bool degrees = false;
-  std::uint64_t frames = 0;             // to end after; 0: never
-  std::optional<Milliseconds> timeout;  // without a frame, to give up after
+  std::uint64_t frames = 0;             // end after this many; 0: never
+  std::optional<Milliseconds> timeout;  // give up after this time without a frame
 };
 
 enum class WatchRequest { Watch, Help, Version, Refuse };
@@ -40,7 +40,7 @@ enum class WatchRequest { Watch, Help, Version, Refuse };
 struct WatchCommand {
   WatchRequest request = WatchRequest::Watch;
   WatchOptions options;
-  std::string complaint;  // why it is refused; printable
+  std::string complaint;  // why the command is refused; printable
 };
 
 // `arguments` as main has them, the program's name first. The last of several values counts.

@@ -68,7 +68,7 @@ std::string UnitWord(int code) {
 std::string Fixed(double value, int decimals) {
   if (std::isnan(value)) return "nan";  // never "-nan"
   std::string text = Format("%.*f", decimals, value);
-  // Nothing is left of it but the sign: a value that hovers about zero would flicker.
+  // Rounded to zero: drop the sign, which would flicker.
   const bool zero = text.find_first_not_of("-0.") == std::string::npos;
   if (zero && text.front() == '-') text.erase(0, 1);
   return text;

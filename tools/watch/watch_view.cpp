@@ -98,7 +98,7 @@ ViewLine StateRow(const WatchSnapshot& snapshot) {
   return row;
 }
 
-// A writer publishes once for each sensor, so a sensor's own rate is a share of what is counted.
+// A writer publishes once per sensor, so the rate of one sensor is a share of the count.
 std::string RateWords(const WatchSnapshot& snapshot, std::optional<double> publications) {
   std::string words = Fixed(snapshot.block.frameRate, 1) + " Hz stated";
   if (snapshot.state != TrackerState::Running || !publications.has_value()) return words;
@@ -121,7 +121,7 @@ std::string DataWords(const SharedTrackBlock& block, bool degrees) {
 std::string TimeWords(const SharedTrackBlock& block) {
   const double age = block.publishTime - block.sampleTime;
   const std::string published = "published " + Fixed(block.publishTime, 3) + " s";
-  // A writer that closes has stamped the sample time once more, with no sample to it.
+  // A writer that closes stamps the sample time once more, without a sample.
   return age < 0 ? published : published + "; sampled " + Fixed(age * 1000, 1) + " ms before";
 }
 
@@ -219,7 +219,7 @@ void Append(std::vector<ViewLine>& lines, const std::vector<ViewLine>& more, std
   lines.insert(lines.end(), more.begin(), more.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
-// Cuts what the terminal has no room for, and says so.
+// Cuts what does not fit the terminal, and says so.
 void Fit(std::vector<ViewLine>& lines, std::size_t rows, std::size_t columns) {
   if (lines.size() > rows) {
     lines.resize(rows);
@@ -228,7 +228,7 @@ void Fit(std::vector<ViewLine>& lines, std::size_t rows, std::size_t columns) {
   for (ViewLine& line : lines) line.text.resize(std::min(line.text.size(), columns));
 }
 
-// The most that may be used of a terminal's rows or columns: the last one belongs to the cursor.
+// How many of a terminal's rows or columns may be used: the last one belongs to the cursor.
 std::size_t Usable(int size) { return static_cast<std::size_t>(std::max(size - 1, 1)); }
 
 // ---- Lines --------------------------------------------------------------------------------------

@@ -38,13 +38,13 @@ std::string PlainView(const WatchSnapshot& snapshot, bool degrees);
 // One frame as one JSON object, without the end of the line.
 std::string JsonView(const WatchSnapshot& snapshot, bool degrees);
 
-// The state as a sentence; empty while all is well.
+// The state as a sentence; empty while the tracker runs.
 std::string StateWords(const WatchSnapshot& snapshot);
 
 // ---- Parts of the above -------------------------------------------------------------------------
 
-// `text` with a '?' for each byte that is no printable ASCII: no control sequence gets through,
-// and what remains is valid in any encoding.
+// `text` with a '?' for each byte that is not printable ASCII. No control sequence gets through,
+// and the result is valid in any encoding.
 std::string Printable(std::string_view text);
 
 std::string SensorWords(std::uint32_t mask);  // "1-3, 7", as the operator counts; "none"
@@ -54,10 +54,10 @@ std::string UnitWord(int code);               // "inch"
 // `decimals` behind the point; "nan", "inf".
 std::string Fixed(double value, int decimals);
 
-// At most `width` wide, right-justified; a value that is too long for it goes by its exponent.
+// At most `width` wide, right-justified. A longer value is shown with an exponent.
 std::string Cell(double value, std::size_t width, int decimals);
 
-// The shortest text that reads back as the same value; null for what is no number in JSON.
+// The shortest text that reads back as the same value; "null" if JSON has no number for it.
 std::string JsonNumber(float value);
 std::string JsonNumber(double value);
 std::string JsonText(std::string_view text);  // quoted and escaped, after Printable
