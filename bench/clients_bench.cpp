@@ -111,7 +111,7 @@ void TakeAll(Handover& handover, Tally& tally) {
   }
 }
 
-// Until every client waits for a frame; throws when one does not come to it.
+// Waits until every client waits for a frame; throws if one does not.
 void LetAllWait(const Audience& audience, const std::deque<Child>& clients) {
   const auto waits = [&](std::size_t i) { return audience[i].ready && clients[i].Sleeps(); };
   const Deadline deadline(Milliseconds(10'000));
@@ -159,7 +159,7 @@ Service Serve(Handover& handover, std::size_t clients) {
   return {100.0 * fewest / kRate, switches / std::max(1, first.seen - 1)};
 }
 
-// In turn with bare wakes: where those do not get through either, the machine is at fault.
+// In turn with bare wakes: if those are late too, the machine is the cause.
 void AtRate(Report& report, std::size_t clients, const std::string& whose) {
   std::vector<double> bareShares;
   std::vector<double> shares;

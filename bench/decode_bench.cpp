@@ -22,19 +22,19 @@ namespace {
 
 constexpr int kCycles = 1000;
 constexpr int kBlockSize = 5000;
-constexpr std::size_t kRecords = 64;  // in turn, so that no answer can be kept
+constexpr std::size_t kRecords = 64;  // in turn, so that no result can be reused
 constexpr std::size_t kLargestBody = 40;
 constexpr double kMostCost = 2;  // times the bare arithmetic
 
 using Body = std::array<std::byte, kLargestBody>;
 
-// Where either side leaves the pose; looked at in the end, so that nothing can be left out.
+// Where both sides leave the pose. It is read at the end, so that the compiler removes nothing.
 struct PoseRecord {
   Pose pose{};
   Quaternion quaternion{};
 };
 
-Pose offset{1, 2, 3, 0.1F, 0.2F, 0.3F};  // of the sensor; no constant, so that it is loaded
+Pose offset{1, 2, 3, 0.1F, 0.2F, 0.3F};  // of the sensor; not a constant, so that it is loaded
 
 std::int16_t Raw(const std::byte* bytes) {
   std::int16_t raw;
@@ -149,7 +149,7 @@ void CompareTwo(Report& report, const char* name, Body (*make)(std::size_t seed)
   if (poses[0] != poses[1]) report.Undecided(name, "the two poses differ");
 }
 
-// As a driver holds them; no constants, so that they are loaded.
+// As a driver holds them; not constants, so that they are loaded.
 std::array<ChannelScale, 6> channels = [] {
   std::array<ChannelScale, 6> made;
   for (std::size_t i = 0; i < made.size(); ++i) {

@@ -59,7 +59,7 @@ void FarEnd::Serve() {
   sent_ = 0;
 }
 
-// What the device sends next; false while it waits for its host.
+// Takes the next bytes of the device; false while it waits for its host.
 bool FarEnd::Fetch() {
   Listen();
   const Moment next = device_.NextEvent();
@@ -74,7 +74,7 @@ bool FarEnd::Fetch() {
 void FarEnd::AwaitRecord(TellsPose tellsPose) {
   const Deadline deadline(kPatience);
   while (!Fetch() || !tellsPose(out_)) {
-    out_.clear();  // sent, it might have a frame published that we did not time
+    out_.clear();  // sending it could publish a frame that is not timed
     if (deadline.Passed()) throw std::runtime_error("no record to send");
   }
 }

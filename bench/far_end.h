@@ -1,5 +1,5 @@
-// The far end of a tracker's line: the emulated device, but its time is ours. A record leaves it in
-// one piece at the moment we choose.
+// The far end of a tracker's line: an emulated device whose time the benchmark controls. A record
+// leaves it in one piece, at the moment that the benchmark chooses.
 #pragma once
 
 #include <atomic>
@@ -32,8 +32,8 @@ class FarEnd {
   void Serve();
   void EndServing() { served_ = true; }
 
-  // Lets the device's time run on until it has a record with a pose, and holds that back; what
-  // comes before it is lost. Throws std::runtime_error when it comes to nothing.
+  // Lets the device's time run until it has a record with a pose, and holds that record back.
+  // Earlier bytes are lost. Throws std::runtime_error if no record comes.
   void AwaitRecord(TellsPose tellsPose);
   void SendRecord();
 

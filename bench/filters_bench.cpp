@@ -25,7 +25,7 @@ void BareTurn(float q[4], const float r[4]) {
   q[3] = z / length;
 }
 
-// Each pose goes on from the one before, so that no call can be left out.
+// Each pose continues from the one before, so that the compiler removes no call.
 void Poses(Report& report) {
   const Quaternion turn = EulerToQuaternion(kOffset);
   Quaternion bare = kIdentityQuaternion;
@@ -38,7 +38,7 @@ void Poses(Report& report) {
       Interleave(kCycles, TimedBlock(kBlockSize, [&] { BareTurn(bare.data(), turn.data()); }),
                  TimedBlock(kBlockSize, [&] { filter.SetPose(pose.data(), turned.data()); }));
   report.Ratio("a pose through an offset filter", time[0], "ns", 3);
-  // Asked for after all: what nobody reads need not be worked out.
+  // Read at the end, so that the compiler removes nothing.
   if (!std::isfinite(bare[0]) || !std::isfinite(turned[0])) report.Note("not a rotation any more");
 }
 

@@ -1,4 +1,4 @@
-// The bare floors: what the machine itself charges for what the programs measure.
+// The bare floors: what the machine itself takes for the work that the programs measure.
 #pragma once
 
 #include <pthread.h>
@@ -13,7 +13,8 @@
 
 namespace kinetrel::bench {
 
-// A mutex of the published blocks' kind: process-shared, robust, recursive, priority-inheriting.
+// A mutex of the same kind as that of a block: process-shared, robust, recursive,
+// priority-inheriting.
 class BareMutex {
  public:
   BareMutex();
@@ -43,7 +44,7 @@ class BarePublication {
   Sample own_{};
 };
 
-// One futex word for any number of takers: wakes them all, and hands over nothing.
+// One futex word for any number of takers: wakes them all without data.
 class BareWake final : public Handover {
  public:
   void OpenTaker() override;

@@ -16,11 +16,11 @@ constexpr int kMostTakers = 16;
 constexpr int kGiverPriority = 10;
 constexpr int kFirstPriority = 11;
 
-// Between two looks at the takers. A giver that looked more often would be what they wait for.
+// Time between two looks at the takers. A giver that looks more often would hold them up.
 constexpr auto kNap = std::chrono::microseconds(100);
 constexpr auto kPatience = std::chrono::seconds(10);
 
-// From the last taker's falling asleep to the call: its CPU has gone idle by then.
+// Time from the moment the last taker sleeps to the call: its CPU is idle by then.
 constexpr std::int64_t kSettleTicks = 20'000;
 
 struct alignas(64) Seat {
@@ -29,7 +29,7 @@ struct alignas(64) Seat {
   std::int64_t arrival = 0;
 };
 
-// What giver and takers tell each other outside of what is measured.
+// What giver and takers tell each other outside of the measurement.
 struct Board {
   std::atomic<int> block = 0;  // the block that runs, from 1
   std::atomic<bool> subject = false;
@@ -186,7 +186,7 @@ Paired MiddleOf(std::vector<Paired> pairs) {
 
 HandoverFigures MeasureHandover(const HandoverPlan& plan, Handover& floor, Handover& subject) {
   RunOnCpu(kGiverCpu);
-  // As the sampling thread runs; where it is not permitted both blocks do without.
+  // As the sampling thread runs. Without the permission both blocks run at ordinary priority.
   RunAtPriority(kGiverPriority);
   std::vector<Paired> calls;
   std::vector<Paired> arrivals;

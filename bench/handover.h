@@ -1,4 +1,4 @@
-// Handing something over from one process to others that wait for it, timed.
+// Times how one process hands something over to others that wait for it.
 #pragma once
 
 #include "bench/harness.h"
@@ -13,11 +13,11 @@ class Handover {
   virtual void OpenGiver() {}
   virtual void OpenTaker() {}
   virtual void CloseGiver() {}
-  virtual void Prepare() {}  // before every Give, outside of what is timed
+  virtual void Prepare() {}  // before every Give; not timed
   virtual void Give() = 0;
-  virtual void Rehearse() {}  // what Give does, once, where nobody waits
-  virtual void CatchUp() {}   // before some Takes: what was given so far is none of theirs
-  virtual void Take() = 0;    // waits for what is given next, and returns when it is in hand
+  virtual void Rehearse() {}  // the same work as Give, once, without a waiting taker
+  virtual void CatchUp() {}   // before some Takes: skips what was given so far
+  virtual void Take() = 0;    // waits for the next Give and takes it
 };
 
 inline constexpr int kGiverCpu = 0;
@@ -42,10 +42,10 @@ struct HandoverFigures {
   Paired arrival;  // from the start of the call until the last taker has it, ns
 };
 
-// Every single handover starts with all takers asleep in their wait, and the giver having rehearsed
-// both calls: finding out whether somebody sleeps has driven their code out of its caches, the
-// longer one's more. A block's figure is the median of its handovers; the figures are those of the
-// run in the middle. Throws std::runtime_error when a taker does not answer.
+// Every handover starts with all takers asleep and after the giver has rehearsed both calls:
+// looking whether a taker sleeps drives their code out of the caches, more of the longer one. The
+// figure of a block is the median of its handovers; the figures are those of the middle run. Throws
+// std::runtime_error if a taker does not answer.
 HandoverFigures MeasureHandover(const HandoverPlan& plan, Handover& floor, Handover& subject);
 
 }  // namespace kinetrel::bench

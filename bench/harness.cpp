@@ -63,7 +63,7 @@ Spread SpreadOf(const std::vector<double>& figures) {
 std::vector<Paired> Interleave(int cycles, const Block& floor, const Block& subject) {
   std::vector<Cycles> figures(std::min(floor().size(), subject().size()));
   for (int cycle = 0; cycle < cycles; ++cycle) {
-    // The order turns with every cycle: what one block leaves behind for the next evens out.
+    // The order changes with every cycle, so that the effects of one block on the next even out.
     const bool floorFirst = cycle % 2 == 0;
     const std::vector<double> first = floorFirst ? floor() : subject();
     const std::vector<double> second = floorFirst ? subject() : floor();

@@ -1,8 +1,8 @@
 // What the benchmark programs share: measuring a thing against its bare floor, and judging it.
 //
 // A subject and its floor are measured in short blocks in turn, A B B A, inside one process, and
-// each cycle gives one ratio. Whatever else the machine does slows both blocks of a cycle alike,
-// so the median of the ratios holds where a time would not.
+// each cycle gives one ratio. Other work of the machine slows both blocks of a cycle alike, so the
+// median of the ratios is steady where a time is not.
 #pragma once
 
 #include <cstdint>
@@ -53,8 +53,8 @@ Block TimedBlock(int count, Operation operation) {
 
 enum class Verdict { Pass, Noisy, Fail };
 
-// Noisy: the middle half of the ratios lies on both sides of the limit, and is wider than a
-// quarter of it. Whether the limit holds cannot be told then.
+// Noisy: the middle half of the ratios lies on both sides of the limit and is wider than a quarter
+// of it. Then the benchmark cannot tell whether the limit holds.
 Verdict Judge(const Spread& ratio, double limit);
 
 // Prints a line for every item, and remembers the worst.
@@ -78,11 +78,11 @@ class Report {
   Verdict worst_ = Verdict::Pass;
 };
 
-// How an idle CPU is while something is measured: kept from sleeping, or as it always is.
+// Whether an idle CPU may sleep during the measurement.
 enum class IdleCpus { Wakeful, AsEver };
 
 // The main function of a benchmark program: prepares the machine, measures, and returns the
-// program's exit code. An exception is a failure, told on standard error.
+// program's exit code. An exception is a failure, printed on standard error.
 int RunBenchmark(const char* program, void (*measure)(Report&), IdleCpus idle = IdleCpus::Wakeful);
 
 }  // namespace kinetrel::bench

@@ -15,12 +15,12 @@ namespace kinetrel::bench {
 // The shared-memory device number of every benchmark.
 inline constexpr int kBenchDevice = 15;
 
-// Gives this process and its children shared-memory names of their own, so that neither another
-// run nor a live program meets them. Where the system does not permit it the machine's own names
-// are used. Returns what to say about it. Call it first.
+// Gives this process and its children shared-memory names of their own, apart from other runs and
+// live programs. If the system does not permit that, they use the machine's names. Returns a line
+// that says which. Call it first.
 std::string IsolateNames();
 
-// While one lives, no CPU sleeps deeper than it wakes at once, where that is permitted.
+// While an object of this class exists, no CPU sleeps deeply, if the system permits that.
 class WakefulCpus {
  public:
   WakefulCpus();
@@ -34,7 +34,7 @@ class WakefulCpus {
 };
 
 int CpuCount();
-void RunOnCpu(int cpu);  // the calling thread; a CPU that is not there changes nothing
+void RunOnCpu(int cpu);  // the calling thread; an unknown CPU changes nothing
 void RunOnAnyCpu();
 
 // Real-time priority for the calling thread, 1 upward; false where it is not permitted.
@@ -59,8 +59,8 @@ class Common {
   T* value_;
 };
 
-// A child process that runs `body` and ends. It opens what it needs itself: what its parent had
-// open at the fork would count as one user with it.
+// A child process that runs `body` and ends. It opens its objects itself: parent and child would
+// count as one user of an object that was open at the fork.
 class Child {
  public:
   explicit Child(const std::function<void()>& body);
@@ -80,14 +80,14 @@ class Child {
   bool joined_ = false;
 };
 
-// Standard output as it was, line by line; what this process and its children print to it from now
-// on goes nowhere. For the report, between whose lines a device's own words would stand.
+// Returns the present standard output, for the report, and discards what this process and its
+// children print from now on: the lines of a device would stand between those of the report.
 std::FILE* KeepOutput();
-void ThrowAwayErrors();  // what this process prints on standard error, from now on
+void ThrowAwayErrors();  // discards what this process prints on standard error
 void ThrowAwayOutput();  // on both streams
 
-// Becomes one of the project's own programs, with a standard input that stays silent and its output
-// thrown away; for a child's body.
+// Becomes one of our programs, with a silent standard input and discarded output. For a child's
+// body.
 void RunProgram(const std::string& name, const std::vector<std::string>& arguments);
 
 long OwnSwitches();                  // context switches of this process, of both kinds

@@ -10,7 +10,7 @@
 namespace kinetrel::bench {
 
 inline constexpr int kBin = 0;
-inline constexpr int kLonelyBin = 1;  // nobody waits there
+inline constexpr int kLonelyBin = 1;  // no client waits there
 
 // Publishes a sample of one sensor.
 void PublishSample(SharedTrackWriter& writer, int bin, int sensor);
@@ -34,7 +34,7 @@ class Publication final : public Handover {
 
 int FrameCount(SharedTrackReader& reader);
 
-// Waits until `atLeast` frames are published; throws std::runtime_error when they do not come.
+// Waits until `atLeast` frames are published; throws std::runtime_error if they do not come.
 void AwaitFrames(SharedTrackReader& reader, int atLeast);
 
 // A writer of both bins of the benchmarks' device number, and a reader of the first. Throw

@@ -1,4 +1,4 @@
-// What a publication and a client's read cost when nobody waits.
+// What a publication and a client's read cost without a waiting client.
 #include "bench/floors.h"
 #include "bench/machine.h"
 #include "bench/publication.h"

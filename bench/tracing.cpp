@@ -12,7 +12,7 @@
 namespace kinetrel::bench {
 namespace {
 
-// Two calls that nothing else here makes tell the tracer when to count.
+// Two system calls that no other code here makes tell the tracer when to count.
 constexpr long kBegin = SYS_getsid;
 constexpr long kEnd = SYS_getpgid;
 
@@ -22,7 +22,7 @@ struct Entry {
   const std::uint64_t* arguments;
 };
 
-// What may be slept in. A poll that only looks is none.
+// System calls that may sleep. A poll without a time-out does not.
 bool Waits(const Entry& entry) {
   switch (entry.number) {
     case SYS_poll:
@@ -46,7 +46,7 @@ class Tracer {
  public:
   explicit Tracer(pid_t child) : stopped_(child) {}
 
-  // Lets them run until one enters a system call; nothing when all have ended.
+  // Lets them run until one enters a system call; empty when all have ended.
   std::optional<Entry> Next() {
     for (;;) {
       if (stopped_ != 0) ::ptrace(PTRACE_SYSCALL, stopped_, nullptr, signal_);

@@ -18,7 +18,7 @@ struct TracedCalls {
 };
 
 // Runs `body` in a traced child and counts the system calls made between BeginCount and EndCount.
-// Nothing where tracing is not permitted here. Call it while no other child runs.
+// Empty if tracing is not permitted. Call it while no other child runs.
 std::optional<TracedCalls> CountSystemCalls(const std::function<void()>& body);
 void BeginCount();  // both on the thread that runs the body
 void EndCount();

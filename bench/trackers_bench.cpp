@@ -26,7 +26,7 @@ using DoubleSeconds = std::chrono::duration<double>;
 
 constexpr double kMilliseconds = 1000;
 
-// kinetrel with the arguments, and kinetrel-emulate where its own are given.
+// Starts kinetrel with its arguments, and kinetrel-emulate if it has some.
 class Programs {
  public:
   Programs(const std::vector<std::string>& emulated, std::vector<std::string> arguments) {
@@ -87,7 +87,7 @@ class Programs {
 constexpr double kCycleRate = 30;  // Hz, each of four stations
 
 // Least age of the first station's poses while `time` passes, in seconds from an arbitrary start:
-// any single one may be hit by what else the machine does.
+// other work of the machine may delay any single one.
 double LeastAge(SharedTrackReader& reader, steady_clock::time_point begin, double time) {
   double least = 1e9;
   SharedTrackBlock block{};
@@ -155,7 +155,7 @@ struct Way {
   }
 };
 
-// From a publication to the client's having it, ms.
+// From a publication to the moment the client has it, ms.
 double Handing() {
   BareWake bare;
   Publication publication;
@@ -224,7 +224,7 @@ void OfKnownMotion(Report& report, double handover) {
   way.Tell(report, "Liberty of known motion at 240 Hz", handover);
 }
 
-// What a machine charges a thread of that priority for waking a thousand times a second.
+// What waking a thousand times a second costs a thread of that priority.
 void EmptyLoop(Report& report) {
   constexpr std::chrono::seconds kObserved{2};
   const Child empty([] {

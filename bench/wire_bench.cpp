@@ -1,5 +1,5 @@
 // From a tracker's wire to a client: what the driver, the engine and the publication cost between
-// the last byte of a record and the client's having its pose.
+// the last byte of a record and the moment the client has its pose.
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -70,7 +70,7 @@ class Tracker final : public Handover {
   Publication client_;
 };
 
-// How a driver would wait that asks for the queue's length and sleeps.
+// A driver that waits by asking for the length of the queue and sleeping.
 class SleepyLine final : public Handover {
  public:
   void OpenTaker() override { port_.OpenPort(line_.path().c_str(), 115200); }
@@ -95,7 +95,7 @@ void WireToClient(Report& report, const Row& row) {
   report.Ratio(item, figures.arrival, "ns", 1.8);
 }
 
-// Samples records that come in one piece each, and nobody waits for what is published.
+// Samples records that come in one piece each, without a waiting client.
 int SampleCounted(const Row& row) {
   Tracker tracker(row);
   tracker.OpenGiver();
@@ -113,8 +113,8 @@ int SampleCounted(const Row& row) {
   return tracker.sent() - first;
 }
 
-// Traced, as a thread's own count of its switches holds those too in which the kernel lets its own
-// hand-over of the line's bytes finish.
+// Traced, because a thread's count of its context switches includes those in which the kernel
+// passes on the bytes of the line.
 void Calls(Report& report, const Row& row) {
   const Common<int> records;
   const auto calls = CountSystemCalls([&] { *records = SampleCounted(row); });
@@ -152,8 +152,7 @@ void Measure(Report& report) {
 }  // namespace
 }  // namespace kinetrel::bench
 
-// Records come milliseconds apart: whoever waits for one, we or a bare poll, waits on a CPU that
-// has gone to sleep.
+// Records come milliseconds apart, so the engine and the bare poll both wait on a CPU that sleeps.
 int main() {
   return kinetrel::bench::RunBenchmark("bench-wire", kinetrel::bench::Measure,
                                        kinetrel::bench::IdleCpus::AsEver);

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What scripts/run and scripts/test share: installing what is missing, configuring, building.
+# What the scripts share: installing what is missing, configuring, building.
 
 root=$(cd "$(dirname "$(readlink -f "${BASH_SOURCE[0]}")")/.." && pwd)
 script=scripts/$(basename "$(readlink -f "$0")")
@@ -10,7 +10,7 @@ die() {
   exit 1
 }
 
-# quietly COMMAND...: shows what it printed only when it fails. Reads no input: that is the
+# quietly COMMAND...: shows the output only on failure. The command reads no input, which is the
 # program's.
 quietly() {
   local output code=0
@@ -51,7 +51,7 @@ install_packages() {
     die "missing: $*. There is no apt-get here: install them by hand (names as in Debian 12)."
   if ((EUID != 0)); then
     command -v sudo >/dev/null ||
-      die "missing: $*. Installing takes root or sudo, and there is neither. As root: apt-get install $*"
+      die "missing: $*. Installing needs root or sudo. As root: apt-get install $*"
     as_root=(sudo)
     say "installing $* (sudo, for apt-get only)"
   else
@@ -59,11 +59,11 @@ install_packages() {
   fi
   local apt=("${as_root[@]}" env DEBIAN_FRONTEND=noninteractive
     apt-get -q -y -o DPkg::Lock::Timeout=300)
-  quietly "${apt[@]}" update || say "apt-get update failed; trying with the lists that are here"
+  quietly "${apt[@]}" update || say "apt-get update failed; trying with the present lists"
   quietly "${apt[@]}" install --no-install-recommends "$@" || die "could not install: $*"
 }
 
-# need NEED...: installs what is not met. Asks no package manager when all is.
+# need NEED...: installs the packages of unmet needs. Asks the package manager only if there are some.
 need() {
   local missing
   read -ra missing <<<"$(missing_packages "$@")"
@@ -75,10 +75,10 @@ need() {
 
 # ---- Building ------------------------------------------------------------------------------------
 
-# What one clone has compiled serves the next one, wherever it lies.
+# Clones in other folders share what this one compiles.
 export CCACHE_BASEDIR=$root CCACHE_NOHASHDIR=true
 
-# alone PRESET COMMAND...: one at a time in a build folder, however many terminals build in it.
+# alone PRESET COMMAND...: one at a time in a build folder, also from several terminals.
 alone() {
   mkdir -p "$root/build"
   flock "$root/build/$1.lock" "${@:2}"
@@ -87,7 +87,7 @@ alone() {
 # configure PRESET OPTION...
 configure() {
   local cache=$root/build/$1/CMakeCache.txt fresh=()
-  # A tree that was moved or mounted elsewhere would build the sources at the old place.
+  # After a move of the tree, the old cache would build the sources at the old place.
   if [[ -e $cache ]] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$root" "$cache"; then
     fresh=(--fresh)
   fi

@@ -39,7 +39,7 @@ struct LibertySettings {
   LibertyStart start = LibertyStart::Text;
   std::uint32_t plugged = 1;    // bit i: a sensor at station i + 1
   std::uint32_t bit = 0;        // first word of the built-in test until it is cleared
-  bool blankMeansGood = false;  // a blank, not 0, where there is no error
+  bool blankMeansGood = false;  // sends a blank, not 0, for no error
   bool lastCycle = false;       // a P that ends the stream sends a cycle too
 };
 
