@@ -14,6 +14,7 @@ namespace {
 
 constexpr Milliseconds kBackOff{20};
 const std::int64_t kLongestGiveWay = ClockTicksPerSecond() / 1000;
+constexpr Milliseconds kNapStep{10};  // how late a nap may end for a stop or a control call
 constexpr int kNapMargin = 10;  // ms; a streaming device is read this much before its next frame
 
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
@@ -102,7 +103,10 @@ bool SampleLoop::OpenSharedMemory() {
              "SharedMemory(%d) lacks some bins: %s", device + 1,
              Describe(writer_->failure()).c_str());
   }
-  device_->SetTimeOrigin(writer_->timer().startCount());
+  {
+    const std::lock_guard inUse(device_->inUse());
+    device_->SetTimeOrigin(writer_->timer().startCount());
+  }
   Announce(state_->status, "\n\t", StatusCode::Setup, "SharedMemory(%d) open ... ", device + 1);
   return true;
 }
@@ -141,21 +145,29 @@ void SampleLoop::OpenStream() {
 void SampleLoop::WriteBinHeaders() {
   for (auto& [key, mapping] : state_->mappings) mapping.ResetStatistics();
   for (int bin = 0; bin <= MaxBin(); ++bin) {
-    if (writer_->SelectBin(bin) != bin || !writer_->Lock(kForever)) continue;
-    SharedTrackBlock& block = *writer_->block();
-    block.flags = header_.Flags();
-    block.frameRate = rate_;
-    block.sensorMask = header_.sensors;
-    SetDeviceName(block, device_->GetDeviceName());
-    writer_->Unlock();
+    if (writer_->SelectBin(bin) != bin) continue;
+    namesDue_ |= 1U << bin;
+    if (!EnterBin()) continue;
+    WriteHeader(*writer_->block());
+    LeaveBin();
   }
+}
+
+void SampleLoop::WriteHeader(SharedTrackBlock& block) {
+  block.flags = header_.Flags();
+  block.frameRate = rate_;
+  block.sensorMask = header_.sensors;
+  const std::uint32_t bin = 1U << writer_->currentBin();
+  if ((namesDue_ & bin) == 0) return;
+  SetDeviceName(block, device_->GetDeviceName());
+  namesDue_ &= ~bin;
 }
 
 void SampleLoop::BeginDevice(EngineLock& lock) {
   Announce(state_->status, "\n\t", StatusCode::Setup, "Nap = %d msecs.", nap_);
   Announce(state_->status, "\n", StatusCode::Setup, "Running ...  ");
   if (streaming_) {
-    device_->StartContinuous();
+    StartContinuous();
   } else {
     Poll(lock);
   }
@@ -167,6 +179,56 @@ void SampleLoop::BeginDevice(EngineLock& lock) {
   }
 }
 
+// ---- Bins ------------------------------------------------------------------------------------
+
+bool SampleLoop::EnterBin() {
+  const bool entered = writer_->Enter();
+  ReportNews();
+  return entered;
+}
+
+void SampleLoop::LeaveBin() {
+  writer_->Leave();
+  ReportNews();
+}
+
+void SampleLoop::ReportNews() {
+  const std::optional<BinNews> news = writer_->TakeNews();
+  if (!news.has_value()) return;
+  StatusLog& log = state_->status;
+  const int slot = writer_->device() + 1;
+  switch (news->kind) {
+    case BinNews::Kind::Held:
+      Announce(
+          log, "\n\t", StatusCode::SharedMemory,
+          "Another program (process %s) holds SharedMemory(%d), bin %d. It is skipped until it "
+          "is free.",
+          news->process != 0 ? std::to_string(news->process).c_str() : "unknown", slot, news->bin);
+      break;
+    case BinNews::Kind::Free:
+      Announce(log, "\n\t", StatusCode::Progress,
+               "SharedMemory(%d), bin %d is free again after %.1f seconds.", slot, news->bin,
+               news->seconds);
+      break;
+    case BinNews::Kind::TakenBack:
+      Announce(log, "\n\t", StatusCode::SharedMemory,
+               "The owner of SharedMemory(%d), bin %d was not found. The bin was taken back after "
+               "%.1f seconds.",
+               slot, news->bin, news->seconds);
+      break;
+    case BinNews::Kind::Repaired:
+      Announce(log, "\n\t", StatusCode::SharedMemory,
+               "The mutex of SharedMemory(%d), bin %d was unusable. It was repaired.", slot,
+               news->bin);
+      break;
+    case BinNews::Kind::Overwritten:
+      Announce(log, "\n\t", StatusCode::SharedMemory,
+               "Another program has overwritten the mutex of SharedMemory(%d), bin %d.", slot,
+               news->bin);
+      break;
+  }
+}
+
 // ---- One frame -------------------------------------------------------------------------------
 
 void SampleLoop::Pass(EngineLock& lock) {
@@ -175,13 +237,19 @@ void SampleLoop::Pass(EngineLock& lock) {
   if (Superseded()) return;
   if ((frame.updated & header_.sensors) != 0) {
     stream_->EndGoodFrame();
-    PublishFrame(frame);
+    PublishFrame(lock, frame);
+    if (Superseded()) return;
     NoteSuccess();
   } else {
     NoteFailure(lock, frame);
   }
   ++runLength_;
-  if (!streaming_) Poll(lock);
+  if (!streaming_ && !stop_.IsSet()) Poll(lock);
+}
+
+void SampleLoop::StartContinuous() {
+  const std::lock_guard inUse(device_->inUse());
+  device_->StartContinuous();
 }
 
 void SampleLoop::Poll(EngineLock& lock) {
@@ -191,8 +259,8 @@ void SampleLoop::Poll(EngineLock& lock) {
   });
 }
 
-// Between two frames engine and device are free for the calls that waited: a thread of this
-// priority would otherwise take both again before the second of them came to run.
+// Call it without the engine lock and the device. Control calls that wait for them run now: a
+// thread of this priority would otherwise take both again first.
 void SampleLoop::GiveWay() const {
   const std::int64_t until = ClockTicks() + kLongestGiveWay;
   while (state_->pendingCalls > 0 && ClockTicks() < until) {
@@ -218,30 +286,36 @@ SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
   });
 }
 
-void SampleLoop::PublishFrame(const Frame& frame) {
-  for (auto& [key, mapping] : state_->mappings) {
-    if (!HasStation(header_.sensors, mapping.sensor)) continue;
-    if (writer_->SelectBin(key.bin) != key.bin) continue;
-    PublishMapping(key, mapping, frame);
-    Blink();
+// A nap leaves the engine lock, so each mapping is looked up again: a control call may have changed
+// them.
+void SampleLoop::PublishFrame(EngineLock& lock, const Frame& frame) {
+  MappingTable& mappings = state_->mappings;
+  for (auto next = mappings.begin(); next != mappings.end() && !stop_.IsSet();) {
+    const MappingKey key = next->first;
+    if (HasStation(header_.sensors, next->second.sensor) &&
+        writer_->SelectBin(key.bin) == key.bin) {
+      if (PublishMapping(key, next->second, frame)) Nap(lock);
+      if (Superseded()) return;
+      Blink();
+    }
+    next = mappings.upper_bound(key);
   }
 }
 
-void SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame) {
-  if (!writer_->Lock(kForever)) return;
+// False: another program holds the bin, and it is skipped.
+bool SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame) {
+  if (!EnterBin()) return false;
   SharedTrackBlock& block = *writer_->block();
   if (key.poseIndex >= 0 && key.poseIndex < kPoseSlots) {
     WritePose(block, static_cast<std::size_t>(key.poseIndex), mapping.sensor);
   }
-  block.flags = header_.Flags();
+  WriteHeader(block);
   WriteButtons(block, frame);
-  block.frameRate = rate_;
-  block.sensorMask = header_.sensors;
   block.sampleTime = frame.sampleTime;
   writer_->Publish(0);
-  writer_->Unlock();
+  LeaveBin();
   KeepStatistics(mapping, frame.sampleTime);
-  Nap();
+  return true;
 }
 
 // A sensor without a record is published as zeros, never as what was there before.
@@ -301,10 +375,19 @@ void SampleLoop::KeepStatistics(Mapping& mapping, double sampleTime) {
   mapping.lastSampleTime = sampleTime;
 }
 
-void SampleLoop::Nap() {
-  // Ends early when the port already holds input: a device that streams several stations must not
-  // be read slower than it sends.
-  if (nap_ > 0) device_->WaitForRX(nap_, 1);
+// Ends early for a stop, for a control call that waits, and when the port holds input: a device
+// that streams several stations must not be read slower than it sends.
+void SampleLoop::Nap(EngineLock& lock) {
+  if (nap_ <= 0) return;
+  lock.Leave([this] {
+    const Deadline deadline{Milliseconds(nap_)};
+    while (!stop_.IsSet() && state_->pendingCalls == 0 && !deadline.Passed()) {
+      const Milliseconds step = std::min(deadline.Remaining(), kNapStep);
+      const std::lock_guard inUse(device_->inUse());
+      if (device_->WaitForRX(static_cast<int>(step.count()), 1)) break;
+    }
+    GiveWay();
+  });
 }
 
 void SampleLoop::Blink() {
@@ -338,7 +421,7 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   if (stop_.IsSet()) return;
   const bool booted = recovery_->Try(lock);
   stream_->SetTrouble(recovery_->trouble());
-  if (booted && streaming_) device_->StartContinuous();
+  if (booted && streaming_) StartContinuous();
 }
 
 void SampleLoop::LogFailure() {
@@ -364,13 +447,13 @@ void SampleLoop::LogFailure() {
 void SampleLoop::End(EngineLock& lock) {
   if (streaming_ && !Superseded()) Poll(lock);  // ends continuous output
   if (Superseded()) return;
-  if (writer_->Lock(kForever)) {
-    SharedTrackBlock& block = *writer_->block();
-    block.flags = header_.Flags();
-    Announce(state_->status, "\t", StatusCode::Counts, "%d frames sampled.", block.frameCount);
+  if (SharedTrackBlock* const block = writer_->block()) {
+    const bool entered = EnterBin();
+    if (entered) block->flags = header_.Flags();
+    Announce(state_->status, "\t", StatusCode::Counts, "%d frames sampled.", block->frameCount);
     Announce(state_->status, "\n\t", StatusCode::Counts, "%8.1f seconds elapsed.",
-             block.publishTime);
-    writer_->Unlock();
+             block->publishTime);
+    if (entered) LeaveBin();
   }
   Announce(state_->status, "\n", StatusCode::Closing, "Closing");
   Print(" ... ");
@@ -378,7 +461,7 @@ void SampleLoop::End(EngineLock& lock) {
 
 void SampleLoop::CloseSharedMemory() {
   if (Superseded() && state_->config.shmDevice == writer_->device()) {
-    writer_->SharedTrackMemory::CloseAll();  // as they are: the blocks have the newer run's writer
+    writer_->CloseForSuccessor();
   }
   writer_.reset();
   if (!Superseded()) {

@@ -1,8 +1,9 @@
 // One run of sampling: reads the device frame by frame and publishes every mapping's pose.
 //
-// The road of a sample is the body of Pass: read, then for each mapping lock, write, publish,
-// unlock. The loop holds the engine lock but for the device's read and poll and its own back-off,
-// so control calls run between frames. Nothing on that road allocates.
+// A sample's road is the body of Pass: read, then for each mapping lock, write, publish, unlock.
+// Nothing on it allocates. The loop leaves the engine lock while it reads or polls the device, naps
+// or backs off, so control calls run between two publications. A bin whose mutex another program
+// holds is skipped.
 #pragma once
 
 #include <cstdint>
@@ -19,13 +20,13 @@ namespace kinetrel {
 
 class SampleLoop {
  public:
-  // `stop` ends the run: within a frame, a nap and the device's read time.
+  // `stop` ends the run between two publications, or after the device's read time.
   SampleLoop(std::shared_ptr<EngineState> state, const StopEvent& stop);
 
   void Run();  // on the sampling thread
 
  private:
-  // What the device says of itself, read once a frame.
+  // The device's settings, read once a frame.
   struct Header {
     unsigned sensors = 0;     // mask
     unsigned components = 0;  // mask, low four bits
@@ -34,12 +35,12 @@ class SampleLoop {
     std::uint32_t Flags() const;
   };
 
-  // What one read brought.
+  // The result of one read.
   struct Frame {
     unsigned updated = 0;     // mask of sensors
     double sampleTime = 0.0;  // seconds since the writer's start
     bool buttonsValid = false;
-    bool atOnce = false;  // came back without having waited for anything
+    bool atOnce = false;  // the read did not wait
   };
 
   void ChooseMode();
@@ -47,22 +48,30 @@ class SampleLoop {
   void OpenStream();
   void ReportHeader();
   void WriteBinHeaders();
+  void WriteHeader(SharedTrackBlock& block);  // of the current bin, locked
   void BeginDevice(EngineLock& lock);
 
-  // A newer run samples: we were abandoned, and what we come back to is its own.
+  // This run was abandoned in the device, and a newer one samples: all is the newer one's now.
   bool Superseded() const { return state_->samplingRun != run_; }
 
   void Pass(EngineLock& lock);
   void GiveWay() const;
   Frame ReadFrame(EngineLock& lock);
   void Poll(EngineLock& lock);
-  void PublishFrame(const Frame& frame);
-  void PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame);
+  void StartContinuous();
+  void PublishFrame(EngineLock& lock, const Frame& frame);
+  bool PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame);
   void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor);
   ButtonBits::Buttons JoystickButtons(const Frame& frame) const;
   void WriteButtons(SharedTrackBlock& block, const Frame& frame);
   void KeepStatistics(Mapping& mapping, double sampleTime);
-  void Nap();
+  void Nap(EngineLock& lock);
+
+  // The current bin's mutex. False: another program holds it. Each says what it found out.
+  bool EnterBin();
+  void LeaveBin();
+  void ReportNews();
+
   void Blink();
   void NoteSuccess();
   void NoteFailure(EngineLock& lock, const Frame& frame);
@@ -88,8 +97,9 @@ class SampleLoop {
   Header header_;
   unsigned run_ = 0;
   bool streaming_ = false;
-  int rate_ = 0;  // Hz
-  int nap_ = 0;   // ms after each publication
+  int rate_ = 0;                // Hz
+  int nap_ = 0;                 // ms after each publication
+  std::uint32_t namesDue_ = 0;  // bins whose block does not name the device yet
   bool inError_ = false;
   unsigned runLength_ = 0;  // passes since good turned to failed or back
 };

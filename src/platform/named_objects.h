@@ -43,18 +43,47 @@ class NamedMemory {
   std::shared_ptr<SharedObject> object_;
 };
 
-// A recursive mutex. Its owner may die: the next one to lock it gets it as if it were released.
-// On Linux a thread that holds it runs at the priority of the highest one that waits for it.
+// Who keeps a mutex from being locked.
+struct MutexOwner {
+  enum class Evidence {
+    Found,      // a live process that has the mutex open
+    NotFound,   // none that this process can see; one may exist in another container
+    Impossible  // no other process has the mutex open
+  };
+  Evidence evidence = Evidence::NotFound;
+  int process = 0;  // its number; 0: not known
+};
+
+// A recursive mutex. If its owner dies, the next thread to lock it takes it.
+//
+// On Linux other programs can overwrite it. No content ends or blocks the process that uses it, but
+// a content may name an owner that does not exist: then the mutex stays locked until TakeFrom.
 //
 // Threads  locked and unlocked by the same thread; several processes, several threads.
 class NamedMutex {
  public:
   static Result<NamedMutex> Open(const std::string& name);  // made not locked
 
-  // False: not locked within `timeout`, or what the name holds is no usable mutex. On Linux
-  // no system call where nobody else holds it.
+  // False: not locked within `timeout`. On Linux no system call if the mutex is free.
   bool Lock(Milliseconds timeout);
-  void Unlock();
+
+  // False: the mutex was not ours any more. Another program has overwritten it, and a second thread
+  // may have been in.
+  bool Unlock();
+
+  // True once after a Lock found a mutex that other programs could not lock, and repaired it: one
+  // of them had overwritten it, or had left it unrecoverable.
+  bool TakeRepaired();
+
+  // The number by which the mutex names its owner; 0 while it is free. Windows: always 0.
+  std::uint32_t OwnerNumber() const;
+
+  // Looks for the owner in the system; may take milliseconds. Windows: always NotFound.
+  MutexOwner FindOwner() const;
+
+  // Locks the mutex although it names `owner`. Only for an owner that does not exist. False: it
+  // names another one now. Windows: always false; the system releases what a dead owner held.
+  bool TakeFrom(std::uint32_t owner);
 
  private:
   explicit NamedMutex(std::shared_ptr<SharedObject> object);

@@ -13,7 +13,7 @@ bool IsBin(int bin) { return bin >= 0 && bin < kSharedBins; }
 }  // namespace
 
 SharedTrackBlock* SharedTrackMemory::Bin::Block() const {
-  return Open() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
+  return IsOpen() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
 }
 
 void SharedTrackMemory::Bin::PrefetchToWrite() const {
@@ -50,12 +50,12 @@ const SharedTrackBlock* SharedTrackMemory::block() const {
 }
 
 int SharedTrackMemory::SelectBin(int number) {
-  if (IsBin(number) && bin(number).Open()) currentBin_ = number;
+  if (IsBin(number) && bin(number).IsOpen()) currentBin_ = number;
   return currentBin_;
 }
 
 bool SharedTrackMemory::Lock(Milliseconds timeout) {
-  if (!current().Open()) return false;
+  if (!current().IsOpen()) return false;
   if (lockedBin_ == currentBin_) return true;
   Release();
   if (!current().mutex->Lock(timeout)) return false;
@@ -63,23 +63,31 @@ bool SharedTrackMemory::Lock(Milliseconds timeout) {
   return true;
 }
 
-bool SharedTrackMemory::Unlock() {
+bool SharedTrackMemory::LockFrom(std::uint32_t owner) {
   Release();
-  return current().Open();
+  if (!current().mutex->TakeFrom(owner)) return false;
+  lockedBin_ = currentBin_;
+  return true;
 }
 
-void SharedTrackMemory::Release() {
-  if (!locked()) return;
+bool SharedTrackMemory::Unlock() {
+  const bool kept = Release();
+  return kept && current().IsOpen();
+}
+
+bool SharedTrackMemory::Release() {
+  if (!locked()) return true;
   Bin& held = bin(std::exchange(lockedBin_, kNoBin));
-  held.mutex->Unlock();
-  // Woken while we still held the mutex, the waiters would only have run into it.
+  const bool kept = held.mutex->Unlock();
+  // Only now: woken earlier, the clients would wait for the mutex that we still held.
   held.WakeWaiters();
+  return kept;
 }
 
 bool SharedTrackMemory::OpenAll() {
-  if (current().Open()) return true;
+  if (current().IsOpen()) return true;
   for (int number = 0; number < kSharedBins; ++number) {
-    if (bin(number).Open()) continue;
+    if (bin(number).IsOpen()) continue;
     CloseBin(number);
     if ((binMask_ & (1U << number)) == 0) continue;
     if (OpenBin(number)) {
@@ -88,36 +96,40 @@ bool SharedTrackMemory::OpenAll() {
       binMask_ &= ~(1U << number);
     }
   }
-  // Where the lowest bin is not to be had, nobody must take it for the current one.
-  for (int number = 0; number < kSharedBins && !current().Open(); ++number) SelectBin(number);
-  return current().Open();
+  // If bin 0 cannot be opened, the lowest open bin becomes current.
+  for (int number = 0; number < kSharedBins && !current().IsOpen(); ++number) SelectBin(number);
+  return current().IsOpen();
 }
 
-bool SharedTrackMemory::OpenObjects(int number, Initialize initialize, bool writerPresent) {
+bool SharedTrackMemory::OpenObjects(int number) {
   if (!IsBin(number)) return false;
-  Bin& here = bin(number);
   Result<NamedMemory> memory =
       NamedMemory::Open(BlockName(device_, number), sizeof(SharedTrackBlock));
-  if (!memory.Ok()) return Fail(number, memory.status());
   Result<NamedMutex> mutex = NamedMutex::Open(MutexName(device_, number));
-  if (!mutex.Ok()) return Fail(number, mutex.status());
-
-  here.memory = *memory;
-  here.mutex = *mutex;
-  if (initialize == Initialize::WhenNew && IsInitialized(*here.Block())) return true;
-  if (!here.mutex->Lock(kForever)) {
-    return Fail(number, {Error::Invalid, 0, "locking the mutex of shared memory"});
+  if (!memory.Ok() || !mutex.Ok()) {
+    Fail(number, memory.Ok() ? mutex.status() : memory.status());
+    return false;
   }
-  if (initialize == Initialize::Always || !IsInitialized(*here.Block())) {
-    InitializeBlock(*here.Block(), writerPresent);
-  }
-  here.mutex->Unlock();
+  bin(number).memory = *memory;
+  bin(number).mutex = *mutex;
   return true;
 }
 
-bool SharedTrackMemory::Fail(int number, const Status& why) {
+bool SharedTrackMemory::Initialise(int number, Initialize initialize, bool writerPresent,
+                                   Milliseconds timeout) {
+  SharedTrackBlock& block = *bin(number).Block();
+  if (initialize == Initialize::WhenNew && IsInitialized(block)) return true;
+  if (!bin(number).mutex->Lock(timeout)) return false;
+  if (initialize == Initialize::Always || !IsInitialized(block)) {
+    InitializeBlock(block, writerPresent);
+  }
+  bin(number).mutex->Unlock();
+  return true;
+}
+
+void SharedTrackMemory::Fail(int number, const Status& why) {
   failure_ = why;
-  return CloseBin(number);
+  CloseBin(number);
 }
 
 bool SharedTrackMemory::MakeEvent(int number) { return OpenEvent(number, Access::Anyone); }
@@ -156,7 +168,7 @@ bool SharedTrackMemory::Publish(int frame) {
   Bin& here = current();
   SharedTrackBlock* const data = here.Block();
   if (data == nullptr) return false;
-  // Unsigned: after 2^31 frames (103 days at 240 Hz) the count goes round instead of overflowing.
+  // Unsigned: after 2^31 frames (103 days at 240 Hz) the count wraps round.
   data->frameCount =
       frame != 0 ? frame
                  : static_cast<std::int32_t>(static_cast<std::uint32_t>(data->frameCount) + 1);
@@ -177,17 +189,17 @@ bool SharedTrackMemory::WaitForFrame(int lastFrame, Milliseconds timeout) {
   return newest > lastFrame;
 }
 
-// Called locked, and locked again when it answers true.
+// Call it locked. Locked again when it returns true.
 bool SharedTrackMemory::AwaitFrame(int lastFrame, Milliseconds timeout) {
   const StopEvent& event = *current().event;
   const Deadline deadline(timeout);
   bool set = false;
   while (!set && current().Block()->frameCount == lastFrame) {
-    // Reset under the mutex and only with the newest frame in hand: no publication is lost.
+    // No publication is lost: the event is reset under the mutex, with the newest frame known.
     const StopEvent::Ticket ticket = current().event->Reset();
     Unlock();
     set = event.WaitSince(ticket, std::min(deadline.Remaining(), event.LongestBlindWait()));
-    // Asked for now, what the writer has just written arrives while the mutex does.
+    // What the writer has just written arrives while we lock the mutex.
     current().PrefetchToRead();
     if ((!set && deadline.Passed()) || !Lock(timeout)) return false;
   }

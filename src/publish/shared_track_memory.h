@@ -1,9 +1,9 @@
-// The 16 shared-memory bins of one device number, as a writer and a reader have them in common.
+// The 16 shared-memory bins of one device number: what a writer and a reader have in common.
 //
-// All operations but those that take a bin act on the current one, chosen with SelectBin.
+// Operations without a bin argument act on the current bin, chosen with SelectBin.
 //
-// Threads  one at a time. Other processes are kept out by the bin's mutex: hold it (Lock) around
-//          every write and every read that must be of one piece.
+// Threads  one at a time. The bin's mutex keeps other processes out: hold it (Lock) around every
+//          write, and around a read of several fields that belong together.
 // Memory   nothing is allocated after OpenAll.
 #pragma once
 
@@ -26,37 +26,40 @@ class SharedTrackMemory {
   SharedTrackMemory(const SharedTrackMemory&) = delete;
   SharedTrackMemory& operator=(const SharedTrackMemory&) = delete;
 
-  // Takes the bin's mutex, and first gives back another bin's that is still held. True at once
-  // when held already. False: no bin open, not free in time, or no usable mutex any more.
+  // Takes the bin's mutex. Another bin's that is still held is given back first. True at once if
+  // this one is held already. False: no bin open, or not free in time.
   virtual bool Lock(Milliseconds timeout);
 
-  // Gives back the mutex that is held, then wakes who waits for what was published under it. True
-  // at once when none is; false when the current bin is not open.
+  // Gives back the mutex that is held, then wakes the clients that wait for the new frame. True at
+  // once if none is held. False: the current bin is not open, or another program has overwritten
+  // the mutex meanwhile.
   virtual bool Unlock();
 
   virtual bool OpenBin(int bin) = 0;
-  virtual bool CloseAll();  // always false
-  // Opens or makes the bin's event, for any account; replaces an event already held.
+  virtual bool CloseAll();  // false: no bin is open any more
+
+  // Opens or makes the bin's event, for any account. Replaces an event already open.
   virtual bool MakeEvent(int bin);
 
-  // The current bin after the call: `bin` where it is open, else the one before.
+  // Makes `bin` the current one if it is open. Returns the current bin.
   int SelectBin(int bin);
 
-  // Opens every bin of the mask that is not open; a bin that cannot be is dropped from the mask.
-  // True when at least one opened, or the current one already was; the lowest that is open becomes
-  // the current one where that is not.
+  // Opens every bin of the mask that is not open. A bin that cannot be opened leaves the mask. If
+  // the current bin is not open then, the lowest open bin becomes current. True: at least one bin
+  // is open. If the current bin was open before, nothing is done.
   bool OpenAll();
-  bool CloseBin(int bin);  // always false
+  bool CloseBin(int bin);  // false: the bin is not open any more
 
-  // Counts and dates a sample and sets the bin's event; call it locked. False: no bin open.
+  // Counts the frame, stamps its publishTime and sets the bin's event. Call it locked. False: no
+  // bin open.
   // frame  the new frame count; 0: one more than the last.
   bool Publish(int frame);
 
-  // Waits until the bin holds a newer frame than `lastFrame`. False at once when it holds an older
-  // one (the writer has started afresh) or cannot be locked; false when the time is up.
+  // Waits until the bin holds a newer frame than `lastFrame`. False: the bin holds an older one (a
+  // new writer has started), it cannot be locked, or the time is up.
   bool WaitForFrame(int lastFrame, Milliseconds timeout);
 
-  // The current bin's block, null when it is not open. Shared with other processes: see Threads.
+  // The current bin's block; null: not open. Other processes share it: see Threads.
   SharedTrackBlock* block();
   const SharedTrackBlock* block() const;
 
@@ -65,7 +68,7 @@ class SharedTrackMemory {
   bool locked() const { return lockedBin_ != kNoBin; }
   TrackTimer& timer() { return timer_; }
 
-  // Why the last bin or event that failed to open did; done while none has.
+  // Why a bin or an event failed to open, of the last that failed.
   const Status& failure() const { return failure_; }
 
  protected:
@@ -75,9 +78,9 @@ class SharedTrackMemory {
     std::optional<StopEvent> event;
     bool wakePending = false;
 
-    bool Open() const { return memory.has_value() && mutex.has_value(); }
+    bool IsOpen() const { return memory.has_value() && mutex.has_value(); }
     SharedTrackBlock* Block() const;
-    // The cache lines that every publication writes: they are on the CPU of whoever had them last.
+    // Of the cache lines that every publication writes. Another CPU had them last.
     void PrefetchToWrite() const;
     void PrefetchToRead() const;
     void WakeWaiters();
@@ -85,12 +88,18 @@ class SharedTrackMemory {
 
   enum class Initialize { Always, WhenNew };
 
-  // Opens block and mutex, and initialises the block under the mutex: always, or when nobody has
-  // yet. Whether somebody has is asked of the block itself, for a writer may have come between
-  // the creation by a reader and this.
-  bool OpenObjects(int bin, Initialize initialize, bool writerPresent);
-
+  bool OpenObjects(int bin);               // the block and the mutex
   bool OpenEvent(int bin, Access access);  // as MakeEvent
+
+  // Initialises an open bin's block under its mutex. WhenNew: unless a process has done so; the
+  // block itself tells, since a writer may have opened what a reader has just made. False: not
+  // locked within `timeout`.
+  bool Initialise(int bin, Initialize initialize, bool writerPresent, Milliseconds timeout);
+
+  // Locks the current bin although its mutex names `owner`; see NamedMutex::TakeFrom.
+  bool LockFrom(std::uint32_t owner);
+
+  void Fail(int bin, const Status& why);  // closes the bin
 
   Bin& bin(int number) { return bins_[static_cast<std::size_t>(number)]; }
   Bin& current() { return bin(currentBin_); }
@@ -98,9 +107,8 @@ class SharedTrackMemory {
  private:
   static constexpr int kNoBin = -1;
 
-  bool Fail(int bin, const Status& why);  // closes the bin; always false
   bool AwaitFrame(int lastFrame, Milliseconds timeout);
-  void Release();
+  bool Release();  // false: the mutex was not ours any more
 
   int device_;
   int currentBin_ = 0;

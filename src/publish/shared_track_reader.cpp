@@ -1,9 +1,17 @@
 #include "publish/shared_track_reader.h"
 
 namespace kinetrel {
+namespace {
+
+constexpr Milliseconds kNewBlockPatience{1000};
+
+}  // namespace
 
 bool SharedTrackReader::OpenBin(int number) {
-  return OpenObjects(number, Initialize::WhenNew, false);
+  if (!OpenObjects(number)) return false;
+  if (Initialise(number, Initialize::WhenNew, false, kNewBlockPatience)) return true;
+  Fail(number, {Error::Busy, 0, "locking the mutex of a new block"});
+  return false;
 }
 
 bool SharedTrackReader::MakeEvent(int number) { return OpenEvent(number, Access::AccountsDefault); }
@@ -13,9 +21,13 @@ bool SharedTrackReader::OpenOnly(int number) {
 }
 
 bool SharedTrackReader::Copy(SharedTrackBlock& into, Milliseconds timeout) {
-  if (!Lock(timeout)) return false;
-  into = *block();
-  return Unlock();
+  const Deadline deadline(timeout);
+  do {
+    if (!Lock(deadline.Remaining())) return false;
+    into = *block();
+    if (Unlock()) return true;  // else another program may have written meanwhile
+  } while (!deadline.Passed());
+  return false;
 }
 
 }  // namespace kinetrel

@@ -1,12 +1,11 @@
-// A manual-reset event: set until somebody resets it.
+// The event that a bin's publications set, and that asks a worker thread to stop.
 #pragma once
 
 #include "platform/named_objects.h"
 
 namespace kinetrel {
 
-// The name under which the rest of the system knows the platform's event: a bin's announcement,
-// and the request that ends a worker thread.
+// Set until a process resets it.
 using StopEvent = Event;
 
 }  // namespace kinetrel

@@ -20,7 +20,7 @@ class TrackTimer {
     return static_cast<double>(lastCount_ - startCount_) * secondsPerTick_;
   }
 
-  // The start, as a reading of ClockTicks(): who counts from it has the same time origin.
+  // The start, as a reading of ClockTicks().
   std::int64_t startCount() const { return startCount_; }
 
  private:

@@ -1,15 +1,16 @@
 #include "platform/named_objects.h"
 
 #include <linux/futex.h>
-#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <climits>
+#include <cstdlib>
 #include <ctime>
+#include <fstream>
+#include <string>
 #include <utility>
 
 #include "platform/posix/os.h"
@@ -40,35 +41,36 @@ bool NamedMemory::ClaimWriting() { return object_->ClaimWriting(); }
 
 namespace {
 
-// What the object of a mutex holds. The mark comes last and tells a mutex from anything else.
-struct MutexObject {
-  pthread_mutex_t mutex;
-  std::uint32_t mark;
-};
-constexpr std::uint32_t kMutexMark = 0x4B4D5458;
-
-std::atomic_ref<std::uint32_t> MarkOf(void* memory) {
-  return std::atomic_ref(static_cast<MutexObject*>(memory)->mark);
-}
-
 Status MakeMutex(void* memory) {
-  auto* const object = static_cast<MutexObject*>(memory);
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-  // The time-critical writer must not wait behind whatever keeps a low-priority client from
-  // running.
-  pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
-  const int code = pthread_mutex_init(&object->mutex, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-  if (code == 0) MarkOf(memory).store(kMutexMark);
-  return StatusFromErrno(code, "making a shared mutex");
+  SharedMutex::Prepare(memory);
+  return {};
 }
 
-pthread_mutex_t* MutexOf(const SharedObject& object) {
-  return &static_cast<MutexObject*>(object.memory())->mutex;
+// The value of a line "Key:\tvalue ..." of a file in /proc; empty: the thread is gone or not ours
+// to see.
+std::string FieldOf(std::uint32_t thread, const std::string& key) {
+  std::ifstream file("/proc/" + std::to_string(thread) + "/status");
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with(key + ":\t")) return line.substr(key.size() + 2);
+  }
+  return {};
+}
+
+bool HasMapped(std::ifstream& maps, const std::string& path) {
+  for (std::string line; std::getline(maps, line);) {
+    if (line.ends_with(path)) return true;
+  }
+  return false;
+}
+
+// Whether the thread of that number, in our process-id namespace, may be the owner. Another account
+// does not show what it has mapped; then a stopped process counts as the owner, for it cannot have
+// released the mutex.
+bool MayOwn(std::uint32_t thread, const std::string& path) {
+  std::ifstream maps("/proc/" + std::to_string(thread) + "/maps");
+  if (maps.peek() != std::ifstream::traits_type::eof()) return HasMapped(maps, path);
+  const std::string state = FieldOf(thread, "State");
+  return state.starts_with('T') || state.starts_with('t');
 }
 
 }  // namespace
@@ -76,24 +78,32 @@ pthread_mutex_t* MutexOf(const SharedObject& object) {
 NamedMutex::NamedMutex(std::shared_ptr<SharedObject> object) : object_(std::move(object)) {}
 
 Result<NamedMutex> NamedMutex::Open(const std::string& name) {
-  const auto ready = [](void* memory) { return MarkOf(memory) != 0; };
   Result<Opened> opened =
-      SharedObject::Open(name, {.size = sizeof(MutexObject), .prepare = MakeMutex, .ready = ready});
+      SharedObject::Open(name, {.size = SharedMutex::Size(), .prepare = MakeMutex});
   if (!opened.Ok()) return opened.status();
-  if (MarkOf((*opened)->memory()) != kMutexMark) {
-    return Status{Error::Invalid, 0, "the name is not that of a mutex"};
-  }
+  // Also what another process left half made or has overwritten.
+  SharedMutex::Prepare((*opened)->memory());
   return NamedMutex(std::move(*opened));
 }
 
-bool NamedMutex::Lock(Milliseconds timeout) {
-  pthread_mutex_t* const mutex = MutexOf(*object_);
-  const int code = LockWithin(mutex, timeout);
-  if (code == EOWNERDEAD) return pthread_mutex_consistent(mutex) == 0;
-  return code == 0;
+bool NamedMutex::Lock(Milliseconds timeout) { return object_->mutex().Lock(timeout); }
+
+bool NamedMutex::Unlock() { return object_->mutex().Unlock(); }
+
+bool NamedMutex::TakeRepaired() { return object_->mutex().TakeRepaired(); }
+
+std::uint32_t NamedMutex::OwnerNumber() const { return object_->mutex().OwnerNumber(); }
+
+MutexOwner NamedMutex::FindOwner() const {
+  using Evidence = MutexOwner::Evidence;
+  if (object_->mutex().IsOurs()) return {Evidence::Found, ::getpid()};
+  if (!object_->IsOpenElsewhere()) return {Evidence::Impossible, 0};
+  const std::uint32_t thread = OwnerNumber();
+  if (thread == 0 || !MayOwn(thread, object_->path())) return {Evidence::NotFound, 0};
+  return {Evidence::Found, std::atoi(FieldOf(thread, "Tgid").c_str())};
 }
 
-void NamedMutex::Unlock() { pthread_mutex_unlock(MutexOf(*object_)); }
+bool NamedMutex::TakeFrom(std::uint32_t owner) { return object_->mutex().TakeFrom(owner); }
 
 // ---- Event -----------------------------------------------------------------------------------
 

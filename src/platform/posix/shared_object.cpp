@@ -145,7 +145,6 @@ Attempt Attach(SharedFile file, const ObjectKind& kind) {
   }
   const Status mapped = file.Map(kind.size);
   if (!mapped.Ok()) return {.failure = mapped};
-  if (!kind.ready(file.memory())) return {.failure = half, .worthTries = kTriesWhileHalfMade};
   return {.object = std::make_shared<SharedObject>(std::move(file))};
 }
 
@@ -232,5 +231,14 @@ SharedObject::~SharedObject() {
 }
 
 bool SharedObject::ClaimWriting() { return SetLock(file_->fd(), F_WRLCK, kWriterByte); }
+
+bool SharedObject::IsOpenElsewhere() const {
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_start = kUseByte;
+  lock.l_len = 1;
+  return ::fcntl(file_->fd(), F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
+}
 
 }  // namespace kinetrel

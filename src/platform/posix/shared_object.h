@@ -15,6 +15,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/posix/shared_mutex.h"
 #include "platform/status.h"
 
 namespace kinetrel {
@@ -25,9 +26,6 @@ struct ObjectKind {
 
   // Fills in fresh memory, all zero.
   Status (*prepare)(void*) = [](void*) { return Status{}; };
-
-  // Whether memory that another process made is filled in: it may have died before that.
-  bool (*ready)(void*) = [](void*) { return true; };
 };
 
 // One open and mapped file of the system's shared memory. The last user to let go removes it;
@@ -80,10 +78,17 @@ class SharedObject {
   // The lock on the second byte belongs to the process that writes.
   bool ClaimWriting();
 
+  bool IsOpenElsewhere() const;  // another process has it open
+  const std::string& path() const { return file_->path(); }
+
+  // The lock, where the object is a mutex.
+  SharedMutex& mutex() { return mutex_; }
+
  private:
   std::optional<SharedFile> file_;
   std::unique_ptr<std::uint64_t[]> own_;
   void* memory_;
+  SharedMutex mutex_{memory_};
 };
 
 }  // namespace kinetrel

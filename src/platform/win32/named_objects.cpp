@@ -43,7 +43,16 @@ bool NamedMutex::Lock(Milliseconds timeout) {
   return end == WaitEnd::Signalled || end == WaitEnd::Abandoned;
 }
 
-void NamedMutex::Unlock() { ::ReleaseMutex(object_->handle()); }
+bool NamedMutex::Unlock() { return ::ReleaseMutex(object_->handle()) != 0; }
+
+// The system keeps the content of its mutexes: no program overwrites it.
+bool NamedMutex::TakeRepaired() { return false; }
+
+std::uint32_t NamedMutex::OwnerNumber() const { return 0; }
+
+MutexOwner NamedMutex::FindOwner() const { return {}; }
+
+bool NamedMutex::TakeFrom(std::uint32_t) { return false; }
 
 // ---- Event -----------------------------------------------------------------------------------
 
