@@ -343,6 +343,55 @@ TEST_F(Sampling, NothingIsAllocatedPerFrame) {
   EXPECT_EQ(CountedAllocations(), 0);
 }
 
+// 31 naps of 0.99 s follow each frame: a stop and a control call do not wait for one of them.
+TEST_F(Sampling, StopsAndAnswersBetweenTwoPublications) {
+  script_.readFrame = Deliver(0x7FFFFFFF);
+  script_.frameRate = 1;
+  Start([](StartConfig& config) {
+    config.sensorMask = 0x7FFFFFFF;
+    config.streaming = 1;
+  });
+  AwaitFrames(1);
+  const auto promptly = [](const auto& act) {
+    const Deadline deadline(Milliseconds(700));
+    act();
+    return !deadline.Passed();
+  };
+  for (int i = 0; i < 5; ++i) {
+    int value = 0;
+    EXPECT_TRUE(promptly([&] { engine_->GetAttributeInt(3, &value); }));
+    EXPECT_TRUE(promptly([&] { engine_->ZeroAzimuth(); }));
+  }
+  EXPECT_TRUE(promptly([&] { engine_->StopSampling(true); }));
+}
+
+TEST_F(Sampling, ABinThatAClientKeepsIsSkippedAndSaid) {
+  script_.readFrame = Deliver(1);
+  Start();
+  const int other[3] = {slot_.device(), 1, 0};
+  ASSERT_TRUE(engine_->SetMapping(other, 0));
+  AwaitFrames(3);
+  SharedTrackReader goesOn(slot_.device());
+  ASSERT_TRUE(goesOn.OpenOnly(1));
+  ASSERT_TRUE(reader_.Lock(Milliseconds(1000)));
+  const std::string where = "SharedMemory(" + std::to_string(slot_.slot()) + "), bin 0";
+  const auto said = [&](const std::string& text) {
+    return WaitUntil([&] { return LogOf(*engine_).find(text) != std::string::npos; });
+  };
+  EXPECT_TRUE(said(") holds " + where));
+  const int before = goesOn.block()->frameCount;
+  EXPECT_TRUE(WaitUntil([&] { return goesOn.block()->frameCount > before + 20; }));
+  const int kept = reader_.block()->frameCount;
+  reader_.Unlock();
+  EXPECT_TRUE(said(where + " is free again"));
+  AwaitFrames(kept + 1);
+  ASSERT_TRUE(reader_.Lock(Milliseconds(1000)));
+  const Deadline soon(Milliseconds(2500));
+  engine_->Close();
+  EXPECT_FALSE(soon.Passed());
+  reader_.Unlock();
+}
+
 // A device that does not come back from a read: the stop gives up after its time, and the next run
 // has the blocks to itself when the thread comes back at last.
 TEST_F(Sampling, AHungDeviceIsAbandonedNotCrashed) {

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <optional>
 
@@ -19,7 +20,7 @@ constexpr Milliseconds kLong{20000};
 constexpr Milliseconds kShort{50};
 constexpr Milliseconds kNow{0};
 
-// A device number of one's own, and commands to peers that name it.
+// A device number of this test's own, and commands to peers that name it.
 class SharedTracks : public testing::Test {
  protected:
   int device() const { return slot_.device(); }
@@ -188,7 +189,7 @@ TEST_F(SharedTracks, DoNothingOnWhatIsClosed) {
   EXPECT_FALSE(writer.Lock(kForever));
 }
 
-TEST_F(SharedTracks, ABinThatCannotBeHadIsNeverTheCurrentOne) {
+TEST_F(SharedTracks, ABinThatCannotBeOpenedIsNeverTheCurrentOne) {
   const Result<NamedMemory> inTheWay = NamedMemory::Open(BlockName(device(), 0), 8);
   SharedTrackWriter writer(device(), 3);
   ASSERT_TRUE(writer.OpenAll());
@@ -235,7 +236,7 @@ TEST_F(SharedTracks, LockThatTimesOutLeavesTheBlockUntouched) {
   EXPECT_FALSE(writer.Lock(kShort));
   EXPECT_EQ(std::memcmp(&before, writer.block(), sizeof before), 0);
   SharedTrackReader other(device());
-  ASSERT_TRUE(other.OpenOnly(0)) << "opening waits for nobody";
+  ASSERT_TRUE(other.OpenOnly(0)) << "opening does not wait for the mutex";
 }
 
 TEST_F(SharedTracks, PublishCountsAndDates) {
@@ -255,6 +256,71 @@ TEST_F(SharedTracks, PublishCountsAndDates) {
     EXPECT_GE(writer.block()->publishTime, writer.block()->sampleTime);
     EXPECT_LE(writer.block()->publishTime, writer.timer().ElapsedSeconds());
   }
+}
+
+// ---- A client that keeps the mutex --------------------------------------------------------------
+
+double SecondsOf(const std::function<void()>& act) {
+  const std::int64_t start = ClockTicks();
+  act();
+  return static_cast<double>(ClockTicks() - start) / static_cast<double>(ClockTicksPerSecond());
+}
+
+TEST_F(SharedTracks, ABinThatAClientKeepsIsSkippedAndComesBack) {
+  SharedTrackWriter writer(device(), 2);
+  ASSERT_TRUE(writer.OpenAll());
+  Peer client;
+  client.Ask(Reader(0));
+  ASSERT_EQ(client.Ask("lockbin 0"), "yes");
+  EXPECT_LT(SecondsOf([&] { EXPECT_FALSE(writer.Enter()); }), 1.0);
+  const std::optional<BinNews> held = writer.TakeNews();
+  ASSERT_TRUE(held.has_value());
+  EXPECT_EQ(held->kind, BinNews::Kind::Held);
+  EXPECT_TRUE(held->process == client.pid() || held->process == 0);
+  const double again = SecondsOf([&] {
+    for (int i = 0; i < 1000; ++i) EXPECT_FALSE(writer.Enter());
+  });
+  EXPECT_LT(again, 1.0) << "it only tries";
+  writer.SelectBin(1);
+  EXPECT_TRUE(writer.Enter()) << "the others go on";
+  writer.Leave();
+  EXPECT_FALSE(writer.TakeNews().has_value()) << "said once";
+
+  writer.SelectBin(0);
+  client.Kill();
+  EXPECT_TRUE(WaitUntil([&] { return writer.Enter(); }));
+  writer.Leave();
+  const std::optional<BinNews> freed = writer.TakeNews();
+  ASSERT_TRUE(freed.has_value());
+  EXPECT_EQ(freed->kind, BinNews::Kind::Free);
+}
+
+TEST_F(SharedTracks, AWriterStartsAndClosesWhileAClientKeepsTheMutex) {
+  Peer client;
+  client.Ask(Reader(0));
+  client.Ask("lockbin 0");
+  SharedTrackWriter writer(device(), 16);
+  EXPECT_LT(SecondsOf([&] { EXPECT_TRUE(writer.OpenAll()); }), 2.0);
+  EXPECT_LT(SecondsOf([&] { writer.CloseAll(); }), 2.0);
+  ASSERT_TRUE(writer.OpenAll());
+  client.Kill();
+  EXPECT_TRUE(WaitUntil([&] { return writer.Enter(); }));
+  EXPECT_EQ(writer.block()->writerPresent, 1) << "initialised as soon as it could be";
+  writer.Leave();
+}
+
+TEST_F(SharedTracks, ClosingLeavesTheLastFrameAsPublished) {
+  SharedTrackReader reader(device());
+  ASSERT_TRUE(reader.OpenOnly(0));
+  SharedTrackWriter writer(device(), 1);
+  ASSERT_TRUE(writer.OpenAll());
+  ASSERT_TRUE(writer.Enter());
+  writer.block()->sampleTime = 0.25;
+  writer.Publish(0);
+  writer.Leave();
+  writer.CloseAll();
+  EXPECT_EQ(reader.block()->writerPresent, 0);
+  EXPECT_EQ(reader.block()->sampleTime, 0.25);
 }
 
 // ---- Waiting for frames -----------------------------------------------------------------------
@@ -278,7 +344,7 @@ TEST_F(SharedTracks, WaitForFrameAnswersAtOnceWhatIsKnown) {
   Peer holder;
   holder.Ask(Reader(0));
   holder.Ask("lockbin 0");
-  EXPECT_FALSE(reader.WaitForFrame(0, kShort)) << "the mutex is not to be had";
+  EXPECT_FALSE(reader.WaitForFrame(0, kShort)) << "another process holds the mutex";
   SharedTrackReader eventless(device());
   ASSERT_TRUE(eventless.OpenBin(0));
   EXPECT_FALSE(eventless.WaitForFrame(0, kForever));

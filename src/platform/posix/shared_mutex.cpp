@@ -181,7 +181,7 @@ void SharedMutex::Sleep(const ThisThread& self, std::uint32_t seen, Milliseconds
   const bool namesake = OwnerIn(seen) == self.number;
   void* const entry = self.pending();
   if (namesake) self.SetPending(nullptr);
-  const timespec end = After(CLOCK_MONOTONIC, std::min(timeout, kLongestSleep));
+  const timespec end = MomentAfter(CLOCK_MONOTONIC, std::min(timeout, kLongestSleep));
   ::syscall(SYS_futex, memory_, FUTEX_WAIT_BITSET, seen, &end, nullptr, FUTEX_BITSET_MATCH_ANY);
   if (namesake) self.SetPending(entry);
 }
