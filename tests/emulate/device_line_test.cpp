@@ -123,7 +123,7 @@ std::string Letters(std::string_view counts) {
   return text;
 }
 
-TEST_P(Faults, StrikeWhereTheyAreWanted) {
+TEST_P(Faults, OccurWhereTheRulesSay) {
   LineOptions options = With({});
   for (const char* const rule : GetParam().rules) options.faults.push_back(*ParseFaultRule(rule));
   std::string got = BeaconAt(options).Collect(milliseconds(450));
@@ -169,7 +169,7 @@ TEST(Faults, ReachTheDeviceAndThePort) {
   EXPECT_FALSE(bench->TakePortFault());
 }
 
-TEST(Faults, RulesThatAreNoneAreRefused) {
+TEST(Faults, BadRulesAreRefused) {
   for (const char* const text :
        {"",        "cut",      "@5s",       "cut@",         "cut@5",        "cut@-1s",
         "cut@/0s", "cut@#0",   "cut@#1.5",  "cut@/#0",      "cut@101%",     "cut@nan%",
@@ -183,7 +183,7 @@ TEST(Faults, RulesThatAreNoneAreRefused) {
 
 // ---- Rates that differ -------------------------------------------------------------------------
 
-TEST(DeviceLine, AtDifferentRatesBothHearNoise) {
+TEST(DeviceLine, AtDifferentRatesBothSidesReceiveNoise) {
   DeviceBench bench = BeaconAt({19200});
   bench->SetHostBaud(bench.now(), 9600);
   EXPECT_NE(bench.Ask("hello", milliseconds(50)), "hello");

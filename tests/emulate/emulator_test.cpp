@@ -88,7 +88,7 @@ class Host {
 
 constexpr std::size_t kStatusLength = 55;
 
-TEST(Emulator, WhatIsSentToNobodyWaitsForNobody) {
+TEST(Emulator, RecordsWithoutAHostAreDropped) {
   const EmulatorThread emulator = StartFastrak({}, {.receivers = 1});
   { Host(emulator->Port()).Ask("uC", 100); }
   const std::uint64_t sent = emulator->RecordsSent();
@@ -99,7 +99,7 @@ TEST(Emulator, WhatIsSentToNobodyWaitsForNobody) {
   EXPECT_GT(RampFrame(std::stod(text.substr(record + 5, 7)), -50), sent + 50);
 }
 
-TEST(Emulator, UnpluggedThePortIsGoneAndComesBackUnderItsLink) {
+TEST(Emulator, UnpluggedPortComesBackUnderItsLink) {
   const std::string link = LinkName("replug");
   {
     const EmulatorThread emulator = StartFastrak({.link = link});
@@ -133,7 +133,7 @@ TEST(Emulator, ALinkNeverReplacesAFile) {
 
 // ---- The program -------------------------------------------------------------------------------
 
-TEST(KinetrelEmulate, TellsItsPortShowsCommandsAndEndsCleanly) {
+TEST(KinetrelEmulate, PrintsItsPortShowsCommandsAndEndsCleanly) {
   const std::string link = LinkName("program");
   ChildProcess program("kinetrel-emulate",
                        {"fastrak", "--show", "--link", link, "--motion=hold:1,2,3",
@@ -152,7 +152,7 @@ TEST(KinetrelEmulate, TellsItsPortShowsCommandsAndEndsCleanly) {
   EXPECT_FALSE(std::filesystem::is_symlink(link));
 }
 
-TEST(KinetrelEmulate, RefusesWhatItDoesNotKnow) {
+TEST(KinetrelEmulate, RefusesUnknownArguments) {
   struct Case {
     std::vector<std::string> arguments;
     const char* complaint;

@@ -92,14 +92,14 @@ INSTANTIATE_TEST_SUITE_P(
              {"R1\r", ""},
              {"y2\r", ""},
              {"KUF", ""}}},
-        Dialogue{"WhatIsWrongIsRefused",
+        Dialogue{"BadCommandsAreRefused",
                  {.receivers = 1},
                  {{"l5,1\r", "21E*ERROR* EC -99 l5,1\r\n"},
                   {"O1,x\r", "21E*ERROR* EC -99 O1,x\r\n"},
                   {"A1,0,0,0,0,0,0,0,0,0\r", "21E*ERROR* EC -99 A1,0,0,0,0,0,0,0,0,0\r\n"},
                   {"Qzz\x81", "21E*ERROR* EC -99 Q\r\n"},
                   {"\rl1\r", "21l1000\r\n"}}},
-        Dialogue{"AHalfCommandIsEndedByTheNext",
+        Dialogue{"NextCommandEndsAHalfCommand",
                  {.start = FastrakStart::HalfCommand, .receivers = 1},
                  {{"c\r", "21E*ERROR* EC -99 O1,2,c\r\n"}, {"P", "01 " + kAscii}}},
         Dialogue{"IsoTrak2NamesNoStations",
@@ -195,7 +195,7 @@ TEST(FastrakStream, APollIsNeverAnsweredWithAnOldFrame) {
 
 // ---- Unexpected states -------------------------------------------------------------------------
 
-TEST(FastrakStarts, ReinitializingTakesItsTimeAndAnswersWhatCameMeanwhile) {
+TEST(FastrakStarts, RestartAnswersLaterWhatCameMeanwhile) {
   DeviceBench bench =
       Fastrak({.start = FastrakStart::Streaming, .receivers = 1, .resetTime = seconds(3)});
   bench.Collect(milliseconds(100));

@@ -23,7 +23,7 @@ TEST(Motion, ACircleHasItsRadiusAndPeriod) {
   }
 }
 
-TEST(Motion, ATextThatIsNoneTellsWhy) {
+TEST(Motion, BadTextIsRefusedWithAReason) {
   EXPECT_EQ(ParseMotion("hold:1,2,3,4,5,6").motion->At(9, 9, 9), (MotionPose{1, 2, 3, 4, 5, 6}));
   EXPECT_EQ(ParseMotion("hold: -1, 2.5 ,3").motion->At(0, 0, 0), (MotionPose{-1, 2.5, 3}));
   for (const char* const text :
@@ -66,7 +66,7 @@ TEST(MotionFile, RowsAreFramesWithoutATime) {
   EXPECT_EQ(framed->At(0, 11, 0).x, 1);
 }
 
-TEST(MotionFile, WhatIsWrongNamesItsLine) {
+TEST(MotionFile, BadRowsAreReportedWithTheirLine) {
   for (const auto& [text, complaint] :
        std::vector<std::pair<std::string, std::string>>{{"", "no poses"},
                                                         {"x,y\n", "no poses"},

@@ -42,7 +42,7 @@ long Sleeps(pid_t process) {
   return -1;
 }
 
-TEST_F(WatchProcess, HardlyWakesWhileNothingComes) {
+TEST_F(WatchProcess, RarelyWakesWithoutFrames) {
   OpenTracker();
   const auto watch = Start();
   ASSERT_TRUE(PublishUntilShown(*watch));

@@ -38,7 +38,7 @@ TEST_F(Watch, GoesOnWhenTheTrackerComesBack) {
   EXPECT_TRUE(watch->ExpectError("frames from Test tracker"));
 }
 
-TEST_F(Watch, FollowsACountThatGoesRound) {
+TEST_F(Watch, FollowsACountThatWrapsAround) {
   OpenTracker();
   const auto watch = Start();
   ASSERT_TRUE(PublishUntilShown(*watch));

@@ -77,7 +77,7 @@ struct StateCase {
   bool poses;
 };
 
-TEST(TableView, TellsTheStateAndNoRateOfASilentTracker) {
+TEST(TableView, ShowsTheStateAndNoRateOfASilentTracker) {
   const StateCase rows[] = {
       {TrackerState::Awaited, "waiting for a tracker on slot 2 ...", false},
       {TrackerState::Starting, "waiting for the next frame ...", true},
