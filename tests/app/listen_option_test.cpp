@@ -1,5 +1,5 @@
 #include "app/listen_option.h"
-#include "tests/support/environment.h"
+#include "tests/support/child_process.h"
 
 #include <gtest/gtest.h>
 

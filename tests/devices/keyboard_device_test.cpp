@@ -157,6 +157,20 @@ TEST(KeyboardDevice, ReportsItsIdentity) {
   EXPECT_EQ(device.portStatus(), PortStatus::Simulated);
 }
 
+TEST(KeyboardDevice, ResetAndQuery) {
+  KeyboardDevice device;
+  device.SetSensorMask(0xF0, 0);
+  EXPECT_EQ(device.Boot(1), kBooted);
+  EXPECT_EQ(device.GetProtocol(), 1);
+  EXPECT_EQ(device.GetComponentMask(), 7U);
+  EXPECT_EQ(device.GetSensorMask(), 1U);
+  EXPECT_EQ(device.GetStatusCode(), 0);
+  char text[8] = "as was";
+  EXPECT_NE(device.QueryStatus(text, sizeof text), 0);
+  EXPECT_STREQ(text, "as was");
+  EXPECT_EQ(device.GetStatusCode(), 8);
+}
+
 TEST(KeyboardDevice, MasksFollowTheSensorCountAndMarkTheSteeredSensor) {
   struct Row {
     unsigned mask;
@@ -214,6 +228,11 @@ struct Story {
   bool acted = true;
 };
 
+Story Told(const char* name, std::vector<Key> keys, std::string printed, Pose pose,
+           bool acted = true) {
+  return {name, std::move(keys), std::move(printed), pose, acted};
+}
+
 class KeyboardStory : public testing::TestWithParam<Story> {};
 
 TEST_P(KeyboardStory, PrintsAndMoves) {
@@ -232,56 +251,44 @@ constexpr float kRightAngle = 1.5707963F;
 INSTANTIATE_TEST_SUITE_P(
     Steering, KeyboardStory,
     testing::Values(
-        Story{"ThreeTimesUp",
-              Pressed({ExtendedKey::Up, ExtendedKey::Up, ExtendedKey::Up}),
-              "\r(  1.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]"
-              "\r(  2.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]"
-              "\r(  3.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]",
-              {3.0F}},
-        Story{"LargerStepsByALargerFactor",
-              Typed("+\t="),
-              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.10, 5.7,0.10]"
-              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.10, 5.7,0.15]"
-              "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.26, 5.7,0.15]",
-              {}},
-        Story{"UnknownKeys", Typed("q\x01"), "\nKey(q) = 113\nKey(\x01) = 1", {}, false},
-        Story{"UnknownExtendedKey", Pressed({ExtendedKey::Home}), "\nKey = 0x47", {}, false}),
+        Told("ThreeTimesUp", Pressed({ExtendedKey::Up, ExtendedKey::Up, ExtendedKey::Up}),
+             "\r(  1.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]"
+             "\r(  2.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]"
+             "\r(  3.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.00, 5.7,0.10]",
+             {3.0F}),
+        Told("LargerStepsByALargerFactor", Typed("+\t="),
+             "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.10, 5.7,0.10]"
+             "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.10, 5.7,0.15]"
+             "\r(  0.000,  0.000,  0.000;   0.0,   0.0,   0.0) [1.26, 5.7,0.15]",
+             {}),
+        Told("UnknownKeys", Typed("q\x01"), "\nKey(q) = 113\nKey(\x01) = 1", {}, false),
+        Told("UnknownExtendedKey", Pressed({ExtendedKey::Home}), "\nKey = 0x47", {}, false)),
     Name);
 
 INSTANTIATE_TEST_SUITE_P(
     Editing, KeyboardStory,
     testing::Values(
-        Story{"Number",
-              Typed("x12.5\r"),
-              Prompts("X", {"", "1", "12", "12.", "12.5"}) + "\rNew value for X = 12.500000\n",
-              {12.5F}},
-        Story{"AngleInDegrees",
-              Typed("E-90\n"),
-              Prompts("PITCH", {"", "-", "-9", "-90"}) + "\rNew value for PITCH = -90.000000\n",
-              {0.0F, 0.0F, 0.0F, 0.0F, -kRightAngle}},
-        Story{"Corrected",
-              Typed("\x79\b4\b5\r"),
-              Prompts("Y", {"", "", "4", "", "5"}) + "\rNew value for Y = 5.000000\n",
-              {0.0F, 5.0F}},
-        Story{"Nothing",
-              Typed("a\r"),
-              Prompts("YAW", {""}) + "\rNo value stored" + std::string(45, ' ') + "\r",
-              {}},
-        Story{"SeparatorsAreForVectorsOnly",
-              Typed("z,1;\r"),
-              Prompts("Z", {"", "", "1", "1"}) + "\rNew value for Z = 1.000000\n",
-              {0.0F, 0.0F, 1.0F}},
-        Story{"UnknownKeyIsIgnored", Typed("x1q"), Prompts("X", {"", "1"}), {}, false},
-        Story{"SameFieldAgainGoesOn",
-              Typed("x1x2\r"),
-              Prompts("X", {"", "1", "1", "12"}) + "\rNew value for X = 12.000000\n",
-              {12.0F}},
-        Story{"SameFieldAfterEnterBeginsAnew",
-              Typed("x1\rx\r"),
-              Prompts("X", {"", "1"}) + "\rNew value for X = 1.000000\n" + Prompts("X", {""}) +
-                  "\rNo value stored" + std::string(45, ' ') + "\r",
-              {1.0F}},
-        Story{"EnterWithoutEditor", Typed("\r"), "\nKey(\r) = 13", {}, false}),
+        Told("Number", Typed("x12.5\r"),
+             Prompts("X", {"", "1", "12", "12.", "12.5"}) + "\rNew value for X = 12.500000\n",
+             {12.5F}),
+        Told("AngleInDegrees", Typed("E-90\n"),
+             Prompts("PITCH", {"", "-", "-9", "-90"}) + "\rNew value for PITCH = -90.000000\n",
+             {0.0F, 0.0F, 0.0F, 0.0F, -kRightAngle}),
+        Told("Corrected", Typed("\x79\b4\b5\r"),
+             Prompts("Y", {"", "", "4", "", "5"}) + "\rNew value for Y = 5.000000\n", {0.0F, 5.0F}),
+        Told("Nothing", Typed("a\r"),
+             Prompts("YAW", {""}) + "\rNo value stored" + std::string(45, ' ') + "\r", {}),
+        Told("SeparatorsAreForVectorsOnly", Typed("z,1;\r"),
+             Prompts("Z", {"", "", "1", "1"}) + "\rNew value for Z = 1.000000\n",
+             {0.0F, 0.0F, 1.0F}),
+        Told("UnknownKeyIsIgnored", Typed("x1q"), Prompts("X", {"", "1"}), {}, false),
+        Told("SameFieldAgainGoesOn", Typed("x1x2\r"),
+             Prompts("X", {"", "1", "1", "12"}) + "\rNew value for X = 12.000000\n", {12.0F}),
+        Told("SameFieldAfterEnterBeginsAnew", Typed("x1\rx\r"),
+             Prompts("X", {"", "1"}) + "\rNew value for X = 1.000000\n" + Prompts("X", {""}) +
+                 "\rNo value stored" + std::string(45, ' ') + "\r",
+             {1.0F}),
+        Told("EnterWithoutEditor", Typed("\r"), "\nKey(\r) = 13", {}, false)),
     Name);
 
 TEST(KeyboardEditor, WholePose) {
@@ -314,6 +321,13 @@ TEST(KeyboardEditor, KeepsThirtyOneCharacters) {
   KeyboardDevice device;
   const std::string all = Printed([&] { Feed(device, Typed("x" + std::string(40, '9'))); });
   EXPECT_TRUE(all.ends_with(": " + std::string(31, '9') + " \b")) << all;
+}
+
+TEST(KeyboardEditor, RefusesFieldsThatDoNotExist) {
+  KeyboardDevice device;
+  EXPECT_FALSE(device.EnterValue(static_cast<Field>(8), 0));
+  EXPECT_FALSE(device.EnterValue(static_cast<Field>(-1), '1'));
+  EXPECT_FALSE(device.EnterValue(Field::None, '\r'));
 }
 
 TEST(KeyboardKeys, EveryMoveAndItsOpposite) {

@@ -277,6 +277,18 @@ INSTANTIATE_TEST_SUITE_P(
                     StringRead{"NoRoom", "A\n", 0, 0, "########"}),
     [](const auto& row) { return std::string(row.param.name); });
 
+TEST_F(OpenSerialPort, PurgingDiscardsReceivedBytes) {
+  far_.Send("old");
+  ASSERT_TRUE(port_.WaitForRX(kLongMs, 3));
+  port_.PurgeAll();
+  EXPECT_EQ(port_.InputQueueLength(), 0U);
+  far_.Send("new");
+  ASSERT_TRUE(port_.WaitForRX(kLongMs, 3));
+  char bytes[3] = {};
+  EXPECT_TRUE(port_.Read(bytes, 3));
+  EXPECT_EQ(std::string(bytes, 3), "new");
+}
+
 // ---- Waiting -------------------------------------------------------------------------------
 
 TEST_F(OpenSerialPort, AWaitWithoutATimeoutIsForAnyByte) {
@@ -288,6 +300,12 @@ TEST_F(OpenSerialPort, AWaitWithoutATimeoutIsForAnyByte) {
   EXPECT_TRUE(port_.WaitForRX(0, 4));
   EXPECT_GE(MillisecondsSince(start), 40);
   device.join();
+}
+
+TEST_F(OpenSerialPort, AWaitForNoBytesReturnsAtOnce) {
+  const std::int64_t start = ClockTicks();
+  EXPECT_TRUE(port_.WaitForRX(kLongMs, 0));
+  EXPECT_LT(MillisecondsSince(start), kSoon);
 }
 
 TEST(SerialPort, AWaitWithoutAHandleSleeps) {

@@ -243,6 +243,19 @@ TEST_F(TrackerOnALine, ModeBytesGoOutOnlyOnceBooted) {
   EXPECT_EQ(Sent(), "");
 }
 
+TEST_F(TrackerOnALine, APollStopsAStreamOnce) {
+  device_.SetModeBytes('C', 'P', 'c', 0);
+  device_.Boot(0);
+  device_.Poll();
+  EXPECT_EQ(Sent(), "P");
+  device_.StartContinuous();
+  EXPECT_EQ(Sent(), "C");
+  device_.Poll();
+  EXPECT_EQ(Sent(), "cP");
+  device_.Poll();
+  EXPECT_EQ(Sent(), "P");
+}
+
 // ---- Time ----------------------------------------------------------------------------------
 
 TEST(TrackerDevice, SecondsRunFromTheTimeOrigin) {

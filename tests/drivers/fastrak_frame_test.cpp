@@ -44,6 +44,17 @@ struct Story {
   bool streamed = true;
 };
 
+Story Streamed(const char* name, Script sent, std::vector<unsigned> frames, std::vector<float> x,
+               std::vector<std::string> logged = {}, unsigned stations = 1, bool crLf = false) {
+  return {name, std::move(sent), std::move(frames), std::move(x), std::move(logged), stations,
+          crLf};
+}
+Story Polled(const char* name, Script sent, std::vector<unsigned> frames, std::vector<float> x,
+             std::vector<std::string> logged = {}) {
+  return {name, std::move(sent), std::move(frames), std::move(x), std::move(logged), 1, false,
+          false};
+}
+
 class FastrakStories : public FastrakTest, public testing::WithParamInterface<Story> {
  protected:
   void Prepare() {
@@ -86,20 +97,17 @@ const std::string kFourWhole = Record(1, 1) + Record(2, 2) + Record(3, 3) + Reco
 INSTANTIATE_TEST_SUITE_P(
     Clean, FastrakStories,
     testing::Values(
-        Story{"PolledRecord", Send(kOneWhole), {1}, {5}, {}, 1, false, false},
-        Story{"FourStations", Send(kFourWhole + kFourWhole), {15, 15}, {1, 2, 3, 4}, {}, 15},
+        Polled("PolledRecord", Send(kOneWhole), {1}, {5}, {}),
+        Streamed("FourStations", Send(kFourWhole + kFourWhole), {15, 15}, {1, 2, 3, 4}, {}, 15),
         // A value looks like a head, and a head follows the record: the record is whole.
-        Story{"LooksLikeAHead",
-              Send("01 " + "01 \x41"s + kOneWhole.substr(7) + kOneWhole),
-              {1, 1},
-              {5}},
+        Streamed("LooksLikeAHead", Send("01 " + "01 \x41"s + kOneWhole.substr(7) + kOneWhole),
+                 {1, 1}, {5}),
         // The same at the end of a stream: no other record can have cut it.
-        Story{"LooksLikeAHeadThenSilence",
-              Send("01 " + F32(5) + F32(-20) + F32(3) + F32(90) + F32(-45) +
-                   "\x80"
-                   "01 "),
-              {1},
-              {5}}),
+        Streamed("LooksLikeAHeadThenSilence",
+                 Send("01 " + F32(5) + F32(-20) + F32(3) + F32(90) + F32(-45) +
+                      "\x80"
+                      "01 "),
+                 {1}, {5})),
     [](const auto& row) { return std::string(row.param.name); });
 
 const std::string kNoHead = "-1 Read Head failed.  0/2.";
@@ -108,90 +116,55 @@ const std::string kCut = "-1 Read Record failed.  Another one begins in it.";
 INSTANTIATE_TEST_SUITE_P(
     Damaged, FastrakStories,
     testing::Values(
-        Story{"NoiseBefore", Send("\x11\x30\x99 xx0" + kOneWhole), {1}, {5}},
-        Story{"NoiseOfAHeadsFirstByte", Send("0000" + kOneWhole), {1}, {5}},
-        Story{"TooMuchNoise",
-              Send(std::string(57, 'x') + kOneWhole),
-              {0, 1},
-              {5},
-              {"-1 Read Head failed.  Record Length too long 29/27."}},
-        Story{"Silence", {}, {0}, {0}, {kNoHead}},
-        Story{"CutThenSilence",
-              Send(kOneWhole.substr(0, 17)),
-              {0},
-              {0},
-              {"-1 read_32 failed: 1. 2/4"},
-              1,
-              false,
-              false},
-        Story{"CutThenAnother", Send(kOneWhole.substr(0, 17) + Record(1, 6)), {0, 1}, {6}, {kCut}},
-        Story{
-            "CutByItsLastByte", Send(kOneWhole.substr(0, 26) + Record(1, 6)), {0, 1}, {6}, {kCut}},
-        Story{"SecondOfFourCut",
-              Send(Record(1, 1) + Record(2, 2).substr(0, 8) + Record(3, 3) + Record(4, 4) +
-                   kFourWhole),
-              {13, 15},
-              {1, 2, 3, 4},
-              {kCut},
-              15},
-        Story{"SecondOfFourMissing",
-              Send(Record(1, 1) + Record(3, 3) + Record(4, 4) + kFourWhole),
-              {13, 15},
-              {1, 2, 3, 4},
-              {"-1 Read Head failed.  1/2."},
-              15},
-        Story{"LastOfFourMissing",
-              Send(Record(1, 1) + Record(2, 2) + Record(3, 3) + kFourWhole),
-              {7, 15},
-              {1, 2, 3, 4},
-              {"-1 Read Head failed.  1/2."},
-              15},
-        Story{"RecordsOfOthers",
-              Send(kFourWhole + Record(2, 2) + Record(4, 4) + Record(3, 3) + Record(1, 6)),
-              {1, 1},
-              {6}},
-        Story{"HeadOfTheSecondCutOff",
-              Send(Record(1, 1) + Record(2, 2).substr(3) + Record(3, 3) + Record(4, 4)),
-              {13},
-              {1, 0, 3, 4},
-              {"-1 Read Head failed.  1/2."},
-              15},
-        Story{"TailWrong",
-              Send(kOneWhole + "\r\r" + Ended(Record(1, 6))),
-              {0, 1},
-              {6},
-              {"-1 Read tail: Tail != 0x0A0D."},
-              1,
-              true},
-        Story{"CutWithTails",
-              Send(Ended(Record(1, 1).substr(0, 12)) + Ended(Record(2, 2)) + Ended(Record(1, 6)) +
-                   Ended(Record(2, 7))),
-              {2, 3},
-              {6, 7},
-              {"-1 Read tail: Tail != 0x0A0D."},
-              3,
-              true},
-        Story{"NotANumber",
-              Send("01 " + F32(NAN) + kOneWhole.substr(7) + Record(1, 6)),
-              {0, 1},
-              {6},
-              {"-1 read_32 failed: not a number."}},
-        Story{"Unplugged", Send(kOneWhole) + Wait(50ms) + HangUp(), {1, 0}, {5}, {kNoHead}}),
+        Streamed("NoiseBefore", Send("\x11\x30\x99 xx0" + kOneWhole), {1}, {5}),
+        Streamed("NoiseOfAHeadsFirstByte", Send("0000" + kOneWhole), {1}, {5}),
+        Streamed("TooMuchNoise", Send(std::string(57, 'x') + kOneWhole), {0, 1}, {5},
+                 {"-1 Read Head failed.  Record Length too long 29/27."}),
+        Streamed("Silence", {}, {0}, {0}, {kNoHead}),
+        Polled("CutThenSilence", Send(kOneWhole.substr(0, 17)), {0}, {0},
+               {"-1 read_32 failed: 1. 2/4"}),
+        Streamed("CutThenAnother", Send(kOneWhole.substr(0, 17) + Record(1, 6)), {0, 1}, {6},
+                 {kCut}),
+        Streamed("CutByItsLastByte", Send(kOneWhole.substr(0, 26) + Record(1, 6)), {0, 1}, {6},
+                 {kCut}),
+        Streamed("SecondOfFourCut",
+                 Send(Record(1, 1) + Record(2, 2).substr(0, 8) + Record(3, 3) + Record(4, 4) +
+                      kFourWhole),
+                 {13, 15}, {1, 2, 3, 4}, {kCut}, 15),
+        Streamed("SecondOfFourMissing",
+                 Send(Record(1, 1) + Record(3, 3) + Record(4, 4) + kFourWhole), {13, 15},
+                 {1, 2, 3, 4}, {"-1 Read Head failed.  1/2."}, 15),
+        Streamed("LastOfFourMissing", Send(Record(1, 1) + Record(2, 2) + Record(3, 3) + kFourWhole),
+                 {7, 15}, {1, 2, 3, 4}, {"-1 Read Head failed.  1/2."}, 15),
+        Streamed("RecordsOfOthers",
+                 Send(kFourWhole + Record(2, 2) + Record(4, 4) + Record(3, 3) + Record(1, 6)),
+                 {1, 1}, {6}),
+        Streamed("HeadOfTheSecondCutOff",
+                 Send(Record(1, 1) + Record(2, 2).substr(3) + Record(3, 3) + Record(4, 4)), {13},
+                 {1, 0, 3, 4}, {"-1 Read Head failed.  1/2."}, 15),
+        Streamed("TailWrong", Send(kOneWhole + "\r\r" + Ended(Record(1, 6))), {0, 1}, {6},
+                 {"-1 Read tail: Tail != 0x0A0D."}, 1, true),
+        Streamed("CutWithTails",
+                 Send(Ended(Record(1, 1).substr(0, 12)) + Ended(Record(2, 2)) +
+                      Ended(Record(1, 6)) + Ended(Record(2, 7))),
+                 {2, 3}, {6, 7}, {"-1 Read tail: Tail != 0x0A0D."}, 3, true),
+        Streamed("NotANumber", Send("01 " + F32(NAN) + kOneWhole.substr(7) + Record(1, 6)), {0, 1},
+                 {6}, {"-1 read_32 failed: not a number."}),
+        Streamed("Unplugged", Send(kOneWhole) + Wait(50ms) + HangUp(), {1, 0}, {5}, {kNoHead})),
     [](const auto& row) { return std::string(row.param.name); });
 
-INSTANTIATE_TEST_SUITE_P(TestErrors, FastrakStories,
-                         testing::Values(Story{
-                             "ComeAndGo",
+INSTANTIATE_TEST_SUITE_P(
+    TestErrors, FastrakStories,
+    testing::Values(Streamed("ComeAndGo",
                              Send(Record(1, 1) + Record(2, 2) + Record(1, 1, 'A') + Record(2, 2) +
                                   Record(1, 1, 'A') + Record(2, 2) + Record(1, 1, 'k') +
                                   Record(2, 2) + Record(1, 1) + Record(2, 2)),
-                             {3, 3, 3, 3, 3},
-                             {1, 2},
+                             {3, 3, 3, 3, 3}, {1, 2},
                              {"-65 Sensor 1: Error #65: X Driver Linearity (after 1 valid samples)",
                               "-107 Sensor 1: Error #107: A Low Signal (after 2 valid samples)",
                               "0 Sensor 1: No Errors.  (after 1 error samples)"},
-                             3}),
-                         [](const auto& row) { return std::string(row.param.name); });
+                             3)),
+    [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(BootedFastrak, A14BitRecordOutOfStepSpoilsTheFrame) {
   device_->SetProtocol(1);

@@ -29,6 +29,11 @@ struct Decoding {
   std::vector<float> values;
 };
 
+Decoding Read(const char* name, FastrakLayout layout, int units, std::string body, int result,
+              std::vector<float> values) {
+  return {name, layout, units, std::move(body), result, std::move(values)};
+}
+
 class FastrakDecoding : public testing::TestWithParam<Decoding> {};
 
 // In place of a count: the record is out of step.
@@ -86,55 +91,32 @@ constexpr int kBelowFlag = 0x40000;
 INSTANTIATE_TEST_SUITE_P(
     Bits32, FastrakDecoding,
     testing::Values(
-        Decoding{"PositionAndAngles",
-                 {Bits32, kPosition | kEuler},
-                 1,
-                 kOne + kMinusTwo + kFourHundred + kNinety + kMinusTwo + kOne,
-                 6 | kAboveFlag,
-                 {1, -2, 360, 1.5707963F, -0.034906585F, 0.017453292F}},
-        Decoding{"AnglesBeyondATurn",
-                 {Bits32, kEuler},
-                 1,
-                 kFourHundred + kMinusFourHundred + kTiny,
-                 3 | kTinyFlag | kAboveFlag | kBelowFlag,
-                 {0, 0, 0, 0, 0, 0}},
-        Decoding{"QuaternionAlone",
-                 {Bits32, kQuaternion},
-                 3,
-                 kOne + kMinusTwo + kOne + kMinusTwo,
-                 4,
-                 {0, 0, 0, 0, 0, 0, 1, -2, 1, -2}},
-        Decoding{
-            "ZeroIsTiny", {Bits32, kPosition}, 1, kOne + kZero + kOne, 3 | kTinyFlag, {1, 0, 1}},
-        Decoding{"InfinityIsABound",
-                 {Bits32, kPosition},
-                 1,
-                 kOne + kOne + kInfinity,
-                 3 | kAboveFlag,
-                 {1, 1, 360}},
-        Decoding{"NotANumberEndsTheRecord",
-                 {Bits32, kPosition | kEuler},
-                 1,
-                 kOne + kNotANumber + kOne + kOne + kNotANumber + kOne,
-                 1,
-                 {}},
-        Decoding{"Short", {Bits32, kPosition}, 1, kOne + kOne + "\x00\x00"s, 2, {}},
-        Decoding{"Nothing", {Bits32, 0}, 1, "", 0, {}}),
+        Read("PositionAndAngles", {Bits32, kPosition | kEuler}, 1,
+             kOne + kMinusTwo + kFourHundred + kNinety + kMinusTwo + kOne, 6 | kAboveFlag,
+             {1, -2, 360, 1.5707963F, -0.034906585F, 0.017453292F}),
+        Read("AnglesBeyondATurn", {Bits32, kEuler}, 1, kFourHundred + kMinusFourHundred + kTiny,
+             3 | kTinyFlag | kAboveFlag | kBelowFlag, {0, 0, 0, 0, 0, 0}),
+        Read("QuaternionAlone", {Bits32, kQuaternion}, 3, kOne + kMinusTwo + kOne + kMinusTwo, 4,
+             {0, 0, 0, 0, 0, 0, 1, -2, 1, -2}),
+        Read("ZeroIsTiny", {Bits32, kPosition}, 1, kOne + kZero + kOne, 3 | kTinyFlag, {1, 0, 1}),
+        Read("InfinityIsABound", {Bits32, kPosition}, 1, kOne + kOne + kInfinity, 3 | kAboveFlag,
+             {1, 1, 360}),
+        Read("NotANumberEndsTheRecord", {Bits32, kPosition | kEuler}, 1,
+             kOne + kNotANumber + kOne + kOne + kNotANumber + kOne, 1, {}),
+        Read("Short", {Bits32, kPosition}, 1, kOne + kOne + "\x00\x00"s, 2, {}),
+        Read("Nothing", {Bits32, 0}, 1, "", 0, {})),
     [](const auto& row) { return std::string(row.param.name); });
 
 INSTANTIATE_TEST_SUITE_P(
     Bits14, FastrakDecoding,
     testing::Values(
-        Decoding{
-            "AllGroups",
-            {Bits14, 7},
-            1,
-            "\x80\x00\x01\x00\x7f\x7f\x00\x20\x00\x60\x00\x00\x7f\x3f\x00\x00\x00\x40\x00\x20"s,
-            10,
-            {0, 0.0366211F, -0.0366211F, 1.5707963F, -1.5707963F, 0, 0.99987793F, 0, -1, 0.5F}},
-        Decoding{"FirstByteUnmarked", {Bits14, kPosition}, 1, "\x7f\x3f\x00\x40\x00\x20"s, -1, {}},
-        Decoding{"LaterByteMarked", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00\xa0"s, -1, {}},
-        Decoding{"Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 2, {}}),
+        Read("AllGroups", {Bits14, 7}, 1,
+             "\x80\x00\x01\x00\x7f\x7f\x00\x20\x00\x60\x00\x00\x7f\x3f\x00\x00\x00\x40\x00\x20"s,
+             10,
+             {0, 0.0366211F, -0.0366211F, 1.5707963F, -1.5707963F, 0, 0.99987793F, 0, -1, 0.5F}),
+        Read("FirstByteUnmarked", {Bits14, kPosition}, 1, "\x7f\x3f\x00\x40\x00\x20"s, -1, {}),
+        Read("LaterByteMarked", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00\xa0"s, -1, {}),
+        Read("Short", {Bits14, kPosition}, 1, "\xff\x3f\x00\x40\x00"s, 2, {})),
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(FastrakMounting, ASensorUpsideDownTurnsItsQuaternion) {

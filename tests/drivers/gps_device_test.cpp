@@ -6,8 +6,8 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/device_on_a_line.h"
 #include "tests/support/emulated_run.h"
+#include "tests/support/scripted_peer.h"
 
 namespace kinetrel::test {
 namespace {

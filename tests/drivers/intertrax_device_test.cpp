@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/device_on_a_line.h"
+#include "tests/support/scripted_peer.h"
 
 namespace kinetrel::test {
 namespace {

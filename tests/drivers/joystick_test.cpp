@@ -42,6 +42,22 @@ INSTANTIATE_TEST_SUITE_P(Sticks, JoystickCounts,
                                          Counts{"AbsurdlyMany", ~0U, ~0U, ~0U, {32, 32, 32}}),
                          [](const auto& row) { return std::string(row.param.name); });
 
+TEST(DescribeJoystick, CutsNamesAt30) {
+  EXPECT_EQ(DescribeJoystick({.product = "Lodestar Pad",
+                              .driver = "joydev",
+                              .manufacturerId = 1133,
+                              .productId = 49685,
+                              .buttons = 4,
+                              .maxButtons = 12,
+                              .axes = 6}),
+            "\n\tProduct: Lodestar Pad\n\tOEM: joydev\n\tModel: 1133\tID: 49685"
+            "\n\tDigiChnls: 12\tAnalChnls: 6");
+  const std::string cut(30, 'p');
+  EXPECT_EQ(DescribeJoystick({.product = cut + "q", .driver = cut + std::string(9999, 'q')}),
+            "\n\tProduct: " + cut + "\n\tOEM: " + cut +
+                "\n\tModel: 0\tID: 0\n\tDigiChnls: 0\tAnalChnls: 0");
+}
+
 // ---- On a pipe with a stick's records ------------------------------------------------------
 
 class JoystickOnAPipe : public testing::Test {

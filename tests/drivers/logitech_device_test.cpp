@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/device_on_a_line.h"
+#include "tests/support/scripted_peer.h"
 
 namespace kinetrel::test {
 namespace {
@@ -352,6 +352,22 @@ TEST_F(LogitechOnALine, OffsetsSurviveABootAndANewMounting) {
   for (std::size_t i = 0; i < 6; ++i) {
     EXPECT_NEAR(pose[i], offset[i], 1e-6) << i;
     EXPECT_EQ(device_.GetSensorOffset(0)[i], offset[i]) << i;
+  }
+}
+
+TEST_F(LogitechOnALine, OffsetComponents) {
+  ASSERT_EQ(Boot(kBoot), kBooted);
+  for (unsigned component = 0; component < 6; ++component) {
+    EXPECT_TRUE(device_.SetSensorOffsetComponent(0, component, 0.5 + component / 10.0));
+  }
+  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 7, 1.0));
+  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 10, 1.0));
+  EXPECT_FALSE(device_.SetSensorOffsetComponent(1, 0, 9.0));
+  device_.SetProtocol(5);  // unknown mounting: the pose stays as it is read
+  const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
+  for (std::size_t i = 0; i < 6; ++i) {
+    EXPECT_FLOAT_EQ(pose[i], 0.5F + static_cast<float>(i) / 10) << i;
+    EXPECT_FLOAT_EQ(device_.GetSensorOffset(0)[i], 0.5F + static_cast<float>(i) / 10) << i;
   }
 }
 

@@ -6,7 +6,7 @@
 #include <cmath>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/device_on_a_line.h"
+#include "tests/support/scripted_peer.h"
 
 namespace kinetrel::test {
 namespace {
@@ -99,6 +99,15 @@ TEST_F(HeadOnALine, TheStatusIsTheLengthOfTheAnswer) {
     EXPECT_STREQ(text, row.text);
     EXPECT_EQ(peer.Verdict(), "");
   }
+}
+
+TEST_F(HeadOnALine, AStatusTextNeedsRoom) {
+  char text[40] = "as it was";
+  EXPECT_EQ(device_.QueryStatus(text, 32), 0);
+  EXPECT_STREQ(text, "as it was");
+  EXPECT_EQ(device_.QueryStatus(text, 33), 0);
+  EXPECT_STREQ(text, "Encoders only enabled.  0 bytes ");
+  EXPECT_EQ(device_.QueryStatus(nullptr, 100), 0);
 }
 
 // ---- Frames --------------------------------------------------------------------------------

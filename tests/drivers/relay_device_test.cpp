@@ -9,7 +9,7 @@
 
 #include "rpc/track_server.h"
 #include "tests/support/allocation_counter.h"
-#include "tests/support/environment.h"
+#include "tests/support/child_process.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {

@@ -82,6 +82,15 @@ TEST(Filter, EveryOperationGivesTheSamePoseAndStoresIt) {
   EXPECT_EQ(p, (Xyz{4, 8, 12}));
 }
 
+TEST(Filter, NamesAreCutAt63) {
+  Stretch filter(1);
+  EXPECT_STREQ(filter.GetName(), "");
+  filter.SetName(std::string(200, 'n').c_str());
+  EXPECT_EQ(filter.GetName(), std::string(63, 'n'));
+  filter.SetName(nullptr);
+  EXPECT_EQ(filter.GetName(), std::string(63, 'n'));
+}
+
 // ---- A chain -------------------------------------------------------------------------------
 
 class Chain : public testing::Test {

@@ -206,6 +206,18 @@ TEST(OffsetFilter, TheNameIsCutToTheBuffer) {
   }
 }
 
+TEST(OffsetFilter, NumbersSwitchOnAndOff) {
+  OffsetFilter filter;
+  for (const int id : {4, 5}) {
+    int value = 9;
+    EXPECT_TRUE(filter.GetAttributeInt(id, &value));
+    EXPECT_EQ(value, id - 4);
+    EXPECT_TRUE(filter.SetAttributeInt(id, id == 4 ? -3 : 0));
+    EXPECT_TRUE(filter.GetAttributeInt(id, &value));
+    EXPECT_EQ(value, 5 - id);
+  }
+}
+
 // What a refused call must leave alone.
 struct Scratch {
   std::array<float, 4> four = {7, 7, 7, 7};

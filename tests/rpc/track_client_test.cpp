@@ -166,6 +166,7 @@ INSTANTIATE_TEST_SUITE_P(
         ReplyStory{"NoFirstFragment", With(kResponse20, 3, 2)},
         ReplyStory{"OtherType", With(kResponse20, 2, 12)},
         ReplyStory{"VersionFour", With(kResponse20, 0, 4)},
+        ReplyStory{"MinorVersionTwo", With(kResponse20, 1, 2)},
         ReplyStory{"Authentication", With(kResponse20, 10, 1)},
         ReplyStory{"Ebcdic", With(kResponse20, 4, 0x11)},
         ReplyStory{"VaxFloats", With(kResponse20, 5, 1)},

@@ -65,4 +65,8 @@ class ChildProcess {
   int result_ = 0;
 };
 
+// Variables of this process's environment, which the programs that it starts inherit.
+void SetVariable(const std::string& name, const std::string& value);
+void UnsetVariable(const std::string& name);
+
 }  // namespace kinetrel::test

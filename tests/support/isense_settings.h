@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/environment.h"
+#include "tests/support/child_process.h"
 #include "tests/support/peer.h"
 
 namespace kinetrel::test {

@@ -2,12 +2,16 @@
 // then sends those.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "devices/device_names.h"
+#include "devices/tracker_device.h"
 #include "tests/support/pseudo_terminal.h"
 
 namespace kinetrel::test {
@@ -59,5 +63,28 @@ class ScriptedPeer {
 
 // Bytes as C++ would write them in a string.
 std::string Readable(const std::string& bytes);
+
+// A serial driver on a line whose far end a test plays.
+template <typename Device>
+class DeviceOnALine : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(device_.OpenPort(line_.path().c_str(), 115200), 1); }
+
+  BootResult Boot(const Script& script) {
+    ScriptedPeer peer(line_, script);
+    const BootResult result = device_.Boot(0);
+    EXPECT_EQ(peer.Verdict(), "");
+    return result;
+  }
+
+  PseudoTerminal line_;
+  Device device_;
+};
+
+struct BootStory {
+  const char* name;
+  Script script;
+  BootResult result;
+};
 
 }  // namespace kinetrel::test

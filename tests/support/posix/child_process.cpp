@@ -172,4 +172,10 @@ int ChildProcess::Wait(std::chrono::milliseconds patience) {
   return result_;
 }
 
+void SetVariable(const std::string& name, const std::string& value) {
+  ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+void UnsetVariable(const std::string& name) { ::unsetenv(name.c_str()); }
+
 }  // namespace kinetrel::test

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <array>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace kinetrel::test {
@@ -207,5 +208,11 @@ int ChildProcess::Wait(std::chrono::milliseconds patience) {
   TakeOutput();
   return result_;
 }
+
+void SetVariable(const std::string& name, const std::string& value) {
+  ::_putenv_s(name.c_str(), value.c_str());
+}
+
+void UnsetVariable(const std::string& name) { ::_putenv_s(name.c_str(), ""); }
 
 }  // namespace kinetrel::test
