@@ -201,6 +201,13 @@ INSTANTIATE_TEST_SUITE_P(
         StreamStory{"LevelsCut", kLevels.substr(0, 8) + "\x10\x03", 0, false, false}),
     [](const auto& row) { return std::string(row.param.name); });
 
+TEST(GpsReportsTake, AcceptsOnlyBytesOfTheProtocol) {
+  GpsReports reports;
+  EXPECT_EQ(Feed(reports, "$9,\r\n\x7F"), 0);
+  EXPECT_EQ(Feed(reports, "\x10\x03\xDC\x03"), 4);
+  EXPECT_EQ(Feed(reports, kFix), static_cast<int>(kFix.size()));
+}
+
 // ---- Device --------------------------------------------------------------------------------
 
 class GpsOnALine : public DeviceOnALine<GpsDevice> {
