@@ -63,8 +63,7 @@ TEST(WholeRun, IsOfHighPriority) {
   End(*tracker);
 }
 
-// ---- The objects as the system has them
-// ----------------------------------------------------------
+// ---- The objects as the system has them ---------------------------------------------------------
 
 bool IsOpenToAll(HANDLE object) {
   ACL* list = nullptr;
@@ -139,8 +138,7 @@ INSTANTIATE_TEST_SUITE_P(
                              }}),
     [](const auto& row) { return std::string(row.param.name); });
 
-// ---- Joystick
-// ------------------------------------------------------------------------------------
+// ---- Joystick -----------------------------------------------------------------------------------
 
 // Whether one is plugged in is the machine's matter: each answer has its own ending.
 TEST(WholeRun, TheJoystickIsAskedOfTheSystem) {
