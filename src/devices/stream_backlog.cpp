@@ -30,10 +30,10 @@ void StreamBacklog::DropOld(SerialPort& port, RecordWindow& window, const Stream
   const std::size_t most =
       stream.recordSize * static_cast<std::size_t>(std::max(stream.recordsPerSecond, 2)) / 2;
   if (window.size() + port.InputQueueLength() <= most) return;
-  const std::size_t dropped = Drain(port, window) / stream.recordSize;
+  const auto dropped = static_cast<unsigned>(Drain(port, window) / stream.recordSize);
   if (log == nullptr) return;
   Announce(*log, "\n\t", StatusCode::Counts,
-           "%zu records of %s waited for more than half a second and were dropped.", dropped,
+           "%u records of %s waited for more than half a second and were dropped.", dropped,
            stream.device);
 }
 
