@@ -33,7 +33,8 @@ void kinetrel_destroy(kinetrel_engine* engine);
  *
  * arguments  count texts; the first one is the name of the program and is not an option.
  * Returns    1 if all options were accepted. 0 at the first malformed option; the options before it
- *            stay applied. Every accepted value and every error is printed on standard error.
+ *            stay applied. 0 and no change while the engine is open. Every accepted value and every
+ *            error is printed on standard error.
  */
 int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* arguments);
 

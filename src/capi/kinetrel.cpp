@@ -74,9 +74,12 @@ int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* 
   return Guarded(engine, [&](TrackerEngine& e) {
     if (arguments == nullptr) return false;
     kinetrel::StartConfig config = e.Configuration();
+    if (e.IsOpen()) {
+      (void)e.Configure(config);  // logs the refusal
+      return false;
+    }
     const bool accepted = kinetrel::ParseCommandLine(config, count, arguments);
-    e.Configure(config);  // the options before a malformed one count
-    return accepted;
+    return e.Configure(config) && accepted;  // the options before a malformed one count
   });
 }
 
@@ -204,7 +207,8 @@ int kinetrel_set_mapping(kinetrel_engine* engine, const int key[3], int sensor) 
 int kinetrel_add_filter(kinetrel_engine* engine, const int key[3], int type) {
   int index = -1;
   Guarded(engine, [&](TrackerEngine& e) {
-    index = e.IsOpen() ? e.AddFilter(key, type) : -1;
+    const int added = e.AddFilter(key, type);
+    index = e.IsOpen() ? added : -1;
     return true;
   });
   return index;

@@ -17,6 +17,27 @@ void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
   log.SetStatusF(StatusCode::Setup, "STATUS: %s", text.data());
 }
 
+void SendSettings(EngineState& state) {
+  StartConfig& config = state.config;
+  TrackerDevice& device = *state.device;
+  device.SetSensorMask(config.sensorMask, 0);
+  device.SetComponentMask(config.componentMask);
+  device.SetSensorOffset(-1, config.transmitterOffset.data());
+  device.SetHemisphere(-1, config.hemisphere.data());
+  if (FamilyOf(device.GetStatusCode()) == DeviceFamily::Gps) config.units = kGpsUnits;
+  device.SetUnits(config.units);
+  device.SetSynchronization(config.sync);
+}
+
+// A GPS receiver keeps its protocol; setting it would move the origin of its positions.
+void RestoreProtocol(EngineState& state) {
+  if (!state.requests.protocol) return;
+  if (FamilyOf(state.device->GetStatusCode()) == DeviceFamily::Gps) return;
+  const int wanted = *state.requests.protocol;
+  if (state.device->SetProtocol(wanted) == wanted) return;
+  state.status.SetStatusF(StatusCode::Port, "Protocol %d not restored.", wanted);
+}
+
 }  // namespace
 
 void PushRoll(EngineState& state, const EngineLock&) {
@@ -34,18 +55,20 @@ void PushAlignment(EngineState& state, const EngineLock&, StatusCode code) {
 }
 
 void ApplyConfiguration(EngineState& state, const EngineLock& lock) {
-  StartConfig& config = state.config;
-  TrackerDevice& device = *state.device;
-  device.SetSensorMask(config.sensorMask, 0);
-  device.SetComponentMask(config.componentMask);
-  device.SetSensorOffset(-1, config.transmitterOffset.data());
-  device.SetHemisphere(-1, config.hemisphere.data());
-  if (FamilyOf(device.GetStatusCode()) == DeviceFamily::Gps) config.units = kGpsUnits;
-  device.SetUnits(config.units);
-  device.SetSynchronization(config.sync);
+  SendSettings(state);
   PushRoll(state, lock);
-  if (config.query != 0) ReportDeviceStatus(device, state.status);
+  if (state.config.query != 0) ReportDeviceStatus(*state.device, state.status);
   PushAlignment(state, lock, StatusCode::Closing);
+}
+
+void RestoreConfiguration(EngineState& state, const EngineLock& lock) {
+  SendSettings(state);
+  PushAlignment(state, lock, StatusCode::Closing);
+  RestoreProtocol(state);
+  for (const std::string& text : state.requests.controlStrings) {
+    if (state.device->SetControlString(text.c_str())) continue;
+    state.status.SetStatusF(StatusCode::Port, "Control string not restored: %s", text.c_str());
+  }
 }
 
 }  // namespace kinetrel

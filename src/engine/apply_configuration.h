@@ -9,6 +9,10 @@ namespace kinetrel {
 // configuration asks for it. The roll setting replaces the roll of the transmitter offset.
 void ApplyConfiguration(EngineState& state, const EngineLock& lock);
 
+// Sends the state in force to a device that was booted again: the configuration as the host has
+// changed it, the protocol and the control strings.
+void RestoreConfiguration(EngineState& state, const EngineLock& lock);
+
 // The roll of the transmitter offset that turns every sensor over: -pi as a float.
 inline constexpr float kRolledOver = -3.1415927F;
 

@@ -3,8 +3,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <span>
 
 #include "devices/bounded_text.h"
@@ -84,6 +86,20 @@ constexpr FloatsRow kFloatsRows[] = {
     {EngineAttribute::AlignY, "Align requires 3 floats",
      [](StartConfig& c) { return std::span<float>(c.alignY); }},
 };
+
+// ---- Texts -----------------------------------------------------------------------------------
+
+// Reads the number at the beginning of `text`. False without one, and for one that no int holds.
+bool ReadLeadingInt(const char* text, int& number) {
+  errno = 0;
+  char* end = nullptr;
+  const long read = std::strtol(text, &end, 10);
+  if (end == text || errno == ERANGE) return false;
+  if (read < std::numeric_limits<int>::min() || read > std::numeric_limits<int>::max())
+    return false;
+  number = static_cast<int>(read);
+  return true;
+}
 
 }  // namespace
 
@@ -285,7 +301,10 @@ bool TrackerEngine::SetText(ControlCall& call, EngineAttribute attribute, const 
   }
   if (attribute == EngineAttribute::Protocol) return SetProtocol(call, text);
   if (!call.UseDevice()) return false;
-  if (call.device().SetControlString(text)) return true;
+  if (call.device().SetControlString(text)) {
+    state_->requests.KeepControlString(text);
+    return true;
+  }
   state_->status.SetStatusF(StatusCode::Refused, "SetAttributeString: SetControlString(%s) failed",
                             text);
   return false;
@@ -293,12 +312,15 @@ bool TrackerEngine::SetText(ControlCall& call, EngineAttribute attribute, const 
 
 bool TrackerEngine::SetProtocol(ControlCall& call, const char* text) {
   int asked = 0;
-  if (std::sscanf(text, "%9d", &asked) != 1) {
+  if (!ReadLeadingInt(text, asked)) {
     return call.Refuse("Invalid Protocol.  Protocol string must start with an integer.");
   }
   if (!call.UseDevice()) return false;
   const int got = call.device().SetProtocol(asked);
-  if (got == asked) return true;
+  if (got == asked) {
+    state_->requests.protocol = asked;
+    return true;
+  }
   state_->status.SetStatusF(
       StatusCode::Refused,
       "SetAttributeString: MtsProtocol failed. Requested protocol %d, returned %d.", asked, got);

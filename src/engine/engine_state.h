@@ -3,8 +3,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "devices/daq_control.h"
 #include "devices/status_log.h"
@@ -14,6 +17,25 @@
 #include "engine/start_config.h"
 
 namespace kinetrel {
+
+// What the host has asked of the open device beyond the configuration. A device that is booted
+// again gets it once more.
+struct DeviceRequests {
+  static constexpr std::size_t kMostControlStrings = 64;
+
+  std::optional<int> protocol;              // empty: the device's own
+  std::vector<std::string> controlStrings;  // in the order in which they were accepted
+
+  // A repeated text moves to the end; beyond the limit the oldest text is forgotten. A text that
+  // begins with a control character is a command, such as the Ctrl-Y that restarts a FASTRAK, and
+  // is not kept.
+  void KeepControlString(const char* text) {
+    if (static_cast<unsigned char>(*text) < ' ') return;
+    std::erase(controlStrings, text);
+    controlStrings.emplace_back(text);
+    if (controlStrings.size() > kMostControlStrings) controlStrings.erase(controlStrings.begin());
+  }
+};
 
 struct EngineState {
   // Has a lock of its own. First, so that it outlives the device that writes it.
@@ -25,6 +47,7 @@ struct EngineState {
   StartConfig config;
   std::string trackerName;  // the host's own word for the tracker
   std::shared_ptr<TrackerDevice> device;
+  DeviceRequests requests;
   std::shared_ptr<DAQControl> joystick;
   unsigned samplingRun = 0;  // the number of the newest run; see SampleLoop::Superseded
   MappingTable mappings;

@@ -62,8 +62,9 @@ bool Recovery::Try(const EngineLock& lock) {
     Report(found);
   }
   if (!next_.Passed()) return false;
+  const Lock inUse(device_->inUse());
   const bool booted = Reopen();
-  if (booted) ApplyConfiguration(*state_, lock);
+  if (booted) RestoreConfiguration(*state_, lock);
   // A device that has just booted gets time to deliver.
   next_ = Deadline(booted ? std::max(pause_, kSilencePatience) : pause_);
   pause_ = std::min(pause_ * 2, kLongestPause);

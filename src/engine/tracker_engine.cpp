@@ -27,10 +27,15 @@ TrackerEngine::TrackerEngine(DeviceFactory factory)
 
 TrackerEngine::~TrackerEngine() { Close(); }
 
-void TrackerEngine::Configure(const StartConfig& config) {
+bool TrackerEngine::Configure(const StartConfig& config) {
   const EngineLock lock(state_->mutex);
+  if (state_->isOpen) {
+    state_->status.SetStatus(StatusCode::NotAllowed, "Configure: MTS already open");
+    return false;
+  }
   ResetMappings(lock);
   state_->config = config;
+  return true;
 }
 
 StartConfig TrackerEngine::Configuration() const {
@@ -51,6 +56,7 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
   state_->config.deviceType = deviceType;
   state_->config.port = port;
   state_->trackerName.clear();
+  state_->requests = {};
   if (deviceType == kIsenseType) state_->config.componentMask = kEulerComponent;
   const OpenResult result = Attach(lock);
   if (result != OpenResult::Opened) return result;

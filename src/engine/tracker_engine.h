@@ -71,7 +71,8 @@ class TrackerEngine {
   TrackerEngine& operator=(const TrackerEngine&) = delete;
 
   // Replaces the start configuration. Resets the mappings first, for the sensors of the old one.
-  void Configure(const StartConfig& config);
+  // False, and nothing changes, while the engine is open.
+  bool Configure(const StartConfig& config);
   StartConfig Configuration() const;  // a copy
 
   // Makes the driver of the type, opens its port, boots and configures the device. Takes as long as
