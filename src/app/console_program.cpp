@@ -1,6 +1,8 @@
 #include "app/console_program.h"
 
 #include <cstdio>
+#include <optional>
+#include <string_view>
 
 #include "app/command_line.h"
 #include "drivers/driver_table.h"
@@ -15,9 +17,9 @@ constexpr double kServiceVersion = 1.3;
 constexpr double kSharedMemoryVersion = 1.42F;  // of the published block
 
 constexpr Milliseconds kStep{500};
-// A tracker that is steered by keys reads them every frame. The loop takes a key only if the
-// tracker has left it for this long.
-constexpr Milliseconds kFewFrames{60};
+constexpr Milliseconds kAnnounceStep{50};
+// The keys that a tracker which takes the keys hands on: ESC stops, O does nothing.
+constexpr std::string_view kHandedOn = "\x1BOo";
 constexpr int kCtrlA = 1;
 constexpr int kEscape = 27;
 
@@ -32,9 +34,10 @@ void PrintBanner() {
 }
 
 ExitCode Run(TrackerEngine& engine, int count, const char* const* arguments,
-             const Session& session) {
+             const Preparation& prepare, const Session& session) {
   StartConfig config;
   if (!ParseCommandLine(config, count, arguments)) return ExitCode::BadArguments;
+  if (const ExitCode prepared = prepare(); prepared != ExitCode::Done) return prepared;
   engine.Configure(config);
   if (engine.Open(config.deviceType, config.port, false) != OpenResult::Opened) {
     return ExitCode::OpenFailed;
@@ -72,9 +75,21 @@ void ActOnKey(TrackerEngine& engine, Key key) {
   }
 }
 
+// Waits one step for the end of sampling. True: sampling is over.
+bool WaitOneStep(const TrackerEngine& engine, const std::function<bool()>& announce,
+                 bool& announced) {
+  const Deadline step(kStep);
+  while (!announced && !step.Passed()) {
+    if (engine.WaitSampling(kAnnounceStep)) return true;
+    announced = announce();
+  }
+  return engine.WaitSampling(step.Remaining());
+}
+
 }  // namespace
 
-ExitCode RunConsoleProgram(int count, const char* const* arguments, const Session& session) {
+ExitCode RunConsoleProgram(int count, const char* const* arguments, const Preparation& prepare,
+                           const Session& session) {
   // Some systems buffer standard error when it leads to a pipe or a file.
   std::setvbuf(stderr, nullptr, _IONBF, 0);
   CatchStopSignals(stopRequest);
@@ -82,16 +97,18 @@ ExitCode RunConsoleProgram(int count, const char* const* arguments, const Sessio
   const KeySession keys;
   PrintBanner();
   TrackerEngine engine(AllDrivers());
-  const ExitCode code = Run(engine, count, arguments, session);
+  const ExitCode code = Run(engine, count, arguments, prepare, session);
   std::fputs("\n", stderr);  // the shell's prompt starts on a new line
   return code;
 }
 
-void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stop) {
-  while (engine.HasSamplingThread() && !engine.WaitSampling(kStep)) {
+void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stop,
+                    const std::function<bool()>& announce) {
+  bool announced = false;
+  while (engine.HasSamplingThread() && !WaitOneStep(engine, announce, announced)) {
     if (stop != 0) {
       engine.StopSampling(true);
-    } else if (const std::optional<Key> key = TakeLeftKey(kFewFrames)) {
+    } else if (const std::optional<Key> key = TakeUnclaimedKey(kHandedOn)) {
       ActOnKey(engine, *key);
     }
   }

@@ -21,15 +21,25 @@ enum class ExitCode : int {
 // `stopRequest` becomes nonzero.
 using Session = std::function<ExitCode(TrackerEngine& engine, const std::atomic<int>& stopRequest)>;
 
+// What a program does between its options and the device. A result other than Done ends the
+// program.
+using Preparation = std::function<ExitCode()>;
+
 // Runs a whole program, from the arguments (the name of the program first) to the exit code. Prints
-// the banner, applies the options, opens the device, starts sampling, runs the session and closes.
+// the banner, applies the options, prepares, opens the device, starts sampling, runs the session
+// and closes.
 //
 // Catches the signals that end a program from the start. Reads keys without echo if standard input
 // is a terminal.
-ExitCode RunConsoleProgram(int count, const char* const* arguments, const Session& session);
+ExitCode RunConsoleProgram(int count, const char* const* arguments, const Preparation& prepare,
+                           const Session& session);
 
 // Waits for the sampling thread to end and acts on one key per 500 ms: Ctrl-A zeroes the azimuth,
-// A restores it, ESC stops sampling. A nonzero `stopRequest` stops sampling too.
-void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stopRequest);
+// A restores it, ESC stops sampling. A nonzero `stopRequest` stops sampling too. While the tracker
+// itself takes the keys, the loop takes ESC only.
+//
+// announce  called every 50 ms until it returns true.
+void RunConsoleLoop(TrackerEngine& engine, const std::atomic<int>& stopRequest,
+                    const std::function<bool()>& announce);
 
 }  // namespace kinetrel

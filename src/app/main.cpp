@@ -6,8 +6,9 @@
 int main(int count, char** arguments) {
   kinetrel::HoldStandardStreams();
   const auto session = [](kinetrel::TrackerEngine& engine, const std::atomic<int>& stopRequest) {
-    kinetrel::RunConsoleLoop(engine, stopRequest);
+    kinetrel::RunConsoleLoop(engine, stopRequest, [] { return true; });
     return kinetrel::ExitCode::Done;
   };
-  return static_cast<int>(kinetrel::RunConsoleProgram(count, arguments, session));
+  const auto nothing = [] { return kinetrel::ExitCode::Done; };
+  return static_cast<int>(kinetrel::RunConsoleProgram(count, arguments, nothing, session));
 }

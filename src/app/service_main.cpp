@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <optional>
+#include <utility>
 #include <vector>
 
 #include "app/console_program.h"
@@ -19,6 +21,30 @@ using kinetrel::TrackerEngine;
 namespace rpc = kinetrel::rpc;
 
 constexpr int kThisEngine = 1;  // the handle of the only engine of the service
+
+constexpr std::size_t kKeySize = std::tuple_size_v<rpc::TrackKey>;
+
+// Replaces `keys` by the keys of all mappings, one after another. False while the engine is closed.
+bool ListMappings(TrackerEngine& engine, std::vector<int>& keys) {
+  int count = 0;
+  if (!engine.IsOpen() || !engine.GetMappingSize(&count)) return false;
+  keys.resize(static_cast<std::size_t>(count) * kKeySize);
+  return engine.GetMappingList(count, keys.data());
+}
+
+// Whether a client that asks for a pose gets one: some mapping has a published frame.
+bool HasPose(TrackerEngine& engine) {
+  constexpr int kFrameCount = static_cast<int>(kinetrel::MappingAttribute::FrameCount);
+  std::vector<int> keys;
+  if (!ListMappings(engine, keys)) return false;
+  for (std::size_t at = 0; at < keys.size(); at += kKeySize) {
+    int frames = 0;
+    if (engine.GetFilterAttributeInt(&keys[at], -1, kFrameCount, &frames) && frames > 0) {
+      return true;
+    }
+  }
+  return false;
+}
 
 // The engine as the clients on other machines see it: each procedure is the engine's operation of
 // the same name. A client changes nothing. A request for a mapping that does not exist is not
@@ -51,10 +77,7 @@ class EngineProcedures final : public rpc::TrackProcedures {
 
  private:
   bool HasMapping(const rpc::TrackKey& key) {
-    int count = 0;
-    if (!engine_.IsOpen() || !engine_.GetMappingSize(&count)) return false;
-    keys_.resize(static_cast<std::size_t>(count) * key.size());
-    if (!engine_.GetMappingList(count, keys_.data())) return false;
+    if (!ListMappings(engine_, keys_)) return false;
     for (auto at = keys_.begin(); at != keys_.end();
          at += static_cast<std::ptrdiff_t>(key.size())) {
       if (std::equal(key.begin(), key.end(), at)) return true;
@@ -86,22 +109,31 @@ ExitCode Serve(TrackerEngine& engine, kinetrel::StreamListener listener,
   if (const kinetrel::Status status = server.Start(); !status.Ok()) {
     return ReportServingFailed(listen, status);
   }
-  ReportReady(listen, server.port());
-  kinetrel::RunConsoleLoop(engine, stopRequest);
+  kinetrel::RunConsoleLoop(engine, stopRequest, [&] {
+    const bool ready = HasPose(engine);
+    if (ready) ReportReady(listen, server.port());
+    return ready;
+  });
   return ExitCode::Done;
 }
 
 ExitCode Run(int count, const char* const* arguments) {
   const auto taken = kinetrel::TakeListenOption(count, arguments);
   if (!taken) return ExitCode::BadArguments;
-  // Before the tracker boots, which may take seconds: a second service fails at once.
-  auto listener = kinetrel::StreamListener::Open(taken->listen.address, taken->listen.port);
-  if (!listener.Ok()) return ReportServingFailed(taken->listen, listener.status());
+  // After the options and before the tracker boots, which may take seconds: a wrong option does not
+  // touch the port, and a second service fails at once.
+  std::optional<kinetrel::StreamListener> listener;
+  const auto prepare = [&] {
+    auto opened = kinetrel::StreamListener::Open(taken->listen.address, taken->listen.port);
+    if (!opened.Ok()) return ReportServingFailed(taken->listen, opened.status());
+    listener.emplace(std::move(*opened));
+    return ExitCode::Done;
+  };
   const auto session = [&](TrackerEngine& engine, const std::atomic<int>& stopRequest) {
     return Serve(engine, std::move(*listener), taken->listen, stopRequest);
   };
   const ExitCode code = kinetrel::RunConsoleProgram(static_cast<int>(taken->rest.size()),
-                                                    taken->rest.data(), session);
+                                                    taken->rest.data(), prepare, session);
   if (code == ExitCode::BadArguments) {
     std::fputs("\t--listen {ADDR[:PORT]}\tWhere relays connect: <127.0.0.1:5437>\n", stderr);
   }

@@ -146,6 +146,7 @@ BootResult KeyboardDevice::Boot(int reset) {
     statusWord_ = 0;
     reportCode_ = 0;
   }
+  ClaimKeys();
   return kBooted;
 }
 
@@ -206,6 +207,7 @@ unsigned KeyboardDevice::SetSensorMask(unsigned mask, int sensorCount) {
   const int bits = sensorCount != 0 ? sensorCount : sensorCount_;
   if (bits > 0) mask &= FirstStations(bits);
   sensorMask_ = mask;
+  ClaimKeys();
   SetComponentMask(componentMask_);
   return sensorMask_;
 }
@@ -219,6 +221,15 @@ unsigned KeyboardDevice::SetComponentMask(unsigned mask) {
 }
 
 // ---- Keys ----------------------------------------------------------------------------------
+
+void KeyboardDevice::ClaimKeys() {
+  const bool steered = booted_ && (sensorMask_ & kSteeredBit) != 0;
+  if (!steered) {
+    claim_.reset();
+  } else if (!claim_) {
+    claim_.emplace();
+  }
+}
 
 bool KeyboardDevice::HandleKeys() {
   if (sensorCount_ <= kSteeredSensor) return false;

@@ -11,7 +11,10 @@
 // Pace     about 60 frames a second: ReadFrame ends with a sleep of 16 ms.
 #pragma once
 
+#include <optional>
+
 #include "devices/tracker_device.h"
+#include "platform/console.h"
 #include "platform/timer.h"
 
 namespace kinetrel {
@@ -90,7 +93,10 @@ class KeyboardDevice final : public TrackerDevice {
   void StoreVector(const char* text);
   Pose& SteeredPose() { return poses_[kSteeredSensor]; }
 
+  void ClaimKeys();
+
   TimerResolution resolution_;
+  std::optional<KeyClaim> claim_;  // while the steered sensor is active
   bool applyOffsetPending_ = true;
   unsigned frameCounter_ = 0;
   float positionStep_ = 1.0F;  // in the configured length unit

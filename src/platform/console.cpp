@@ -23,7 +23,7 @@ struct KeyInput {
   std::size_t count GUARDED_BY(lock) = 0;
   std::array<Key, 16> putBack GUARDED_BY(lock){};  // the last one comes first
   std::size_t putBackCount GUARDED_BY(lock) = 0;
-  std::uint64_t taken GUARDED_BY(lock) = 0;  // keys, less those put back
+  int claims GUARDED_BY(lock) = 0;  // living KeyClaims
 };
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 KeyInput input;
@@ -65,10 +65,8 @@ std::optional<Key> NextKey() REQUIRES(input.lock) {
   return KeySource::GivesKeys() ? KeySource::TakeKey() : NextKeyOfBytes();
 }
 
-// Whether anything waits to be taken, a key or the beginning of one.
-bool KeyWaits() REQUIRES(input.lock) {
-  if (input.putBackCount > 0 || input.count > 0) return true;
-  return input.open && KeySource::Waits();
+void PutBack(Key key) REQUIRES(input.lock) {
+  if (input.putBackCount < input.putBack.size()) input.putBack[input.putBackCount++] = key;
 }
 
 }  // namespace
@@ -90,30 +88,35 @@ KeySession::~KeySession() {
   input.putBackCount = 0;
 }
 
-std::optional<Key> TakeKey() {
+KeyClaim::KeyClaim() {
   const Lock guard(input.lock);
-  const std::optional<Key> key = NextKey();
-  if (key.has_value()) ++input.taken;
-  return key;
+  ++input.claims;
 }
 
-std::optional<Key> TakeLeftKey(Milliseconds patience) {
-  std::uint64_t before = 0;
-  {
-    const Lock guard(input.lock);
-    if (!KeyWaits()) return {};
-    before = input.taken;
-  }
-  SleepFor(patience);
+KeyClaim::~KeyClaim() {
   const Lock guard(input.lock);
-  return input.taken == before ? NextKey() : std::nullopt;
+  --input.claims;
+}
+
+std::optional<Key> TakeKey() {
+  const Lock guard(input.lock);
+  return NextKey();
+}
+
+std::optional<Key> TakeUnclaimedKey(std::string_view characters) {
+  const Lock guard(input.lock);
+  const std::optional<Key> key = NextKey();
+  if (!key || input.claims == 0) return key;
+  const bool wanted =
+      !key->extended && characters.find(static_cast<char>(key->code)) != std::string_view::npos;
+  if (wanted) return key;
+  PutBack(*key);
+  return {};
 }
 
 void PushBackKey(Key key) {
   const Lock guard(input.lock);
-  if (input.putBackCount == input.putBack.size()) return;
-  input.putBack[input.putBackCount++] = key;
-  --input.taken;
+  PutBack(key);
 }
 
 }  // namespace kinetrel

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <optional>
+#include <string_view>
 
 #include "platform/clock.h"
 
@@ -66,9 +67,17 @@ class KeySession {
 // ms, to tell the ESC key from the start of a sequence.
 std::optional<Key> TakeKey();
 
-// As TakeKey, for a reader that lets others have the first look: takes a key only when one waits
-// and nobody takes any for `patience`. Returns at once when none waits.
-std::optional<Key> TakeLeftKey(Milliseconds patience);
+// While one lives, its owner takes the keys with TakeKey. Other readers leave them alone.
+class KeyClaim {
+ public:
+  KeyClaim();
+  ~KeyClaim();
+  KeyClaim(const KeyClaim&) = delete;
+  KeyClaim& operator=(const KeyClaim&) = delete;
+};
+
+// As TakeKey, but while a KeyClaim lives it takes the next key only if that is one of `characters`.
+std::optional<Key> TakeUnclaimedKey(std::string_view characters);
 
 // Puts a key back: the next TakeKey of any thread gets it first. At most 16 wait so, until the
 // session ends; more are lost.

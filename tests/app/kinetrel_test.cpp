@@ -109,6 +109,18 @@ TEST_F(Program, TypingReachesTheKeyboardTrackerWhole) {
   EXPECT_EQ(Wait(), 0);
 }
 
+// Frames of several streaming sensors take long. The console loop must not take a key meanwhile.
+TEST_F(Program, TypingAheadReachesTheKeyboardTrackerWhole) {
+  Start({"-s0xF", "-z+"});
+  for (int round = 1; round <= 5; ++round) {
+    const std::string number = std::to_string(1000 + round);
+    terminal_.Send("x" + number + "\r");
+    ASSERT_TRUE(terminal_.Expect("New value for X = " + number + ".000000")) << round;
+  }
+  terminal_.Send("\x1b");
+  EXPECT_EQ(Wait(), 0);
+}
+
 class EndedBySignal : public Program, public testing::WithParamInterface<int> {};
 
 TEST_P(EndedBySignal, EndsAsByEscape) {

@@ -165,6 +165,29 @@ TEST_F(Machines, ASecondServiceAndABadAddressAreRefusedAtOnce) {
   EXPECT_EQ(odd.Wait(), 256 - 1);
 }
 
+TEST_F(Machines, OptionsAreCheckedBeforeTheAddressIsTaken) {
+  Serve(source_, simulated_);
+  ChildProcess second("kinetrel-service", {"--listen", source_.address, "-d"});
+  EXPECT_EQ(second.Wait(), 256 - 1) << second.error();
+}
+
+// The steered sensor has no frame before the first key, so the service has no pose to answer with.
+TEST_F(Machines, AServiceIsReadyOnceItHasAPose) {
+  ChildProcess service("kinetrel-service", {"--listen", source_.address, "-d8", "-z-", "-s0x8",
+                                            "-w" + std::to_string(source_.slot.slot())});
+  ASSERT_TRUE(service.ExpectError("Running ..."));
+  EXPECT_FALSE(service.ExpectError(": ready.", std::chrono::milliseconds(700)));
+  service.Send("+");
+  EXPECT_TRUE(service.ExpectError(": ready."));
+  rpc::RpcTrackClient client;
+  ASSERT_EQ(client.Bind(source_.address), rpc::CallResult::Success);
+  std::array<float, 3> angles{};
+  EXPECT_EQ(client.GetAngles({{source_.slot.device(), 0, 3}, -1, 2, 3}, angles),
+            rpc::CallResult::Success);
+  service.Send("\x1b");
+  EXPECT_EQ(service.Wait(), 0);
+}
+
 TEST_F(Machines, AServiceRefusesUnknownRequests) {
   Serve(source_, simulated_);
   rpc::RpcTrackClient client;
