@@ -43,6 +43,7 @@ void SampleLoop::Run() {
   if (device_ == nullptr) return;  // closed before we came to run
   ownButtons_ = dynamic_cast<const ButtonBits*>(device_.get());
   packed_ = dynamic_cast<PackedRecords*>(device_.get());
+  RaisePriority();
   ChooseMode();
   if (OpenSharedMemory()) {
     ReportHeader();
@@ -84,6 +85,15 @@ void SampleLoop::ChooseMode() {
   streaming_ = streaming != 0;
 }
 
+void SampleLoop::RaisePriority() {
+  const Status raised = RaiseToTimeCritical();
+  if (raised.Ok()) return;
+  Announce(state_->status, "\n\t", StatusCode::Setup,
+           "Sampling at ordinary priority: %s. Other programs may delay the poses. "
+           "Run as administrator, or on Linux give your account a limit of rtprio 50.",
+           Describe(raised).c_str());
+}
+
 bool SampleLoop::OpenSharedMemory() {
   const int device = state_->config.shmDevice;
   writer_.emplace(device, kSharedBins);
@@ -102,10 +112,6 @@ bool SampleLoop::OpenSharedMemory() {
     Announce(state_->status, "\n\t", StatusCode::SharedMemory,
              "SharedMemory(%d) lacks some bins: %s", device + 1,
              Describe(writer_->failure()).c_str());
-  }
-  {
-    const std::lock_guard inUse(device_->inUse());
-    device_->SetTimeOrigin(writer_->timer().startCount());
   }
   Announce(state_->status, "\n\t", StatusCode::Setup, "SharedMemory(%d) open ... ", device + 1);
   return true;
@@ -166,17 +172,16 @@ void SampleLoop::WriteHeader(SharedTrackBlock& block) {
 void SampleLoop::BeginDevice(EngineLock& lock) {
   Announce(state_->status, "\n\t", StatusCode::Setup, "Nap = %d msecs.", nap_);
   Announce(state_->status, "\n", StatusCode::Setup, "Running ...  ");
-  if (streaming_) {
-    StartContinuous();
-  } else {
-    Poll(lock);
-  }
+  // Without the engine lock: an abandoned run may still be in the device.
+  lock.Leave([this] {
+    {
+      const std::lock_guard inUse(device_->inUse());
+      device_->SetTimeOrigin(writer_->timer().startCount());
+    }
+    if (streaming_) StartContinuous();
+  });
+  if (!streaming_) Poll(lock);
   recovery_.emplace(state_, device_);
-  const Status raised = RaiseToTimeCritical();
-  if (!raised.Ok()) {
-    state_->status.SetStatusF(StatusCode::Setup, "Sampling at ordinary priority: %s.",
-                              Describe(raised).c_str());
-  }
 }
 
 // ---- Bins ------------------------------------------------------------------------------------

@@ -43,6 +43,7 @@ class SampleLoop {
     bool atOnce = false;  // the read did not wait
   };
 
+  void RaisePriority();
   void ChooseMode();
   bool OpenSharedMemory();
   void OpenStream();

@@ -9,21 +9,39 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <thread>
 
 #include "engine/tracker_engine.h"
 #include "publish/shared_track_reader.h"
 #include "tests/support/free_slot.h"
+#include "tests/support/peer_world.h"
 #include "tests/support/pseudo_terminal.h"
 
 namespace kinetrel::test {
 namespace {
 
-// Boots with "?" answered by the model's digit; a record is one byte, the position. Settings are
-// single letters.
+// The settings of a tracker, as texts by name. A boot forgets them, as a restarted device does.
+struct Memory {
+  Mutex lock;
+  std::map<std::string, std::string> settings GUARDED_BY(lock);
+  int unguarded GUARDED_BY(lock) = 0;  // calls during which the device was free for other threads
+
+  std::map<std::string, std::string> Settings() {
+    const Lock held(lock);
+    return settings;
+  }
+  int Unguarded() {
+    const Lock held(lock);
+    return unguarded;
+  }
+};
+
+// Boots with "?" answered by the model's digit; a record is one byte, the position. Settings go to
+// the memory; on the line a setting of units is a letter.
 class ByteTracker final : public TrackerDevice {
  public:
-  ByteTracker() {
+  explicit ByteTracker(Memory& memory) : memory_(memory) {
     AllocateSensors(1);
     SetName(DeviceName::Fastrak);
     continuousByte_ = 'C';
@@ -32,6 +50,7 @@ class ByteTracker final : public TrackerDevice {
   BootResult Boot(int) override {
     char model = 0;
     booted_ = false;
+    Forget();
     PurgeInput();
     SetReadTimeouts(200, 0, 0);
     if (Write("?", 1) != 1 || !Read(&model, 1)) return kNoResponse;
@@ -48,10 +67,71 @@ class ByteTracker final : public TrackerDevice {
     poses_[0][0] = record;
     return 1;
   }
+  void StartContinuous() override {
+    CheckInUse();
+    TrackerDevice::StartContinuous();
+  }
   int SetUnits(int units) override {
     Write("U", 1);
+    Keep("units", {float(units)});
     return TrackerDevice::SetUnits(units);
   }
+  unsigned SetSensorMask(unsigned mask, int sensors) override {
+    Keep("mask", {float(mask)});
+    return TrackerDevice::SetSensorMask(mask, sensors);
+  }
+  unsigned SetComponentMask(unsigned mask) override {
+    Keep("components", {float(mask)});
+    return TrackerDevice::SetComponentMask(mask);
+  }
+  bool SetSensorOffset(int, const float pose[6]) override {
+    return Keep("offset", {pose, pose + 6});
+  }
+  int SetHemisphere(int, const float zenith[3]) override {
+    return Keep("hemisphere", {zenith, zenith + 3}) ? 1 : 0;
+  }
+  int SetAlignment(int, const float x[3], const float y[3]) override {
+    return Keep("alignX", {x, x + 3}) && Keep("alignY", {y, y + 3}) ? 1 : 0;
+  }
+  int SetSynchronization(int mode) override { return Keep("sync", {float(mode)}) ? 1 : 0; }
+  int SetProtocol(int protocol) override {
+    Keep("protocol", {float(protocol)});
+    return TrackerDevice::SetProtocol(protocol);
+  }
+  bool SetControlString(const char* text) override {
+    const Lock held(memory_.lock);
+    memory_.settings["control"] += std::string(text) + '|';
+    return true;
+  }
+
+ private:
+  void Forget() {
+    CheckInUse();
+    protocol_ = 0;
+    const Lock held(memory_.lock);
+    memory_.settings.clear();
+  }
+  bool Keep(const char* name, const std::vector<float>& values) {
+    std::string text;
+    for (const float value : values) text += std::to_string(value) + ' ';
+    const Lock held(memory_.lock);
+    memory_.settings[name] = text;
+    return true;
+  }
+  // Opening, when no other thread has the device yet, does not count.
+  void CheckInUse() {
+    if (std::exchange(opening_, false)) return;
+    bool free = false;
+    std::thread([&] {
+      free = inUse().try_lock();
+      if (free) inUse().unlock();
+    }).join();
+    const Lock held(memory_.lock);
+    memory_.unguarded += free ? 1 : 0;
+  }
+
+  Memory& memory_;
+  bool opening_ = true;
 };
 
 // The far end: answers "?" with its model, and sends its position when it is told to.
@@ -68,7 +148,7 @@ class Peer {
   }
   void Silence(bool on) { silent_ = on; }
   std::string Heard() {
-    const std::lock_guard held(lock_);
+    const Lock held(lock_);
     return heard_;
   }
 
@@ -79,7 +159,7 @@ class Peer {
       pollfd input{line_.farEnd(), POLLIN, 0};
       char byte = 0;
       if (::poll(&input, 1, 5) == 1 && ::read(line_.farEnd(), &byte, 1) == 1) {
-        const std::lock_guard held(lock_);
+        const Lock held(lock_);
         heard_ += byte;
         if (byte == '?') sends = false;
         if (byte == 'C') sends = true;
@@ -95,8 +175,8 @@ class Peer {
   const char position_;
   std::atomic<bool> over_ = false;
   std::atomic<bool> silent_ = false;
-  std::mutex lock_;
-  std::string heard_;
+  Mutex lock_;
+  std::string heard_ GUARDED_BY(lock_);
   std::thread thread_;
 };
 
@@ -105,7 +185,7 @@ class Recovering : public testing::Test {
   Recovering() {
     ::setenv("KINETREL_COM7", link_.c_str(), 1);
     DeviceFactory factory;
-    factory.device = [](int) { return std::make_unique<ByteTracker>(); };
+    factory.device = [this](int) { return std::make_unique<ByteTracker>(memory_); };
     engine_ = std::make_unique<TrackerEngine>(factory);
     StartConfig config;
     config.shmDevice = slot_.device();
@@ -139,6 +219,7 @@ class Recovering : public testing::Test {
     return block_.frameCount == before;
   }
 
+  Memory memory_;
   FreeSlot slot_;
   std::string link_ = testing::TempDir() + "kinetrel-recovery-" + std::to_string(::getpid());
   std::unique_ptr<TrackerEngine> engine_;
@@ -159,6 +240,52 @@ TEST_F(Recovering, AnUnpluggedDeviceIsFollowedToItsNewPort) {
   EXPECT_EQ(peer->Heard().substr(0, 3), "?UC");  // the device identified itself first
   EXPECT_EQ(Logged("The port of FasTRAK has gone"), 1);
   EXPECT_EQ(Logged("FasTRAK is back after"), 1);
+}
+
+TEST_F(Recovering, WhatTheHostHasSetIsRestored) {
+  auto peer = std::make_unique<Peer>(link_, '1', 5);
+  Start();
+  const float offset[] = {1, 2, 3, 0.1F, 0.2F, 0.5F};
+  const float axis[] = {0, 0, 1};
+  const auto set = [&](EngineAttribute id, auto value) {
+    return engine_->SetAttributeInt(static_cast<int>(id), value);
+  };
+  EXPECT_TRUE(set(EngineAttribute::Units, 3));
+  EXPECT_TRUE(set(EngineAttribute::ComponentMask, 7));
+  EXPECT_TRUE(set(EngineAttribute::Synchronization, 2));
+  EXPECT_TRUE(set(EngineAttribute::RollAllSensors, 1));
+  EXPECT_TRUE(engine_->SetAttributeFloatArray(7, 6, offset));
+  for (const int id : {8, 9, 10}) EXPECT_TRUE(engine_->SetAttributeFloatArray(id, 3, axis));
+  EXPECT_TRUE(engine_->SetAttributeString(16, "4"));
+  for (const char* const text : {"A1,0,0,0\r", "\x19", "N2\r", "A1,0,0,0\r"}) {
+    EXPECT_TRUE(engine_->SetAttributeString(17, text));
+  }
+  ASSERT_TRUE(Shows(5));
+  auto before = memory_.Settings();
+  EXPECT_EQ(before.size(), 10U);
+  before["control"] = "N2\r|A1,0,0,0\r|";  // each setting once, and no command
+
+  peer.reset();
+  ASSERT_TRUE(WaitUntil([&] { return Logged("The port of FasTRAK has gone") == 1; }));
+  peer = std::make_unique<Peer>(link_, '1', 9);
+  ASSERT_TRUE(Shows(9));
+  EXPECT_EQ(memory_.Settings(), before);
+  EXPECT_EQ(memory_.Unguarded(), 0);
+  char text[8] = {};
+  EXPECT_TRUE(engine_->GetAttributeString(16, sizeof text, text));
+  EXPECT_STREQ(text, "4");
+}
+
+// An account without a right to real-time priority is told on the console. A process of its own
+// changes to that account.
+TEST_F(Recovering, SamplingWithoutRealTimePriorityIsReportedOnTheConsole) {
+  const auto sample = [this] {
+    const bool weak = BecomeAccount(65534) || ::geteuid() != 0;
+    Peer peer(link_, '1', 5);
+    Start();
+    ::_exit(weak && Shows(5) && Logged("Sampling at ordinary priority") == 1 ? 0 : 1);
+  };
+  EXPECT_EXIT(sample(), testing::ExitedWithCode(0), "Sampling at ordinary priority: .*rtprio 50");
 }
 
 TEST_F(Recovering, AnotherDeviceOnThePortIsLeftAlone) {
