@@ -10,6 +10,8 @@
  *          radians, in the order azimuth, elevation, roll. Quaternions have the scalar first.
  * Threads  any thread may call any function at any time, except kinetrel_destroy: no other call on
  *          the handle may be running then.
+ * Output   the engine prints its progress and failures on standard error; see
+ *          kinetrel_set_printing. A closed standard stream does not end the host by SIGPIPE.
  * Memory   the caller owns all texts and arrays; the engine keeps no pointer after the call.
  */
 #pragma once
@@ -28,6 +30,10 @@ kinetrel_engine* kinetrel_create(void);
 
 /* Stops sampling, closes the device and frees the engine. Null does nothing. */
 void kinetrel_destroy(kinetrel_engine* engine);
+
+/* Switches off (`on` 0) or on all printing of the library on standard output and standard error,
+ * for all engines of the process. On at first. The status log keeps every message all the same. */
+void kinetrel_set_printing(int on);
 
 /* Sets the start configuration with the options of the console program, such as "-d8".
  *

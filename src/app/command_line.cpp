@@ -4,7 +4,6 @@
 #include <array>
 #include <cctype>
 #include <cmath>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
@@ -12,6 +11,7 @@
 
 #include "devices/pose.h"
 #include "engine/start_config.h"
+#include "platform/console.h"
 #include "publish/shared_track_block.h"
 
 namespace kinetrel {
@@ -33,13 +33,6 @@ struct Options {
   StartConfig& config;
   std::string configurationFile;
 };
-
-[[gnu::format(printf, 1, 2)]] void Echo(const char* format, ...) {
-  std::va_list values;
-  va_start(values, format);
-  std::vfprintf(stderr, format, values);
-  va_end(values);
-}
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool BeginsOption(const char* argument) { return argument[0] == '-' || argument[0] == '/'; }
@@ -72,13 +65,13 @@ int ReadVectors(const std::string& value, std::array<float, 6>& numbers) {
 Outcome SetAlignment(Options& options, const std::string& value) {
   std::array<float, 6> n{};
   if (ReadVectors(value, n) < 6) {
-    Echo("\n\tOffsets (%s) ill-formed.", value.c_str());
+    PrintError("\n\tOffsets (%s) ill-formed.", value.c_str());
     return Outcome::Rejected;
   }
   std::copy_n(n.begin(), 3, options.config.alignX.begin());
   std::copy_n(n.begin() + 3, 3, options.config.alignY.begin());
-  Echo("\n\tReference frame aligned to <%.3f,%.3f,%.3f;%.3f,%.3f,%.3f>.", n[0], n[1], n[2], n[3],
-       n[4], n[5]);
+  PrintError("\n\tReference frame aligned to <%.3f,%.3f,%.3f;%.3f,%.3f,%.3f>.", n[0], n[1], n[2],
+             n[3], n[4], n[5]);
   return Outcome::Applied;
 }
 
@@ -89,7 +82,8 @@ Outcome SetComponents(Options& options, const std::string& value) {
   const auto name = [mask](int bit, const char* text) {
     return (mask >> bit & 1) != 0 ? text : "--";
   };
-  Echo("\n\tComponents set to %s | %s | %s.", name(0, "CART"), name(1, "EULER"), name(2, "QUAT"));
+  PrintError("\n\tComponents set to %s | %s | %s.", name(0, "CART"), name(1, "EULER"),
+             name(2, "QUAT"));
   return Outcome::Applied;
 }
 
@@ -97,29 +91,29 @@ Outcome SetDeviceType(Options& options, const std::string& value) {
   int type = 0;
   if (!ReadNumber(value, type)) return Outcome::Rejected;
   if (type > kHighestDeviceType) {
-    Echo("\n\tDevice type (%d) is invalid.", type);
+    PrintError("\n\tDevice type (%d) is invalid.", type);
     return Outcome::Ignored;
   }
   options.config.deviceType = type;
-  Echo("\n\tDevice type set to %d.", type);
+  PrintError("\n\tDevice type set to %d.", type);
   return Outcome::Applied;
 }
 
 Outcome SetHemisphere(Options& options, const std::string& value) {
   std::array<float, 6> n{};
   if (ReadVectors(value, n) < 3) {
-    Echo("\n\tHemisphere zenith vector (%s) ill-formed.", value.c_str());
+    PrintError("\n\tHemisphere zenith vector (%s) ill-formed.", value.c_str());
     return Outcome::Rejected;
   }
   std::copy_n(n.begin(), 3, options.config.hemisphere.begin());
-  Echo("\n\tHemisphere zenith vectored to <%.1f,%.1f,%.1f>.", n[0], n[1], n[2]);
+  PrintError("\n\tHemisphere zenith vectored to <%.1f,%.1f,%.1f>.", n[0], n[1], n[2]);
   return Outcome::Applied;
 }
 
 Outcome SetConfigurationFile(Options& options, const std::string& value) {
   if (value.empty()) return Outcome::Rejected;
   options.configurationFile = value;
-  Echo("\n\tInitial configuration to be read from %s", value.c_str());
+  PrintError("\n\tInitial configuration to be read from %s", value.c_str());
   return Outcome::Applied;
 }
 
@@ -128,9 +122,9 @@ Outcome SetJoystick(Options& options, const std::string& value) {
   if (!ReadNumber(value, port)) return Outcome::Rejected;
   options.config.joystickPort = port & 15;
   if (options.config.joystickPort != 0) {
-    Echo("\n\tJoystick enabled on port %d.", options.config.joystickPort);
+    PrintError("\n\tJoystick enabled on port %d.", options.config.joystickPort);
   } else {
-    Echo("\n\tJoystick disabled.");
+    PrintError("\n\tJoystick disabled.");
   }
   return Outcome::Applied;
 }
@@ -139,11 +133,11 @@ Outcome SetSync(Options& options, const std::string& value) {
   int sync = 0;
   if (!ReadNumber(value, sync)) return Outcome::Rejected;
   if (sync >= static_cast<int>(kSyncNames.size())) {
-    Echo("\n\tGiven sync type (%d) is not recognized.", sync);
+    PrintError("\n\tGiven sync type (%d) is not recognized.", sync);
     return Outcome::Ignored;
   }
   options.config.sync = sync;
-  Echo("\n\tSynchronization set to %s.", kSyncNames[static_cast<std::size_t>(sync)]);
+  PrintError("\n\tSynchronization set to %s.", kSyncNames[static_cast<std::size_t>(sync)]);
   return Outcome::Applied;
 }
 
@@ -151,32 +145,33 @@ Outcome SetOffset(Options& options, const std::string& value) {
   std::array<float, 6> n{};
   const int count = ReadVectors(value, n);
   if (count < 3) {
-    Echo("\n\tOffsets (%s) ill-formed.", value.c_str());
+    PrintError("\n\tOffsets (%s) ill-formed.", value.c_str());
     return Outcome::Rejected;
   }
   auto& offset = options.config.transmitterOffset;
   std::copy_n(n.begin(), 3, offset.begin());
-  Echo("\n\tTransmitter origin offset to <%.3f,%.3f,%.3f>.", n[0], n[1], n[2]);
+  PrintError("\n\tTransmitter origin offset to <%.3f,%.3f,%.3f>.", n[0], n[1], n[2]);
   if (count < 6) return Outcome::Applied;
   for (std::size_t i = 3; i < 6; ++i) offset[i] = static_cast<float>(n[i] * kRadiansPerDegree);
-  Echo("\n\tTransmitter orientation offset to <%.3f,%.3f,%.3f>.", offset[3] * kDegreesPerRadian,
-       offset[4] * kDegreesPerRadian, offset[5] * kDegreesPerRadian);
+  PrintError("\n\tTransmitter orientation offset to <%.3f,%.3f,%.3f>.",
+             offset[3] * kDegreesPerRadian, offset[4] * kDegreesPerRadian,
+             offset[5] * kDegreesPerRadian);
   return Outcome::Applied;
 }
 
 Outcome SetPort(Options& options, const std::string& value) {
   if (!value.empty() && (value[0] == 'U' || value[0] == 'u')) {
     options.config.port = StartConfig::kUsbPort;
-    Echo("\n\tDevice port set to USB.");
+    PrintError("\n\tDevice port set to USB.");
     return Outcome::Applied;
   }
   int port = 0;
   if (!ReadNumber(value, port)) return Outcome::Rejected;
   options.config.port = port;
   if (port > kHighestComPort) {
-    Echo("\n\tDevice port address set to 0x%X.", static_cast<unsigned>(port));
+    PrintError("\n\tDevice port address set to 0x%X.", static_cast<unsigned>(port));
   } else {
-    Echo("\n\tDevice port set to COM%d.", port);
+    PrintError("\n\tDevice port set to COM%d.", port);
   }
   return Outcome::Applied;
 }
@@ -186,7 +181,8 @@ int ReadSwitch(const std::string& value) { return !value.empty() && value[0] == 
 
 Outcome SetQuery(Options& options, const std::string& value) {
   options.config.query = ReadSwitch(value);
-  Echo("\n\tInstrument will %sbe queried and reported.", options.config.query != 0 ? "" : "NOT ");
+  PrintError("\n\tInstrument will %sbe queried and reported.",
+             options.config.query != 0 ? "" : "NOT ");
   return Outcome::Applied;
 }
 
@@ -194,11 +190,11 @@ Outcome SetRoll(Options& options, const std::string& value) {
   int roll = 0;
   if (!ReadNumber(value, roll)) return Outcome::Rejected;
   if (roll > 1) {
-    Echo("\n\tRoll must be 1 or 0.");
+    PrintError("\n\tRoll must be 1 or 0.");
     return Outcome::Rejected;
   }
   options.config.rollAll = roll;
-  Echo("\n\tAll Sensors are rolled.");
+  PrintError("\n\tAll Sensors are rolled.");
   return Outcome::Applied;
 }
 
@@ -207,7 +203,7 @@ Outcome SetSensors(Options& options, const std::string& value) {
   const unsigned long mask = std::strtoul(value.c_str(), nullptr, 0);
   options.config.sensorMask =
       static_cast<unsigned>(std::min<unsigned long>(mask, std::numeric_limits<unsigned>::max()));
-  Echo("\n\tSensor mask set to 0x%x.", options.config.sensorMask);
+  PrintError("\n\tSensor mask set to 0x%x.", options.config.sensorMask);
   return Outcome::Applied;
 }
 
@@ -217,7 +213,7 @@ Outcome SetUnits(Options& options, const std::string& value) {
   units &= 3;
   if (units == 2) units = 3;  // the option counts metres as 2
   options.config.units = units;
-  Echo("\n\tUnits type set to %s.", units == 1 ? "CM" : units == 3 ? "METER" : "INCH");
+  PrintError("\n\tUnits type set to %s.", units == 1 ? "CM" : units == 3 ? "METER" : "INCH");
   return Outcome::Applied;
 }
 
@@ -225,17 +221,17 @@ Outcome SetSlot(Options& options, const std::string& value) {
   int slot = 0;
   if (!ReadNumber(value, slot)) return Outcome::Rejected;
   if (slot < 1 || slot > kSharedDevices) {
-    Echo("\n\tSpecified shared memory slot(%d) is out of range(1:%d).", slot, kSharedDevices);
+    PrintError("\n\tSpecified shared memory slot(%d) is out of range(1:%d).", slot, kSharedDevices);
     return Outcome::Ignored;
   }
   options.config.shmDevice = slot - 1;
-  Echo("\n\tTracking data to be written to shared memory slot %d.", slot);
+  PrintError("\n\tTracking data to be written to shared memory slot %d.", slot);
   return Outcome::Applied;
 }
 
 Outcome SetStreaming(Options& options, const std::string& value) {
   options.config.streaming = ReadSwitch(value);
-  Echo("\n\tDevice will be %s.", options.config.streaming != 0 ? "streaming" : "polled");
+  PrintError("\n\tDevice will be %s.", options.config.streaming != 0 ? "streaming" : "polled");
   return Outcome::Applied;
 }
 
@@ -287,40 +283,40 @@ bool ApplyAll(Options& options, int count, const char* const* arguments) {
 
 void PrintUsage(const char* program, const StartConfig& config) {
   const char* const sync = kSyncNames[static_cast<std::size_t>(std::clamp(config.sync, 0, 2))];
-  Echo("\n\nUSAGE: %s [-flag <param>] ...", program);
-  Echo("\n\t-a {X1,Y1,Z1;X2,Y2,Z2}   \tAlignment frame: <1,0,0;0,1,0>");
-  Echo("\n\t-c {CMPMASK} \tComponent mask: bit0=CART, bit1=EULER, bit2=QUAT <0x03>");
-  Echo("\n\t-d {DEVTYPE} \tDevice type <Polhemus>");
-  Echo("\n\t             \t(1=FKS, 2=PLH/INS, 3=ASC, 4=LGT, 6=ITS, ");
-  Echo("\n\t             \t 8=OTJ, 9=TRX, 10=PDI, 11=RLY, 12=GSP)");
-  Echo("\n\t-h {X,Y,Z}   \tHemisphere zenith: <1,0,0>");
-  Echo("\n\t-j {JOYPORT} \tJoystick sampling: <0>");
+  PrintError("\n\nUSAGE: %s [-flag <param>] ...", program);
+  PrintError("\n\t-a {X1,Y1,Z1;X2,Y2,Z2}   \tAlignment frame: <1,0,0;0,1,0>");
+  PrintError("\n\t-c {CMPMASK} \tComponent mask: bit0=CART, bit1=EULER, bit2=QUAT <0x03>");
+  PrintError("\n\t-d {DEVTYPE} \tDevice type <Polhemus>");
+  PrintError("\n\t             \t(1=FKS, 2=PLH/INS, 3=ASC, 4=LGT, 6=ITS, ");
+  PrintError("\n\t             \t 8=OTJ, 9=TRX, 10=PDI, 11=RLY, 12=GSP)");
+  PrintError("\n\t-h {X,Y,Z}   \tHemisphere zenith: <1,0,0>");
+  PrintError("\n\t-j {JOYPORT} \tJoystick sampling: <0>");
   // "Sychronization" is kept for compatibility.
-  Echo("\n\t-k (SYNCTYP) \tSychronization 0=int, 1=ext, 2=crt: <%s>", sync);
-  Echo("\n\t-o {X,Y,Z}   \tTransmitter offset: <0,0,0>");
-  Echo("\n\t-p {PORTNUM} \tPort: COM number or ISA hex address <COM1>");
-  Echo("\n\t-q {+/-}     \tQuery and report instrument status: <%s>",
-       config.query != 0 ? "QUERY" : "NO_REPORT");
-  Echo("\n\t-r {1/0}     \tRoll all sensors or not: <0>");
-  Echo("\n\t-s {SNRMASK} \tSensor mask: <0x01>");
-  Echo("\n\t-u {UNITSCL} \tUnits: 0 = INCH, 1 = CM, 2 = METER <CM>");
-  Echo("\n\t-w {SHMEMID} \tShared Memory ID to write: <same as port>");
-  Echo("\n\t-z {+/-}     \tStreaming(+) vs. polled(-): <%s>",
-       config.streaming != 0 ? "streaming" : "polled");
+  PrintError("\n\t-k (SYNCTYP) \tSychronization 0=int, 1=ext, 2=crt: <%s>", sync);
+  PrintError("\n\t-o {X,Y,Z}   \tTransmitter offset: <0,0,0>");
+  PrintError("\n\t-p {PORTNUM} \tPort: COM number or ISA hex address <COM1>");
+  PrintError("\n\t-q {+/-}     \tQuery and report instrument status: <%s>",
+             config.query != 0 ? "QUERY" : "NO_REPORT");
+  PrintError("\n\t-r {1/0}     \tRoll all sensors or not: <0>");
+  PrintError("\n\t-s {SNRMASK} \tSensor mask: <0x01>");
+  PrintError("\n\t-u {UNITSCL} \tUnits: 0 = INCH, 1 = CM, 2 = METER <CM>");
+  PrintError("\n\t-w {SHMEMID} \tShared Memory ID to write: <same as port>");
+  PrintError("\n\t-z {+/-}     \tStreaming(+) vs. polled(-): <%s>",
+             config.streaming != 0 ? "streaming" : "polled");
 }
 
 }  // namespace
 
 bool ParseCommandLine(StartConfig& config, int count, const char* const* arguments) {
-  if (count > 1) Echo("\nProcessing command line arguments ...");
+  if (count > 1) PrintError("\nProcessing command line arguments ...");
   Options options{config, {}};
   const bool accepted = ApplyAll(options, count, arguments) && count < kTooManyArguments;
   if (!options.configurationFile.empty()) {
-    Echo("\nDon't know how to read Configuration file \"%s\".", options.configurationFile.c_str());
+    PrintError("\nDon't know how to read Configuration file \"%s\".",
+               options.configurationFile.c_str());
   }
   if (!accepted) PrintUsage(count > 0 ? arguments[0] : "kinetrel", config);
-  std::fputs("\n", stdout);
-  std::fflush(stdout);
+  PrintOutput("\n");
   return accepted;
 }
 

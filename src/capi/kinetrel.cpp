@@ -8,6 +8,8 @@
 #include "devices/bounded_text.h"
 #include "drivers/driver_table.h"
 #include "engine/tracker_engine.h"
+#include "platform/console.h"
+#include "platform/signals.h"
 
 struct kinetrel_engine {
   kinetrel::TrackerEngine engine{kinetrel::AllDrivers()};
@@ -18,10 +20,12 @@ namespace {
 using kinetrel::AttributeInfo;
 using kinetrel::TrackerEngine;
 
-// Runs `call` on the engine behind a handle. No exception leaves: what cannot be done is refused.
+// Runs `call` on the engine behind a handle. An exception becomes a refusal. A host whose output is
+// closed does not end by a signal.
 template <typename Handle, typename Call>
 int Guarded(Handle* handle, Call call) noexcept {
   if (handle == nullptr) return 0;
+  const kinetrel::BrokenPipeGuard guard;
   try {
     return call(handle->engine) ? 1 : 0;
   } catch (...) {
@@ -31,6 +35,7 @@ int Guarded(Handle* handle, Call call) noexcept {
 
 kinetrel_open_result Opened(kinetrel_engine* handle, int type, int port, bool reset) noexcept {
   if (handle == nullptr) return kinetrel_no_engine;
+  const kinetrel::BrokenPipeGuard guard;
   try {
     return static_cast<kinetrel_open_result>(handle->engine.Open(type, port, reset));
   } catch (...) {
@@ -68,7 +73,12 @@ kinetrel_engine* kinetrel_create(void) {
   }
 }
 
-void kinetrel_destroy(kinetrel_engine* engine) { delete engine; }
+void kinetrel_destroy(kinetrel_engine* engine) {
+  const kinetrel::BrokenPipeGuard guard;
+  delete engine;
+}
+
+void kinetrel_set_printing(int on) { kinetrel::SwitchPrinting(on != 0); }
 
 int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* arguments) {
   return Guarded(engine, [&](TrackerEngine& e) {

@@ -1,4 +1,5 @@
 #include "devices/status_log.h"
+#include "platform/console.h"
 
 #include <cstdio>
 #include <utility>
@@ -66,7 +67,7 @@ bool Announce(StatusLog& log, const char* prefix, StatusNumber code, const char*
   va_start(arguments, format);
   log.AppendFormatted(code, format, arguments);
   va_end(arguments);
-  std::fprintf(stderr, "%s%s", prefix, log.formatBuffer_.data());
+  PrintError("%s%s", prefix, log.formatBuffer_.data());
   return true;
 }
 

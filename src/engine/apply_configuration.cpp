@@ -1,7 +1,7 @@
 #include "engine/apply_configuration.h"
+#include "platform/console.h"
 
 #include <array>
-#include <cstdio>
 
 namespace kinetrel {
 namespace {
@@ -12,8 +12,7 @@ void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
   std::array<char, 2048> text{};
   const int answered = device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1);
   if (answered == 0 || text[0] == '\0') return;
-  std::printf("\nSTATUS:\n\t%s\n", text.data());
-  std::fflush(stdout);
+  PrintOutput("\nSTATUS:\n\t%s\n", text.data());
   log.SetStatusF(StatusCode::Setup, "STATUS: %s", text.data());
 }
 

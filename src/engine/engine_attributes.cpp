@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <limits>
 #include <span>
@@ -13,6 +12,7 @@
 #include "engine/apply_configuration.h"
 #include "engine/control_call.h"
 #include "engine/tracker_engine.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -245,8 +245,7 @@ bool TrackerEngine::SetInt(ControlCall& call, EngineAttribute attribute, int val
 void TrackerEngine::ReportStatusOnDemand(TrackerDevice& device) {
   std::array<char, 256> text{};
   if (device.QueryStatus(text.data(), static_cast<int>(text.size()) - 1) == 0) return;
-  std::printf("STATUS: %s\n", text.data());
-  std::fflush(stdout);
+  PrintOutput("STATUS: %s\n", text.data());
   state_->status.SetStatus(StatusCode::Progress, text.data());
 }
 

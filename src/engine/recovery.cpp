@@ -1,10 +1,10 @@
 #include "engine/recovery.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include "engine/apply_configuration.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -29,7 +29,7 @@ void Recovery::NoteFrame() {
   if (trouble_ != Trouble::None) {
     Announce(state_->status, "\n\t", StatusCode::Progress, "%s is back after %.1f seconds.", name_,
              SecondsSince(lastFrame_));
-    std::fputs("\nRunning ...  ", stderr);
+    PrintError("\nRunning ...  ");
     trouble_ = Trouble::None;
     strangerReported_ = false;
   }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <thread>
 #include <utility>
 
@@ -20,7 +19,7 @@ constexpr int kNapMargin = 10;  // ms; a streaming device is read this much befo
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
 
 // Prints what is not logged in the same words.
-void Print(const char* text) { std::fputs(text, stderr); }
+void Print(const char* text) { PrintError("%s", text); }
 
 void PutBits(std::uint32_t& word, std::uint32_t known, std::uint32_t bits) {
   word = (word & ~known) | (bits & known);

@@ -1,11 +1,11 @@
 #include "engine/tracker_engine.h"
 
-#include <cstdio>
 #include <new>
 #include <utility>
 
 #include "engine/apply_configuration.h"
 #include "engine/sample_loop.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -76,7 +76,7 @@ OpenResult TrackerEngine::Attach(const EngineLock& lock) {
   if (!BootDevice(*device)) return OpenResult::BootFailed;
   state_->device = std::move(device);
   if (state_->config.joystickPort != 0) {
-    std::fputs("\n\tTrying JOYSTICK ... ", stderr);
+    PrintError("\n\tTrying JOYSTICK ... ");
     AttachJoystick(lock);
   }
   ResetMappings(lock);
@@ -94,7 +94,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDevice(int deviceType) {
   StatusLog& log = state_->status;
   for (const RetiredType& retired : kRetiredTypes) {
     if (retired.type != deviceType) continue;
-    std::fprintf(stderr, "\n%s instrument (TYPE=%d) not supported.", retired.name, deviceType);
+    PrintError("\n%s instrument (TYPE=%d) not supported.", retired.name, deviceType);
     log.SetStatusF(StatusCode::Refused, "%s instrument not supported.", retired.name);
     return nullptr;
   }
@@ -104,7 +104,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDevice(int deviceType) {
   } catch (const std::bad_alloc&) {  // reported like a type without a driver
   }
   if (device == nullptr) {
-    std::fprintf(stderr, "Unknown TYPE tistart.dtyp = %d", deviceType);
+    PrintError("Unknown TYPE tistart.dtyp = %d", deviceType);
     log.SetStatus(StatusCode::Refused, "Unknown device type specified.");
   }
   return device;
@@ -140,8 +140,7 @@ bool TrackerEngine::BootDevice(TrackerDevice& device) {
   Announce(log, "\n\t", StatusCode::Boot, "Tracker(%s) failed to boot(%d).", device.GetDeviceName(),
            result);
   if (const char* const text = BootFailureText(result)) {
-    std::printf("\n\t\t%s\n", text);
-    std::fflush(stdout);
+    PrintOutput("\n\t\t%s\n", text);
     log.SetStatus(StatusCode::Boot, text);
   }
   device.ClosePort();

@@ -2,7 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 
 #include "platform/clock.h"
 #include "platform/key_decoder.h"
@@ -27,6 +30,9 @@ struct KeyInput {
 };
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 KeyInput input;
+
+// Whether the process prints. Written by its host, read by every thread that prints.
+std::atomic<bool> printing{true};
 
 // Adds the next byte to those that are no key yet; one at a time, so that what is typed ahead of
 // the program's end is left to the shell.
@@ -118,5 +124,25 @@ void PushBackKey(Key key) {
   const Lock guard(input.lock);
   PutBack(key);
 }
+
+void PrintError(const char* format, ...) {
+  if (!PrintingIsOn()) return;
+  std::va_list values;
+  va_start(values, format);
+  std::vfprintf(stderr, format, values);
+  va_end(values);
+}
+
+void PrintOutput(const char* format, ...) {
+  if (!PrintingIsOn()) return;
+  std::va_list values;
+  va_start(values, format);
+  std::vfprintf(stdout, format, values);
+  va_end(values);
+  std::fflush(stdout);
+}
+
+void SwitchPrinting(bool on) { printing = on; }
+bool PrintingIsOn() { return printing; }
 
 }  // namespace kinetrel

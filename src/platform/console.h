@@ -88,6 +88,15 @@ void PushBackKey(Key key);
 // go into a published block or to a tracker, and what a tracker sends would be taken for keys.
 void HoldStandardStreams();
 
+// Print as printf does: on standard error, or on standard output, which is then flushed.
+[[gnu::format(printf, 1, 2)]] void PrintError(const char* format, ...);
+[[gnu::format(printf, 1, 2)]] void PrintOutput(const char* format, ...);
+
+// Switches the two functions above and the transient output off, or on again. One switch for the
+// process, as its streams are.
+void SwitchPrinting(bool on);
+bool PrintingIsOn();
+
 bool StandardOutputIsTerminal();
 
 struct TerminalSize {
@@ -103,7 +112,7 @@ bool EnableTerminalSequences();
 // ---- What a time-critical thread may print -------------------------------------------------
 
 // Whether standard output takes a line now. A stopped terminal or a full pipe would hold the thread
-// that writes. Always true on Windows, which does not tell.
+// that writes. Windows does not tell: true there. False while printing is switched off.
 bool OutputTakesLine();
 
 // Writes a few bytes to standard output if it takes them at once, and drops them otherwise. Never

@@ -1,4 +1,4 @@
-// Signals that a console program takes: requests to stop, and on Linux the two user signals.
+// Signals: requests to stop a console program, and on Linux the two user signals and broken pipes.
 #pragma once
 
 #include <atomic>
@@ -45,6 +45,21 @@ class UserSignals {
  private:
   struct Os;  // posix/signals.cpp, win32/signals.cpp
   std::unique_ptr<Os> os_;
+};
+
+// ---- Broken pipes --------------------------------------------------------------------------
+
+// While one lives, a write to a broken pipe fails on this thread and does not end the process.
+// Threads that this thread starts meanwhile keep that for good. Does nothing on Windows.
+class BrokenPipeGuard {
+ public:
+  BrokenPipeGuard();
+  ~BrokenPipeGuard();
+  BrokenPipeGuard(const BrokenPipeGuard&) = delete;
+  BrokenPipeGuard& operator=(const BrokenPipeGuard&) = delete;
+
+ private:
+  bool active_;  // the signal was not blocked before
 };
 
 }  // namespace kinetrel

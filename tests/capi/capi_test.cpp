@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <kinetrel/kinetrel.h>
 #include "tests/support/child_process.h"
@@ -70,6 +71,75 @@ TEST(CInterface, RunsATrackerFromOpenToClose) {
   EXPECT_EQ(kinetrel_wait_sampling(engine, 0), 1);
   EXPECT_EQ(kinetrel_close(engine), 1);
   kinetrel_destroy(engine);
+}
+
+TEST(CInterface, AnOpenEngineRefusesOptionsAndAClosedOneFilters) {
+  FreeSlot slot;
+  const std::string where = "-w" + std::to_string(slot.slot());
+  const std::string elsewhere = "-w" + std::to_string(slot.slot() % 16 + 1);
+  const char* const options[] = {"host", "-d8", where.c_str()};
+  const char* const others[] = {"host", "-u0", elsewhere.c_str()};
+  kinetrel_engine* const engine = kinetrel_create();
+  const int key[3] = {0, 0, 0};
+  char text[64] = {};
+  int code = 0;
+  EXPECT_EQ(kinetrel_add_filter(engine, key, 3), -1);
+  EXPECT_EQ(kinetrel_status_text(engine, &code, sizeof text, text), 1);
+  EXPECT_STREQ(text, "AddFilter: MTS Not Open");
+
+  ASSERT_EQ(kinetrel_set_options(engine, 3, options), 1);
+  ASSERT_EQ(kinetrel_open_configured(engine), kinetrel_opened);
+  EXPECT_EQ(kinetrel_set_options(engine, 3, others), 0);
+  EXPECT_EQ(kinetrel_status_text(engine, &code, sizeof text, text), 1);
+  EXPECT_STREQ(text, "Configure: MTS already open");
+  EXPECT_EQ(code, -2);
+  int id = -1;
+  EXPECT_EQ(kinetrel_get_attribute_int(engine, kinetrel_shared_memory_id, &id), 1);
+  EXPECT_EQ(id, slot.device());
+  kinetrel_destroy(engine);
+}
+
+// Opens, samples and closes the simulated tracker; the number of frames that were published.
+int SampleSimulated(const FreeSlot& slot) {
+  const std::string where = "-w" + std::to_string(slot.slot());
+  const char* const options[] = {"host", "-d8", "-z-", where.c_str()};
+  kinetrel_engine* const engine = kinetrel_create();
+  kinetrel_set_options(engine, 4, options);
+  kinetrel_open_configured(engine);
+  kinetrel_start_sampling(engine);
+  const int key[3] = {slot.device(), 0, 0};
+  int frames = 0;
+  WaitUntil([&] {
+    return kinetrel_get_filter_attribute_int(engine, key, -1, kinetrel_mapping_frame_count,
+                                             &frames) == 1 &&
+           frames > 70;  // past a blink of the cursor
+  });
+  kinetrel_destroy(engine);
+  return frames;
+}
+
+TEST(CInterface, PrintsNothingWhilePrintingIsSwitchedOff) {
+  FreeSlot slot;
+  testing::internal::CaptureStderr();
+  testing::internal::CaptureStdout();
+  kinetrel_set_printing(0);
+  const int frames = SampleSimulated(slot);
+  kinetrel_set_printing(1);
+  EXPECT_GT(frames, 70);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+}
+
+TEST(CInterface, AHostWithClosedOutputLivesOn) {
+  FreeSlot slot;
+  const auto host = [&] {
+    int ends[2];
+    if (::pipe(ends) != 0 || ::dup2(ends[1], 1) < 0 || ::dup2(ends[1], 2) < 0) ::_exit(2);
+    ::close(ends[0]);
+    ::close(ends[1]);
+    ::_exit(SampleSimulated(slot) > 70 ? 0 : 1);
+  };
+  EXPECT_EXIT(host(), testing::ExitedWithCode(0), "");
 }
 
 #ifdef KINETREL_INSTALL_TEST

@@ -34,6 +34,7 @@ bool EnableTerminalSequences() {
 }
 
 bool OutputTakesLine() {
+  if (!PrintingIsOn()) return false;
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
   return ::poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0;
 }

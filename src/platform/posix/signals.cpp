@@ -34,6 +34,13 @@ void HandleStop(int number) {
   }
 }
 
+sigset_t BrokenPipeSet() {
+  sigset_t set;
+  ::sigemptyset(&set);
+  ::sigaddset(&set, SIGPIPE);
+  return set;
+}
+
 }  // namespace
 
 void CatchStopSignals(std::atomic<int>& request) {
@@ -69,6 +76,25 @@ std::optional<UserSignal> UserSignals::Take() {
   const int number = ::sigtimedwait(&os_->ours, nullptr, &atOnce);
   if (number < 0) return std::nullopt;
   return number == SIGUSR1 ? UserSignal::First : UserSignal::Second;
+}
+
+// ---- Broken pipes --------------------------------------------------------------------------
+
+BrokenPipeGuard::BrokenPipeGuard() : active_(false) {
+  const sigset_t set = BrokenPipeSet();
+  sigset_t before;
+  if (::pthread_sigmask(SIG_BLOCK, &set, &before) != 0) return;
+  active_ = ::sigismember(&before, SIGPIPE) == 0;
+}
+
+// Takes the signal that a write of ours may have left before it lets signals through again.
+BrokenPipeGuard::~BrokenPipeGuard() {
+  if (!active_) return;
+  const sigset_t set = BrokenPipeSet();
+  const timespec atOnce{};
+  while (::sigtimedwait(&set, nullptr, &atOnce) < 0 && errno == EINTR) {
+  }
+  ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
 }  // namespace kinetrel

@@ -94,8 +94,10 @@ bool EnableTerminalSequences() {
          ::SetConsoleMode(Output(), mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
-bool OutputTakesLine() { return true; }
+bool OutputTakesLine() { return PrintingIsOn(); }
 
-void ShowTransient(const char* text) { writer.Show(text); }
+void ShowTransient(const char* text) {
+  if (OutputTakesLine()) writer.Show(text);
+}
 
 }  // namespace kinetrel

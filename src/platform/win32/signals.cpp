@@ -53,4 +53,10 @@ UserSignals::~UserSignals() = default;
 
 std::optional<UserSignal> UserSignals::Take() { return std::nullopt; }
 
+// ---- Broken pipes --------------------------------------------------------------------------
+
+// A write to a broken pipe only fails here.
+BrokenPipeGuard::BrokenPipeGuard() : active_(false) {}
+BrokenPipeGuard::~BrokenPipeGuard() = default;
+
 }  // namespace kinetrel
