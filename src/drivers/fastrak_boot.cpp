@@ -2,11 +2,11 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstdio>
 #include <cstring>
 
 #include "devices/bounded_text.h"
 #include "drivers/fastrak_device.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -73,7 +73,7 @@ BootResult FastrakDevice::FindKnownUnit(int reset) {
   if (static_cast<int>(GetBaudRate()) != knownRate_) SetLineSettings(knownRate_, 8, 0, 0, 0);
   std::array<char, 2048> failure{};
   const BootResult found = Identify(reset, kKnownReplyMs, failure);
-  if (found != kBooted) std::fprintf(stderr, "%s", failure.data());
+  if (found != kBooted) PrintError("%s", failure.data());
   return found;
 }
 
@@ -96,7 +96,7 @@ BootResult FastrakDevice::FindUnit(int reset) {
     return kBooted;
   }
   SetLineSettings(opened, 8, 0, 0, 0);
-  std::fprintf(stderr, "%s", failure.data());
+  PrintError("%s", failure.data());
   return first;
 }
 

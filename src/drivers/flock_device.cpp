@@ -1,10 +1,10 @@
 #include "drivers/flock_device.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <iterator>
 
 #include "devices/wire.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -92,9 +92,9 @@ unsigned MeasurementRate(float crystalSpeed, unsigned count) {
 
 // The line with the label shows the first byte only; the rows show the bits of all bytes.
 void PrintBits(const char* label, std::span<const std::uint8_t> bytes) {
-  std::printf("\n%s: %X\n", label, unsigned{bytes[0]});
+  PrintOutput("\n%s: %X\n", label, unsigned{bytes[0]});
   for (const std::uint8_t byte : bytes) {
-    for (int bit = 0; bit < 8; ++bit) std::printf("\t%d", byte >> bit & 1);
+    for (int bit = 0; bit < 8; ++bit) PrintOutput("\t%d", byte >> bit & 1);
     std::putchar('\n');
   }
 }
@@ -163,7 +163,7 @@ BootResult FlockDevice::Boot(int) {
   if (status == 0) return kPortNotOpen;
   if ((status & kErrorBit) != 0 && !ReportBirdError()) return kPortNotOpen;
   ConfigureBus();
-  std::fputs("\n\n****** CALLING STATUS.. **********\n", stdout);
+  PrintOutput("\n\n****** CALLING STATUS.. **********\n");
   FlockDevice::QueryStatus(nullptr, 0);
   PrintParameters();
   // The line was lost meanwhile: the values above did not come from a bird.
@@ -206,8 +206,7 @@ std::uint16_t FlockDevice::AwaitMaster() {
 bool FlockDevice::ReportBirdError() {
   std::uint8_t code = 0;
   if (Ask(Parameter::ErrorCode, {&code, 1}) != 1) return false;
-  std::printf("\nBird error: 0x%02X", unsigned{code});
-  std::fflush(stdout);
+  PrintOutput("\nBird error: 0x%02X", unsigned{code});
   return true;
 }
 
@@ -217,7 +216,7 @@ void FlockDevice::ConfigureBus() {
   const std::array<std::uint8_t, 3> change = {
       kChange, static_cast<std::uint8_t>(Parameter::AutoConfiguration), kBirds};
   if (Write(change.data(), change.size()) == change.size()) {
-    std::fputs("\nautoconfig request successful.\n", stdout);
+    PrintOutput("\nautoconfig request successful.\n");
   }
   Ask(Parameter::AutoConfiguration, parameters_.autoConfig, kConfigurationPatience);
   PrintBits("AUTO configuration", parameters_.autoConfig);
@@ -225,17 +224,16 @@ void FlockDevice::ConfigureBus() {
 
 void FlockDevice::PrintParameters() const {
   const FlockParameters& p = parameters_;
-  std::printf("\nsystem status: %X", unsigned{p.systemStatus});
-  std::printf("\nversion is: %f", double{p.softwareRevision});
-  std::printf("\ncrys speed is: %f", double{p.crystalSpeed});
-  std::printf("\nmeasurement count: %u", p.measurementRate);
-  std::printf("\nsample rate: %f", double{p.sampleRate});
-  std::printf("\nerror code: %u", p.errorCode);
-  std::printf("\nsystem model ID: %s", Printable(p.modelId).data());
-  std::printf("\nmaster groupmode: %d", p.groupMode ? 1 : 0);
+  PrintOutput("\nsystem status: %X", unsigned{p.systemStatus});
+  PrintOutput("\nversion is: %f", double{p.softwareRevision});
+  PrintOutput("\ncrys speed is: %f", double{p.crystalSpeed});
+  PrintOutput("\nmeasurement count: %u", p.measurementRate);
+  PrintOutput("\nsample rate: %f", double{p.sampleRate});
+  PrintOutput("\nerror code: %u", p.errorCode);
+  PrintOutput("\nsystem model ID: %s", Printable(p.modelId).data());
+  PrintOutput("\nmaster groupmode: %d", p.groupMode ? 1 : 0);
   PrintBits("flock system status", p.flockStatus);
   PrintBits("FBB configuration", p.fbbConfig);
-  std::fflush(stdout);
 }
 
 // ---- Questions and answers -------------------------------------------------------------------

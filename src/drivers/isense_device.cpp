@@ -8,6 +8,7 @@
 
 #include "devices/bounded_text.h"
 #include "drivers/isense_library.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -170,19 +171,18 @@ unsigned IsenseDevice::GetBaudRate() {
 
 // Some trackers know their rate only after they have sent data for a while.
 float IsenseDevice::MeasureKBits() {
-  std::printf("\nsizeof(ISD_TRACKER_DATA_TYPE) = %d", static_cast<int>(sizeof data_));
-  std::fputs("\nTesting port ", stdout);
+  PrintOutput("\nsizeof(ISD_TRACKER_DATA_TYPE) = %d", static_cast<int>(sizeof data_));
+  PrintOutput("\nTesting port ");
   for (int i = 0; i < kTestReads; ++i) {
-    std::fputs(".", stdout);
+    PrintOutput(".");
     ISD_GetData(trackerHandle_, &data_);
   }
-  std::fputs("*\n", stdout);
+  PrintOutput("*\n");
   IsenseTrackerInfo info;
   ISD_GetTrackerConfig(trackerHandle_, &info, kQuiet);
-  std::printf("\nKBitsPerSec:\t%f", double{info.kBitsPerSec});
-  std::printf("\nRecordsPerSec:\t%u", info.recordsPerSec);
-  std::printf("\nSyncRate:\t%f", double{info.syncRate});
-  std::fflush(stdout);
+  PrintOutput("\nKBitsPerSec:\t%f", double{info.kBitsPerSec});
+  PrintOutput("\nRecordsPerSec:\t%u", info.recordsPerSec);
+  PrintOutput("\nSyncRate:\t%f", double{info.syncRate});
   return info.kBitsPerSec;
 }
 

@@ -1,6 +1,6 @@
 #include "drivers/isense_library.h"
 
-#include <cstdio>
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -83,8 +83,8 @@ void IsenseLibrary::Load() {
   std::string why;
   Result<DynamicLibrary> loaded = DynamicLibrary::Load(kLibraryName, &why);
   if (!loaded.Ok()) {
-    std::fprintf(stderr, "Could not load %s\n", kLibraryName);
-    if (!why.empty()) std::fprintf(stderr, "\t%s\n", why.c_str());
+    PrintError("Could not load %s\n", kLibraryName);
+    if (!why.empty()) PrintError("\t%s\n", why.c_str());
     return;
   }
   IsenseCalls calls;
@@ -127,7 +127,7 @@ void IsenseLibrary::BindAll(const DynamicLibrary& library, IsenseCalls& calls) {
   bind("ISD_AuxOutput", calls.auxOutput, ISD_AuxOutput);
   bind("ISD_UdpBroadcastData", calls.udpBroadcastData, ISD_UdpBroadcastData);
   bind("ISD_GetSystemHardwareInfo", calls.getSystemHardwareInfo, ISD_GetSystemHardwareInfo);
-  if (missing != reportedMissing_) std::fputs(missing.c_str(), stderr);
+  if (missing != reportedMissing_) PrintError("%s", missing.c_str());
   reportedMissing_ = missing;
 }
 

@@ -1,10 +1,10 @@
 #include "drivers/joystick.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 #include "devices/bounded_text.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -41,7 +41,7 @@ int Joystick::Boot(int) {
   if (joystickId_ < deviceCount_) booted = TakeCapabilities(nullptr, 0);
   if (booted.Ok()) booted = TakeState();
   if (booted.Ok()) return 1;
-  std::fprintf(stderr, "\n\t\t%s", Describe(booted).c_str());
+  PrintError("\n\t\t%s", Describe(booted).c_str());
   return 0;
 }
 

@@ -11,6 +11,7 @@
 
 #include "drivers/liberty_frame.h"
 #include "drivers/liberty_wire.h"
+#include "platform/console.h"
 #include "platform/serial_line.h"
 
 namespace kinetrel {
@@ -179,7 +180,7 @@ class SerialLiberty final : public LibertyTracker {
 
   // A line that has gone is tried again and again; the reason is printed only when it changes.
   void PrintOnce(const std::string& why) {
-    if (why != printed_) std::fprintf(stderr, "\n%s\n", why.c_str());
+    if (why != printed_) PrintError("\n%s\n", why.c_str());
     printed_ = why;
   }
 

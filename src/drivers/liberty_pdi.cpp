@@ -1,7 +1,7 @@
 #include "drivers/liberty_pdi.h"
+#include "platform/console.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <string>
 
 namespace kinetrel {
@@ -11,10 +11,10 @@ constexpr char kLibraryName[] = "pdi.dll";
 constexpr char kNotLoaded[] = "the device library is not loaded";
 
 void ReportUnusable(const char* what, const std::string& why) {
-  std::fprintf(stderr,
-               "\nThe Liberty device library %s %s (%s).\n"
-               "KINETREL_PDI may name the file to load.\n",
-               kLibraryName, what, why.c_str());
+  PrintError(
+      "\nThe Liberty device library %s %s (%s).\n"
+      "KINETREL_PDI may name the file to load.\n",
+      kLibraryName, what, why.c_str());
 }
 
 // Null, and the reason in `why`, for a library without our version of the table.
