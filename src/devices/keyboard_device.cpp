@@ -6,9 +6,9 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "platform/console.h"
+#include "platform/mutex.h"
 
 namespace kinetrel {
 namespace {
@@ -52,18 +52,18 @@ constexpr MoveRow kMoves[] = {
 // last moved. One for all devices of the process, because the process has one keyboard. The
 // sampling threads use it under its lock.
 struct OperatorEntry {
-  std::mutex lock;
-  std::array<char, 32> text{};
-  std::size_t length = 0;
-  Pose lastAppliedOffset{};
+  Mutex lock;
+  std::array<char, 32> text GUARDED_BY(lock){};
+  std::size_t length GUARDED_BY(lock) = 0;
+  Pose lastAppliedOffset GUARDED_BY(lock){};
 
-  void Clear() { text[length = 0] = '\0'; }
-  void Append(char letter) {
+  void Clear() REQUIRES(lock) { text[length = 0] = '\0'; }
+  void Append(char letter) REQUIRES(lock) {
     if (length + 1 >= text.size()) return;
     text[length++] = letter;
     text[length] = '\0';
   }
-  void RemoveLast() {
+  void RemoveLast() REQUIRES(lock) {
     if (length > 0) text[--length] = '\0';
   }
 };
@@ -98,7 +98,7 @@ bool IsAngle(KeyboardDevice::Field field) {
 }
 
 // Edits the text by one key; false for an unknown key.
-bool EditText(KeyboardDevice::Field field, int key) {
+bool EditText(KeyboardDevice::Field field, int key) REQUIRES(entry.lock) {
   if (key == kBackspace) {
     entry.RemoveLast();
   } else if (key == ',' || key == ';') {
@@ -240,7 +240,7 @@ bool KeyboardDevice::HandleKeys() {
 }
 
 void KeyboardDevice::ApplySteeredOffset() {
-  const std::lock_guard guard(entry.lock);
+  const Lock guard(entry.lock);
   const Pose& offset = offsets_[kSteeredSensor];
   Pose& pose = SteeredPose();
   for (std::size_t i = 0; i < 3; ++i) pose[i] += offset[i] - entry.lastAppliedOffset[i];
@@ -322,26 +322,26 @@ void KeyboardDevice::PrintStatusLine() const {
 
 bool KeyboardDevice::EnterValue(Field field, int key) {
   if (field < Field::None || field > Field::Vector || sensorCount_ <= kSteeredSensor) return false;
-  const std::lock_guard guard(entry.lock);
+  const Lock guard(entry.lock);
   if (field != entryField_) {
     entry.Clear();
     Print("\n");
     entryField_ = field;
   }
-  if (key == kLineFeed || key == kEnter) return StoreEntry();
+  if (key == kLineFeed || key == kEnter) return StoreEntry(entry.text.data());
   if (!EditText(field, key)) return false;
   Print("\rEnter value for %s: %s \b", kFields[static_cast<int>(field)].name, entry.text.data());
   return true;
 }
 
-bool KeyboardDevice::StoreEntry() {
+bool KeyboardDevice::StoreEntry(const char* text) {
   if (entryField_ == Field::None) return false;
-  if (entry.length == 0) {
+  if (*text == '\0') {
     Print("\r%-60s\r", "No value stored");
   } else if (entryField_ == Field::Vector) {
-    StoreVector(entry.text.data());
+    StoreVector(text);
   } else {
-    StoreComponent(entry.text.data());
+    StoreComponent(text);
   }
   entryField_ = Field::None;
   return true;

@@ -88,7 +88,7 @@ class KeyboardDevice final : public TrackerDevice {
   bool HandleCharacter(int code);
   bool StepKey(int code);
   void PrintStatusLine() const;
-  bool StoreEntry();
+  bool StoreEntry(const char* text);
   void StoreComponent(const char* text);
   void StoreVector(const char* text);
   Pose& SteeredPose() { return poses_[kSteeredSensor]; }

@@ -9,13 +9,13 @@ namespace kinetrel {
 StatusLog::StatusLog() : formatBuffer_(kLongestFormatted + 1) {}
 
 bool StatusLog::SetStatus(StatusNumber code, const char* text) {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   Append(code, text);
   return true;
 }
 
 bool StatusLog::SetStatusF(StatusNumber code, const char* format, ...) {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   std::va_list arguments;
   va_start(arguments, format);
   AppendFormatted(code, format, arguments);
@@ -24,28 +24,28 @@ bool StatusLog::SetStatusF(StatusNumber code, const char* format, ...) {
 }
 
 const char* StatusLog::CurrentStatusText() const {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   return entries_.empty() ? "" : entries_.back().text.c_str();
 }
 
 StatusEntry StatusLog::Newest() const {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   return entries_.empty() ? StatusEntry{} : entries_.back();
 }
 
 std::vector<StatusEntry> StatusLog::Entries() const {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   return entries_;
 }
 
 void StatusLog::Attach(StatusListener& listener) {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   listener_ = &listener;
   for (const StatusEntry& entry : entries_) listener.OnEntry(entry);
 }
 
 void StatusLog::Detach(const StatusListener& listener) {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   if (listener_ == &listener) listener_ = nullptr;
 }
 
@@ -62,7 +62,7 @@ void StatusLog::AppendFormatted(StatusNumber code, const char* format, std::va_l
 }
 
 bool Announce(StatusLog& log, const char* prefix, StatusNumber code, const char* format, ...) {
-  const std::lock_guard held(log.lock_);
+  const Lock held(log.lock_);
   std::va_list arguments;
   va_start(arguments, format);
   log.AppendFormatted(code, format, arguments);
@@ -73,7 +73,7 @@ bool Announce(StatusLog& log, const char* prefix, StatusNumber code, const char*
 
 bool Post(StatusLog* log, StatusNumber code, const char* format, ...) {
   if (log == nullptr) return true;
-  const std::lock_guard held(log->lock_);
+  const Lock held(log->lock_);
   std::va_list arguments;
   va_start(arguments, format);
   log->AppendFormatted(code, format, arguments);

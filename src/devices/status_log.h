@@ -9,9 +9,10 @@
 #include <cstdarg>
 #include <cstddef>
 #include <ctime>
-#include <mutex>
 #include <string>
 #include <vector>
+
+#include "platform/mutex.h"
 
 namespace kinetrel {
 
@@ -87,15 +88,14 @@ class StatusLog {
   friend bool Announce(StatusLog&, const char*, StatusNumber, const char*, ...);
   friend bool Post(StatusLog*, StatusNumber, const char*, ...);
 
-  // With the lock held.
-  void Append(StatusNumber code, std::string text);
+  void Append(StatusNumber code, std::string text) REQUIRES(lock_);
   [[gnu::format(printf, 3, 0)]] void AppendFormatted(StatusNumber code, const char* format,
-                                                     std::va_list arguments);
+                                                     std::va_list arguments) REQUIRES(lock_);
 
-  mutable std::mutex lock_;
-  std::vector<StatusEntry> entries_;
-  std::vector<char> formatBuffer_;
-  StatusListener* listener_ = nullptr;
+  mutable Mutex lock_;
+  std::vector<StatusEntry> entries_ GUARDED_BY(lock_);
+  std::vector<char> formatBuffer_ GUARDED_BY(lock_);
+  StatusListener* listener_ GUARDED_BY(lock_) = nullptr;
 };
 
 // Prints `prefix` and the formatted text on the standard error stream, and logs the text. Always

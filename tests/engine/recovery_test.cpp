@@ -123,8 +123,9 @@ class ByteTracker final : public TrackerDevice {
     if (std::exchange(opening_, false)) return;
     bool free = false;
     std::thread([&] {
-      free = inUse().try_lock();
-      if (free) inUse().unlock();
+      if (!inUse().try_lock()) return;
+      free = true;
+      inUse().unlock();
     }).join();
     const Lock held(memory_.lock);
     memory_.unguarded += free ? 1 : 0;
