@@ -171,6 +171,9 @@ const Refusal kOpen[] = {
     {"ProtocolWord", [](auto& e) { return e.SetAttributeString(16, "x3"); },
      "-1 SetAttributeString: Invalid Protocol.  Protocol string must start with an integer.\n"
      "-3 SetAttributeFloatArray: Set Failed\n"},
+    {"ProtocolBeyondAnInt", [](auto& e) { return e.SetAttributeString(16, "99999999999"); },
+     "-1 SetAttributeString: Invalid Protocol.  Protocol string must start with an integer.\n"
+     "-3 SetAttributeFloatArray: Set Failed\n"},
     {"ListTooLong", [](auto& e) { return e.GetMappingList(3, &number); },
      "-1 GetMappingList: Invalid mapping size requested\n"},
     {"MappingMissing", [](auto& e) { return e.GetMapping(kNowhere, &number); },
@@ -270,6 +273,9 @@ TEST_F(Control, TextsAreCutToTheCallersBuffer) {
   EXPECT_TRUE(engine_.SetAttributeString(16, " 3 of them"));
   EXPECT_TRUE(engine_.GetAttributeString(16, 64, text));
   EXPECT_STREQ(text, "3");
+  EXPECT_TRUE(engine_.SetAttributeString(16, "1234567890"));
+  EXPECT_TRUE(engine_.GetAttributeString(16, 64, text));
+  EXPECT_STREQ(text, "1234567890");
 
   engine_.Close();
   Open();
