@@ -32,6 +32,7 @@ struct KeyInput {
 KeyInput input;
 
 // Whether the process prints. Written by its host, read by every thread that prints.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 std::atomic<bool> printing{true};
 
 // Adds the next byte to those that are no key yet; one at a time, so that what is typed ahead of
