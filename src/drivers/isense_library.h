@@ -64,7 +64,7 @@ class IsenseLibrary {
   // Loads the library unless it is loaded. A missing library is reported at each attempt, missing
   // functions only when others are missing than at the last loading.
   void Load();
-  void BindAll(const DynamicLibrary& library, IsenseCalls& calls);
+  void BindAll(const DynamicLibrary& library, IsenseCalls& calls) REQUIRES(loading_);
   template <typename Function>
   Function Find(Function IsenseCalls::*call) const;
 

@@ -173,10 +173,10 @@ void RecordStreamWriter::Publish(std::span<kinetrel_record> records) {
   memory_.Announce(&live_->arrivals);
 }
 
-void RecordStreamWriter::NoteFrame(std::int64_t sample_ns) {
+void RecordStreamWriter::NoteFrame(std::int64_t sampleNs) {
   Add(frames_, 1);
-  if (lastFrame_ != 0 && sample_ns > lastFrame_) {
-    const double interval = static_cast<double>(sample_ns - lastFrame_) * 1e-9;
+  if (lastFrame_ != 0 && sampleNs > lastFrame_) {
+    const double interval = static_cast<double>(sampleNs - lastFrame_) * 1e-9;
     const double weight = interval_ == 0.0 ? 1.0 : WeightOf(interval);
     const double off = interval - interval_;
     interval_ += off * weight;
@@ -184,7 +184,7 @@ void RecordStreamWriter::NoteFrame(std::int64_t sample_ns) {
     measuredRate_.store(1.0 / interval_, std::memory_order_relaxed);
     jitter_.store(std::sqrt(spread_), std::memory_order_relaxed);
   }
-  lastFrame_ = sample_ns;
+  lastFrame_ = sampleNs;
   latencyMean_.store(latency_, std::memory_order_relaxed);
   latencyMax_.store(worstLatency_, std::memory_order_relaxed);
 }

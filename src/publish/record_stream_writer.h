@@ -45,8 +45,8 @@ class RecordStreamWriter {
   // publication; the caller sets the rest. One of a sensor past 31 is left out.
   void Publish(std::span<kinetrel_record> records);
 
-  // Counts a frame whose records are published, and keeps rate and jitter. sample_ns  of the frame.
-  void NoteFrame(std::int64_t sample_ns);
+  // Counts a frame whose records are published, and keeps rate and jitter. sampleNs  of the frame.
+  void NoteFrame(std::int64_t sampleNs);
   void NoteFailedRead() { Add(failedReads_, 1); }
   void NoteDropped(std::uint64_t records) { Add(dropped_, records); }
   void NoteRecovery() { Add(recoveries_, 1); }
