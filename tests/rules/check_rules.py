@@ -99,8 +99,28 @@ def complaints(path):
                 yield number, f"{macro.match(line).group(1)}: use a constant or a function"
 
 
+def stream_page_complaints():
+    """The byte table of docs/stream.md against the offsets that the header asserts."""
+    header = (root / "include/kinetrel/stream.h").read_text()
+    page = (root / "docs/stream.md").read_text()
+    asserted = {(struct, field): int(offset) for struct, field, offset in
+                re.findall(r"KINETREL_AT\(kinetrel_(\w+), (\w+), (\d+)\)", header)}
+    sizes = re.findall(r"sizeof\(kinetrel_(\w+)\) == (\d+)", header)
+    tables = dict(re.findall(r"\*\*(\w+)\*\*, \d+ bytes\n\n(.*?)\n\n(?=\*\*|\| bits)", page, re.S))
+    for struct, size in sizes:
+        name = struct.removeprefix("stream_")
+        if f"**{name}**, {size} bytes\n" not in page:
+            yield 1, f"{name} has {size} bytes in the header"
+        rows = dict((field, int(offset)) for offset, field in
+                    re.findall(r"^\| (\d+) \| [^|]+ \| (\w+) \|", tables.get(name, ""), re.M))
+        for (owner, field), offset in asserted.items():
+            if owner == struct and rows.get(field) != offset:
+                yield 1, f"{name}.{field} is at {offset} in the header, {rows.get(field)} here"
+
+
 def check_tree():
     found = [(path, number, text) for path in tracked_files() for number, text in complaints(path)]
+    found += [("docs/stream.md", number, text) for number, text in stream_page_complaints()]
     for path, number, text in found:
         print(f"{path}:{number}: {text}")
     print(f"rules: {len(tracked_files())} files, {len(found)} complaints")
