@@ -72,7 +72,7 @@ Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions
       clock_(ClockTicks(), ClockTicksPerSecond()) {}
 
 Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice> device,
-                                                 EmulatorOptions options) {
+                                                 const EmulatorOptions& options) {
   auto port = PseudoTerminal::Open(options.line.baud);
   if (!port.Ok()) return port.status();
   std::shared_ptr<Emulator> emulator(new Emulator(std::move(device), options, std::move(*port)));
@@ -209,8 +209,8 @@ void Emulator::Plug() {
 // ---- In the background --------------------------------------------------------------------------
 
 Result<EmulatorThread> EmulatorThread::Start(std::unique_ptr<EmulatedDevice> device,
-                                             EmulatorOptions options) {
-  auto emulator = Emulator::Open(std::move(device), std::move(options));
+                                             const EmulatorOptions& options) {
+  auto emulator = Emulator::Open(std::move(device), options);
   if (!emulator.Ok()) return emulator.status();
   auto thread = Thread::Start([shared = *emulator] { shared->Run(); });
   if (!thread.Ok()) return thread.status();

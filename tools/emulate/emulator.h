@@ -52,7 +52,7 @@ class Emulator {
   // Invalid, Denied, NotFound: the link cannot be made. NoSpace: the system has no free
   // pseudo-terminal.
   static Result<std::shared_ptr<Emulator>> Open(std::unique_ptr<EmulatedDevice> device,
-                                                EmulatorOptions options);
+                                                const EmulatorOptions& options);
 
   void Run();   // until Stop
   void Stop();  // for good
@@ -110,7 +110,7 @@ class Emulator {
 class EmulatorThread {
  public:
   static Result<EmulatorThread> Start(std::unique_ptr<EmulatedDevice> device,
-                                      EmulatorOptions options);
+                                      const EmulatorOptions& options);
   EmulatorThread(EmulatorThread&&) noexcept = default;
   EmulatorThread& operator=(EmulatorThread&&) = delete;
   ~EmulatorThread();

@@ -46,7 +46,7 @@ struct FastrakEmulator::CommandRow {
 
 std::span<const FastrakEmulator::CommandRow> FastrakEmulator::Commands() {
   using Self = FastrakEmulator;
-  static constexpr CommandRow rows[] = {
+  static constexpr CommandRow kRows[] = {
       {'C', &Self::StartStream},     {'c', &Self::StopStream},      {'P', &Self::Poll},
       {'S', &Self::TellStatus},      {'U', &Self::UseInches},       {'u', &Self::UseCentimetres},
       {'f', &Self::UseBinary},       {'F', &Self::UseAscii},        {'K', &Self::Save},
@@ -54,7 +54,7 @@ std::span<const FastrakEmulator::CommandRow> FastrakEmulator::Commands() {
       {'A', &Self::Align},           {'R', &Self::ResetAlignment},  {'H', &Self::Hemisphere},
       {'N', &Self::TipOffset},       {'y', &Self::Synchronization}, {'T', &Self::ClearError},
   };
-  return rows;
+  return kRows;
 }
 
 const FastrakEmulator::CommandRow* FastrakEmulator::FindCommand(char letter) {
@@ -238,9 +238,9 @@ std::string FastrakEmulator::Reinitialize(const Numbers&, Context context) {
 }
 
 std::string FastrakEmulator::Synchronization(const Numbers& numbers, Context) {
-  constexpr const char* names[] = {"internal", "external", "with a CRT"};
+  constexpr const char* kNames[] = {"internal", "external", "with a CRT"};
   if (numbers.size() != 1 || numbers[0] < 0 || numbers[0] > 2) return "";
-  return std::string("synchronization ") + names[static_cast<std::size_t>(numbers[0])];
+  return std::string("synchronization ") + kNames[static_cast<std::size_t>(numbers[0])];
 }
 
 std::string FastrakEmulator::ClearError(const Numbers& numbers, Context) {

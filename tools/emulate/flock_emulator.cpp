@@ -112,12 +112,12 @@ struct FlockEmulator::CommandRow {
 
 std::span<const FlockEmulator::CommandRow> FlockEmulator::Commands() {
   using Self = FlockEmulator;
-  static constexpr CommandRow rows[] = {
+  static constexpr CommandRow kRows[] = {
       {'O', 2, &Self::Examine},       {'P', 3, &Self::Change},
       {'B', 1, &Self::Point},         {'@', 1, &Self::Stream},
       {'L', 3, &Self::SetHemisphere}, {'Y', 1, &Self::UsePositionAndAngles},
   };
-  return rows;
+  return kRows;
 }
 
 const FlockEmulator::CommandRow* FlockEmulator::FindCommand(unsigned code) {
@@ -197,10 +197,10 @@ std::string FlockEmulator::Stream(Turn turn) {
 }
 
 std::string FlockEmulator::SetHemisphere(Turn) {
-  static constexpr std::array<std::string_view, 3> axes = {"x", "y", "z"};
+  static constexpr std::array<std::string_view, 3> kAxes = {"x", "y", "z"};
   const unsigned axis = command_[1] / 6;
-  if (command_[1] % 6 != 0 || axis >= axes.size() || command_[2] > 1) return "";
-  return "hemisphere " + std::string(command_[2] == 0 ? "+" : "-") + std::string(axes[axis]);
+  if (command_[1] % 6 != 0 || axis >= kAxes.size() || command_[2] > 1) return "";
+  return "hemisphere " + std::string(command_[2] == 0 ? "+" : "-") + std::string(kAxes[axis]);
 }
 
 std::string FlockEmulator::UsePositionAndAngles(Turn) { return "position and angles"; }
@@ -215,7 +215,7 @@ struct FlockEmulator::ParameterRow {
 
 std::span<const FlockEmulator::ParameterRow> FlockEmulator::Parameters() {
   using Self = FlockEmulator;
-  static constexpr ParameterRow rows[] = {
+  static constexpr ParameterRow kRows[] = {
       {0, "bird status", &Self::BirdStatus},
       {1, "software revision", &Self::SoftwareRevision},
       {2, "crystal speed", &Self::CrystalSpeed},
@@ -228,7 +228,7 @@ std::span<const FlockEmulator::ParameterRow> FlockEmulator::Parameters() {
       {36, "flock status", &Self::FlockStatus},
       {kAutoConfigure, "bus configuration", &Self::AutoConfiguration},
   };
-  return rows;
+  return kRows;
 }
 
 std::string FlockEmulator::Examine(Turn turn) {

@@ -252,7 +252,7 @@ ExitCode Emulate(EmulateCommand command) {
   }
   const std::string name = command.device->Name();
   const unsigned baud = command.options.line.baud;
-  auto emulator = EmulatorThread::Start(std::move(command.device), std::move(command.options));
+  auto emulator = EmulatorThread::Start(std::move(command.device), command.options);
   if (!emulator.Ok()) {
     std::fprintf(stderr, "kinetrel-emulate: %s\n", Describe(emulator.status()).c_str());
     return ExitCode::CannotOpen;

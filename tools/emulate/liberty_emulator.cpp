@@ -20,7 +20,7 @@ constexpr unsigned kStations = 16;
 constexpr double kCentimetresPerInch = 2.54;
 constexpr char Control(char letter) { return static_cast<char>(letter & 0x1F); }
 
-enum Refusal : unsigned { kInvalidCommand = 1, kInvalidStation = 2, kInvalidParameter = 3 };
+constexpr unsigned kInvalidCommand = 1, kInvalidStation = 2, kInvalidParameter = 3;
 
 // The stations that a field names: a number, or '*' for all. 0: not a station.
 std::uint32_t StationsOf(std::string_view field) {

@@ -15,15 +15,15 @@ const OptionRow* Find(std::string_view name, std::initializer_list<OptionTable> 
 }  // namespace
 
 std::string DescribeOptions(OptionTable table) {
-  constexpr std::size_t width = 26;
+  constexpr std::size_t kWidth = 26;
   std::string text;
   for (const OptionRow& row : table) {
     std::string left = "  " + std::string(row.name) + " " + std::string(row.value);
-    left.resize(std::max(left.size() + 1, width), ' ');
+    left.resize(std::max(left.size() + 1, kWidth), ' ');
     text += left;
     for (const char letter : row.help) {
       text += letter;
-      if (letter == '\n') text += std::string(width, ' ');
+      if (letter == '\n') text += std::string(kWidth, ' ');
     }
     text += '\n';
   }
