@@ -122,7 +122,7 @@ Account Observe(const Child& program, SharedTrackReader& reader) {
 void Programs(Report& report) {
   const std::string slot = std::to_string(kBenchDevice + 1);
   const auto reader = OpenReader();
-  Child watch([&] { RunProgram("kinetrel-watch", {"--slot", slot}); });
+  Child watch([&] { RunProgram("kinetrel-watch", {"--block", "--slot", slot}); });
   std::this_thread::sleep_for(seconds(1));  // it has started, and waits
   const Account waiting = Observe(watch, *reader);
   report.AtMost("wake-ups of kinetrel-watch without a writer", waiting.wakeUps / waiting.seconds,

@@ -137,7 +137,7 @@ class Watch : public testing::Test {
   }
 
   Strings WithSlot(Strings arguments) const {
-    arguments.insert(arguments.end(), {"--slot", std::to_string(slot_.slot())});
+    arguments.insert(arguments.end(), {"--block", "--slot", std::to_string(slot_.slot())});
     return arguments;
   }
 

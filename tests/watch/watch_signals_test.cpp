@@ -69,8 +69,9 @@ TEST_F(WatchProcess, EndsCleanlyWhenAsked) {
 TEST_F(WatchProcess, EndsQuietlyWithTheReaderOfItsOutput) {
   OpenTracker();
   const std::string program = std::string(KINETREL_BIN_DIR) + "/kinetrel-watch";
-  ChildProcess shell("/bin/sh", {"-c", "('" + program + "' --slot " + std::to_string(slot_.slot()) +
-                                           "; echo code $? >&2) | head -n 1"});
+  ChildProcess shell("/bin/sh",
+                     {"-c", "('" + program + "' --block --slot " + std::to_string(slot_.slot()) +
+                                "; echo code $? >&2) | head -n 1"});
   EXPECT_TRUE(tracker_->PublishUntil([&] { return Contains(shell.error(), "code"); }));
   EXPECT_EQ(shell.error(), "code 0\n");
   EXPECT_EQ(Lines(shell.output()).size(), 1U);

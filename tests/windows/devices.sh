@@ -63,7 +63,7 @@ kinetrel() { start kinetrel wine "$windows/bin/kinetrel.exe" "-w$slot" "$@"; }
 
 # watch_frames COUNT: that many frames of our slot reach another process in time.
 watch_frames() {
-  in_time 60 wine "$windows/bin/kinetrel-watch.exe" --slot "$slot" --plain --frames "$1" \
+  in_time 60 wine "$windows/bin/kinetrel-watch.exe" --block --slot "$slot" --plain --frames "$1" \
     --timeout 30 </dev/null >"$work/frames" 2>&1
   (($(grep -c '^frame' "$work/frames") == $1))
 }
@@ -202,7 +202,7 @@ relay_here() {
 relay_there() {
   serve wine "$windows/bin/kinetrel-service.exe" || return 1
   KINETREL_RELAY="$host: $((slot - 1)), 0, 0" start kinetrel "$linux/kinetrel" "-w$slot" -d 11
-  in_time 60 "$linux/kinetrel-watch" --slot "$slot" --plain --frames 10 --timeout 30 </dev/null \
+  in_time 60 "$linux/kinetrel-watch" --block --slot "$slot" --plain --frames 10 --timeout 30 </dev/null \
     >"$work/frames" 2>&1
 }
 

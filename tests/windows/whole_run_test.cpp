@@ -29,7 +29,7 @@ std::unique_ptr<ChildProcess> StartTracker(int slot, Strings more = {}) {
 }
 
 std::unique_ptr<ChildProcess> StartWatch(int slot, Strings more = {}) {
-  Strings arguments = {"--plain", "--slot", std::to_string(slot)};
+  Strings arguments = {"--plain", "--block", "--slot", std::to_string(slot)};
   arguments.insert(arguments.end(), more.begin(), more.end());
   return std::make_unique<ChildProcess>("kinetrel-watch", arguments);
 }

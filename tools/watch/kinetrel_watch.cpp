@@ -10,6 +10,7 @@
 #include "platform/console.h"
 #include "platform/signals.h"
 #include "watch/frame_follower.h"
+#include "watch/stream_watcher.h"
 #include "watch/watch_face.h"
 #include "watch/watch_options.h"
 #include "watch/watch_view.h"
@@ -42,9 +43,10 @@ class Watcher {
 // writer that has closed.
 constexpr Milliseconds kIdleWait{250};
 
+// Of the buffer of the output, which is flushed by hand, one whole frame at a time.
+constexpr std::size_t kLargestFrame = 1 << 16;
+
 std::unique_ptr<WatchFace> MakeFace(const WatchOptions& options) {
-  // We flush by hand, one whole frame at a time.
-  constexpr std::size_t kLargestFrame = 1 << 16;
   std::setvbuf(stdout, nullptr, _IOFBF, kLargestFrame);
   if (options.form == OutputForm::Automatic && EnableTerminalSequences()) {
     return std::make_unique<TableFace>(options);
@@ -127,7 +129,11 @@ ExitCode Serve(const WatchCommand& command) {
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);
   CatchStopSignals(stop);
-  return Watcher(command.options, stop).Run();
+  if (command.options.block) return Watcher(command.options, stop).Run();
+  std::setvbuf(stdout, nullptr, _IOFBF, kLargestFrame);
+  const bool table = command.options.form == OutputForm::Automatic && !command.options.log &&
+                     EnableTerminalSequences();
+  return StreamWatcher(command.options, stop, table).Run();
 }
 
 }  // namespace

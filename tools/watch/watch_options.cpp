@@ -50,8 +50,14 @@ constexpr std::array kOptions = {
            [](WatchCommand& command, std::string_view value) {
              return ParseNumber(value, 1, kSharedDevices, command.options.slot);
            }},
-    Option{"--bin", "NUMBER", "a number from 0 to 15", "bin of the slot, 0 to 15 (default 0)",
+    Option{"--log", "", "", "print the newest lines of the status log and end",
+           [](WatchCommand& command, std::string_view) { return command.options.log = true; }},
+    Option{"--block", "", "", "watch the block that clients of the old format read",
+           [](WatchCommand& command, std::string_view) { return command.options.block = true; }},
+    Option{"--bin", "NUMBER", "a number from 0 to 15",
+           "with the block of this bin of the slot, 0 to 15 (default 0)",
            [](WatchCommand& command, std::string_view value) {
+             command.options.block = true;
              return ParseNumber(value, 0, kSharedBins - 1, command.options.bin);
            }},
     Option{"--degrees", "", "", "angles in degrees instead of radians",
@@ -155,9 +161,9 @@ std::string WatchUsage() {
     text += left + std::string(option.help) + "\n";
   }
   text +=
-      "\nA frame is one publication: a tracker publishes once for each of its sensors. Frames "
-      "that\n"
-      "come faster than they are shown are passed over; the newest is always shown.\n"
+      "\nA frame is one record of the stream: one sensor's pose, in metres, with its age on this\n"
+      "machine's clock. With --block it is one publication of the block, and frames that come\n"
+      "faster than they are shown are passed over. On a terminal l shows the status log.\n"
       "\nExit codes:\n"
       "  0  done, or ended by a signal or by the reader of its output\n"
       "  1  the shared memory cannot be opened\n"

@@ -29,6 +29,8 @@ enum class OutputForm {
 struct WatchOptions {
   int slot = 1;  // 1..16, as the operator counts them; the device number is one less
   int bin = 0;
+  bool block = false;  // watch the block of the bin, not the record stream
+  bool log = false;    // print the status log and end
   OutputForm form = OutputForm::Automatic;
   bool degrees = false;
   std::uint64_t frames = 0;             // end after this many; 0: never
