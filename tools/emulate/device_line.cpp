@@ -119,7 +119,8 @@ void DeviceLine::Damage(std::vector<std::byte>& record) {
     }
   }
   if (const auto cut = std::exchange(cut_, std::nullopt)) {
-    const auto kept = static_cast<std::size_t>(cut->Or(static_cast<double>(record.size() / 2)));
+    const std::size_t half = record.size() / 2;
+    const auto kept = static_cast<std::size_t>(cut->Or(static_cast<double>(half)));
     record.resize(std::min(kept, record.size()));
   }
 }

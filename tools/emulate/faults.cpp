@@ -105,7 +105,8 @@ std::optional<FaultRule> ParseFaultRule(std::string_view text) {
   return WithTrigger(FaultRule{*fault}, text.substr(at + 1));
 }
 
-FaultSchedule::FaultSchedule(std::vector<FaultRule> rules, std::uint64_t seed) : random_(seed) {
+FaultSchedule::FaultSchedule(const std::vector<FaultRule>& rules, std::uint64_t seed)
+    : random_(seed) {
   for (const FaultRule& rule : rules) {
     const bool byTime =
         rule.trigger == FaultTrigger::AtTime || rule.trigger == FaultTrigger::EveryTime;

@@ -58,7 +58,7 @@ std::optional<FaultRule> ParseFaultRule(std::string_view text);
 class FaultSchedule {
  public:
   FaultSchedule() : FaultSchedule({}, 0) {}
-  FaultSchedule(std::vector<FaultRule> rules, std::uint64_t seed);
+  FaultSchedule(const std::vector<FaultRule>& rules, std::uint64_t seed);
 
   Moment NextTime() const;                           // of the next fault that comes by time
   std::vector<Fault> TakeDue(Moment now);            // by time, up to `now`, each once
