@@ -1,7 +1,7 @@
 // How an operation on the operating system ended.
 //
 // A Status is three words and never allocates, so the sampling thread may return one. The
-// mapping from the system's own codes is one table per system (posix/os_status.h); a code that the
+// mapping from the system's own codes is one table per system (posix/os.h, win32/os.h); a code that the
 // table does not name becomes Error::Failed and keeps its number.
 #pragma once
 
