@@ -86,13 +86,13 @@ class SleepyLine final : public Handover {
   SerialPort port_;
 };
 
-void WireToClient(Report& report, const Row& row) {
+void WireToClient(Report& report, const Row& row, double limit) {
   const std::string item = std::string(row.device) + ": wire to client, over poll + read";
   BareLine bare(kRecordSize);
   Tracker tracker(row);
   const HandoverFigures figures = MeasureHandover(
       {.placement = Placement::OtherCpu, .runs = 3, .cycles = 40, .blockSize = 15}, bare, tracker);
-  report.Ratio(item, figures.arrival, "ns", 1.8);
+  report.Ratio(item, figures.arrival, "ns", limit);
 }
 
 // Samples records that come in one piece each, without a waiting client.
@@ -121,10 +121,8 @@ void Calls(Report& report, const Row& row) {
   const std::string item = std::string(row.device) + ": wake-ups of its reader, a record";
   if (!calls || *records == 0) return report.Undecided(item, "tracing is not permitted");
   report.AtMost(item, static_cast<double>(calls->othersWaits) / *records, "", 1.1);
-  char text[80];
-  std::snprintf(text, sizeof text, "%s: %.1f system calls a record", row.device,
-                PerOperation(calls->others, *records));
-  report.Note(text);
+  report.AtMost(std::string(row.device) + ": system calls a record",
+                PerOperation(calls->others, *records), "", row.streaming ? 3.1 : 5.1);
 }
 
 void Sleepy(Report& report) {
@@ -136,24 +134,37 @@ void Sleepy(Report& report) {
                  figures.arrival.ratio.middle, "", 5);
 }
 
-void Measure(Report& report) {
+void ForEachDevice(Report& report, void (*measure)(Report& report, const Row& row)) {
   ThrowAwayErrors();  // the engine's start-up lines
   for (const Row& row : kRows) {
     try {
-      WireToClient(report, row);
-      Calls(report, row);
+      measure(report, row);
     } catch (const std::runtime_error& why) {
       report.Undecided(row.device, why.what());
     }
   }
+}
+
+// Records come milliseconds apart. So the CPU that waits for one has gone to sleep, whether we wait
+// or a bare poll.
+void MeasureAsleep(Report& report) {
+  ForEachDevice(report, [](Report& all, const Row& row) {
+    WireToClient(all, row, row.streaming ? 1.35 : 1.6);
+    Calls(all, row);
+  });
   Sleepy(report);
+}
+
+void MeasureAwake(Report& report) {
+  ForEachDevice(report, [](Report& all, const Row& row) { WireToClient(all, row, 2); });
 }
 
 }  // namespace
 }  // namespace kinetrel::bench
 
-// Records come milliseconds apart, so the engine and the bare poll both wait on a CPU that sleeps.
 int main() {
-  return kinetrel::bench::RunBenchmark("bench-wire", kinetrel::bench::Measure,
-                                       kinetrel::bench::IdleCpus::AsEver);
+  using namespace kinetrel::bench;
+  const int asleep = RunBenchmark("bench-wire", MeasureAsleep, IdleCpus::AsEver);
+  const int awake = RunBenchmark("bench-wire, CPUs kept awake", MeasureAwake);
+  return asleep == 1 || awake == 1 ? 1 : std::max(asleep, awake);
 }

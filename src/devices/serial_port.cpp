@@ -248,7 +248,9 @@ bool SerialPort::TransferSucceeded(const Status& status) {
 unsigned SerialPort::Write(const void* data, unsigned count) {
   if (!line_) return 0;
   const Result<std::size_t> written = line_->Write(AsBytes(data, count));
-  return TransferSucceeded(written.status()) ? static_cast<unsigned>(*written) : 0;
+  if (!TransferSucceeded(written.status())) return 0;
+  bytesWritten_ += static_cast<unsigned>(*written);
+  return static_cast<unsigned>(*written);
 }
 
 bool SerialPort::Read(void* data, unsigned count) {
@@ -269,6 +271,10 @@ unsigned SerialPort::InputQueueLength() {
   if (!line_) return 0;
   const Result<std::size_t> length = line_->InputQueueLength();
   return TransferSucceeded(length.status()) ? static_cast<unsigned>(*length) : 0;
+}
+
+unsigned SerialPort::BytesInHand() const {
+  return line_ ? static_cast<unsigned>(line_->HeldAhead()) : 0;
 }
 
 // The result is ignored: a line that is gone holds no bytes.

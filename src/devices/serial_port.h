@@ -94,9 +94,14 @@ class SerialPort {
   bool Read(void* data, unsigned count);             // true only if exactly `count` came
   bool ReadSome(void* data, unsigned count, unsigned* got);
   unsigned InputQueueLength();  // bytes received and not yet read
-  void PurgeInput();            // discards the received bytes
-  void PurgeAll();              // and the bytes that wait to be sent
-  void FlushOutput();           // waits until all bytes are sent, at most 1 s
+
+  // Bytes that the last wait, read or queue length found and that no read has taken. Costs no
+  // system call: right after WaitForRX it is the number of bytes that had come.
+  unsigned BytesInHand() const;
+
+  void PurgeInput();   // discards the received bytes
+  void PurgeAll();     // and the bytes that wait to be sent
+  void FlushOutput();  // waits until all bytes are sent, at most 1 s
 
   // Writes `text` up to `terminator` or its end. Then writes the terminator if `sendTerminator` is
   // true, even if the first write failed. Returns the number of characters of the text that were
@@ -125,6 +130,7 @@ class SerialPort {
   bool LineLost() const { return lineLost_; }
 
   PortStatus portStatus() const { return portStatus_; }
+  unsigned bytesWritten() const { return bytesWritten_; }  // since construction; wraps around
   int lastError() const { return lastError_; }
   TimeoutMode timeoutMode() const { return timeoutMode_; }
   const LineSettings& lineSettings() const { return settings_; }
@@ -147,6 +153,7 @@ class SerialPort {
   LineSettings settings_;  // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512
   ReadTimeouts timeouts_;
   SerialCapabilities capabilities_;
+  unsigned bytesWritten_ = 0;
   int lastError_ = 0;          // the last error code of the system
   int readTotalConstant_ = 0;  // ms
   int readPerByte_ = 0;        // ms

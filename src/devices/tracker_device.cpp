@@ -1,5 +1,6 @@
 #include "devices/tracker_device.h"
 
+#include <array>
 #include <bit>
 #include <cstdio>
 #include <new>
@@ -21,9 +22,13 @@ TrackerDevice::~TrackerDevice() = default;
 void TrackerDevice::Poll() {
   if (!booted_) return;
   if (continuousByte_ != 0 && lastModeByte_ == continuousByte_) Write(&stopByte_, 1);
-  if (HasHandle()) FlushOutput();
-  if (prePollByte_ != 0) Write(&prePollByte_, 1);
-  WriteModeByte(pollByte_);
+  // The bytes of the last poll have long left. Only what was written since must leave first.
+  if (HasHandle() && bytesWritten() != writtenByPoll_) FlushOutput();
+  const std::array<char, 2> bytes = {prePollByte_, pollByte_};
+  const unsigned skipped = prePollByte_ == 0 ? 1 : 0;
+  lastModeByte_ = pollByte_;
+  Write(bytes.data() + skipped, 2 - skipped);
+  writtenByPoll_ = bytesWritten();
 }
 
 void TrackerDevice::StartContinuous() {

@@ -229,11 +229,12 @@ class TrackerDevice : public SerialPort {
   unsigned componentMask_ = kPositionComponent | kEulerComponent;
   int crLf_ = 1;
   int units_ = 1;
-  char continuousByte_ = 0;  // starts continuous output
-  char pollByte_ = 0;        // asks for one record
-  char stopByte_ = 0;        // stops continuous output
-  char prePollByte_ = 0;     // sent before the poll byte unless 0
-  char lastModeByte_ = 0;    // the mode byte last sent
+  char continuousByte_ = 0;     // starts continuous output
+  char pollByte_ = 0;           // asks for one record
+  char stopByte_ = 0;           // stops continuous output
+  char prePollByte_ = 0;        // sent before the poll byte unless 0
+  char lastModeByte_ = 0;       // the mode byte last sent
+  unsigned writtenByPoll_ = 0;  // bytesWritten() after the last poll
   int deviceType_ = 0;
   unsigned sensorMask_ = 1;
   std::uint32_t statusWord_ = 0;  // low half: product and state; high half: the driver's own flags

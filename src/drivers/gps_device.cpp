@@ -157,7 +157,8 @@ bool GpsDevice::HasEnough(unsigned wanted, unsigned accepted) {
 unsigned GpsDevice::ReadWaiting(unsigned& accepted) {
   std::array<std::byte, 512> bytes;
   unsigned got = 0;
-  ReadSome(bytes.data(), static_cast<unsigned>(bytes.size()), &got);
+  const unsigned count = std::min(BytesInHand(), static_cast<unsigned>(bytes.size()));
+  ReadSome(bytes.data(), count, &got);
   for (const std::byte byte : std::span(bytes).first(got)) accepted += reports_.Take(byte) ? 1 : 0;
   return got;
 }

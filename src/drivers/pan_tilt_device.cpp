@@ -146,7 +146,7 @@ unsigned PanTiltDevice::ReadFrame(double* sampleTime) {
 // answer were taken, every later pose would be one poll old.
 unsigned PanTiltDevice::AwaitAnswers() {
   WaitForRX(kPatience, static_cast<int>(std::max(1U, due_) * answerLength_));
-  const unsigned waiting = InputQueueLength();
+  const unsigned waiting = BytesInHand();
   if (waiting % answerLength_ == 0) return waiting;
   WaitForRX(kPatience, static_cast<int>(RoundedUp(waiting, answerLength_)));
   return InputQueueLength();

@@ -108,6 +108,9 @@ class SerialLine {
   // 1 s or failed. TimedOut, Closed: none was taken.
   Result<std::size_t> Write(std::span<const std::byte> from);
 
+  // Bytes read ahead and not yet taken, without asking the system.
+  std::size_t HeldAhead() const { return end_ - begin_; }
+
   // Bytes received and not yet read, at most kMostReadAhead. Asks the system each time.
   // Closed: as Read, after all received bytes were read.
   Result<std::size_t> InputQueueLength();
@@ -140,7 +143,6 @@ class SerialLine {
   // ---- The same on every system (serial_line.cpp) ------------------------------------------
 
   Result<std::size_t> ReadAhead(Milliseconds atMost);
-  std::size_t HeldAhead() const { return end_ - begin_; }
   std::size_t TakeAhead(std::span<std::byte> into);
 
   std::unique_ptr<Os> os_;
