@@ -8,11 +8,11 @@ namespace kinetrel {
 
 using Milliseconds = std::chrono::milliseconds;
 
-// As a time-out: none.
+// As a time-out: wait without end.
 inline constexpr Milliseconds kForever = Milliseconds::max();
 
-// Ticks since some fixed moment before the program started; never goes back. No system call where
-// the system offers the clock without one.
+// Ticks since a fixed moment before the program started; never goes back. Costs no system call on
+// systems whose clock can be read without one.
 std::int64_t ClockTicks();
 
 // Constant while the system runs. 1,000,000,000 on Linux.
@@ -21,7 +21,7 @@ std::int64_t ClockTicksPerSecond();
 // Sleeps at least `time`; a signal does not end it early. Returns at once for 0 and below.
 void SleepFor(Milliseconds time);
 
-// A moment to wait for, so that a wait made of several steps has one end.
+// A moment at which a wait ends, also one that consists of several steps.
 class Deadline {
  public:
   explicit Deadline(Milliseconds fromNow);  // kForever never passes

@@ -17,14 +17,15 @@ namespace {
 
 constexpr Milliseconds kEscapeLook{30};
 
-// What was typed and not yet taken: one per process, as standard input is. Written by whoever
-// takes or puts back keys and by the session, all under the lock.
+// What was typed and not yet taken: one per process, like standard input. Written by the session
+// and by every thread that takes or puts back keys, all under the lock.
 struct KeyInput {
   Mutex lock;
   bool open GUARDED_BY(lock) = false;
-  std::array<std::uint8_t, kLongestKeySequence> bytes GUARDED_BY(lock){};  // read, but no key yet
+  std::array<std::uint8_t, kLongestKeySequence> bytes
+      GUARDED_BY(lock){};  // read, but not yet a whole key
   std::size_t count GUARDED_BY(lock) = 0;
-  std::array<Key, 16> putBack GUARDED_BY(lock){};  // the last one comes first
+  std::array<Key, 16> putBack GUARDED_BY(lock){};  // the last one is taken first
   std::size_t putBackCount GUARDED_BY(lock) = 0;
   int claims GUARDED_BY(lock) = 0;  // living KeyClaims
 };
@@ -35,8 +36,8 @@ KeyInput input;
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 std::atomic<bool> printing{true};
 
-// Adds the next byte to those that are no key yet; one at a time, so that what is typed ahead of
-// the program's end is left to the shell.
+// Adds the next byte to those that are not yet a key. One byte at a time: what is typed after the
+// last key that the program takes is left to the shell.
 bool AddByte(const Deadline& deadline) REQUIRES(input.lock) {
   const std::optional<std::uint8_t> byte = KeySource::TakeByte(deadline);
   if (byte) input.bytes[input.count++] = *byte;
@@ -49,8 +50,8 @@ void DropBytes(std::size_t count) REQUIRES(input.lock) {
   input.count -= count;
 }
 
-// One character or one sequence at the most: a pipe that pours sequences which are no keys must not
-// hold the one who asks for a key.
+// Decodes one character or one sequence at most. Otherwise a pipe full of unknown sequences would
+// hold the caller.
 std::optional<Key> NextKeyOfBytes() REQUIRES(input.lock) {
   Deadline deadline(input.count > 0 ? kEscapeLook : Milliseconds{0});
   bool silent = false;

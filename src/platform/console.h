@@ -1,8 +1,8 @@
-// The console of this process: single keys without echo, and what the output streams lead to.
+// The console of this process: single keys without echo, and where the output goes.
 //
-// Threads  any number may take and push back keys; each key is taken once. The lock that keeps
-//          them apart is a leaf and never held while waiting for a person.
-// State    one per process, as the console is: the session below is its owner.
+// Threads  any number may take and push back keys; each key is taken once. The lock between them is
+//          a leaf and is never held while waiting for a person.
+// State    one per process, like the console. The session below owns it.
 #pragma once
 
 #include <optional>
@@ -12,8 +12,8 @@
 
 namespace kinetrel {
 
-// A key as a program takes it. Character keys carry their code (Ctrl-A 1, ESC 27, Enter 13,
-// Backspace 8, Tab 9); the others carry `extended` and the code below.
+// One key. A character key has its character code (Ctrl-A 1, ESC 27, Enter 13, Backspace 8, Tab 9).
+// Any other key has `extended` set and a code from the list below.
 struct Key {
   int code = 0;
   bool extended = false;
@@ -21,7 +21,7 @@ struct Key {
   bool operator==(const Key&) const = default;
 };
 
-// Codes of the keys that are no characters.
+// Codes of the keys without a character.
 enum class ExtendedKey : int {
   Up = 0x48,
   Down = 0x50,
@@ -42,14 +42,14 @@ enum class ExtendedKey : int {
   CtrlTab = 0x94,
 };
 
-// While one lives, keys come one at a time and without echo, from standard input.
+// While a session lives, keys come one at a time and without echo, from standard input.
 //
-// A terminal is put into key-at-a-time mode and is as it was after every way out: the destructor,
-// exit, a signal that ends the process (but SIGKILL), a suspension. It is left alone while the
-// process is in the background. Standard input that is no terminal is read as keys until it ends,
-// and is then silent; a closed one is silent from the start.
+// It puts a terminal into key-at-a-time mode and restores it on every way out: the destructor,
+// exit, a suspension, and each signal that ends the process except SIGKILL. It does not touch the
+// terminal while the process is in the background. A pipe or file as standard input is read as keys
+// until it ends; after that, and when standard input is closed, no key comes.
 //
-// Nesting is refused: the second session of a process does nothing.
+// Sessions do not nest: the second session of a process does nothing.
 class KeySession {
  public:
   KeySession();
@@ -61,10 +61,10 @@ class KeySession {
   bool owner_;
 };
 
-// The next key: one that was put back, else, during a session, one that was typed. Nothing when
-// none waits, and once for each key or terminal's reply that is none of the keys above. Never waits
-// for a key; after an ESC byte, and after each byte of a key sequence, the next is awaited for 30
-// ms, to tell the ESC key from the start of a sequence.
+// Returns the next key: one that was put back, or during a session one that was typed. Returns
+// nothing when no key waits, and once for each unknown key or reply of the terminal. Never waits
+// for a key. After ESC and within a key sequence it waits 30 ms for the next byte, to tell the ESC
+// key from the start of a sequence.
 std::optional<Key> TakeKey();
 
 // While one lives, its owner takes the keys with TakeKey. Other readers leave them alone.
@@ -79,13 +79,14 @@ class KeyClaim {
 // As TakeKey, but while a KeyClaim lives it takes the next key only if that is one of `characters`.
 std::optional<Key> TakeUnclaimedKey(std::string_view characters);
 
-// Puts a key back: the next TakeKey of any thread gets it first. At most 16 wait so, until the
-// session ends; more are lost.
+// Puts a key back: the next TakeKey of any thread gets it first. At most 16 keys wait so, until the
+// session ends; further ones are lost.
 void PushBackKey(Key key);
 
-// Has the standard streams that the process was started without lead nowhere. Called before
-// anything is opened, for what is opened takes the place of a missing stream: what is printed would
-// go into a published block or to a tracker, and what a tracker sends would be taken for keys.
+// Opens the standard streams that are missing when the process starts, so that they lead nowhere.
+// Call it before anything else is opened. Otherwise the next opened file takes the place of a
+// missing stream: printed text would go into a published block or to a tracker, and the bytes of a
+// tracker would be taken for keys.
 void HoldStandardStreams();
 
 // Print as printf does: on standard error, or on standard output, which is then flushed.
@@ -103,10 +104,10 @@ struct TerminalSize {
   int columns = 80;
   int rows = 24;
 };
-// Of the terminal on standard output; 80 x 24 where it does not tell.
+// Of the terminal on standard output; 80 x 24 when the terminal does not report it.
 TerminalSize StandardOutputSize();
 
-// Makes the terminal on standard output understand control sequences; false where it cannot.
+// Lets the terminal on standard output interpret control sequences. False: it cannot.
 bool EnableTerminalSequences();
 
 // ---- What a time-critical thread may print -------------------------------------------------

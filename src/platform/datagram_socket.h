@@ -1,8 +1,8 @@
 // One UDP socket.
 //
 // Errors   Denied: not permitted. Busy: another socket has the port. NoSpace: the system's limit.
-//          NotFound: no such address, or no road to it. TimedOut: nothing is there to receive.
-//          Else Failed, with the system's number.
+//          NotFound: no such address, or no route to it. TimedOut: nothing to receive.
+//          Otherwise Failed, with the system's number.
 #pragma once
 
 #include <cstddef>
@@ -14,7 +14,7 @@
 
 namespace kinetrel {
 
-// Never waits; one peer's refusal is no error for the others.
+// Never waits. A peer that refuses a datagram does not disturb the traffic with others.
 //
 // Threads  one at a time.
 // Memory   nothing is allocated.
@@ -22,7 +22,7 @@ class DatagramSocket {
  public:
   // Binds to all of the machine's IPv4 addresses.
   //
-  // port  0: any that is free; see port().
+  // port  0: any free one; see port().
   static Result<DatagramSocket> Open(std::uint16_t port);
 
   DatagramSocket(DatagramSocket&& other) noexcept
@@ -33,13 +33,13 @@ class DatagramSocket {
   }
   ~DatagramSocket();
 
-  bool SetReceiveBuffer(int bytes);  // what the system may hold for us; false: not granted
+  bool SetReceiveBuffer(int bytes);  // how much the system holds for us; false: refused
   bool AllowBroadcast();
 
-  // Receives one datagram; what is longer than `into` is cut. It may be empty.
+  // Receives one datagram, which may be empty. A longer one than `into` is cut.
   Result<std::size_t> Receive(std::span<std::byte> into);
 
-  // Sends one datagram, or none of it.
+  // Sends one datagram whole, or not at all.
   //
   // address  numeric; a broadcast one needs AllowBroadcast.
   Status Send(const char* address, std::uint16_t port, std::span<const std::byte> bytes);

@@ -1,4 +1,4 @@
-// A library that is loaded while the program runs: what a device's vendor ships.
+// Loads a library while the program runs: the one that a device's vendor ships.
 #pragma once
 
 #include <string>
@@ -13,18 +13,18 @@ namespace kinetrel {
 // Threads  one at a time.
 class DynamicLibrary {
  public:
-  // Loads a library by its name, as the vendor's documents write it ("isense.dll"). Where it is
-  // taken from, the first that applies:
+  // Loads a library by its name, as the vendor's documents write it ("isense.dll"). The first of
+  // these that applies says where it is:
   //   - a name with a '/' is the file itself;
-  //   - the file that the environment variable KINETREL_<NAME> names, the name without its ending
-  //     and in capitals (KINETREL_ISENSE), and then no other;
+  //   - the environment variable KINETREL_<NAME>, the name without its ending and in capitals
+  //     (KINETREL_ISENSE), names the file, and no other is tried;
   //   - where the system looks for libraries: the name in the system's own form (on Linux
   //     libisense.so), then the name itself.
-  // The library's calls of its own functions reach its own, also where this program exports
+  // Calls inside the library reach the library's own functions, even when this program exports
   // functions of the same names.
   //
-  // why      unless null: in the system's words why it failed.
-  // Errors   NotFound: no such file, or it is no library that can be loaded here.
+  // why      unless null: receives the system's text on a failure.
+  // Errors   NotFound: the file is missing, or this machine cannot load it as a library.
   static Result<DynamicLibrary> Load(const std::string& name, std::string* why = nullptr);
 
   DynamicLibrary(DynamicLibrary&& other) noexcept
@@ -37,8 +37,8 @@ class DynamicLibrary {
 
   using AnyFunction = void (*)();
 
-  // The library's function of that name, to be cast to its true type; good as long as this object.
-  // NotFound, with the system's number, and `found` null: the library exports none.
+  // Finds the function of that name. Cast it to its true type; it is valid as long as this object.
+  // NotFound, with the system's number, and `found` null: the library does not export it.
   Status Find(const char* function, AnyFunction& found) const;
 
  private:

@@ -1,4 +1,4 @@
-// Names of hosts and their addresses, as the system finds them.
+// Looks up the addresses of hosts.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,10 @@
 
 namespace kinetrel {
 
-// The address that `host` spells out, without a look-up; never empty. NotFound: it is a name.
+// The address that `host` itself is, without a look-up; never empty. NotFound: it is a name.
 Result<std::vector<StreamAddress>> NumericAddresses(const std::string& host, std::uint16_t port);
 
-// Those that the system finds for the name; never empty. May take its time.
+// The addresses that the system finds for the name; never empty. May take many seconds.
 Result<std::vector<StreamAddress>> LookUpAddresses(const std::string& host, std::uint16_t port);
 
 }  // namespace kinetrel

@@ -1,7 +1,7 @@
-// Joysticks and gamepads of the machine: how many there are, what they have, where they stand.
+// Joysticks and gamepads of the machine: their number, their buttons and axes, and their state.
 //
-// They are numbered from 0 in the system's order; a number may mean another stick once one of them
-// is unplugged or plugged in, an open JoystickInput never does.
+// They are numbered from 0 in the system's order. A number may mean another stick after one is
+// plugged in or unplugged. An open JoystickInput always means the same stick.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ namespace kinetrel {
 struct JoystickCapabilities {
   std::string product;
   std::string driver;
-  unsigned manufacturerId = 0;  // the bus's own; 0 where unknown, as the next
+  unsigned manufacturerId = 0;  // the number on the bus, like the next one; 0: unknown
   unsigned productId = 0;
   unsigned buttons = 0;     // that the stick has
   unsigned maxButtons = 0;  // that its driver knows of
@@ -29,13 +29,13 @@ struct JoystickState {
   std::array<std::uint32_t, 3> axes{};  // x, y, z: 0 to 65535; 0 for an axis that is not there
 };
 
-int CountJoysticks();  // plugged in; 0 also where the system has none
+int CountJoysticks();  // plugged in now
 
 // Threads  one at a time.
 // Memory   Read allocates nothing.
 class JoystickInput {
  public:
-  // NotFound: fewer sticks than that. Denied: this account may not. Closed: unplugged meanwhile.
+  // NotFound: the machine has fewer sticks. Denied: this account may not. Closed: just unplugged.
   static Result<JoystickInput> Open(int number);
 
   JoystickInput(JoystickInput&&) noexcept;
@@ -45,8 +45,8 @@ class JoystickInput {
   // Closed: unplugged.
   Result<JoystickCapabilities> Capabilities() const;
 
-  // How the stick stands now. Never waits.
-  // Closed: unplugged. It is looked for on the side and, once the same stick is back in its place,
+  // The state of the stick now. Never waits.
+  // Closed: unplugged. Another thread looks for it; when the same stick is back in its place,
   // reading goes on.
   Result<JoystickState> Read();
 

@@ -1,6 +1,7 @@
-// Where keys come from: this system's half of the key input, behind console.h.
+// The system's half of the key input behind console.h.
 //
-// Of a process, as its standard input is. Threads  one at a time: the key input holds its lock.
+// State    one per process, like standard input.
+// Threads  one at a time: the key input holds its lock.
 #pragma once
 
 #include <cstdint>
@@ -13,17 +14,17 @@ namespace kinetrel {
 
 class KeySource {
  public:
-  static void Open();  // looks what standard input is now, and prepares a terminal for keys
+  static void Open();  // finds out what standard input is, and prepares a terminal for keys
   static void Close();
 
-  // Whether something can be taken at once: a key, a byte, or the news that there are no more.
+  // Whether a call below would answer at once: with a key, a byte, or the end of the input.
   static bool Waits();
 
-  // Whether it hands out whole keys; else bytes, as a terminal sends them.
+  // Whether it delivers whole keys. If not, it delivers bytes as a terminal sends them.
   static bool GivesKeys();
   static std::optional<Key> TakeKey();
 
-  // The next byte, waited for until the deadline. None: it did not come in time, or never will.
+  // Waits for the next byte until the deadline. None: it did not come in time, or the input ended.
   static std::optional<std::uint8_t> TakeByte(const Deadline& deadline);
 };
 

@@ -1,14 +1,14 @@
 // Memory, mutexes and events that unrelated processes reach by name.
 //
-// An object lives as long as some process has it open; the last one to close it removes it from
-// the system. A process that dies, however it dies, releases what it held. Any account of the
-// machine may open an object that another one made.
+// An object lives as long as a process has it open; the last process to close it removes it from
+// the system. A process that dies in any way releases what it held. Any account of the machine may
+// open an object that another account made.
 //
-// Opening a name twice in one process shares one object. Every Open may answer:
+// Opening a name twice in one process shares one object. Every Open may return:
 //   Denied   the system refuses this account the object
 //   NoSpace  the system's memory or limit for such objects is used up
 //   Invalid  something else, or an object of another size (Windows: a smaller one), has the name
-//   Busy     another process holds the object half made for longer than 2 s
+//   Busy     another process took longer than 2 s to make the object
 #pragma once
 
 #include <cstddef>
@@ -21,21 +21,21 @@
 
 namespace kinetrel {
 
-// Who, besides this account, may open what a call makes. Where the system knows no account's
-// default (Linux) it is always anyone.
+// Who, besides this account, may open a new object. On Linux, which has no default per account,
+// anyone may in both cases.
 enum class Access { Anyone, AccountsDefault };
 
-class SharedObject;  // the system's own part, shared by all users of a name in this process
+class SharedObject;  // the system's part, shared by all users of a name in this process
 
 class NamedMemory {
  public:
-  // Opens `size` bytes named `name`, or creates them, all zero. Nobody sees them half made.
+  // Opens `size` bytes named `name`, or creates them, all zero. No process sees them half made.
   static Result<NamedMemory> Open(const std::string& name, std::size_t size);
 
   void* data() const;
 
-  // Marks this process as the one that writes. False, and no mark, while another process has it.
-  // The mark goes with the last NamedMemory of this name, or with the process.
+  // Marks this process as the one that writes. Returns false while another process has the mark.
+  // The mark ends with the last NamedMemory of this name in this process, or with the process.
   bool ClaimWriting();
 
  private:
@@ -99,31 +99,29 @@ class Event {
   static Result<Event> Open(const std::string& name, Access access = Access::Anyone);
   Event();  // without a name, for this process; not set
 
-  // A moment in the event's life, to wait from: what is set after it is not missed, though somebody
-  // else should reset the event before the wait has begun; at the latest it is found after
-  // LongestBlindWait.
+  // A moment in the event's life. A wait from that moment on misses no Set, even when another
+  // process resets the event before the wait begins. It notices such a Set within LongestBlindWait.
   using Ticket = std::uint32_t;
 
   void Set();
   Ticket Reset();
   bool IsSet() const;
 
-  // Set in two steps, for a caller that holds a lock the waiters want: Mark sets the event, and
-  // when it answers true Wake must follow, after the lock is released. On Linux no system call in
-  // Mark; on Windows it does it all, since other programs use the system's events as they are.
+  // Set in two steps, for a caller that holds a lock which the waiters want. Mark sets the event;
+  // when it returns true, call Wake after releasing the lock. On Linux Mark makes no system call.
+  // On Windows it does everything, because other programs use the system's events directly.
   [[nodiscard]] bool Mark();
   void Wake();
 
-  // A hint that a Mark comes soon: asks for the memory that whoever waited last has on its CPU.
+  // A hint that a Mark comes soon: fetches the memory that the last waiter has in its CPU's cache.
   void PrefetchToSet() const;
 
-  // True when the event is set, or has been since the ticket was taken (or the call began).
+  // True when the event is set, or was set since the ticket was taken (or the call began).
   bool Wait(Milliseconds timeout) const;
   bool WaitSince(Ticket ticket, Milliseconds timeout) const;
 
-  // How long to wait at the most before looking for oneself whether what the event announces has
-  // come. kForever on Linux; a named event of Windows does not tell a set that somebody else has
-  // reset since.
+  // The longest time-out after which the waiter must look itself for what the event announces.
+  // kForever on Linux. On Windows a named event does not show a Set that another process has reset.
   Milliseconds LongestBlindWait() const;
 
  private:

@@ -1,8 +1,7 @@
 // A serial port whose far end is this program: it plays the device.
 //
-// What another program opens as its serial line is the near end, by its path. Only while somebody
-// has it open do bytes go anywhere, as on a real line: what is written to nobody is lost, and never
-// waits there for the next one to open it.
+// The host, another program, opens the near end by its path as its serial line. As on a real line,
+// bytes that are written while no host has it open are lost; they do not wait for the next host.
 //
 // Threads  one at a time, but for Interrupt.
 // Memory   Read, Write and Wait allocate nothing.
@@ -20,38 +19,38 @@ namespace kinetrel {
 
 class PseudoTerminal {
  public:
-  // The near end passes bytes as they are, at `baud`, before anybody can know its name.
-  // NoSpace: the system has no more of them.
+  // Makes a near end that passes bytes unchanged, at `baud`; it does so before its name is known.
+  // NoSpace: the system's limit of pseudo-terminals is reached.
   static Result<PseudoTerminal> Open(unsigned baud);
 
   PseudoTerminal(PseudoTerminal&&) noexcept;
   PseudoTerminal& operator=(PseudoTerminal&&) noexcept;
   ~PseudoTerminal();
 
-  // Of the near end; empty while unplugged. A new plug may have another one, and so may a port
-  // whose user died without closing it: look again after every Read.
+  // Of the near end; empty while unplugged. It may change with Plug, and when a host dies without
+  // closing the port: ask again after every Read.
   const std::string& path() const;
 
-  // Pulls the plug: who has the near end open finds that it hung up, and its name is gone.
+  // Pulls the plug: the host sees a hang-up, and the name disappears.
   void Unplug();
-  Status Plug(unsigned baud);  // in again, as Open
+  Status Plug(unsigned baud);  // plugs it in again, as Open does
   bool Plugged() const;
 
-  bool HostPresent() const;   // somebody has the near end open; known to 10 ms
-  unsigned HostBaud() const;  // the rate it set; 0 while unplugged
+  bool HostPresent() const;   // a host has the near end open; noticed within 10 ms
+  unsigned HostBaud() const;  // the rate that the host set; 0 while unplugged
 
-  // The bytes that are there, none included; never waits.
+  // Reads the bytes that are there and returns their number, which may be 0; never waits.
   std::size_t Read(std::span<std::byte> into);
 
-  // Returns the bytes taken, fewer than given when the host reads too slowly; never waits. With no
-  // host present all are taken, and lost.
+  // Returns the number of bytes taken: fewer than given when the host reads too slowly. Never
+  // waits. Without a host all bytes are taken and lost.
   std::size_t Write(std::span<const std::byte> from);
 
-  // Until there are bytes to read, the host comes or goes, somebody interrupts, or `atMost` is
-  // over.
+  // Waits until bytes can be read, a host opens or closes the near end, Interrupt is called, or
+  // `atMost` has passed.
   void Wait(std::chrono::nanoseconds atMost);
 
-  void Interrupt();  // ends the Wait that runs, or the next one. Any thread
+  void Interrupt();  // ends the current Wait, or else the next one; any thread may call it
 
  private:
   struct Os;  // posix/pseudo_terminal.cpp, win32/pseudo_terminal.cpp

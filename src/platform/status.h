@@ -1,8 +1,8 @@
 // How an operation on the operating system ended.
 //
 // A Status is three words and never allocates, so the sampling thread may return one. The
-// mapping from the system's own codes is one table per system (posix/os.h, win32/os.h); a code that the
-// table does not name becomes Error::Failed and keeps its number.
+// mapping from the system's own codes is one table per system (posix/os.h, win32/os.h); a code that
+// the table does not name becomes Error::Failed and keeps its number.
 #pragma once
 
 #include <optional>
@@ -19,15 +19,15 @@ enum class Error {
   NoSpace,      // the system's memory or limit is used up
   TimedOut,     // the deadline passed
   Closed,       // the far end or the object is gone
-  Invalid,      // the object is there but is not what it should be
+  Invalid,      // the object exists but is not of the expected kind
   Unsupported,  // the system or device has no such ability
   Failed,       // anything else; see osCode
 };
 
 struct [[nodiscard]] Status {
   Error error = Error::None;
-  int osCode = 0;         // the system's own code, 0 where there is none
-  const char* what = "";  // what was being done, a text that lives for ever
+  int osCode = 0;         // the system's own code; 0: the system gave none
+  const char* what = "";  // what was being done, a text that is never freed
 
   bool Ok() const { return error == Error::None; }
 };
@@ -35,12 +35,12 @@ struct [[nodiscard]] Status {
 // One line for people: what was being done, why it failed, and the system's number. Allocates.
 std::string Describe(const Status& status);
 
-// A value, or the Status that tells why there is none.
+// A value, or the Status that says why it is missing.
 template <typename T>
 class [[nodiscard]] Result {
  public:
   Result(T value) : value_(std::move(value)) {}  // NOLINT: a value is a result
-  Result(Status failure) : status_(failure) {}   // NOLINT: so is a failure
+  Result(Status failure) : status_(failure) {}   // NOLINT: a failure is a result
 
   bool Ok() const { return value_.has_value(); }
   const Status& status() const { return status_; }

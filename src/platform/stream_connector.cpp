@@ -12,7 +12,7 @@ using Addresses = Result<std::vector<StreamAddress>>;
 
 }  // namespace
 
-// Shared by who asks and who looks up, as either may be gone first.
+// Shared by the caller and the thread that looks up, because either may end first.
 struct StreamConnector::LookUp {
   const std::string host;
   const std::uint16_t port;
@@ -47,7 +47,8 @@ Result<StreamSocket> StreamConnector::Connect(const std::string& host, std::uint
   Result<StreamSocket> outcome = Status{Error::NotFound, 0, "connecting"};
   auto left = static_cast<std::int64_t>(addresses->size());
   for (const StreamAddress& address : *addresses) {
-    // Each has its share of the time: one that never answers must not use up that of the others.
+    // Each address gets its share of the time, so that one that never answers leaves time for the
+    // next.
     const Deadline share(deadline.Remaining() / left--);
     outcome = StreamSocket::Connect(address, share);
     if (outcome.Ok()) break;

@@ -1,12 +1,12 @@
 // TCP: connecting, listening, sending and receiving, each step with one deadline.
 //
-// Every socket carries keep-alive (idle 30 s, then 3 probes 10 s apart) and sends small messages
-// at once. A peer that has gone is a failed step, never a signal.
+// Every socket uses keep-alive (idle 30 s, then 3 probes 10 s apart) and sends small messages at
+// once. When the peer is gone, the step fails; the process never gets a signal.
 //
 // Errors   NotFound: no such host. Denied: not permitted. Busy: the address is taken. TimedOut: the
 //          deadline passed. Closed: the far end refused, ended or broke the connection. NoSpace:
 //          the system's limit. Else Failed, with the system's number.
-// Memory   nothing is allocated but where it says so.
+// Memory   nothing is allocated, except where an operation says so.
 #pragma once
 
 #include <array>
@@ -29,7 +29,7 @@ struct StreamAddress {
   int family = 0;
 };
 
-inline constexpr std::intptr_t kNoStream = -1;  // the handle of none
+inline constexpr std::intptr_t kNoStream = -1;  // no socket
 
 class StreamListener;
 struct StreamWait;
@@ -39,28 +39,28 @@ struct StreamWait;
 // Threads  one at a time.
 class StreamSocket {
  public:
-  // Allocates only to word a failure.
+  // Allocates only when it fails.
   static Result<StreamSocket> Connect(const StreamAddress& to, const Deadline& deadline);
 
   StreamSocket(StreamSocket&& other) noexcept : handle_(other.Release()) {}
   StreamSocket& operator=(StreamSocket&& other) noexcept;
   ~StreamSocket() { Close(); }
 
-  // Sends all of `bytes`. After a failure some may have gone: the connection is of no more use.
+  // Sends all of `bytes`. After a failure some may have been sent: close the connection.
   Status Send(std::span<const std::byte> bytes, const Deadline& deadline);
 
   // Receives at least one byte and at most what fits. Closed: the far end ended the connection.
   Result<std::size_t> Receive(std::span<std::byte> into, const Deadline& deadline);
 
-  // The same without waiting: 0 when there is no room, or nothing there.
+  // The same without waiting. 0: no room to send, or nothing to receive.
   Result<std::size_t> SendSome(std::span<const std::byte> bytes);
   Result<std::size_t> ReceiveSome(std::span<std::byte> into);
 
-  // How many bytes of each direction the system may hold for this connection, roughly. Without,
-  // a far end that does not read may have it hold megabytes.
+  // Limits roughly how many bytes of each direction the system holds for this connection. Without a
+  // limit it may hold megabytes for a far end that does not read.
   void LimitBuffers(int bytes);
 
-  // Open, and nothing has come that was not received.
+  // Whether the connection is open and has nothing to receive.
   bool IsQuiet() const;
 
  private:
@@ -75,8 +75,8 @@ class StreamSocket {
   std::intptr_t handle_;
 };
 
-// Connects by name. A look-up that takes too long is left to itself, and taken up again by the next
-// attempt at the same name: there is never more than one for each object and name.
+// Connects by name. A look-up that outlasts its deadline goes on, and the next attempt at the same
+// name uses its result: each object runs at most one look-up of a name.
 //
 // Threads  one at a time.
 class StreamConnector {
@@ -93,7 +93,7 @@ class StreamConnector {
   std::shared_ptr<LookUp> pending_;
 };
 
-// A port that takes connections.
+// A port that accepts connections.
 //
 // Threads  one at a time.
 class StreamListener {
@@ -121,15 +121,15 @@ class StreamListener {
 // One connection to wait for.
 struct StreamWait {
   const StreamSocket* socket = nullptr;
-  bool forRoom = false;  // to send; else for something to receive
+  bool forRoom = false;  // to send; false: for something to receive
   bool ready = false;    // set by the wait
 };
 
 inline constexpr std::size_t kMostStreamWaits = 255;
 
-// Waits until the listener (null: none) has a connection or one of `waits` is ready, which may also
-// mean that it has ended. Only the first kMostStreamWaits are looked at. Returns whether the
-// listener has one.
+// Waits until the listener (null: none) has a connection or one of `waits` is ready; a connection
+// that has ended counts as ready. Looks at the first kMostStreamWaits only. Returns whether the
+// listener has a connection.
 bool WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
                     Milliseconds timeout);
 

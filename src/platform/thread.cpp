@@ -31,7 +31,7 @@ Result<Thread> Thread::Start(std::function<void()> body) {
   try {
     state->thread = std::thread([ended = state->ended, body = std::move(body)]() mutable {
       body();
-      body = nullptr;  // what it owned is gone before anyone is told
+      body = nullptr;  // what it owned is destroyed before the end is reported
       ended.Set();
     });
   } catch (const std::system_error& refused) {

@@ -1,4 +1,4 @@
-// Threads whose end can be waited for, and their priority.
+// Threads, waiting for their end, and their priority.
 #pragma once
 
 #include <functional>
@@ -9,8 +9,8 @@
 
 namespace kinetrel {
 
-// Destroying the object neither ends the thread nor waits for it: a thread that hangs in a device
-// is abandoned, so `body` must own whatever it uses.
+// Destroying the object neither ends the thread nor waits for it. A thread that hangs in a device
+// is abandoned, so `body` must own everything it uses.
 class Thread {
  public:
   static Result<Thread> Start(std::function<void()> body);
@@ -29,8 +29,8 @@ class Thread {
   std::shared_ptr<State> state_;
 };
 
-// Makes the calling thread time-critical, and its process a high-priority one where the system
-// has such a class. Denied: this account may not; the thread goes on as it was.
+// Makes the calling thread time-critical, and on Windows also raises the class of its process.
+// Denied: this account may not; the thread keeps its priority.
 Status RaiseToTimeCritical();
 
 }  // namespace kinetrel

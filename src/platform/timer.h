@@ -1,4 +1,4 @@
-// Timers for those who pace themselves.
+// Sleeping to the millisecond, and periodic ticks.
 #pragma once
 
 #include <memory>
@@ -8,13 +8,13 @@
 
 namespace kinetrel {
 
-// Raised timer resolution for the object's lifetime, so that its sleeps end on time to well below
-// a millisecond.
+// Raises the timer resolution for the object's lifetime. Its sleeps end on time to well below a
+// millisecond.
 //
-// Where the resolution belongs to a thread and not to the process (Linux), the object knows no
-// thread at its construction: Sleep raises it for the sleeping thread while it sleeps.
+// On Linux the resolution belongs to a thread, so Sleep raises it for the calling thread, and only
+// during the sleep.
 //
-// Threads  any may sleep, several at once.
+// Threads  any number may sleep at once.
 class TimerResolution {
  public:
   TimerResolution();
@@ -30,11 +30,11 @@ class TimerResolution {
   bool raised_;
 };
 
-// A timer that ticks at a fixed period; a tick wakes one waiter, and is then over.
+// A timer that ticks at a fixed period. Each tick wakes one waiter.
 //
-// Ticks that nobody waited for collapse into one, and do not shift those that follow.
+// Ticks that come while no thread waits become one. They do not shift the following ticks.
 //
-// Threads  Start and Stop one at a time, while nobody waits.
+// Threads  any number may wait; Start and Stop one at a time, while no thread waits.
 // Memory   Wait allocates nothing.
 class PeriodicTimer {
  public:
@@ -43,8 +43,8 @@ class PeriodicTimer {
   PeriodicTimer(PeriodicTimer&&) noexcept;
   PeriodicTimer& operator=(PeriodicTimer&&) noexcept;
 
-  // The first tick comes at once, the next ones every `period`, at least 1 ms. Starting a timer
-  // that runs begins anew. NoSpace: the system's limit of open objects is reached.
+  // The first tick comes at once, the next ones every `period`, at least 1 ms. Starting a running
+  // timer restarts it. NoSpace: the system's limit of open objects is reached.
   Status Start(Milliseconds period);
 
   void Stop();  // no ticks from now on, until the next Start

@@ -38,7 +38,7 @@ sockaddr_in AnyAddress(std::uint16_t port) {
   return address;
 }
 
-// The socket calls take every family's addresses through this one type.
+// The socket calls take the addresses of all families through this type.
 const sockaddr* Generic(const sockaddr_in& address) {
   return static_cast<const sockaddr*>(static_cast<const void*>(&address));
 }

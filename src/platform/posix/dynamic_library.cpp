@@ -18,8 +18,8 @@ constexpr bool kSanitized = true;
 constexpr bool kSanitized = false;
 #endif
 
-// A library looks for a function first among the program's: with ours of the same name there, it
-// would call us where it means itself. The sanitizers cannot live with this flag.
+// A library searches the program's functions first. With this flag it searches its own first, so it
+// never calls a function of ours that has the same name. The sanitizers do not support the flag.
 #ifdef RTLD_DEEPBIND
 constexpr int kOwnFunctionsFirst = kSanitized ? 0 : RTLD_DEEPBIND;
 #else
@@ -43,7 +43,7 @@ std::vector<std::string> Candidates(const std::string& name) {
   return {"lib" + Stem(name) + ".so", name};
 }
 
-// The first failure is the one that a user can act on.
+// Keeps the first failure, which helps the user most.
 void NoteFailure(std::string* why) {
   const char* const text = ::dlerror();
   if (why != nullptr && why->empty() && text != nullptr) *why = text;
@@ -65,7 +65,7 @@ DynamicLibrary::~DynamicLibrary() {
   if (handle_ != nullptr) ::dlclose(handle_);
 }
 
-// The system has no number of its own for a missing function.
+// The system has no number for a missing function.
 Status DynamicLibrary::Find(const char* function, AnyFunction& found) const {
   found = reinterpret_cast<AnyFunction>(::dlsym(handle_, function));
   if (found != nullptr) return {};

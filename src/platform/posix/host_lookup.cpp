@@ -18,7 +18,7 @@ StreamAddress AddressOf(const addrinfo& row) {
   return address;
 }
 
-// The resolver's codes are its own, not the system's.
+// The resolver has codes of its own; they are not the system's.
 Addresses AddressesOf(const std::string& host, std::uint16_t port, int flags) {
   addrinfo wanted{};
   wanted.ai_flags = flags | AI_NUMERICSERV;

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::uint32_t kAxisMax = 65535;
 
-// The system keeps 64 records of a device. More come of a pipe only, which must not keep us.
+// The system keeps 64 records of a device. Only a pipe can deliver more; it must not hold us.
 constexpr std::size_t kRecordsAtOnce = 64;
 constexpr int kMostReads = 16;
 
@@ -29,11 +29,11 @@ std::uint32_t Unsigned(std::int16_t value) {
   return static_cast<std::uint32_t>(clamped + kMost) * kAxisMax / (2U * kMost);
 }
 
-// Follows a stick record by record. The first records that an opened device sends tell where
-// everything stands, so their numbers also tell how much there is.
+// Follows a stick record by record. The first records of an opened device give the state of every
+// button and axis, so they also show how many there are.
 class JoystickRecords {
  public:
-  // Room for the bytes that come next; Take says how many did. The rest of a record waits there.
+  // Room for the next bytes; Take says how many came. An unfinished record stays in front of it.
   std::span<std::byte> Room() { return std::span(bytes_).subspan(held_); }
   void Take(std::size_t count);
 

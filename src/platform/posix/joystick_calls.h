@@ -1,4 +1,4 @@
-// Where the joysticks are, and the system calls of one.
+// Finds the joysticks and makes the system calls for one of them.
 #pragma once
 
 #include <string>
@@ -12,7 +12,8 @@ namespace kinetrel {
 // names; n ascending. A pipe there is a joystick too: it carries the records that a device would.
 std::vector<std::string> JoystickPaths();
 
-// Reads of it return at once. To open a USB stick that nobody has open takes 50 ms and more.
+// Opened so that reads return at once. Opening a USB stick takes 50 ms and more when no other
+// program has it open.
 Result<int> OpenJoystick(const std::string& path);
 
 struct JoystickCounts {
@@ -23,7 +24,7 @@ struct JoystickCounts {
 // Unsupported: a pipe. NotFound: unplugged.
 Result<JoystickCounts> AskJoystickCounts(int fd);
 
-// What a stick is; empty and 0 where the system does not know.
+// What a stick is. Empty and 0: the system does not know.
 struct JoystickIdentity {
   std::string product;
   unsigned manufacturerId = 0;

@@ -19,7 +19,7 @@ void Close(int fd) {
 
 }  // namespace
 
-// Shared with the thread, which may still be opening a device when nobody wants it any more.
+// Shared with the thread, which may still be opening a device when the owner is gone.
 struct JoystickSearch::State {
   State(std::string thePath, JoystickIdentity theIdentity)
       : path(std::move(thePath)), identity(std::move(theIdentity)) {}
@@ -47,7 +47,7 @@ void JoystickSearch::State::Run() {
     changed.Reset();
     if (stopped) return;
     Close(lost.exchange(-1));
-    // The pause comes first: a pipe that nobody writes opens, and is lost again, every time.
+    // The pause comes first: a pipe without a writer opens and is lost again every time.
     do {
       changed.Wait(kBetweenTries);
       if (stopped) return;
@@ -55,7 +55,7 @@ void JoystickSearch::State::Run() {
   }
 }
 
-// By now another stick may have that name.
+// Another stick may have that name now.
 bool JoystickSearch::State::Find() {
   const Result<int> fd = OpenJoystick(path);
   if (!fd.Ok()) return false;

@@ -1,4 +1,4 @@
-// Opens a stick that was unplugged again, away from the thread that reads it.
+// Reopens a stick that was unplugged, on a thread of its own.
 #pragma once
 
 #include <memory>
@@ -12,18 +12,19 @@ namespace kinetrel {
 // Threads  Lost and TakeFound: one at a time. They never wait and allocate nothing.
 class JoystickSearch {
  public:
-  // Takes over stick `identity` that was found at `path`. NoSpace: no thread is to be had.
+  // Takes over stick `identity` that was found at `path`. NoSpace: the system
+  // refuses another thread.
   static Result<JoystickSearch> Start(std::string path, JoystickIdentity identity);
 
   JoystickSearch(JoystickSearch&&) noexcept;
   JoystickSearch& operator=(JoystickSearch&&) noexcept;
-  ~JoystickSearch();  // does not wait for an opening that is going on
+  ~JoystickSearch();  // does not wait for an open call in progress
 
   // Closes `fd`, whose device is gone, and tries twice a second to open the same stick at the same
   // place.
   void Lost(int fd);
 
-  int TakeFound();  // the stick's descriptor, now the caller's; -1 as long as it is not back
+  int TakeFound();  // the stick's descriptor, which the caller now owns; -1 until it is back
 
  private:
   struct State;

@@ -22,7 +22,7 @@ constinit Source source;
 
 bool Readable() { return !source.ended && (!source.terminal || InKeyMode()); }
 
-// What poll says of standard input by the deadline; 0 for nothing.
+// The events that poll reports for standard input before the deadline; 0: none.
 int PollInput(const Deadline& deadline) {
   pollfd watched{kInput, POLLIN, 0};
   for (;;) {
@@ -32,7 +32,7 @@ int PollInput(const Deadline& deadline) {
   }
 }
 
-// Reads a byte; a process that has just gone to the background gets EIO rather than be stopped.
+// Reads a byte. A process that has just gone to the background gets EIO and is not stopped.
 ssize_t ReadFromForeground(std::uint8_t& byte) {
   sigset_t stop;
   sigset_t before;
@@ -46,8 +46,8 @@ ssize_t ReadFromForeground(std::uint8_t& byte) {
   return got;
 }
 
-// Whether a read that brought nothing was the last. A terminal that has not hung up says so when
-// another process was quicker (0) or is in the foreground (EIO).
+// Whether the input has ended, after a read without a byte. A terminal that has not hung up also
+// answers so when another process was quicker (0) or is in the foreground (EIO).
 bool InputEnded(ssize_t got, int events) {
   if (got < 0 && (errno == EINTR || errno == EAGAIN)) return false;
   const bool lives = source.terminal && (events & POLLHUP) == 0;

@@ -113,11 +113,11 @@ namespace {
 // been set, which tells a waiter that overslept a set and a reset.
 constexpr std::uint32_t kUnset = 0;
 constexpr std::uint32_t kSet = 1;
-constexpr std::uint32_t kAwaited = 2;  // unset, and somebody may be waiting
+constexpr std::uint32_t kAwaited = 2;  // unset, and a thread may be waiting
 constexpr std::uint32_t kStateBits = 3;
 constexpr std::uint32_t kOneSet = 4;
 
-// Whoever sets an event may be killed before it wakes the waiters; so they look for themselves.
+// A process may be killed after it set an event and before it wakes the waiters. So they also look.
 constexpr Milliseconds kLongestSleep{1000};
 
 using Word = std::atomic_ref<std::uint32_t>;
@@ -192,7 +192,7 @@ bool Event::WaitSince(Ticket ticket, Milliseconds timeout) const {
     if (happened(now)) return true;
     const Milliseconds left = deadline.Remaining();
     if (left.count() <= 0) return false;
-    // Whatever state it was in, from here on a Set must know that somebody waits.
+    // Whatever state it was in, from here on a Set must know that a thread waits.
     if (word.compare_exchange_strong(now, ticket | kAwaited)) {
       FutexWait(*object_, ticket | kAwaited, left);
     }

@@ -19,7 +19,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-// Nothing tells the far end that the near end was opened; it is looked at this often.
+// The system does not report that the near end was opened, so it is checked this often.
 constexpr nanoseconds kPresenceCheck = std::chrono::milliseconds(10);
 
 Status Failure(const char* what) { return StatusFromErrno(errno, what); }
@@ -39,7 +39,7 @@ Status MakeRawAt(int fd, unsigned baud) {
   return WriteTerminal(fd, terminal);
 }
 
-// Without the name, so that nobody can move it away meanwhile.
+// Opened without the name, which another program could move meanwhile.
 int OpenNearEnd(int far) { return ::ioctl(far, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC); }
 
 bool HungUp(int far) {
@@ -47,7 +47,7 @@ bool HungUp(int far) {
   return ::poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0;
 }
 
-// Edges only: a far end without a host reports its hang-up for ever.
+// Edges only: a far end without a host would report its hang-up all the time.
 Status Watch(int epoll, int fd) {
   epoll_event event{};
   event.events = EPOLLIN | EPOLLET;
@@ -99,7 +99,7 @@ Status PseudoTerminal::Os::Plug(unsigned atBaud) {
 Status PseudoTerminal::Os::PlugInto(int opened) {
   char name[128];
   if (::unlockpt(opened) != 0) return Failure("unlock a pseudo-terminal");
-  // Opened and closed once, the far end knows that no host is there.
+  // After one open and close, the far end reports that no host is there.
   int near = OpenNearEnd(opened);
   if (near < 0) return Failure("open a pseudo-terminal's near end");
   const Status raw = MakeRawAt(near, baud);
@@ -117,13 +117,13 @@ void PseudoTerminal::Os::Unplug() {
   hostPresent = false;
 }
 
-// What the host did not read must not meet the next one. A host that died as the line's exclusive
-// user leaves that mark for ever: only a new terminal is free of it.
+// Drops what the host did not read, so that the next host does not get it. A host that died as the
+// exclusive user leaves the terminal marked so; only a new terminal is free of the mark.
 void PseudoTerminal::Os::HostLeft() {
   hostPresent = false;
   int near = OpenNearEnd(far);
   if (near < 0 && errno == EBUSY) {
-    // Failing leaves it unplugged, which the caller sees.
+    // After a failure it is unplugged, which the caller sees.
     const Status replaced = Plug(baud);
     static_cast<void>(replaced.Ok());
     return;
@@ -160,10 +160,10 @@ std::size_t PseudoTerminal::Read(std::span<std::byte> into) {
   if (os_->far < 0) return 0;
   const ssize_t got = ::read(os_->far, into.data(), into.size());
   if (got > 0) {
-    os_->hostPresent = true;  // or was, a moment ago
+    os_->hostPresent = true;  // or was present a moment ago
     return static_cast<std::size_t>(got);
   }
-  // The last host's bytes are all taken before its leaving shows.
+  // The host's leaving shows only after all its bytes were taken.
   if (got < 0 && errno == EIO && os_->hostPresent) os_->HostLeft();
   return 0;
 }

@@ -24,8 +24,8 @@
 namespace kinetrel {
 namespace {
 
-// The near end of a pseudo-terminal keeps its exclusive mode for as long as the far end lives: a
-// program that was killed would lock every other account out. The lock alone guards it.
+// The near end of a pseudo-terminal keeps its exclusive mode as long as the far end lives. A killed
+// program would lock every other account out, so the file lock alone guards it.
 bool IsPseudoTerminal(int fd) {
   constexpr unsigned kFirstMajor = 136;
   constexpr unsigned kLastMajor = 143;
@@ -39,7 +39,7 @@ Transfer FailedTransfer(int code) {
   return {code == EIO ? Ended::HungUp : Ended::Failed, 0, code};
 }
 
-// Pseudo-terminals and some adapters have no modem lines; kernels differ in how they say so.
+// Pseudo-terminals and some adapters have no modem lines. Kernels report that in different ways.
 Status ModemLineStatus(int code, const char* what) {
   if (code == EINVAL) return {Error::Unsupported, code, what};
   return StatusFromErrno(code, what);
@@ -95,8 +95,8 @@ Result<int> OpenSerialDevice(const std::string& path) {
   }
 }
 
-// The lock keeps programs that ask for it apart whatever their account; the exclusive mode keeps
-// out all the others but root's.
+// The lock works between programs that ask for it, of any account. The exclusive mode keeps out all
+// other programs except those of root.
 Status ClaimLine(int fd) {
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return StatusFromErrno(errno, "lock the serial line");
   if (!IsPseudoTerminal(fd)) ::ioctl(fd, TIOCEXCL);
@@ -123,7 +123,7 @@ void RestoreLatency(int fd, int foundFlags) {
 
 // ---- Transfers -----------------------------------------------------------------------------
 
-// A raw line never gives 0 bytes for "none yet": 0 means that the far end hung up.
+// On a raw line a read of 0 bytes never means "none yet". It means that the far end hung up.
 Transfer ReadOnce(int fd, std::span<std::byte> into) {
   for (;;) {
     const ssize_t got = ::read(fd, into.data(), into.size());
@@ -157,7 +157,7 @@ Result<std::size_t> CountUnsent(int fd) {
   return static_cast<std::size_t>(count);
 }
 
-// Hardware that cannot be asked counts as empty.
+// Hardware that cannot answer counts as empty.
 bool SenderIsEmpty(int fd) {
   unsigned state = 0;
   return ::ioctl(fd, TIOCSERGETLSR, &state) != 0 || (state & TIOCSER_TEMT) != 0;

@@ -1,5 +1,5 @@
-// The system calls of a serial line, each with its endings: done, nothing yet, gone, failed. None
-// blocks beyond the time it is given.
+// The system calls of a serial line, each with its outcomes: done, nothing yet, gone, failed. None
+// blocks longer than its time-out.
 #pragma once
 
 #include <cstddef>
@@ -26,20 +26,19 @@ std::string GroupThatMayUse(const std::string& path);
 
 // ---- Opening -------------------------------------------------------------------------------
 
-// Invalid: there is something of that name, but no character device. NotFound also for a path that
-// leads nowhere. Asked before the device is opened, as opening a directory or a pipe would tell
-// less.
+// Invalid: the name belongs to something other than a character device. NotFound also for a path
+// that leads nowhere. Checked before opening, because opening a directory or a pipe reveals less.
 Status CheckIsCharacterDevice(const std::string& path);
 
 // Never waits for a carrier. NotFound also for a name without hardware behind it.
 Result<int> OpenSerialDevice(const std::string& path);
 
-// Makes the open line this program's alone until it is closed. Busy: another has it.
+// Reserves the open line for this program until it is closed. Busy: another has it.
 Status ClaimLine(int fd);
 void ReleaseExclusiveMode(int fd);
 
-// Asks the driver to hand over bytes as they come: USB adapters otherwise hold them back for up to
-// 16 ms. Returns the driver's flags as they were, for RestoreLatency; none where there are none.
+// Asks the driver to deliver bytes as they come: USB adapters otherwise hold them back for up to
+// 16 ms. Returns the driver's flags before that, for RestoreLatency; none: the driver has no flags.
 std::optional<int> AskForLowLatency(int fd);
 void RestoreLatency(int fd, int foundFlags);
 
@@ -88,8 +87,9 @@ inline constexpr Microseconds kLongestNap{1000};
 
 void Nap(Microseconds time);  // a signal may end it early
 
-// What `bytes` need on the line at 10 bits each, between the two above: a shorter nap is dearer
-// than it is worth, and the rate of an adapter or a pseudo-terminal may mean nothing.
+// Sleeps as long as `bytes` need on the line at 10 bits each, within the two limits above. A
+// shorter nap costs more than it gains, and the rate of an adapter or pseudo-terminal may mean
+// nothing.
 void NapForBytes(std::size_t bytes, unsigned baud);
 
 }  // namespace kinetrel

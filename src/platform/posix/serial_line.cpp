@@ -37,12 +37,13 @@ struct SerialLine::Os {
   Status Drain() const;
 
   int fd;
-  std::optional<termios2> found;  // the settings to leave behind; none for what is no terminal
+  std::optional<termios2>
+      found;  // the settings to restore; none for a device that is not a terminal
   std::optional<int> foundDriverFlags;
   unsigned baud = 0;
 };
 
-// Bytes that a stuck line would not send are dropped: closing it would wait for them for 30 s.
+// Drops the bytes that a stuck line does not send: closing would wait 30 s for them.
 SerialLine::Os::~Os() {
   if (found) {
     if (!Drain().Ok()) (void)DiscardOutput(fd);
@@ -55,9 +56,9 @@ SerialLine::Os::~Os() {
 
 Status SerialLine::Os::TakeOver() {
   termios2 terminal{};
-  if (!ReadTerminal(fd, terminal).Ok()) return {};  // no terminal: Capabilities will say so
+  if (!ReadTerminal(fd, terminal).Ok()) return {};  // not a terminal: Capabilities reports it
   if (const Status claimed = ClaimLine(fd); !claimed.Ok()) return claimed;
-  // Root may open a name without hardware behind it, and learns it here only.
+  // Root can open a name without hardware behind it. Only this call reveals it.
   const Result<ModemLines> lines = ReadModemLines(fd);
   if (lines.status().error == Error::Closed) {
     return {Error::NotFound, lines.status().osCode, "open the serial line"};
@@ -117,7 +118,7 @@ Result<SerialCapabilities> SerialLine::Capabilities() const {
   termios2 terminal{};
   const Status read = ReadTerminal(os_->fd, terminal);
   if (read.error == Error::Closed) return read;
-  if (!read.Ok()) return SerialCapabilities{};  // drivers of other devices refuse in many ways
+  if (!read.Ok()) return SerialCapabilities{};  // other devices refuse in many ways
   return SerialCapabilities{true, ReadModemLines(os_->fd).Ok()};
 }
 
@@ -132,9 +133,9 @@ Result<LineSettings> SerialLine::Settings() const {
   return settings;
 }
 
-// A driver that cannot make a rate takes another without a word; so the rate is read back.
-// RTS toggling while sending is for lines with several talkers: here the line is just raised. The
-// handshake lowers RTS and raises it again, but does not raise it to begin with.
+// A driver that cannot make a rate silently takes another one, so the rate is read back.
+// Toggling RTS while sending serves lines with several senders; here RTS is just raised. The
+// handshake lowers RTS and raises it again, but does not raise it at the start.
 Status SerialLine::Apply(const LineSettings& settings) {
   const int fd = os_->fd;
   termios2 terminal{};
@@ -189,7 +190,7 @@ Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
   return sent;
 }
 
-// A pseudo-terminal would also discard what the far end has received and not read yet.
+// A pseudo-terminal would also discard bytes that the far end has received but not read.
 Status SerialLine::PurgeOutput() {
   const Result<std::size_t> unsent = CountUnsent(os_->fd);
   if (!unsent.Ok()) return unsent.status();

@@ -35,7 +35,7 @@ bool SetLock(int fd, short type, off_t byte) {
 
 struct stat Examine(int fd) {
   struct stat about {};
-  ::fstat(fd, &about);  // all zero if the system should not tell
+  ::fstat(fd, &about);  // all zero when the system does not tell
   return about;
 }
 
@@ -63,8 +63,8 @@ SharedFile::~SharedFile() {
 }
 
 void SharedFile::RemoveIfLast() {
-  // Let go first: of two users who leave at once and look before they let go, each would see the
-  // other and neither remove the object.
+  // Unlock first. Two users that close at once and look before they unlock would each see the
+  // other, and neither would remove the object.
   SetLock(fd_, F_UNLCK, kUseByte);
   if (SetLock(fd_, F_WRLCK, kUseByte) && IsLinked(fd_)) ::shm_unlink(path_.c_str());
 }
@@ -87,19 +87,18 @@ using Opened = std::shared_ptr<SharedObject>;
 struct Attempt {
   Opened object = {};  // null: failed
   Status failure = {};
-  int worthTries = 0;  // for a failure that may pass by itself: a millisecond from try to try
+  int worthTries = 0;  // how often to try, 1 ms apart, when the failure may pass
 };
 
-// While another process makes the object or takes its leave of it; a machine under load takes its
-// time.
+// While another process makes or removes the object. A loaded machine needs time for that.
 constexpr int kTriesWhileBusy = 2000;
-// While what a dying process left half made is in the hands of others, who let go of it as we do.
+// While other processes hold what a dying process left half made. They let go of it, as we do.
 constexpr int kTriesWhileHalfMade = 500;
-// While what another account made just now has not got its mode yet.
+// While an object that another account just made does not have its mode yet.
 constexpr int kTriesWhileDenied = 50;
 
-// Opens what exists, else creates it. Never O_CREAT on what exists: in a sticky directory the
-// kernel may refuse that for another account's file.
+// Opens what exists, or creates it. Never uses O_CREAT on what exists: in a sticky directory the
+// kernel may refuse that for a file of another account.
 int OpenOrCreate(const char* path) {
   for (;;) {
     int fd = ::shm_open(path, O_RDWR | O_CLOEXEC, 0);
@@ -109,8 +108,8 @@ int OpenOrCreate(const char* path) {
   }
 }
 
-// Zeroes what a killed process left: in place where the size fits, for the sake of a program that
-// has it mapped without holding the lock of a user.
+// Zeroes what a killed process left. In place when the size fits: a program may have it mapped
+// without holding the lock of a user.
 bool Clear(int fd, off_t size) {
   if (Examine(fd).st_size != size) return ::ftruncate(fd, 0) == 0;
   return ::fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, size) == 0;
@@ -118,7 +117,8 @@ bool Clear(int fd, off_t size) {
 
 Status Make(SharedFile& file, const ObjectKind& kind) {
   const off_t size = static_cast<off_t>(kind.size);
-  ::fchmod(file.fd(), kAnyAccount);  // whatever the umask took away; another account's has it
+  ::fchmod(file.fd(),
+           kAnyAccount);  // the umask took rights away; an object of another account has them
   if (!Clear(file.fd(), size)) return StatusFromErrno(errno, "clearing shared memory");
   // Allocated now: on a full system a later write would kill the process instead of failing.
   int code = EINTR;
@@ -128,7 +128,7 @@ Status Make(SharedFile& file, const ObjectKind& kind) {
   return mapped.Ok() ? kind.prepare(file.memory()) : mapped;
 }
 
-// We are alone with the object: whatever it held belongs to nobody.
+// No other process uses the object, so its old content is dropped.
 Attempt Create(SharedFile file, const ObjectKind& kind) {
   const Status made = Make(file, kind);
   if (!made.Ok()) return {.failure = made};
@@ -157,12 +157,12 @@ Attempt TryOpen(const std::string& path, const ObjectKind& kind) {
   }
   if (!S_ISREG(Examine(fd).st_mode)) {
     ::close(fd);
-    return {.failure = {Error::Invalid, 0, "something that is no shared memory has the name"}};
+    return {.failure = {Error::Invalid, 0, "something other than shared memory has the name"}};
   }
   SharedFile file(path, fd);
   const bool alone = SetLock(fd, F_WRLCK, kUseByte);
-  // While another process makes the object, or takes its leave of it, neither lock is to be had;
-  // and its last user may have removed it between our open and our lock.
+  // While another process makes or removes the object, it refuses both locks. The last user may
+  // also have removed the object between our open and our lock.
   if ((!alone && !SetLock(fd, F_RDLCK, kUseByte)) || !IsLinked(fd)) {
     return {.failure = {Error::Busy, 0, "another process holds the object half made"},
             .worthTries = kTriesWhileBusy};
@@ -179,9 +179,8 @@ Result<Opened> OpenInSystem(const std::string& path, const ObjectKind& kind) {
   }
 }
 
-// The objects that this process has open, by path. Written by every open and close; one per
-// process because names are the machine's, and so that a name is opened once however many readers
-// there are.
+// The objects that this process has open, by path. Written by every open and close. One per
+// process, because names belong to the machine and each name is opened once for all its users.
 class OpenObjects {
  public:
   static OpenObjects& Instance() {

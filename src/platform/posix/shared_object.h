@@ -1,9 +1,9 @@
-// A named object of the system, as this process has it open: memory shared with other processes.
+// A named object that this process has open: memory shared with other processes.
 //
-// The file of the system's shared memory that has the object's name holds the object and nothing
-// else. Every user holds a read lock on its first byte for as long as the object is open: who can
-// get the write lock instead knows that there is no other user. These are locks of the open file,
-// so the kernel drops them with the process, however that ends.
+// The shared-memory file of that name holds the object and nothing else. Every user holds a read
+// lock on its first byte while the object is open. A process that gets the write lock instead knows
+// that it is alone. The locks belong to the open file, so the kernel drops them when a process ends
+// in any way.
 #pragma once
 
 #include <sys/types.h>
@@ -20,7 +20,7 @@
 
 namespace kinetrel {
 
-// What is kept under a name.
+// What a name holds.
 struct ObjectKind {
   std::size_t size;
 
@@ -28,8 +28,8 @@ struct ObjectKind {
   Status (*prepare)(void*) = [](void*) { return Status{}; };
 };
 
-// One open and mapped file of the system's shared memory. The last user to let go removes it;
-// another account's stays, and its next user will find itself alone and start afresh.
+// One open and mapped shared-memory file. The last user removes it. If another account owns it, it
+// stays, and its next user finds itself alone and starts afresh.
 class SharedFile {
  public:
   SharedFile(std::string path, int fd);
@@ -49,15 +49,15 @@ class SharedFile {
 
   std::string path_;
   int fd_;
-  pid_t opener_;  // a forked child shares the locks, but is no user of its own
+  pid_t opener_;  // a forked child shares the locks but does not count as a user
   void* memory_ = nullptr;
   std::size_t size_ = 0;
 };
 
 class SharedObject {
  public:
-  // Opens or makes the object of that name; a name is opened once in a process and then shared.
-  // Errors as platform/named_objects.h tells.
+  // Opens or makes the object of that name. A process opens each name once and shares it.
+  // Errors: see platform/named_objects.h.
   static Result<std::shared_ptr<SharedObject>> Open(const std::string& name,
                                                     const ObjectKind& kind);
 

@@ -11,8 +11,8 @@
 namespace kinetrel {
 namespace {
 
-// Where a signal puts its number, and when one did, 0 for never: one of each per process, as
-// signals are. Written by CatchStopSignals, then by the handler only.
+// Where the handler stores the signal's number, and when the first came (0: never). One of each per
+// process, like signals. Written by CatchStopSignals, then by the handler only.
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 constinit std::atomic<std::atomic<int>*> stopRequest{nullptr};
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
@@ -20,7 +20,7 @@ constinit std::atomic<std::int64_t> stopAskedAt{0};
 static_assert(std::atomic<int>::is_always_lock_free &&
               std::atomic<std::int64_t>::is_always_lock_free);
 
-// `timeout` and others signal a process and then its whole group, so one wish arrives twice.
+// `timeout` and others signal a process and then its whole group, so one request arrives twice.
 void HandleStop(int number) {
   const std::int64_t now = ClockTicks();
   std::int64_t first = 0;
@@ -64,7 +64,7 @@ UserSignals::UserSignals() : os_(std::make_unique<Os>()) {
   ::pthread_sigmask(SIG_BLOCK, &os_->ours, &os_->found);
 }
 
-// One that still waits would end the process as soon as it is let in.
+// A signal that still waits would end the process as soon as it is unblocked.
 UserSignals::~UserSignals() {
   while (Take()) {
   }

@@ -16,7 +16,7 @@
 namespace kinetrel {
 namespace {
 
-constexpr int kBacklog = 256;  // beyond it, the system lets connections wait a second
+constexpr int kBacklog = 256;                     // more than these wait a second
 constexpr std::int64_t kLongestPoll = 1'000'000;  // ms
 
 int FdOf(std::intptr_t handle) { return static_cast<int>(handle); }
@@ -49,7 +49,7 @@ int PollOnce(std::span<pollfd> watched, Milliseconds timeout) {
   return ::poll(watched.data(), watched.size(), static_cast<int>(time));
 }
 
-// Ready also when the connection has ended: the transfer that follows tells.
+// An ended connection is ready too; the next transfer reports it.
 Status Await(int fd, short events, const Deadline& deadline, const char* what) {
   for (;;) {
     const Milliseconds left = deadline.Remaining();
@@ -65,7 +65,7 @@ void SetOption(int fd, int level, int name, int value) {
   ::setsockopt(fd, level, name, &value, sizeof value);
 }
 
-// None of these is worth failing for.
+// The connection works without these options, so their results are ignored.
 void SetUp(int fd) {
   SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
   SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
@@ -104,7 +104,7 @@ Result<StreamSocket> StreamSocket::Connect(const StreamAddress& to, const Deadli
   if (fd < 0) return Failure(errno, "making a socket");
   StreamSocket socket(fd);
   SetUp(fd);
-  // Interrupted, the attempt goes on by itself, as it does when it takes its time.
+  // An interrupted attempt goes on by itself, like a slow one.
   if (::connect(fd, SystemForm(to), to.length) == 0) return socket;
   if (errno != EINPROGRESS && errno != EINTR) return Failure(errno, "connecting");
   if (const Status status = FinishConnect(fd, deadline); !status.Ok()) return status;
@@ -159,7 +159,7 @@ Result<StreamListener> StreamListener::Open(const std::string& address, std::uin
   const int fd = NewSocket(where.family);
   if (fd < 0) return Failure(errno, kWhat);
   StreamListener listener(fd);
-  // Connections that have ended do not keep the port from the next run.
+  // The next run can use the port although connections of this one have just ended.
   SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);
   const bool listens =
       ::bind(fd, SystemForm(where), where.length) == 0 && ::listen(fd, kBacklog) == 0;
@@ -183,7 +183,7 @@ Result<StreamSocket> StreamListener::Accept() {
       return StreamSocket(fd);
     }
     if (WouldBlock(errno)) return Status{Error::TimedOut, 0, kWhat};
-    // One that has gone again while it waited is nobody's failure.
+    // A connection that ended while it waited is not a failure of the listener.
     if (errno != EINTR && errno != ECONNABORTED) return Failure(errno, kWhat);
   }
 }

@@ -14,15 +14,15 @@ constexpr int kInput = STDIN_FILENO;
 
 enum class Mode {
   Off,        // no session, or the process is ending
-  Suspended,  // about to stop, or stopped: nobody but the resumption enters again
-  Released,   // a session, but the terminal is as it was: the process is in the background
-  Entering,   // one thread is at it; keeps the others, and handlers, away from `before`
+  Suspended,  // about to stop, or stopped: only the resumption enters again
+  Released,   // a session in the background: the terminal is as it was found
+  Entering,   // one thread enters; keeps other threads and handlers away from `before`
   Entered
 };
 
-// The terminal's mode, one per process as its standard input is. Written by the session, by
-// whoever takes keys, and by signal handlers, hence atomic: `before` belongs to the one who
-// brought the mode from Released to Entering, and is only read once Entered.
+// The terminal's mode, one per process like standard input. Written by the session, by threads that
+// take keys and by signal handlers, so it is atomic. `before` belongs to the thread that changed
+// the mode from Released to Entering; others read it only when the mode is Entered.
 struct TerminalMode {
   std::atomic<Mode> mode{Mode::Off};
   std::atomic<pid_t> owner{0};  // a forked child ends without touching its parent's terminal
@@ -32,14 +32,14 @@ struct TerminalMode {
 constinit TerminalMode terminal;
 static_assert(std::atomic<Mode>::is_always_lock_free && std::atomic<pid_t>::is_always_lock_free);
 
-// Changing or reading the terminal from the background would stop the process.
+// A background process that changes or reads the terminal would be stopped.
 bool InForeground() {
   const pid_t foreground = ::tcgetpgrp(kInput);
   return foreground == -1 ? errno == ENOTTY : foreground == ::getpgrp();
 }
 
-// Signals still come from keys, output is still translated. Enter stays 13. A read returns at once
-// when another process was quicker, rather than wait for the next key.
+// Keys still raise signals, and output is still translated. Enter stays 13. A read returns at once
+// when another process took the key first.
 termios KeyModeOf(termios settings) {
   settings.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
   settings.c_iflag &= ~static_cast<tcflag_t>(ICRNL | INLCR | IGNCR);
@@ -48,7 +48,7 @@ termios KeyModeOf(termios settings) {
   return settings;
 }
 
-// TCSANOW keeps what was typed ahead, and does not wait for a terminal that was told to hold.
+// TCSANOW keeps what was typed ahead and does not wait for a terminal that holds its output.
 void Apply(const termios& settings) {
   while (::tcsetattr(kInput, TCSANOW, &settings) != 0 && errno == EINTR) {
   }
@@ -59,7 +59,7 @@ bool Advance(Mode from, Mode to) { return terminal.mode.compare_exchange_strong(
 void Enter() {
   if (!InForeground() || !Advance(Mode::Released, Mode::Entering)) return;
   const bool known = ::tcgetattr(kInput, &terminal.before) == 0;
-  // First the mode, so that a signal from here on finds something to restore.
+  // The mode comes first: a signal from here on has a state to restore.
   if (!Advance(Mode::Entering, known ? Mode::Entered : Mode::Released) || !known) return;
   Apply(KeyModeOf(terminal.before));
   if (terminal.mode.load() == Mode::Off) Apply(terminal.before);  // ended in between
@@ -100,7 +100,7 @@ void Unblock(int number) {
   ::pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
 }
 
-// After a stop that could not be caught the mode is still Entered, but the shell has been there.
+// A stop that cannot be caught leaves the mode Entered, but the shell has changed the terminal.
 void Resume(int) {
   const int savedErrno = errno;
   if (terminal.mode.load() == Mode::Entered && InForeground()) Apply(KeyModeOf(terminal.before));
@@ -109,7 +109,7 @@ void Resume(int) {
   errno = savedErrno;
 }
 
-// The shell gets its terminal back, then the process stops as it would have.
+// Gives the terminal back to the shell, then stops the process with the default action.
 void Suspend(int number) {
   const int savedErrno = errno;
   if (terminal.mode.load() == Mode::Entered) Leave(Mode::Suspended);

@@ -1,34 +1,33 @@
-// Key-at-a-time mode of the terminal on standard input, and the promise that the terminal is as it
-// was after every way out of the process.
+// Key-at-a-time mode of the terminal on standard input. The terminal is restored on every way out
+// of the process.
 //
-// Threads  Start and Stop one at a time; InKeyMode any. What the signal handlers call uses nothing
-//          but what a handler may.
+// Threads  StartKeyMode and StopKeyMode one at a time; InKeyMode any. Signal handlers may call the
+//          last three.
 #pragma once
 
 #include <signal.h>
 
 namespace kinetrel {
 
-// Puts the terminal into key mode as soon as this process is in its foreground, takes care of the
-// ways out, and returns true; false where standard input is no terminal.
+// Puts the terminal into key mode as soon as this process is in its foreground, and prepares every
+// way out. False: standard input is not a terminal.
 bool StartKeyMode();
 
-// Leaves the terminal and the signals as they were.
+// Restores the terminal and the signal handlers.
 void StopKeyMode();
 
-// Whether keys may be read now: the terminal is in key mode, which is entered here if this process
-// has come to the foreground since.
+// Whether keys may be read now. Enters key mode when this process has come to the foreground.
 bool InKeyMode();
 
-// What the terminal holds back since Ctrl-S is shown after all: a program that was told to end must
-// not wait for a person before it can.
+// Shows the output that the terminal holds back since Ctrl-S. A program that was told to end must
+// not wait for a person.
 void ReleaseHeldOutput();
 
-// A signal handler: restores the terminal, then the signal's default action ends the process.
+// A signal handler: restores the terminal, then ends the process by the signal's default action.
 void EndBySignal(int number);
 
-// Installs `handler` unless the signal is ignored or somebody else's handler is there, as that of
-// a sanitizer; EndBySignal gives way.
+// Installs `handler` in place of the default action or of EndBySignal. A signal that is ignored, or
+// has a handler of other code (a sanitizer), keeps it.
 void InstallHandler(int number, void (*handler)(int));
 
 }  // namespace kinetrel

@@ -1,7 +1,7 @@
-// The kernel's terminal record, and what of it stands for a serial line.
+// Converts between the kernel's terminal record and the settings of a serial line.
 //
-// The kernel's own record takes any rate, the C library's a list of rates only. The headers of the
-// two cannot be included together, so this header goes with no <termios.h>.
+// The kernel's record takes any rate; the C library's takes a list of rates only. Their headers
+// cannot be included together, so do not include <termios.h> beside this header.
 #pragma once
 
 #include <asm/termbits.h>
@@ -12,17 +12,17 @@ namespace kinetrel {
 
 Status ReadTerminal(int fd, termios2& terminal);
 
-// In force at once: waits for no output and discards no input.
+// Takes effect at once: does not wait for output and does not discard input.
 Status WriteTerminal(int fd, const termios2& terminal);
 
-// Bytes pass as they are, none is echoed or waited for in lines, and no modem line has a say in
-// whether the line is there. Rate, framing and handshake stay.
+// Bytes pass unchanged, without echo and without waiting for whole lines. The state of the modem
+// lines is ignored. Rate, framing and handshake stay.
 void MakeRaw(termios2& terminal);
 
-// Invalid: settings that no line can have.
+// Invalid: no line can have these settings.
 Status PutSettings(const LineSettings& settings, termios2& terminal);
 
-// All but the modem lines, which the record does not tell.
+// Everything except the modem lines, which the record does not contain.
 LineSettings GetSettings(const termios2& terminal);
 
 }  // namespace kinetrel

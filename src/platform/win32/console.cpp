@@ -11,9 +11,9 @@ namespace {
 
 HANDLE Output() { return ::GetStdHandle(STD_OUTPUT_HANDLE); }
 
-// A console whose text is being marked with the mouse, and a full pipe, hold whoever writes, and
-// neither tells before. So a thread of its own writes; what comes while it is held is dropped.
-// One per process, as standard output is.
+// A console whose text is being marked with the mouse, and a full pipe, hold the thread that
+// writes, and neither shows it before. So a thread of its own writes; text that comes while it is
+// held is dropped. One per process, like standard output.
 class Writer {
  public:
   void Show(const char* text);
@@ -31,7 +31,7 @@ class Writer {
 };
 constinit Writer writer;
 
-// The library stays loaded from now on, as the thread's code is in it.
+// The library must stay loaded from now on, because the thread's code is in it.
 bool Writer::Start() {
   HMODULE self = nullptr;
   ::GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
@@ -57,7 +57,7 @@ DWORD WINAPI Writer::Run(void* self) {
 void Writer::Show(const char* text) {
   State state = State::NotStarted;
   if (state_.compare_exchange_strong(state, State::Filling)) {
-    if (!Start()) return;  // and never again
+    if (!Start()) return;  // and do not try again
   } else {
     state = State::Idle;
     if (!state_.compare_exchange_strong(state, State::Filling)) return;
@@ -70,7 +70,7 @@ void Writer::Show(const char* text) {
 
 }  // namespace
 
-void HoldStandardStreams() {}  // nothing that is opened takes the place of a stream here
+void HoldStandardStreams() {}  // on this system no opened file takes the place of a stream
 
 bool StandardOutputIsTerminal() {
   DWORD mode = 0;

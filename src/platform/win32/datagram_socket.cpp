@@ -12,7 +12,7 @@
 namespace kinetrel {
 namespace {
 
-// As the system's header has it; not every one does.
+// From the system's header; some headers lack it.
 constexpr DWORD kTellRefusals = _WSAIOW(IOC_VENDOR, 12);
 
 int SizeOf(std::size_t size) {
@@ -35,12 +35,12 @@ sockaddr_in AnyAddress(std::uint16_t port) {
   return address;
 }
 
-// The socket calls take every family's addresses through this one type.
+// The socket calls take the addresses of all families through this type.
 const sockaddr* Generic(const sockaddr_in& address) {
   return static_cast<const sockaddr*>(static_cast<const void*>(&address));
 }
 
-// Else one receiver that is gone fails the next receive.
+// Without this, a receiver that is gone makes the next receive fail.
 void IgnoreRefusals(SOCKET socket) {
   BOOL tell = FALSE;
   DWORD unused = 0;
@@ -54,7 +54,7 @@ Result<DatagramSocket> DatagramSocket::Open(std::uint16_t port) {
   if (made == INVALID_SOCKET) return LastSocketFailure("making a socket");
   DatagramSocket socket(HandleOf(made));
   IgnoreRefusals(made);
-  // Else another program could take the port too, and with it our datagrams.
+  // Without this, another program could share the port and take our datagrams.
   SetSocketOption(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);
   const sockaddr_in address = AnyAddress(port);
   if (::bind(made, Generic(address), sizeof address) != 0) {

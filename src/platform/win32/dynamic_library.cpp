@@ -24,8 +24,8 @@ const char* ChosenFile(const std::string& name) {
 
 bool IsPath(const std::string& name) { return name.find_first_of("/\\") != std::string::npos; }
 
-// The system takes a path only with its own slashes, and looks for what the library needs beside it
-// only when told to.
+// The system takes a path only with its own slashes. It looks beside the library for what that
+// needs only when told to.
 HMODULE LoadFile(std::string path) {
   for (char& letter : path) letter = letter == '/' ? '\\' : letter;
   std::array<char, 32768> full{};
@@ -41,7 +41,7 @@ HMODULE LoadByName(const std::string& name) {
   return IsPath(chosen) ? LoadFile(chosen) : ::LoadLibraryA(chosen);
 }
 
-// Without the full stop and line end that the system gives its texts.
+// Without the full stop and line end of the system's texts.
 std::string SystemText(DWORD code) {
   std::array<char, 512> text{};
   const DWORD length = ::FormatMessageA(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS,
@@ -55,7 +55,7 @@ std::string SystemText(DWORD code) {
 
 Result<DynamicLibrary> DynamicLibrary::Load(const std::string& name, std::string* why) {
   if (why != nullptr) why->clear();
-  // A library that cannot be loaded is our caller's to report, not a window's.
+  // The caller reports a library that cannot be loaded; the system must not open a window for it.
   DWORD before = 0;
   ::SetThreadErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &before);
   const HMODULE module = LoadByName(name);

@@ -1,6 +1,6 @@
 #include "platform/joystick.h"
 
-// The multimedia headers take what this one defines.
+// The multimedia headers need the types of this one.
 #include <windows.h>
 
 #include <mmsystem.h>
@@ -28,7 +28,7 @@ Status StatusOfJoystick(MMRESULT code, const char* what) {
   }
 }
 
-// The system does not end a text that fills its field.
+// A text that fills its field has no end mark.
 template <std::size_t Size>
 std::string TextOf(const char (&field)[Size]) {
   return std::string(field, ::strnlen(field, Size));

@@ -10,8 +10,8 @@ namespace {
 
 constexpr Milliseconds kPipeLook{5};
 
-// What standard input is. Keys of a console come from the system as keys; of a pipe (a terminal
-// emulator's, too) and of a file as bytes, as a terminal would send them.
+// What standard input is. A console delivers keys. A pipe (also that of a terminal emulator) and a
+// file deliver bytes, as a terminal sends them.
 enum class Kind { None, Console, Pipe, File };
 
 struct Source {
@@ -30,13 +30,13 @@ Kind KindOf(HANDLE handle) {
     case FILE_TYPE_DISK:
       return Kind::File;
     default:
-      return Kind::None;  // "nul", and devices whose reads would keep us
+      return Kind::None;  // "nul", and devices whose reads would block
   }
 }
 
 // ---- Bytes of a pipe or a file ----------------------------------------------------------------
 
-// Whether a read would return at once. A pipe whose other end has gone is no source any more.
+// Whether a read would return at once. A pipe whose other end is closed has no more bytes.
 bool ByteWaits() {
   if (source.kind == Kind::File) return true;
   if (source.kind != Kind::Pipe) return false;
@@ -74,14 +74,14 @@ void KeySource::Open() {
   source = {KindOf(handle), handle};
 }
 
-// A console needs no restoring: its keys are not echoed but by whoever reads a line.
+// A console needs no restoring: it echoes keys only while a program reads a line.
 void KeySource::Close() {}
 
 bool KeySource::Waits() { return GivesKeys() ? ::_kbhit() != 0 : ByteWaits(); }
 
 bool KeySource::GivesKeys() { return source.kind == Kind::Console; }
 
-// A key that is no character comes as two codes, the first 0 or 0xE0.
+// A key without a character comes as two codes, the first 0 or 0xE0.
 std::optional<Key> KeySource::TakeKey() {
   constexpr int kPrefix = 0xE0;
   constexpr int kRubout = 0x7F;  // Ctrl-Backspace

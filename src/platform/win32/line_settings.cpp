@@ -7,7 +7,7 @@ namespace {
 
 ModemControl ControlOf(DWORD bits) { return static_cast<ModemControl>(bits & 3U); }
 
-// The system keeps characters as signed.
+// The system's record has signed characters.
 char AsChar(std::uint8_t byte) { return static_cast<char>(byte); }
 
 }  // namespace
@@ -24,7 +24,7 @@ Status WriteLine(HANDLE line, DCB& record) {
   return StatusOfLastError("set the line settings");
 }
 
-// An error must not stop the line until somebody clears it: a tracker's next record is the cure.
+// An error must not stop the line until it is cleared: the tracker's next record is good again.
 void MakeRaw(DCB& record) {
   record.fBinary = 1;
   record.fNull = 0;

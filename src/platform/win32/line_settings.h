@@ -1,4 +1,4 @@
-// The system's record of a serial line's settings, and what of it stands for ours.
+// Converts between the system's record of a serial line and the settings of platform/serial_line.h.
 #pragma once
 
 #include <windows.h>
@@ -10,10 +10,10 @@ namespace kinetrel {
 Status ReadLine(HANDLE line, DCB& record);
 Status WriteLine(HANDLE line, DCB& record);
 
-// Bytes pass as they are. DTR and RTS are raised; rate and framing stay.
+// Bytes pass unchanged. DTR and RTS are raised; rate and framing stay.
 void MakeRaw(DCB& record);
 
-// dtrRaised  where the settings leave DTR alone: whether it is up.
+// dtrRaised  whether DTR is up now; used when the settings do not change it.
 void PutSettings(const LineSettings& settings, bool dtrRaised, DCB& record);
 
 LineSettings GetSettings(const DCB& record);

@@ -1,5 +1,5 @@
-// An event of this process alone. It also counts how often it has been set, which tells a waiter
-// that overslept a set and a reset; the system's own events cannot.
+// An event of this process alone. It counts how often it was set, so a waiter notices a Set that
+// was followed by a Reset. The system's own events do not show that.
 #pragma once
 
 #include <cstdint>

@@ -71,8 +71,9 @@ void Event::Set() {
   ::SetEvent(object_->handle());
 }
 
-// Clients know the system's events only, and these wake at once. Set later, after the mutex, it
-// could wake a reader that has taken the frame meanwhile and reset the event to wait for the next.
+// Clients use the system's events, which wake at once. If the event were set after the mutex is
+// released, it could wake a reader that has taken the frame and reset the event to wait for the
+// next.
 bool Event::Mark() {
   Set();
   return false;

@@ -1,6 +1,6 @@
-// No program can make a serial port on this system. What stands for one is a port whose far end is
-// joined to the host's by a null modem, real or made by a driver: KINETREL_EMULATE names the two,
-// ours first, as in "COM6 COM5".
+// On this system a program cannot make a serial port. Instead it uses a port that a null modem,
+// real or made by a driver, joins to the host's port. KINETREL_EMULATE names the two, ours first,
+// as in "COM6 COM5".
 #include "platform/pseudo_terminal.h"
 
 #include <algorithm>
@@ -86,7 +86,7 @@ Status PseudoTerminal::Plug(unsigned baud) {
 
 bool PseudoTerminal::Plugged() const { return static_cast<bool>(os_->line); }
 
-// A real line does not tell who is at its other end, or at what rate.
+// A real line does not show whether a host is at its other end, or at what rate.
 bool PseudoTerminal::HostPresent() const { return Plugged(); }
 unsigned PseudoTerminal::HostBaud() const { return Plugged() ? os_->baud : 0; }
 

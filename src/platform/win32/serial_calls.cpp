@@ -39,7 +39,7 @@ Result<Handle> OpenSerialDevice(const std::string& path) {
   if (opened == INVALID_HANDLE_VALUE) {
     const Status refused = StatusOfLastError(kWhat);
     if (refused.error != Error::Invalid) return refused;
-    return Status{Error::Failed, refused.osCode, kWhat};  // a name that nothing could have
+    return Status{Error::Failed, refused.osCode, kWhat};  // a name that no device can have
   }
   Handle line(opened);
   if (!line) return Status{Error::Failed, 0, kWhat};
@@ -122,7 +122,7 @@ Status FlushHardware(HANDLE line) {
 
 // ---- Modem lines ---------------------------------------------------------------------------
 
-// A pseudo-terminal and some adapters have none; drivers differ in how they say so.
+// A pseudo-terminal and some adapters have none. Drivers report that in different ways.
 Status SetModemLine(HANDLE line, DWORD function) {
   constexpr const char* kWhat = "set a modem line";
   if (::EscapeCommFunction(line, function)) return {};

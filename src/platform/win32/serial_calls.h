@@ -1,5 +1,5 @@
-// The system calls of a serial line, each with its endings. None but WaitForEvent and a read that
-// was asked to blocks for more than a second.
+// The system calls of a serial line, each with its outcomes. Only WaitForEvent, and a read whose
+// time-out says so, block for more than a second.
 #pragma once
 
 #include <windows.h>
@@ -22,15 +22,15 @@ std::string SerialDevicePath(const std::string& name);
 
 // ---- Opening -------------------------------------------------------------------------------
 
-// For this program alone. NotFound: no such device. Invalid: it is there, but no character device.
+// For this program alone. NotFound: no such device. Invalid: it is not a character device.
 Result<Handle> OpenSerialDevice(const std::string& path);
 
-// Asks the system to note received bytes: what WaitForEvent waits for.
+// Tells the system to report received bytes, for WaitForEvent.
 Status WatchReceivedBytes(HANDLE line);
 
 Result<COMMPROP> ReadProperties(HANDLE line);
 
-// The rate as the port's stored configuration has it, and all else of its settings.
+// The port's stored configuration: its rate and all other settings.
 Result<DCB> ReadConfiguration(HANDLE line);
 
 // ---- Time-outs -----------------------------------------------------------------------------
@@ -43,7 +43,7 @@ Status WriteTimes(HANDLE line, const COMMTIMEOUTS& times);
 Result<std::size_t> ReadOnce(HANDLE line, std::span<std::byte> into);
 Result<std::size_t> WriteOnce(HANDLE line, std::span<const std::byte> from);
 
-// Until a byte comes, or somebody changes what is waited for.
+// Waits until a byte comes, or another call changes what is waited for.
 //
 // events  what happened. Must outlive the line: where the call returns before an event (Wine's
 //         does), the system fills it in later.

@@ -14,14 +14,14 @@
 namespace kinetrel {
 namespace {
 
-// Without it a write to a line that is held by its handshake would never end.
+// Without it, a write would never end while the handshake holds the line.
 constexpr DWORD kWritePatience = 1000;  // ms
 constexpr Milliseconds kDrainPatience{1000};
 constexpr Milliseconds kStep{1};
 constexpr Milliseconds kLongestRead{1000};  // of one call; the caller waits on
 
-// The codes of the fixed rates end at this one; above it is that of a rate that can be set freely.
-// Wine tells every port as one of 115200 at the most, so there the user must say that it will do.
+// The codes of the fixed rates end at this one; the code above it means any rate. Wine reports
+// every port with 115200 at most, so there the user must confirm that it takes any rate.
 bool TakesAnyRate(const COMMPROP& properties) {
   constexpr DWORD kLastFixedRate = 0x40000;
   return properties.dwMaxBaud > kLastFixedRate || std::getenv("KINETREL_ANY_MAX_BAUD") != nullptr;
@@ -56,28 +56,28 @@ struct SerialLine::Os {
   Status LimitReads(Milliseconds atMost);
 
   Handle line;
-  std::optional<DCB> found;  // the settings to leave behind; none for what is no serial line
+  std::optional<DCB> found;  // the settings to restore; none for a device that is not a serial line
   std::optional<COMMTIMEOUTS> foundTimes;
   std::optional<DWORD> readLimit;  // ms; of the time-outs in force
   bool dtrRaised = true;
-  TimerResolution fineSteps;  // else a step of 1 ms takes 16
+  TimerResolution fineSteps;  // without it a step of 1 ms takes 16
   std::unique_ptr<DWORD> events = std::make_unique<DWORD>(0);
   bool eventStillDue = false;
 };
 
-// Bytes that a stuck line would not send are dropped: closing it would wait for them.
+// Drops the bytes that a stuck line does not send: closing would wait for them.
 SerialLine::Os::~Os() {
   if (found) {
     if (!Drain().Ok()) (void)DiscardOutput(get());
     (void)WriteLine(get(), *found);
   }
   if (foundTimes) (void)WriteTimes(get(), *foundTimes);
-  if (eventStillDue) (void)events.release();  // the system's from now on
+  if (eventStillDue) (void)events.release();  // the system still writes to it
 }
 
 Status SerialLine::Os::TakeOver() {
   DCB record{};
-  if (!ReadLine(get(), record).Ok()) return {};  // no serial line: Capabilities will say so
+  if (!ReadLine(get(), record).Ok()) return {};  // not a serial line: Capabilities reports it
   found = record;
   COMMTIMEOUTS times{};
   if (ReadTimes(get(), times).Ok()) foundTimes = times;
@@ -94,8 +94,8 @@ Status SerialLine::Os::Drain() const {
   }
 }
 
-// Until something may have come. Neither an event without bytes, as of bytes read meanwhile, nor a
-// call that returns before the event makes the caller spin.
+// Waits until a byte may have come. An event without bytes, or a call that returns before the
+// event, does not make the caller spin.
 Status SerialLine::Os::ReceiveEvent() {
   if (!eventStillDue) {
     if (const Status waited = WaitForEvent(get(), *events); !waited.Ok()) return waited;
@@ -136,7 +136,7 @@ Result<SerialLine> SerialLine::Open(const std::string& name) {
   return SerialLine(std::move(os));
 }
 
-// The system gives the same answer for a port in use and for one that is not permitted.
+// The system reports a port in use and a port that is not permitted in the same way.
 std::string SerialLine::ExplainOpenFailure(const std::string& name, const Status& failure) {
   const std::string path = SerialDevicePath(name);
   const std::string subject = path == "\\\\.\\" + name ? name + ": " : name + " (" + path + "): ";
@@ -165,7 +165,7 @@ Result<LineSettings> SerialLine::Settings() const {
   return GetSettings(*record);
 }
 
-// A driver that cannot make a rate may take another without a word; so the rate is read back.
+// A driver that cannot make a rate may silently take another one, so the rate is read back.
 Status SerialLine::Apply(const LineSettings& settings) {
   DCB record{};
   if (const Status read = ReadLine(os_->get(), record); !read.Ok()) return read;

@@ -15,8 +15,8 @@ using Opened = std::shared_ptr<SharedObject>;
 
 constexpr const char* kOpening = "opening a shared object";
 
-// A descriptor whose access list is null, which is not the same as none: any account may open what
-// is made with it. With none, the system takes what the account's token says.
+// A descriptor whose access list is null: any account may open the new object. Without a descriptor
+// the system uses the default of the account.
 class Security {
  public:
   Security() {
@@ -35,8 +35,7 @@ class Security {
   SECURITY_ATTRIBUTES attributes_{sizeof attributes_, &descriptor_, FALSE};
 };
 
-// What the system's call of that kind answers; the last error then tells whether it made the
-// object.
+// Opens or makes an object of that kind. The last error then tells whether it is new.
 HANDLE OpenHandle(const char* name, ObjectKind kind, std::size_t size, Access access) {
   Security security;
   SECURITY_ATTRIBUTES* const attributes = security.For(access);
@@ -52,13 +51,13 @@ HANDLE OpenHandle(const char* name, ObjectKind kind, std::size_t size, Access ac
   return nullptr;
 }
 
-// The system says "no handle" of a name that an object of another kind has.
+// The system reports an invalid handle when an object of another kind has the name.
 Status OpenFailure(DWORD code) {
   if (code != ERROR_INVALID_HANDLE) return StatusFromSystem(code, kOpening);
   return {Error::Invalid, static_cast<int>(code), "another kind of object has the name"};
 }
 
-// Whether all of it is there to be used: memory that was only reserved would end who touches it.
+// Whether all of the memory can be used. A program that touches reserved memory would be ended.
 bool IsUsable(const void* memory, std::size_t size) {
   MEMORY_BASIC_INFORMATION about{};
   return ::VirtualQuery(memory, &about, sizeof about) == sizeof about &&
@@ -84,7 +83,7 @@ Result<Opened> OpenInSystem(const std::string& name, ObjectKind kind, std::size_
   return std::make_shared<SharedObject>(name, kind, std::move(handle), std::move(*view));
 }
 
-// The objects that this process has open, by name; one per process because names are the machine's.
+// The objects that this process has open, by name. One per process: names belong to the machine.
 class OpenObjects {
  public:
   static OpenObjects& Instance() {
@@ -137,8 +136,8 @@ SharedObject::~SharedObject() {
   if (local_ == nullptr) OpenObjects::Instance().Forget(name_);
 }
 
-// An object that is there while somebody writes: whoever makes it is the one. Others see it only
-// long enough to find that it is there, and so may be in each other's way for a moment.
+// The writer is the process that made the object with the mark's name. Other processes open it just
+// long enough to see that it exists, so two of them may disturb each other for a moment.
 bool SharedObject::ClaimWriting() {
   constexpr int kTries = 20;
   if (writing_) return true;

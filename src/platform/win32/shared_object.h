@@ -1,8 +1,7 @@
-// A named object of the system, as this process has it open.
+// A named object of the system that this process has open.
 //
-// The system itself keeps the rules of named objects: one lives while some process has a handle,
-// and a process that dies gives back all of its own. Here a name is opened once in a process and
-// then shared.
+// The system itself follows the rules of named objects: one lives while a process has a handle, and
+// a process that dies returns its handles. A process opens each name once and shares it.
 #pragma once
 
 #include <cstddef>
@@ -19,7 +18,7 @@ namespace kinetrel {
 
 enum class ObjectKind { Memory, Mutex, Event };
 
-// Memory of the system as this process sees it.
+// Memory of the system, mapped into this process.
 class View {
  public:
   View() = default;
@@ -43,7 +42,7 @@ class View {
 
 class SharedObject {
  public:
-  // Opens or makes the object of that name. Errors as platform/named_objects.h tells.
+  // Opens or makes the object of that name. Errors: see platform/named_objects.h.
   //
   // size  of memory, in bytes; 0 for the other kinds.
   static Result<std::shared_ptr<SharedObject>> Open(const std::string& name, ObjectKind kind,
@@ -67,7 +66,7 @@ class SharedObject {
   std::string name_;
   ObjectKind kind_ = ObjectKind::Event;
   Handle handle_;
-  Handle writing_;  // there while this process is the one that writes
+  Handle writing_;  // open while this process is the writer
   View view_;
   std::unique_ptr<LocalEvent> local_;
 };

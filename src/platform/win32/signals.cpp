@@ -7,12 +7,12 @@
 namespace kinetrel {
 namespace {
 
-// Where a request puts its number, and when the first one came, 0 for never: one of each per
-// process, as its console is. Written by CatchStopSignals, then by the system's handler thread.
+// Where the handler stores the request's number, and when the first came (0: never). One of each
+// per process, like the console. Written by CatchStopSignals, then by the system's handler thread.
 constinit std::atomic<std::atomic<int>*> stopRequest{nullptr};
 constinit std::atomic<std::int64_t> stopAskedAt{0};
 
-// The first event has number 0, which would say "none".
+// The first event has number 0, which means "none" in a request.
 int NumberOf(DWORD event) { return static_cast<int>(event) + 1; }
 
 // After these the system ends the process as soon as the handler returns, or a few seconds later.
@@ -20,7 +20,7 @@ bool IsLast(DWORD event) {
   return event == CTRL_CLOSE_EVENT || event == CTRL_LOGOFF_EVENT || event == CTRL_SHUTDOWN_EVENT;
 }
 
-// Runs on a thread of its own. False: the system does what it would have done, and ends us.
+// Runs on a thread of its own. False: the system takes its default action and ends the program.
 BOOL WINAPI HandleStop(DWORD event) {
   const std::int64_t now = ClockTicks();
   std::int64_t first = 0;
@@ -29,7 +29,7 @@ BOOL WINAPI HandleStop(DWORD event) {
   } else if (now - first > kOneStopWish.count() * ClockTicksPerSecond() / 1000) {
     if (!IsLast(event)) return FALSE;
   }
-  // The program takes its leave meanwhile, and this thread with it.
+  // The program ends meanwhile, and this thread with it.
   if (IsLast(event)) ::Sleep(INFINITE);
   return TRUE;
 }
@@ -39,7 +39,7 @@ BOOL WINAPI HandleStop(DWORD event) {
 void CatchStopSignals(std::atomic<int>& request) {
   stopRequest.store(&request);
   stopAskedAt.store(0);
-  ::SetConsoleCtrlHandler(HandleStop, FALSE);  // one that is there already is not added twice
+  ::SetConsoleCtrlHandler(HandleStop, FALSE);  // so that it is not installed twice
   ::SetConsoleCtrlHandler(HandleStop, TRUE);
 }
 

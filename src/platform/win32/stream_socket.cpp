@@ -11,7 +11,7 @@
 #include "platform/host_lookup.h"
 #include "platform/win32/os.h"
 
-// Takes the types of the above.
+// Needs the types of the headers above.
 #include <mstcpip.h>
 
 namespace kinetrel {
@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kBacklog = 256;                     // beyond it, the system refuses
 constexpr std::int64_t kLongestWait = 1'000'000;  // ms
-constexpr int kKeepAliveProbes = 16;              // the option's number; not every header has it
+constexpr int kKeepAliveProbes = 16;              // the option's number; some headers lack it
 
 int SizeOf(std::size_t size) {
   return static_cast<int>(std::min<std::size_t>(size, std::numeric_limits<int>::max()));
@@ -31,7 +31,7 @@ std::int64_t StepOf(Milliseconds timeout) {
   return std::clamp<std::int64_t>(timeout.count(), 0, kLongestWait);
 }
 
-// The system refuses to wait for nothing at all.
+// The system refuses to wait for an empty list.
 int PollOnce(std::span<WSAPOLLFD> watched, Milliseconds timeout) {
   if (watched.empty()) {
     SleepFor(Milliseconds(StepOf(timeout)));
@@ -41,7 +41,7 @@ int PollOnce(std::span<WSAPOLLFD> watched, Milliseconds timeout) {
                    static_cast<int>(StepOf(timeout)));
 }
 
-// Ready also when the connection has ended: the transfer that follows tells.
+// An ended connection is ready too; the next transfer reports it.
 Status Await(SOCKET socket, short events, const Deadline& deadline, const char* what) {
   for (;;) {
     const Milliseconds left = deadline.Remaining();
@@ -53,7 +53,7 @@ Status Await(SOCKET socket, short events, const Deadline& deadline, const char* 
   }
 }
 
-// None of these is worth failing for.
+// The connection works without these options, so their results are ignored.
 void SetUp(SOCKET socket) {
   SetSocketOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
   tcp_keepalive probes{1, 30'000, 10'000};
@@ -67,7 +67,7 @@ const sockaddr* SystemForm(const StreamAddress& address) {
   return static_cast<const sockaddr*>(static_cast<const void*>(address.bytes.data()));
 }
 
-// Poll keeps a refused attempt to itself on older systems; select tells it as an exception.
+// On older systems poll does not report a refused attempt; select reports it as an exception.
 Status AwaitConnected(SOCKET socket, const Deadline& deadline) {
   constexpr const char* kWhat = "connecting";
   for (;;) {
@@ -150,8 +150,8 @@ bool StreamSocket::IsQuiet() const {
 
 // ---- Listening -------------------------------------------------------------------------------
 
-// Connections that have ended do not keep the port from the next run on this system; what others
-// call address reuse would let another program take the port from under us.
+// On this system the next run can use the port although connections of this one have just ended.
+// Address reuse would let another program take the port while we listen.
 Result<StreamListener> StreamListener::Open(const std::string& address, std::uint16_t port) {
   constexpr const char* kWhat = "listening";
   const auto at = NumericAddresses(address, port);
@@ -185,7 +185,7 @@ Result<StreamSocket> StreamListener::Accept() {
       return socket;
     }
     if (WouldBlock()) return Status{Error::TimedOut, 0, kWhat};
-    // One that has gone again while it waited is nobody's failure.
+    // A connection that ended while it waited is not a failure of the listener.
     if (::WSAGetLastError() != WSAECONNRESET) return LastSocketFailure(kWhat);
   }
 }

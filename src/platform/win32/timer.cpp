@@ -1,6 +1,6 @@
 #include "platform/timer.h"
 
-// The multimedia headers take what this one defines.
+// The multimedia headers need the types of this one.
 #include <windows.h>
 
 #include <mmsystem.h>
@@ -13,7 +13,7 @@
 namespace kinetrel {
 namespace {
 
-// The finest period of the system's timer, in ms; 0 where it does not tell.
+// The finest period of the system's timer, in ms; 0: unknown.
 unsigned FinestPeriod() {
   TIMECAPS capabilities{};
   const bool told = ::timeGetDevCaps(&capabilities, sizeof capabilities) == MMSYSERR_NOERROR;
@@ -56,7 +56,7 @@ Status PeriodicTimer::Start(Milliseconds period) {
 
 void PeriodicTimer::Stop() {
   ::CancelWaitableTimer(os_->timer.get());
-  WaitFor(os_->timer.get(), Milliseconds(0));  // a tick that had come is taken back
+  WaitFor(os_->timer.get(), Milliseconds(0));  // takes back a tick that has come
 }
 
 bool PeriodicTimer::Wait(Milliseconds timeout) const {

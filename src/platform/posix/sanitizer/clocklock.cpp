@@ -1,6 +1,6 @@
-// For programs under the thread sanitizer only. That of g++ 12 does not see a mutex being locked by
-// pthread_mutex_clocklock, and then takes its unlocking for a fault; pthread_mutex_timedlock it
-// knows.
+// For programs under the thread sanitizer only. The one of g++ 12 does not notice that
+// pthread_mutex_clocklock locks a mutex, and reports the unlock as a fault. It knows
+// pthread_mutex_timedlock.
 #include <pthread.h>
 
 #include <ctime>
