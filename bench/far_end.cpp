@@ -36,7 +36,7 @@ FarEnd::FarEnd(const DeviceRow& row, const std::vector<const char*>& options)
 void FarEnd::Listen() {
   std::array<std::byte, 256> bytes;
   const std::size_t got = port_.Read(bytes);
-  if (port_.HostPresent() && !std::exchange(present_, true)) device_.HostOpened(now_);
+  if (port_.HasHost() && !std::exchange(present_, true)) device_.HostOpened(now_);
   device_.SetHostBaud(now_, port_.HostBaud());
   device_.Receive(now_, std::span(bytes).first(got));
 }

@@ -119,11 +119,11 @@ KeyboardDevice::KeyboardDevice() {
   statusWord_ = kIdentity;
   totalFrameRate_ = 60;
   AllocateSensors(32);
-  if (!resolution_.Raised()) Print("Function call timeGetDevCaps error\n");
+  if (!resolution_.IsRaised()) Print("Function call timeGetDevCaps error\n");
 }
 
 KeyboardDevice::~KeyboardDevice() {
-  if (!resolution_.Raised()) Print("Function call timeGetDevCaps error\n");
+  if (!resolution_.IsRaised()) Print("Function call timeGetDevCaps error\n");
 }
 
 // ---- Port ----------------------------------------------------------------------------------

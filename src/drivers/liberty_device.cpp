@@ -49,7 +49,7 @@ constexpr float kYAxis[3] = {0, 1, 0};
 
 LibertyDevice::LibertyDevice() : pdiSerial_(k115200, 0, 1) {
   const std::lock_guard lock(pdiLock_);
-  if (!resolution_.Raised()) PrintError("Function call timeGetDevCaps error\n");
+  if (!resolution_.IsRaised()) PrintError("Function call timeGetDevCaps error\n");
   offsetFilter_.SetSubtract(false);
   offsetFilter_.SetPreTransform(false);
   sensorMask_ = 0xFFFFFFFF;

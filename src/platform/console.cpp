@@ -70,7 +70,7 @@ std::optional<Key> NextKeyOfBytes() REQUIRES(input.lock) {
 std::optional<Key> NextKey() REQUIRES(input.lock) {
   if (input.putBackCount > 0) return input.putBack[--input.putBackCount];
   if (!input.open) return {};
-  return KeySource::GivesKeys() ? KeySource::TakeKey() : NextKeyOfBytes();
+  return KeySource::HasWholeKeys() ? KeySource::TakeKey() : NextKeyOfBytes();
 }
 
 void PutBack(Key key) REQUIRES(input.lock) {

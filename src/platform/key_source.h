@@ -18,10 +18,10 @@ class KeySource {
   static void Close();
 
   // Whether a call below would answer at once: with a key, a byte, or the end of the input.
-  static bool Waits();
+  static bool HasInput();
 
   // Whether it delivers whole keys. If not, it delivers bytes as a terminal sends them.
-  static bool GivesKeys();
+  static bool HasWholeKeys();
   static std::optional<Key> TakeKey();
 
   // Waits for the next byte until the deadline. None: it did not come in time, or the input ended.

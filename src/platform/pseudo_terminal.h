@@ -34,9 +34,9 @@ class PseudoTerminal {
   // Pulls the plug: the host sees a hang-up, and the name disappears.
   void Unplug();
   Status Plug(unsigned baud);  // plugs it in again, as Open does
-  bool Plugged() const;
+  bool IsPlugged() const;
 
-  bool HostPresent() const;   // a host has the near end open; noticed within 10 ms
+  bool HasHost() const;       // a host has the near end open; noticed within 10 ms
   unsigned HostBaud() const;  // the rate that the host set; 0 while unplugged
 
   // Reads the bytes that are there and returns their number, which may be 0; never waits.

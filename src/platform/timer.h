@@ -22,7 +22,7 @@ class TimerResolution {
   TimerResolution(const TimerResolution&) = delete;
   TimerResolution& operator=(const TimerResolution&) = delete;
 
-  bool Raised() const { return raised_; }  // false: the system does not offer it
+  bool IsRaised() const { return raised_; }  // false: the system does not offer it
 
   void Sleep(Milliseconds time) const;  // as SleepFor
 

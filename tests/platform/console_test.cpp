@@ -28,9 +28,9 @@ using test::TerminalJob;
 using test::WaitUntil;
 using Place = TerminalJob::Place;
 
-// ---- Standard input that is no terminal of ours --------------------------------------------
+// ---- Standard input other than our terminal -------------------------------------------------
 
-// Another standard input for the length of a test.
+// Replaces standard input during a test.
 class StandardInput {
  public:
   explicit StandardInput(int fd) : saved_(::fcntl(0, F_DUPFD_CLOEXEC, 3)) {
@@ -79,7 +79,7 @@ std::string TextOf(const std::optional<Key>& key) {
   return (key->extended ? "x" : "") + std::to_string(key->code);
 }
 
-TEST(PipedKeys, AreTheBytesUntilTheEndThenSilence) {
+TEST(PipedKeys, AreTheBytesUntilThePipeEnds) {
   PipedInput pipe;
   const KeySession session;
   EXPECT_EQ(TextOf(TakeKey()), "none");
@@ -112,16 +112,16 @@ TEST(StandardInputWithoutKeys, IsSilent) {
   ::close(nothing);
 }
 
-TEST(Session, TheSecondOfAProcessDoesNothing) {
+TEST(Session, ASecondOneInAProcessDoesNothing) {
   PipedInput pipe;
   pipe.Send("ab");
-  EXPECT_EQ(TextOf(TakeKey()), "none");  // no session yet
+  EXPECT_EQ(TextOf(TakeKey()), "none");  // without a session
   const KeySession session;
   { const KeySession second; }
   EXPECT_EQ(TextOf(TakeKey()), "97");
 }
 
-TEST(PutBack, ComesFirstLastOneFirstAndEndsWithTheSession) {
+TEST(PutBack, IsTakenFirstAndEndsWithTheSession) {
   PipedInput pipe;
   pipe.Send("a");
   {
@@ -152,7 +152,7 @@ TEST(HungUpTerminal, IsSilentAfterWhatWasTyped) {
 std::atomic<int> foreignCalls{0};
 void CountForeignCall(int) { ++foreignCalls; }
 
-TEST(Signals, SomebodyElsesHandlerStays) {
+TEST(Signals, AHandlerOfOtherCodeStays) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const StandardInput input(terminal.nearEnd());
   const auto before = ::signal(SIGUSR1, CountForeignCall);
@@ -162,7 +162,7 @@ TEST(Signals, SomebodyElsesHandlerStays) {
     EXPECT_EQ(foreignCalls.load(), 1);
   }
   EXPECT_EQ(::signal(SIGUSR1, before), CountForeignCall);
-  EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), SIG_DFL);  // ours went with the session
+  EXPECT_EQ(::signal(SIGUSR2, SIG_DFL), SIG_DFL);  // the session removed its handler
 }
 
 // ---- A job on a terminal -------------------------------------------------------------------
@@ -187,7 +187,7 @@ void Say(const std::string& text) {
   std::fflush(stdout);
 }
 
-// The job of most stories: says each key; 'q' returns, 'e' exits, 'a' aborts.
+// The job of most stories. It prints each key; 'q' returns, 'e' exits, 'a' aborts.
 int SayKeys() {
   const KeySession session;
   Say("ready ");
@@ -219,7 +219,7 @@ int StopWhenAsked() {
   return request;
 }
 
-// As by one who signals the process and then its group.
+// Signals the process and then its group, as `timeout` does.
 int StopWhenAskedTwiceInOneBreath() {
   static std::atomic<int> request{0};
   CatchStopSignals(request);
@@ -241,7 +241,7 @@ int StopWhenAskedInsideSession() {
 struct Ending {
   const char* name;
   int (*job)();
-  std::string typed;  // each byte once the words before it were said: ' ' waits for "asked"
+  std::string typed;  // each byte follows the expected words; ' ' waits for "asked"
   int signal;         // then sent, unless 0
   int change;
 };
@@ -282,7 +282,7 @@ INSTANTIATE_TEST_SUITE_P(
                            -SIGINT}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(StopSignals, OneIgnoredFromTheStartStaysIgnored) {
+TEST(StopSignals, AnIgnoredSignalStaysIgnored) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const TerminalJob job(terminal, Place::Foreground, StopWhenAskedUnderNohup);
   ASSERT_TRUE(terminal.Expect("ready "));
@@ -293,13 +293,13 @@ TEST(StopSignals, OneIgnoredFromTheStartStaysIgnored) {
   EXPECT_EQ(job.NextChange(), SIGTERM);
 }
 
-TEST(StopSignals, OneWishThatArrivesTwiceEndsNothingAtOnce) {
+TEST(StopSignals, ARequestThatArrivesTwiceCountsOnce) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const TerminalJob job(terminal, Place::Foreground, StopWhenAskedTwiceInOneBreath);
   EXPECT_EQ(job.NextChange(), SIGINT);
 }
 
-TEST(StopSignals, ABrokenPipeIsAFailedWrite) {
+TEST(StopSignals, ABrokenPipeFailsTheWriteOnly) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const TerminalJob job(terminal, Place::Foreground, [] {
     static std::atomic<int> request{0};
@@ -312,7 +312,7 @@ TEST(StopSignals, ABrokenPipeIsAFailedWrite) {
   EXPECT_EQ(job.NextChange(), 0);
 }
 
-TEST(KeyMode, KeepsSignalsAndOutputAndTellsEnterFromLineFeed) {
+TEST(KeyMode, KeepsSignalsAndOutputAndSeparatesEnterFromLineFeed) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const termios before = SettingsOf(terminal);
   const TerminalJob job(terminal, Place::Foreground, SayKeys);
@@ -346,13 +346,13 @@ bool TakesKeysAndEnds(PseudoTerminal& terminal, const TerminalJob& job) {
   return job.NextChange() == 0;
 }
 
-// Waits for signs of life, so that a job which would have been stopped has had its chance.
+// Waits for signs of life. A job that the system stops does not give them.
 bool Lives(PseudoTerminal& terminal) {
   const std::size_t sofar = terminal.Received().size();
   return WaitUntil([&] { return terminal.Received().size() >= sofar + 3; });
 }
 
-TEST(Suspension, GivesTheTerminalBackAndTakesItAgain) {
+TEST(Suspension, ReturnsTheTerminalAndTakesItAgain) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const termios before = SettingsOf(terminal);
   const TerminalJob job(terminal, Place::Foreground, SayKeys);
@@ -368,7 +368,7 @@ TEST(Suspension, GivesTheTerminalBackAndTakesItAgain) {
   EXPECT_TRUE(Same(SettingsOf(terminal), before));
 }
 
-TEST(Suspension, ThatCannotBeCaughtIsMadeGoodAfterwards) {
+TEST(Suspension, ThatCannotBeCaughtIsRepairedAfterwards) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const termios before = SettingsOf(terminal);
   const TerminalJob job(terminal, Place::Foreground, SayKeys);
@@ -405,7 +405,7 @@ TEST(Background, AfterSuspensionEndsWithoutTouchingTheTerminal) {
   job.Continue(Place::Background);
   ASSERT_TRUE(Lives(terminal));
   termios ofAnother = SettingsOf(terminal);
-  ofAnother.c_lflag &= ~static_cast<tcflag_t>(ECHO);  // say, a password being asked for
+  ofAnother.c_lflag &= ~static_cast<tcflag_t>(ECHO);  // as when another program asks for a password
   ASSERT_EQ(::tcsetattr(terminal.nearEnd(), TCSANOW, &ofAnother), 0);
   ASSERT_TRUE(Lives(terminal));
   job.Signal(SIGTERM);
@@ -413,7 +413,7 @@ TEST(Background, AfterSuspensionEndsWithoutTouchingTheTerminal) {
   EXPECT_TRUE(Same(SettingsOf(terminal), ofAnother));
 }
 
-TEST(StandardOutput, TellsItsSizeAndKind) {
+TEST(StandardOutput, ReportsItsSizeAndKind) {
   PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
   const winsize size{50, 132, 0, 0};
   ASSERT_EQ(::ioctl(terminal.nearEnd(), TIOCSWINSZ, &size), 0);

@@ -31,7 +31,7 @@ constexpr auto kButton = JoystickRecord::Button;
 constexpr auto kAxis = JoystickRecord::Axis;
 constexpr std::uint32_t kMiddle = 32767;
 
-// What a device says of itself. A pipe says nothing, so this program answers for it below.
+// What a device reports about itself. A pipe reports nothing, so this program answers for it below.
 struct Self {
   std::string name;
   int buttons;
@@ -47,7 +47,7 @@ void Become(const std::optional<Self>& now) {
   timesAsked = 0;
 }
 
-// As the system does: the size of what was told, or -1.
+// Returns the size of the answer, or -1, as the system does.
 int AnswerAsDevice(unsigned long request, void* into) {
   const std::lock_guard held(selfLock);
   errno = ENOTTY;
@@ -77,7 +77,7 @@ bool Reads(JoystickInput& stick) { return stick.Read().Ok(); }
 
 // ---- Finding -------------------------------------------------------------------------------
 
-TEST_F(Joysticks, AreCountedAndInTheOrderOfTheirNumbers) {
+TEST_F(Joysticks, AreCountedInTheOrderOfTheirNumbers) {
   EXPECT_EQ(CountJoysticks(), 0);
   const JoystickPipe tenth(directory_.Path("js10"), AtRest(10, 0));
   const JoystickPipe second(directory_.Path("js2"), AtRest(2, 0));
@@ -92,7 +92,7 @@ TEST_F(Joysticks, AreCountedAndInTheOrderOfTheirNumbers) {
   }
 }
 
-TEST_F(Joysticks, WhatSendsNothingMoreIsUnplugged) {
+TEST_F(Joysticks, AClosedPipeCountsAsUnplugged) {
   ::mkdir(directory_.Path("js0").c_str(), 0700);
   ::close(::open(directory_.Path("js1").c_str(), O_CREAT | O_CLOEXEC, 0600));
   ::mkfifo(directory_.Path("js2").c_str(), 0600);
@@ -115,7 +115,7 @@ class JoystickStory : public testing::TestWithParam<Story> {
   test::JoystickDirectory directory_;
 };
 
-TEST_P(JoystickStory, EndsWithTheStickStandingSo) {
+TEST_P(JoystickStory, EndsInThisState) {
   const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 3));
   JoystickInput stick = OpenFirst();
   pipe.SendBytes(GetParam().bytes);
@@ -125,7 +125,7 @@ TEST_P(JoystickStory, EndsWithTheStickStandingSo) {
   EXPECT_EQ(state->axes, GetParam().axes);
 }
 
-TEST_P(JoystickStory, WhateverPiecesItComesIn) {
+TEST_P(JoystickStory, EndsInThisStateFromPiecesOfAnySize) {
   const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 3));
   JoystickInput stick = OpenFirst();
   for (const char byte : GetParam().bytes) {
@@ -162,7 +162,7 @@ INSTANTIATE_TEST_SUITE_P(
                           {kMiddle, kMiddle, kMiddle}}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(Joysticks, AFloodOfRecordsKeepsNoReadForEver) {
+TEST_F(Joysticks, AReadEndsUnderAFloodOfRecords) {
   const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 0));
   JoystickInput stick = OpenFirst();
   std::string flood;
@@ -190,7 +190,7 @@ TEST_F(Joysticks, ReadingAllocatesNothing) {
 
 // ---- Unplugged -----------------------------------------------------------------------------
 
-TEST_F(Joysticks, OneThatIsUnpluggedIsReadAgainWhenItIsBack) {
+TEST_F(Joysticks, AnUnpluggedOneIsReadAgainWhenItIsBack) {
   auto pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(2, 1));
   JoystickInput stick = OpenFirst();
   for (const std::int16_t turn : std::array<std::int16_t, 3>{1, 0, 1}) {
@@ -207,7 +207,7 @@ TEST_F(Joysticks, OneThatIsUnpluggedIsReadAgainWhenItIsBack) {
   }
 }
 
-TEST_F(Joysticks, OneMayBeGivenUpWhileItIsLookedFor) {
+TEST_F(Joysticks, OneCanBeClosedWhileItIsLookedFor) {
   auto pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(1, 1));
   {
     JoystickInput stick = OpenFirst();
@@ -220,9 +220,9 @@ TEST_F(Joysticks, OneMayBeGivenUpWhileItIsLookedFor) {
   EXPECT_TRUE(JoystickInput::Open(0).Ok());
 }
 
-// ---- A device that says what it is ---------------------------------------------------------
+// ---- A device that reports its identity -----------------------------------------------------
 
-TEST_F(Joysticks, OneSaysWhatItIs) {
+TEST_F(Joysticks, OneReportsItsIdentity) {
   Become(Self{"Lodestar Pad", 40, 6});
   const JoystickPipe pipe(directory_.Path("js0"), AtRest(2, 3));
   const JoystickInput stick = OpenFirst();
@@ -242,7 +242,7 @@ TEST_F(Joysticks, ALongNameIsCut) {
   EXPECT_EQ(OpenFirst().Capabilities()->product, std::string(127, 'n'));
 }
 
-TEST_F(Joysticks, AnotherDeviceInItsPlaceIsLeftAlone) {
+TEST_F(Joysticks, AnotherDeviceInItsPlaceIsNotRead) {
   auto pipe = std::make_unique<JoystickPipe>(directory_.Path("js0"), AtRest(2, 1));
   Become(Self{"Lodestar Pad", 2, 1});
   JoystickInput stick = OpenFirst();
@@ -253,7 +253,8 @@ TEST_F(Joysticks, AnotherDeviceInItsPlaceIsLeftAlone) {
   const std::int64_t start = ClockTicks();
   EXPECT_TRUE(WaitUntil([&] { return Reads(stick) || timesAsked >= 3; }));
   EXPECT_FALSE(Reads(stick));
-  EXPECT_GT(ClockTicks() - start, ClockTicksPerSecond() * 9 / 10);  // it is not asked all the time
+  EXPECT_GT(ClockTicks() - start,
+            ClockTicksPerSecond() * 9 / 10);  // it is checked now and then only
   Become(Self{"Lodestar Pad", 2, 1});
   EXPECT_TRUE(WaitUntil([&] { return Reads(stick); }));
 }
@@ -261,7 +262,7 @@ TEST_F(Joysticks, AnotherDeviceInItsPlaceIsLeftAlone) {
 }  // namespace
 }  // namespace kinetrel
 
-// In place of the C library's in this program: questions to a joystick are answered above.
+// Replaces the C library's function: the functions above answer for a joystick.
 extern "C" int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list rest;
   va_start(rest, request);

@@ -28,7 +28,7 @@ std::vector<Key> Characters(const std::string& text) {
   return keys;
 }
 
-// The keys of `bytes` as they come in pieces of `piece` bytes, then silence.
+// The keys decoded from `bytes` that come in pieces of `piece` bytes, with silence at the end.
 std::vector<Key> Decode(const std::string& bytes, std::size_t piece) {
   std::vector<Key> keys;
   std::vector<std::uint8_t> waiting;
@@ -51,7 +51,7 @@ std::vector<Key> Decode(const std::string& bytes, std::size_t piece) {
 
 class KeyDecoder : public testing::TestWithParam<Case> {};
 
-TEST_P(KeyDecoder, GivesTheKeysHoweverTheBytesCome) {
+TEST_P(KeyDecoder, DecodesTheKeysFromPiecesOfAnySize) {
   for (const std::size_t piece : {std::size_t{1}, std::size_t{2}, std::size_t{1000}}) {
     const std::vector<Key> keys = Decode(GetParam().bytes, piece);
     ASSERT_EQ(keys.size(), GetParam().keys.size()) << "in pieces of " << piece;
@@ -99,7 +99,7 @@ INSTANTIATE_TEST_SUITE_P(
         Case{"TabWithCtrl", "\x1B[27;5;9~\x1B[9;5u", Keys({CtrlTab, CtrlTab})}),
     Name);
 
-// Each is followed by a letter that must come through, and alone.
+// A letter follows each sequence. Exactly that letter must be decoded.
 INSTANTIATE_TEST_SUITE_P(
     NoKeyOfOurs, KeyDecoder,
     testing::Values(Case{"FunctionKeys", "\x1BOP\x1B[15~\x1B[24;5~\x1B[1;2Rq", Characters("q")},
@@ -123,7 +123,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{"BrokenByEnter", "\x1B[1\r", Characters("\r")}),
     Name);
 
-TEST(KeyDecoderBound, AnEndlessSequenceIsGivenUp) {
+TEST(KeyDecoderBound, AnEndlessSequenceIsDropped) {
   const std::string endless = "\x1B[" + std::string(kLongestKeySequence - 2, '1');
   const std::vector<std::uint8_t> bytes(endless.begin(), endless.end());
   EXPECT_EQ(DecodeKey({bytes.data(), bytes.size() - 1}, false).used, 0U);

@@ -1,4 +1,4 @@
-// Named objects where the system has none: what their files hold, and who may be in their way.
+// The files behind named objects on Linux: their content, and what can disturb them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sched.h>
@@ -30,7 +30,7 @@ std::string PathOf(const std::string& name) { return "/dev/shm/" + name; }
 
 bool AmRoot() { return ::geteuid() == 0; }
 
-// A file where objects are, made by somebody who does not know how. Gone with the test.
+// A file among the objects that another program made. Removed with the test.
 class Stray {
  public:
   Stray(const std::string& name, std::size_t size, mode_t mode = 0666)
@@ -43,7 +43,7 @@ class Stray {
     ::close(fd_);
     std::filesystem::remove(path_);
   }
-  // As a user of the object would.
+  // Locks as a user of the object does.
   void Hold() const {
     struct flock lock {};
     lock.l_type = F_RDLCK;
@@ -61,7 +61,7 @@ class Stray {
   int fd_;
 };
 
-TEST(NamedFiles, StayWhenAForkedChildLetsGo) {
+TEST(NamedFiles, StayWhenAForkedChildCloses) {
   const std::string name = UniqueName("fork");
   std::optional<NamedMemory> memory = *NamedMemory::Open(name, 8);
   const pid_t child = ::fork();
@@ -77,7 +77,7 @@ TEST(NamedFiles, StayWhenAForkedChildLetsGo) {
   EXPECT_EQ(peer.Ask("peek"), "3");
 }
 
-TEST(NamedFiles, HaveTheirExactSizeAndAreOpenToAllWhateverTheUmask) {
+TEST(NamedFiles, HaveTheirExactSizeAndAreOpenToAllUnderAnyUmask) {
   const std::string name = UniqueName("mode");
   Peer peer;
   peer.Ask("umask 63");  // 077
@@ -99,7 +99,7 @@ TEST(NamedFiles, OpenToAnotherAccount) {
   EXPECT_EQ(theirs.Ask("memory " + name + " 8"), "done");
   EXPECT_EQ(theirs.Ask("peek"), "5");
 
-  // The other account cannot remove it; whoever comes next finds it as new, and can.
+  // The other account cannot remove it. The next user finds it as new, and can.
   ours.Ask("close");
   theirs.Ask("close");
   EXPECT_EQ(theirs.Ask("memory " + name + " 8"), "done");
@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(NamedFiles, LeftBehind,
                                          Left{"BeforeItsMode", 0, 0600}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST(NamedFiles, AreFinishedByTheNextWhenTheirMakerDied) {
+TEST(NamedFiles, AreFinishedByTheNextUserWhenTheirMakerDied) {
   const std::string name = UniqueName("half");
   Stray half(name, 0);
   half.Hold();  // as another process that opened it while the maker lived
@@ -146,7 +146,7 @@ TEST(NamedFiles, AreFinishedByTheNextWhenTheirMakerDied) {
   EXPECT_EQ(peer.Ask("lock 0"), "yes");
 }
 
-TEST(NamedFiles, RefuseWhatIsNotTheirs) {
+TEST(NamedFiles, RefuseForeignContent) {
   const std::string name = UniqueName("wrong");
   const auto openMutex = [&] { return NamedMutex::Open(name).status().error; };
   {
@@ -163,7 +163,7 @@ TEST(NamedFiles, RefuseWhatIsNotTheirs) {
   std::filesystem::remove(PathOf(name));
 }
 
-TEST(NamedFiles, SayWhenTheAccountMayNot) {
+TEST(NamedFiles, ReportAnAccountWithoutRights) {
   if (!AmRoot()) GTEST_SKIP() << "needs root";
   const std::string name = UniqueName("denied");
   const Stray stray(name, 8, 0600);
@@ -199,7 +199,7 @@ TEST(EventFile, AsksForAWakeOnlyWhenSomebodyMayBeWaiting) {
   EXPECT_FALSE(event->Mark());
 }
 
-TEST(EventFile, ReachesItsWaitersThoughTheSetterDiedBeforeItWokeThem) {
+TEST(EventFile, ReachesItsWaitersWhenTheSetterDiesBeforeTheWake) {
   const std::string name = UniqueName("unwoken");
   Result<Event> event = Event::Open(name);
   Peer waiter;

@@ -26,7 +26,7 @@ int& NumberIn(const NamedMemory& memory) { return *static_cast<int*>(memory.data
 
 // ---- Life of an object -----------------------------------------------------------------------
 
-TEST(NamedObjects, LiveWhileSomebodyHasThemOpen) {
+TEST(NamedObjects, LiveWhileAProcessHasThemOpen) {
   const std::string name = UniqueName("life");
   Peer first;
   Peer second;
@@ -40,7 +40,7 @@ TEST(NamedObjects, LiveWhileSomebodyHasThemOpen) {
   EXPECT_FALSE(InSystem(name));
 }
 
-TEST(NamedObjects, AreOneObjectHoweverOftenAProcessOpensThem) {
+TEST(NamedObjects, AreSharedWhenAProcessOpensThemTwice) {
   const std::string name = UniqueName("twice");
   Result<NamedMemory> first = NamedMemory::Open(name, 8);
   {
@@ -55,7 +55,7 @@ void ExpectGone(const std::string& churned) {
   for (const char* part : {"", "-mutex", "-event"}) EXPECT_FALSE(InSystem(churned + part)) << part;
 }
 
-TEST(NamedObjects, AreNeverTwoOfOneName) {
+TEST(NamedObjects, OfOneNameAreNeverTwo) {
   const std::string name = UniqueName("churn");
   const Result<NamedMemory> witness = NamedMemory::Open(name + "-witness", 12);
   Peer peers[4];
@@ -87,7 +87,7 @@ TEST(NamedObjects, SurviveUsersKilledAtAnyMoment) {
 
 // ---- Mutex -----------------------------------------------------------------------------------
 
-TEST(NamedMutex, KeepsOthersOutUntilTheTimeIsUp) {
+TEST(NamedMutex, KeepsOthersOutUntilTheirTimeout) {
   const std::string name = UniqueName("mutex");
   Peer peer;
   peer.Ask("mutex " + name);
@@ -115,7 +115,7 @@ TEST(NamedMutex, IsRecursive) {
   EXPECT_EQ(peer.Ask("lock 20000"), "yes");
 }
 
-TEST(NamedMutex, GoesOnWhenItsOwnerIsKilled) {
+TEST(NamedMutex, CanBeLockedAfterItsOwnerIsKilled) {
   const std::string name = UniqueName("orphan");
   Result<NamedMutex> mutex = NamedMutex::Open(name);
   for (const Milliseconds timeout : {kNow, kLong, kForever, kLong}) {
@@ -128,7 +128,7 @@ TEST(NamedMutex, GoesOnWhenItsOwnerIsKilled) {
   }
 }
 
-TEST(NamedMutex, GoesOnWhenItsOwnerIsKilledWhileOthersWait) {
+TEST(NamedMutex, PassesToAWaiterWhenItsOwnerIsKilled) {
   const std::string name = UniqueName("heirs");
   Peer owner;
   Peer heirs[3];
@@ -146,7 +146,7 @@ TEST(NamedMutex, GoesOnWhenItsOwnerIsKilledWhileOthersWait) {
   }
 }
 
-TEST(NamedMutex, IsNeverLockedByTwo) {
+TEST(NamedMutex, HasOneOwnerAtATime) {
   const std::string name = UniqueName("exclusion");
   const Result<NamedMemory> memory = NamedMemory::Open(name + "-sum", 8);
   Peer peers[3];
@@ -176,7 +176,7 @@ TEST(Event, StaysSetUntilItIsReset) {
   EXPECT_FALSE(event.Wait(kNow));
 }
 
-TEST(Event, SetAndResetBeforeTheWaitBeginsIsNotMissed) {
+TEST(Event, ASetBeforeAResetIsNotMissed) {
   Event event;
   const Event::Ticket ticket = event.Reset();
   EXPECT_FALSE(event.WaitSince(ticket, kNow));
@@ -187,7 +187,7 @@ TEST(Event, SetAndResetBeforeTheWaitBeginsIsNotMissed) {
   EXPECT_FALSE(event.WaitSince(event.Reset(), kShort));
 }
 
-TEST(Event, WakesEveryWaiterAndAKilledOneCostsNothing) {
+TEST(Event, WakesEveryWaiterAlsoAfterOneIsKilled) {
   const std::string name = UniqueName("event");
   Result<Event> event = Event::Open(name);
   Peer waiters[4];

@@ -21,8 +21,8 @@ namespace {
 
 using test::PseudoTerminal;
 
-constexpr Milliseconds kLong{20000};  // a wait that must end early
-constexpr double kSoon = 10000;       // ms: early, on the slowest of machines
+constexpr Milliseconds kLong{20000};  // a time-out that must not be used up
+constexpr double kSoon = 10000;       // ms: within it even on the slowest machine
 
 double MillisecondsSince(std::int64_t start) {
   return static_cast<double>(ClockTicks() - start) * 1e3 /
@@ -126,13 +126,14 @@ TEST(SerialLine, APseudoTerminalIsALineWithoutModemLines) {
   EXPECT_EQ(line.SetRts(false).error, Error::Unsupported);
 }
 
-TEST(SerialLine, IsRawWhileOpenAndAsItWasFoundAfterwards) {
+TEST(SerialLine, IsRawWhileOpenAndRestoredAfterwards) {
   PseudoTerminal far(PseudoTerminal::Mode::Cooked);
   const termios before = TerminalOf(far);
   {
     SerialLine line = MustOpen(far.path());
     ASSERT_TRUE(line.Apply({.baud = 4800}).Ok());
-    const std::string all("\x03\r\n\x11\x13\x7F\xFF\0z", 9);  // what a person's terminal would eat
+    const std::string all("\x03\r\n\x11\x13\x7F\xFF\0z",
+                          9);  // what a terminal in cooked mode would change
     far.Send(all);
     ASSERT_TRUE(line.WaitForInput(all.size(), kLong).Ok());
     EXPECT_EQ(ReadText(line, 20), all);
@@ -170,7 +171,7 @@ struct Piece {
   std::string bytes;
 };
 
-// What the far end does while the near end reads or waits. Pieces at 0 ms are there before.
+// What the far end does while the near end reads or waits. Pieces at 0 ms are sent before that.
 class FarEnd {
  public:
   FarEnd(PseudoTerminal& far, std::vector<Piece> pieces) {
@@ -233,7 +234,7 @@ INSTANTIATE_TEST_SUITE_P(
         TimedRead{"HangUpEndsABlockedRead", {0, 0, 0}, {{50, "hang up"}}, "read: closed", 50}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(SerialLine, AHangUpIsToldOnEveryOperation) {
+TEST(SerialLine, EveryOperationReportsAHangUp) {
   PseudoTerminal far;
   SerialLine line = MustOpen(far.path());
   far.HangUp();
@@ -306,7 +307,7 @@ class Signals {
   std::jthread sender_;
 };
 
-TEST(SerialLine, ASignalCutsNothingShort) {
+TEST(SerialLine, ASignalEndsNoWaitEarly) {
   PseudoTerminal far;
   const Signals signals;
   SerialLine line = MustOpen(far.path());
@@ -319,7 +320,7 @@ TEST(SerialLine, ASignalCutsNothingShort) {
   EXPECT_GE(MillisecondsSince(start), 120);
 }
 
-TEST(SerialLine, AnUnfinishedRecordIsWaitedForWithoutSpinning) {
+TEST(SerialLine, WaitingForTheRestOfARecordDoesNotSpin) {
   PseudoTerminal far;
   SerialLine line = MustOpen(far.path());
   far.Send("ab");
@@ -372,7 +373,7 @@ void Play(const Step& step, PseudoTerminal& far, std::optional<SerialLine>& line
   }
 }
 
-TEST_P(SerialLineReadsAhead, AsIfTheSystemStillHeldTheBytes) {
+TEST_P(SerialLineReadsAhead, AsIfTheSystemHeldTheBytes) {
   PseudoTerminal far;
   std::optional<SerialLine> line = MustOpen(far.path());
   for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
@@ -427,7 +428,7 @@ INSTANTIATE_TEST_SUITE_P(Line, SerialLineReadsAhead,
                                                 {Act::Read, "x"}}}),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST(SerialLine, BytesThatWereReadAheadCostNoWaitAndNoSystemCall) {
+TEST(SerialLine, BytesReadAheadAreReturnedWithoutAskingTheSystem) {
   PseudoTerminal far;
   SerialLine line = MustOpen(far.path());
   ASSERT_TRUE(line.SetReadTimeouts({0, 0, kLongMs}).Ok());
@@ -484,7 +485,7 @@ TEST(SerialLine, WhatWasWrittenBeforeClosingArrives) {
   EXPECT_TRUE(far.Expect("stop"));
 }
 
-TEST(SerialLine, ALineThatTakesNothingIsGivenUpAfterASecond) {
+TEST(SerialLine, AWriteToAStuckLineEndsAfterASecond) {
   PseudoTerminal far;
   SerialLine line = MustOpen(far.path());
   const std::string much(1 << 20, 'x');

@@ -1,4 +1,4 @@
-// Sockets on loopback, and what becomes of a step whose far end does not play along.
+// Sockets on loopback, also with a far end that does not read or answer.
 #include "platform/stream_socket.h"
 
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ class Pair : public testing::Test {
 
 std::span<const std::byte> Bytes(std::string_view text) { return std::as_bytes(std::span(text)); }
 
-TEST_F(Pair, CarriesBytesBothWaysAndTellsTheEnd) {
+TEST_F(Pair, CarriesBytesBothWaysAndReportsTheEnd) {
   EXPECT_TRUE(near_->IsQuiet());
   ASSERT_TRUE(far_->Send(Bytes("hello"), Deadline(kPatience)).Ok());
   ASSERT_TRUE(WaitUntil([&] { return !near_->IsQuiet(); }));
@@ -48,7 +48,7 @@ TEST_F(Pair, CarriesBytesBothWaysAndTellsTheEnd) {
   far_.reset();
   EXPECT_EQ(near_->Receive(buffer_, Deadline(kPatience)).status().error, Error::Closed);
   EXPECT_FALSE(near_->IsQuiet());
-  // The second one meets a broken connection: a result, not a signal.
+  // The second write meets a broken connection: it fails without a signal.
   Status last;
   EXPECT_TRUE(WaitUntil([&] {
     last = near_->Send(Bytes("x"), Deadline(Milliseconds(10)));
@@ -69,7 +69,7 @@ TEST_F(Pair, WaitsNoLongerThanTheDeadline) {
   EXPECT_LT(steady_clock::now() - start, kPatience);
 }
 
-TEST(StreamConnector, TellsWhyThereIsNoConnection) {
+TEST(StreamConnector, ReportsWhyItCannotConnect) {
   StreamConnector connector;
   std::uint16_t port = 0;
   {
@@ -84,8 +84,7 @@ TEST(StreamConnector, TellsWhyThereIsNoConnection) {
   EXPECT_EQ(StreamListener::Open("nobody.invalid", 0).status().error, Error::NotFound);
 }
 
-// However long the system looks for a name, the caller is back in time, and asks again as often as
-// it likes.
+// However long the system looks up a name, the call ends in time, and the caller may ask again.
 TEST(StreamConnector, DoesNotWaitForALookUpBeyondTheDeadline) {
   StreamConnector connector;
   for (int i = 0; i < 20; ++i) {

@@ -1,5 +1,5 @@
-// A pseudo-terminal forces 8 bits without parity; so the rest of the settings is checked on the
-// kernel's record itself.
+// A pseudo-terminal forces 8 bits without parity, so the other settings are checked on the kernel's
+// record.
 #include "platform/posix/terminal_settings.h"
 
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ struct Framing {
 
 class TerminalFraming : public testing::TestWithParam<Framing> {};
 
-TEST_P(TerminalFraming, IsPutAndReadBack) {
+TEST_P(TerminalFraming, IsSetAndReadBack) {
   const Framing& row = GetParam();
   LineSettings wanted;
   wanted.baud = 9600;
@@ -56,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(
         Framing{"NoSuchStopBits", 8, Parity::None, static_cast<StopBits>(3), 0}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(TerminalSettings, EitherSideOfTheHandshakeSwitchesItOn) {
+TEST(TerminalSettings, EitherSideOfTheHandshakeTurnsItOn) {
   LineSettings settings;
   settings.baud = 9600;
   for (const bool byRts : {true, false}) {
@@ -69,7 +69,7 @@ TEST(TerminalSettings, EitherSideOfTheHandshakeSwitchesItOn) {
   }
 }
 
-TEST(TerminalSettings, SoftwareFlowControlHasItsTwoDirectionsAndCharacters) {
+TEST(TerminalSettings, SoftwareFlowControlSetsDirectionsAndCharacters) {
   LineSettings settings;
   settings.baud = 9600;
   settings.xonXoffOutput = true;

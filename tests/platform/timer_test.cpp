@@ -27,7 +27,7 @@ TEST(PeriodicTimer, TicksAtOnceThenEveryPeriod) {
   }
 }
 
-TEST(PeriodicTimer, MissedTicksCollapseIntoOne) {
+TEST(PeriodicTimer, MissedTicksBecomeOne) {
   PeriodicTimer timer;
   ASSERT_TRUE(timer.Start(Milliseconds{500}).Ok());
   const std::int64_t start = ClockTicks();
@@ -36,7 +36,7 @@ TEST(PeriodicTimer, MissedTicksCollapseIntoOne) {
   EXPECT_FALSE(timer.Wait(Milliseconds{0}));
 }
 
-TEST(PeriodicTimer, WaitsItsTimeOutWhenNothingTicks) {
+TEST(PeriodicTimer, WaitTimesOutWhenTheTimerIsStopped) {
   PeriodicTimer timer;
   const auto waits = [&] {
     const std::int64_t start = ClockTicks();
@@ -51,7 +51,7 @@ TEST(PeriodicTimer, WaitsItsTimeOutWhenNothingTicks) {
   waits();
 }
 
-TEST(PeriodicTimer, ATickIsForOneWaiter) {
+TEST(PeriodicTimer, ATickWakesOneWaiter) {
   PeriodicTimer timer;
   ASSERT_TRUE(timer.Start(Milliseconds{60'000}).Ok());
   int ticks = 0;
@@ -64,7 +64,7 @@ TEST(PeriodicTimer, ATickIsForOneWaiter) {
 
 TEST(TimerResolution, SleepsNoLessThanAsked) {
   const TimerResolution resolution;
-  EXPECT_TRUE(resolution.Raised());
+  EXPECT_TRUE(resolution.IsRaised());
   const std::int64_t start = ClockTicks();
   resolution.Sleep(Milliseconds{16});
   EXPECT_GE(MillisecondsSince(start), 16.0);

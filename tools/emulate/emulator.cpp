@@ -124,7 +124,7 @@ void Emulator::ReadHost(Moment now) {
 }
 
 void Emulator::NoticeHost(Moment now) {
-  const bool present = port_.HostPresent();
+  const bool present = port_.HasHost();
   if (present && !hostPresent_) device_.HostOpened(now);
   if (!present && hostPresent_) device_.line().Say(now, "the port is closed");
   hostPresent_ = present;
@@ -145,10 +145,10 @@ void Emulator::PullPlug(Moment replugAt) {
 void Emulator::ServePlug(Moment now) {
   if (now < replugAt_) return;
   replugAt_ = kNever;
-  if (port_.Plugged()) return;
+  if (port_.IsPlugged()) return;
   // If the system has no free port now, try again later.
   if (!port_.Plug(firstBaud_).Ok()) replugAt_ = now + std::chrono::seconds(1);
-  if (port_.Plugged()) device_.line().Say(now, "the port is plugged in: " + port_.path());
+  if (port_.IsPlugged()) device_.line().Say(now, "the port is plugged in: " + port_.path());
   PublishPort(now);
 }
 

@@ -20,7 +20,7 @@ struct Source {
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 constinit Source source;
 
-bool Readable() { return !source.ended && (!source.terminal || InKeyMode()); }
+bool IsReadable() { return !source.ended && (!source.terminal || InKeyMode()); }
 
 // The events that poll reports for standard input before the deadline; 0: none.
 int PollInput(const Deadline& deadline) {
@@ -62,14 +62,14 @@ void KeySource::Close() {
   if (source.terminal) StopKeyMode();
 }
 
-bool KeySource::Waits() { return Readable() && PollInput(Deadline(Milliseconds(0))) != 0; }
+bool KeySource::HasInput() { return IsReadable() && PollInput(Deadline(Milliseconds(0))) != 0; }
 
-bool KeySource::GivesKeys() { return false; }
+bool KeySource::HasWholeKeys() { return false; }
 
 std::optional<Key> KeySource::TakeKey() { return {}; }
 
 std::optional<std::uint8_t> KeySource::TakeByte(const Deadline& deadline) {
-  if (!Readable()) return {};
+  if (!IsReadable()) return {};
   const int events = PollInput(deadline);
   if (events == 0) return {};
   const bool closed = (events & POLLNVAL) != 0;

@@ -147,8 +147,8 @@ Result<PseudoTerminal> PseudoTerminal::Open(unsigned baud) {
 const std::string& PseudoTerminal::path() const { return os_->path; }
 void PseudoTerminal::Unplug() { os_->Unplug(); }
 Status PseudoTerminal::Plug(unsigned baud) { return os_->Plug(baud); }
-bool PseudoTerminal::Plugged() const { return os_->far >= 0; }
-bool PseudoTerminal::HostPresent() const { return os_->hostPresent; }
+bool PseudoTerminal::IsPlugged() const { return os_->far >= 0; }
+bool PseudoTerminal::HasHost() const { return os_->hostPresent; }
 
 unsigned PseudoTerminal::HostBaud() const {
   termios2 terminal{};

@@ -37,7 +37,7 @@ tcflag_t RateBits(unsigned baud) {
 
 // One and a half stop bits are what the hardware makes of two when a byte has 5 bits, and the
 // only length it then has.
-bool Possible(const LineSettings& settings) {
+bool IsPossible(const LineSettings& settings) {
   if (settings.baud == 0 || settings.byteSize < 5 || settings.byteSize > 8) return false;
   if (settings.parity > Parity::Space || settings.stopBits > StopBits::Two) return false;
   const StopBits impossible = settings.byteSize == 5 ? StopBits::Two : StopBits::OneAndHalf;
@@ -83,7 +83,7 @@ void MakeRaw(termios2& terminal) {
 // The kernel has one switch for both directions of the RTS/CTS handshake, none for a DTR/DSR
 // handshake or DSR sensitivity, keeps its own XON/XOFF limits, and always sends on after an XOFF.
 Status PutSettings(const LineSettings& settings, termios2& terminal) {
-  if (!Possible(settings)) return {Error::Invalid, 0, "set the line settings"};
+  if (!IsPossible(settings)) return {Error::Invalid, 0, "set the line settings"};
   const bool rtsCts = settings.ctsOutputFlow || settings.rts == ModemControl::Handshake;
   tcflag_t& flags = terminal.c_cflag;
   flags &= ~(CBAUD | CIBAUD | CSIZE | kParityMask);  // no input rate: the same as the output rate

@@ -37,7 +37,7 @@ Kind KindOf(HANDLE handle) {
 // ---- Bytes of a pipe or a file ----------------------------------------------------------------
 
 // Whether a read would return at once. A pipe whose other end is closed has no more bytes.
-bool ByteWaits() {
+bool HasByte() {
   if (source.kind == Kind::File) return true;
   if (source.kind != Kind::Pipe) return false;
   DWORD waiting = 0;
@@ -49,7 +49,7 @@ bool ByteWaits() {
 
 // A pipe cannot be waited for.
 bool AwaitByte(const Deadline& deadline) {
-  while (!ByteWaits()) {
+  while (!HasByte()) {
     if (source.kind == Kind::None || deadline.Passed()) return false;
     SleepFor(std::min(kPipeLook, deadline.Remaining()));
   }
@@ -77,9 +77,9 @@ void KeySource::Open() {
 // A console needs no restoring: it echoes keys only while a program reads a line.
 void KeySource::Close() {}
 
-bool KeySource::Waits() { return GivesKeys() ? ::_kbhit() != 0 : ByteWaits(); }
+bool KeySource::HasInput() { return HasWholeKeys() ? ::_kbhit() != 0 : HasByte(); }
 
-bool KeySource::GivesKeys() { return source.kind == Kind::Console; }
+bool KeySource::HasWholeKeys() { return source.kind == Kind::Console; }
 
 // A key without a character comes as two codes, the first 0 or 0xE0.
 std::optional<Key> KeySource::TakeKey() {

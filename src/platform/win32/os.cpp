@@ -138,14 +138,14 @@ Status LastSocketFailure(const char* what) {
 Socket NewSocket(int family, int type) {
   StartSockets();
   const Socket made = ::WSASocketA(family, type, 0, nullptr, 0, WSA_FLAG_OVERLAPPED);
-  if (made == kNoSocket || Configure(made)) return made;
+  if (made == kNoSocket || PrepareSocket(made)) return made;
   const int code = ::WSAGetLastError();
   ::closesocket(made);
   ::WSASetLastError(code);
   return kNoSocket;
 }
 
-bool Configure(Socket socket) {
+bool PrepareSocket(Socket socket) {
   u_long on = 1;
   void* const handle = reinterpret_cast<void*>(socket);  // a socket is a handle of the system's
   ::SetHandleInformation(handle, HANDLE_FLAG_INHERIT, 0);

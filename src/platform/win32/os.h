@@ -62,7 +62,7 @@ Status LastSocketFailure(const char* what);
 // LastSocketFailure.
 Socket NewSocket(int family, int type);
 
-bool Configure(Socket socket);  // the same for a socket that the system made
+bool PrepareSocket(Socket socket);  // the same for a socket that the system made
 
 bool SetSocketOption(Socket socket, int level, int name, int value);
 

@@ -84,20 +84,20 @@ Status PseudoTerminal::Plug(unsigned baud) {
   return {};
 }
 
-bool PseudoTerminal::Plugged() const { return static_cast<bool>(os_->line); }
+bool PseudoTerminal::IsPlugged() const { return static_cast<bool>(os_->line); }
 
 // A real line does not show whether a host is at its other end, or at what rate.
-bool PseudoTerminal::HostPresent() const { return Plugged(); }
-unsigned PseudoTerminal::HostBaud() const { return Plugged() ? os_->baud : 0; }
+bool PseudoTerminal::HasHost() const { return IsPlugged(); }
+unsigned PseudoTerminal::HostBaud() const { return IsPlugged() ? os_->baud : 0; }
 
 std::size_t PseudoTerminal::Read(std::span<std::byte> into) {
-  if (!Plugged() || into.empty()) return 0;
+  if (!IsPlugged() || into.empty()) return 0;
   const Result<std::size_t> got = ReadOnce(os_->line.get(), into);
   return got.Ok() ? *got : 0;
 }
 
 std::size_t PseudoTerminal::Write(std::span<const std::byte> from) {
-  if (!Plugged() || from.empty()) return from.size();
+  if (!IsPlugged() || from.empty()) return from.size();
   const Result<std::size_t> taken = WriteOnce(os_->line.get(), from);
   return taken.Ok() ? *taken : 0;
 }
@@ -108,7 +108,7 @@ void PseudoTerminal::Wait(nanoseconds atMost) {
   const Deadline deadline(whole);
   for (;;) {
     const Result<Queued> queued =
-        Plugged() ? CountQueued(os_->line.get()) : Result<Queued>(Queued{});
+        IsPlugged() ? CountQueued(os_->line.get()) : Result<Queued>(Queued{});
     if (queued.Ok() && queued->received > 0) return;
     if (os_->wake.Wait(std::min(kStep, deadline.Remaining()))) break;
     if (deadline.Passed()) return;

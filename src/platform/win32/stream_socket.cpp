@@ -180,7 +180,7 @@ Result<StreamSocket> StreamListener::Accept() {
     const SOCKET taken = ::accept(SocketOf(handle_), nullptr, nullptr);
     if (taken != INVALID_SOCKET) {
       StreamSocket socket(HandleOf(taken));
-      if (!Configure(taken)) return LastSocketFailure(kWhat);
+      if (!PrepareSocket(taken)) return LastSocketFailure(kWhat);
       SetUp(taken);
       return socket;
     }
