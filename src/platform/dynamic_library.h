@@ -44,6 +44,9 @@ class DynamicLibrary {
  private:
   explicit DynamicLibrary(void* handle) : handle_(handle) {}
 
+  static std::string Stem(const std::string& name);        // without its ending
+  static const char* ChosenFile(const std::string& name);  // by the environment; null: none
+
   void* handle_;
 };
 

@@ -1,6 +1,5 @@
 #include <utility>
 
-#include "platform/host_lookup.h"
 #include "platform/named_objects.h"
 #include "platform/stream_socket.h"
 #include "platform/thread.h"

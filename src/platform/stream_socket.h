@@ -29,6 +29,16 @@ struct StreamAddress {
   int family = 0;
 };
 
+// ---- Looking up hosts ------------------------------------------------------------------------
+
+// The address that `host` itself is, without a look-up; never empty. NotFound: it is a name.
+Result<std::vector<StreamAddress>> NumericAddresses(const std::string& host, std::uint16_t port);
+
+// The addresses that the system finds for the name; never empty. May take many seconds.
+Result<std::vector<StreamAddress>> LookUpAddresses(const std::string& host, std::uint16_t port);
+
+// ---- Connections -----------------------------------------------------------------------------
+
 inline constexpr std::intptr_t kNoStream = -1;  // no socket
 
 class StreamListener;

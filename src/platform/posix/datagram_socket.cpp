@@ -14,22 +14,6 @@ namespace {
 
 int FdOf(std::intptr_t handle) { return static_cast<int>(handle); }
 
-// The network's own codes; the others are those of every descriptor.
-Status Failure(int code, const char* what) {
-  switch (code) {
-    case EHOSTUNREACH:
-    case ENETUNREACH:
-    case EADDRNOTAVAIL:
-      return {Error::NotFound, code, what};
-    case EADDRINUSE:
-      return {Error::Busy, code, what};
-    case ENOBUFS:
-      return {Error::NoSpace, code, what};
-    default:
-      return StatusFromErrno(code, what);
-  }
-}
-
 sockaddr_in AnyAddress(std::uint16_t port) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
@@ -51,10 +35,11 @@ bool SetOption(int fd, int name, int value) {
 
 Result<DatagramSocket> DatagramSocket::Open(std::uint16_t port) {
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return Failure(errno, "making a socket");
+  if (fd < 0) return SocketFailure(errno, "making a socket");
   DatagramSocket socket(fd);
   const sockaddr_in address = AnyAddress(port);
-  if (::bind(fd, Generic(address), sizeof address) != 0) return Failure(errno, "taking the port");
+  if (::bind(fd, Generic(address), sizeof address) != 0)
+    return SocketFailure(errno, "taking the port");
   return socket;
 }
 
@@ -74,7 +59,7 @@ Result<std::size_t> DatagramSocket::Receive(std::span<std::byte> into) {
     const ssize_t got = ::recv(FdOf(handle_), into.data(), into.size(), 0);
     if (got >= 0) return static_cast<std::size_t>(got);
     if (errno == EAGAIN || errno == EWOULDBLOCK) return Status{Error::TimedOut, 0, kWhat};
-    if (errno != EINTR) return Failure(errno, kWhat);
+    if (errno != EINTR) return SocketFailure(errno, kWhat);
   }
 }
 
@@ -87,7 +72,7 @@ Status DatagramSocket::Send(const char* address, std::uint16_t port,
     const ssize_t sent =
         ::sendto(FdOf(handle_), bytes.data(), bytes.size(), 0, Generic(to), sizeof to);
     if (sent >= 0) return {};
-    if (errno != EINTR) return Failure(errno, kWhat);
+    if (errno != EINTR) return SocketFailure(errno, kWhat);
   }
 }
 

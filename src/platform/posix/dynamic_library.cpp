@@ -2,9 +2,7 @@
 
 #include <dlfcn.h>
 
-#include <cctype>
 #include <cerrno>
-#include <cstdlib>
 #include <vector>
 
 namespace kinetrel {
@@ -26,21 +24,12 @@ constexpr int kOwnFunctionsFirst = kSanitized ? 0 : RTLD_DEEPBIND;
 constexpr int kOwnFunctionsFirst = 0;
 #endif
 
-std::string Stem(const std::string& name) { return name.substr(0, name.find('.')); }
-
-const char* ChosenFile(const std::string& name) {
-  std::string variable = "KINETREL_";
-  for (const char letter : Stem(name)) {
-    variable += static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-  }
-  const char* const file = std::getenv(variable.c_str());
-  return file != nullptr && *file != '\0' ? file : nullptr;
-}
-
-std::vector<std::string> Candidates(const std::string& name) {
+// chosen  the file that the environment names; null: none.
+std::vector<std::string> Candidates(const std::string& name, const std::string& stem,
+                                    const char* chosen) {
   if (name.find('/') != std::string::npos) return {name};
-  if (const char* const file = ChosenFile(name)) return {file};
-  return {"lib" + Stem(name) + ".so", name};
+  if (chosen != nullptr) return {chosen};
+  return {"lib" + stem + ".so", name};
 }
 
 // Keeps the first failure, which helps the user most.
@@ -53,7 +42,7 @@ void NoteFailure(std::string* why) {
 
 Result<DynamicLibrary> DynamicLibrary::Load(const std::string& name, std::string* why) {
   if (why != nullptr) why->clear();
-  for (const std::string& file : Candidates(name)) {
+  for (const std::string& file : Candidates(name, Stem(name), ChosenFile(name))) {
     void* const handle = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | kOwnFunctionsFirst);
     if (handle != nullptr) return DynamicLibrary(handle);
     NoteFailure(why);

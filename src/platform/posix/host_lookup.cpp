@@ -1,4 +1,4 @@
-#include "platform/host_lookup.h"
+#include "platform/stream_socket.h"
 
 #include <netdb.h>
 #include <sys/socket.h>

@@ -46,6 +46,26 @@ Status StatusFromErrno(int code, const char* what) {
   }
 }
 
+Status SocketFailure(int code, const char* what) {
+  switch (code) {
+    case ECONNREFUSED:
+    case ECONNRESET:
+    case ECONNABORTED:
+    case ENOTCONN:
+      return {Error::Closed, code, what};
+    case EHOSTUNREACH:
+    case ENETUNREACH:
+    case EADDRNOTAVAIL:
+      return {Error::NotFound, code, what};
+    case EADDRINUSE:
+      return {Error::Busy, code, what};
+    case ENOBUFS:
+      return {Error::NoSpace, code, what};
+    default:
+      return StatusFromErrno(code, what);
+  }
+}
+
 timespec MomentAfter(clockid_t clock, Milliseconds time) {
   timespec moment{};
   ::clock_gettime(clock, &moment);

@@ -13,6 +13,9 @@ namespace kinetrel {
 // The one table of errno. `what` says what was being done; its text must live for ever.
 Status StatusFromErrno(int code, const char* what);
 
+// The same for the calls of a socket, which have codes of their own.
+Status SocketFailure(int code, const char* what);
+
 // The moment `time` from now on `clock`.
 timespec MomentAfter(clockid_t clock, Milliseconds time);
 

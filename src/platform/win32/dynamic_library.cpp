@@ -3,24 +3,11 @@
 #include <windows.h>
 
 #include <array>
-#include <cctype>
-#include <cstdlib>
 
 #include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {
-
-std::string Stem(const std::string& name) { return name.substr(0, name.find('.')); }
-
-const char* ChosenFile(const std::string& name) {
-  std::string variable = "KINETREL_";
-  for (const char letter : Stem(name)) {
-    variable += static_cast<char>(std::toupper(static_cast<unsigned char>(letter)));
-  }
-  const char* const file = std::getenv(variable.c_str());
-  return file != nullptr && *file != '\0' ? file : nullptr;
-}
 
 bool IsPath(const std::string& name) { return name.find_first_of("/\\") != std::string::npos; }
 
@@ -34,9 +21,8 @@ HMODULE LoadFile(std::string path) {
   return ::LoadLibraryExA(full.data(), nullptr, LOAD_WITH_ALTERED_SEARCH_PATH);
 }
 
-HMODULE LoadByName(const std::string& name) {
+HMODULE LoadByName(const std::string& name, const char* chosen) {
   if (IsPath(name)) return LoadFile(name);
-  const char* const chosen = ChosenFile(name);
   if (chosen == nullptr) return ::LoadLibraryA(name.c_str());
   return IsPath(chosen) ? LoadFile(chosen) : ::LoadLibraryA(chosen);
 }
@@ -58,7 +44,7 @@ Result<DynamicLibrary> DynamicLibrary::Load(const std::string& name, std::string
   // The caller reports a library that cannot be loaded; the system must not open a window for it.
   DWORD before = 0;
   ::SetThreadErrorMode(SEM_FAILCRITICALERRORS | SEM_NOOPENFILEERRORBOX, &before);
-  const HMODULE module = LoadByName(name);
+  const HMODULE module = LoadByName(name, ChosenFile(name));
   const DWORD code = ::GetLastError();
   ::SetThreadErrorMode(before, nullptr);
   if (module != nullptr) return DynamicLibrary(module);

@@ -8,7 +8,7 @@
 #include <limits>
 #include <utility>
 
-#include "platform/host_lookup.h"
+#include "platform/socket_wait.h"
 #include "platform/win32/os.h"
 
 // Needs the types of the headers above.
@@ -29,28 +29,6 @@ bool WouldBlock() { return ::WSAGetLastError() == WSAEWOULDBLOCK; }
 
 std::int64_t StepOf(Milliseconds timeout) {
   return std::clamp<std::int64_t>(timeout.count(), 0, kLongestWait);
-}
-
-// The system refuses to wait for an empty list.
-int PollOnce(std::span<WSAPOLLFD> watched, Milliseconds timeout) {
-  if (watched.empty()) {
-    SleepFor(Milliseconds(StepOf(timeout)));
-    return 0;
-  }
-  return ::WSAPoll(watched.data(), static_cast<ULONG>(watched.size()),
-                   static_cast<int>(StepOf(timeout)));
-}
-
-// An ended connection is ready too; the next transfer reports it.
-Status Await(SOCKET socket, short events, const Deadline& deadline, const char* what) {
-  for (;;) {
-    const Milliseconds left = deadline.Remaining();
-    WSAPOLLFD watched{socket, events, 0};
-    const int count = PollOnce({&watched, 1}, left);
-    if (count > 0) return {};
-    if (count < 0) return LastSocketFailure(what);
-    if (count == 0 && left.count() <= kLongestWait) return {Error::TimedOut, 0, what};
-  }
 }
 
 // The connection works without these options, so their results are ignored.
@@ -130,22 +108,9 @@ Result<std::size_t> StreamSocket::ReceiveSome(std::span<std::byte> into) {
   return LastSocketFailure(kWhat);
 }
 
-Status StreamSocket::AwaitInput(const Deadline& deadline) const {
-  return Await(SocketOf(handle_), POLLIN, deadline, "receiving");
-}
-
-Status StreamSocket::AwaitRoom(const Deadline& deadline) const {
-  return Await(SocketOf(handle_), POLLOUT, deadline, "sending");
-}
-
 void StreamSocket::LimitBuffers(int bytes) {
   SetSocketOption(SocketOf(handle_), SOL_SOCKET, SO_SNDBUF, bytes);
   SetSocketOption(SocketOf(handle_), SOL_SOCKET, SO_RCVBUF, bytes);
-}
-
-bool StreamSocket::IsQuiet() const {
-  WSAPOLLFD watched{SocketOf(handle_), POLLIN, 0};
-  return PollOnce({&watched, 1}, Milliseconds(0)) == 0;
 }
 
 // ---- Listening -------------------------------------------------------------------------------
@@ -166,9 +131,6 @@ Result<StreamListener> StreamListener::Open(const std::string& address, std::uin
   if (!listens) return LastSocketFailure(kWhat);
   return listener;
 }
-
-StreamListener::StreamListener(StreamListener&& other) noexcept
-    : handle_(std::exchange(other.handle_, kNoStream)) {}
 
 StreamListener::~StreamListener() {
   if (handle_ != kNoStream) ::closesocket(SocketOf(handle_));
@@ -200,19 +162,30 @@ std::uint16_t StreamListener::port() const {
   return ::ntohs(any->sin_port);
 }
 
-bool WaitForStreams(const StreamListener* listener, std::span<StreamWait> waits,
-                    Milliseconds timeout) {
-  std::array<WSAPOLLFD, kMostStreamWaits + 1> watched;
-  const std::size_t count = std::min(waits.size(), kMostStreamWaits);
-  for (std::size_t i = 0; i < count; ++i) {
-    const short events = waits[i].forRoom ? POLLOUT : POLLIN;
-    watched[i] = {SocketOf(waits[i].socket->handle_), events, 0};
+// ---- Waiting ---------------------------------------------------------------------------------
+
+// The system refuses to wait for an empty list, and fails on a socket that is none.
+Result<std::size_t> PollSockets(std::span<PolledSocket> sockets, Milliseconds atMost,
+                                const char* what) {
+  std::array<WSAPOLLFD, kMostPolledSockets> watched;
+  std::array<std::size_t, kMostPolledSockets> places;
+  std::size_t count = 0;
+  for (std::size_t i = 0; i < std::min(sockets.size(), watched.size()); ++i) {
+    sockets[i].isReady = false;
+    if (sockets[i].handle == kNoStream) continue;
+    const short events = sockets[i].forRoom ? POLLOUT : POLLIN;
+    watched[count] = {SocketOf(sockets[i].handle), events, 0};
+    places[count++] = i;
   }
-  const bool listening = listener != nullptr;
-  if (listening) watched[count] = {SocketOf(listener->handle_), POLLIN, 0};
-  const int ready = PollOnce(std::span(watched).first(count + (listening ? 1 : 0)), timeout);
-  for (std::size_t i = 0; i < count; ++i) waits[i].ready = ready > 0 && watched[i].revents != 0;
-  return listening && ready > 0 && watched[count].revents != 0;
+  const std::int64_t step = StepOf(atMost);
+  if (count == 0) {
+    SleepFor(Milliseconds(step));
+    return std::size_t{0};
+  }
+  const int ready = ::WSAPoll(watched.data(), static_cast<ULONG>(count), static_cast<int>(step));
+  if (ready < 0) return LastSocketFailure(what);
+  for (std::size_t i = 0; i < count; ++i) sockets[places[i]].isReady = watched[i].revents != 0;
+  return static_cast<std::size_t>(ready);
 }
 
 }  // namespace kinetrel
