@@ -21,6 +21,9 @@ constexpr int kCounted = 300;    // records, of which the reader's wake-ups are 
 constexpr std::byte kMark{0x10};
 constexpr std::byte kPosition{0x4A};
 
+// Floor and subject rest so long before each record: the longer a CPU slept, the slower it wakes.
+constexpr Milliseconds kBetweenRecords{2};
+
 bool Always(std::span<const std::byte>) { return true; }
 
 bool IsPosition(std::span<const std::byte> report) {
@@ -54,6 +57,7 @@ class Tracker final : public Handover {
   void Prepare() override {
     farEnd_->AwaitRecord(row_.tellsPose);
     while (!OtherThreadsSleep()) std::this_thread::sleep_for(std::chrono::microseconds(100));
+    SleepFor(kBetweenRecords);
   }
   void Give() override { farEnd_->SendRecord(); }
   void OpenTaker() override { client_.OpenTaker(); }
@@ -68,6 +72,17 @@ class Tracker final : public Handover {
   std::unique_ptr<FarEnd> farEnd_;
   std::unique_ptr<TrackerEngine> engine_;
   Publication client_;
+};
+
+// The floor: a bare poll and read.
+class RestedLine final : public Handover {
+ public:
+  void Prepare() override { SleepFor(kBetweenRecords); }
+  void Give() override { line_.Give(); }
+  void Take() override { line_.Take(); }
+
+ private:
+  BareLine line_{kRecordSize};
 };
 
 // A driver that waits by asking for the length of the queue and sleeping.
@@ -88,10 +103,10 @@ class SleepyLine final : public Handover {
 
 void WireToClient(Report& report, const Row& row, double limit) {
   const std::string item = std::string(row.device) + ": wire to client, over poll + read";
-  BareLine bare(kRecordSize);
+  RestedLine bare;
   Tracker tracker(row);
   const HandoverFigures figures = MeasureHandover(
-      {.placement = Placement::OtherCpu, .runs = 3, .cycles = 40, .blockSize = 15}, bare, tracker);
+      {.placement = Placement::OtherCpu, .runs = 3, .cycles = 25, .blockSize = 15}, bare, tracker);
   report.Ratio(item, figures.arrival, "ns", limit);
 }
 
@@ -121,8 +136,9 @@ void Calls(Report& report, const Row& row) {
   const std::string item = std::string(row.device) + ": wake-ups of its reader, a record";
   if (!calls || *records == 0) return report.Undecided(item, "tracing is not permitted");
   report.AtMost(item, static_cast<double>(calls->othersWaits) / *records, "", 1.1);
+  // One of them wakes the readers of the record stream, who cannot announce themselves.
   report.AtMost(std::string(row.device) + ": system calls a record",
-                PerOperation(calls->others, *records), "", row.streaming ? 3.1 : 5.1);
+                PerOperation(calls->others, *records), "", row.streaming ? 4.1 : 6.1);
 }
 
 void Sleepy(Report& report) {
