@@ -263,6 +263,21 @@ KINETREL_LAYOUT(sizeof(kinetrel_log_line) == 256);
 #undef KINETREL_AT
 #undef KINETREL_LAYOUT
 
+/* x86-64 loads pairs of words in order as it does words, in half the time. The thread sanitizer
+ * knows atomic words only. */
+#if defined(__x86_64__) && defined(__SSE2__) && defined(__GNUC__) && !defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if !__has_feature(thread_sanitizer)
+#define KINETREL_HAS_PAIRS
+#endif
+#else
+#define KINETREL_HAS_PAIRS
+#endif
+#endif
+#if defined(KINETREL_HAS_PAIRS)
+typedef long long kinetrel_pair_ __attribute__((vector_size(16), aligned(8), may_alias));
+#endif
+
 #if !defined(KINETREL_STREAM_LAYOUT_ONLY)
 
 /* ---- Reader -------------------------------------------------------------------------------- */
@@ -385,8 +400,16 @@ static inline uint32_t kinetrel_load32_(const void* from) {
 /* Copies by words that are loaded in order, so a sequence number that is loaded afterwards tells
  * whether one of them was too new. */
 static inline void kinetrel_copy_(void* to, const void* from, size_t size) {
-  size_t i;
-  for (i = 0; i < size; i += 8) {
+  size_t i = 0;
+#if defined(KINETREL_HAS_PAIRS)
+  for (; size - i >= 16; i += 16) {
+    const kinetrel_pair_ pair =
+        *(const volatile kinetrel_pair_*)(const void*)((const unsigned char*)from + i);
+    memcpy((unsigned char*)to + i, &pair, sizeof pair);
+  }
+  __asm__ volatile("" ::: "memory"); /* the compiler keeps the order too */
+#endif
+  for (; i < size; i += 8) {
     const uint64_t word = kinetrel_load64_((const unsigned char*)from + i);
     memcpy((unsigned char*)to + i, &word, 8);
   }
@@ -397,7 +420,8 @@ static inline void kinetrel_copy_(void* to, const void* from, size_t size) {
 static inline uint64_t kinetrel_try_copy_(void* to, const unsigned char* from, size_t size) {
   const uint64_t before = kinetrel_load64_(from);
   if ((before & 1) != 0) return before;
-  kinetrel_copy_(to, from, size);
+  memcpy(to, &before, sizeof before);
+  kinetrel_copy_((unsigned char*)to + 8, from + 8, size - 8);
   return kinetrel_load64_(from) == before ? before : before | 1;
 }
 

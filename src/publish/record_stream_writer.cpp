@@ -35,7 +35,16 @@ void StoreWord(unsigned char* to, Word word) {
 }
 
 void StoreWords(unsigned char* to, const void* from, std::size_t size) {
-  for (std::size_t i = 0; i < size; i += sizeof(Word)) {
+  std::size_t i = 0;
+#if defined(KINETREL_HAS_PAIRS)
+  for (; size - i >= sizeof(kinetrel_pair_); i += sizeof(kinetrel_pair_)) {
+    kinetrel_pair_ pair;
+    std::memcpy(&pair, static_cast<const unsigned char*>(from) + i, sizeof pair);
+    *reinterpret_cast<volatile kinetrel_pair_*>(to + i) = pair;
+  }
+  std::atomic_signal_fence(std::memory_order_seq_cst);
+#endif
+  for (; i < size; i += sizeof(Word)) {
     Word word = 0;
     std::memcpy(&word, static_cast<const unsigned char*>(from) + i, sizeof word);
     StoreWord(to + i, word);
@@ -45,6 +54,7 @@ void StoreWords(unsigned char* to, const void* from, std::size_t size) {
 // Writes an entry whose first word is its sequence number; `sequence` is even.
 void WriteEntry(unsigned char* to, Word sequence, const void* from, std::size_t size) {
   StoreWord(to, sequence - 1);
+  std::atomic_signal_fence(std::memory_order_seq_cst);
   StoreWords(to + sizeof(Word), static_cast<const unsigned char*>(from) + sizeof(Word),
              size - sizeof(Word));
   StoreWord(to, sequence);
@@ -165,7 +175,9 @@ void RecordStreamWriter::Publish(std::span<kinetrel_record> records) {
     WriteEntry(ring_ + record.number % kinetrel_stream_records * sizeof record, sequence, &record,
                sizeof record);
     WriteEntry(sensorEntries_ + record.sensor * sizeof record, sequence, &record, sizeof record);
-    const double latency = static_cast<double>(now - record.sample_ns) * 1e-9;
+  }
+  if (!records.empty()) {
+    const double latency = static_cast<double>(now - records.front().sample_ns) * 1e-9;
     latency_ += (latency - latency_) * WeightOf(interval_);
     worstLatency_ = std::max(worstLatency_, latency);
   }
