@@ -208,6 +208,7 @@ void FastrakDevice::LayOutRecords() {
   const int valueSize = protocol_ == static_cast<int>(FastrakProtocol::Bits16) ? 2 : 4;
   const int recordSize = layout_.ValueCount() * valueSize + (layout_.crLf ? 5 : 3);
   frameLength_ = recordSize * std::popcount(sensorMask_ & FirstStations(sensorCount_));
+  for (MotionGate& gate : gates_) gate.Forget();
   SetFastrakScales(IsFastrakClass(), units_, layout_.format, channels_);
 }
 

@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "devices/bounded_text.h"
+#include "devices/motion_gate.h"
 #include "devices/stream_backlog.h"
 #include "devices/tracker_device.h"
 #include "drivers/fastrak_wire.h"
@@ -167,6 +168,12 @@ class FastrakDevice final : public TrackerDevice {
   int SendAlignment(int sensor, Alignment alignment);
 
   // fastrak_frame.cpp
+  struct Reading {
+    Pose pose{};
+    Quaternion quaternion{};
+    double time = 0;  // s
+  };
+  unsigned ReadStations(double* sampleTime);
   bool ReadStation(int station, double*& sampleTime);
   bool FindHead(int station);
   void PostNoHead() const;
@@ -179,7 +186,10 @@ class FastrakDevice final : public TrackerDevice {
   bool IsCutByAnother(int station);
   bool IsLastActive(int station) const;
   bool HoldsHead() const;
-  bool Decode(int station);
+  bool Decode(int station, double time, Reading& reading);
+  bool Keep(int station, const Reading& reading);
+  MotionGate::Sample SampleOf(const Reading& reading) const;
+  MotionGate::Source SourceOfRecords() const;
   bool HasTail() const;
   void PostOutOfStep() const;
 
@@ -193,6 +203,8 @@ class FastrakDevice final : public TrackerDevice {
   // Sampling thread only.
   StreamBacklog backlog_;
   RecordWindow window_;
+  std::array<MotionGate, 16> gates_;
+  bool heldBack_ = false;                // a record of the frame being read, because its pose jumps
   bool outOfStep_ = false;               // in the frame being read
   std::array<int, 16> lastErrorCode_{};  // of the station's last record, 0 none
   std::array<int, 16> errorRunCount_{};  // records in a row with that code

@@ -4,6 +4,8 @@
 // record only the head is dropped; the bytes after it are searched for the next head.
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <cmath>
 
 #include "drivers/fastrak_device.h"
 
@@ -21,6 +23,12 @@ std::byte ErrorByte(int code) { return static_cast<std::byte>(code == 0 ? ' ' : 
 
 int ErrorCode(std::byte byte) { return byte == std::byte{' '} ? 0 : std::to_integer<int>(byte); }
 
+bool IsUnit(const Quaternion& q) {
+  constexpr float kTolerance = 0.05F;
+  const float square = q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3];
+  return std::fabs(square - 1) <= 2 * kTolerance;
+}
+
 }  // namespace
 
 unsigned FastrakDevice::ReadFrame(double* sampleTime) {
@@ -32,14 +40,22 @@ unsigned FastrakDevice::ReadFrame(double* sampleTime) {
     backlog_.DropOld(*this, window_, {deviceName_, layout_.Size(), totalFrameRate_}, statusLog_);
   }
   outOfStep_ = false;
+  heldBack_ = false;
+  unsigned read = ReadStations(sampleTime);
+  // The next record tells whether the one held back was damaged.
+  if (read == 0 && heldBack_ && IsStreaming()) read = ReadStations(sampleTime);
+  if (lastModeByte_ == pollByte_) lastModeByte_ = 0;
+  return outOfStep_ ? ~0U : read;
+}
+
+unsigned FastrakDevice::ReadStations(double* sampleTime) {
   unsigned read = 0;
   for (int station = 0; station < sensorCount_; ++station) {
     if (HasStation(sensorMask_, station) && ReadStation(station, sampleTime)) {
       read |= StationBit(station);
     }
   }
-  if (lastModeByte_ == pollByte_) lastModeByte_ = 0;
-  return outOfStep_ ? ~0U : read;
+  return read;
 }
 
 void FastrakDevice::Poll() {
@@ -57,6 +73,7 @@ void FastrakDevice::StartContinuous() {
     PurgeInput();
     window_.Clear();
   }
+  for (MotionGate& gate : gates_) gate.Forget();
   TrackerDevice::StartContinuous();
 }
 
@@ -65,13 +82,16 @@ bool FastrakDevice::ReadStation(int station, double*& sampleTime) {
   const double headTime = ElapsedSeconds();
   if (sampleTime != nullptr) *sampleTime = headTime;
   sampleTime = nullptr;  // the frame has one time: of its first record
-  const bool good = ReadRest(station) && !IsCutByAnother(station) && Decode(station);
+  Reading reading;
+  const bool whole =
+      ReadRest(station) && !IsCutByAnother(station) && Decode(station, headTime, reading);
+  const bool good = whole && Keep(station, reading);
   if (good) {
     TellRecords(StationBit(station), headTime, lastErrorCode_[static_cast<std::size_t>(station)]);
   } else {
     TellDropped();
   }
-  window_.Drop(good ? layout_.Size() : kFastrakHeadSize);
+  window_.Drop(whole ? layout_.Size() : kFastrakHeadSize);
   return good;
 }
 
@@ -154,6 +174,12 @@ bool FastrakDevice::ReadRest(int station) {
     Post(statusLog_, kBadRecord, "Read Head failed.");
     return false;
   }
+  if (const std::byte error = window_.bytes()[2];
+      error < std::byte{' '} || error > std::byte{'~'}) {
+    Post(statusLog_, kBadRecord, "Read Head failed.  There is no error code %d.",
+         std::to_integer<int>(error));
+    return false;
+  }
   NoteBitError(station, ErrorCode(window_.bytes()[2]));
   if (!whole) PostShortRecord();
   return whole;
@@ -199,7 +225,7 @@ bool FastrakDevice::HoldsHead() const {
   return false;
 }
 
-bool FastrakDevice::Decode(int station) {
+bool FastrakDevice::Decode(int station, double time, Reading& reading) {
   const auto body = window_.bytes().subspan(kFastrakHeadSize, layout_.BodySize());
   if (!IsFastrakInStep(layout_, body)) {
     PostOutOfStep();
@@ -208,11 +234,54 @@ bool FastrakDevice::Decode(int station) {
   }
   if (layout_.crLf && !HasTail()) return false;
   const auto index = static_cast<std::size_t>(station);
+  reading = {poses_[index], quaternions_[index], time};
   const int values = DecodeFastrakBody(layout_, body, units_, channels_, offsets_[index],
-                                       poses_[index], quaternions_[index]);
+                                       reading.pose, reading.quaternion);
   if ((values & 0xFF) == layout_.ValueCount()) return true;
   Post(statusLog_, kBadRecord, "read_32 failed: not a number.");
   return false;
+}
+
+// False for a record that was probably damaged: its values have no checksum.
+bool FastrakDevice::Keep(int station, const Reading& reading) {
+  const auto index = static_cast<std::size_t>(station);
+  if ((layout_.components & kQuaternionComponent) != 0 && !IsUnit(reading.quaternion)) {
+    Post(statusLog_, kBadRecord, "Read Record failed.  The quaternion has not unit length.");
+    return false;
+  }
+  if (!gates_[index].Accept(SampleOf(reading), SourceOfRecords())) {
+    Post(statusLog_, kBadRecord, "Read Record failed.  The pose of sensor %d jumps.", station + 1);
+    heldBack_ = true;
+    return false;
+  }
+  poses_[index] = reading.pose;
+  quaternions_[index] = reading.quaternion;
+  return true;
+}
+
+MotionGate::Sample FastrakDevice::SampleOf(const Reading& reading) const {
+  MotionGate::Sample sample;
+  sample.time = reading.time;
+  if ((layout_.components & kPositionComponent) != 0) {
+    const float centimetres = units_ == 0 ? 2.54F : (units_ & 2) != 0 ? 100.0F : 1.0F;
+    for (std::size_t i = 0; i < 3; ++i) sample.position[i] = reading.pose[i] * centimetres;
+  }
+  if ((layout_.components & kQuaternionComponent) != 0) {
+    sample.rotation = reading.quaternion;
+  } else if ((layout_.components & kEulerComponent) != 0) {
+    sample.rotation = EulerToQuaternion(&reading.pose[3]);
+  }
+  return sample;
+}
+
+MotionGate::Source FastrakDevice::SourceOfRecords() const {
+  constexpr double kSteps14 = 1.0 / 8192;
+  constexpr double kSteps16 = 1.0 / 32768;
+  const int active = std::max(std::popcount(sensorMask_ & FirstStations(sensorCount_)), 1);
+  const double resolution = layout_.format == FastrakFormat::Bits14   ? kSteps14
+                            : layout_.format == FastrakFormat::Bits16 ? kSteps16
+                                                                      : 0;
+  return {static_cast<double>(active) / totalFrameRate_, resolution};
 }
 
 void FastrakDevice::PostOutOfStep() const {

@@ -64,16 +64,15 @@ double RampPosition(std::uint64_t digit) {
   return kRampStart + kRampStep * static_cast<double>(digit % kRampLength);
 }
 
+// Smooth, as a sensor moves: a driver may take a jump for a damaged record.
+double RampElevation(double turn) { return 20 * std::sin(turn / kDegrees); }
+
 class RampMotion final : public Motion {
  public:
   MotionPose At(unsigned station, std::uint64_t frame, double) const override {
     const auto turn = static_cast<double>(frame % 360);
-    return {RampPosition(frame),
-            10.0 * (station + 1),
-            RampPosition(frame / kRampLength),
-            turn - 180,
-            static_cast<double>(frame % 90),
-            Wrapped(2 * turn)};
+    return {RampPosition(frame), 10.0 * (station + 1), RampPosition(frame / kRampLength),
+            turn - 180,          RampElevation(turn),  Wrapped(2 * turn)};
   }
 };
 
