@@ -21,6 +21,8 @@
 namespace kinetrel::test {
 namespace {
 
+using namespace emulate;
+
 constexpr double kRadians = std::numbers::pi / 180;
 
 // Every station at a place of its own.
