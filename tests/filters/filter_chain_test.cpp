@@ -116,15 +116,6 @@ TEST_F(Chain, EachFilterSeesTheOneBefore) {
   EXPECT_EQ(Through(chain_, 2), 2);
 }
 
-TEST_F(Chain, FiltersMove) {
-  EXPECT_TRUE(chain_.MoveFilter(1, true));
-  EXPECT_EQ(Through(chain_, 2), 121);  // x * 10 + 1 + 100
-  EXPECT_TRUE(chain_.MoveFilter(0, false));
-  EXPECT_TRUE(chain_.MoveFilter(1, false));
-  EXPECT_EQ(Through(chain_, 2), 1030);  // (x + 1 + 100) * 10
-  EXPECT_TRUE(log_.Entries().empty());
-}
-
 TEST_F(Chain, AnImpossibleMoveIsReported) {
   struct Row {
     int index;

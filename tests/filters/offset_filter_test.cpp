@@ -129,47 +129,7 @@ TEST(OffsetFilter, AnOffsetAboutOneAxisIsAddedToThatAngleAlone) {
   }
 }
 
-TEST(OffsetFilter, ADisabledFilterOnlyStoresPoses) {
-  OffsetFilter filter;
-  filter.SetPositionOffset(Xyz{1, 1, 1}.data());
-  filter.SetEulerOffset(Xyz{1, 1, 0}.data());
-  filter.Enable(false);
-  Xyz p = {5, 5, 5};
-  Xyz angles = {0.1F, 0.2F, 0.3F};
-  filter.SetPositionEuler(p.data(), angles.data());
-  filter.SetEuler(angles.data());
-  EXPECT_EQ(p, (Xyz{5, 5, 5}));
-  EXPECT_EQ(angles, (Xyz{0.1F, 0.2F, 0.3F}));
-  EXPECT_EQ(filter.position(), Xyz{});  // angles are not even stored
-
-  Quaternion q = {0, 1, 0, 0};
-  EXPECT_EQ(filter.SetPose(p.data(), q.data())[1], 1);
-  EXPECT_EQ(p, (Xyz{5, 5, 5}));
-  EXPECT_EQ(q, (Quaternion{0, 1, 0, 0}));
-  EXPECT_EQ(filter.position(), p);
-}
-
 // ---- Attributes by number ------------------------------------------------------------------
-
-TEST(OffsetFilter, DescribesItsAttributes) {
-  OffsetFilter filter;
-  int count = 0;
-  ASSERT_TRUE(filter.GetNumAvailableAttributes(&count));
-  ASSERT_EQ(count, 6);
-  std::array<AttributeInfo, 10> rows;
-  rows[6].id = 77;
-  ASSERT_TRUE(filter.GetAvailableAttributes(10, rows.data()));
-  EXPECT_EQ(rows[6].id, 77);
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(rows[static_cast<std::size_t>(i)].id, i);
-  EXPECT_STREQ(rows[3].name, "Qtn Offset");
-  EXPECT_EQ(rows[3].count, 4);
-
-  AttributeInfo untouched{.id = 77};
-  for (const int none : {0, -1, std::numeric_limits<int>::min()}) {
-    EXPECT_TRUE(filter.GetAvailableAttributes(none, &untouched));
-  }
-  EXPECT_EQ(untouched.id, 77);
-}
 
 TEST(OffsetFilter, AnglesAreDegreesOutsideAndOneRotationWithTheQuaternion) {
   OffsetFilter filter;
@@ -192,20 +152,6 @@ TEST(OffsetFilter, AnglesAreDegreesOutsideAndOneRotationWithTheQuaternion) {
   EXPECT_NEAR(got[2], 90, 1e-4);
 }
 
-TEST(OffsetFilter, TheNameIsCutToTheBuffer) {
-  struct Row {
-    int size;
-    std::string expected;
-  };
-  for (const Row& row : {Row{1, "O###############"}, Row{13, "Offset Filter###"},
-                         Row{14, std::string("Offset Filter\0##", 16)},
-                         Row{16, std::string("Offset Filter\0##", 16)}}) {
-    std::string text(16, '#');
-    EXPECT_TRUE(OffsetFilter().GetAttributeString(0, row.size, text.data()));
-    EXPECT_EQ(text, row.expected) << row.size;
-  }
-}
-
 TEST(OffsetFilter, NumbersSwitchOnAndOff) {
   OffsetFilter filter;
   for (const int id : {4, 5}) {
@@ -218,95 +164,35 @@ TEST(OffsetFilter, NumbersSwitchOnAndOff) {
   }
 }
 
-// What a refused call must leave alone.
-struct Scratch {
-  std::array<float, 4> four = {7, 7, 7, 7};
-  int number = 7;
-  char text = '#';
-  bool operator==(const Scratch&) const = default;
-};
-
-struct Refusal {
-  const char* name;
-  bool (*call)(OffsetFilter& f, Scratch& s);
-};
-
-class OffsetFilterRefuses : public testing::TestWithParam<Refusal> {};
-
-TEST_P(OffsetFilterRefuses, AndChangesNothing) {
+// No refused call writes to the filter or to the caller's memory.
+TEST(OffsetFilter, RefusesWhatDoesNotFit) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  const float noNumbers[] = {1, nan, 1, 1};
   OffsetFilter filter;
-  Scratch scratch;
-  EXPECT_FALSE(GetParam().call(filter, scratch));
-  EXPECT_EQ(scratch, Scratch{});
-  std::array<float, 4> offset{};
-  for (const int id : {1, 2, 3}) {
-    ASSERT_TRUE(filter.GetAttributeFloatArray(id, id == 3 ? 4 : 3, offset.data()));
-    EXPECT_EQ(offset[0], id == 3 ? 1 : 0);
-    EXPECT_EQ(offset[1], 0);
+  std::array<float, 4> four = {7, 7, 7, 7};
+  char text = '#';
+  int number = 7;
+  EXPECT_FALSE(filter.SetAttributeInt(6, 1));
+  EXPECT_FALSE(filter.GetAttributeInt(1, &number));
+  EXPECT_FALSE(filter.SetAttributeFloatArray(3, 3, four.data()));
+  EXPECT_FALSE(filter.SetAttributeFloatArray(0, -1, four.data()));  // a text has count -1
+  EXPECT_FALSE(filter.SetAttributeFloatArray(1, 3, nullptr));
+  for (const int id : {1, 3}) {
+    EXPECT_FALSE(filter.SetAttributeFloatArray(id, id == 3 ? 4 : 3, noNumbers));
+  }
+  EXPECT_FALSE(filter.GetAttributeFloatArray(2, 4, four.data()));
+  EXPECT_FALSE(filter.GetAttributeString(0, 0, &text));
+  EXPECT_FALSE(filter.GetAvailableAttributes(6, nullptr));
+  EXPECT_EQ(four, (std::array<float, 4>{7, 7, 7, 7}));
+  EXPECT_EQ(number, 7);
+  EXPECT_EQ(text, '#');
+  for (const int id : {1, 2}) {
+    ASSERT_TRUE(filter.GetAttributeFloatArray(id, 3, four.data()));
+    EXPECT_EQ(four[0], 0);
   }
 }
 
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInfinity = std::numeric_limits<float>::infinity();
-constexpr float kNoNumbers[] = {1, kNan, 1};
-constexpr float kEndless[] = {1, 0, 0, kInfinity};
-
-template <int id, int count>
-bool SetFloats(OffsetFilter& filter, Scratch& scratch) {
-  return filter.SetAttributeFloatArray(id, count, scratch.four.data());
-}
-template <int id, int count>
-bool GetFloats(OffsetFilter& filter, Scratch& scratch) {
-  return filter.GetAttributeFloatArray(id, count, scratch.four.data());
-}
-template <int id, int size>
-bool GetText(OffsetFilter& filter, Scratch& scratch) {
-  return filter.GetAttributeString(id, size, &scratch.text);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Calls, OffsetFilterRefuses,
-    testing::Values(
-        Refusal{"SetNumberAbove", [](auto& f, auto&) { return f.SetAttributeInt(6, 1); }},
-        Refusal{"SetText", [](auto& f, auto&) { return f.SetAttributeString(0, 1, "x"); }},
-        Refusal{"SetTooFew", SetFloats<3, 3>}, Refusal{"SetNone", SetFloats<1, 0>},
-        Refusal{"SetFloatsOfAText", SetFloats<0, -1>},  // a text has count -1
-        Refusal{"SetNull", [](auto& f, auto&) { return f.SetAttributeFloatArray(1, 3, nullptr); }},
-        Refusal{"SetNaN",
-                [](auto& f, auto&) { return f.SetAttributeFloatArray(1, 3, kNoNumbers); }},
-        Refusal{"SetEndless",
-                [](auto& f, auto&) { return f.SetAttributeFloatArray(3, 4, kEndless); }},
-        Refusal{"GetNumberOfFloats",
-                [](auto& f, auto& s) { return f.GetAttributeInt(1, &s.number); }},
-        Refusal{"GetTooMany", GetFloats<2, 4>},
-        Refusal{"GetToNull",
-                [](auto& f, auto&) { return f.GetAttributeFloatArray(1, 3, nullptr); }},
-        Refusal{"GetTextWithoutRoom", GetText<0, 0>},
-        Refusal{"GetTextToNull",
-                [](auto& f, auto&) { return f.GetAttributeString(0, 5, nullptr); }},
-        Refusal{"RowsToNull", [](auto& f, auto&) { return f.GetAvailableAttributes(6, nullptr); }}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-// ---- Copies and memory ---------------------------------------------------------------------
-
-TEST(OffsetFilter, ACloneIsEqualAndEnabled) {
-  OffsetFilter filter;
-  filter.SetPositionOffset(Xyz{1, 2, 3}.data());
-  filter.SetSubtract(false);
-  filter.SetName("Mount");
-  filter.Enable(false);
-  const std::unique_ptr<Filter> clone = filter.Clone();
-  EXPECT_TRUE(clone->IsEnabled());
-  EXPECT_STREQ(clone->GetName(), "Mount");
-  EXPECT_EQ(clone->GetType(), FilterType::Offset);
-  Xyz p{};
-  clone->SetPosition(p.data());
-  EXPECT_EQ(p, (Xyz{1, 2, 3}));
-
-  OffsetFilter assigned;
-  assigned = filter;
-  EXPECT_FALSE(assigned.IsEnabled());
-}
+// ---- Memory --------------------------------------------------------------------------------
 
 TEST(OffsetFilter, FilteringAllocatesNothing) {
   OffsetFilter filter;
