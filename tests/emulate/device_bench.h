@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -73,23 +72,5 @@ class DeviceBench {
   Moment now_{0};
   SteppedDevice stepped_;
 };
-
-struct Exchange {
-  std::string host;
-  std::string device;
-};
-
-// The same twice: at once, and byte by byte as a slow line brings every command.
-inline void ExpectDialogue(const std::function<DeviceBench()>& make,
-                           const std::vector<Exchange>& exchanges) {
-  DeviceBench bench = make();
-  DeviceBench slow = make();
-  for (const auto& [host, device] : exchanges) {
-    EXPECT_EQ(bench.Ask(host, milliseconds(400)), device) << host;
-    std::string got;
-    for (const char byte : host) got += slow.Ask({&byte, 1}, milliseconds(400));
-    EXPECT_EQ(got + slow.Collect(milliseconds(400)), device) << host << ", byte by byte";
-  }
-}
 
 }  // namespace kinetrel::test

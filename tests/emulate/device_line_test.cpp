@@ -61,17 +61,6 @@ TEST(DeviceLine, BytesLeaveAtTenBitsEachInPieces) {
   EXPECT_EQ(pieces[2].bytes, std::string(4, 'a'));
 }
 
-TEST(DeviceLine, WholeRecordsLeaveWhenTheirLastByteIsOut) {
-  LineOptions options{1000};
-  options.whole = true;
-  DeviceBench bench = BeaconAt(options);
-  const auto pieces = bench.Watch(milliseconds(500));
-  ASSERT_EQ(pieces.size(), 2U);
-  EXPECT_EQ(pieces[0].when, milliseconds(300));
-  EXPECT_EQ(pieces[0].bytes, std::string(20, 'a'));
-  EXPECT_EQ(pieces[1].when, milliseconds(500));  // the second one had to wait for the line
-}
-
 TEST(DeviceLine, AnHourLaterEveryRecordIsStillOnTime) {
   DeviceBench bench = BeaconAt({115200});
   std::size_t pieces = 0;
@@ -144,14 +133,6 @@ INSTANTIATE_TEST_SUITE_P(
                     FaultCase{"AlwaysByChance", {"cut:2@100%"}, Letters("a1b1c1d1")}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(Faults, AreTheSameWithTheSameSeed) {
-  const auto run = [](std::uint64_t seed) {
-    return BeaconAt(With({"noise@10%", "garble:3@20%", "cut@5%"}, seed)).Collect(seconds(30));
-  };
-  EXPECT_EQ(run(7), run(7));
-  EXPECT_NE(run(7), run(8));
-}
-
 TEST(Faults, ReachTheDeviceAndThePort) {
   DeviceBench bench = BeaconAt(With({"error:65@0.15s", "error@usr1", "restart@#3", "unplug:4@#5"}));
   const auto& beacon = static_cast<const Beacon&>(bench->device());
@@ -179,16 +160,6 @@ TEST(Faults, BadRulesAreRefused) {
   }
   EXPECT_EQ(ParseFault("error:A")->argument, 65);
   EXPECT_EQ(ParseFault("error:7")->argument, 7);
-}
-
-// ---- Rates that differ -------------------------------------------------------------------------
-
-TEST(DeviceLine, AtDifferentRatesBothSidesReceiveNoise) {
-  DeviceBench bench = BeaconAt({19200});
-  bench->SetHostBaud(bench.now(), 9600);
-  EXPECT_NE(bench.Ask("hello", milliseconds(50)), "hello");
-  bench->SetHostBaud(bench.now(), 19200);
-  EXPECT_EQ(bench.Ask("hello", milliseconds(40)), "hello");
 }
 
 }  // namespace

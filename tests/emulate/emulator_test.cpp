@@ -88,17 +88,6 @@ class Host {
 
 constexpr std::size_t kStatusLength = 55;
 
-TEST(Emulator, RecordsWithoutAHostAreDropped) {
-  const EmulatorThread emulator = StartFastrak({}, {.receivers = 1});
-  { Host(emulator->Port()).Ask("uC", 100); }
-  const std::uint64_t sent = emulator->RecordsSent();
-  ASSERT_TRUE(WaitUntil([&] { return emulator->RecordsSent() > sent + 60; }));
-  const std::string text = Host(emulator->Port()).ReadUntil(200);
-  const std::size_t record = text.find("\r\n01 ");
-  ASSERT_NE(record, std::string::npos);
-  EXPECT_GT(RampFrame(std::stod(text.substr(record + 5, 7)), -50), sent + 50);
-}
-
 TEST(Emulator, UnpluggedPortComesBackUnderItsLink) {
   const std::string link = LinkName("replug");
   {

@@ -1,6 +1,8 @@
-// What each emulated device answers, against bytes written out from its protocol.
+// The rates of the emulated devices and what they forget. The runs of the drivers prove what they
+// answer.
 #include <gtest/gtest.h>
 
+#include "emulate/fastrak_emulator.h"
 #include "emulate/flock_emulator.h"
 #include "emulate/gps_emulator.h"
 #include "emulate/intertrax_emulator.h"
@@ -19,6 +21,9 @@ DeviceBench Bench(Settings settings, const MotionPose& pose, unsigned baud) {
   return DeviceBench(std::make_unique<Emulator>(settings, MakeHold(pose)), {baud});
 }
 
+DeviceBench Fastrak(FastrakSettings settings, unsigned baud = 115200) {
+  return Bench<FastrakEmulator>(std::move(settings), {2.54, -5.08, 12.7, 90, -45, 30}, baud);
+}
 // A quarter, minus a quarter and a half of the full scale; half a turn's halves; five steps.
 DeviceBench Flock(FlockSettings settings = {}) {
   return Bench<FlockEmulator>(settings, {91.44, -91.44, 182.88, 90, -45, 5 * 180.0 / 8192}, 115200);
@@ -38,97 +43,6 @@ DeviceBench PanTilt(PanTiltStart start = PanTiltStart::Idle) {
   return Bench<PanTiltEmulator>(start, {.azimuth = 90, .elevation = -45}, 9600);
 }
 
-const std::string kFlockRecord = "\x80\x10\x00\x10\x00\x60\x00\x60\x00\x10\x05\x00"s;
-const std::string kIntertraxRecord = "\x00\x40\x00\xE0\xAA\x2A"s;  // 90, -45, 60 of 180 in 32767
-const std::string kLogitechRecord =
-    "\x80\x7F\x78\x18\x00\x07\x68\x7F\x70\x30\x6A\x20\x03\x10\x1C\x10"s;
-const std::string kEncoders = "\x00\x00\x00\x00\x00\x00\x00\x00\x18\xFC\x0C\xFE"s;
-const std::string kLibertyItems =
-    "\x00\x00\x80\x41\x00\x00\x00\xBF\x00\x00\x40\x3F"
-    "\x00\x00\xB4\x42\x00\x00\x34\xC2\x00\x00\x00\x00"s;
-
-// A Liberty's answer of one number.
-std::string Number(const std::string& header, unsigned value) {
-  return header + std::string{static_cast<char>(value), 0, 0, 0};
-}
-
-struct Dialogue {
-  const char* name;
-  DeviceBench (*make)();
-  std::vector<Exchange> exchanges;
-};
-
-class WireDialogue : public testing::TestWithParam<Dialogue> {};
-
-TEST_P(WireDialogue, IsAnsweredAsTheDeviceWould) {
-  ExpectDialogue(GetParam().make, GetParam().exchanges);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, WireDialogue,
-    testing::Values(Dialogue{"FlockParameters",
-                             [] { return Flock(); },
-                             {{"B", kFlockRecord},
-                              {"O\x01", "\x03\x43"},
-                              {"O\x02", "\x28\x00"s},
-                              {"O\x0F", "6DFOB     "},
-                              {"O!", "\x00\x0E\x00\x00\x00"s},
-                              {"O$", "\xA0\xA0\xA0\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00"s},
-                              {"L\x0C\x01\xF2L\x06\x00P#\x00P\x07\x00\x90"s, ""},
-                              {"O\x0A", "\x00"s}}},
-                    Dialogue{"FlockBusConfiguration",
-                             [] { return Flock({.birds = 2}); },
-                             {{"O2", "\x00\x00\x00\x00\x00"s},
-                              {"P2\x03", ""},
-                              {"O2", "\x03\x06\x00\x00\x00"s},
-                              {"O\x00"s, "\x00\xD0"s}}},
-                    Dialogue{"FlockErrorUntilItIsRead",
-                             [] { return Flock({.error = 13}); },
-                             {{"O\x00"s, "\x00\xB0"s}, {"O\x0A", "\x0D"}, {"O\x00"s, "\x00\x90"s}}},
-                    Dialogue{"FlockUnknownCommands",
-                             [] { return Flock(); },
-                             {{"~", ""}, {"O\x63", ""}, {"P2\x63", ""}, {"O\x0A", "\x06"}}},
-                    Dialogue{"IntertraxInTwoSteps",
-                             [] { return Intertrax(); },
-                             {{"d3", ""},  // too early
-                              {"c", "o"},
-                              {"v\0"s, "v\0\x01\0\0\0InterTrax 1.0 (emulated)\0"s},
-                              {"d", "d"},
-                              {"3", kIntertraxRecord},
-                              {"c", ""}}},
-                    Dialogue{"IntertraxWithoutVersion",
-                             [] { return Intertrax({.tellsVersion = false}); },
-                             {{"c", "o"}, {"v\0"s, ""}, {"d", "d"}}},
-                    Dialogue{
-                        "LibertyTextThenBinary",
-                        [] { return Liberty({.plugged = 3}); },
-                        {{"F\r", "00F  0\r\n"},
-                         {"F1\r", ""},
-                         {"f\r", Number("LY\0F\0\0\4\0"s, 1)},
-                         {"\x15"s + "0,2\r\x15" + "0\r", "LY\0\x15\0\0\4\0\2\0\3\0"s},
-                         {"R3\rR\r", Number("LY\0R\0\0\4\0"s, 3)},
-                         {"O*,2,9\rO2\r", "LY\0O\0\0\x0C\0\2\0\0\0\x09\0\0\0\xFF\xFF\xFF\xFF"s},
-                         {"A1,0,0,0,1,0,0,0,1,0\rH*,0,0,1\rL*,0\r", ""},
-                         {"U1\rO*,2,4\rP", "LY\2P\0\0\x18\0"s + kLibertyItems}}},
-                    Dialogue{"LogitechCommands",
-                             [] { return Logitech(); },
-                             {{"*\x05", "\xBF\x3F"},
-                              {"*D*A", ""},
-                              {"*d", kLogitechRecord},
-                              {"d\x05x*x", ""},
-                              {"*d*d", kLogitechRecord + kLogitechRecord}}},
-                    Dialogue{"LogitechFailedSelfTest",
-                             [] { return Logitech({.buttons = 0x45, .selfTest = 0x3FBD}); },
-                             {{"*\x05", "\xBD\x3F"}, {"*d", "\xC5" + kLogitechRecord.substr(1)}}},
-                    Dialogue{"PanTiltRequests",
-                             [] { return PanTilt(); },
-                             {{"d", kEncoders},
-                              {"b", kEncoders + "\x00\x00"s},
-                              {"a", "\x00\x00"s},
-                              {"Zx\xFF", ""},
-                              {"dd", kEncoders + kEncoders}}}),
-    [](const auto& row) { return std::string(row.param.name); });
-
 // ---- Streams and faults ------------------------------------------------------------------------
 
 struct Stream {
@@ -140,7 +54,13 @@ struct Stream {
 };
 
 TEST(WireStreams, HaveTheirRates) {
+  constexpr auto kTenSeconds = seconds(10) + milliseconds(60);
   const Stream rows[] = {
+      // 47 characters a record. At 9600 baud the line carries one in 49 ms, every sixth slot.
+      {"FourStations", [] { return Fastrak({.receivers = 4}); }, "C", kTenSeconds, 1206 * 47},
+      {"Is300", [] { return Fastrak({.model = FastrakModel::Is300, .receivers = 4}); }, "C",
+       kTenSeconds, 1508 * 47},
+      {"SlowLine", [] { return Fastrak({.receivers = 4}, 9600); }, "C", kTenSeconds, 201 * 47},
       {"Flock", [] { return Flock(); }, "@", seconds(10) + milliseconds(3), 1440 * 12},
       {"Intertrax", [] { return Intertrax({.start = IntertraxStart::Streaming}); }, "", seconds(1),
        250 * 6},
@@ -151,7 +71,7 @@ TEST(WireStreams, HaveTheirRates) {
   for (const Stream& row : rows) {
     DeviceBench bench = row.make();
     EXPECT_NEAR(static_cast<double>(bench.Ask(row.command, row.time).size()),
-                static_cast<double>(row.bytes), 32)
+                static_cast<double>(row.bytes), 48)
         << row.name;
   }
 }
@@ -193,6 +113,13 @@ TEST(WireStreams, GpsReportsByItselfAndHidesItsPositionWithoutAFix) {
 }
 
 TEST(WireFaults, ARestartForgetsWhatTheHostSet) {
+  DeviceBench fastrak = Fastrak({.receivers = 1, .resetTime = seconds(3)});
+  fastrak.Ask("ufO1,2\rC");
+  fastrak->Strike(fastrak.now(), {FaultKind::Restart});
+  EXPECT_EQ(fastrak.Ask("P", milliseconds(2999)), "");
+  EXPECT_EQ(fastrak.Collect(milliseconds(100)),
+            "01    1.00  -2.00   5.00  90.00 -45.00  30.00\r\n");
+
   DeviceBench flock = Flock();
   flock.Ask("P2\x03@");
   flock->Strike(flock.now(), {FaultKind::Restart});
