@@ -68,51 +68,7 @@ TEST(KeyboardPaths, FirstFrameInCentimetres) {
   }
 }
 
-TEST(KeyboardPaths, ScaleWithUnitsAndSensor) {
-  struct Row {
-    int units;
-    double perMetre;
-  };
-  for (const Row& row : {Row{0, 39.370079}, Row{1, 100.0}, Row{2, 1.0}, Row{3, 1.0}}) {
-    KeyboardDevice device;
-    device.Boot(0);
-    device.SetUnits(row.units);
-    device.SetSensorMask(0xFFFFFFF7, 0);
-    EXPECT_EQ(device.ReadFrame(nullptr), 0xFFFFFFF7U);
-    for (int sensor = 4; sensor < 32; ++sensor) {
-      const float* const pose = device.GetSensorPose(sensor);
-      const double radius = 0.8 * row.perMetre * std::pow(3.0, sensor % 4);
-      EXPECT_NEAR(std::hypot(pose[0], pose[1]) / radius, 1.0, 1e-6) << sensor;
-      EXPECT_NEAR(pose[2], pose[0] / 4, radius * 1e-6) << sensor;
-    }
-  }
-}
-
-TEST(KeyboardPaths, OffsetMovesThePoseAndNotTheQuaternion) {
-  KeyboardDevice plain;
-  KeyboardDevice moved;
-  const float offset[6] = {1.0F, -2.0F, 3.0F, 0.5F, 0.0F, 7.0F};
-  moved.SetSensorOffset(-1, offset);
-  for (KeyboardDevice* device : {&plain, &moved}) {
-    device->Boot(0);
-    device->ReadFrame(nullptr);
-  }
-  Pose wanted = PoseOf(plain, 0);
-  AddPoseOffset(wanted.data(), offset);
-  ExpectNear(PoseOf(moved, 0), wanted);
-  for (int i = 0; i < 4; ++i) {
-    EXPECT_EQ(moved.GetSensorQuaternion(0)[i], plain.GetSensorQuaternion(0)[i]);
-  }
-}
-
 // ---- Frames --------------------------------------------------------------------------------
-
-TEST(KeyboardFrames, NoneBeforeBoot) {
-  KeyboardDevice device;
-  double when = -1.0;
-  EXPECT_EQ(device.ReadFrame(&when), 0U);
-  EXPECT_EQ(when, -1.0);
-}
 
 TEST(KeyboardFrames, TakeSixteenMillisecondsAndReportTheEndTime) {
   KeyboardDevice device;
@@ -145,31 +101,6 @@ TEST(KeyboardFrames, ReportTheSteeredSensorWhenAKeyWasActedUpon) {
 }
 
 // ---- Identity and masks --------------------------------------------------------------------
-
-TEST(KeyboardDevice, ReportsItsIdentity) {
-  KeyboardDevice device;
-  EXPECT_STREQ(device.GetDeviceName(), "OrvixTraject");
-  EXPECT_EQ(device.GetDeviceType(nullptr, 0), 8);
-  EXPECT_EQ(device.GetStatusCode(), 8);
-  EXPECT_EQ(device.GetSensorCount(), 32);
-  EXPECT_EQ(device.GetFrameRate(), 60);
-  EXPECT_EQ(device.OpenPortNumber(3, 9600), 1);
-  EXPECT_EQ(device.portStatus(), PortStatus::Simulated);
-}
-
-TEST(KeyboardDevice, ResetAndQuery) {
-  KeyboardDevice device;
-  device.SetSensorMask(0xF0, 0);
-  EXPECT_EQ(device.Boot(1), kBooted);
-  EXPECT_EQ(device.GetProtocol(), 1);
-  EXPECT_EQ(device.GetComponentMask(), 7U);
-  EXPECT_EQ(device.GetSensorMask(), 1U);
-  EXPECT_EQ(device.GetStatusCode(), 0);
-  char text[8] = "as was";
-  EXPECT_NE(device.QueryStatus(text, sizeof text), 0);
-  EXPECT_STREQ(text, "as was");
-  EXPECT_EQ(device.GetStatusCode(), 8);
-}
 
 TEST(KeyboardDevice, MasksFollowTheSensorCountAndMarkTheSteeredSensor) {
   struct Row {
@@ -323,13 +254,6 @@ TEST(KeyboardEditor, KeepsThirtyOneCharacters) {
   EXPECT_TRUE(all.ends_with(": " + std::string(31, '9') + " \b")) << all;
 }
 
-TEST(KeyboardEditor, RefusesFieldsThatDoNotExist) {
-  KeyboardDevice device;
-  EXPECT_FALSE(device.EnterValue(static_cast<Field>(8), 0));
-  EXPECT_FALSE(device.EnterValue(static_cast<Field>(-1), '1'));
-  EXPECT_FALSE(device.EnterValue(Field::None, '\r'));
-}
-
 TEST(KeyboardKeys, EveryMoveAndItsOpposite) {
   struct Row {
     ExtendedKey more;
@@ -351,14 +275,6 @@ TEST(KeyboardKeys, EveryMoveAndItsOpposite) {
     wanted[row.component] = -row.step;
     Printed([&] { EXPECT_TRUE(Feed(device, Pressed({row.less, row.less}))); });
     ExpectNear(PoseOf(device, 3), wanted);
-  }
-}
-
-TEST(KeyboardKeys, KeysOfTheConsoleLoopAreHandedOn) {
-  for (const int code : {27, int{'O'}, int{'o'}}) {
-    KeyboardDevice device;
-    Printed([&] { EXPECT_TRUE(Feed(device, {{code, false}})); });
-    EXPECT_EQ(TakeKey(), (Key{code, false}));
   }
 }
 

@@ -78,13 +78,6 @@ INSTANTIATE_TEST_SUITE_P(
         Opening{"NumberThatIsNoLine", "COM14", PortStatus::NotSerial, "COM14 (/dev/null)"}),
     [](const auto& row) { return std::string(row.param.test); });
 
-TEST(SerialPort, ANullNameIsReportedAsNoSuchPort) {
-  SerialPort port;
-  EXPECT_EQ(port.OpenPort(nullptr, 9600), 0);
-  EXPECT_EQ(port.portStatus(), PortStatus::NoSuchPort);
-  EXPECT_EQ(port.openFailure(), "no port name given");
-}
-
 TEST(SerialPort, OpensClosesAndOpensAgain) {
   PseudoTerminal far;
   NameComPort(16, far);
@@ -119,41 +112,6 @@ TEST(SerialPort, ASecondOpenerIsRefusedUntilTheFirstCloses) {
   EXPECT_EQ(second.openFailure(), "");
 }
 
-TEST(SerialPort, NumbersOutsideTheRangeBecomeZero) {
-  PseudoTerminal far;
-  NameComPort(0, far);
-  for (const int number : {17, 20, -1, 0}) {
-    SerialPort port;
-    EXPECT_EQ(port.OpenPortNumber(number, 9600), 1) << number;
-    EXPECT_EQ(port.GetPortNumber(), 0) << number;
-  }
-  NameComPort(20, far);
-  SerialPort port;
-  EXPECT_EQ(port.OpenPort("COM20", 9600), 1);
-  EXPECT_EQ(port.GetPortNumber(), 0);
-  unsetenv("KINETREL_COM0");
-}
-
-TEST_F(OpenSerialPort, TheSimulatedPortTakesItsPlaceAndTransfersNothing) {
-  EXPECT_EQ(port_.OpenPort("~SimulateOpenPort", 115200), 1);
-  EXPECT_EQ(port_.portStatus(), PortStatus::Simulated);
-  EXPECT_EQ(port_.GetPortNumber(), 0);
-  EXPECT_FALSE(port_.HasHandle());
-  char byte = 'x';
-  unsigned got = 7;
-  EXPECT_EQ(port_.Write(&byte, 1), 0U);
-  EXPECT_FALSE(port_.Read(&byte, 1));
-  EXPECT_FALSE(port_.ReadSome(&byte, 1, &got));
-  EXPECT_EQ(got, 0U);
-  EXPECT_EQ(port_.InputQueueLength(), 0U);
-  EXPECT_EQ(port_.WriteString("abc", 0, false), 0);
-  EXPECT_FALSE(port_.SetReadTimeouts(10, 2, 3));
-  EXPECT_FALSE(port_.SetHandshake(0));
-  EXPECT_FALSE(port_.WaitForRX(0, 1));
-  port_.PurgeAll();
-  port_.FlushOutput();
-}
-
 // ---- Line ----------------------------------------------------------------------------------
 
 TEST_F(OpenSerialPort, RatesInShortFormCountHundreds) {
@@ -169,18 +127,6 @@ TEST_F(OpenSerialPort, RatesInShortFormCountHundreds) {
     EXPECT_EQ(port_.SetLineSettings(row.given, 8, 0, 0, 0), row.accepted) << row.given;
     EXPECT_EQ(port_.GetBaudRate(), row.baud) << row.given;
   }
-}
-
-TEST_F(OpenSerialPort, LineSettingsReachTheLine) {
-  ASSERT_TRUE(port_.SetLineSettings(19200, 8, 0, 2, 0));
-  termios seen{};
-  ASSERT_EQ(tcgetattr(far_.nearEnd(), &seen), 0);
-  EXPECT_EQ(cfgetospeed(&seen), static_cast<speed_t>(B19200));
-  EXPECT_NE(seen.c_cflag & CSTOPB, 0U);
-  EXPECT_FALSE(port_.SetLineSettings(19200, 8, 0, 1, 0));
-  EXPECT_FALSE(port_.SetLineSettings(19200, 12, 0, 0, 0));
-  EXPECT_FALSE(port_.SetLineSettings(19200, 8, 9, 0, 0));
-  EXPECT_FALSE(port_.SetHandshake(-1));  // no modem lines here
 }
 
 TEST_F(OpenSerialPort, ReadTimeoutsFollowTheThreeValueForm) {
@@ -306,13 +252,6 @@ TEST_F(OpenSerialPort, AWaitForNoBytesReturnsAtOnce) {
   const std::int64_t start = ClockTicks();
   EXPECT_TRUE(port_.WaitForRX(kLongMs, 0));
   EXPECT_LT(MillisecondsSince(start), kSoon);
-}
-
-TEST(SerialPort, AWaitWithoutAHandleSleeps) {
-  SerialPort port;
-  const std::int64_t start = ClockTicks();
-  EXPECT_FALSE(port.WaitForRX(50, 1));
-  EXPECT_GE(MillisecondsSince(start), 50);
 }
 
 }  // namespace

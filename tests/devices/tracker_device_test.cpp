@@ -156,18 +156,6 @@ INSTANTIATE_TEST_SUITE_P(Of, TrackerDeviceDefault, testing::ValuesIn(kDefaults),
 
 // ---- Stations and records ------------------------------------------------------------------
 
-TEST(TrackerDevice, AFreshDeviceHasNoSensorsAndNoRate) {
-  PlainDevice device;
-  EXPECT_EQ(device.GetSensorCount(), 0);
-  EXPECT_EQ(device.GetActiveSensorCount(), 0);
-  EXPECT_EQ(device.GetFrameRate(), 0);
-  EXPECT_EQ(device.GetSensorPose(0), nullptr);
-  EXPECT_EQ(device.GetSensorQuaternion(0), nullptr);
-  EXPECT_EQ(device.channels_[9].Value(), 0.0);
-  device.channels_[9] = {.raw = 4, .offset = 0.5, .scale = 2.0};
-  EXPECT_EQ(device.channels_[9].Value(), 8.5);
-}
-
 TEST(TrackerDevice, RecordsAreMadeForOneTo256Sensors) {
   PlainDevice device;
   EXPECT_TRUE(device.AllocateSensors(256));
@@ -235,13 +223,6 @@ class TrackerOnALine : public testing::Test {
  private:
   std::size_t seen_ = 0;
 };
-
-TEST_F(TrackerOnALine, ModeBytesGoOutOnlyOnceBooted) {
-  device_.SetModeBytes('C', 'P', 'c', 0);
-  device_.Poll();
-  device_.StartContinuous();
-  EXPECT_EQ(Sent(), "");
-}
 
 TEST_F(TrackerOnALine, APollStopsAStreamOnce) {
   device_.SetModeBytes('C', 'P', 'c', 0);
