@@ -118,14 +118,6 @@ INSTANTIATE_TEST_SUITE_P(
                            -8, ""}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(FastrakBoot, NeedsAPort) {
-  FastrakDevice device;
-  EXPECT_EQ(device.Boot(0), kPortNotOpen);
-  EXPECT_EQ(device.OpenPort("~", kBaud), 1);
-  EXPECT_EQ(device.Boot(0), kReadFailed);
-  EXPECT_STREQ(device.GetDeviceName(), "Polhemus");
-}
-
 // ---- Status --------------------------------------------------------------------------------
 
 TEST_F(BootedFastrak, ClearsTheErrorsThatItsStatusReports) {
@@ -271,23 +263,6 @@ TEST_F(FastrakTest, SettingsOfTheIsotrakClass) {
   ScriptedPeer unit(line_, Expect("l\r") + Send("21l10\r\n") + Expect("l2\r"));
   EXPECT_EQ(device_->SetSensorMask(3, 0), 3U);
   EXPECT_EQ(unit.Verdict(), "");
-}
-
-TEST(FastrakUnbooted, SettingsAreStoredAndNotSent) {
-  FastrakDevice device;
-  EXPECT_EQ(device.SetCrLf(0), 1);
-  EXPECT_FALSE(device.GetCrLf());
-  EXPECT_EQ(device.SetComponentMask(7), 0U);
-  EXPECT_EQ(device.GetComponentMask(), 3U);
-  EXPECT_EQ(device.SetProtocol(3), 0);
-  EXPECT_EQ(device.SetSensorMask(3, 2), 1U);
-  EXPECT_EQ(device.SendStationCommand("R1\r", 1, 1), 0);
-  char text[32] = "untouched";
-  EXPECT_EQ(device.QueryStatus(text, sizeof text), 0);
-  EXPECT_STREQ(text, "untouched");
-  EXPECT_EQ(device.GetProtocolText(text, sizeof text), 0);
-  EXPECT_STREQ(text, "0: Invalid");
-  EXPECT_EQ(device.ReadFrame(nullptr), 0U);
 }
 
 }  // namespace

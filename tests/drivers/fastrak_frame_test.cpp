@@ -221,15 +221,6 @@ TEST_F(BootedFastrak, ABacklogIsDroppedAndCounted) {
             "5 100 records of FasTRAK waited for more than half a second and were dropped.");
 }
 
-TEST_F(BootedFastrak, OffsetsAreAddedToThePose) {
-  const float offset[6] = {10, 0, 0, 0, 0, 0.5F};
-  ASSERT_TRUE(device_->SetSensorOffset(-1, offset));
-  ScriptedPeer unit(line_, Expect("P") + Send(kOneWhole));
-  ASSERT_EQ(device_->ReadFrame(nullptr), 1U);
-  EXPECT_FLOAT_EQ(device_->GetSensorPose(0)[0], 15);
-  EXPECT_NEAR(device_->GetSensorPose(0)[5], 0.5 + 0.17453293, 1e-6);
-}
-
 TEST_F(BootedFastrak, ReadingAllocatesNothing) {
   device_->StartContinuous();
   for (int i = 0; i < 20; ++i) line_.Send("noise" + Record(1, 1));

@@ -254,13 +254,6 @@ TEST_F(FlockOnALine, AFrameScalesEveryWordIntoOurFrame) {
   EXPECT_EQ(CountedAllocations(), 0);
 }
 
-TEST_F(FlockOnALine, ReadsNothingBeforeItIsBooted) {
-  line_.Send(kOne);
-  double time = -1;
-  EXPECT_EQ(flock_.ReadFrame(&time), 0U);
-  EXPECT_EQ(time, -1);
-}
-
 TEST_F(FlockOnALine, AnAnswerThatComesTooLateIsDropped) {
   ASSERT_EQ(Boot(BootDialogue()), kBooted);
   flock_.Poll();
@@ -288,16 +281,6 @@ TEST_F(FlockOnALine, ABacklogIsDroppedAndCounted) {
 }
 
 // ---- Settings ------------------------------------------------------------------------------
-
-TEST_F(FlockOnALine, DescribesItself) {
-  EXPECT_EQ(flock_.GetBaudRate(), 115200U);
-  EXPECT_STREQ(flock_.GetDeviceName(), "Ascension Flock");
-  EXPECT_EQ(flock_.GetDeviceType(nullptr, 0), 6);
-  EXPECT_EQ(flock_.GetStatusCode(), 0);
-  EXPECT_EQ(flock_.GetFrameRate(), 144);
-  EXPECT_EQ(flock_.SetComponentMask(4), 0U);
-  EXPECT_EQ(flock_.GetComponentMask(), 3U);
-}
 
 struct HemisphereCase {
   int sensor;

@@ -88,26 +88,6 @@ TEST(GpsPosition, IsConvertedToEveryForm) {
   EXPECT_EQ(gps.startLatitude, 0.5);
 }
 
-TEST(GpsReceiver, ItsStateIsDecoded) {
-  GpsReports reports;
-  const GpsState& gps = reports.state();
-  Feed(reports, Packet("\x41", kHundred + "\x08\xFC"s + kNine) + Packet("\x46", "\x08\x31"s) +
-                    Packet("\x4B", "\x5A\x10\x01"s) + Packet("\x82", "\x02"s) +
-                    Packet("\x56", std::string(20, '\x10')));
-  EXPECT_EQ(gps.timeOfWeek, 100.0);
-  EXPECT_EQ(gps.gpsWeek, 2300);
-  EXPECT_EQ(gps.utcOffset, 9.0);
-  EXPECT_EQ(gps.healthStatus, 8);
-  EXPECT_EQ(gps.healthFlagsA, 1);
-  EXPECT_EQ(gps.healthFlagsB, 3);
-  EXPECT_EQ(gps.machineId, 0x5A);
-  EXPECT_EQ(gps.statusByte1, 0x10);
-  EXPECT_EQ(gps.statusByte2, 1);
-  EXPECT_EQ(gps.differentialMode, 2);
-  EXPECT_FALSE(reports.HasPositionNews());
-  EXPECT_FALSE(reports.HasSatelliteNews());
-}
-
 TEST(GpsSatellites, KeepTheirPlaces) {
   GpsReports reports;
   const GpsState& gps = reports.state();
@@ -220,28 +200,6 @@ class GpsOnALine : public DeviceOnALine<GpsDevice> {
 };
 
 const Script kAsked = Expect("!&");
-
-TEST_F(GpsOnALine, DescribesItself) {
-  EXPECT_EQ(device_.OpenPort("no such port", 0), 1);  // it is open already
-  EXPECT_EQ(device_.GetBaudRate(), 9600U);
-  EXPECT_STREQ(device_.GetDeviceName(), "GPS TSIP");
-  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 24);
-  EXPECT_EQ(device_.GetStatusCode(), 0xC00);
-  EXPECT_EQ(device_.GetSensorCount(), 15);
-  EXPECT_EQ(device_.GetComponentMask(), 1U);
-  device_.SetSensorMask(0xFF, 0);
-  EXPECT_EQ(device_.GetFrameRate(), 5);
-  char text[16];
-  EXPECT_EQ(device_.QueryStatus(text, sizeof text), -13);
-  EXPECT_EQ(device_.SetProtocol(7), 7);
-  EXPECT_EQ(device_.GetProtocolText(text, sizeof text), 7);
-  EXPECT_STREQ(text, "7: Invalid");
-  EXPECT_EQ(device_.GetProtocolText(text, 5), 7);
-  EXPECT_STREQ(text, "7: I");
-  EXPECT_EQ(device_.ClosePort(), 1);
-  EXPECT_EQ(device_.ClosePort(), -4);
-  EXPECT_EQ(device_.Boot(0), 0);
-}
 
 class GpsBoot : public GpsOnALine, public testing::WithParamInterface<BootStory> {};
 

@@ -93,27 +93,6 @@ TEST_F(IntertraxOnALine, APulledPlugEndsTheBoot) {
   EXPECT_EQ(device_.Boot(0), -1);
 }
 
-TEST(Intertrax, FailsWithoutAPort) {
-  IntertraxDevice device;
-  EXPECT_EQ(device.QueryStatus(nullptr, 0), -2);
-  EXPECT_EQ(device.Boot(0), -1);
-}
-
-TEST_F(IntertraxOnALine, DescribesItself) {
-  EXPECT_EQ(device_.GetStatusCode(), 0);
-  ASSERT_TRUE(BootReliably());
-  EXPECT_EQ(device_.GetStatusCode(), 0x602);
-  EXPECT_STREQ(device_.GetDeviceName(), "InterSense InterTrax");
-  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 15);
-  EXPECT_EQ(device_.GetSensorCount(), 1);
-  EXPECT_EQ(device_.SetComponentMask(5), 2U);
-  EXPECT_EQ(device_.GetComponentMask(), 2U);
-  EXPECT_EQ(device_.GetFrameRate(), 548);
-  EXPECT_EQ(device_.readTimeouts().constant, 6U);
-  EXPECT_EQ(device_.readTimeouts().multiplier, 2U);
-  EXPECT_EQ(device_.readTimeouts().interval, 4U);
-}
-
 // ---- Version -------------------------------------------------------------------------------
 
 struct VersionStory {

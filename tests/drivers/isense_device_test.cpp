@@ -86,34 +86,6 @@ INSTANTIATE_TEST_SUITE_P(All, IsenseModels,
                                          Model{0, 18, "InterSense DLL", 2, 1, 120}),
                          [](const auto& row) { return "Model" + std::to_string(row.param.model); });
 
-TEST_F(IsenseDeviceTest, StartsWithoutAModel) {
-  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 18);
-  EXPECT_STREQ(device_.GetDeviceName(), "InterSense DLL");
-  EXPECT_EQ(device_.GetStatusCode(), 0x600);
-  EXPECT_EQ(device_.GetComponentMask(), 2U);
-  EXPECT_EQ(device_.GetFrameRate(), 120);
-  EXPECT_EQ(device_.GetPortNumber(), 0);
-  EXPECT_EQ(device_.GetBaudRate(), 0U);
-  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
-  EXPECT_EQ(device_.QueryStatus(nullptr, 0), -13);
-}
-
-TEST_F(IsenseDeviceTest, CallsTheLibraryInOrder) {
-  EXPECT_EQ(CallsOf([this] { device_.OpenPort("COM 3", 9600); }), Calls{"OpenTracker 3 1 0"});
-  EXPECT_EQ(device_.GetPortNumber(), 3);
-  EXPECT_EQ(CallsOf([this] { device_.OpenPortNumber(5, 0); }), Calls{"GetCommInfo 1"});
-  EXPECT_EQ(device_.GetPortNumber(), 3);
-  EXPECT_EQ(CallsOf([this] { device_.Boot(0); }),
-            (Calls{"GetCommInfo 1", "GetTrackerConfig 1 0", "GetStationConfig 1 1 0",
-                   "SetStationConfig 1 1 0 0 1"}));
-  EXPECT_EQ(CallsOf([this] { device_.SetComponentMask(4); }),
-            (Calls{"GetStationConfig 1 1 0", "SetStationConfig 1 1 0 0 2"}));
-  EXPECT_EQ(CallsOf([this] { device_.GetBaudRate(); }), Calls{"GetCommInfo 1"});
-  EXPECT_EQ(CallsOf([this] { device_.ClosePort(); }), (Calls{"CloseTracker 1", "NumOpenTrackers"}));
-  EXPECT_EQ(CallsOf([this] { device_.ClosePort(); }), Calls{});
-  EXPECT_EQ(device_.GetPortNumber(), 0);
-}
-
 TEST_F(IsenseDeviceTest, NegatesYAndZOfAQuaternion) {
   Start();
   ASSERT_EQ(device_.SetComponentMask(4), 4U);
@@ -130,19 +102,6 @@ TEST_F(IsenseDeviceTest, NegatesYAndZOfAQuaternion) {
   EXPECT_NEAR(q[2], -c * half, 1e-6);
   EXPECT_NEAR(q[3], c * half, 1e-6);
   EXPECT_EQ(device_.GetSensorPose(0)[3], 0.0F);
-}
-
-TEST_F(IsenseDeviceTest, ReportsNoFrameWithoutANewRecord) {
-  settings_.Set("FRAMES", "stall@3+30,jump@5+7,lost@15+10");
-  Start();
-  std::vector<int> seen;
-  int failed = 0;
-  ASSERT_TRUE(WaitUntil([&] {
-    device_.ReadFrame(nullptr) == 1 ? seen.push_back(Frame()) : void(++failed);
-    return seen.size() == 9;
-  }));
-  EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4, 12, 13, 14, 15}));
-  EXPECT_GE(failed, 2);
 }
 
 TEST_F(IsenseDeviceTest, SettingsAndTheirRefusals) {
@@ -187,21 +146,6 @@ TEST_F(IsenseDeviceTest, ControlStringIsAPort) {
   EXPECT_TRUE(device_.SetControlString(nullptr));
 }
 
-TEST_F(IsenseDeviceTest, MeasuresAnUnknownLineRate) {
-  Start();
-  EXPECT_EQ(device_.GetBaudRate(), 115200U);
-  settings_.Set("KBITS", "0");
-  testing::internal::CaptureStdout();
-  EXPECT_EQ(device_.GetBaudRate(), 38400U);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(),
-            "\nsizeof(ISD_TRACKER_DATA_TYPE) = 1088\nTesting port " + std::string(100, '.') +
-                "*\n\nKBitsPerSec:\t0.000000\nRecordsPerSec:\t180\nSyncRate:\t0.000000");
-  for (const char* const odd : {"nan", "-5", "1e30"}) {
-    settings_.Set("KBITS", odd);
-    EXPECT_EQ(device_.GetBaudRate(), 0U);
-  }
-}
-
 TEST_F(IsenseDeviceTest, DescribesTheTrackerInWholeLines) {
   Start(2);
   char text[512];
@@ -221,62 +165,7 @@ TEST_F(IsenseDeviceTest, DescribesTheTrackerInWholeLines) {
   EXPECT_EQ(device_.QueryStatus(text, sizeof text), -13);
 }
 
-TEST(IsenseTexts, DescribeStationsAndUnknownCodes) {
-  IsenseStationInfo station;
-  station.id = 3;
-  station.state = 1;
-  station.compass = -1;
-  station.angleFormat = IsenseAngleFormat::AsQuaternion;
-  station.getCameraData = 1;
-  char text[512];
-  FormatStationInfo(station, text, sizeof text);
-  EXPECT_STREQ(text,
-               "STATION(3) INFO STATUS (ACTIVE):\nCompass: \t-1\tUNKNOWN COMPASS SETTING"
-               "\nInertiaCube: \t0\nEnhancement: \t0\nSensitivity: \t0\nPrediction: \t0"
-               "\nAngleFormat: \t2 QUATERNION\nTimeStamped: \tDISABLED\nGetEncoderData: \tDISABLED"
-               "\nCoordFrame: \t0\nGetCameraData: \tACTIVE");
-  IsenseTrackerInfo tracker;
-  tracker.libVersion = std::numeric_limits<float>::max();
-  tracker.trackerType = tracker.trackerModel = tracker.interface = 0xFFFFFFFF;
-  for (int size = -1; size < 512; ++size) {
-    FormatTrackerInfo(tracker, text, size);
-    ASSERT_LT(std::strlen(text), 512U);
-  }
-  EXPECT_NE(std::strstr(text, "\tUnknown Interface"), nullptr);
-}
-
 // ---- A library that fails ------------------------------------------------------------------
-
-struct Failing {
-  const char* call;
-  int open;
-  int boot;
-  unsigned frame;
-};
-
-class IsenseFailures : public IsenseDeviceTest, public testing::WithParamInterface<Failing> {};
-
-TEST_P(IsenseFailures, ReturnTheirCode) {
-  const Failing& row = GetParam();
-  settings_.Set("FAIL", row.call);
-  EXPECT_EQ(device_.OpenPortNumber(1, 0), row.open);
-  EXPECT_EQ(device_.Boot(0), row.boot);
-  unsigned frame = 0;
-  for (int i = 0; i < 20 && frame == 0; ++i) frame = device_.ReadFrame(nullptr);
-  EXPECT_EQ(frame, row.frame);
-  device_.Poll();
-  EXPECT_EQ(device_.ClosePort(), 1);
-  EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, IsenseFailures,
-    testing::Values(Failing{"OpenTracker", -4, 0, 0}, Failing{"CloseTracker", 1, 1, 1},
-                    Failing{"GetCommInfo", 1, 1, 1}, Failing{"GetTrackerConfig", 1, -13, 0},
-                    Failing{"GetStationConfig", 1, 1, 1}, Failing{"SetStationConfig", 1, 1, 1},
-                    Failing{"GetData", 1, 1, 0}, Failing{"NumOpenTrackers", 1, 1, 1},
-                    Failing{"UdpBroadcastData", 1, 1, 1}),
-    [](const auto& row) { return std::string(row.param.call); });
 
 TEST_F(IsenseDeviceTest, FailsWhenAFrameCannotBeSentOn) {
   Start();

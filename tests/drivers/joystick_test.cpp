@@ -19,43 +19,20 @@ struct Counts {
   JoystickChannels channels;
 };
 
-class JoystickCounts : public testing::TestWithParam<Counts> {};
-
-TEST_P(JoystickCounts, BecomeChannels) {
-  const Counts& row = GetParam();
-  const JoystickChannels got = ChannelsOf({.product = "",
-                                           .driver = "",
-                                           .buttons = row.present,
-                                           .maxButtons = row.maximum,
-                                           .axes = row.axes});
-  EXPECT_EQ(got.maxButtons, row.channels.maxButtons);
-  EXPECT_EQ(got.digital, row.channels.digital);
-  EXPECT_EQ(got.analog, row.channels.analog);
-}
-
-INSTANTIATE_TEST_SUITE_P(Sticks, JoystickCounts,
-                         testing::Values(Counts{"MoreThanBits", 40, 40, 40, {32, 32, 32}},
-                                         Counts{"FewOfMany", 4, 12, 3, {12, 12, 3}},
-                                         Counts{"MoreThanTheDriverKnows", 12, 4, 2, {4, 12, 2}},
-                                         Counts{"ManyOfFew", 40, 4, 2, {4, 32, 2}},
-                                         Counts{"Nothing", 0, 0, 0, {0, 0, 0}},
-                                         Counts{"AbsurdlyMany", ~0U, ~0U, ~0U, {32, 32, 32}}),
-                         [](const auto& row) { return std::string(row.param.name); });
-
-TEST(DescribeJoystick, CutsNamesAt30) {
-  EXPECT_EQ(DescribeJoystick({.product = "Lodestar Pad",
-                              .driver = "joydev",
-                              .manufacturerId = 1133,
-                              .productId = 49685,
-                              .buttons = 4,
-                              .maxButtons = 12,
-                              .axes = 6}),
-            "\n\tProduct: Lodestar Pad\n\tOEM: joydev\n\tModel: 1133\tID: 49685"
-            "\n\tDigiChnls: 12\tAnalChnls: 6");
-  const std::string cut(30, 'p');
-  EXPECT_EQ(DescribeJoystick({.product = cut + "q", .driver = cut + std::string(9999, 'q')}),
-            "\n\tProduct: " + cut + "\n\tOEM: " + cut +
-                "\n\tModel: 0\tID: 0\n\tDigiChnls: 0\tAnalChnls: 0");
+TEST(JoystickCounts, BecomeChannels) {
+  for (const Counts& row : {Counts{"more than bits", 40, 40, 40, {32, 32, 32}},
+                            Counts{"few of many", 4, 12, 3, {12, 12, 3}},
+                            Counts{"more than the driver knows", 12, 4, 2, {4, 12, 2}},
+                            Counts{"absurdly many", ~0U, ~0U, ~0U, {32, 32, 32}}}) {
+    const JoystickChannels got = ChannelsOf({.product = "",
+                                             .driver = "",
+                                             .buttons = row.present,
+                                             .maxButtons = row.maximum,
+                                             .axes = row.axes});
+    EXPECT_EQ(got.maxButtons, row.channels.maxButtons) << row.name;
+    EXPECT_EQ(got.digital, row.channels.digital) << row.name;
+    EXPECT_EQ(got.analog, row.channels.analog) << row.name;
+  }
 }
 
 // ---- On a pipe with a stick's records ------------------------------------------------------

@@ -72,23 +72,6 @@ TEST_F(LibertyDeviceTest, BootFailsWithoutLibrary) {
   EXPECT_EQ(said.find("cannot be loaded"), said.rfind("cannot be loaded")) << said;
 }
 
-TEST_F(LibertyDeviceTest, DescribesItselfBeforeBoot) {
-  LibertyDevice device;
-  char name[64] = {};
-  EXPECT_EQ(device.GetDeviceType(name, sizeof name), 10);
-  EXPECT_STREQ(name, "Polhemus Liberty");
-  EXPECT_EQ(device.GetStatusCode(), 10);
-  EXPECT_EQ(device.GetSensorMask(), 0xFFFFFFFFU);
-  EXPECT_EQ(device.OpenPort("COM1", 115200), 0);
-  EXPECT_EQ(device.OpenPortNumber(2, 14400), 0);
-  EXPECT_EQ(device.GetPortNumber(), 2);
-  EXPECT_EQ(device.OpenPortNumber(0, 9600), 1);
-  EXPECT_EQ(device.GetPortNumber(), 2);
-  EXPECT_EQ(device.GetBaudRate(), 9600U);
-  EXPECT_EQ(device.GetSensorPose(0), nullptr);
-  EXPECT_EQ(device.SetComponentMask(0), 1U);
-}
-
 TEST_F(LibertyDeviceTest, CallsTheLibraryInOrder) {
   const Environment failing(
       Environment::Variables{{"KINETREL_PDI_BIT", "4"}, {"KINETREL_PDI_STATIONS", "0x5"}});
@@ -195,24 +178,6 @@ TEST_F(LibertyDeviceTest, RequestsEachFrameWhenPolled) {
   EXPECT_EQ(Calls(), "");  // no continuous output
   device.StartContinuous();
   EXPECT_EQ(Calls(), "StartContPno");
-}
-
-TEST(LibertyFrame, IsNeverReadPastItsEnd) {
-  const std::int32_t items[] = {2, 4, 9, 77, -1};
-  const LibertyLayout layout = LibertyLayoutOf(items);
-  EXPECT_EQ(layout.recordSize, 36U);
-  EXPECT_EQ(layout.euler, 20U);
-  EXPECT_EQ(layout.frameCount, 32U);
-  std::vector<std::byte> frame(72);
-  frame[32] = std::byte{5};
-  float values[3] = {7, 7, 7};
-  for (std::size_t size = 0; size <= frame.size(); ++size) {
-    const std::vector<std::byte> cut(frame.begin(), frame.begin() + static_cast<long>(size));
-    EXPECT_EQ(LibertyFrameCount(layout, cut).value_or(0), size >= 36 ? 5U : 0U);
-    EXPECT_EQ(ReadLibertyFloats(layout, cut, 1, layout.euler, values), size >= 68);
-    EXPECT_FALSE(ReadLibertyFloats(layout, cut, std::size_t{1} << 40, layout.euler, values));
-    EXPECT_FALSE(ReadLibertyFloats(layout, cut, 0, layout.quaternion, values));
-  }
 }
 
 }  // namespace

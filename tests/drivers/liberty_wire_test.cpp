@@ -81,17 +81,6 @@ INSTANTIATE_TEST_SUITE_P(
         Bytes{"OnlyMarks", "LYLYLYLYLYLYLYLYLYLYLYLY", ""}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(LibertyFrameReader, EndlessNoiseGivesNoFrame) {
-  LibertyFrameReader reader;
-  reader.SetRecordSize(kRecord);
-  for (int i = 0; i < 1000; ++i) {
-    Feed(reader, std::string(701, 'Y'));
-    ASSERT_EQ(AllOf(reader), "");
-  }
-  Feed(reader, Pose(1, 9));
-  EXPECT_EQ(AllOf(reader), "1C24 ");
-}
-
 // ---- Cycles --------------------------------------------------------------------------------
 
 class LibertyCyclesOfTwo : public testing::Test {
@@ -150,16 +139,6 @@ TEST_F(LibertyCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
   for (int i = 0; i < 124; ++i) Take();
   EXPECT_EQ(Take(), "199 199 ");
   EXPECT_EQ(Take(), "199 199 ");
-}
-
-TEST(LibertyCycles, AnImpossibleLayoutHasNoCycles) {
-  for (const std::size_t size : {std::size_t{0}, std::size_t{11}, std::size_t{4000}}) {
-    LibertyCycles cycles;
-    cycles.SetLayout(1, size, 8);
-    const std::vector<std::uint8_t> bytes(size, 1);
-    cycles.Add({1, 'C', 0, bytes});
-    EXPECT_TRUE(cycles.Take().empty());
-  }
 }
 
 }  // namespace

@@ -126,21 +126,6 @@ INSTANTIATE_TEST_SUITE_P(
                         kBooted}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(LogitechOnALine, DescribesItself) {
-  ASSERT_EQ(Boot(kBoot), kBooted);
-  EXPECT_EQ(device_.GetBaudRate(), 19200U);
-  EXPECT_STREQ(device_.GetDeviceName(), "Logitech");
-  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 0x401);
-  EXPECT_EQ(device_.GetStatusCode(), 0x400);
-  EXPECT_EQ(device_.GetFrameRate(), 50);
-  EXPECT_EQ(device_.GetSensorCount(), 1);
-  EXPECT_EQ(device_.SetSensorMask(0xF, 0), 1U);
-  EXPECT_EQ(device_.GetProtocol(), 0);
-  EXPECT_EQ(device_.readTimeouts().constant, 33U);
-  EXPECT_EQ(device_.readTimeouts().multiplier, 11U);
-  EXPECT_EQ(device_.readTimeouts().interval, 22U);
-}
-
 TEST_F(LogitechOnALine, ASecondBootKeepsTheMountingAndDropsTheInput) {
   ASSERT_EQ(Boot(kBoot), kBooted);
   device_.SetProtocol(2);
@@ -338,37 +323,6 @@ TEST_F(LogitechOnALine, OffsetsFollowTheMounting) {
   EXPECT_EQ(device_.SetAlignment(0, tilted, y), 0);
   EXPECT_EQ(device_.SetAlignment(1, x, y), 0);
   EXPECT_EQ(device_.GetProtocol(), 1);
-}
-
-TEST_F(LogitechOnALine, OffsetsSurviveABootAndANewMounting) {
-  const float offset[6] = {1, 2, 3, 0.1F, 0.2F, 0.3F};
-  const float x[3] = {0, 0, 1};
-  const float y[3] = {0, 1, 0};
-  ASSERT_EQ(Boot(kBoot), kBooted);
-  device_.SetSensorOffset(-1, offset);
-  ASSERT_EQ(Boot(kBoot), kBooted);
-  EXPECT_EQ(device_.SetAlignment(-1, x, y), 1);
-  const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
-  for (std::size_t i = 0; i < 6; ++i) {
-    EXPECT_NEAR(pose[i], offset[i], 1e-6) << i;
-    EXPECT_EQ(device_.GetSensorOffset(0)[i], offset[i]) << i;
-  }
-}
-
-TEST_F(LogitechOnALine, OffsetComponents) {
-  ASSERT_EQ(Boot(kBoot), kBooted);
-  for (unsigned component = 0; component < 6; ++component) {
-    EXPECT_TRUE(device_.SetSensorOffsetComponent(0, component, 0.5 + component / 10.0));
-  }
-  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 7, 1.0));
-  EXPECT_FALSE(device_.SetSensorOffsetComponent(0, 10, 1.0));
-  EXPECT_FALSE(device_.SetSensorOffsetComponent(1, 0, 9.0));
-  device_.SetProtocol(5);  // unknown mounting: the pose stays as it is read
-  const Pose pose = PoseOf("\x80"s + std::string(15, '\0'));
-  for (std::size_t i = 0; i < 6; ++i) {
-    EXPECT_FLOAT_EQ(pose[i], 0.5F + static_cast<float>(i) / 10) << i;
-    EXPECT_FLOAT_EQ(device_.GetSensorOffset(0)[i], 0.5F + static_cast<float>(i) / 10) << i;
-  }
 }
 
 }  // namespace

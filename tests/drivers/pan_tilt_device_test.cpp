@@ -41,8 +41,6 @@ class HeadOnALine : public DeviceOnALine<PanTiltDevice> {
   long Elevation() { return std::lround(device_.GetSensorEuler(0)[1] * 2000 / kPi); }
 };
 
-// ---- Decoding ------------------------------------------------------------------------------
-
 // ---- Boot ----------------------------------------------------------------------------------
 
 class HeadBoot : public HeadOnALine, public testing::WithParamInterface<BootStory> {};
@@ -99,15 +97,6 @@ TEST_F(HeadOnALine, TheStatusIsTheLengthOfTheAnswer) {
     EXPECT_STREQ(text, row.text);
     EXPECT_EQ(peer.Verdict(), "");
   }
-}
-
-TEST_F(HeadOnALine, AStatusTextNeedsRoom) {
-  char text[40] = "as it was";
-  EXPECT_EQ(device_.QueryStatus(text, 32), 0);
-  EXPECT_STREQ(text, "as it was");
-  EXPECT_EQ(device_.QueryStatus(text, 33), 0);
-  EXPECT_STREQ(text, "Encoders only enabled.  0 bytes ");
-  EXPECT_EQ(device_.QueryStatus(nullptr, 100), 0);
 }
 
 // ---- Frames --------------------------------------------------------------------------------
@@ -204,15 +193,6 @@ TEST_F(HeadOnALine, NothingIsReadBeforeBootAndAfterAHangUp) {
 }
 
 // ---- Settings ------------------------------------------------------------------------------
-
-TEST_F(HeadOnALine, DescribesItself) {
-  EXPECT_STREQ(device_.GetDeviceName(), "Fakespace PanTiltHead");
-  EXPECT_EQ(device_.GetDeviceType(nullptr, 0), 20);
-  EXPECT_EQ(device_.GetStatusCode(), 0);
-  EXPECT_EQ(device_.GetFrameRate(), 30);
-  EXPECT_EQ(device_.SetComponentMask(7), 2U);
-  EXPECT_EQ(device_.GetComponentMask(), 2U);
-}
 
 TEST_F(HeadOnALine, TheProtocolIsTheRequest) {
   BootAndRead();

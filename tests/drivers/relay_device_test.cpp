@@ -156,13 +156,6 @@ TEST_F(Relay, IgnoresAnglesThatAreNotFinite) {
   EXPECT_EQ(relay_->ReadFrame(nullptr), 1U);
 }
 
-TEST_F(Relay, FetchesNothingWithoutTheAngles) {
-  EXPECT_EQ(relay_->SetComponentMask(1), 1U);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(relay_->ReadFrame(nullptr), 0U);
-  EXPECT_EQ(source_.fetches, 0);
-  EXPECT_GT(source_.lookups, 0);
-}
-
 TEST(RelayControlString, NamesHostAndMapping) {
   struct Row {
     const char* text;

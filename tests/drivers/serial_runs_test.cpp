@@ -1,6 +1,6 @@
 // Serial trackers of one sensor and the GPS receiver, whole: the emulated device, the program and a
 // client. The poses that it sees are the device's, at the precision of its records, with none lost
-// and none doubled. (Those of the FASTRAK family have a file of their own.)
+// and none doubled. (A FASTRAK with several stations has a file of its own.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -56,10 +56,9 @@ Found FindGps(const std::array<float, 6>& pose) {
   return {frame, apart / 0.0125};
 }
 
-// 365.76 cm and 180 degrees in 8192; half a turn is one step beyond the range.
-template <double kCentimetre>
-Found FindFlock(const std::array<float, 6>& pose) {
-  const double x = pose[0] / kCentimetre, y = pose[1] / kCentimetre, z = pose[2] / kCentimetre;
+// A position and three angles, with the largest error that the record's values may have.
+Found FindInRamp(const std::array<float, 6>& pose, double centimetre, double far, double degrees) {
+  const double x = pose[0] / centimetre, y = pose[1] / centimetre, z = pose[2] / centimetre;
   const std::uint64_t frame = RampFrame(x, z);
   const MotionPose ramp = MakeRamp()->At(0, frame, 0);
   const double apart =
@@ -67,8 +66,19 @@ Found FindFlock(const std::array<float, 6>& pose) {
   const double turned =
       std::max({AngleError(pose[3], ramp.azimuth), AngleError(pose[4], ramp.elevation),
                 AngleError(pose[5], ramp.roll)});
-  return {static_cast<long>(frame),
-          std::max(apart / (0.51 * 365.76 / 8192), turned / (1.01 * 180 / 8192))};
+  return {static_cast<long>(frame), std::max(apart / far, turned / degrees)};
+}
+
+// 365.76 cm and 180 degrees in 8192; half a turn is one step beyond the range.
+template <double kCentimetre>
+Found FindFlock(const std::array<float, 6>& pose) {
+  return FindInRamp(pose, kCentimetre, 0.51 * 365.76 / 8192, 1.01 * 180 / 8192);
+}
+
+// Floats.
+template <double kCentimetre>
+Found FindFastrak(const std::array<float, 6>& pose) {
+  return FindInRamp(pose, kCentimetre, 1e-4, 6e-4);
 }
 
 // 360 degrees in 4000, and nothing else.
@@ -156,10 +166,25 @@ const Tracker kLogitech{"Logitech", "logitech", 4, {}, {}, FindLogitech, 1000};
 const Tracker kIntertrax{"Intertrax", "intertrax", 9, {}, {}, FindIntertrax, 1000, kTurn, 1, true};
 const Tracker kGps{"Gps", "gps", 12, {"--rate=15"}, {}, FindGps, 300};
 const Tracker kFlock{"Flock", "flock", 3, {"--start=half-record"}, {}, FindFlock<1.0>, 1000};
+const Tracker kFastrak{"Fastrak", "fastrak", 2, {"--start=streaming"}, {}, FindFastrak<1.0>, 1000};
 const Tracker kPanTilt{"PanTilt", "pan-tilt", 1, {}, {}, FindPanTilt, 400, kTurn, 2};
 
 INSTANTIATE_TEST_SUITE_P(Of, SerialRun,
-                         testing::Values(kLogitech, kIntertrax, kGps, kFlock, kPanTilt,
+                         testing::Values(kLogitech, kIntertrax, kGps, kFlock, kFastrak, kPanTilt,
+                                         Tracker{"FastrakPolledInInchesAfterHalfACommand",
+                                                 "fastrak",
+                                                 2,
+                                                 {"--start=half-command"},
+                                                 {"-z-", "-u", "0"},
+                                                 FindFastrak<1 / 2.54>,
+                                                 300},
+                                         Tracker{"FastrakAtAnotherRateInMetres",
+                                                 "fastrak",
+                                                 2,
+                                                 {"--baud=57600", "--start=streaming"},
+                                                 {"-u", "2"},
+                                                 FindFastrak<0.01>,
+                                                 300},
                                          Tracker{"FlockPolledInInchesAfterHalfACommand",
                                                  "flock",
                                                  3,
@@ -196,6 +221,9 @@ TEST_P(SerialFaults, CostNoMoreThanThemselves) {
   const Tracker& row = GetParam();
   std::vector<std::string> faults = {"--fault=cut@/#25"};
   if (row.type != kFlock.type) faults.emplace_back("--fault=noise:3@/0.4s");
+  if (row.type == kFastrak.type) {
+    faults.insert(faults.end(), {"--fault=silence:0.5@#100", "--fault=error:B@#150"});
+  }
   EmulatedRun run = Start(faults);
   const auto blocks = Watch(run, row.frames / 4);
   long wrong = 0;
@@ -224,7 +252,7 @@ TEST_P(SerialFaults, OfThePlugAreOvercome) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, SerialFaults,
-                         testing::Values(kLogitech, kIntertrax, kGps, kFlock, kPanTilt),
+                         testing::Values(kLogitech, kIntertrax, kGps, kFlock, kFastrak, kPanTilt),
                          [](const auto& row) { return std::string(row.param.name); });
 
 // ---- Damage --------------------------------------------------------------------------------
