@@ -200,18 +200,6 @@ TEST_F(Sampling, FailuresAtOnceAreFollowedByARest) {
   EXPECT_LE(reads_ - before, 11);
 }
 
-TEST_F(Sampling, KeyboardTrackerWithoutKeysIsNoFailure) {
-  script_.statusCode = 8;
-  script_.readFrame = [&](TrackerDevice&, double*) {
-    SleepFor(Milliseconds(2));
-    ++reads_;
-    return 0U;
-  };
-  Start();
-  ASSERT_TRUE(WaitUntil([&] { return reads_ > 20; }));
-  for (const StatusEntry& entry : engine_->status().Entries()) EXPECT_NE(entry.text[0], 'E');
-}
-
 struct ModeCase {
   const char* name;
   int statusCode;

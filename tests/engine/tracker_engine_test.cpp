@@ -63,12 +63,6 @@ INSTANTIATE_TEST_SUITE_P(
                  "3 Tracker(Ascension Flock) booted ... \n",
                  "\nInitializing Ascension Flock... \n\tSerial port(3) open ... "
                  "\n\tTracker(Ascension Flock) booted ... "},
-        OpenCase{"OnUsb", 3, 1, 257, 1, OpenResult::Opened,
-                 "1 Initializing Ascension Flock... \n"
-                 "2 USB port open ... \n"
-                 "3 Tracker(Ascension Flock) booted ... \n",
-                 "\nInitializing Ascension Flock... \n\tUSB port open ... "
-                 "\n\tTracker(Ascension Flock) booted ... "},
         OpenCase{"PortRefused", 3, 0, 3, 1, OpenResult::PortFailed,
                  "1 Initializing Ascension Flock... \n"
                  "-3 Port(3) failed to open(0).\n",
@@ -80,18 +74,9 @@ INSTANTIATE_TEST_SUITE_P(
                  "-4 Unrecognized product\n",
                  "\nInitializing Ascension Flock... \n\tSerial port(3) open ... "
                  "\n\tTracker(Ascension Flock) failed to boot(-7).\n\t\tUnrecognized product\n"},
-        OpenCase{"BootResultBeyondTheTexts", 3, 1, 3, -11, OpenResult::BootFailed,
-                 "1 Initializing Ascension Flock... \n"
-                 "2 Serial port(3) open ... \n"
-                 "-4 Tracker(Ascension Flock) failed to boot(-11).\n",
-                 "\nInitializing Ascension Flock... \n\tSerial port(3) open ... "
-                 "\n\tTracker(Ascension Flock) failed to boot(-11)."},
         OpenCase{"SpaceBall", 5, 1, 3, 1, OpenResult::NoDevice,
                  "-1 SpaceBall instrument not supported.\n",
                  "\nSpaceBall instrument (TYPE=5) not supported."},
-        OpenCase{"OldClient", 7, 1, 3, 1, OpenResult::NoDevice,
-                 "-1 Veltrano MTS client instrument not supported.\n",
-                 "\nVeltrano MTS client instrument (TYPE=7) not supported."},
         OpenCase{"NoMemory", 12, 1, 3, 1, OpenResult::NoDevice,
                  "-1 Unknown device type specified.\n", "Unknown TYPE tistart.dtyp = 12"},
         OpenCase{"UnknownType", 13, 1, 3, 1, OpenResult::NoDevice,
@@ -262,24 +247,6 @@ TEST(Engine, ReportsTheJoystick) {
     ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
     EXPECT_TRUE(LogOf(engine).ends_with(row.entry)) << LogOf(engine);
   }
-}
-
-TEST(Engine, ManyThreadsOpenAndCloseWithoutHarm) {
-  Script script;
-  TrackerEngine engine(ScriptedFactory(script));
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&engine] {
-      for (int round = 0; round < 10; ++round) {
-        if (engine.Open(3, 1, false) == OpenResult::Opened) engine.Close();
-        engine.ZeroAzimuth();
-        engine.ResetMappings();
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  engine.Close();
-  EXPECT_EQ(script.alive, 0);
 }
 
 }  // namespace
