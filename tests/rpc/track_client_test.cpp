@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "rpc/pdu.h"
+#include "rpc/track_procedures.h"
 #include "tests/rpc/scripted_service.h"
 #include "tests/support/allocation_counter.h"
 
@@ -73,6 +75,27 @@ TEST(Client, TalksByteForByte) {
   EXPECT_EQ(client.Unbind(), CallResult::Success);
   EXPECT_EQ(heard, ToHex(kBind) + '\n' + ToHex(kRequest20) + '\n' + ToHex(kRequest14) + '\n' +
                        ToHex(kRequest37) + '\n');
+}
+
+// ---- Replies in all their forms --------------------------------------------------------------
+
+std::span<const std::byte> StubOf(const Octets& pdu) { return std::span(pdu).subspan(kStubOffset); }
+
+TEST(Messages, RepliesAreReadInEveryForm) {
+  for (const Octets& pdu : {kResponse20, kResponse20Wide}) {
+    const auto reply = ReadMappingReply(StubOf(pdu), ByteOrder::Little);
+    ASSERT_TRUE(reply.has_value());
+    EXPECT_TRUE(reply->found && reply->engine == 111 && reply->sensor == 222);
+  }
+  EXPECT_EQ(ReadAttributeReply(StubOf(kResponse14), ByteOrder::Little)->value, 1115);
+  for (const Octets& pdu : {kResponse37, kResponse37Fixed}) {
+    const auto reply = ReadAnglesReply(StubOf(pdu), ByteOrder::Little);
+    ASSERT_TRUE(reply.has_value() && reply->known);
+    EXPECT_EQ(reply->values, (std::array{11.25F, -0.5F, 2.75F}));
+  }
+  const auto big = ReadMappingReply(Hex("00 00 00 6f 00 00 00 de 00 00 00 01"), ByteOrder::Big);
+  EXPECT_TRUE(big->found && big->engine == 111 && big->sensor == 222);
+  EXPECT_EQ(ReadFault(kFault, ByteOrder::Little), 0x1C010002U);
 }
 
 // ---- Replies of a service --------------------------------------------------------------------
