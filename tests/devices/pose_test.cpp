@@ -51,22 +51,6 @@ TEST(NormalizeEuler, ANanAngleDoesNotAffectTheOthers) {
   EXPECT_NEAR(angles[2], 2 * kPiF - 4, 2e-6);
 }
 
-TEST(EulerToQuaternion, TurnsAboutZThenYThenX) {
-  struct Row {
-    std::array<float, 3> angles;
-    Quaternion expected;
-  };
-  const float h = std::sqrt(0.5F);
-  for (const Row& row : {Row{{0, 0, 0}, {1, 0, 0, 0}}, Row{{kHalfPiF, 0, 0}, {h, 0, 0, h}},
-                         Row{{0, kHalfPiF, 0}, {h, 0, h, 0}}, Row{{0, 0, kHalfPiF}, {h, h, 0, 0}},
-                         Row{{kHalfPiF, kHalfPiF, 0}, {0.5F, -0.5F, 0.5F, 0.5F}},
-                         Row{{0, kHalfPiF, kHalfPiF}, {0.5F, 0.5F, 0.5F, -0.5F}},
-                         Row{{2 * kPiF, 0, 0}, {-1, 0, 0, 0}}}) {
-    const Quaternion got = EulerToQuaternion(row.angles.data());
-    for (std::size_t i = 0; i < 4; ++i) EXPECT_NEAR(got[i], row.expected[i], 1e-6) << i;
-  }
-}
-
 TEST(QuaternionToEuler, IsTheSameRotationAndTheSameAngles) {
   for (int i = 0; i < 17 * 15 * 17; ++i) {
     const std::array<float, 3> angles = {static_cast<float>(i % 17 - 8) * 0.39F,

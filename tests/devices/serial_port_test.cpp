@@ -112,6 +112,21 @@ TEST(SerialPort, ASecondOpenerIsRefusedUntilTheFirstCloses) {
   EXPECT_EQ(second.openFailure(), "");
 }
 
+TEST(SerialPort, NumbersOutsideTheRangeBecomeZero) {
+  PseudoTerminal far;
+  NameComPort(0, far);
+  for (const int number : {17, 20, -1, 0}) {
+    SerialPort port;
+    EXPECT_EQ(port.OpenPortNumber(number, 9600), 1) << number;
+    EXPECT_EQ(port.GetPortNumber(), 0) << number;
+  }
+  NameComPort(20, far);
+  SerialPort port;
+  EXPECT_EQ(port.OpenPort("COM20", 9600), 1);
+  EXPECT_EQ(port.GetPortNumber(), 0);
+  unsetenv("KINETREL_COM0");
+}
+
 // ---- Line ----------------------------------------------------------------------------------
 
 TEST_F(OpenSerialPort, RatesInShortFormCountHundreds) {

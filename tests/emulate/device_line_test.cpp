@@ -12,7 +12,7 @@ namespace {
 class Beacon final : public EmulatedDevice {
  public:
   std::string Name() const override { return "beacon"; }
-  void PowerOn(Moment now, DeviceLine&) override { ++starts, start_ = now, sent_ = 0; }
+  void PowerOn(Moment now, DeviceLine&) override { start_ = now, sent_ = 0; }
   void Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) override {
     line.SendReply(now, bytes);
   }
@@ -20,13 +20,6 @@ class Beacon final : public EmulatedDevice {
   void OnEvent(Moment now, DeviceLine& line) override {
     line.SendRecord(now, AsBytes(std::string(20, static_cast<char>('a' + sent_++ % 26))));
   }
-  bool RaiseError(Moment, std::optional<int> code) override {
-    error = code;
-    return code.has_value();
-  }
-
-  std::optional<int> error;
-  int starts = 0;
 
  private:
   Moment start_{0};
@@ -59,19 +52,6 @@ TEST(DeviceLine, BytesLeaveAtTenBitsEachInPieces) {
   EXPECT_EQ(pieces[1].when, milliseconds(260));
   EXPECT_EQ(pieces[2].when, milliseconds(300));  // the end of a record waits for nothing
   EXPECT_EQ(pieces[2].bytes, std::string(4, 'a'));
-}
-
-TEST(DeviceLine, AnHourLaterEveryRecordIsStillOnTime) {
-  DeviceBench bench = BeaconAt({115200});
-  std::size_t pieces = 0;
-  Moment last{0};
-  for (const auto& piece : bench.Watch(std::chrono::hours(1) + milliseconds(50))) {
-    pieces += 1;
-    last = piece.when;
-  }
-  EXPECT_EQ(pieces, 3U * 36000);
-  const Moment due = std::chrono::hours(1) + Moment(20 * 10'000'000'000LL / 115200);
-  EXPECT_NEAR(static_cast<double>((last - due).count()), 0, 1000);
 }
 
 // A process that is stopped (Ctrl-Z) and continued: the devices' time goes on from where it was.
@@ -132,23 +112,6 @@ INSTANTIATE_TEST_SUITE_P(
                     FaultCase{"Silence", {"silence:0.1@0.18s"}, Letters("a5a5c5c5d5d5")},
                     FaultCase{"AlwaysByChance", {"cut:2@100%"}, Letters("a1b1c1d1")}),
     [](const auto& row) { return std::string(row.param.name); });
-
-TEST(Faults, ReachTheDeviceAndThePort) {
-  DeviceBench bench = BeaconAt(With({"error:65@0.15s", "error@usr1", "restart@#3", "unplug:4@#5"}));
-  const auto& beacon = static_cast<const Beacon&>(bench->device());
-  bench.Collect(milliseconds(160));
-  EXPECT_EQ(beacon.error, 65);
-  bench->StrikeAll(bench.now(), FaultTrigger::ByFirst);
-  EXPECT_EQ(beacon.error, std::nullopt);
-  bench.Collect(milliseconds(160));
-  EXPECT_EQ(beacon.starts, 2);
-  EXPECT_FALSE(bench->TakePortFault());
-  bench.Collect(milliseconds(300));
-  const auto fault = bench->TakePortFault();
-  ASSERT_TRUE(fault);
-  EXPECT_EQ(Duration(*fault), seconds(4));
-  EXPECT_FALSE(bench->TakePortFault());
-}
 
 TEST(Faults, BadRulesAreRefused) {
   for (const char* const text :

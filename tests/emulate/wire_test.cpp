@@ -4,7 +4,6 @@
 
 #include "emulate/fastrak_emulator.h"
 #include "emulate/flock_emulator.h"
-#include "emulate/gps_emulator.h"
 #include "emulate/intertrax_emulator.h"
 #include "emulate/liberty_emulator.h"
 #include "emulate/logitech_emulator.h"
@@ -28,7 +27,6 @@ DeviceBench Fastrak(FastrakSettings settings, unsigned baud = 115200) {
 DeviceBench Flock(FlockSettings settings = {}) {
   return Bench<FlockEmulator>(settings, {91.44, -91.44, 182.88, 90, -45, 5 * 180.0 / 8192}, 115200);
 }
-DeviceBench Gps(GpsSettings settings = {}) { return Bench<GpsEmulator>(settings, {}, 9600); }
 DeviceBench Intertrax(IntertraxSettings settings = {}) {
   return Bench<IntertraxEmulator>(settings, {.azimuth = 90, .elevation = 45, .roll = -60}, 1200);
 }
@@ -74,42 +72,6 @@ TEST(WireStreams, HaveTheirRates) {
                 static_cast<double>(row.bytes), 48)
         << row.name;
   }
-}
-
-TEST(WireStreams, LibertyDropsWholeCyclesThatItsLineCannotCarry) {
-  DeviceBench unit = Liberty({.plugged = 7});
-  unit.Ask("F1\rO*,2,4,9\r");
-  const std::string stream = unit.Ask("C\r", seconds(1));
-  EXPECT_LT(stream.size() / 36, 3 * 240U);
-  for (std::size_t i = 0; i + 36 <= stream.size(); i += 36) {
-    ASSERT_EQ(stream.substr(i, 2), "LY");
-    ASSERT_EQ(stream[i + 2], static_cast<char>(1 + i / 36 % 3));
-  }
-}
-
-// How many packets of an identifier are in a stream; doubled bytes are no marks.
-int Count(const std::string& stream, char id) {
-  int count = 0;
-  for (std::size_t i = 0; i + 1 < stream.size(); ++i) {
-    if (stream[i] != '\x10') continue;
-    count += stream[i + 1] == id ? 1 : 0;
-    ++i;
-  }
-  return count;
-}
-
-TEST(WireStreams, GpsReportsByItselfAndHidesItsPositionWithoutAFix) {
-  EXPECT_EQ(Gps({.rate = 0.5}).Ask("\x10&\x10\x03\x10\x99\x10\x10\x01\x10\x03"),
-            "\x10\x46\0\0\x10\x03\x10\x4B\x5A\0\0\x10\x03"s);
-  DeviceBench receiver = Gps({.origin = {90 / 3.14159265358979, 0, 9}, .satellites = 1});
-  const std::string stream = receiver.Collect(milliseconds(9900));
-  EXPECT_EQ(stream.substr(0, 20),
-            "\x10\x4A\x3F\x00\x00\x00\x00\x00\x00\x00\x41\x10\x10\x00\x00\x00\x00\x00\x00\x47"s);
-  EXPECT_NEAR(Count(stream, '\x4A'), 49, 1);
-  for (const char id : {'\x41', '\x6D', '\x47', '\x5C'}) EXPECT_NEAR(Count(stream, id), 9, 1) << id;
-  receiver->Strike(receiver.now(), {FaultKind::Error, 3});
-  EXPECT_EQ(Count(receiver.Collect(milliseconds(2900)), '\x4A'), 0);
-  EXPECT_GT(Count(receiver.Collect(milliseconds(1000)), '\x4A'), 0);
 }
 
 TEST(WireFaults, ARestartForgetsWhatTheHostSet) {

@@ -127,60 +127,60 @@ TEST(Engine, CloseWaitsForAThreadThatWasToldToStopBefore) {
 struct PushCase {
   const char* name;
   std::function<void(StartConfig&)> edit;
-  int statusCode;
-  std::vector<std::string> calls;
+  int statusCode = 0;
+  const char* mask = "1";
+  const char* units = "1";
+  const char* sync = "0";
+  const char* offset = "0,0,0,0,0,0";     // as given
+  const char* corrected = "0,0,0,0,0,0";  // with the roll of all sensors
+  std::vector<std::string> last = {};
 };
 
-class ConfigurationPush : public testing::TestWithParam<PushCase> {};
-
-TEST_P(ConfigurationPush, ReachesTheDeviceInOrder) {
-  const PushCase& row = GetParam();
-  Script script;
-  script.statusCode = row.statusCode;
-  TrackerEngine engine(ScriptedFactory(script));
-  StartConfig config;
-  row.edit(config);
-  engine.Configure(config);
-  ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
-  std::vector<std::string> calls = script.Calls();
-  calls.erase(calls.begin(), calls.begin() + 2);  // OpenPortNumber, Boot
-  EXPECT_EQ(calls, row.calls);
+TEST(Engine, PushesTheConfigurationInOrder) {
+  const PushCase rows[] = {
+      {.name = "defaults", .edit = [](StartConfig&) {}},
+      {.name = "a roll given is taken back",
+       .edit = [](StartConfig& c) { c.transmitterOffset = {10, 0, 0, 0, 0, 0.5F}; },
+       .offset = "10,0,0,0,0,0.5",
+       .corrected = "10,0,0,0,0,0"},
+      {.name = "rolled and aligned",
+       .edit =
+           [](StartConfig& c) {
+             c.rollAll = 1;
+             c.sync = 2;
+             c.sensorMask = 5;
+             c.alignX = {1, 0, 0};
+             c.alignY = {0, 1, 0};
+           },
+       .mask = "5",
+       .sync = "2",
+       .corrected = "0,0,0,0,0,-3.14159",
+       .last = {"SetAlignment -1 1,0,0 0,1,0"}},
+      {.name = "a GPS receiver has its own units",
+       .edit = [](StartConfig&) {},
+       .statusCode = 0xC00,
+       .units = "2"}};
+  for (const PushCase& row : rows) {
+    Script script;
+    script.statusCode = row.statusCode;
+    TrackerEngine engine(ScriptedFactory(script));
+    StartConfig config;
+    row.edit(config);
+    engine.Configure(config);
+    ASSERT_EQ(engine.Open(3, 1, false), OpenResult::Opened);
+    std::vector<std::string> expected = {"SetSensorMask " + std::string(row.mask) + " 0",
+                                         "SetComponentMask 3",
+                                         "SetSensorOffset -1 " + std::string(row.offset),
+                                         "SetHemisphere -1 1,0,0",
+                                         "SetUnits " + std::string(row.units),
+                                         "SetSynchronization " + std::string(row.sync),
+                                         "SetSensorOffset -1 " + std::string(row.corrected)};
+    expected.insert(expected.end(), row.last.begin(), row.last.end());
+    std::vector<std::string> calls = script.Calls();
+    calls.erase(calls.begin(), calls.begin() + 2);  // OpenPortNumber, Boot
+    EXPECT_EQ(calls, expected) << row.name;
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Engine, ConfigurationPush,
-    testing::Values(
-        PushCase{"Defaults",
-                 [](StartConfig&) {},
-                 0,
-                 {"SetSensorMask 1 0", "SetComponentMask 3", "SetSensorOffset -1 0,0,0,0,0,0",
-                  "SetHemisphere -1 1,0,0", "SetUnits 1", "SetSynchronization 0",
-                  "SetSensorOffset -1 0,0,0,0,0,0"}},
-        PushCase{"RollGivenIsTakenBack",
-                 [](StartConfig& c) { c.transmitterOffset = {10, 0, 0, 0, 0, 0.5F}; },
-                 0,
-                 {"SetSensorMask 1 0", "SetComponentMask 3", "SetSensorOffset -1 10,0,0,0,0,0.5",
-                  "SetHemisphere -1 1,0,0", "SetUnits 1", "SetSynchronization 0",
-                  "SetSensorOffset -1 10,0,0,0,0,0"}},
-        PushCase{"RolledAndAligned",
-                 [](StartConfig& c) {
-                   c.rollAll = 1;
-                   c.sync = 2;
-                   c.sensorMask = 5;
-                   c.alignX = {1, 0, 0};
-                   c.alignY = {0, 1, 0};
-                 },
-                 0,
-                 {"SetSensorMask 5 0", "SetComponentMask 3", "SetSensorOffset -1 0,0,0,0,0,0",
-                  "SetHemisphere -1 1,0,0", "SetUnits 1", "SetSynchronization 2",
-                  "SetSensorOffset -1 0,0,0,0,0,-3.14159", "SetAlignment -1 1,0,0 0,1,0"}},
-        PushCase{"GpsHasItsOwnUnits",
-                 [](StartConfig&) {},
-                 0xC00,
-                 {"SetSensorMask 1 0", "SetComponentMask 3", "SetSensorOffset -1 0,0,0,0,0,0",
-                  "SetHemisphere -1 1,0,0", "SetUnits 2", "SetSynchronization 0",
-                  "SetSensorOffset -1 0,0,0,0,0,0"}}),
-    [](const auto& row) { return std::string(row.param.name); });
 
 TEST(Engine, ReportsStatusAndAlignmentWhenAsked) {
   Script script;

@@ -25,8 +25,11 @@ class Turning : public testing::TestWithParam<std::tuple<Offset, bool, bool>> {
  protected:
   Turning() {
     filter_.SetEulerOffset(Angles().data());
-    filter_.SetPreTransform(Pre());
-    filter_.SetSubtract(Subtract());
+    EXPECT_TRUE(filter_.SetAttributeInt(4, Pre() ? -3 : 0));
+    EXPECT_TRUE(filter_.SetAttributeInt(5, Subtract() ? 1 : 0));
+    int subtract = 9;
+    EXPECT_TRUE(filter_.GetAttributeInt(5, &subtract));
+    EXPECT_EQ(subtract, Subtract() ? 1 : 0);
   }
 
   const Xyz& Angles() { return std::get<0>(GetParam()).angles; }
@@ -126,6 +129,11 @@ TEST(OffsetFilter, AnOffsetAboutOneAxisIsAddedToThatAngleAlone) {
       EXPECT_NEAR(angles[i], expected, 1e-6) << axis << i;  // past pi, too
     }
     EXPECT_EQ(filter.orientation(), Quaternion{});
+    const Xyz before = angles;
+    Xyz p = {5, 5, 5};
+    filter.Enable(false);
+    filter.SetPositionEuler(p.data(), angles.data());
+    EXPECT_EQ(angles, before);
   }
 }
 
@@ -150,18 +158,6 @@ TEST(OffsetFilter, AnglesAreDegreesOutsideAndOneRotationWithTheQuaternion) {
   EXPECT_EQ(got, (std::array<float, 4>{2, 2, 0, 0}));  // as it was given
   ASSERT_TRUE(filter.GetAttributeFloatArray(2, 3, got.data()));
   EXPECT_NEAR(got[2], 90, 1e-4);
-}
-
-TEST(OffsetFilter, NumbersSwitchOnAndOff) {
-  OffsetFilter filter;
-  for (const int id : {4, 5}) {
-    int value = 9;
-    EXPECT_TRUE(filter.GetAttributeInt(id, &value));
-    EXPECT_EQ(value, id - 4);
-    EXPECT_TRUE(filter.SetAttributeInt(id, id == 4 ? -3 : 0));
-    EXPECT_TRUE(filter.GetAttributeInt(id, &value));
-    EXPECT_EQ(value, 5 - id);
-  }
 }
 
 // No refused call writes to the filter or to the caller's memory.
