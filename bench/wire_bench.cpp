@@ -101,8 +101,8 @@ class SleepyLine final : public Handover {
   SerialPort port_;
 };
 
-void WireToClient(Report& report, const Row& row, double limit) {
-  const std::string item = std::string(row.device) + ": wire to client, over poll + read";
+void WireToClient(Report& report, const Row& row, const char* what, double limit) {
+  const std::string item = std::string(row.device) + what;
   RestedLine bare;
   Tracker tracker(row);
   const HandoverFigures figures = MeasureHandover(
@@ -165,22 +165,29 @@ void ForEachDevice(Report& report, void (*measure)(Report& report, const Row& ro
 // or a bare poll.
 void MeasureAsleep(Report& report) {
   ForEachDevice(report, [](Report& all, const Row& row) {
-    WireToClient(all, row, row.streaming ? 1.35 : 1.6);
+    WireToClient(all, row, ": wire to client, over poll + read", row.streaming ? 1.35 : 1.6);
     Calls(all, row);
   });
   Sleepy(report);
 }
 
 void MeasureAwake(Report& report) {
-  ForEachDevice(report, [](Report& all, const Row& row) { WireToClient(all, row, 2); });
+  const WakefulCpus wakeful;
+  report.Note(wakeful.note());
+  ForEachDevice(report, [](Report& all, const Row& row) {
+    WireToClient(all, row, ": the same with CPUs kept awake", 2);
+  });
+}
+
+void Measure(Report& report) {
+  MeasureAsleep(report);
+  MeasureAwake(report);
 }
 
 }  // namespace
 }  // namespace kinetrel::bench
 
 int main() {
-  using namespace kinetrel::bench;
-  const int asleep = RunBenchmark("bench-wire", MeasureAsleep, IdleCpus::AsEver);
-  const int awake = RunBenchmark("bench-wire, CPUs kept awake", MeasureAwake);
-  return asleep == 1 || awake == 1 ? 1 : std::max(asleep, awake);
+  return kinetrel::bench::RunBenchmark("bench-wire", kinetrel::bench::Measure,
+                                       kinetrel::bench::IdleCpus::AsEver);
 }
