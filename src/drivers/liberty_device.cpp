@@ -150,6 +150,7 @@ void LibertyDevice::ReadStationMap() {
   const int result = pdiDevice_.GetStationMap(stationMap_);
   stationMap_ &= kStationBits;
   sensorMask_ = stationMap_;
+  if (wantedStations_ == 0) wantedStations_ = stationMap_;
   LogResult(result, "GetStationMap");
   Post(statusLog_, StatusCode::Report, "ActiveStationMap: %#x", stationMap_);
 }
@@ -196,8 +197,8 @@ unsigned LibertyDevice::ReadFrame(double* sampleTime) {
   if (!WaitForFrame()) return 0;
   const double time = ElapsedSeconds();
   if (sampleTime != nullptr) *sampleTime = time;
-  TellRecords(stationMap_, time);
-  return stationMap_;
+  TellRecords(frameStations_, time);
+  return frameStations_;
 }
 
 bool LibertyDevice::WaitForFrame() {
@@ -216,15 +217,64 @@ bool LibertyDevice::TakeFrame() {
   const std::uint8_t* bytes = nullptr;
   std::uint32_t size = 0;
   if (pdiDevice_.LastPnoPtr(bytes, size) == 0 || bytes == nullptr || size == 0) return false;
-  // The library's size is not trusted beyond what the active stations send.
-  const std::size_t limit = std::min(expectedFrameSize_, frame_.size());
-  const auto frame = std::as_bytes(std::span(bytes, std::min<std::size_t>(size, limit)));
+  // A size beyond that of all stations is false. Then the library gets credit for what the active
+  // stations send.
+  const bool plausible = size <= kMostStations * layout_.recordSize;
+  const auto frame = std::as_bytes(std::span(bytes, plausible ? size : expectedFrameSize_));
   const auto count = LibertyFrameCount(layout_, frame);
   if (!count || *count == lastFrameCount_) return false;
-  std::ranges::copy(frame, frame_.begin());
-  frameSize_ = frame.size();
   lastFrameCount_ = *count;
-  return true;
+  StoreRecords(frame);
+  WatchStations();
+  return frameStations_ != 0;
+}
+
+// The headers tell the stations. If they do not, the records are those of the active stations.
+void LibertyDevice::StoreRecords(std::span<const std::byte> frame) {
+  std::array<int, kMostStations> room{};
+  const auto stations = std::span(room).first(frame.size() / layout_.recordSize);
+  const bool named = ReadLibertyStations(layout_, frame, stations);
+  frameStations_ = 0;
+  for (std::size_t i = 0; i < stations.size(); ++i) {
+    const int station = named ? stations[i] : StationOf(static_cast<int>(i));
+    if (!HasStation(stationMap_ | wantedStations_, station)) continue;
+    Record& record = records_[static_cast<std::size_t>(station)];
+    std::ranges::copy(frame.subspan(i * layout_.recordSize, layout_.recordSize),
+                      record.bytes.begin());
+    record.at = ClockTicks();
+    frameStations_ |= StationBit(station);
+  }
+  AddStations(frameStations_ & ~stationMap_);
+}
+
+void LibertyDevice::AddStations(std::uint32_t stations) {
+  if (stations == 0) return;
+  stationMap_ |= stations;
+  sensorMask_ |= stations;
+  activeStationCount_ = std::popcount(stationMap_);
+  expectedFrameSize_ = static_cast<std::size_t>(activeStationCount_) * layout_.recordSize;
+}
+
+void LibertyDevice::WatchStations() {
+  const std::int64_t now = ClockTicks();
+  for (std::size_t i = 0; i < records_.size(); ++i) {
+    Record& record = records_[i];
+    if (record.at == 0) continue;
+    record.held = (now - record.at) * 1000 / ClockTicksPerSecond() <= kHoldMs;
+    if (record.lost != record.held) continue;
+    record.lost = !record.held;
+    if (statusLog_ == nullptr) continue;
+    Announce(*statusLog_, "\n\t", StatusCode::Report, "Sensor %d of %s %s.",
+             static_cast<int>(i) + 1, deviceName_, record.lost ? "sends nothing" : "is back");
+  }
+}
+
+// The station (from 0) of a packed record; -1 for a record that is not active.
+int LibertyDevice::StationOf(int record) const {
+  for (int station = 0; record >= 0 && station < static_cast<int>(kMostStations); ++station) {
+    if (HasStation(stationMap_, station) && record-- == 0) return station;
+  }
+  return -1;
 }
 
 void LibertyDevice::Poll() {
@@ -246,7 +296,10 @@ void LibertyDevice::StartContinuous() {
 unsigned LibertyDevice::SetSensorMask(unsigned mask, int) {
   StopStream();
   const std::lock_guard lock(pdiLock_);
-  if (pdiDevice_.SetStationMap(mask) != 0) sensorMask_ = mask;
+  if (pdiDevice_.SetStationMap(mask) != 0) {
+    sensorMask_ = mask;
+    wantedStations_ = mask & kStationBits;
+  }
   RefreshStations();
   return sensorMask_;
 }
@@ -275,7 +328,7 @@ void LibertyDevice::LayOutRecord() {
   const auto items = static_cast<std::size_t>(motionList_.NumItems());
   layout_ = LibertyLayoutOf(std::span(motionList_.items(), items));
   expectedFrameSize_ = static_cast<std::size_t>(activeStationCount_) * layout_.recordSize;
-  frameSize_ = 0;
+  records_ = {};
 }
 
 // ---- Settings ------------------------------------------------------------------------------
@@ -430,9 +483,10 @@ int LibertyDevice::GetFrameRate() {
 // ---- Records -------------------------------------------------------------------------------
 
 bool LibertyDevice::ReadFloats(int sensor, std::size_t offset, std::span<float> into) {
-  if (frameSize_ == 0 || sensor < 0 || sensor >= activeStationCount_) return false;
-  return ReadLibertyFloats(layout_, std::span(frame_).first(frameSize_),
-                           static_cast<std::size_t>(sensor), offset, into);
+  const int station = StationOf(sensor);
+  if (station < 0 || !records_[static_cast<std::size_t>(station)].held) return false;
+  return ReadLibertyFloats(layout_, records_[static_cast<std::size_t>(station)].bytes, 0, offset,
+                           into);
 }
 
 float* LibertyDevice::GetSensorOffset(int) { return zeroOffset_.data(); }

@@ -50,7 +50,8 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
 
   // Waits for a frame with a new counter, for about 500 ms in steps of 1 ms.
   //
-  // Returns  the mask of the active stations; 0 when no frame came or no tracker is connected.
+  // Returns  the stations in the frame; 0 when no frame came or no tracker is connected. A station
+  //          without a record keeps its last one for kHoldMs; then it has none until it is back.
   unsigned ReadFrame(double* sampleTime) override;
   void Poll() override;  // ends continuous output; ReadFrame then asks for each frame
   void StartContinuous() override;
@@ -97,7 +98,17 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
 
  private:
   static constexpr std::size_t kMostStations = 16;
-  static constexpr std::size_t kLongestFrame = kMostStations * 64;
+  static constexpr std::size_t kLongestRecord = 64;
+  static constexpr std::int64_t kHoldMs = 1500;
+
+  // The last record of a station: a copy, because the library's memory is valid only until its next
+  // call.
+  struct Record {
+    std::array<std::byte, kLongestRecord> bytes{};
+    std::int64_t at = 0;  // ticks, when it came
+    bool held = false;    // came within kHoldMs
+    bool lost = false;    // was reported as missing
+  };
 
   void Connect();
   void ReportBitErrors();
@@ -108,6 +119,10 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   void LayOutRecord();
   bool WaitForFrame();
   bool TakeFrame();
+  void StoreRecords(std::span<const std::byte> frame);
+  void AddStations(std::uint32_t stations);
+  void WatchStations();
+  int StationOf(int record) const;
   int Align(int sensor, const float origin[3], const float xAxis[3], const float yAxis[3]);
   bool LogResult(int result, const char* call);
   bool ReadFloats(int sensor, std::size_t offset, std::span<float> into);
@@ -126,9 +141,9 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   Pose zeroOffset_{};
   Pose poseOut_{};
   Quaternion quaternionOut_ = kIdentityQuaternion;
-  // A copy, because the library's memory is valid only until its next call.
-  std::array<std::byte, kLongestFrame> frame_{};
-  std::size_t frameSize_ = 0;  // 0: no frame
+  std::array<Record, kMostStations> records_{};
+  std::uint32_t frameStations_ = 0;   // of the last frame
+  std::uint32_t wantedStations_ = 0;  // as last set; unplugged sensors are waited for
   std::uint32_t lastFrameCount_ = 0xFFFFFFFF;
   bool paused_ = false;
   PeriodicTimer frameTimer_;

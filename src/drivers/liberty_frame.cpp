@@ -62,6 +62,19 @@ std::optional<std::uint32_t> LibertyFrameCount(const LibertyLayout& layout,
   return wire.Ok() ? std::optional(count) : std::nullopt;
 }
 
+bool ReadLibertyStations(const LibertyLayout& layout, std::span<const std::byte> frame,
+                         std::span<int> stations) {
+  constexpr std::size_t kStationByte = 2;
+  constexpr int kStations = 16;
+  int last = -1;
+  for (std::size_t i = 0; i < stations.size(); ++i) {
+    const int station = std::to_integer<int>(frame[i * layout.recordSize + kStationByte]) - 1;
+    if (station <= last || station >= kStations) return false;
+    stations[i] = last = station;
+  }
+  return true;
+}
+
 bool ReadLibertyFloats(const LibertyLayout& layout, std::span<const std::byte> frame,
                        std::size_t index, std::size_t offset, std::span<float> into) {
   if (offset == 0 || offset + into.size() * sizeof(float) > layout.recordSize) return false;

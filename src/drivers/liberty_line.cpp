@@ -7,10 +7,12 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "drivers/liberty_frame.h"
 #include "drivers/liberty_wire.h"
+#include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/serial_line.h"
 
@@ -21,6 +23,7 @@ constexpr Milliseconds kAnswerTime{300};
 constexpr Milliseconds kSilence{200};
 constexpr Milliseconds kLongestDrain{700};
 constexpr int kTries = 3;
+constexpr std::int64_t kLookPeriod = 3000;  // ms between two looks for sensors that came back
 constexpr std::uint8_t kStationsCommand = 'U' & 0x1F;
 constexpr std::uint8_t kBitCommand = 'T' & 0x1F;
 constexpr std::size_t kMostItems = 20;
@@ -38,6 +41,8 @@ std::string ListText(std::span<const float> values) {
   }
   return text;
 }
+
+std::int64_t NowMs() { return ClockTicks() / (ClockTicksPerSecond() / 1000); }
 
 std::uint32_t WordAt(std::span<const std::uint8_t> bytes) {
   std::uint32_t word = 0;
@@ -94,14 +99,14 @@ class SerialLiberty final : public LibertyTracker {
     if (!answer || answer->size() < 4) return false;
     map = WordAt(*answer);
     active_ = map & 0xFFFF;  // the upper half holds the stations that have a sensor
+    if (wanted_ == 0) wanted_ = active_;
     LayOut();
     return true;
   }
 
   bool SetStations(std::uint32_t map) override {
-    char text[32];
-    std::snprintf(text, sizeof text, "%c0,%X\r", kStationsCommand, map & 0xFFFF);
-    return Send(text);
+    wanted_ = map & 0xFFFF;
+    return Activate(wanted_);
   }
 
   int MostStations() override { return static_cast<int>(kLibertyStations); }
@@ -120,7 +125,8 @@ class SerialLiberty final : public LibertyTracker {
   bool LastFrame(const std::uint8_t*& frame, std::uint32_t& size) override {
     if (!line_) return false;
     ReadArrived();
-    const auto cycle = cycles_.Take();
+    LookForReturns();
+    const auto cycle = cycles_.Take(NowMs());
     frame = cycle.data();
     size = static_cast<std::uint32_t>(cycle.size());
     return !cycle.empty();
@@ -205,6 +211,29 @@ class SerialLiberty final : public LibertyTracker {
     return LibertyLayoutOf(items_).recordSize * static_cast<std::size_t>(std::popcount(active_));
   }
 
+  bool Activate(std::uint32_t stations) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%c0,%X\r", kStationsCommand, stations);
+    return Send(text);
+  }
+
+  // A sensor may be plugged in again at any time, but the tracker does not make its station active.
+  // The answer to the question comes among the poses.
+  void LookForReturns() {
+    if (returning_ != 0) Activate(std::exchange(returning_, 0));
+    const std::int64_t now = NowMs();
+    if (now < nextLook_ || cycles_.Missing(now) == 0) return;
+    nextLook_ = now + kLookPeriod;
+    Send(std::string(1, kStationsCommand) + "0\r");
+  }
+
+  void NoteStations(std::span<const std::uint8_t> answer) {
+    if (answer.size() < 4) return;
+    const std::uint32_t map = WordAt(answer);
+    const std::uint32_t back = wanted_ & map >> 16 & ~map;
+    returning_ = back != 0 ? (map & 0xFFFF) | back : 0;
+  }
+
   // False when the tracker did not take the text. A line that has gone is closed.
   bool Send(const std::string& text) {
     if (!line_) return false;
@@ -223,9 +252,11 @@ class SerialLiberty final : public LibertyTracker {
       reader_.Took(*got);
       while (const auto frame = reader_.Next()) {
         if (frame->IsPose()) {
-          cycles_.Add(*frame);
+          cycles_.Add(*frame, NowMs());
         } else if (answer != nullptr && frame->command == command) {
           answer->emplace(frame->body().begin(), frame->body().end());
+        } else if (frame->command == kStationsCommand) {
+          NoteStations(frame->body());
         }
       }
     }
@@ -281,14 +312,18 @@ class SerialLiberty final : public LibertyTracker {
   void LayOut() {
     const LibertyLayout layout = LibertyLayoutOf(items_);
     reader_.SetRecordSize(layout.recordSize);
-    cycles_.SetLayout(active_, layout.recordSize, layout.frameCount);
+    cycles_.SetLayout(layout.recordSize, layout.frameCount);
+    cycles_.SetStations(wanted_, NowMs());
   }
 
   std::optional<SerialLine> line_;
   LibertyFrameReader reader_;
   LibertyCycles cycles_;
   std::vector<std::int32_t> items_;
-  std::uint32_t active_ = 0;
+  std::uint32_t active_ = 0;     // as the tracker reported
+  std::uint32_t wanted_ = 0;     // as the program asked for; unplugged sensors are waited for
+  std::uint32_t returning_ = 0;  // to be made active, with those that are; 0: none
+  std::int64_t nextLook_ = 0;    // ms
   unsigned baud_ = 0;
   int fitted_ = 0;       // the code of the rate that FitRate set
   int rate_ = 0;         // the code that the program set; 0: none

@@ -1,7 +1,6 @@
 #include "drivers/liberty_wire.h"
 
 #include <algorithm>
-#include <bit>
 
 namespace kinetrel {
 namespace {
@@ -55,14 +54,18 @@ std::optional<LibertyFrame> LibertyFrameReader::Next() {
 
 // ---- Cycles --------------------------------------------------------------------------------
 
-void LibertyCycles::SetLayout(std::uint32_t active, std::size_t recordSize,
-                              std::size_t counterOffset) {
+void LibertyCycles::SetLayout(std::size_t recordSize, std::size_t counterOffset) {
   const bool fits = recordSize <= kLongestRecord && counterOffset + 4 <= recordSize;
-  active_ = fits ? active : 0;
-  recordSize_ = recordSize;
+  recordSize_ = fits ? recordSize : 0;
   counterOffset_ = counterOffset;
   have_ = 0;
   made_ = taken_ = 0;
+}
+
+void LibertyCycles::SetStations(std::uint32_t active, std::int64_t nowMs) {
+  active_ = active;
+  lastPose_.fill(nowMs);
+  misses_.fill(0);
 }
 
 std::uint32_t LibertyCycles::CounterOf(std::span<const std::uint8_t> record) const {
@@ -73,28 +76,62 @@ std::uint32_t LibertyCycles::CounterOf(std::span<const std::uint8_t> record) con
   return counter;
 }
 
-void LibertyCycles::Add(const LibertyFrame& pose) {
-  const std::uint32_t bit = pose.station == 0 ? 0 : 1U << (pose.station - 1);
-  if ((active_ & bit) == 0 || pose.bytes.size() != recordSize_) return;
+// A station that was missing for some cycles is not waited for, until it delivers again.
+std::uint32_t LibertyCycles::Expected() const {
+  std::uint32_t expected = 0;
+  for (std::size_t i = 0; i < kLibertyStations; ++i) {
+    if (misses_[i] < kMissesToExpectNoMore) expected |= active_ & 1U << i;
+  }
+  return expected;
+}
+
+void LibertyCycles::Add(const LibertyFrame& pose, std::int64_t nowMs) {
+  if (pose.station == 0 || recordSize_ == 0 || pose.bytes.size() != recordSize_) return;
+  const std::size_t place = pose.station - 1;
+  if ((active_ >> place & 1) == 0) return;
   const std::uint32_t counter = CounterOf(pose.bytes);
-  if (have_ != 0 && counter != counter_) have_ = 0;  // the cycle before is incomplete
+  if (have_ != 0 && counter != counter_) Close();
+  if (have_ == 0) began_ = nowMs;
   counter_ = counter;
-  const auto place = static_cast<std::size_t>(std::popcount(active_ & (bit - 1))) * recordSize_;
   std::ranges::copy(pose.bytes,
-                    cycles_[made_ % kKept].begin() + static_cast<std::ptrdiff_t>(place));
-  have_ |= bit;
-  if (have_ != active_) return;
+                    collected_.begin() + static_cast<std::ptrdiff_t>(place * kLongestRecord));
+  have_ |= 1U << place;
+  lastPose_[place] = nowMs;
+  if ((Expected() & ~have_) == 0) Close();
+}
+
+void LibertyCycles::Close() {
+  Cycle& cycle = cycles_[made_ % kKept];
+  cycle.size = 0;
+  for (std::size_t i = 0; i < kLibertyStations; ++i) {
+    if ((active_ >> i & 1) == 0) continue;
+    const bool has = (have_ >> i & 1) != 0;
+    misses_[i] = has ? 0 : std::min(misses_[i] + 1, kMissesToExpectNoMore);
+    if (!has) continue;
+    std::copy_n(collected_.begin() + static_cast<std::ptrdiff_t>(i * kLongestRecord), recordSize_,
+                cycle.bytes.begin() + static_cast<std::ptrdiff_t>(cycle.size));
+    cycle.size += recordSize_;
+  }
   have_ = 0;
   ++made_;
-  // One place is being filled, and the caller may still read another.
+  // The place that is filled next must not be the one that the caller may still read.
   if (made_ - taken_ > kKept - 2) taken_ = made_ - (kKept - 2);
 }
 
-std::span<const std::uint8_t> LibertyCycles::Take() {
+std::span<const std::uint8_t> LibertyCycles::Take(std::int64_t nowMs) {
+  if (have_ != 0 && nowMs - began_ > kTimeOut) Close();
   if (made_ == 0) return {};
   if (taken_ < made_) ++taken_;
-  const auto length = static_cast<std::size_t>(std::popcount(active_)) * recordSize_;
-  return std::span(cycles_[(taken_ - 1) % kKept]).first(length);
+  const Cycle& cycle = cycles_[(taken_ - 1) % kKept];
+  return std::span(cycle.bytes).first(cycle.size);
+}
+
+std::uint32_t LibertyCycles::Missing(std::int64_t nowMs) const {
+  std::uint32_t missing = 0;
+  for (std::size_t i = 0; i < kLibertyStations; ++i) {
+    if (nowMs - lastPose_[i] > kSilence) missing |= active_ & 1U << i;
+  }
+  return missing;
 }
 
 }  // namespace kinetrel

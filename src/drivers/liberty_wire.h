@@ -58,31 +58,52 @@ class LibertyFrameReader {
   std::size_t recordSize_ = 0;
 };
 
-// Collects the poses of one cycle in the order of the active stations. A cycle that lacks a station
-// is dropped, because a record's place tells its station. Keeps the newest cycles for a late
-// caller.
+// Collects the poses of a cycle, in the order of the stations. Sensors may be unplugged at any
+// time: a cycle closes when all stations that deliver are in, when the next cycle begins, or by
+// time-out. The newest cycles are kept for a late caller.
 class LibertyCycles {
  public:
+  static constexpr std::int64_t kTimeOut = 25;    // ms; the slowest cycle takes 8.3 ms
+  static constexpr std::int64_t kSilence = 1000;  // ms after which a station counts as missing
+
   // counterOffset  of the frame count, which is the same in all poses of a cycle.
-  void SetLayout(std::uint32_t active, std::size_t recordSize, std::size_t counterOffset);
-  void Add(const LibertyFrame& pose);
+  void SetLayout(std::size_t recordSize, std::size_t counterOffset);
+
+  // The stations whose poses are taken; bit 0 is station 1.
+  void SetStations(std::uint32_t active, std::int64_t nowMs);
+
+  void Add(const LibertyFrame& pose, std::int64_t nowMs);
 
   // The oldest cycle that was not handed out yet, or the last one again; empty before the first.
-  std::span<const std::uint8_t> Take();
+  std::span<const std::uint8_t> Take(std::int64_t nowMs);
+
+  // The active stations without a pose for kSilence.
+  std::uint32_t Missing(std::int64_t nowMs) const;
 
  private:
   static constexpr std::size_t kKept = 128;  // half a second at 240 Hz
   static constexpr std::size_t kLongestRecord = 128;
-  using Cycle = std::array<std::uint8_t, kLibertyStations * kLongestRecord>;
+  static constexpr int kMissesToExpectNoMore = 10;  // cycles
+  using Records = std::array<std::uint8_t, kLibertyStations * kLongestRecord>;
+  struct Cycle {
+    Records bytes;
+    std::size_t size = 0;
+  };
 
   std::uint32_t CounterOf(std::span<const std::uint8_t> record) const;
+  std::uint32_t Expected() const;
+  void Close();
 
   std::array<Cycle, kKept> cycles_{};
-  std::uint64_t made_ = 0;  // complete cycles; the next one is collected in place made_ % kKept
-  std::uint64_t taken_ = 0;
-  std::uint32_t active_ = 0;
-  std::uint32_t have_ = 0;  // stations of the cycle that is being collected
+  std::uint64_t made_ = 0;   // closed cycles; the next one goes to place made_ % kKept
+  std::uint64_t taken_ = 0;  // cycles handed out or skipped
+  Records collected_{};      // the poses of the open cycle, by station
+  std::uint32_t have_ = 0;   // their stations
   std::uint32_t counter_ = 0;
+  std::int64_t began_ = 0;  // ms, the open cycle
+  std::uint32_t active_ = 0;
+  std::array<std::int64_t, kLibertyStations> lastPose_{};  // ms, by station
+  std::array<int, kLibertyStations> misses_{};             // closed cycles in a row without a pose
   std::size_t recordSize_ = 0;
   std::size_t counterOffset_ = 0;
 };

@@ -65,10 +65,10 @@ struct PdiTable {
   // the library cannot do this.
   std::int32_t (*requestPno)(PdiDevice* device);
 
-  // Returns a frame: one record per active station in the order of their numbers. A record is an
-  // 8-byte header and the items, little-endian. Without a new frame the last one is returned again.
-  // Does not wait and allocates nothing. A library may keep frames back and return one per call, so
-  // that a late caller misses none.
+  // Returns a frame: one record per station that delivered, in the order of their numbers. A record
+  // is an 8-byte header, whose third byte is the station, and the items, little-endian. Without a
+  // new frame the last one is returned again. Does not wait and allocates nothing. A library may
+  // keep frames back and return one per call, so that a late caller misses none.
   std::int32_t (*lastPnoPtr)(PdiDevice* device, const std::uint8_t** frame, std::uint32_t* size);
 
   // ---- Settings ------------------------------------------------------------------------------

@@ -124,8 +124,8 @@ INSTANTIATE_TEST_SUITE_P(
         Fails("CnxReady", Outcome::DoesNotStart), Fails("SetSerialIF", Outcome::FramesCome),
         Fails("DiscoverCnx", Outcome::DoesNotStart), Fails("Disconnect", Outcome::FramesCome),
         Fails("SetSDataList", Outcome::NoFrames), Fails("GetBITErrs", Outcome::FramesCome),
-        Fails("ClearBITErrs", Outcome::FramesCome), Fails("GetStationMap", Outcome::NoFrames),
-        Fails("SetStationMap", Outcome::FramesCome), Fails("MaxSensors", Outcome::NoFrames),
+        Fails("ClearBITErrs", Outcome::FramesCome), Fails("GetStationMap", Outcome::FramesCome),
+        Fails("SetStationMap", Outcome::FramesCome), Fails("MaxSensors", Outcome::FramesCome),
         Fails("StartContPno", Outcome::NoFrames), Fails("StopContPno", Outcome::FramesCome),
         Fails("RequestPno", Outcome::NoFrames), Fails("LastPnoPtr", Outcome::NoFrames),
         Fails("SetFrameRate", Outcome::FramesCome), Fails("GetFrameRate", Outcome::FramesCome),
@@ -148,7 +148,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Frames("MovingFrame", "move@20", Outcome::FramesCome),
                     Frames("ConnectionLostForAWhile", "lost@20+50", Outcome::FramesCome),
                     Frames("ConnectionLost", "lost@20", Outcome::NoFrames),
-                    Trouble{"MapWithoutStations", "KINETREL_PDI_MAP", "0", Outcome::NoFrames},
+                    Trouble{"MapWithoutStations", "KINETREL_PDI_MAP", "0", Outcome::FramesCome},
                     Trouble{"MapWithAllStations", "KINETREL_PDI_MAP", "0xFFFFFFFF",
                             Outcome::FramesCome}),
     [](const auto& row) { return std::string(row.param.name); });
@@ -180,6 +180,20 @@ TEST_F(LibertyProgram, TwoStationsUseTheRateThatTheLineCarries) {
   // Each cycle is published twice, for each of its stations.
   const double frames = static_cast<double>(run_->block().frameCount - from) / 2;
   EXPECT_NEAR(frames, static_cast<double>(ramp() - first), kMayLoseFrames ? 200 : 1.5);
+  EXPECT_EQ(run_->Stop(), 0);
+}
+
+// The tracker leaves a sensor that was plugged in again inactive.
+TEST_F(LibertyProgram, AnUnpluggedSensorStopsNoOtherAndComesBack) {
+  StartEmulator({"--stations=2", "--unplug=2"});
+  Start({}, {"-s0x3"});
+  ASSERT_TRUE(run_->FramesPass(10)) << run_->error();
+  ASSERT_TRUE(ExpectError("Sensor 2 of Polhemus Liberty sends nothing")) << run_->error();
+  ASSERT_TRUE(run_->FramesPass(10));
+  EXPECT_NE(RampFrame(run_->block().poses[0][0], run_->block().poses[0][2]), 0U);
+  ASSERT_TRUE(ExpectError("Sensor 2 of Polhemus Liberty is back")) << run_->error();
+  ASSERT_TRUE(run_->FramesPass(10));
+  EXPECT_EQ(run_->error().find("nothing usable"), std::string::npos) << run_->error();
   EXPECT_EQ(run_->Stop(), 0);
 }
 

@@ -83,26 +83,30 @@ INSTANTIATE_TEST_SUITE_P(
 
 // ---- Cycles --------------------------------------------------------------------------------
 
+// Stations 1 and 3 are active.
 class LibertyCyclesOfTwo : public testing::Test {
  protected:
-  LibertyCyclesOfTwo() { cycles_.SetLayout(0b101, kRecord, kCounter); }
+  LibertyCyclesOfTwo() {
+    cycles_.SetLayout(kRecord, kCounter);
+    cycles_.SetStations(0b101, now_);
+  }
 
   void Add(char station, char count) {
     const std::string pose = Pose(station, count);
     const std::vector<std::uint8_t> bytes(pose.begin(), pose.end());
-    cycles_.Add({static_cast<unsigned>(station), 'C', 0, bytes});
+    cycles_.Add({static_cast<unsigned>(station), 'C', 0, bytes}, now_);
   }
-  // The counts of the cycle's records; each is at its place.
+  // Station and count of the cycle's records.
   std::string Take() {
-    const auto cycle = cycles_.Take();
-    std::string counts;
+    const auto cycle = cycles_.Take(now_);
+    std::string records;
     for (std::size_t i = 0; i < cycle.size(); i += kRecord) {
-      EXPECT_EQ(cycle[i + 2], i == 0 ? 1 : 3);
-      counts += std::to_string(cycle[i + kCounter]) + " ";
+      records += std::to_string(cycle[i + 2]) + ":" + std::to_string(cycle[i + kCounter]) + " ";
     }
-    return counts;
+    return records;
   }
 
+  std::int64_t now_ = 1000;  // ms
   LibertyCycles cycles_;
 };
 
@@ -112,22 +116,38 @@ TEST_F(LibertyCyclesOfTwo, AreReturnedInOrderAndTheLastAgain) {
   EXPECT_EQ(Take(), "");
   Add(3, 4);
   Add(3, 5);
+  Add(2, 5);  // not active
   Add(1, 5);
-  EXPECT_EQ(Take(), "4 4 ");
-  EXPECT_EQ(Take(), "5 5 ");
-  EXPECT_EQ(Take(), "5 5 ");
+  EXPECT_EQ(Take(), "1:4 3:4 ");
+  EXPECT_EQ(Take(), "1:5 3:5 ");
+  EXPECT_EQ(Take(), "1:5 3:5 ");
 }
 
-TEST_F(LibertyCyclesOfTwo, ACycleWithoutAStationIsDropped) {
+TEST_F(LibertyCyclesOfTwo, CloseWithoutAStationWhenTheNextBeginsOrByTimeOut) {
   Add(1, 4);
   Add(1, 5);
-  Add(2, 5);  // not active
-  Add(3, 5);
+  EXPECT_EQ(Take(), "1:4 ");
+  now_ += LibertyCycles::kTimeOut + 1;
+  EXPECT_EQ(Take(), "1:5 ");
   Add(3, 6);
-  Add(1, 7);
-  Add(3, 7);
-  EXPECT_EQ(Take(), "5 5 ");
-  EXPECT_EQ(Take(), "7 7 ");
+  Add(1, 6);
+  EXPECT_EQ(Take(), "1:6 3:6 ");
+}
+
+TEST_F(LibertyCyclesOfTwo, DoNotWaitForAMissingStationUntilItReturns) {
+  char count = 0;
+  while (count < 11) Add(1, ++count);
+  while (Take() != "1:10 ") ASSERT_GT(count, 0);
+  Add(1, ++count);
+  EXPECT_EQ(Take(), "1:11 ");
+  EXPECT_EQ(Take(), "1:12 ");  // at once
+  EXPECT_EQ(cycles_.Missing(now_), 0U);
+  now_ += LibertyCycles::kSilence + 1;
+  EXPECT_EQ(cycles_.Missing(now_), 0b101U);
+  Add(3, 13);
+  EXPECT_EQ(cycles_.Missing(now_), 0b001U);
+  Add(1, 13);
+  EXPECT_EQ(Take(), "1:13 3:13 ");
 }
 
 TEST_F(LibertyCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
@@ -135,10 +155,10 @@ TEST_F(LibertyCyclesOfTwo, ALateCallerGetsTheNewestHalfSecond) {
     Add(1, static_cast<char>(i));
     Add(3, static_cast<char>(i));
   }
-  EXPECT_EQ(Take(), "74 74 ");
+  EXPECT_EQ(Take(), "1:74 3:74 ");
   for (int i = 0; i < 124; ++i) Take();
-  EXPECT_EQ(Take(), "199 199 ");
-  EXPECT_EQ(Take(), "199 199 ");
+  EXPECT_EQ(Take(), "1:199 3:199 ");
+  EXPECT_EQ(Take(), "1:199 3:199 ");
 }
 
 }  // namespace

@@ -40,7 +40,9 @@ void ReadLine(std::uint8_t active, std::size_t body, std::span<const std::uint8_
   const std::size_t record = kLibertyHeaderSize + body;
   reader.Clear();
   reader.SetRecordSize(record);
-  cycles.SetLayout(active, record, body >= 4 ? record - 4 : 0);
+  cycles.SetLayout(record, body >= 4 ? record - 4 : 0);
+  cycles.SetStations(active, 0);
+  std::int64_t now = 0;
   std::size_t piece = 1;
   while (!bytes.empty()) {
     const auto room = reader.Room();
@@ -51,9 +53,9 @@ void ReadLine(std::uint8_t active, std::size_t body, std::span<const std::uint8_
     bytes = bytes.subspan(count);
     while (const auto frame = reader.Next()) {
       Require(frame->bytes.size() >= kLibertyHeaderSize && frame->station <= kLibertyStations);
-      if (frame->IsPose()) cycles.Add(*frame);
+      if (frame->IsPose()) cycles.Add(*frame, now);
     }
-    const auto cycle = cycles.Take();
+    const auto cycle = cycles.Take(now += 7);
     Require(cycle.size() % record == 0);
   }
 }

@@ -171,7 +171,7 @@ void LibertyEmulator::Counters(Moment now, std::string_view, DeviceLine&) {
 void LibertyEmulator::Stations(Moment now, std::string_view values, DeviceLine& line) {
   const std::string_view station = NextField(values, ',');
   if (station == "0" && values.empty()) {
-    return AnswerNumber(now, Control('U'), settings_.plugged << 16 | active_, line);
+    return AnswerNumber(now, Control('U'), Plugged(now) << 16 | active_, line);
   }
   std::uint32_t map = 0;
   if (station == "0") {
@@ -185,7 +185,7 @@ void LibertyEmulator::Stations(Moment now, std::string_view values, DeviceLine& 
     if (meant == 0) return Refuse(now, Control('U'), kInvalidStation, line);
     map = values == "1" ? active_ | meant : active_ & ~meant;
   }
-  active_ = map & settings_.plugged;
+  active_ = map & Plugged(now);
 }
 
 void LibertyEmulator::Items(Moment now, std::string_view values, DeviceLine& line) {
@@ -262,6 +262,11 @@ void LibertyEmulator::Refuse(Moment now, char command, unsigned code, DeviceLine
 
 // ---- Poses --------------------------------------------------------------------------------------
 
+std::uint32_t LibertyEmulator::Plugged(Moment now) const {
+  const bool gone = now >= settings_.unplugFrom && now < settings_.unplugTo;
+  return settings_.plugged & ~(gone ? settings_.unplugged : 0);
+}
+
 Moment LibertyEmulator::NextEvent() const {
   return streaming_ ? NthOf(start_, cycle_ + 1, Rate()) : kNever;
 }
@@ -280,6 +285,7 @@ void LibertyEmulator::OnEvent(Moment now, DeviceLine& line) {
 }
 
 void LibertyEmulator::SendCycle(Moment now, char command, DeviceLine& line) {
+  active_ &= Plugged(now);  // a sensor that is plugged in again stays inactive until it is set
   const double seconds = std::chrono::duration<double>(now).count();
   for (unsigned i = 0; i < kStations; ++i) {
     if ((active_ >> i & 1) == 0) continue;
@@ -355,6 +361,7 @@ constexpr OptionRow kOptions[] = {
      "state at the start: text (just switched on), streaming (to another\n"
      "program) or half-command (another program sent half a command)"},
     {"--stations", "N", "number of sensors plugged in, from the first station on (1)"},
+    {"--unplug", "N", "unplugs the sensor of station N from 3 s to 6 s after the start"},
     {"--bit", "WORD", "error word of its built-in test, 0 for none (0)"},
     {"--blank-good", "", "send a blank, not 0, for no error"},
     {"--last-cycle", "", "send a frame with the command that ends the stream"},
@@ -369,6 +376,11 @@ std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
   LibertySettings settings;
   settings.start = kStarts[options.Choice("--start", kStarts)].start;
   settings.plugged = (1U << options.Get("--stations", 1U, 0U, kStations)) - 1;
+  if (const unsigned station = options.Get("--unplug", 0U, 1U, kStations)) {
+    settings.unplugged = 1U << (station - 1);
+    settings.unplugFrom = std::chrono::seconds(3);
+    settings.unplugTo = std::chrono::seconds(6);
+  }
   settings.bit = options.Get("--bit", 0U, 0U, 0xFFFFFFFFU);
   settings.blankMeansGood = options.Has("--blank-good");
   settings.lastCycle = options.Has("--last-cycle");

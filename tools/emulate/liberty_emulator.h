@@ -38,6 +38,8 @@ enum class LibertyStart {
 struct LibertySettings {
   LibertyStart start = LibertyStart::Text;
   std::uint32_t plugged = 1;    // bit i: a sensor at station i + 1
+  std::uint32_t unplugged = 0;  // of those, the stations that are unplugged for a while
+  Moment unplugFrom{0}, unplugTo{0};
   std::uint32_t bit = 0;        // first word of the built-in test until it is cleared
   bool blankMeansGood = false;  // sends a blank, not 0, for no error
   bool lastCycle = false;       // a P that ends the stream sends a cycle too
@@ -68,6 +70,7 @@ class LibertyEmulator final : public EmulatedDevice {
   void SkipTo(Moment now);
   void SendCycle(Moment now, char command, DeviceLine& line);
   void AddItem(WireWriter& body, int item, const MotionPose& pose, double seconds) const;
+  std::uint32_t Plugged(Moment now) const;
   double Rate() const { return rate_ == 3 ? 120 : 240; }
   WireWriter Header(unsigned station, char command, unsigned error, std::size_t size) const;
 
