@@ -18,8 +18,6 @@ BareMutex::BareMutex() {
   pthread_mutexattr_init(&attributes);
   pthread_mutexattr_setpshared(&attributes, PTHREAD_PROCESS_SHARED);
   pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-  pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
   pthread_mutex_init(&*mutex_, &attributes);
   pthread_mutexattr_destroy(&attributes);
 }
@@ -29,6 +27,13 @@ void BarePublication::operator()() {
   for (std::int64_t& time : own_.times) time = ClockTicks();
   ++own_.count;
   *shared_ = own_;
+  mutex_.Unlock();
+}
+
+void BareRead::operator()() {
+  mutex_.Lock();
+  own_ = *shared_;
+  asm volatile("" ::"r"(own_.data()) : "memory");  // or the compiler drops the copy
   mutex_.Unlock();
 }
 

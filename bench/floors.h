@@ -13,8 +13,7 @@
 
 namespace kinetrel::bench {
 
-// A mutex of the same kind as that of a block: process-shared, robust, recursive,
-// priority-inheriting.
+// A mutex of the kind that clients of a block lock: process-shared and robust.
 class BareMutex {
  public:
   BareMutex();
@@ -28,7 +27,7 @@ class BareMutex {
 // One sample's bytes, copied under the mutex with as many clock readings as a publication stamps.
 class BarePublication {
  public:
-  static constexpr int kClockReadings = 2;
+  static constexpr int kClockReadings = 1;
   void operator()();
 
  private:
@@ -42,6 +41,19 @@ class BarePublication {
   BareMutex mutex_;
   Common<Sample> shared_;
   Sample own_{};
+};
+
+// One block, copied under the mutex as a client does.
+class BareRead {
+ public:
+  void operator()();
+
+ private:
+  static constexpr std::size_t kBlockBytes = 1464;
+  using Block = std::array<unsigned char, kBlockBytes>;
+  BareMutex mutex_;
+  Common<Block> shared_;
+  Block own_{};
 };
 
 // One futex word for any number of takers: wakes them all without data.

@@ -15,15 +15,16 @@ constexpr Milliseconds kPatience{1000};
 
 void PublishSample(SharedTrackWriter& writer, int bin, int sensor) {
   writer.SelectBin(bin);
-  if (!writer.Lock(kForever)) throw std::runtime_error("the bin cannot be locked");
+  if (!writer.Enter()) throw std::runtime_error("the bin cannot be locked");
   SharedTrackBlock& block = *writer.block();
   const auto step = static_cast<float>(block.frameCount);
   std::ranges::copy(std::array{step, step, step, 0.1F, 0.2F, 0.3F}, block.poses[sensor]);
   block.flags = TrackFlags::kPosition | TrackFlags::kEuler | 0x101;
   block.frameRate = 120.0;
   block.sensorMask = 0xFFFFFFFF;
+  block.sampleTime = 0.0;
   writer.Publish(0);
-  writer.Unlock();
+  writer.Leave();
 }
 
 void Publication::OpenGiver() { writer_ = OpenWriter(); }

@@ -8,13 +8,13 @@ namespace kinetrel {
 
 StatusLog::StatusLog() : formatBuffer_(kLongestFormatted + 1) {}
 
-bool StatusLog::SetStatus(StatusNumber code, const char* text) {
+bool StatusLog::SetStatus(StatusCode code, const char* text) {
   const Lock held(lock_);
   Append(code, text);
   return true;
 }
 
-bool StatusLog::SetStatusF(StatusNumber code, const char* format, ...) {
+bool StatusLog::SetStatusF(StatusCode code, const char* format, ...) {
   const Lock held(lock_);
   std::va_list arguments;
   va_start(arguments, format);
@@ -49,19 +49,19 @@ void StatusLog::Detach(const StatusListener& listener) {
   if (listener_ == &listener) listener_ = nullptr;
 }
 
-void StatusLog::Append(StatusNumber code, std::string text) {
-  entries_.push_back({std::time(nullptr), code.value, std::move(text)});
+void StatusLog::Append(StatusCode code, std::string text) {
+  entries_.push_back({std::time(nullptr), static_cast<int>(code), std::move(text)});
   if (listener_ != nullptr) listener_->OnEntry(entries_.back());
   if (entries_.size() < kTrimAt) return;
   entries_.erase(entries_.begin(), entries_.end() - kKeep);
 }
 
-void StatusLog::AppendFormatted(StatusNumber code, const char* format, std::va_list arguments) {
+void StatusLog::AppendFormatted(StatusCode code, const char* format, std::va_list arguments) {
   std::vsnprintf(formatBuffer_.data(), formatBuffer_.size(), format, arguments);
   Append(code, formatBuffer_.data());
 }
 
-bool Announce(StatusLog& log, const char* prefix, StatusNumber code, const char* format, ...) {
+bool Announce(StatusLog& log, const char* prefix, StatusCode code, const char* format, ...) {
   const Lock held(log.lock_);
   std::va_list arguments;
   va_start(arguments, format);
@@ -71,7 +71,7 @@ bool Announce(StatusLog& log, const char* prefix, StatusNumber code, const char*
   return true;
 }
 
-bool Post(StatusLog* log, StatusNumber code, const char* format, ...) {
+bool Post(StatusLog* log, StatusCode code, const char* format, ...) {
   if (log == nullptr) return true;
   const Lock held(log->lock_);
   std::va_list arguments;

@@ -33,13 +33,6 @@ enum class StatusCode : int {
   Closing = 6,
 };
 
-// Takes a plain number too while callers are converted.
-struct StatusNumber {
-  StatusNumber(int number) : value(number) {}
-  StatusNumber(StatusCode code) : value(static_cast<int>(code)) {}
-  int value;
-};
-
 struct StatusEntry {
   std::time_t when = 0;  // seconds since 1970, when the entry was added
   int code = 0;          // a StatusCode, or a device's own error number
@@ -67,10 +60,10 @@ class StatusLog {
   StatusLog(const StatusLog&) = delete;
   StatusLog& operator=(const StatusLog&) = delete;
 
-  bool SetStatus(StatusNumber code, const char* text);  // always true
+  bool SetStatus(StatusCode code, const char* text);  // always true
 
   // Formats as printf does and cuts the text to kLongestFormatted characters. Always true.
-  [[gnu::format(printf, 3, 4)]] bool SetStatusF(StatusNumber code, const char* format, ...);
+  [[gnu::format(printf, 3, 4)]] bool SetStatusF(StatusCode code, const char* format, ...);
 
   // The newest entry's text, empty for an empty log. Valid until the next entry is added. If
   // another thread may add one meanwhile, use Newest(), which copies.
@@ -85,11 +78,11 @@ class StatusLog {
   void Detach(const StatusListener& listener);
 
  private:
-  friend bool Announce(StatusLog&, const char*, StatusNumber, const char*, ...);
-  friend bool Post(StatusLog*, StatusNumber, const char*, ...);
+  friend bool Announce(StatusLog&, const char*, StatusCode, const char*, ...);
+  friend bool Post(StatusLog*, StatusCode, const char*, ...);
 
-  void Append(StatusNumber code, std::string text) REQUIRES(lock_);
-  [[gnu::format(printf, 3, 0)]] void AppendFormatted(StatusNumber code, const char* format,
+  void Append(StatusCode code, std::string text) REQUIRES(lock_);
+  [[gnu::format(printf, 3, 0)]] void AppendFormatted(StatusCode code, const char* format,
                                                      std::va_list arguments) REQUIRES(lock_);
 
   mutable Mutex lock_;
@@ -100,10 +93,10 @@ class StatusLog {
 
 // Prints `prefix` and the formatted text on the standard error stream, and logs the text. Always
 // true.
-[[gnu::format(printf, 4, 5)]] bool Announce(StatusLog& log, const char* prefix, StatusNumber code,
+[[gnu::format(printf, 4, 5)]] bool Announce(StatusLog& log, const char* prefix, StatusCode code,
                                             const char* format, ...);
 
 // SetStatusF for a device that may have no log: with null it does nothing. Always true.
-[[gnu::format(printf, 3, 4)]] bool Post(StatusLog* log, StatusNumber code, const char* format, ...);
+[[gnu::format(printf, 3, 4)]] bool Post(StatusLog* log, StatusCode code, const char* format, ...);
 
 }  // namespace kinetrel

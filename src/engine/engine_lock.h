@@ -1,5 +1,5 @@
-// The engine's lock, held. An operation that needs it held takes one as an argument, so that the
-// compiler checks it and every place that leaves the lock for a while is to be seen.
+// The engine's lock, held. An operation that needs the lock takes an EngineLock as an argument: the
+// compiler checks it, and each place that leaves the lock can be found.
 #pragma once
 
 #include <mutex>
@@ -13,8 +13,8 @@ class EngineLock {
  public:
   explicit EngineLock(PriorityMutex& mutex) : held_(mutex) {}
 
-  // Runs `action` without the lock, then takes it again. What the lock guards may be another
-  // afterwards.
+  // Runs `action` without the lock, then takes it again. All that the lock guards may have changed
+  // meanwhile.
   template <typename Action>
   auto Leave(Action&& action) {
     held_.unlock();

@@ -1,5 +1,5 @@
-// What one engine and its sampling thread share. Owned by both: a thread that hangs in a device
-// past its time is abandoned, and still finds all it touches when it comes back.
+// What one engine and its sampling thread share. Both own it: a thread that hangs in a device is
+// abandoned after its time, and finds all that it uses when it comes back.
 #pragma once
 
 #include <atomic>
@@ -38,14 +38,14 @@ struct DeviceRequests {
 };
 
 struct EngineState {
-  // Has a lock of its own. First, so that it outlives the device that writes it.
+  // Has its own lock. It stands first so that it outlives the device, which writes into it.
   StatusLog status;
 
   PriorityMutex mutex;
 
   // Guarded by the mutex.
   StartConfig config;
-  std::string trackerName;  // the host's own word for the tracker
+  std::string trackerName;  // as the host named it
   std::shared_ptr<TrackerDevice> device;
   DeviceRequests requests;
   std::shared_ptr<DAQControl> joystick;
@@ -54,16 +54,16 @@ struct EngineState {
   float lastRawAzimuth = 0.0F;  // radians; last read from any sensor
   float azimuthZero = 0.0F;     // radians; subtracted from every published azimuth
 
-  // The mapping of a destination, made if there is none.
+  // The mapping of a destination. A new one is made if the destination has none.
   Mapping& MappingAt(const MappingKey& key) {
     Mapping& mapping = mappings[key];
     mapping.filters.SetStatusLog(&status);
     return mapping;
   }
 
-  // Read without it.
+  // May be read without the mutex.
   std::atomic<bool> isOpen = false;
-  std::atomic<int> pendingCalls = 0;  // control calls that are made right now
+  std::atomic<int> pendingCalls = 0;  // control calls that run or wait now
 };
 
 }  // namespace kinetrel

@@ -11,8 +11,8 @@
 
 namespace kinetrel {
 
-// One published destination. The device number goes with the key but tells no two apart: an
-// engine publishes on one device number at a time.
+// One published destination. Comparison ignores the device number: an engine publishes on one
+// device number at a time.
 struct MappingKey {
   int shmDevice = 0;
   int bin = 0;
@@ -26,7 +26,7 @@ struct MappingKey {
 struct Mapping {
   int sensor = -1;                            // none
   FilterChain filters;                        // reached by the control interface
-  std::unique_ptr<SharedTrackReader> reader;  // of what is published for it; made when asked for
+  std::unique_ptr<SharedTrackReader> reader;  // of this mapping's bin; made at the first use
   RunningStats latency;                       // seconds from sample to publication
   RunningStats rate;                          // Hz between samples
   double lastSampleTime = 0.0;                // seconds; 0: none yet

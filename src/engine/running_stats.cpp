@@ -40,7 +40,7 @@ double RunningStats::GetVariance() const {
 
 double RunningStats::GetStdDev() const {
   if (count_ <= 1) return 0.0;
-  // Rounding can leave the variance of equal samples a hair below zero.
+  // Rounding can leave the variance of equal samples just below zero.
   return std::sqrt(std::max(0.0, GetVariance()) * count_ / (count_ - 1));
 }
 

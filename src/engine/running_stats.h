@@ -9,7 +9,7 @@ class RunningStats {
  public:
   void Add(double x);
 
-  // Takes the last sample back, once; returns it (infinity when there is none to take).
+  // Removes the last sample and returns it. Infinity: no sample since the last removal.
   double RemoveLast();
   void Reset();
 

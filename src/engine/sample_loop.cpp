@@ -18,7 +18,7 @@ constexpr int kNapMargin = 10;  // ms; a streaming device is read this much befo
 
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
 
-// Prints what is not logged in the same words.
+// For what is printed but not logged.
 void Print(const char* text) { PrintError("%s", text); }
 
 void PutBits(std::uint32_t& word, std::uint32_t known, std::uint32_t bits) {
@@ -39,7 +39,7 @@ void SampleLoop::Run() {
   EngineLock lock(state_->mutex);
   run_ = ++state_->samplingRun;
   device_ = state_->device;
-  if (device_ == nullptr) return;  // closed before we came to run
+  if (device_ == nullptr) return;  // the engine was closed before this thread ran
   ownButtons_ = dynamic_cast<const ButtonBits*>(device_.get());
   packed_ = dynamic_cast<PackedRecords*>(device_.get());
   RaisePriority();
@@ -80,7 +80,7 @@ void SampleLoop::ChooseMode() {
              device_->GetDeviceName());
     streaming = 1;
   }
-  // Kept for the run: a mode set while sampling counts from the next start.
+  // A mode that is set while sampling takes effect at the next start.
   streaming_ = streaming != 0;
 }
 
@@ -117,7 +117,7 @@ bool SampleLoop::OpenSharedMemory() {
 }
 
 SampleLoop::Header SampleLoop::ReadHeader() {
-  // Only the low four bits of both have a place in the block; a device may use the rest itself.
+  // The block has room for the low four bits of both.
   return {device_->GetSensorMask(), device_->GetComponentMask() & 0xF,
           static_cast<unsigned>(device_->GetUnits()) & 0xF};
 }
@@ -322,11 +322,11 @@ bool SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const F
   return true;
 }
 
-// A sensor without a record is published as zeros, never as what was there before.
+// A sensor without a record is published as zeros, never with its old pose.
 void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) {
   static constexpr std::array<float, 3> kZeros{};
   if (packed_ != nullptr) sensor = packed_->RecordOf(sensor);
-  // Position and angles of one record where a device delivers both; else each by itself.
+  // With position and angles, both come from one record.
   const bool whole = header_.components == (kPositionComponent | kEulerComponent);
   const float* const record = whole ? device_->GetSensorPose(sensor) : nullptr;
   float* const pose = block.poses[slot];
@@ -356,8 +356,7 @@ ButtonBits::Buttons SampleLoop::JoystickButtons(const Frame& frame) const {
   return {channels == 32 ? ~0U : (1U << channels) - 1, joystick_->digitalBits()};
 }
 
-// Without a joystick's bits the flags stay as written, without the valid bit. A device's own
-// buttons are always there and do not raise it.
+// Only a joystick sets the valid flag. The device's own buttons are written in any case.
 void SampleLoop::WriteButtons(SharedTrackBlock& block, const Frame& frame) {
   if (frame.buttonsValid) {
     const ButtonBits::Buttons joystick = JoystickButtons(frame);
@@ -371,7 +370,7 @@ void SampleLoop::WriteButtons(SharedTrackBlock& block, const Frame& frame) {
 
 void SampleLoop::KeepStatistics(Mapping& mapping, double sampleTime) {
   const double age = writer_->timer().ElapsedSeconds() - sampleTime;
-  // Two samples of one moment have no rate between them.
+  // Two samples of the same moment give no rate.
   if (mapping.lastSampleTime != 0.0 && sampleTime != mapping.lastSampleTime) {
     mapping.latency.Add(age);
     mapping.rate.Add(1.0 / (sampleTime - mapping.lastSampleTime));
@@ -413,15 +412,15 @@ void SampleLoop::NoteSuccess() {
 void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   const bool keyboard = device_->GetStatusCode() == kKeyboardStatus;
   stream_->EndFailedFrame(keyboard);
-  // A read that failed without waiting must not be repeated at once: at this priority that would
-  // take the machine with it.
+  // A read that failed at once must not be repeated at once: at this priority it would block the
+  // machine.
   if (frame.atOnce || (nap_ == 0 && !keyboard)) lock.Leave([] { SleepFor(kBackOff); });
   if (keyboard) return;  // no key pressed is no failure
   if (!inError_) LogFailure();
   ShowTransient("e\b");
   // A device that sends is alive, also when it sends nothing about an active sensor.
   if (frame.updated != 0) recovery_->NoteFrame();
-  // Not for one who is about to leave: a boot takes seconds, and the engine may be closed by then.
+  // Not during a stop: a boot takes seconds, and the engine may be closed by then.
   if (stop_.IsSet()) return;
   const bool booted = recovery_->Try(lock);
   stream_->SetTrouble(recovery_->trouble());
@@ -449,7 +448,7 @@ void SampleLoop::LogFailure() {
 // ---- End -------------------------------------------------------------------------------------
 
 void SampleLoop::End(EngineLock& lock) {
-  if (streaming_ && !Superseded()) Poll(lock);  // ends continuous output
+  if (streaming_ && !Superseded()) Poll(lock);  // this ends continuous output
   if (Superseded()) return;
   if (SharedTrackBlock* const block = writer_->block()) {
     const bool entered = EnterBin();

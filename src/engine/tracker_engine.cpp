@@ -13,7 +13,7 @@ namespace {
 // Its library delivers Euler angles from the start, whatever was configured before.
 constexpr int kIsenseType = 6;
 
-// Types that once had a driver; refused by name.
+// Types that had a driver once. They are refused by name.
 struct RetiredType {
   int type;
   const char* name;

@@ -1,7 +1,8 @@
-// One thread that is asked to stop by an event and waited for, but not for ever.
+// One thread that an event asks to stop. Stopping waits for it, but not for ever.
 //
-// Threads  any may call; each run of the thread has an event of its own, so that a run that was
-//          abandoned stays told to stop when the next one starts.
+// Threads  any may call. Each run of the thread has its own event, so an abandoned run stays asked
+// to
+//          stop when the next one starts.
 #pragma once
 
 #include <functional>
@@ -27,26 +28,25 @@ class WorkerThread {
   // Starts a thread unless one runs. False: the system refused it.
   bool Start(Entry entry);
 
-  // Asks the thread to stop and lets go of it; with `wait`, unless called by the thread itself,
-  // waits up to kStopPatience for its end, and for the end of those that were told before and that
-  // nobody has waited for since; one that has not ended by then is abandoned.
+  // Asks the thread to stop. With `wait`, also waits up to kStopPatience until it and all earlier
+  // runs have ended; a run that has not ended by then is abandoned. The thread itself never waits.
   void Stop(bool wait);
 
   bool Exists() const;                    // started, and no stop since
-  bool IsRunning() const;                 // exists and has not ended
+  bool IsRunning() const;                 // it exists and has not ended
   bool Wait(Milliseconds timeout) const;  // true: none exists, or it ended within the time-out
 
  private:
   struct Run {
     StopEvent stop;
     Thread thread;
-    std::shared_ptr<Run> before;  // one that was still ending when this began
+    std::shared_ptr<Run> before;  // an earlier run that had not ended when this one began
   };
   std::shared_ptr<Run> Current() const;
 
-  mutable std::mutex lock_;  // a leaf, held for a look at the pointer
+  mutable std::mutex lock_;  // guards the pointers; held for moments
   std::shared_ptr<Run> run_;
-  std::shared_ptr<Run> ending_;  // the last that was told to stop, until it has been waited for
+  std::shared_ptr<Run> ending_;  // the last run that was asked to stop, until it has ended
 };
 
 }  // namespace kinetrel

@@ -12,8 +12,8 @@ namespace {
 TEST(StatusLog, KeepsEntriesInOrderWithTheirTime) {
   StatusLog log;
   const std::time_t before = std::time(nullptr);
-  EXPECT_TRUE(log.SetStatus(-3, "first %d"));  // the text is not a format
-  EXPECT_TRUE(log.SetStatusF(1, "second %d of %s", 2, "two"));
+  EXPECT_TRUE(log.SetStatus(StatusCode::Port, "first %d"));  // the text is not a format
+  EXPECT_TRUE(log.SetStatusF(StatusCode::Progress, "second %d of %s", 2, "two"));
   const std::vector<StatusEntry> entries = log.Entries();
   ASSERT_EQ(entries.size(), 2U);
   EXPECT_EQ(entries[0].code, -3);
@@ -26,9 +26,9 @@ TEST(StatusLog, KeepsEntriesInOrderWithTheirTime) {
 
 TEST(StatusLog, TheNewestHalfStaysWhenTheLogIsFull) {
   StatusLog log;
-  for (int i = 1; i < 4096; ++i) log.SetStatus(i, "entry");
+  for (int i = 1; i < 4096; ++i) log.SetStatus(StatusCode{i}, "entry");
   EXPECT_EQ(log.Entries().size(), 4095U);
-  log.SetStatus(4096, "the last");
+  log.SetStatus(StatusCode{4096}, "the last");
   const std::vector<StatusEntry> entries = log.Entries();
   ASSERT_EQ(entries.size(), 2048U);
   EXPECT_EQ(entries.front().code, 2049);
@@ -39,10 +39,10 @@ TEST(StatusLog, TheNewestHalfStaysWhenTheLogIsFull) {
 TEST(StatusLog, LongFormattedTextIsCut) {
   StatusLog log;
   for (const std::size_t length : {4094U, 4095U, 4096U, 10000U}) {
-    log.SetStatusF(0, "%s", std::string(length, 'x').c_str());
+    log.SetStatusF(StatusCode::Report, "%s", std::string(length, 'x').c_str());
     EXPECT_EQ(log.Newest().text.size(), std::min<std::size_t>(length, 4095)) << length;
   }
-  log.SetStatusF(0, "short");
+  log.SetStatusF(StatusCode::Report, "short");
   EXPECT_EQ(log.Newest().text, "short");
 }
 
@@ -61,7 +61,7 @@ TEST(StatusLog, WritersOnSeveralThreadsLoseNothing) {
   std::vector<std::thread> writers;
   for (int code = 1; code <= 4; ++code) {
     writers.emplace_back([&log, code] {
-      for (int i = 0; i < kEach; ++i) log.SetStatusF(code, "%d", i);
+      for (int i = 0; i < kEach; ++i) log.SetStatusF(StatusCode{code}, "%d", i);
     });
   }
   for (std::thread& writer : writers) writer.join();

@@ -1,5 +1,5 @@
-// Whole runs of the sampling thread over real shared memory, told by what a reader sees, what the
-// device was asked and what the log keeps.
+// Whole runs of the sampling thread over real shared memory: what a reader sees, what the device
+// was asked, what the log keeps.
 
 #include "engine/sample_loop.h"
 
@@ -71,7 +71,7 @@ class Sampling : public testing::Test {
 
   FreeSlot slot_;
   Script script_;
-  // What a script changes must outlive the engine, whose thread runs until it goes.
+  // Scripts change these, so they must outlive the engine's thread.
   std::atomic<int> reads_ = 0;
   std::atomic<std::uint32_t> bits_ = 0;
   DeviceFactory factory_ = ScriptedFactory(script_);
@@ -254,7 +254,7 @@ class Buttons final : public DAQControl {
 };
 
 TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
-  bits_ = 0x15;  // a fifth bit that is no channel
+  bits_ = 0x15;  // the fifth bit does not belong to a channel
   factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits_); };
   script_.readFrame = Deliver(1);
   Start([](StartConfig& config) { config.joystickPort = 1; });
@@ -301,7 +301,7 @@ TEST_F(Sampling, ATrackersOwnButtonsGoBeforeTheJoysticksAndLeaveTheOthers) {
 }
 
 TEST_F(Sampling, WithoutSharedMemoryTheThreadEndsAndSaysSo) {
-  // Objects of another kind bear all sixteen names, and somebody has them open.
+  // Objects of another kind have all sixteen names, and this process has them open.
   std::vector<NamedMutex> taken;
   for (int bin = 0; bin < kSharedBins; ++bin) {
     Result<NamedMutex> wrong = NamedMutex::Open(BlockName(slot_.device(), bin));

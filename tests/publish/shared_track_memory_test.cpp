@@ -84,9 +84,9 @@ TEST_F(SharedTracks, ReaderStaysWhenTheWriterIsKilledAndComesBack) {
     writer.Kill();
   }
   Peer again;
-  EXPECT_EQ(again.Ask(Writer(1)), "done") << "the dead writer is no rival";
+  EXPECT_EQ(again.Ask(Writer(1)), "done") << "a dead writer is not a rival";
   EXPECT_EQ(reader.block()->frameCount, 0);
-  EXPECT_FALSE(reader.WaitForFrame(10, kLong)) << "told at once that counts started afresh";
+  EXPECT_FALSE(reader.WaitForFrame(10, kLong)) << "at once: a new writer counts from 0";
   again.Ask("publish 0 0");
   EXPECT_TRUE(reader.WaitForFrame(0, kLong));
 }
@@ -193,7 +193,7 @@ TEST_F(SharedTracks, ABinThatCannotBeOpenedIsNeverTheCurrentOne) {
   const Result<NamedMemory> inTheWay = NamedMemory::Open(BlockName(device(), 0), 8);
   SharedTrackWriter writer(device(), 3);
   ASSERT_TRUE(writer.OpenAll());
-  EXPECT_EQ(writer.failure().error, Error::Invalid) << "though others opened after it";
+  EXPECT_EQ(writer.failure().error, Error::Invalid) << "although later bins opened";
   EXPECT_EQ(writer.SelectBin(0), 1);
   EXPECT_TRUE(PublishOne(writer));
   EXPECT_EQ(writer.SelectBin(2), 2);
@@ -333,7 +333,7 @@ TEST_F(SharedTracks, WaitForFrameAnswersAtOnceWhatIsKnown) {
   ASSERT_TRUE(reader.OpenOnly(0));
   EXPECT_TRUE(reader.WaitForFrame(9, kForever));
   EXPECT_TRUE(reader.WaitForFrame(-1, kNow));
-  EXPECT_FALSE(reader.WaitForFrame(11, kForever)) << "the writer started afresh";
+  EXPECT_FALSE(reader.WaitForFrame(11, kForever)) << "a new writer counts from 0";
   EXPECT_FALSE(reader.WaitForFrame(10, kNow));
   EXPECT_FALSE(reader.locked());
 
@@ -376,8 +376,7 @@ struct Crowd {
 };
 class Following : public SharedTracks, public testing::WithParamInterface<Crowd> {};
 
-// The writer publishes as soon as every reader has had the frame before: a wake that is lost would
-// stop it.
+// The writer publishes once every reader has the frame before. A lost wake would stop it.
 TEST_P(Following, EveryReaderHasEveryFrame) {
   const auto [name, readers, frames] = GetParam();
   const std::string tally = UniqueName("tally");

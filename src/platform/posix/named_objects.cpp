@@ -109,8 +109,8 @@ bool NamedMutex::TakeFrom(std::uint32_t owner) { return object_->mutex().TakeFro
 
 namespace {
 
-// The event is one 32-bit word: its state in the low two bits, and above them how often it has
-// been set, which tells a waiter that overslept a set and a reset.
+// The event is one 32-bit word: its state in the low two bits, and above them how often it has been
+// set. The count shows a waiter a set that was reset while it slept.
 constexpr std::uint32_t kUnset = 0;
 constexpr std::uint32_t kSet = 1;
 constexpr std::uint32_t kAwaited = 2;  // unset, and a thread may be waiting
