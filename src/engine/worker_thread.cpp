@@ -5,12 +5,12 @@
 namespace kinetrel {
 
 std::shared_ptr<WorkerThread::Run> WorkerThread::Current() const {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   return run_;
 }
 
 bool WorkerThread::Start(Entry entry) {
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   if (run_ != nullptr && !run_->thread.Wait(Milliseconds(0))) return true;
   const StopEvent stop;
   Result<Thread> thread = Thread::Start([stop, entry = std::move(entry)] { entry(stop); });
@@ -23,7 +23,7 @@ bool WorkerThread::Start(Entry entry) {
 void WorkerThread::Stop(bool wait) {
   std::shared_ptr<Run> run;
   {
-    const std::lock_guard held(lock_);
+    const Lock held(lock_);
     if (run_ != nullptr) ending_ = std::exchange(run_, nullptr);
     run = ending_;
   }
@@ -34,7 +34,7 @@ void WorkerThread::Stop(bool wait) {
   for (const Run* each = run.get(); each != nullptr; each = each->before.get()) {
     each->thread.Wait(deadline.Remaining());
   }
-  const std::lock_guard held(lock_);
+  const Lock held(lock_);
   if (ending_ == run) ending_ = nullptr;
 }
 

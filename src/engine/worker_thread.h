@@ -7,8 +7,8 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 
+#include "platform/mutex.h"
 #include "platform/thread.h"
 #include "publish/stop_event.h"
 
@@ -44,9 +44,10 @@ class WorkerThread {
   };
   std::shared_ptr<Run> Current() const;
 
-  mutable std::mutex lock_;  // guards the pointers; held for moments
-  std::shared_ptr<Run> run_;
-  std::shared_ptr<Run> ending_;  // the last run that was asked to stop, until it has ended
+  mutable Mutex lock_;  // guards the pointers; held for moments
+  std::shared_ptr<Run> run_ GUARDED_BY(lock_);
+  // The last run that was asked to stop, until it has ended.
+  std::shared_ptr<Run> ending_ GUARDED_BY(lock_);
 };
 
 }  // namespace kinetrel
