@@ -378,13 +378,15 @@ void SampleLoop::KeepStatistics(Mapping& mapping, double sampleTime) {
   mapping.lastSampleTime = sampleTime;
 }
 
-// Ends early for a stop, for a control call that waits, and when the port holds input: a device
-// that streams several stations must not be read slower than it sends.
+// Ends early for a stop, for a control call or a simulated tracker's key that waits, and when the
+// port holds input: a device that streams several stations must not be read slower than it sends.
 void SampleLoop::Nap(EngineLock& lock) {
   if (nap_ <= 0) return;
-  lock.Leave([this] {
+  const bool keyboard = device_->GetStatusCode() == kKeyboardStatus;
+  lock.Leave([this, keyboard] {
     const Deadline deadline{Milliseconds(nap_)};
     while (!stop_.IsSet() && state_->pendingCalls == 0 && !deadline.Passed()) {
+      if (keyboard && IsKeyWaiting()) break;
       const Milliseconds step = std::min(deadline.Remaining(), kNapStep);
       const std::lock_guard inUse(device_->inUse());
       if (device_->WaitForRX(static_cast<int>(step.count()), 1)) break;

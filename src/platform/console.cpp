@@ -122,6 +122,11 @@ std::optional<Key> TakeUnclaimedKey(std::string_view characters) {
   return {};
 }
 
+bool IsKeyWaiting() {
+  const Lock guard(input.lock);
+  return KeyWaits();
+}
+
 void PushBackKey(Key key) {
   const Lock guard(input.lock);
   PutBack(key);

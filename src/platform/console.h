@@ -79,6 +79,9 @@ class KeyClaim {
 // As TakeKey, but while a KeyClaim lives it takes the next key only if that is one of `characters`.
 std::optional<Key> TakeUnclaimedKey(std::string_view characters);
 
+// Whether TakeKey would find a key, or the beginning of one.
+bool IsKeyWaiting();
+
 // Puts a key back: the next TakeKey of any thread gets it first. At most 16 keys wait so, until the
 // session ends; further ones are lost.
 void PushBackKey(Key key);
