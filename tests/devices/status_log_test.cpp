@@ -49,7 +49,7 @@ TEST(StatusLog, LongFormattedTextIsCut) {
 TEST(StatusLog, AnnouncingPrintsThePrefixAndLogsTheText) {
   StatusLog log;
   testing::internal::CaptureStderr();
-  EXPECT_TRUE(Announce(log, "\n\t", 2, "Port(%d) open", 3));
+  EXPECT_TRUE(Announce(log, "\n\t", StatusCode::PortOpen, "Port(%d) open", 3));
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\tPort(3) open");
   EXPECT_EQ(log.Newest().text, "Port(3) open");
   EXPECT_EQ(log.Newest().code, 2);
