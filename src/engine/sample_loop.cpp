@@ -294,7 +294,7 @@ SampleLoop::Frame SampleLoop::ReadFrame(EngineLock& lock) {
 // them.
 void SampleLoop::PublishFrame(EngineLock& lock, const Frame& frame) {
   MappingTable& mappings = state_->mappings;
-  for (auto next = mappings.begin(); next != mappings.end() && !stop_.IsSet();) {
+  for (auto next = mappings.begin(); next != mappings.end();) {
     const MappingKey key = next->first;
     if (HasStation(header_.sensors, next->second.sensor) &&
         writer_->SelectBin(key.bin) == key.bin) {
