@@ -124,7 +124,7 @@ std::optional<Key> TakeUnclaimedKey(std::string_view characters) {
 
 bool IsKeyWaiting() {
   const Lock guard(input.lock);
-  return input.putBackCount > 0 || input.count > 0 || (input.open && KeySource::Waits());
+  return input.putBackCount > 0 || input.count > 0 || (input.open && KeySource::HasInput());
 }
 
 void PushBackKey(Key key) {
