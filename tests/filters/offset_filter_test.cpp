@@ -133,6 +133,7 @@ TEST(OffsetFilter, AnOffsetAboutOneAxisIsAddedToThatAngleAlone) {
     Xyz p = {5, 5, 5};
     filter.Enable(false);
     filter.SetPositionEuler(p.data(), angles.data());
+    filter.SetEuler(angles.data());
     EXPECT_EQ(angles, before);
   }
 }
