@@ -264,6 +264,7 @@ bool SerialPort::ReadSome(void* data, unsigned count, unsigned* got) {
   const Result<std::size_t> read = line_->Read(AsBytes(data, count));
   if (!TransferSucceeded(read.status())) return false;
   *got = static_cast<unsigned>(*read);
+  bytesRead_ += *got;
   return true;
 }
 

@@ -131,6 +131,7 @@ class SerialPort {
 
   PortStatus portStatus() const { return portStatus_; }
   unsigned bytesWritten() const { return bytesWritten_; }  // since construction; wraps around
+  unsigned bytesRead() const { return bytesRead_; }        // the same
   int lastError() const { return lastError_; }
   TimeoutMode timeoutMode() const { return timeoutMode_; }
   const LineSettings& lineSettings() const { return settings_; }
@@ -154,6 +155,7 @@ class SerialPort {
   ReadTimeouts timeouts_;
   SerialCapabilities capabilities_;
   unsigned bytesWritten_ = 0;
+  unsigned bytesRead_ = 0;
   int lastError_ = 0;          // the last error code of the system
   int readTotalConstant_ = 0;  // ms
   int readPerByte_ = 0;        // ms

@@ -195,8 +195,16 @@ void StreamPublisher::OnDropped() {
   if (writer_ != nullptr) writer_->NoteDropped(1);
 }
 
+// The port's counts wrap around; the stream's do not.
+void StreamPublisher::CountBytes() {
+  bytesIn_ += device_->bytesRead() - static_cast<unsigned>(bytesIn_);
+  bytesOut_ += device_->bytesWritten() - static_cast<unsigned>(bytesOut_);
+  writer_->SetBytes(bytesIn_, bytesOut_);
+}
+
 void StreamPublisher::EndGoodFrame() {
   if (writer_ == nullptr) return;
+  CountBytes();
   if (frameTime_ != 0) {
     writer_->NoteFrame(frameTime_);
     frameTime_ = 0;
@@ -211,6 +219,7 @@ void StreamPublisher::EndGoodFrame() {
 void StreamPublisher::EndFailedFrame(bool quiet) {
   if (writer_ == nullptr || quiet) return;
   writer_->NoteFailedRead();
+  CountBytes();
   if (state_ == kinetrel_state_recovering || Now() - lastNews_ < kSilence) return;
   SetState(kinetrel_state_silent, "",
            " sends nothing usable. Check its power, its cable and the settings of its port.");

@@ -66,6 +66,7 @@ class StreamPublisher final : public RecordReceiver, private StatusListener {
 
  private:
   void OnEntry(const StatusEntry& entry) override;
+  void CountBytes();
   // The sentence is the device's name between both texts.
   void SetState(kinetrel_state state, const char* before, const char* after);
   void FillRecord(kinetrel_record& record, int sensor, double sampleTime, int code);
@@ -83,6 +84,8 @@ class StreamPublisher final : public RecordReceiver, private StatusListener {
   unsigned sensors_ = 0;  // mask
   ButtonBits::Buttons joystick_{};
   std::uint64_t frame_ = 1;
+  std::uint64_t bytesIn_ = 0;
+  std::uint64_t bytesOut_ = 0;
   std::int64_t frameTime_ = 0;  // ns; of the first record of this frame, 0: none yet
   std::int64_t lastNews_ = 0;   // ns; when a frame last came
   kinetrel_state state_ = kinetrel_state_starting;
