@@ -31,12 +31,9 @@ std::uint32_t MaskSetting(const char* variable, std::uint32_t fallback) {
 // Position in centimetres, angles in degrees. x and z tell the frame's number.
 std::array<double, 6> PoseOf(std::uint64_t frame, int station) {
   const auto turn = static_cast<double>(frame % 360);
-  return {-50 + 0.05 * static_cast<double>(frame % 2000),
-          10.0 * station,
-          -50 + 0.05 * static_cast<double>(frame / 2000 % 2000),
-          turn - 180,
-          static_cast<double>(frame % 90),
-          std::remainder(2 * turn, 360)};
+  return {-50 + 0.05 * static_cast<double>(frame % 2000),        10.0 * station,
+          -50 + 0.05 * static_cast<double>(frame / 2000 % 2000), turn - 180,
+          20 * std::sin(2 * turn * kHalfRadiansPerDegree),       std::remainder(2 * turn, 360)};
 }
 
 std::array<double, 4> QuaternionOf(const std::array<double, 6>& pose) {
