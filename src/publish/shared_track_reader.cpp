@@ -4,6 +4,7 @@ namespace kinetrel {
 namespace {
 
 constexpr Milliseconds kNewBlockPatience{1000};
+constexpr int kCopyTries = 3;
 
 }  // namespace
 
@@ -21,12 +22,11 @@ bool SharedTrackReader::OpenOnly(int number) {
 }
 
 bool SharedTrackReader::Copy(SharedTrackBlock& into, Milliseconds timeout) {
-  const Deadline deadline(timeout);
-  do {
-    if (!Lock(deadline.Remaining())) return false;
+  for (int tries = 0; tries < kCopyTries; ++tries) {
+    if (!Lock(timeout)) return false;
     into = *block();
     if (Unlock()) return true;  // else another program may have written meanwhile
-  } while (!deadline.Passed());
+  }
   return false;
 }
 

@@ -41,7 +41,7 @@ class SharedMutex {
   // As NamedMutex, which see.
   bool Lock(Milliseconds timeout);
   bool Unlock();
-  bool TakeRepaired() { return repaired_.exchange(false); }
+  bool TakeRepaired() { return repaired_ && repaired_.exchange(false); }
   std::uint32_t OwnerNumber() const;
   bool TakeFrom(std::uint32_t owner);
 
