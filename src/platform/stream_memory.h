@@ -19,11 +19,11 @@ std::uint32_t OwnProcessId();  // in this process's own namespace
 class StreamMemory {
  public:
   // Makes the object `name` of `size` bytes, all of it in memory, so that writing to it cannot fail
-  // later. Nobody else can open it until Offer. On Linux an object that has the name is removed
-  // first and stays as it is for its readers. On Windows it is taken over while readers have it
-  // open, with what it holds: the writer clears it.
-  // Denied: another account's object has the name. NoSpace: the system's memory for such objects is
-  // used up. Busy (Windows): another live process writes it.
+  // later. No other process can open it until Offer. On Linux an object that has the name is
+  // removed first and stays as it is for its readers. On Windows it is taken over while readers
+  // have it open, with what it holds: the writer clears it. Denied: another account's object has
+  // the name. NoSpace: the system's memory for such objects is used up. Busy (Windows): another
+  // live process writes it.
   static Result<StreamMemory> Create(const std::string& name, std::size_t size);
   StreamMemory(StreamMemory&&) noexcept;
   ~StreamMemory();  // removes the name, unless it is another writer's by now

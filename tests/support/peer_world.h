@@ -9,7 +9,7 @@ namespace kinetrel::test {
 // Whether the system has a shared memory, mutex or event of that name.
 bool InSystem(const std::string& name);
 
-// Ends this process at once, as somebody's kill does.
+// Ends this process at once, as a kill from outside does.
 [[noreturn]] void DieAtOnce();
 
 // Of the calling process, and on Linux only; false or 0 where that cannot be.

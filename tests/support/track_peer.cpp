@@ -55,7 +55,7 @@ SharedTrackMemory& Bins() {
 
 // ---- Races -------------------------------------------------------------------------------------
 
-// Opens and closes the same names over and over. Whoever has them open at the same time must have
+// Opens and closes the same names over and over. Processes that have them open together must have
 // the same objects: the users of an object agree on its number, in a witness that stays open.
 struct Witness {
   int users;

@@ -19,7 +19,7 @@ def port(link):
     if os.path.lexists(link):
         os.unlink(link)
     os.symlink(os.ttyname(near), link)
-    return far, near  # kept open, so that nobody's closing hangs up the far end
+    return far, near  # kept open, so that a program that closes its end does not hang up the far end
 
 
 def main():

@@ -101,7 +101,7 @@ TEST(WholeRun, ItsObjectsHaveTheirExactNamesAndANullAccessList) {
   End(*tracker);
 }
 
-// Somebody else's objects bear the names: said, and no crash.
+// Objects of another program have the names: the tracker says so and does not crash.
 struct Stranger {
   const char* name;
   HANDLE (*make)(const char* name);

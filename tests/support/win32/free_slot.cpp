@@ -23,7 +23,7 @@ bool IsUsed(int device) {
   return false;
 }
 
-// Whoever makes the mutex has the slot. Kept in the object as a number, as a file's is.
+// The process that makes the mutex has the slot. Kept in the object as a number, as a file's is.
 HANDLE& HandleIn(std::intptr_t& lock) { return reinterpret_cast<HANDLE&>(lock); }
 
 }  // namespace
