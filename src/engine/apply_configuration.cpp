@@ -16,7 +16,7 @@ void ReportDeviceStatus(TrackerDevice& device, StatusLog& log) {
   log.SetStatusF(StatusCode::Setup, "STATUS: %s", text.data());
 }
 
-void SendSettings(EngineState& state) {
+void SendSettings(EngineState& state) REQUIRES(state.mutex) {
   StartConfig& config = state.config;
   TrackerDevice& device = *state.device;
   device.SetSensorMask(config.sensorMask, 0);
@@ -29,7 +29,7 @@ void SendSettings(EngineState& state) {
 }
 
 // A GPS receiver keeps its protocol; setting it would move the origin of its positions.
-void RestoreProtocol(EngineState& state) {
+void RestoreProtocol(EngineState& state) REQUIRES(state.mutex) {
   if (!state.requests.protocol) return;
   if (FamilyOf(state.device->GetStatusCode()) == DeviceFamily::Gps) return;
   const int wanted = *state.requests.protocol;
@@ -47,9 +47,10 @@ void PushRoll(EngineState& state, const EngineLock&) {
 }
 
 void PushAlignment(EngineState& state, const EngineLock&, StatusCode code) {
-  const StartConfig& config = state.config;
-  if (!config.Aligned()) return;
-  if (state.device->SetAlignment(-1, config.alignX.data(), config.alignY.data()) == 0) return;
+  if (!state.config.Aligned()) return;
+  const float* const x = state.config.alignX.data();
+  const float* const y = state.config.alignY.data();
+  if (state.device->SetAlignment(-1, x, y) == 0) return;
   Announce(state.status, " ", code, "ALIGNED");
 }
 

@@ -7,20 +7,21 @@ namespace kinetrel {
 
 // Sends every setting to the device, in a fixed order. Reports the status of the device if the
 // configuration asks for it. The roll setting replaces the roll of the transmitter offset.
-void ApplyConfiguration(EngineState& state, const EngineLock& lock);
+void ApplyConfiguration(EngineState& state, const EngineLock& lock) REQUIRES(state.mutex);
 
 // Sends the state in force to a device that was booted again: the configuration as the host has
 // changed it, the protocol and the control strings.
-void RestoreConfiguration(EngineState& state, const EngineLock& lock);
+void RestoreConfiguration(EngineState& state, const EngineLock& lock) REQUIRES(state.mutex);
 
 // The roll of the transmitter offset that turns every sensor over: -pi as a float.
 inline constexpr float kRolledOver = -3.1415927F;
 
 // Sets that roll to 0 or kRolledOver, as the roll setting says, and sends the offset. A negative
 // roll setting does nothing.
-void PushRoll(EngineState& state, const EngineLock& lock);
+void PushRoll(EngineState& state, const EngineLock& lock) REQUIRES(state.mutex);
 
 // Sends the alignment if one is given. Prints and logs, with `code`, that the device accepted it.
-void PushAlignment(EngineState& state, const EngineLock& lock, StatusCode code);
+void PushAlignment(EngineState& state, const EngineLock& lock, StatusCode code)
+    REQUIRES(state.mutex);
 
 }  // namespace kinetrel

@@ -35,6 +35,7 @@ bool ControlCall::UseDevice() NO_THREAD_SAFETY_ANALYSIS {
 
 Mapping* ControlCall::FindMapping(const int key[3]) {
   if (!IsGiven(key, "key")) return nullptr;
+  lock_.AssertHolds(state_.mutex);
   const auto entry = state_.mappings.find(KeyFrom(key));
   if (entry != state_.mappings.end()) return &entry->second;
   state_.status.SetStatusF(StatusCode::Refused, "%s: Mapping (%d,%d,%d) doesn't exist", name_,

@@ -10,14 +10,17 @@
 
 namespace kinetrel {
 
-class ControlCall {
+class SCOPED_CAPABILITY ControlCall {
  public:
   // name  the first word of each message of the call; a constant.
-  ControlCall(EngineState& state, const char* name);
+  ControlCall(EngineState& state, const char* name) ACQUIRE(state.mutex);
 
   EngineLock& lock() { return lock_; }
   EngineState& state() { return state_; }
-  TrackerDevice& device() { return *state_.device; }
+  TrackerDevice& device() {
+    lock_.AssertHolds(state_.mutex);
+    return *state_.device;
+  }
 
   // Each logs the reason before it returns false or null.
   bool IsOpen();
@@ -33,7 +36,7 @@ class ControlCall {
   // ends. False, and logged, if the thread does not release it within two seconds.
   bool UseDevice();
 
-  ~ControlCall();
+  ~ControlCall() RELEASE();
   ControlCall(const ControlCall&) = delete;
   ControlCall& operator=(const ControlCall&) = delete;
 

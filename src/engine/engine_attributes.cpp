@@ -51,22 +51,29 @@ int RollOf(const StartConfig& config) {
 struct IntRow {
   EngineAttribute id;
   bool asksDevice;  // and so waits for the frame being read
-  int (*get)(EngineState& state);
+  int (*get)(const StartConfig& config, TrackerDevice& device);
 };
 constexpr IntRow kIntRows[] = {
-    {EngineAttribute::SharedMemoryId, false, [](EngineState& s) { return s.config.shmDevice; }},
+    {EngineAttribute::SharedMemoryId, false,
+     [](const StartConfig& c, TrackerDevice&) { return c.shmDevice; }},
     {EngineAttribute::SensorMask, true,
-     [](EngineState& s) { return static_cast<int>(s.device->GetSensorMask()); }},
+     [](const StartConfig&, TrackerDevice& d) { return static_cast<int>(d.GetSensorMask()); }},
     {EngineAttribute::ComponentMask, false,
-     [](EngineState& s) { return static_cast<int>(s.config.componentMask); }},
-    {EngineAttribute::Units, true, [](EngineState& s) { return s.device->GetUnits(); }},
-    {EngineAttribute::JoystickPort, false, [](EngineState& s) { return s.config.joystickPort; }},
-    {EngineAttribute::RollAllSensors, false, [](EngineState& s) { return RollOf(s.config); }},
-    {EngineAttribute::Bore, false, [](EngineState& s) { return s.config.bore; }},
-    {EngineAttribute::Continuous, false, [](EngineState& s) { return s.config.streaming; }},
-    {EngineAttribute::Query, false, [](EngineState& s) { return s.config.query; }},
-    {EngineAttribute::Synchronization, false, [](EngineState& s) { return s.config.sync; }},
-    {EngineAttribute::DeviceType, true, [](EngineState& s) { return s.device->GetStatusCode(); }},
+     [](const StartConfig& c, TrackerDevice&) { return static_cast<int>(c.componentMask); }},
+    {EngineAttribute::Units, true,
+     [](const StartConfig&, TrackerDevice& d) { return d.GetUnits(); }},
+    {EngineAttribute::JoystickPort, false,
+     [](const StartConfig& c, TrackerDevice&) { return c.joystickPort; }},
+    {EngineAttribute::RollAllSensors, false,
+     [](const StartConfig& c, TrackerDevice&) { return RollOf(c); }},
+    {EngineAttribute::Bore, false, [](const StartConfig& c, TrackerDevice&) { return c.bore; }},
+    {EngineAttribute::Continuous, false,
+     [](const StartConfig& c, TrackerDevice&) { return c.streaming; }},
+    {EngineAttribute::Query, false, [](const StartConfig& c, TrackerDevice&) { return c.query; }},
+    {EngineAttribute::Synchronization, false,
+     [](const StartConfig& c, TrackerDevice&) { return c.sync; }},
+    {EngineAttribute::DeviceType, true,
+     [](const StartConfig&, TrackerDevice& d) { return d.GetStatusCode(); }},
 };
 
 // ---- Float arrays ----------------------------------------------------------------------------
@@ -124,7 +131,7 @@ bool TrackerEngine::GetAttributeInt(int id, int* value) {
     return false;
   }
   if (row->asksDevice && !call.UseDevice()) return false;
-  *value = row->get(*state_);
+  *value = row->get(state_->config, call.device());
   return true;
 }
 
@@ -184,7 +191,10 @@ bool TrackerEngine::SetAttributeInt(int id, int value) {
       attribute == EngineAttribute::SharedMemoryId || attribute == EngineAttribute::SensorMask ||
       attribute == EngineAttribute::ComponentMask || attribute == EngineAttribute::Units ||
       attribute == EngineAttribute::Synchronization;
-  const bool set = ChangeWhileStopped(call, stops, [&] { return SetInt(call, attribute, value); });
+  const bool set = ChangeWhileStopped(call, stops, [&] {
+    call.lock().AssertHolds(state_->mutex);
+    return SetInt(call, attribute, value);
+  });
   return set || call.Refuse("Set Failed", StatusCode::Port);
 }
 
@@ -255,6 +265,7 @@ bool TrackerEngine::SetAttributeFloatArray(int id, int count, const float* value
   const FloatsRow* const row = FindRow(kFloatsRows, id);
   const bool stops = row != nullptr && row->id != EngineAttribute::Offset;
   const bool set = ChangeWhileStopped(call, stops, [&] {
+    call.lock().AssertHolds(state_->mutex);
     if (row == nullptr) return call.Refuse("Invalid Attribute", StatusCode::Port);
     const std::span<float> into = row->values(state_->config);
     if (count != static_cast<int>(into.size())) return call.Refuse(row->wrongCount);
@@ -267,12 +278,11 @@ bool TrackerEngine::SetAttributeFloatArray(int id, int count, const float* value
 }
 
 void TrackerEngine::PushFloats(ControlCall& call, EngineAttribute attribute) {
-  const StartConfig& config = state_->config;
   TrackerDevice& device = call.device();
   if (attribute == EngineAttribute::Offset) {
-    device.SetSensorOffset(-1, config.transmitterOffset.data());
+    device.SetSensorOffset(-1, state_->config.transmitterOffset.data());
   } else if (attribute == EngineAttribute::Hemisphere) {
-    device.SetHemisphere(-1, config.hemisphere.data());
+    device.SetHemisphere(-1, state_->config.hemisphere.data());
   } else {
     PushAlignment(*state_, call.lock(), StatusCode::Progress);
   }
@@ -287,7 +297,10 @@ bool TrackerEngine::SetAttributeString(int id, const char* text) {
       attribute == EngineAttribute::Protocol || attribute == EngineAttribute::ControlString;
   if (!known) return call.Refuse("Invalid Attribute");
   const bool stops = attribute == EngineAttribute::Protocol;
-  const bool set = ChangeWhileStopped(call, stops, [&] { return SetText(call, attribute, text); });
+  const bool set = ChangeWhileStopped(call, stops, [&] {
+    call.lock().AssertHolds(state_->mutex);
+    return SetText(call, attribute, text);
+  });
   if (!set) state_->status.SetStatus(StatusCode::Port, "SetAttributeFloatArray: Set Failed");
   return set;
 }

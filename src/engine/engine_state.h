@@ -43,19 +43,18 @@ struct EngineState {
 
   PriorityMutex mutex;
 
-  // Guarded by the mutex.
-  StartConfig config;
-  std::string trackerName;  // as the host named it
-  std::shared_ptr<TrackerDevice> device;
-  DeviceRequests requests;
-  std::shared_ptr<DAQControl> joystick;
-  unsigned samplingRun = 0;  // the number of the newest run; see SampleLoop::Superseded
-  MappingTable mappings;
-  float lastRawAzimuth = 0.0F;  // radians; last read from any sensor
-  float azimuthZero = 0.0F;     // radians; subtracted from every published azimuth
+  StartConfig config GUARDED_BY(mutex);
+  std::string trackerName GUARDED_BY(mutex);  // as the host named it
+  std::shared_ptr<TrackerDevice> device GUARDED_BY(mutex);
+  DeviceRequests requests GUARDED_BY(mutex);
+  std::shared_ptr<DAQControl> joystick GUARDED_BY(mutex);
+  unsigned samplingRun GUARDED_BY(mutex) = 0;  // the newest run's; see SampleLoop::Superseded
+  MappingTable mappings GUARDED_BY(mutex);
+  float lastRawAzimuth GUARDED_BY(mutex) = 0.0F;  // radians; last read from any sensor
+  float azimuthZero GUARDED_BY(mutex) = 0.0F;  // radians; subtracted from every published azimuth
 
   // The mapping of a destination. A new one is made if the destination has none.
-  Mapping& MappingAt(const MappingKey& key) {
+  Mapping& MappingAt(const MappingKey& key) REQUIRES(mutex) {
     Mapping& mapping = mappings[key];
     mapping.filters.SetStatusLog(&status);
     return mapping;

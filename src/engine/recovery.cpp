@@ -55,6 +55,7 @@ void Recovery::Report(Trouble trouble) {
 }
 
 bool Recovery::Try(const EngineLock& lock) {
+  lock.AssertHolds(state_->mutex);
   if (!followed_) return false;
   if (trouble_ == Trouble::None) {
     const Trouble found = Diagnose();

@@ -40,7 +40,7 @@ class Recovery {
  private:
   Trouble Diagnose() const;
   void Report(Trouble trouble);
-  bool Reopen();
+  bool Reopen() REQUIRES(state_->mutex);
   bool SameDevice();
 
   const std::shared_ptr<EngineState> state_;

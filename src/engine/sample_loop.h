@@ -44,29 +44,30 @@ class SampleLoop {
   };
 
   void RaisePriority();
-  void ChooseMode();
-  bool OpenSharedMemory();
-  void OpenStream();
+  void ChooseMode() REQUIRES(state_->mutex);
+  bool OpenSharedMemory() REQUIRES(state_->mutex);
+  void OpenStream() REQUIRES(state_->mutex);
   void ReportHeader();
-  void WriteBinHeaders();
+  void WriteBinHeaders() REQUIRES(state_->mutex);
   void WriteHeader(SharedTrackBlock& block);  // of the current bin, locked
-  void BeginDevice(EngineLock& lock);
+  void BeginDevice(EngineLock& lock) REQUIRES(state_->mutex);
 
   // This run was abandoned in the device, and a newer one samples: all is the newer one's now.
-  bool Superseded() const { return state_->samplingRun != run_; }
+  bool Superseded() const REQUIRES(state_->mutex) { return state_->samplingRun != run_; }
 
-  void Pass(EngineLock& lock);
-  void GiveWay() const;
-  Frame ReadFrame(EngineLock& lock);
-  void Poll(EngineLock& lock);
+  void Pass(EngineLock& lock) REQUIRES(state_->mutex);
+  void GiveWay() const EXCLUDES(state_->mutex);
+  Frame ReadFrame(EngineLock& lock) REQUIRES(state_->mutex);
+  void Poll(EngineLock& lock) REQUIRES(state_->mutex);
   void StartContinuous();
-  void PublishFrame(EngineLock& lock, const Frame& frame);
-  bool PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame);
-  void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor);
+  void PublishFrame(EngineLock& lock, const Frame& frame) REQUIRES(state_->mutex);
+  bool PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame)
+      REQUIRES(state_->mutex);
+  void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) REQUIRES(state_->mutex);
   ButtonBits::Buttons JoystickButtons(const Frame& frame) const;
   void WriteButtons(SharedTrackBlock& block, const Frame& frame);
   void KeepStatistics(Mapping& mapping, double sampleTime);
-  void Nap(EngineLock& lock);
+  void Nap(EngineLock& lock) REQUIRES(state_->mutex);
 
   // The current bin's mutex. False: another program holds it. Each says what it found out.
   bool EnterBin();
@@ -75,14 +76,14 @@ class SampleLoop {
 
   void Blink();
   void NoteSuccess();
-  void NoteFailure(EngineLock& lock, const Frame& frame);
+  void NoteFailure(EngineLock& lock, const Frame& frame) REQUIRES(state_->mutex);
   void LogFailure();
 
-  void End(EngineLock& lock);
-  void CloseSharedMemory();
+  void End(EngineLock& lock) REQUIRES(state_->mutex);
+  void CloseSharedMemory() REQUIRES(state_->mutex);
 
   Header ReadHeader();
-  int MaxBin() const;
+  int MaxBin() const REQUIRES(state_->mutex);
 
   const std::shared_ptr<EngineState> state_;
   const StopEvent stop_;

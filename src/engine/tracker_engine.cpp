@@ -226,10 +226,9 @@ void TrackerEngine::ResetMappings(const EngineLock& lock) {
 }
 
 void TrackerEngine::AddDefaultMappings(const EngineLock&) {
-  const StartConfig& config = state_->config;
   for (int sensor = 0; sensor < kPoseSlots; ++sensor) {
-    if (!HasStation(config.sensorMask, sensor)) continue;
-    const MappingKey key = {config.shmDevice, 0, sensor};
+    if (!HasStation(state_->config.sensorMask, sensor)) continue;
+    const MappingKey key = {state_->config.shmDevice, 0, sensor};
     if (!state_->mappings.contains(key)) state_->MappingAt(key).sensor = sensor;
   }
 }

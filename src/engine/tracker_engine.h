@@ -154,22 +154,23 @@ class TrackerEngine {
   bool GetAvailableFilterAttributes(const int key[3], int index, int count, AttributeInfo* rows);
 
  private:
-  OpenResult Attach(const EngineLock& lock);
-  bool OpenPort(TrackerDevice& device);
+  OpenResult Attach(const EngineLock& lock) REQUIRES(state_->mutex);
+  bool OpenPort(TrackerDevice& device) REQUIRES(state_->mutex);
   bool BootDevice(TrackerDevice& device);
-  bool AttachJoystick(const EngineLock& lock);
-  bool StartSampling(const EngineLock& lock);
-  void ResetMappings(const EngineLock& lock);
-  void AddDefaultMappings(const EngineLock& lock);
+  bool AttachJoystick(const EngineLock& lock) REQUIRES(state_->mutex);
+  bool StartSampling(const EngineLock& lock) REQUIRES(state_->mutex);
+  void ResetMappings(const EngineLock& lock) REQUIRES(state_->mutex);
+  void AddDefaultMappings(const EngineLock& lock) REQUIRES(state_->mutex);
   std::unique_ptr<TrackerDevice> MakeDevice(int deviceType);
-  bool SetSharedMemoryDevice(EngineLock& lock, int id);
+  bool SetSharedMemoryDevice(EngineLock& lock, int id) REQUIRES(state_->mutex);
 
   template <typename Change>
-  bool ChangeWhileStopped(ControlCall& call, bool stop, Change change);
-  bool SetInt(ControlCall& call, EngineAttribute attribute, int value);
-  bool SetText(ControlCall& call, EngineAttribute attribute, const char* text);
-  bool SetProtocol(ControlCall& call, const char* text);
-  void PushFloats(ControlCall& call, EngineAttribute attribute);
+  bool ChangeWhileStopped(ControlCall& call, bool stop, Change change) REQUIRES(state_->mutex);
+  bool SetInt(ControlCall& call, EngineAttribute attribute, int value) REQUIRES(state_->mutex);
+  bool SetText(ControlCall& call, EngineAttribute attribute, const char* text)
+      REQUIRES(state_->mutex);
+  bool SetProtocol(ControlCall& call, const char* text) REQUIRES(state_->mutex);
+  void PushFloats(ControlCall& call, EngineAttribute attribute) REQUIRES(state_->mutex);
   void ReportStatusOnDemand(TrackerDevice& device);
   Filter* SettableFilter(ControlCall& call, const int key[3], int index);
   bool GetMappingFloats(ControlCall& call, const int key[3], Mapping& mapping, int id, int count,

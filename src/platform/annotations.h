@@ -8,8 +8,9 @@
 //   EXCLUDES(lock)      a function: the caller must not hold `lock`, because the function takes it
 //   ACQUIRE, RELEASE    a function takes or gives back a lock; without an argument, its own object
 //   TRY_ACQUIRE(value)  a function that took the lock when it returns `value`
-//   CAPABILITY(kind)    a class that is a lock; SCOPED_CAPABILITY: one that holds a lock for a
-//   scope
+//   ASSERT_CAPABILITY(lock)
+//                       a function that tells the compiler: from here on the caller holds `lock`
+//   CAPABILITY(kind)    a class that is a lock; SCOPED_CAPABILITY: one that holds it for a scope
 //
 // std::mutex carries no such notes. Use Mutex and Lock of platform/mutex.h.
 // NO_THREAD_SAFETY_ANALYSIS excludes one function from the check; its comment says why.
@@ -29,4 +30,5 @@
 #define ACQUIRE(...) KINETREL_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) KINETREL_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TRY_ACQUIRE(...) KINETREL_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define ASSERT_CAPABILITY(lock) KINETREL_ATTRIBUTE(assert_capability(lock))
 #define NO_THREAD_SAFETY_ANALYSIS KINETREL_ATTRIBUTE(no_thread_safety_analysis)
