@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <termios.h>
 
 #include <cmath>
 
@@ -15,15 +13,18 @@
 namespace kinetrel::test {
 namespace {
 
-bool SameSettings(const termios& a, const termios& b) {
-  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
-         a.c_lflag == b.c_lflag;
+// The block of a slot once it counts that many frames.
+SharedTrackBlock AwaitFrames(SharedTrackReader& reader, int count) {
+  SharedTrackBlock block{};
+  EXPECT_TRUE(WaitUntil([&] {
+    return reader.OpenOnly(0) && reader.Copy(block, Milliseconds(1000)) && block.frameCount > count;
+  }));
+  return block;
 }
 
 class Program : public testing::Test {
  protected:
   void Start(std::vector<std::string> more = {}) {
-    tcgetattr(terminal_.nearEnd(), &before_);
     program_.emplace("kinetrel", Simulated(slot_, std::move(more)),
                      ChildProcess::Options{.terminal = &terminal_});
     ASSERT_TRUE(terminal_.Expect("Running ..."));
@@ -37,25 +38,18 @@ class Program : public testing::Test {
     return ended ? program_->Wait() : ChildProcess::kStillRuns;
   }
 
-  bool TerminalIsAsBefore() {
-    termios now{};
-    tcgetattr(terminal_.nearEnd(), &now);
-    return SameSettings(before_, now);
-  }
+  bool TerminalIsAsBefore() const { return SameSettings(before_, terminal_.Settings()); }
 
   FreeSlot slot_;
   PseudoTerminal terminal_{PseudoTerminal::Mode::Cooked};
-  termios before_{};
+  const termios before_ = terminal_.Settings();
   std::optional<ChildProcess> program_;
 };
 
 TEST_F(Program, RunsFromTheCommandLineToAClientAndBack) {
   Start({"-s0x3"});
   SharedTrackReader reader(slot_.device());
-  SharedTrackBlock block{};
-  ASSERT_TRUE(WaitUntil([&] {
-    return reader.OpenOnly(0) && reader.Copy(block, Milliseconds(1000)) && block.frameCount > 4;
-  }));
+  SharedTrackBlock block = AwaitFrames(reader, 4);
   EXPECT_EQ(DeviceNameOf(block), "OrvixTraject");
   EXPECT_EQ(block.writerPresent, 1);
   EXPECT_EQ(block.flags, 0x133U);
@@ -153,11 +147,7 @@ TEST(ProgramOutput, MayBeMissing) {
   FreeSlot slot;
   ChildProcess program("kinetrel", Simulated(slot), {.noStreams = true});
   SharedTrackReader reader(slot.device());
-  SharedTrackBlock block{};
-  EXPECT_TRUE(WaitUntil([&] {
-    return reader.OpenOnly(0) && reader.Copy(block, Milliseconds(1000)) && block.frameCount > 150;
-  }));
-  EXPECT_EQ(DeviceNameOf(block), "OrvixTraject");
+  EXPECT_EQ(DeviceNameOf(AwaitFrames(reader, 150)), "OrvixTraject");
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Wait(), 0);
 }
@@ -170,11 +160,7 @@ TEST(ProgramOutput, SamplingGoesOnWhenTheTerminalIsStopped) {
   ASSERT_TRUE(terminal.Expect("Running ..."));
   terminal.Send("\x13x");  // Ctrl-S, and a key that makes the program print a line
   SharedTrackReader reader(slot.device());
-  ASSERT_TRUE(reader.OpenOnly(0));
-  SharedTrackBlock block{};
-  EXPECT_TRUE(WaitUntil([&] {
-    return reader.Copy(block, Milliseconds(1000)) && block.frameCount > 150;  // past two blinks
-  }));
+  AwaitFrames(reader, 150);  // past two blinks
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Wait(), 0);
 }

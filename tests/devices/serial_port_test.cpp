@@ -1,26 +1,22 @@
 #include "devices/serial_port.h"
 
 #include <gtest/gtest.h>
-#include <termios.h>
 
 #include <cstdlib>
 #include <string>
 #include <thread>
 
+#include "tests/support/elapsed.h"
 #include "tests/support/pseudo_terminal.h"
 
 namespace kinetrel {
 namespace {
 
+using test::MillisecondsSince;
 using test::PseudoTerminal;
 
 constexpr int kLongMs = 20000;   // a wait that must end early
 constexpr double kSoon = 10000;  // ms: early even on a slow machine
-
-double MillisecondsSince(std::int64_t start) {
-  return static_cast<double>(ClockTicks() - start) * 1e3 /
-         static_cast<double>(ClockTicksPerSecond());
-}
 
 void NameComPort(int number, const PseudoTerminal& far) {
   setenv(("KINETREL_COM" + std::to_string(number)).c_str(), far.path().c_str(), 1);
@@ -45,38 +41,33 @@ struct Opening {
   std::string failure;  // what openFailure() contains
 };
 
-class SerialPortOpening : public testing::TestWithParam<Opening> {};
-
-TEST_P(SerialPortOpening, EndsWithAStatusAndTheCause) {
-  const Opening& row = GetParam();
-  setenv("KINETREL_COM14", "/dev/null", 1);
-  SerialPort port;
-  EXPECT_EQ(port.portStatus(), PortStatus::NeverOpened);
-  EXPECT_EQ(port.OpenPort(row.name.c_str(), 9600), 0);
-  EXPECT_EQ(port.portStatus(), row.status);
-  EXPECT_NE(port.openFailure().find(row.failure), std::string::npos) << port.openFailure();
-  EXPECT_FALSE(port.HasHandle());
-  EXPECT_EQ(port.GetPortNumber(), -1);
-  EXPECT_EQ(port.ClosePort(), 0);
-  EXPECT_EQ(port.portStatus(), row.status);
-}
-
 const std::string kDeepDirectory = "/dev/" + std::string(200, 'd') + "/";
 
-INSTANTIATE_TEST_SUITE_P(
-    Names, SerialPortOpening,
-    testing::Values(
-        Opening{"NoSuchNumber", "COM4000", PortStatus::NoSuchPort, "KINETREL_COM4000"},
-        Opening{"NameOf28", std::string(28, 'x'), PortStatus::NoSuchPort, "too long"},
-        Opening{"NameOf27", std::string(27, 'x'), PortStatus::NoSuchPort, "no such device"},
-        Opening{"PathOf255", kDeepDirectory + std::string(49, 'x'), PortStatus::NoSuchPort,
-                "no such device"},
-        Opening{"PathOf256", kDeepDirectory + std::string(51, 'x'), PortStatus::NoSuchPort,
-                "too long"},
-        Opening{"Directory", "/dev", PortStatus::NotCharacterDevice, "not a serial device"},
-        Opening{"NotALine", "/dev/null", PortStatus::NotSerial, "not a serial device"},
-        Opening{"NumberThatIsNoLine", "COM14", PortStatus::NotSerial, "COM14 (/dev/null)"}),
-    [](const auto& row) { return std::string(row.param.test); });
+TEST(SerialPort, AFailedOpeningEndsWithAStatusAndTheCause) {
+  const Opening rows[] = {
+      {"NoSuchNumber", "COM4000", PortStatus::NoSuchPort, "KINETREL_COM4000"},
+      {"NameOf28", std::string(28, 'x'), PortStatus::NoSuchPort, "too long"},
+      {"NameOf27", std::string(27, 'x'), PortStatus::NoSuchPort, "no such device"},
+      {"PathOf255", kDeepDirectory + std::string(49, 'x'), PortStatus::NoSuchPort,
+       "no such device"},
+      {"PathOf256", kDeepDirectory + std::string(51, 'x'), PortStatus::NoSuchPort, "too long"},
+      {"Directory", "/dev", PortStatus::NotCharacterDevice, "not a serial device"},
+      {"NotALine", "/dev/null", PortStatus::NotSerial, "not a serial device"},
+      {"NumberThatIsNoLine", "COM14", PortStatus::NotSerial, "COM14 (/dev/null)"}};
+  for (const Opening& row : rows) {
+    SCOPED_TRACE(row.test);
+    setenv("KINETREL_COM14", "/dev/null", 1);
+    SerialPort port;
+    EXPECT_EQ(port.portStatus(), PortStatus::NeverOpened);
+    EXPECT_EQ(port.OpenPort(row.name.c_str(), 9600), 0);
+    EXPECT_EQ(port.portStatus(), row.status);
+    EXPECT_NE(port.openFailure().find(row.failure), std::string::npos) << port.openFailure();
+    EXPECT_FALSE(port.HasHandle());
+    EXPECT_EQ(port.GetPortNumber(), -1);
+    EXPECT_EQ(port.ClosePort(), 0);
+    EXPECT_EQ(port.portStatus(), row.status);
+  }
+}
 
 TEST(SerialPort, OpensClosesAndOpensAgain) {
   PseudoTerminal far;
@@ -208,46 +199,23 @@ TEST_F(OpenSerialPort, APartlyWrittenStringReturnsANegativeCount) {
   EXPECT_GT(written, -100000);
 }
 
-struct StringRead {
-  const char* name;
-  const char* input;
-  int size;
-  int result;
-  std::string buffer;  // of '#' before
-};
-
-class SerialPortReadsStrings : public testing::TestWithParam<StringRead> {};
-
-TEST_P(SerialPortReadsStrings, UpToALineFeed) {
-  const StringRead& row = GetParam();
-  PseudoTerminal far;
-  SerialPort port;
-  ASSERT_EQ(port.OpenPort(far.path().c_str(), 9600), 1);
-  far.Send(row.input);
-  std::string buffer(8, '#');
-  EXPECT_EQ(port.ReadString(buffer.data(), row.size, '\n'), row.result);
-  EXPECT_EQ(buffer, row.buffer);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Input, SerialPortReadsStrings,
-    testing::Values(StringRead{"Terminated", "OK\nNEXT", 8, 3, {"OK\n\0####", 8}},
-                    StringRead{"InputEndsEarly", "OK", 8, -2, {"OK\0#####", 8}},
-                    StringRead{"NoInput", "", 8, 0, {"\0#######", 8}},
-                    StringRead{"BufferFillsFirst", "LONGER\n", 4, -4, {"LON\0####", 8}},
-                    StringRead{"NoRoom", "A\n", 0, 0, "########"}),
-    [](const auto& row) { return std::string(row.param.name); });
-
-TEST_F(OpenSerialPort, PurgingDiscardsReceivedBytes) {
-  far_.Send("old");
-  ASSERT_TRUE(port_.WaitForRX(kLongMs, 3));
-  port_.PurgeAll();
-  EXPECT_EQ(port_.InputQueueLength(), 0U);
-  far_.Send("new");
-  ASSERT_TRUE(port_.WaitForRX(kLongMs, 3));
-  char bytes[3] = {};
-  EXPECT_TRUE(port_.Read(bytes, 3));
-  EXPECT_EQ(std::string(bytes, 3), "new");
+TEST_F(OpenSerialPort, StringsAreReadUpToALineFeedAndAPurgeDiscardsTheRest) {
+  struct Row {
+    const char* input;
+    int size;
+    int result;
+    std::string buffer;  // of '#' before
+  };
+  for (const Row& row : {Row{"OK\nNEXT", 8, 3, {"OK\n\0####", 8}},
+                         Row{"OK", 8, -2, {"OK\0#####", 8}}, Row{"", 8, 0, {"\0#######", 8}},
+                         Row{"LONGER\n", 4, -4, {"LON\0####", 8}}, Row{"A\n", 0, 0, "########"}}) {
+    far_.Send(row.input);
+    std::string buffer(8, '#');
+    EXPECT_EQ(port_.ReadString(buffer.data(), row.size, '\n'), row.result) << row.input;
+    EXPECT_EQ(buffer, row.buffer) << row.input;
+    port_.PurgeAll();
+    EXPECT_EQ(port_.InputQueueLength(), 0U);
+  }
 }
 
 // ---- Waiting -------------------------------------------------------------------------------

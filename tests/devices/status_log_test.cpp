@@ -46,15 +46,6 @@ TEST(StatusLog, LongFormattedTextIsCut) {
   EXPECT_EQ(log.Newest().text, "short");
 }
 
-TEST(StatusLog, AnnouncingPrintsThePrefixAndLogsTheText) {
-  StatusLog log;
-  testing::internal::CaptureStderr();
-  EXPECT_TRUE(Announce(log, "\n\t", StatusCode::PortOpen, "Port(%d) open", 3));
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "\n\tPort(3) open");
-  EXPECT_EQ(log.Newest().text, "Port(3) open");
-  EXPECT_EQ(log.Newest().code, 2);
-}
-
 TEST(StatusLog, WritersOnSeveralThreadsLoseNothing) {
   constexpr int kEach = 500;
   StatusLog log;

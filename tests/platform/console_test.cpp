@@ -10,8 +10,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "platform/clock.h"
@@ -24,6 +24,7 @@ namespace kinetrel {
 namespace {
 
 using test::PseudoTerminal;
+using test::SameSettings;
 using test::TerminalJob;
 using test::WaitUntil;
 using Place = TerminalJob::Place;
@@ -167,21 +168,6 @@ TEST(Signals, AHandlerOfOtherCodeStays) {
 
 // ---- A job on a terminal -------------------------------------------------------------------
 
-termios SettingsOf(const PseudoTerminal& terminal) {
-  termios settings{};
-  EXPECT_EQ(::tcgetattr(terminal.nearEnd(), &settings), 0);
-  return settings;
-}
-
-bool Same(const termios& a, const termios& b) {
-  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
-         a.c_lflag == b.c_lflag && std::memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0;
-}
-
-bool InKeyMode(const PseudoTerminal& terminal) {
-  return (SettingsOf(terminal).c_lflag & (ICANON | ECHO)) == 0;
-}
-
 void Say(const std::string& text) {
   std::fputs(text.c_str(), stdout);
   std::fflush(stdout);
@@ -238,6 +224,37 @@ int StopWhenAskedInsideSession() {
   return StopWhenAsked();
 }
 
+// A terminal, and a job on it.
+class Terminal : public testing::Test {
+ protected:
+  void Start(const std::function<int()>& job, Place place = Place::Foreground) {
+    job_.emplace(terminal_, place, job);
+  }
+  // Starts a job and waits until it reads keys.
+  void StartReady(const std::function<int()>& job) {
+    Start(job);
+    ASSERT_TRUE(terminal_.Expect("ready "));
+  }
+  bool IsInKeyMode() const { return (terminal_.Settings().c_lflag & (ICANON | ECHO)) == 0; }
+  bool IsAsBefore() const { return SameSettings(terminal_.Settings(), before_); }
+  bool TakesKeysAndEnds() {
+    if (!WaitUntil([&] { return IsInKeyMode(); })) return false;
+    terminal_.Send("z");
+    if (!terminal_.Expect("<122>")) return false;
+    terminal_.Send("q");
+    return job_->NextChange() == 0;
+  }
+  // Waits for signs of life. A job that the system stops does not give them.
+  bool Lives() {
+    const std::size_t sofar = terminal_.Received().size();
+    return WaitUntil([&] { return terminal_.Received().size() >= sofar + 3; });
+  }
+
+  PseudoTerminal terminal_{PseudoTerminal::Mode::Cooked};
+  const termios before_ = terminal_.Settings();
+  std::optional<TerminalJob> job_;
+};
+
 struct Ending {
   const char* name;
   int (*job)();
@@ -246,24 +263,21 @@ struct Ending {
   int change;
 };
 
-class TerminalAsItWas : public testing::TestWithParam<Ending> {};
+class TerminalAsItWas : public Terminal, public testing::WithParamInterface<Ending> {};
 
 TEST_P(TerminalAsItWas, AfterTheEnd) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const termios before = SettingsOf(terminal);
-  const TerminalJob job(terminal, Place::Foreground, GetParam().job);
-  ASSERT_TRUE(terminal.Expect("ready "));
-  ASSERT_TRUE(InKeyMode(terminal));
+  StartReady(GetParam().job);
+  ASSERT_TRUE(IsInKeyMode());
   for (const char byte : GetParam().typed) {
     if (byte == ' ') {
-      ASSERT_TRUE(terminal.Expect("asked "));
+      ASSERT_TRUE(terminal_.Expect("asked "));
     } else {
-      terminal.Send(std::string(1, byte));
+      terminal_.Send(std::string(1, byte));
     }
   }
-  if (GetParam().signal != 0) job.Signal(GetParam().signal);
-  EXPECT_EQ(job.NextChange(), GetParam().change);
-  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+  if (GetParam().signal != 0) job_->Signal(GetParam().signal);
+  EXPECT_EQ(job_->NextChange(), GetParam().change);
+  EXPECT_TRUE(IsAsBefore());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -282,26 +296,22 @@ INSTANTIATE_TEST_SUITE_P(
                            -SIGINT}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(StopSignals, AnIgnoredSignalStaysIgnored) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const TerminalJob job(terminal, Place::Foreground, StopWhenAskedUnderNohup);
-  ASSERT_TRUE(terminal.Expect("ready "));
-  job.Signal(SIGHUP);
-  job.Signal(SIGTERM);
-  ASSERT_TRUE(terminal.Expect("asked "));
-  terminal.Send("q");
-  EXPECT_EQ(job.NextChange(), SIGTERM);
+TEST_F(Terminal, AnIgnoredSignalStaysIgnored) {
+  StartReady(StopWhenAskedUnderNohup);
+  job_->Signal(SIGHUP);
+  job_->Signal(SIGTERM);
+  ASSERT_TRUE(terminal_.Expect("asked "));
+  terminal_.Send("q");
+  EXPECT_EQ(job_->NextChange(), SIGTERM);
 }
 
-TEST(StopSignals, ARequestThatArrivesTwiceCountsOnce) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const TerminalJob job(terminal, Place::Foreground, StopWhenAskedTwiceInOneBreath);
-  EXPECT_EQ(job.NextChange(), SIGINT);
+TEST_F(Terminal, ARequestThatArrivesTwiceCountsOnce) {
+  Start(StopWhenAskedTwiceInOneBreath);
+  EXPECT_EQ(job_->NextChange(), SIGINT);
 }
 
-TEST(StopSignals, ABrokenPipeFailsTheWriteOnly) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const TerminalJob job(terminal, Place::Foreground, [] {
+TEST_F(Terminal, ABrokenPipeFailsTheWriteOnly) {
+  Start([] {
     static std::atomic<int> request{0};
     CatchStopSignals(request);
     int ends[2];
@@ -309,115 +319,86 @@ TEST(StopSignals, ABrokenPipeFailsTheWriteOnly) {
     ::close(ends[0]);
     return ::write(ends[1], "x", 1) == -1 && errno == EPIPE ? 0 : 2;
   });
-  EXPECT_EQ(job.NextChange(), 0);
+  EXPECT_EQ(job_->NextChange(), 0);
 }
 
-TEST(KeyMode, KeepsSignalsAndOutputAndSeparatesEnterFromLineFeed) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const termios before = SettingsOf(terminal);
-  const TerminalJob job(terminal, Place::Foreground, SayKeys);
-  ASSERT_TRUE(terminal.Expect("ready "));
-  const termios during = SettingsOf(terminal);
-  EXPECT_EQ(before.c_lflag & ~during.c_lflag, static_cast<tcflag_t>(ICANON | ECHO));
-  EXPECT_EQ(before.c_iflag & ~during.c_iflag, static_cast<tcflag_t>(ICRNL));
-  EXPECT_EQ(during.c_oflag, before.c_oflag);
-  terminal.Send("\r\n\x7F\x1B[5;5~\x1B");
-  EXPECT_TRUE(terminal.Expect("<13>"));
-  EXPECT_TRUE(terminal.Expect("<10>"));
-  EXPECT_TRUE(terminal.Expect("<8>"));
-  EXPECT_TRUE(terminal.Expect("<x134>"));
-  EXPECT_TRUE(terminal.Expect("<27>"));
+TEST_F(Terminal, InKeyModeKeepsSignalsAndOutputAndSeparatesEnterFromLineFeed) {
+  StartReady(SayKeys);
+  const termios during = terminal_.Settings();
+  EXPECT_EQ(before_.c_lflag & ~during.c_lflag, static_cast<tcflag_t>(ICANON | ECHO));
+  EXPECT_EQ(before_.c_iflag & ~during.c_iflag, static_cast<tcflag_t>(ICRNL));
+  EXPECT_EQ(during.c_oflag, before_.c_oflag);
+  terminal_.Send("\r\n\x7F\x1B[5;5~\x1B");
+  EXPECT_TRUE(terminal_.Expect("<13>"));
+  EXPECT_TRUE(terminal_.Expect("<10>"));
+  EXPECT_TRUE(terminal_.Expect("<8>"));
+  EXPECT_TRUE(terminal_.Expect("<x134>"));
+  EXPECT_TRUE(terminal_.Expect("<27>"));
 }
 
-TEST(KeyMode, KeepsWhatWasTypedAhead) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  terminal.Send("\x1B");
-  const TerminalJob job(terminal, Place::Foreground, SayKeys);
-  EXPECT_TRUE(terminal.Expect("<27>"));
+TEST_F(Terminal, KeepsWhatWasTypedAhead) {
+  terminal_.Send("\x1B");
+  Start(SayKeys);
+  EXPECT_TRUE(terminal_.Expect("<27>"));
 }
 
 // ---- Suspension and background -------------------------------------------------------------
 
-bool TakesKeysAndEnds(PseudoTerminal& terminal, const TerminalJob& job) {
-  if (!WaitUntil([&] { return InKeyMode(terminal); })) return false;
-  terminal.Send("z");
-  if (!terminal.Expect("<122>")) return false;
-  terminal.Send("q");
-  return job.NextChange() == 0;
-}
-
-// Waits for signs of life. A job that the system stops does not give them.
-bool Lives(PseudoTerminal& terminal) {
-  const std::size_t sofar = terminal.Received().size();
-  return WaitUntil([&] { return terminal.Received().size() >= sofar + 3; });
-}
-
-TEST(Suspension, ReturnsTheTerminalAndTakesItAgain) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const termios before = SettingsOf(terminal);
-  const TerminalJob job(terminal, Place::Foreground, SayKeys);
-  ASSERT_TRUE(terminal.Expect("ready "));
+TEST_F(Terminal, IsReturnedOnASuspensionAndTakenAgain) {
+  StartReady(SayKeys);
   for (int times = 0; times < 3; ++times) {
-    ASSERT_TRUE(WaitUntil([&] { return InKeyMode(terminal); }));
-    terminal.Send("\x1A");
-    ASSERT_EQ(job.NextChange(), TerminalJob::StoppedBy(SIGTSTP));
-    EXPECT_TRUE(Same(SettingsOf(terminal), before));
-    job.Continue(Place::Foreground);
+    ASSERT_TRUE(WaitUntil([&] { return IsInKeyMode(); }));
+    terminal_.Send("\x1A");
+    ASSERT_EQ(job_->NextChange(), TerminalJob::StoppedBy(SIGTSTP));
+    EXPECT_TRUE(IsAsBefore());
+    job_->Continue(Place::Foreground);
   }
-  EXPECT_TRUE(TakesKeysAndEnds(terminal, job));
-  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+  EXPECT_TRUE(TakesKeysAndEnds());
+  EXPECT_TRUE(IsAsBefore());
 }
 
-TEST(Suspension, ThatCannotBeCaughtIsRepairedAfterwards) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const termios before = SettingsOf(terminal);
-  const TerminalJob job(terminal, Place::Foreground, SayKeys);
-  ASSERT_TRUE(terminal.Expect("ready "));
-  job.Signal(SIGSTOP);
-  ASSERT_EQ(job.NextChange(), TerminalJob::StoppedBy(SIGSTOP));
-  ASSERT_EQ(::tcsetattr(terminal.nearEnd(), TCSANOW, &before), 0);  // as a shell does
-  job.Continue(Place::Foreground);
-  EXPECT_TRUE(TakesKeysAndEnds(terminal, job));
-  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+TEST_F(Terminal, IsRepairedAfterAStopThatCannotBeCaught) {
+  StartReady(SayKeys);
+  job_->Signal(SIGSTOP);
+  ASSERT_EQ(job_->NextChange(), TerminalJob::StoppedBy(SIGSTOP));
+  ASSERT_EQ(::tcsetattr(terminal_.nearEnd(), TCSANOW, &before_), 0);  // as a shell does
+  job_->Continue(Place::Foreground);
+  EXPECT_TRUE(TakesKeysAndEnds());
+  EXPECT_TRUE(IsAsBefore());
 }
 
-TEST(Background, LeavesTheTerminalAloneUntilMovedToTheFront) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const termios before = SettingsOf(terminal);
-  const TerminalJob job(terminal, Place::Background, SayKeys);
-  terminal.Send("x\n");
-  ASSERT_TRUE(Lives(terminal));
-  EXPECT_TRUE(Same(SettingsOf(terminal), before));
-  EXPECT_EQ(job.NextChange(Milliseconds{0}), TerminalJob::kNothing);
-  EXPECT_EQ(terminal.Received().find("<"), std::string::npos);
-  job.Move(Place::Foreground);  // a shell sends no SIGCONT to a job that runs
-  EXPECT_TRUE(terminal.Expect("<120>"));
-  EXPECT_TRUE(TakesKeysAndEnds(terminal, job));
-  EXPECT_TRUE(Same(SettingsOf(terminal), before));
+TEST_F(Terminal, IsLeftAloneByAJobUntilItIsMovedToTheFront) {
+  Start(SayKeys, Place::Background);
+  terminal_.Send("x\n");
+  ASSERT_TRUE(Lives());
+  EXPECT_TRUE(IsAsBefore());
+  EXPECT_EQ(job_->NextChange(Milliseconds{0}), TerminalJob::kNothing);
+  EXPECT_EQ(terminal_.Received().find("<"), std::string::npos);
+  job_->Move(Place::Foreground);  // a shell sends no SIGCONT to a job that runs
+  EXPECT_TRUE(terminal_.Expect("<120>"));
+  EXPECT_TRUE(TakesKeysAndEnds());
+  EXPECT_TRUE(IsAsBefore());
 }
 
-TEST(Background, AfterSuspensionEndsWithoutTouchingTheTerminal) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
-  const TerminalJob job(terminal, Place::Foreground, SayKeys);
-  ASSERT_TRUE(terminal.Expect("ready "));
-  terminal.Send("\x1A");
-  ASSERT_EQ(job.NextChange(), TerminalJob::StoppedBy(SIGTSTP));
-  job.Continue(Place::Background);
-  ASSERT_TRUE(Lives(terminal));
-  termios ofAnother = SettingsOf(terminal);
+TEST_F(Terminal, IsLeftAloneByAJobThatEndsInTheBackground) {
+  StartReady(SayKeys);
+  terminal_.Send("\x1A");
+  ASSERT_EQ(job_->NextChange(), TerminalJob::StoppedBy(SIGTSTP));
+  job_->Continue(Place::Background);
+  ASSERT_TRUE(Lives());
+  termios ofAnother = terminal_.Settings();
   ofAnother.c_lflag &= ~static_cast<tcflag_t>(ECHO);  // as when another program asks for a password
-  ASSERT_EQ(::tcsetattr(terminal.nearEnd(), TCSANOW, &ofAnother), 0);
-  ASSERT_TRUE(Lives(terminal));
-  job.Signal(SIGTERM);
-  EXPECT_EQ(job.NextChange(), -SIGTERM);
-  EXPECT_TRUE(Same(SettingsOf(terminal), ofAnother));
+  ASSERT_EQ(::tcsetattr(terminal_.nearEnd(), TCSANOW, &ofAnother), 0);
+  ASSERT_TRUE(Lives());
+  job_->Signal(SIGTERM);
+  EXPECT_EQ(job_->NextChange(), -SIGTERM);
+  EXPECT_TRUE(SameSettings(terminal_.Settings(), ofAnother));
 }
 
-TEST(StandardOutput, ReportsItsSizeAndKind) {
-  PseudoTerminal terminal(PseudoTerminal::Mode::Cooked);
+TEST_F(Terminal, ReportsItsSizeAndKind) {
   const winsize size{50, 132, 0, 0};
-  ASSERT_EQ(::ioctl(terminal.nearEnd(), TIOCSWINSZ, &size), 0);
-  const TerminalJob job(terminal, Place::Foreground, [] {
+  ASSERT_EQ(::ioctl(terminal_.nearEnd(), TIOCSWINSZ, &size), 0);
+  Start([] {
     ::setenv("TERM", "dumb", 1);
     const bool dumb = EnableTerminalSequences();
     ::setenv("TERM", "xterm", 1);
@@ -427,7 +408,7 @@ TEST(StandardOutput, ReportsItsSizeAndKind) {
                ? 0
                : 1;
   });
-  EXPECT_EQ(job.NextChange(), 0);
+  EXPECT_EQ(job_->NextChange(), 0);
 }
 
 }  // namespace

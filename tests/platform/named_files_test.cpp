@@ -1,18 +1,14 @@
 // The files behind named objects on Linux: their content, and what can disturb them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <optional>
-#include <thread>
 
 #include "platform/clock.h"
 #include "platform/named_objects.h"
@@ -20,9 +16,6 @@
 
 namespace kinetrel::test {
 namespace {
-
-constexpr Milliseconds kLong{20000};
-constexpr Milliseconds kNow{0};
 
 int& NumberIn(const NamedMemory& memory) { return *static_cast<int*>(memory.data()); }
 
@@ -115,24 +108,23 @@ struct Left {
   std::size_t size;
   mode_t mode;
 };
-class LeftBehind : public testing::TestWithParam<Left> {};
-
-TEST_P(LeftBehind, IsFoundFreshAndOpenToAll) {
-  const std::string name = UniqueName("left");
-  const Stray stray(name, GetParam().size, GetParam().mode);
-  std::ofstream(PathOf(name), std::ios::in) << std::string(GetParam().size, 'x');
-  const Result<NamedMemory> memory = NamedMemory::Open(name, 64);
-  ASSERT_TRUE(memory.Ok());
-  EXPECT_EQ(std::string(static_cast<char*>(memory.value().data()), 64), std::string(64, '\0'));
-  EXPECT_EQ(std::filesystem::file_size(PathOf(name)), 64U);
-  EXPECT_EQ(std::filesystem::status(PathOf(name)).permissions(), std::filesystem::perms{0666});
+TEST(NamedFiles, LeftBehindAreFoundFreshAndOpenToAll) {
+  const Left rows[] = {{"SameSize", 64, 0666},
+                       {"Empty", 0, 0666},
+                       {"Larger", 8192, 0666},
+                       {"BeforeItsMode", 0, 0600}};
+  for (const Left& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string name = UniqueName("left");
+    const Stray stray(name, row.size, row.mode);
+    std::ofstream(PathOf(name), std::ios::in) << std::string(row.size, 'x');
+    const Result<NamedMemory> memory = NamedMemory::Open(name, 64);
+    ASSERT_TRUE(memory.Ok());
+    EXPECT_EQ(std::string(static_cast<char*>(memory.value().data()), 64), std::string(64, '\0'));
+    EXPECT_EQ(std::filesystem::file_size(PathOf(name)), 64U);
+    EXPECT_EQ(std::filesystem::status(PathOf(name)).permissions(), std::filesystem::perms{0666});
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(NamedFiles, LeftBehind,
-                         testing::Values(Left{"SameSize", 64, 0666}, Left{"Empty", 0, 0666},
-                                         Left{"Larger", 8192, 0666},
-                                         Left{"BeforeItsMode", 0, 0600}),
-                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST(NamedFiles, AreFinishedByTheNextUserWhenTheirMakerDied) {
   const std::string name = UniqueName("half");

@@ -9,25 +9,21 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/support/elapsed.h"
 #include "tests/support/pseudo_terminal.h"
 
 namespace kinetrel {
 namespace {
 
+using test::MillisecondsSince;
 using test::PseudoTerminal;
 
 constexpr Milliseconds kLong{20000};  // a time-out that must not be used up
 constexpr double kSoon = 10000;       // ms: within it even on the slowest machine
-
-double MillisecondsSince(std::int64_t start) {
-  return static_cast<double>(ClockTicks() - start) * 1e3 /
-         static_cast<double>(ClockTicksPerSecond());
-}
 
 double ThreadCpuMilliseconds() {
   timespec used{};
@@ -52,11 +48,18 @@ Result<std::size_t> WriteText(SerialLine& line, const std::string& text) {
   return line.Write(std::as_bytes(std::span(text)));
 }
 
-termios TerminalOf(const PseudoTerminal& terminal) {
-  termios settings{};
-  tcgetattr(terminal.nearEnd(), &settings);
-  return settings;
-}
+// An open line, and its far end.
+class OpenLine : public testing::Test {
+ protected:
+  // The far end sends a text, and the line reads it ahead.
+  void Arrive(const std::string& text) {
+    far_.Send(text);
+    EXPECT_TRUE(line_.WaitForInput(text.size(), kLong).Ok());
+  }
+
+  PseudoTerminal far_;
+  SerialLine line_ = MustOpen(far_.path());
+};
 
 // ---- Opening -------------------------------------------------------------------------------
 
@@ -67,32 +70,26 @@ struct BadName {
   std::string explanation;
 };
 
-class SerialLineRefuses : public testing::TestWithParam<BadName> {};
-
-TEST_P(SerialLineRefuses, AndSaysWhy) {
-  const BadName& row = GetParam();
-  const Result<SerialLine> line = SerialLine::Open(row.name);
-  ASSERT_FALSE(line.Ok());
-  EXPECT_EQ(line.status().error, row.error);
-  EXPECT_EQ(SerialLine::ExplainOpenFailure(row.name, line.status()), row.explanation);
+TEST(SerialLine, ARefusalSaysWhy) {
+  const BadName rows[] = {
+      {"MissingPath", "/dev/no-such-line", Error::NotFound, "/dev/no-such-line: no such device"},
+      {"MissingNumber", "COM4000", Error::NotFound,
+       "COM4000 (/dev/ttyS3999): no such device; KINETREL_COM4000 can name another one"},
+      {"NumberZero", "COM0", Error::NotFound,
+       "COM0: no such device; KINETREL_COM0 can name another one"},
+      {"NumberTooLarge", "COM99999999999", Error::NotFound, "COM99999999999: no such device"},
+      {"Empty", "", Error::NotFound, ": no such device"},
+      {"Directory", "/", Error::Invalid, "/: not a serial device"},
+      {"RegularFile", KINETREL_SOURCE_DIR "/CMakeLists.txt", Error::Invalid,
+       KINETREL_SOURCE_DIR "/CMakeLists.txt: not a serial device"}};
+  for (const BadName& row : rows) {
+    SCOPED_TRACE(row.test);
+    const Result<SerialLine> line = SerialLine::Open(row.name);
+    ASSERT_FALSE(line.Ok());
+    EXPECT_EQ(line.status().error, row.error);
+    EXPECT_EQ(SerialLine::ExplainOpenFailure(row.name, line.status()), row.explanation);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Names, SerialLineRefuses,
-    testing::Values(
-        BadName{"MissingPath", "/dev/no-such-line", Error::NotFound,
-                "/dev/no-such-line: no such device"},
-        BadName{"MissingNumber", "COM4000", Error::NotFound,
-                "COM4000 (/dev/ttyS3999): no such device; KINETREL_COM4000 can name another one"},
-        BadName{"NumberZero", "COM0", Error::NotFound,
-                "COM0: no such device; KINETREL_COM0 can name another one"},
-        BadName{"NumberTooLarge", "COM99999999999", Error::NotFound,
-                "COM99999999999: no such device"},
-        BadName{"Empty", "", Error::NotFound, ": no such device"},
-        BadName{"Directory", "/", Error::Invalid, "/: not a serial device"},
-        BadName{"RegularFile", KINETREL_SOURCE_DIR "/CMakeLists.txt", Error::Invalid,
-                KINETREL_SOURCE_DIR "/CMakeLists.txt: not a serial device"}),
-    [](const auto& row) { return std::string(row.param.test); });
 
 // Gives up the rights of root for one thread's file accesses.
 class AsNobody {
@@ -115,20 +112,18 @@ TEST(SerialLine, ARefusalNamesTheGroupThatMayUseTheDevice) {
             far.path() + ": permission denied: add this account to group dialout and log in again");
 }
 
-TEST(SerialLine, APseudoTerminalIsALineWithoutModemLines) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  const Result<SerialCapabilities> capabilities = line.Capabilities();
+TEST_F(OpenLine, APseudoTerminalIsALineWithoutModemLines) {
+  const Result<SerialCapabilities> capabilities = line_.Capabilities();
   ASSERT_TRUE(capabilities.Ok());
   EXPECT_TRUE(capabilities->serialLine);
   EXPECT_FALSE(capabilities->rtsCts);
-  EXPECT_EQ(line.SetDtr(true).error, Error::Unsupported);
-  EXPECT_EQ(line.SetRts(false).error, Error::Unsupported);
+  EXPECT_EQ(line_.SetDtr(true).error, Error::Unsupported);
+  EXPECT_EQ(line_.SetRts(false).error, Error::Unsupported);
 }
 
 TEST(SerialLine, IsRawWhileOpenAndRestoredAfterwards) {
   PseudoTerminal far(PseudoTerminal::Mode::Cooked);
-  const termios before = TerminalOf(far);
+  const termios before = far.Settings();
   {
     SerialLine line = MustOpen(far.path());
     ASSERT_TRUE(line.Apply({.baud = 4800}).Ok());
@@ -141,27 +136,22 @@ TEST(SerialLine, IsRawWhileOpenAndRestoredAfterwards) {
     EXPECT_TRUE(far.Expect(all));
     EXPECT_EQ(far.Received(), all);  // and no echo of what came
   }
-  const termios after = TerminalOf(far);
-  EXPECT_EQ(after.c_iflag, before.c_iflag);
-  EXPECT_EQ(after.c_oflag, before.c_oflag);
-  EXPECT_EQ(after.c_cflag, before.c_cflag);
-  EXPECT_EQ(after.c_lflag, before.c_lflag);
+  const termios after = far.Settings();
+  EXPECT_TRUE(test::SameSettings(after, before));
   EXPECT_EQ(cfgetospeed(&after), cfgetospeed(&before));
 }
 
-TEST(SerialLine, TakesAnyRateAndShowsStandardOnesToOtherPrograms) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
+TEST_F(OpenLine, TakesAnyRateAndShowsStandardOnesToOtherPrograms) {
   for (const unsigned baud : {300U, 9600U, 31250U, 115200U, 250000U}) {
-    ASSERT_TRUE(line.Apply({.baud = baud, .stopBits = StopBits::Two}).Ok()) << baud;
-    EXPECT_EQ(line.Settings()->baud, baud);
-    EXPECT_EQ(line.Settings()->stopBits, StopBits::Two);
+    ASSERT_TRUE(line_.Apply({.baud = baud, .stopBits = StopBits::Two}).Ok()) << baud;
+    EXPECT_EQ(line_.Settings()->baud, baud);
+    EXPECT_EQ(line_.Settings()->stopBits, StopBits::Two);
   }
-  ASSERT_TRUE(line.Apply({.baud = 19200}).Ok());
-  const termios seen = TerminalOf(far);
+  ASSERT_TRUE(line_.Apply({.baud = 19200}).Ok());
+  const termios seen = far_.Settings();
   EXPECT_EQ(cfgetospeed(&seen), static_cast<speed_t>(B19200));
-  EXPECT_EQ(line.Apply({.baud = 0}).error, Error::Invalid);
-  EXPECT_EQ(line.Settings()->baud, 19200U);
+  EXPECT_EQ(line_.Apply({.baud = 0}).error, Error::Invalid);
+  EXPECT_EQ(line_.Settings()->baud, 19200U);
 }
 
 // ---- Reading -------------------------------------------------------------------------------
@@ -201,16 +191,14 @@ struct TimedRead {
   double atLeastMs;
 };
 
-class SerialLineReads : public testing::TestWithParam<TimedRead> {};
+class SerialLineReads : public OpenLine, public testing::WithParamInterface<TimedRead> {};
 
 TEST_P(SerialLineReads, UnderItsTimeouts) {
   const TimedRead& row = GetParam();
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  ASSERT_TRUE(line.SetReadTimeouts(row.timeouts).Ok());
+  ASSERT_TRUE(line_.SetReadTimeouts(row.timeouts).Ok());
   const std::int64_t start = ClockTicks();
-  const FarEnd script(far, row.far);
-  EXPECT_EQ(ReadText(line, 4), row.expected);
+  const FarEnd script(far_, row.far);
+  EXPECT_EQ(ReadText(line_, 4), row.expected);
   EXPECT_GE(MillisecondsSince(start), row.atLeastMs);
   EXPECT_LT(MillisecondsSince(start), row.atLeastMs + kSoon);
 }
@@ -234,18 +222,16 @@ INSTANTIATE_TEST_SUITE_P(
         TimedRead{"HangUpEndsABlockedRead", {0, 0, 0}, {{50, "hang up"}}, "read: closed", 50}),
     [](const auto& row) { return std::string(row.param.name); });
 
-TEST(SerialLine, EveryOperationReportsAHangUp) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  far.HangUp();
+TEST_F(OpenLine, EveryOperationReportsAHangUp) {
+  far_.HangUp();
   std::byte one{};
   for (int round = 0; round < 3; ++round) {
-    EXPECT_EQ(line.Read({&one, 1}).status().error, Error::Closed);
-    EXPECT_EQ(line.Write({&one, 1}).status().error, Error::Closed);
-    EXPECT_EQ(line.WaitForInput(1, kLong).error, Error::Closed);
-    EXPECT_EQ(line.InputQueueLength().status().error, Error::Closed);
-    EXPECT_EQ(line.DrainOutput().error, Error::Closed);
-    EXPECT_EQ(line.Apply({.baud = 9600}).error, Error::Closed);
+    EXPECT_EQ(line_.Read({&one, 1}).status().error, Error::Closed);
+    EXPECT_EQ(line_.Write({&one, 1}).status().error, Error::Closed);
+    EXPECT_EQ(line_.WaitForInput(1, kLong).error, Error::Closed);
+    EXPECT_EQ(line_.InputQueueLength().status().error, Error::Closed);
+    EXPECT_EQ(line_.DrainOutput().error, Error::Closed);
+    EXPECT_EQ(line_.Apply({.baud = 9600}).error, Error::Closed);
   }
 }
 
@@ -260,15 +246,13 @@ struct Wait {
   double atLeastMs;
 };
 
-class SerialLineWaits : public testing::TestWithParam<Wait> {};
+class SerialLineWaits : public OpenLine, public testing::WithParamInterface<Wait> {};
 
 TEST_P(SerialLineWaits, AndWakesWhenBytesArrive) {
   const Wait& row = GetParam();
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
   const std::int64_t start = ClockTicks();
-  const FarEnd script(far, row.far);
-  EXPECT_EQ(line.WaitForInput(row.count, row.timeout).error, row.error);
+  const FarEnd script(far_, row.far);
+  EXPECT_EQ(line_.WaitForInput(row.count, row.timeout).error, row.error);
   EXPECT_GE(MillisecondsSince(start), row.atLeastMs);
   EXPECT_LT(MillisecondsSince(start), row.atLeastMs + kSoon);
 }
@@ -320,184 +304,94 @@ TEST(SerialLine, ASignalEndsNoWaitEarly) {
   EXPECT_GE(MillisecondsSince(start), 120);
 }
 
-TEST(SerialLine, WaitingForTheRestOfARecordDoesNotSpin) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  far.Send("ab");
+TEST_F(OpenLine, WaitingForTheRestOfARecordDoesNotSpin) {
+  far_.Send("ab");
   const double before = ThreadCpuMilliseconds();
-  EXPECT_EQ(line.WaitForInput(3, Milliseconds(600)).error, Error::TimedOut);
+  EXPECT_EQ(line_.WaitForInput(3, Milliseconds(600)).error, Error::TimedOut);
   EXPECT_LT(ThreadCpuMilliseconds() - before, 300);
 }
 
 // ---- The bytes read ahead ------------------------------------------------------------------
 
-// One step of a story: what the far end sends or what the host does, and the answer it must get.
-struct Step {
-  enum class Act { Send, HangUp, Wait, Length, Read, Purge, Reopen } act;
-  std::string text = {};      // to send, or expected of the read
-  std::size_t count = 0;      // waited for, or expected as the length
-  Error error = Error::None;  // expected
-};
-
-struct Story {
-  const char* name;
-  std::vector<Step> steps;
-};
-
-class SerialLineReadsAhead : public testing::TestWithParam<Story> {};
-
-void Play(const Step& step, PseudoTerminal& far, std::optional<SerialLine>& line) {
-  switch (step.act) {
-    case Step::Act::Send:
-      return far.Send(step.text);
-    case Step::Act::HangUp:
-      return far.HangUp();
-    case Step::Act::Wait:
-      EXPECT_EQ(line->WaitForInput(step.count, kLong).error, step.error);
-      return;
-    case Step::Act::Length: {
-      const Result<std::size_t> length = line->InputQueueLength();
-      EXPECT_EQ(length.status().error, step.error);
-      EXPECT_EQ(length.Ok() ? *length : 0, step.count);
-      return;
-    }
-    case Step::Act::Read:
-      EXPECT_EQ(ReadText(*line, 4), step.text);
-      return;
-    case Step::Act::Purge:
-      EXPECT_EQ(line->PurgeInput().error, step.error);
-      return;
-    case Step::Act::Reopen:
-      line.reset();
-      line = MustOpen(far.path());
-  }
+TEST_F(OpenLine, APurgeDropsBytesReadAhead) {
+  Arrive("abcdef");
+  EXPECT_EQ(ReadText(line_, 4), "abcd");
+  EXPECT_TRUE(line_.PurgeInput().Ok());
+  EXPECT_EQ(*line_.InputQueueLength(), 0U);
+  EXPECT_EQ(ReadText(line_, 4), "");
+  Arrive("xy");
+  EXPECT_EQ(ReadText(line_, 4), "xy");
 }
 
-TEST_P(SerialLineReadsAhead, AsIfTheSystemHeldTheBytes) {
-  PseudoTerminal far;
-  std::optional<SerialLine> line = MustOpen(far.path());
-  for (std::size_t i = 0; i < GetParam().steps.size(); ++i) {
-    SCOPED_TRACE("step " + std::to_string(i));
-    Play(GetParam().steps[i], far, line);
-  }
+TEST_F(OpenLine, TheQueueLengthCountsBytesReadAheadAndLaterOnes) {
+  Arrive("abcdef");
+  EXPECT_EQ(ReadText(line_, 4), "abcd");
+  far_.Send("ghi");
+  EXPECT_TRUE(line_.WaitForInput(5, kLong).Ok());
+  EXPECT_EQ(*line_.InputQueueLength(), 5U);
+  EXPECT_EQ(ReadText(line_, 4), "efgh");
+  EXPECT_EQ(ReadText(line_, 4), "i");
 }
 
-using Act = Step::Act;
-
-INSTANTIATE_TEST_SUITE_P(Line, SerialLineReadsAhead,
-                         testing::Values(Story{"PurgeDropsThem",
-                                               {{Act::Send, "abcdef"},
-                                                {Act::Wait, {}, 6},
-                                                {Act::Read, "abcd"},
-                                                {Act::Purge},
-                                                {Act::Length, {}, 0},
-                                                {Act::Read, ""},
-                                                {Act::Send, "xy"},
-                                                {Act::Wait, {}, 2},
-                                                {Act::Read, "xy"}}},
-                                         Story{"TheLengthCountsThemAndWhatCameSince",
-                                               {{Act::Send, "abcdef"},
-                                                {Act::Wait, {}, 6},
-                                                {Act::Read, "abcd"},
-                                                {Act::Send, "ghi"},
-                                                {Act::Wait, {}, 5},
-                                                {Act::Length, {}, 5},
-                                                {Act::Read, "efgh"},
-                                                {Act::Read, "i"}}},
-                                         Story{"AHangUpIsReportedAfterThem",
-                                               {{Act::Send, "abcdef"},
-                                                {Act::Wait, {}, 6},
-                                                {Act::HangUp},
-                                                {Act::Wait, {}, 6},
-                                                {Act::Wait, {}, 7, Error::Closed},
-                                                {Act::Length, {}, 6},
-                                                {Act::Read, "abcd"},
-                                                {Act::Length, {}, 2},
-                                                {Act::Read, "ef"},
-                                                {Act::Read, "read: closed"},
-                                                {Act::Length, {}, 0, Error::Closed},
-                                                {Act::Purge, {}, 0, Error::Closed}}},
-                                         Story{"ReopeningStartsEmpty",
-                                               {{Act::Send, "abcdef"},
-                                                {Act::Wait, {}, 6},
-                                                {Act::Read, "abcd"},
-                                                {Act::Reopen},
-                                                {Act::Length, {}, 0},
-                                                {Act::Send, "x"},
-                                                {Act::Wait, {}, 1},
-                                                {Act::Read, "x"}}}),
-                         [](const auto& row) { return std::string(row.param.name); });
-
-TEST(SerialLine, BytesReadAheadAreReturnedWithoutAskingTheSystem) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  ASSERT_TRUE(line.SetReadTimeouts({0, 0, kLongMs}).Ok());
-  far.Send("abcdefgh");
-  ASSERT_TRUE(line.WaitForInput(8, kLong).Ok());
-  ASSERT_EQ(tcflush(far.nearEnd(), TCIFLUSH), 0);  // the system itself holds no byte any more
-  EXPECT_TRUE(line.WaitForInput(8, kForever).Ok());
-  EXPECT_EQ(ReadText(line, 4), "abcd");
-  EXPECT_EQ(ReadText(line, 4), "efgh");
+TEST_F(OpenLine, AHangUpIsReportedAfterBytesReadAhead) {
+  Arrive("abcdef");
+  far_.HangUp();
+  EXPECT_TRUE(line_.WaitForInput(6, kLong).Ok());
+  EXPECT_EQ(line_.WaitForInput(7, kLong).error, Error::Closed);
+  EXPECT_EQ(*line_.InputQueueLength(), 6U);
+  EXPECT_EQ(ReadText(line_, 4), "abcd");
+  EXPECT_EQ(*line_.InputQueueLength(), 2U);
+  EXPECT_EQ(ReadText(line_, 4), "ef");
+  EXPECT_EQ(ReadText(line_, 4), "read: closed");
+  EXPECT_EQ(line_.InputQueueLength().status().error, Error::Closed);
+  EXPECT_EQ(line_.PurgeInput().error, Error::Closed);
 }
 
-TEST(SerialLine, MoreThanTheReadAheadTakesArrivesInOrder) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  ASSERT_TRUE(line.SetReadTimeouts({0, 0, kLongMs}).Ok());
+TEST_F(OpenLine, BytesReadAheadAreReturnedWithoutAskingTheSystem) {
+  ASSERT_TRUE(line_.SetReadTimeouts({0, 0, kLongMs}).Ok());
+  far_.Send("abcdefgh");
+  ASSERT_TRUE(line_.WaitForInput(8, kLong).Ok());
+  ASSERT_EQ(tcflush(far_.nearEnd(), TCIFLUSH), 0);  // the system itself holds no byte any more
+  EXPECT_TRUE(line_.WaitForInput(8, kForever).Ok());
+  EXPECT_EQ(ReadText(line_, 4), "abcd");
+  EXPECT_EQ(ReadText(line_, 4), "efgh");
+}
+
+TEST_F(OpenLine, MoreThanTheReadAheadTakesArrivesInOrder) {
+  ASSERT_TRUE(line_.SetReadTimeouts({0, 0, kLongMs}).Ok());
   std::string sent;
   for (int i = 0; i < 2000; ++i) sent += std::to_string(10000 + i);
-  std::thread device([&] { far.Send(sent); });
-  ASSERT_TRUE(line.WaitForInput(SerialLine::kMostReadAhead, kLong).Ok());
-  EXPECT_EQ(*line.InputQueueLength(), SerialLine::kMostReadAhead);
-  EXPECT_EQ(ReadText(line, sent.size()), sent);
+  std::thread device([&] { far_.Send(sent); });
+  ASSERT_TRUE(line_.WaitForInput(SerialLine::kMostReadAhead, kLong).Ok());
+  EXPECT_EQ(*line_.InputQueueLength(), SerialLine::kMostReadAhead);
+  EXPECT_EQ(ReadText(line_, sent.size()), sent);
   device.join();
 }
 
-// ---- Queues and writing --------------------------------------------------------------------
+// ---- Writing -------------------------------------------------------------------------------
 
-TEST(SerialLine, TheInputQueueIsCountedAsSoonAsBytesAreSent) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  EXPECT_EQ(*line.InputQueueLength(), 0U);
-  for (std::size_t i = 1; i <= 100; ++i) {
-    far.Send("abc");
-    ASSERT_TRUE(line.WaitForInput(3, kLong).Ok());
-    ASSERT_EQ(*line.InputQueueLength(), 3U);
-    ASSERT_TRUE(line.PurgeInput().Ok());
-    ASSERT_EQ(*line.InputQueueLength(), 0U);
-  }
-}
-
-TEST(SerialLine, PurgingOutputLeavesWhatTheFarEndAlreadyHas) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
-  ASSERT_EQ(*WriteText(line, "reset"), 5U);
-  EXPECT_TRUE(line.PurgeOutput().Ok());
-  EXPECT_TRUE(far.Expect("reset"));
-}
-
-TEST(SerialLine, WhatWasWrittenBeforeClosingArrives) {
+TEST(SerialLine, WhatWasWrittenArrivesDespiteAPurgeAndAClose) {
   PseudoTerminal far;
   {
     SerialLine line = MustOpen(far.path());
+    ASSERT_EQ(*WriteText(line, "reset"), 5U);
+    EXPECT_TRUE(line.PurgeOutput().Ok());
     ASSERT_EQ(*WriteText(line, "stop"), 4U);
   }
-  EXPECT_TRUE(far.Expect("stop"));
+  EXPECT_TRUE(far.Expect("resetstop"));
 }
 
-TEST(SerialLine, AWriteToAStuckLineEndsAfterASecond) {
-  PseudoTerminal far;
-  SerialLine line = MustOpen(far.path());
+TEST_F(OpenLine, AWriteToAStuckLineEndsAfterASecond) {
   const std::string much(1 << 20, 'x');
   std::int64_t start = ClockTicks();
-  const Result<std::size_t> first = WriteText(line, much);
+  const Result<std::size_t> first = WriteText(line_, much);
   ASSERT_TRUE(first.Ok());
   EXPECT_GT(*first, 0U);
   EXPECT_LT(*first, much.size());
   EXPECT_GE(MillisecondsSince(start), 1000);
 
   start = ClockTicks();
-  EXPECT_EQ(WriteText(line, much).status().error, Error::TimedOut);
+  EXPECT_EQ(WriteText(line_, much).status().error, Error::TimedOut);
   EXPECT_GE(MillisecondsSince(start), 1000);
   EXPECT_LT(MillisecondsSince(start), 1000 + kSoon);
 }

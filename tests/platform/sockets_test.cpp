@@ -5,7 +5,6 @@
 
 #include <optional>
 #include <string_view>
-#include <thread>
 
 #include "platform/datagram_socket.h"
 #include "tests/support/wait_until.h"

@@ -19,11 +19,8 @@ class TerminalFraming : public testing::TestWithParam<Framing> {};
 
 TEST_P(TerminalFraming, IsSetAndReadBack) {
   const Framing& row = GetParam();
-  LineSettings wanted;
-  wanted.baud = 9600;
-  wanted.byteSize = row.byteSize;
-  wanted.parity = row.parity;
-  wanted.stopBits = row.stopBits;
+  const LineSettings wanted = {
+      .baud = 9600, .byteSize = row.byteSize, .parity = row.parity, .stopBits = row.stopBits};
   termios2 terminal{};
   terminal.c_cflag = CS8 | PARENB | PARODD | CSTOPB | CRTSCTS | HUPCL;
   const Status put = PutSettings(wanted, terminal);
@@ -57,11 +54,8 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& row) { return std::string(row.param.name); });
 
 TEST(TerminalSettings, EitherSideOfTheHandshakeTurnsItOn) {
-  LineSettings settings;
-  settings.baud = 9600;
-  for (const bool byRts : {true, false}) {
-    settings.rts = byRts ? ModemControl::Handshake : ModemControl::Off;
-    settings.ctsOutputFlow = !byRts;
+  for (const LineSettings& settings : {LineSettings{.baud = 9600, .rts = ModemControl::Handshake},
+                                       LineSettings{.baud = 9600, .ctsOutputFlow = true}}) {
     termios2 terminal{};
     ASSERT_TRUE(PutSettings(settings, terminal).Ok());
     EXPECT_NE(terminal.c_cflag & CRTSCTS, 0U);
@@ -70,11 +64,8 @@ TEST(TerminalSettings, EitherSideOfTheHandshakeTurnsItOn) {
 }
 
 TEST(TerminalSettings, SoftwareFlowControlSetsDirectionsAndCharacters) {
-  LineSettings settings;
-  settings.baud = 9600;
-  settings.xonXoffOutput = true;
-  settings.xonChar = 0x11;
-  settings.xoffChar = 0x13;
+  const LineSettings settings = {
+      .baud = 9600, .xonXoffOutput = true, .xonChar = 0x11, .xoffChar = 0x13};
   termios2 terminal{};
   ASSERT_TRUE(PutSettings(settings, terminal).Ok());
   const LineSettings found = GetSettings(terminal);

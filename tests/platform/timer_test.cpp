@@ -4,17 +4,14 @@
 
 #include <thread>
 
+#include "tests/support/elapsed.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel {
 namespace {
 
 using test::kPatience;
-
-double MillisecondsSince(std::int64_t start) {
-  return static_cast<double>(ClockTicks() - start) * 1e3 /
-         static_cast<double>(ClockTicksPerSecond());
-}
+using test::MillisecondsSince;
 
 TEST(PeriodicTimer, TicksAtOnceThenEveryPeriod) {
   PeriodicTimer timer;

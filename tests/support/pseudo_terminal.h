@@ -1,6 +1,8 @@
 // A real pseudo-terminal: a test holds the far end, the code under test opens the near one.
 #pragma once
 
+#include <termios.h>
+
 #include <string>
 
 #include "tests/support/wait_until.h"
@@ -24,6 +26,7 @@ class PseudoTerminal {
   int farEnd() const { return far_; }
 
   void Send(const std::string& bytes) const;  // far to near
+  termios Settings() const;                   // of the near end
 
   // Takes what the near end wrote until it contains `text`; false when it does not in time.
   bool Expect(const std::string& text, std::chrono::milliseconds patience = kPatience);
@@ -42,5 +45,7 @@ class PseudoTerminal {
   std::string path_;
   std::string received_;
 };
+
+bool SameSettings(const termios& a, const termios& b);
 
 }  // namespace kinetrel::test

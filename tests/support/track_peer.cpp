@@ -141,16 +141,6 @@ std::string Collide(Words& words) {
   return "done";
 }
 
-std::string Increment(Words& words) {
-  int* const number = static_cast<int*>(memory->data());
-  for (int left = Next<int>(words); left > 0; --left) {
-    if (!mutex->Lock(kForever)) return "not locked";
-    *number = *number + 1;  // not atomic, on purpose
-    mutex->Unlock();
-  }
-  return "done";
-}
-
 // ---- Publication -------------------------------------------------------------------------------
 
 // Waits for frame after frame up to `last`, and tells the writer of each by adding 1 to the
@@ -212,7 +202,6 @@ const std::map<std::string, std::function<std::string(Words&)>> commands = {
     {"lock", [](Words& words) { return Told(mutex->Lock(NextTime(words))); }},
     {"unlock", [](Words&) { return mutex->Unlock(), "done"; }},
     {"wait", [](Words& words) { return Told(event->Wait(NextTime(words))); }},
-    {"increment", Increment},
     {"churn", Churn},
     {"collide", Collide},
     {"writer", OpenWriter},

@@ -13,14 +13,14 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/elapsed.h"
+
 namespace kinetrel {
 namespace {
 
-constexpr Milliseconds kLong{20000};  // a wait that must end early
+using test::MillisecondsSince;
 
-Milliseconds Since(std::int64_t start) {
-  return Milliseconds((ClockTicks() - start) * 1000 / ClockTicksPerSecond());
-}
+constexpr Milliseconds kLong{20000};  // a wait that must end early
 
 class JoinedLines : public testing::Test {
  protected:
@@ -40,9 +40,7 @@ class JoinedLines : public testing::Test {
     EXPECT_TRUE(line.Ok()) << SerialLine::ExplainOpenFailure(name, line.status());
     if (!line.Ok()) return nullptr;
     auto opened = std::make_unique<SerialLine>(std::move(*line));
-    LineSettings settings;
-    settings.baud = 115200;
-    EXPECT_TRUE(opened->Apply(settings).Ok());
+    EXPECT_TRUE(opened->Apply({.baud = 115200}).Ok());
     EXPECT_TRUE(opened->SetReadTimeouts({}).Ok());
     EXPECT_TRUE(opened->WatchInput().Ok());
     EXPECT_TRUE(opened->PurgeInput().Ok());
@@ -78,8 +76,8 @@ TEST_F(JoinedLines, PassEveryByteAsItIs) {
 TEST_F(JoinedLines, AreWaitedForWithAndWithoutATimeOut) {
   const std::int64_t start = ClockTicks();
   EXPECT_EQ(near_->WaitForInput(1, Milliseconds(60)).error, Error::TimedOut);
-  EXPECT_GE(Since(start), Milliseconds(60));
-  EXPECT_LT(Since(start), kLong);
+  EXPECT_GE(MillisecondsSince(start), 60);
+  EXPECT_LT(MillisecondsSince(start), kLong.count());
   for (const char* const text : {"one", "two"}) {
     std::jthread later([this, text] {
       SleepFor(Milliseconds(50));
@@ -94,15 +92,15 @@ struct TimedRead {
   const char* test;
   ReadTimeouts timeouts;
   const char* sent;
-  Milliseconds least;
+  double leastMs;
 };
 
 TEST_F(JoinedLines, EndAReadWhenItsTimeIsUp) {
   const TimedRead rows[] = {
-      {"total", {0, 0, 200}, "", Milliseconds(190)},
-      {"total for each byte", {0, 20, 0}, "", Milliseconds(190)},
-      {"interval", {50, 0, 0}, "ab", Milliseconds(40)},
-      {"at once", {}, "", Milliseconds(0)},
+      {"total", {0, 0, 200}, "", 190},
+      {"total for each byte", {0, 20, 0}, "", 190},
+      {"interval", {50, 0, 0}, "ab", 40},
+      {"at once", {}, "", 0},
   };
   for (const TimedRead& row : rows) {
     SCOPED_TRACE(row.test);
@@ -111,8 +109,8 @@ TEST_F(JoinedLines, EndAReadWhenItsTimeIsUp) {
     ASSERT_TRUE(near_->WaitForInput(std::strlen(row.sent), kLong).Ok());
     const std::int64_t start = ClockTicks();
     EXPECT_EQ(Receive(*near_, 10), row.sent);
-    EXPECT_GE(Since(start), row.least);
-    EXPECT_LT(Since(start), Milliseconds(10000));
+    EXPECT_GE(MillisecondsSince(start), row.leastMs);
+    EXPECT_LT(MillisecondsSince(start), 10000);
   }
 }
 

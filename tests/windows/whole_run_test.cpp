@@ -22,10 +22,9 @@ using Strings = std::vector<std::string>;
 
 constexpr const char* kRunning = "Running ...";
 
-std::unique_ptr<ChildProcess> StartTracker(int slot, Strings more = {}) {
-  Strings arguments = {"-d8", "-z-", "-w" + std::to_string(slot)};
-  arguments.insert(arguments.end(), more.begin(), more.end());
-  return std::make_unique<ChildProcess>("kinetrel", arguments);
+std::unique_ptr<ChildProcess> StartTracker(int slot) {
+  return std::make_unique<ChildProcess>("kinetrel",
+                                        Strings{"-d8", "-z-", "-w" + std::to_string(slot)});
 }
 
 std::unique_ptr<ChildProcess> StartWatch(int slot, Strings more = {}) {
@@ -144,7 +143,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST(WholeRun, TheJoystickIsAskedOfTheSystem) {
   const Result<JoystickInput> first = JoystickInput::Open(0);
   const FreeSlot slot;
-  const auto tracker = StartTracker(slot.slot(), {"-j1"});
+  const auto tracker = std::make_unique<ChildProcess>("kinetrel", Simulated(slot, {"-j1"}));
   ASSERT_TRUE(tracker->ExpectError(kRunning));
   const bool refused = tracker->error().find("failed to boot") != std::string::npos;
   EXPECT_EQ(refused, !first.Ok()) << tracker->error();

@@ -2,9 +2,9 @@
 
 #include <poll.h>
 #include <pty.h>
-#include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 
@@ -15,8 +15,7 @@ PseudoTerminal::PseudoTerminal(Mode mode) {
   if (openpty(&far_, &near_, name, nullptr, nullptr) != 0) throw std::runtime_error("openpty");
   path_ = name;
   if (mode == Mode::Cooked) return;
-  termios settings{};
-  tcgetattr(near_, &settings);
+  termios settings = Settings();
   cfmakeraw(&settings);
   tcsetattr(near_, TCSANOW, &settings);
 }
@@ -34,6 +33,17 @@ void PseudoTerminal::Send(const std::string& bytes) const {
     if (wrote <= 0) throw std::runtime_error("write to pseudo-terminal");
     sent += static_cast<std::size_t>(wrote);
   }
+}
+
+termios PseudoTerminal::Settings() const {
+  termios settings{};
+  if (tcgetattr(near_, &settings) != 0) throw std::runtime_error("settings of pseudo-terminal");
+  return settings;
+}
+
+bool SameSettings(const termios& a, const termios& b) {
+  return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+         a.c_lflag == b.c_lflag && std::equal(a.c_cc, a.c_cc + NCCS, b.c_cc);
 }
 
 bool PseudoTerminal::TakeMore(std::chrono::milliseconds patience) {
