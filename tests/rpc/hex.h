@@ -39,6 +39,11 @@ inline Octets operator+(Octets first, const Octets& then) {
   return first;
 }
 
+inline Octets Repeated(Octets first, const Octets& next, int times) {
+  for (int i = 0; i < times; ++i) first = first + next;
+  return first;
+}
+
 // A copy with one byte changed.
 inline Octets With(Octets bytes, std::size_t at, int value) {
   bytes.at(at) = static_cast<std::byte>(value);

@@ -30,6 +30,8 @@ class ServiceLine {
     taken = bytes;
     return got == size;
   }
+  // Binds the client and takes its first request.
+  bool TakeRequest(const Octets& bindAnswer) { return Take(72) && Send(bindAnswer) && Take(36); }
   // Waits until the client closes the connection or the test ends.
   void Hold() {
     while (Take(1)) {

@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
-
 #include "rpc/track_client.h"
 #include "tests/rpc/hex.h"
 #include "tests/support/wait_until.h"
@@ -15,6 +13,7 @@ namespace {
 using test::Hex;
 using test::kPatience;
 using test::Octets;
+using test::Repeated;
 using test::ToHex;
 using test::With;
 using namespace test::wire;
@@ -147,8 +146,7 @@ class Said : public testing::TestWithParam<Story> {};
 
 TEST_P(Said, IsAnsweredOrEndsTheConnection) {
   Session peer;
-  const bool binds = GetParam().bytes.size() > 2 && GetParam().bytes[2] == std::byte{11};
-  if (!binds) peer.Say(kBind);
+  if (GetParam().bytes[2] != std::byte{11}) peer.Say(kBind);
   const std::string answer = peer.Say(GetParam().bytes);
   EXPECT_EQ(answer.substr(0, GetParam().answer.size()), GetParam().answer);
   EXPECT_EQ(answer.empty(), GetParam().answer.empty());
@@ -161,23 +159,15 @@ std::string FaultWith(const char* status) {
          status;
 }
 
-const Octets kNine = [] {  // contexts
-  Octets bind = With(With(kBind, 24, 9), 8, 0xA8);
-  for (int i = 0; i < 8; ++i) bind.insert(bind.end(), kBind.begin() + 28, kBind.end());
-  return With(bind, 9, 0x01);
-}();
+const Octets kNine =  // contexts
+    Repeated(With(With(With(kBind, 24, 9), 8, 0xA8), 9, 0x01),
+             Octets(kBind.begin() + 28, kBind.end()), 8);
 
 Octets Long(std::size_t stub, int flags) {
   Octets pdu = With(kRequest20, 3, flags);
   pdu.resize(24 + stub);
   return With(With(pdu, 8, static_cast<int>(pdu.size() & 255)), 9,
               static_cast<int>(pdu.size() >> 8));
-}
-
-Octets Many(const Octets& first, const Octets& next, int times) {
-  Octets all = first;
-  for (int i = 0; i < times; ++i) all = test::operator+(all, next);
-  return all;
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -205,7 +195,7 @@ INSTANTIATE_TEST_SUITE_P(
         Story{"Response", With(kRequest20, 2, 2), ""},
         Story{"SecondFragmentFirst", With(kRequest20, 3, 2), ""},
         Story{"StubTooLong", Long(4097, 3), ""},
-        Story{"EndlessEmptyFragments", Many(Long(4, 1), Long(0, 0), 64), ""},
+        Story{"EndlessEmptyFragments", Repeated(Long(4, 1), Long(0, 0), 64), ""},
         Story{"WebBrowser", Hex("47 45 54 20 2f 20 48 54 54 50 2f 31 2e 31 0d 0a"), ""}),
     [](const auto& story) { return std::string(story.param.name); });
 
@@ -282,8 +272,7 @@ TEST_F(Served, SlowAndSilentClientsAreClosedInTime) {
 TEST_F(Served, AClientThatNeverReadsCausesNoWork) {
   StreamSocket greedy = Dial();
   ASSERT_TRUE(greedy.Send(kBind, Deadline(kPatience)).Ok());
-  Octets flood;
-  for (int i = 0; i < 1000; ++i) flood = test::operator+(flood, kRequest20);
+  const Octets flood = Repeated({}, kRequest20, 1000);
   // On a busy machine the deadline must mean a full connection, not a slow server.
   while (greedy.Send(flood, Deadline(Milliseconds(1500))).Ok()) {
   }
