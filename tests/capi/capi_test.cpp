@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cmath>
+
 #include <kinetrel/kinetrel.h>
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
@@ -47,32 +49,6 @@ TEST(CInterface, NeverWritesBeyondTheCallersBuffer) {
   kinetrel_destroy(engine);
 }
 
-TEST(CInterface, RunsATrackerFromOpenToClose) {
-  FreeSlot slot;
-  const std::string where = "-w" + std::to_string(slot.slot());
-  const char* const options[] = {"host", "-d8", "-z-", where.c_str()};
-  kinetrel_engine* const engine = kinetrel_create();
-  ASSERT_EQ(kinetrel_set_options(engine, 4, options), 1);
-  ASSERT_EQ(kinetrel_open_configured(engine), kinetrel_opened);
-  EXPECT_EQ(kinetrel_open(engine, 8, 1, 0), kinetrel_already_open);
-  ASSERT_EQ(kinetrel_start_sampling(engine), 1);
-  const int key[3] = {slot.device(), 0, 0};
-  EXPECT_TRUE(WaitUntil([&] {
-    int frames = 0;
-    float position[3] = {};
-    return kinetrel_get_filter_attribute_int(engine, key, -1, kinetrel_mapping_frame_count,
-                                             &frames) == 1 &&
-           frames > 3 &&
-           kinetrel_get_filter_attribute_floats(engine, key, -1, kinetrel_mapping_position, 3,
-                                                position) == 1 &&
-           position[0] > 70.0F;  // cm: near the start of a circle of 80
-  }));
-  EXPECT_EQ(kinetrel_stop_sampling(engine, 1), 1);
-  EXPECT_EQ(kinetrel_wait_sampling(engine, 0), 1);
-  EXPECT_EQ(kinetrel_close(engine), 1);
-  kinetrel_destroy(engine);
-}
-
 TEST(CInterface, AnOpenEngineRefusesOptionsAndAClosedOneFilters) {
   FreeSlot slot;
   const std::string where = "-w" + std::to_string(slot.slot());
@@ -104,9 +80,10 @@ int SampleSimulated(const FreeSlot& slot) {
   const std::string where = "-w" + std::to_string(slot.slot());
   const char* const options[] = {"host", "-d8", "-z-", where.c_str()};
   kinetrel_engine* const engine = kinetrel_create();
-  kinetrel_set_options(engine, 4, options);
-  kinetrel_open_configured(engine);
-  kinetrel_start_sampling(engine);
+  EXPECT_EQ(kinetrel_set_options(engine, 4, options), 1);
+  EXPECT_EQ(kinetrel_open_configured(engine), kinetrel_opened);
+  EXPECT_EQ(kinetrel_open(engine, 8, 1, 0), kinetrel_already_open);
+  EXPECT_EQ(kinetrel_start_sampling(engine), 1);
   const int key[3] = {slot.device(), 0, 0};
   int frames = 0;
   WaitUntil([&] {
@@ -114,11 +91,19 @@ int SampleSimulated(const FreeSlot& slot) {
                                              &frames) == 1 &&
            frames > 70;  // past a blink of the cursor
   });
+  float position[3] = {};
+  EXPECT_EQ(
+      kinetrel_get_filter_attribute_floats(engine, key, -1, kinetrel_mapping_position, 3, position),
+      1);
+  EXPECT_NEAR(std::hypot(position[0], position[1]), 80.0, 1e-3);  // cm: it moves on a circle
+  EXPECT_EQ(kinetrel_stop_sampling(engine, 1), 1);
+  EXPECT_EQ(kinetrel_wait_sampling(engine, 0), 1);
+  EXPECT_EQ(kinetrel_close(engine), 1);
   kinetrel_destroy(engine);
   return frames;
 }
 
-TEST(CInterface, PrintsNothingWhilePrintingIsSwitchedOff) {
+TEST(CInterface, RunsATrackerAndPrintsNothingWhilePrintingIsSwitchedOff) {
   FreeSlot slot;
   testing::internal::CaptureStderr();
   testing::internal::CaptureStdout();

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <limits>
 
 #include "engine/tracker_engine.h"
 #include "tests/engine/scripted_device.h"
@@ -119,8 +118,6 @@ const Refusal kOpen[] = {
      "-3 SetAttributeInt: Set Failed\n"},
     {"FloatsCount", [](auto& e) { return e.GetAttributeFloatArray(7, 3, floats); },
      "-1 GetAttributeFloatArray: Offset requires 6 floats\n"},
-    {"FloatsCountAlign", [](auto& e) { return e.GetAttributeFloatArray(10, 6, floats); },
-     "-1 GetAttributeFloatArray: Align requires 3 floats\n"},
     {"FloatsSetUnknown", [](auto& e) { return e.SetAttributeFloatArray(2, 1, floats); },
      "-3 SetAttributeFloatArray: Invalid Attribute\n"
      "-3 SetAttributeFloatArray: Set Failed\n"},

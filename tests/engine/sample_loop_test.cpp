@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cmath>
 
 #include "devices/optional_interfaces.h"
 #include "engine/tracker_engine.h"
@@ -236,26 +235,9 @@ INSTANTIATE_TEST_SUITE_P(
                     ModeCase{"NoPollStreams", 0x800, 0, true, kNoPolling}),
     [](const auto& row) { return std::string(row.param.name); });
 
-class Buttons final : public DAQControl {
- public:
-  explicit Buttons(std::atomic<std::uint32_t>& bits, int channels = 4) : bits_(bits) {
-    digitalChannels_ = channels;
-  }
-  int Boot(int) override { return 1; }
-  int QueryCaps(char*, int) override { return 1; }
-  int Read(int) override {
-    digitalBits_ = bits_;
-    return digitalBits_ != kUnplugged ? 1 : 0;
-  }
-  static constexpr std::uint32_t kUnplugged = 0xFFFFFFFF;
-
- private:
-  std::atomic<std::uint32_t>& bits_;
-};
-
 TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
   bits_ = 0x15;  // the fifth bit does not belong to a channel
-  factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits_); };
+  factory_.joystick = [&](int) { return std::make_unique<ScriptedJoystick>(bits_); };
   script_.readFrame = Deliver(1);
   Start([](StartConfig& config) { config.joystickPort = 1; });
   const auto pressed = [](std::uint32_t buttons) {
@@ -264,7 +246,7 @@ TEST_F(Sampling, ButtonsAppearVanishAndComeBack) {
     };
   };
   Await(pressed(0x5));
-  bits_ = Buttons::kUnplugged;
+  bits_ = ScriptedJoystick::kUnplugged;
   Await([](const SharedTrackBlock& block) { return !ButtonsValid(block); });
   bits_ = 0xA;
   Await(pressed(0xA));
@@ -290,10 +272,10 @@ TEST_F(Sampling, ATrackersOwnButtonsGoBeforeTheJoysticksAndLeaveTheOthers) {
   std::atomic<std::uint32_t> own = 0x141;
   bits_ = 0x2FF;
   factory_.device = [&](int) { return std::make_unique<TrackerWithButtons>(own); };
-  factory_.joystick = [&](int) { return std::make_unique<Buttons>(bits_, 10); };
+  factory_.joystick = [&](int) { return std::make_unique<ScriptedJoystick>(bits_, 10); };
   Start([](StartConfig& config) { config.joystickPort = 1; });
   Await([](const SharedTrackBlock& block) { return block.buttons == 0x2C1; });
-  bits_ = Buttons::kUnplugged;
+  bits_ = ScriptedJoystick::kUnplugged;
   own = 0x12;
   Await(
       [](const SharedTrackBlock& block) { return !ButtonsValid(block) && block.buttons == 0x292; });

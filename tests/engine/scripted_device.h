@@ -135,6 +135,26 @@ class ScriptedDevice final : public TrackerDevice {
   Script& script_;
 };
 
+// A joystick whose buttons a test decides.
+class ScriptedJoystick final : public DAQControl {
+ public:
+  explicit ScriptedJoystick(std::atomic<std::uint32_t>& bits, int channels = 4, int bootResult = 1)
+      : bits_(bits), bootResult_(bootResult) {
+    digitalChannels_ = channels;
+  }
+  int Boot(int) override { return bootResult_; }
+  int QueryCaps(char*, int) override { return 1; }
+  int Read(int) override {
+    digitalBits_ = bits_;
+    return digitalBits_ != kUnplugged ? 1 : 0;
+  }
+  static constexpr std::uint32_t kUnplugged = 0xFFFFFFFF;
+
+ private:
+  std::atomic<std::uint32_t>& bits_;
+  int bootResult_;
+};
+
 // The status log: one line "code text" per entry.
 inline std::string LogOf(TrackerEngine& engine) {
   std::string lines;

@@ -4,7 +4,6 @@
 
 #include <climits>
 #include <new>
-#include <thread>
 
 #include "tests/engine/scripted_device.h"
 #include "tests/support/free_slot.h"
@@ -215,17 +214,6 @@ TEST(Engine, DerivesTheSharedMemoryDeviceFromThePort) {
   }
 }
 
-class Stick final : public DAQControl {
- public:
-  explicit Stick(int bootResult) : bootResult_(bootResult) {}
-  int Boot(int) override { return bootResult_; }
-  int QueryCaps(char*, int) override { return 0; }
-  int Read(int) override { return 0; }
-
- private:
-  int bootResult_;
-};
-
 TEST(Engine, ReportsTheJoystick) {
   struct Row {
     int bootResult;  // -1: the system has no joysticks
@@ -235,10 +223,11 @@ TEST(Engine, ReportsTheJoystick) {
        {Row{1, "\n5 Joystick(0) booted ... \n"}, Row{0, "\n-5 Joystick(0) failed to boot(0).\n"},
         Row{-1, "\n-5 Joystick(0) failed to boot(0).\n"}}) {
     Script script;
+    std::atomic<std::uint32_t> bits = 0;
     DeviceFactory factory = ScriptedFactory(script);
     factory.joystick = [&](int) -> std::unique_ptr<DAQControl> {
       if (row.bootResult < 0) return nullptr;
-      return std::make_unique<Stick>(row.bootResult);
+      return std::make_unique<ScriptedJoystick>(bits, 4, row.bootResult);
     };
     TrackerEngine engine(factory);
     StartConfig config;

@@ -132,8 +132,12 @@ class Watch : public testing::Test {
 
   void OpenTracker() { tracker_ = std::make_unique<Tracker>(slot_); }
 
-  bool PublishUntilShown(ChildProcess& watch) {
-    return tracker_->PublishUntil([&] { return !watch.output().empty(); });
+  // A watch that shows frames of the tracker.
+  std::unique_ptr<ChildProcess> StartShowing() {
+    if (!tracker_) OpenTracker();
+    auto watch = Start();
+    EXPECT_TRUE(tracker_->PublishUntil([&] { return !watch->output().empty(); }));
+    return watch;
   }
 
   Strings WithSlot(Strings arguments) const {

@@ -1,9 +1,6 @@
 // kinetrel-watch and what Linux does with a process: signals, shells, terminals.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <memory>
@@ -23,9 +20,7 @@ class WatchProcess : public Watch {};
 // ---- The tracker's peace -----------------------------------------------------------------------
 
 TEST_F(WatchProcess, StoppedDoesNotHoldUpTheTracker) {
-  OpenTracker();
-  const auto watch = Start();
-  ASSERT_TRUE(PublishUntilShown(*watch));
+  const auto watch = StartShowing();
   watch->Signal(SIGSTOP);
   for (int i = 0; i < 1000; ++i) ASSERT_TRUE(tracker_->Publish());
   ASSERT_TRUE(tracker_->Publish(FillBlock, 123456));
@@ -43,9 +38,7 @@ long Sleeps(pid_t process) {
 }
 
 TEST_F(WatchProcess, RarelyWakesWithoutFrames) {
-  OpenTracker();
-  const auto watch = Start();
-  ASSERT_TRUE(PublishUntilShown(*watch));
+  const auto watch = StartShowing();
   // Counted between two moments that the program itself tells: its silence begins, and 3 s pass.
   ASSERT_TRUE(watch->ExpectError("no new frames"));
   const long before = Sleeps(watch->pid());
@@ -55,10 +48,8 @@ TEST_F(WatchProcess, RarelyWakesWithoutFrames) {
 }
 
 TEST_F(WatchProcess, EndsCleanlyWhenAsked) {
-  OpenTracker();
   for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-    const auto watch = Start();
-    ASSERT_TRUE(PublishUntilShown(*watch));
+    const auto watch = StartShowing();
     watch->Signal(signal);
     EXPECT_EQ(watch->Wait(), 0);
     EXPECT_EQ(watch->error(), "");
@@ -78,20 +69,11 @@ TEST_F(WatchProcess, EndsQuietlyWithTheReaderOfItsOutput) {
 }
 
 TEST_F(WatchProcess, SaysWhyItCannotOpen) {
-  const std::string digits = "0123456789ABCDEF";
-  const std::string name =
-      std::string("/KinetrelShMem") + digits[static_cast<std::size_t>(slot_.device())] + "0";
-  const int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
-  ASSERT_GE(fd, 0);
-  struct flock lock {};
-  lock.l_type = F_RDLCK;
-  lock.l_len = 1;
-  ASSERT_EQ(::ftruncate(fd, 10) + ::fcntl(fd, F_OFD_SETLK, &lock), 0);
+  const Result<NamedMemory> other = NamedMemory::Open(BlockName(slot_.device(), 0), 10);
+  ASSERT_TRUE(other.Ok());
   const auto watch = Start();
   EXPECT_EQ(watch->Wait(), 1);
   EXPECT_TRUE(Contains(watch->error(), "an object of another size has the name"));
-  ::shm_unlink(name.c_str());
-  ::close(fd);
 }
 
 // ---- On a terminal -----------------------------------------------------------------------------

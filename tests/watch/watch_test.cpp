@@ -3,7 +3,6 @@
 
 #include <climits>
 #include <string>
-#include <vector>
 
 #include "tests/watch/tracker.h"
 
@@ -25,9 +24,7 @@ TEST_F(Watch, WaitsForTheTrackerAndSaysSoOnce) {
 }
 
 TEST_F(Watch, GoesOnWhenTheTrackerComesBack) {
-  OpenTracker();
-  const auto watch = Start();
-  ASSERT_TRUE(PublishUntilShown(*watch));
+  const auto watch = StartShowing();
   ASSERT_TRUE(tracker_->Publish(FillBlock, 1000));
   ASSERT_TRUE(watch->ExpectOutput("frame 1000 "));
   tracker_.reset();
@@ -39,9 +36,7 @@ TEST_F(Watch, GoesOnWhenTheTrackerComesBack) {
 }
 
 TEST_F(Watch, FollowsACountThatWrapsAround) {
-  OpenTracker();
-  const auto watch = Start();
-  ASSERT_TRUE(PublishUntilShown(*watch));
+  const auto watch = StartShowing();
   ASSERT_TRUE(tracker_->Publish(FillBlock, INT_MAX));
   ASSERT_TRUE(watch->ExpectOutput("frame 2147483647 "));
   ASSERT_TRUE(tracker_->Publish());
