@@ -349,8 +349,13 @@ TEST_F(Sampling, ABinThatAClientKeepsIsSkippedAndSaid) {
     return WaitUntil([&] { return LogOf(*engine_).find(text) != std::string::npos; });
   };
   EXPECT_TRUE(said(") holds " + where));
-  const int before = goesOn.block()->frameCount;
-  EXPECT_TRUE(WaitUntil([&] { return goesOn.block()->frameCount > before + 20; }));
+  const auto framesOfTheOther = [&] {
+    SharedTrackBlock block{};
+    EXPECT_TRUE(goesOn.Copy(block, Milliseconds(1000)));
+    return block.frameCount;
+  };
+  const int before = framesOfTheOther();
+  EXPECT_TRUE(WaitUntil([&] { return framesOfTheOther() > before + 20; }));
   const int kept = reader_.block()->frameCount;
   reader_.Unlock();
   EXPECT_TRUE(said(where + " is free again"));
