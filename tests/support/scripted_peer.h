@@ -64,6 +64,18 @@ class ScriptedPeer {
 // Bytes as C++ would write them in a string.
 std::string Readable(const std::string& bytes);
 
+struct BootStory {
+  const char* name;
+  Script script;
+  BootResult result;
+};
+
+struct FrameStory {
+  const char* name;
+  Script script;
+  std::vector<long> frames;  // the numbers that the poses of sensor 0 tell
+};
+
 // A serial driver on a line whose far end a test plays.
 template <typename Device>
 class DeviceOnALine : public testing::Test {
@@ -74,17 +86,26 @@ class DeviceOnALine : public testing::Test {
     ScriptedPeer peer(line_, script);
     const BootResult result = device_.Boot(0);
     EXPECT_EQ(peer.Verdict(), "");
+    EXPECT_EQ(device_.IsBooted(), result == kBooted);
     return result;
+  }
+
+  // Reads until the frames of the story have come and the line is silent.
+  template <typename Read>
+  void ExpectFrames(const FrameStory& story, Read readMore) {
+    ScriptedPeer peer(line_, story.script);
+    std::vector<long> frames;
+    const auto read = [&] {
+      readMore(frames);
+      return frames.size() >= story.frames.size();
+    };
+    WaitUntil(read);
+    EXPECT_EQ(peer.Verdict(), "");
+    EXPECT_EQ(frames, story.frames);
   }
 
   PseudoTerminal line_;
   Device device_;
-};
-
-struct BootStory {
-  const char* name;
-  Script script;
-  BootResult result;
 };
 
 }  // namespace kinetrel::test
