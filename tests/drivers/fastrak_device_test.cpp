@@ -173,7 +173,18 @@ std::string AllStations(const std::string& command) {
   return all;
 }
 
-TEST_F(BootedFastrak, SettingsAreTheseCommands) {
+class FastrakSettings : public FastrakTest {
+ protected:
+  void ExpectSetting(const SettingRow& row) {
+    int result = -99;
+    EXPECT_EQ(Readable(Heard([&] { result = row.set(*device_); })), Readable(row.heard))
+        << row.name;
+    EXPECT_EQ(result, row.result) << row.name;
+  }
+};
+
+TEST_F(FastrakSettings, AreTheseCommands) {
+  ASSERT_EQ(Boot(FastrakBoots("1000")), kBooted);
   const float x[3] = {1, 0, 0};
   const float y[3] = {0, 0.5F, 0};
   const float far[3] = {300, 0, 0};
@@ -217,12 +228,7 @@ TEST_F(BootedFastrak, SettingsAreTheseCommands) {
       {"Vector4", [](auto& d) { return d.SetSensorVector4(0, 2, 1.5F, 1, 1); }, "", -2},
       {"ControlString", [](auto& d) { return int(d.SetControlString("b1")); }, "b1\r\n", 1},
   };
-  for (const SettingRow& row : rows) {
-    int result = -99;
-    EXPECT_EQ(Readable(Heard([&] { result = row.set(*device_); })), Readable(row.heard))
-        << row.name;
-    EXPECT_EQ(result, row.result) << row.name;
-  }
+  for (const SettingRow& row : rows) ExpectSetting(row);
 }
 
 TEST_F(BootedFastrak, SwitchesStationsAndTakesTheReport) {
@@ -244,7 +250,7 @@ TEST_F(BootedFastrak, SwitchesStationsBehindAnAnswerThatIsDue) {
   EXPECT_EQ(unit.Verdict(), "");
 }
 
-TEST_F(FastrakTest, SettingsOfTheIsotrakClass) {
+TEST_F(FastrakSettings, OfTheIsotrakClass) {
   ASSERT_EQ(Boot(IsotrakBoots(kIsotrak2Status, "21l10\r\n")), kBooted);
   const SettingRow rows[] = {
       {"Protocol3", [](auto& d) { return d.SetProtocol(3); }, "O2,4\rO 2, 4\rO\r", 2},
@@ -254,12 +260,7 @@ TEST_F(FastrakTest, SettingsOfTheIsotrakClass) {
       {"Alignment", [](auto& d) { return d.ResetAlignment(2); },
        "A1, 0.0000,0.0000,0.0000, 200.0000,0.0000,0.0000, 0.0000,200.0000,0.0000\r", 1},
   };
-  for (const SettingRow& row : rows) {
-    int result = -99;
-    EXPECT_EQ(Readable(Heard([&] { result = row.set(*device_); })), Readable(row.heard))
-        << row.name;
-    EXPECT_EQ(result, row.result) << row.name;
-  }
+  for (const SettingRow& row : rows) ExpectSetting(row);
   ScriptedPeer unit(line_, Expect("l\r") + Send("21l10\r\n") + Expect("l2\r"));
   EXPECT_EQ(device_->SetSensorMask(3, 0), 3U);
   EXPECT_EQ(unit.Verdict(), "");

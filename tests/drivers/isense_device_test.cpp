@@ -8,7 +8,7 @@
 #include <limits>
 
 #include "tests/support/allocation_counter.h"
-#include "tests/support/isense_settings.h"
+#include "tests/support/substitute_settings.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {
@@ -188,14 +188,10 @@ TEST_F(IsenseDeviceTest, SamplingAllocatesNothing) {
   settings_.Set("CALLS", "");
   Start();
   ASSERT_TRUE(ReadNext());
-  const int before = CountedAllocations();
-  CountAllocations(true);
-  for (int i = 0; i < 20; ++i) {
-    device_.ReadFrame(nullptr);
-    device_.Poll();
-  }
-  CountAllocations(false);
-  EXPECT_EQ(CountedAllocations(), before);
+  const auto sample = [this] {
+    for (int i = 0; i < 20; ++i) device_.ReadFrame(nullptr), device_.Poll();
+  };
+  EXPECT_EQ(AllocationsOf(sample), 0);
 }
 
 }  // namespace

@@ -8,31 +8,17 @@
 #include <thread>
 
 #include "drivers/isense_device.h"
-#include "tests/support/isense_settings.h"
+#include "tests/support/substitute_settings.h"
 
 namespace kinetrel::test {
 namespace {
 
-constexpr const char* kNames[] = {"ISD_OpenTracker",
-                                  "ISD_OpenAllTrackers",
-                                  "ISD_CloseTracker",
-                                  "ISD_GetCommInfo",
-                                  "ISD_GetTrackerConfig",
-                                  "ISD_SetTrackerConfig",
-                                  "ISD_GetStationConfig",
-                                  "ISD_SetStationConfig",
-                                  "ISD_GetData",
-                                  "ISD_GetCameraData",
-                                  "ISD_SendScript",
-                                  "ISD_NumOpenTrackers",
-                                  "ISD_ResetHeading",
-                                  "ISD_Boresight",
-                                  "ISD_BoresightReferenced",
-                                  "ISD_GetTime",
-                                  "ISD_ConfigureFromFile",
-                                  "ISD_AuxOutput",
-                                  "ISD_UdpBroadcastData",
-                                  "ISD_GetSystemHardwareInfo"};
+constexpr const char* kNames[] = {
+    "OpenTracker",       "OpenAllTrackers",  "CloseTracker",        "GetCommInfo",
+    "GetTrackerConfig",  "SetTrackerConfig", "GetStationConfig",    "SetStationConfig",
+    "GetData",           "GetCameraData",    "SendScript",          "NumOpenTrackers",
+    "ResetHeading",      "Boresight",        "BoresightReferenced", "GetTime",
+    "ConfigureFromFile", "AuxOutput",        "UdpBroadcastData",    "GetSystemHardwareInfo"};
 
 bool IsMapped(const std::string& file) {
   std::ifstream maps("/proc/self/maps");
@@ -153,9 +139,8 @@ TEST(IsenseLibrary, ReportsEachMissingFunctionOnceInOrder) {
   EXPECT_EQ(ISD_OpenTracker(nullptr, 7, 1, 0), -3);
   std::string wanted;
   for (const std::string name : kNames) {
-    const bool there =
-        name == "ISD_OpenTracker" || name == "ISD_GetData" || name == "ISD_NumOpenTrackers";
-    if (!there) wanted += "Failed to load " + name + ". Error code 38\n";
+    const bool there = name == "OpenTracker" || name == "GetData" || name == "NumOpenTrackers";
+    if (!there) wanted += "Failed to load ISD_" + name + ". Error code 38\n";
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), wanted);
   IsenseTrackerData data;

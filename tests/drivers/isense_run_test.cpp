@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "drivers/isense_device.h"
-#include "tests/support/isense_settings.h"
 #include "tests/support/library_run.h"
+#include "tests/support/substitute_settings.h"
 
 namespace kinetrel::test {
 namespace {

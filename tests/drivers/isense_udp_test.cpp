@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "drivers/isense_device.h"
-#include "tests/support/isense_settings.h"
+#include "tests/support/substitute_settings.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {

@@ -3,65 +3,33 @@
 #include "drivers/liberty_device.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <memory>
 #include <sstream>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "emulate/motion.h"
 #include "tests/support/allocation_counter.h"
-#include "tests/support/emulated_run.h"
+#include "tests/support/substitute_settings.h"
 
 namespace kinetrel::test {
 using namespace emulate;
 namespace {
 
-constexpr char kSubstitute[] = KINETREL_PDI_SUBSTITUTE;
-
-// Sets environment variables as long as the object lives.
-class Environment {
- public:
-  using Variables = std::vector<std::pair<std::string, std::string>>;
-  explicit Environment(Variables variables) : variables_(std::move(variables)) {
-    for (const auto& [name, value] : variables_) ::setenv(name.c_str(), value.c_str(), 1);
-  }
-  Environment(const Environment&) = delete;
-  ~Environment() {
-    for (const auto& [name, value] : variables_) ::unsetenv(name.c_str());
-  }
-
- private:
-  Variables variables_;
-};
-
-std::string CallsPath() { return "/tmp/kinetrel-pdi-calls-" + std::to_string(::getpid()); }
-
 class LibertyDeviceTest : public testing::Test {
  protected:
-  void SetUp() override { ::unlink(CallsPath().c_str()); }
-  void TearDown() override { ::unlink(CallsPath().c_str()); }
-
   // The calls since the last look, separated by "; ".
   std::string Calls() {
-    std::ifstream file(CallsPath());
-    std::string all, line;
-    while (std::getline(file, line)) all += (all.empty() ? "" : "; ") + line;
-    ::unlink(CallsPath().c_str());
+    std::string all;
+    for (const std::string& call : settings_.TakeCalls()) all += (all.empty() ? "" : "; ") + call;
     return all;
   }
 
-  Environment environment_{
-      Environment::Variables{{"KINETREL_PDI", kSubstitute}, {"KINETREL_PDI_CALLS", CallsPath()}}};
+  SubstituteSettings settings_{"KINETREL_PDI", KINETREL_PDI_SUBSTITUTE};
 };
 
 TEST_F(LibertyDeviceTest, BootFailsWithoutLibrary) {
-  const Environment missing(Environment::Variables{{"KINETREL_PDI", "/nowhere/libpdi.so"}});
+  const SubstituteSettings missing("KINETREL_PDI", "/nowhere/libpdi.so");
   testing::internal::CaptureStderr();
   LibertyDevice device;
   EXPECT_EQ(device.OpenPortNumber(1, 115200), 1);
@@ -73,8 +41,8 @@ TEST_F(LibertyDeviceTest, BootFailsWithoutLibrary) {
 }
 
 TEST_F(LibertyDeviceTest, CallsTheLibraryInOrder) {
-  const Environment failing(
-      Environment::Variables{{"KINETREL_PDI_BIT", "4"}, {"KINETREL_PDI_STATIONS", "0x5"}});
+  settings_.Set("BIT", "4");
+  settings_.Set("STATIONS", "0x5");
   StatusLog log;
   LibertyDevice device;
   device.SetStatusLog(&log);
@@ -125,7 +93,7 @@ TEST_F(LibertyDeviceTest, CallsTheLibraryInOrder) {
 }
 
 TEST_F(LibertyDeviceTest, RefusedRateKeepsTheOldOne) {
-  const Environment failing(Environment::Variables{{"KINETREL_PDI_FAIL", "SetFrameRate@2"}});
+  settings_.Set("FAIL", "SetFrameRate@2");
   LibertyDevice device;
   device.Boot(0);
   EXPECT_EQ(device.SetProtocol(4), 4);
@@ -136,7 +104,7 @@ TEST_F(LibertyDeviceTest, RefusedRateKeepsTheOldOne) {
 }
 
 TEST_F(LibertyDeviceTest, DeliversTheMotionOfEveryStationWithItsOffset) {
-  const Environment plugged(Environment::Variables{{"KINETREL_PDI_STATIONS", "0x8003"}});
+  settings_.Set("STATIONS", "0x8003");
   LibertyDevice device;
   device.Boot(0);
   device.SetSensorMask(0xFFFFFFFF, 0);
@@ -145,11 +113,7 @@ TEST_F(LibertyDeviceTest, DeliversTheMotionOfEveryStationWithItsOffset) {
   double when = 0;
   ASSERT_EQ(device.ReadFrame(&when), 0x8003U);
   EXPECT_GT(when, 0.0);
-  CountAllocations(true);
-  const bool again = device.ReadFrame(&when) != 0 && device.GetSensorPose(2) != nullptr;
-  CountAllocations(false);
-  EXPECT_EQ(CountedAllocations(), 0);
-  ASSERT_TRUE(again);
+  EXPECT_EQ(AllocationsOf([&] { EXPECT_NE(device.ReadFrame(&when), 0U); }), 0);
   const int stations[] = {1, 2, 16};
   for (int i = 0; i < 3; ++i) {
     const float* const pose = device.GetSensorPose(i);

@@ -44,11 +44,7 @@ class LogitechOnALine : public DeviceOnALine<LogitechDevice> {
   // Sensor 0 after a record that comes at once.
   Pose PoseOf(const std::string& record) {
     line_.Send(record);
-    CountAllocations(true);
-    const unsigned updated = device_.ReadFrame(nullptr);
-    CountAllocations(false);
-    EXPECT_EQ(updated, 1U);
-    EXPECT_EQ(CountedAllocations(), 0);
+    EXPECT_EQ(AllocationsOf([&] { EXPECT_EQ(device_.ReadFrame(nullptr), 1U); }), 0);
     Pose pose;
     std::copy_n(device_.GetSensorPose(0), 6, pose.begin());
     return pose;

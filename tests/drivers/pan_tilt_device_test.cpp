@@ -153,10 +153,7 @@ TEST_F(HeadOnALine, AFrameSetsTheTimeAndTwoAngles) {
   ScriptedPeer peer(line_, Answer("d", kOne));
   device_.Poll();
   double time = -1;
-  CountAllocations(true);
-  EXPECT_EQ(device_.ReadFrame(&time), 1U);
-  CountAllocations(false);
-  EXPECT_EQ(CountedAllocations(), 0);
+  EXPECT_EQ(AllocationsOf([&] { EXPECT_EQ(device_.ReadFrame(&time), 1U); }), 0);
   EXPECT_GT(time, 0);
   const float* const pose = device_.GetSensorPose(0);
   EXPECT_FLOAT_EQ(pose[3], static_cast<float>(-kPi / 2));

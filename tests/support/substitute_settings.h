@@ -1,4 +1,4 @@
-// What a test tells the InterSense substitute, and what the substitute says that it was asked.
+// What a test tells a substitute library, and the calls that the library received.
 #pragma once
 
 #include <filesystem>
@@ -13,23 +13,25 @@
 
 namespace kinetrel::test {
 
-class IsenseSettings {
+class SubstituteSettings {
  public:
-  explicit IsenseSettings(const std::string& library = KINETREL_ISENSE_SUBSTITUTE)
-      : callsFile_((std::filesystem::temp_directory_path() / UniqueName("isense-calls")).string()) {
-    Put("KINETREL_ISENSE", library);
-    Put("KINETREL_ISENSE_CALLS", callsFile_);
+  // `variable` selects the library. All others begin with it.
+  SubstituteSettings(const std::string& variable, const std::string& library)
+      : variable_(variable),
+        callsFile_((std::filesystem::temp_directory_path() / UniqueName(variable)).string()) {
+    Put(variable, library);
+    Set("CALLS", callsFile_);
   }
-  ~IsenseSettings() {
+  ~SubstituteSettings() {
     for (const std::string& name : names_) UnsetVariable(name);
     std::filesystem::remove(callsFile_);
   }
-  IsenseSettings(const IsenseSettings&) = delete;
-  IsenseSettings& operator=(const IsenseSettings&) = delete;
+  SubstituteSettings(const SubstituteSettings&) = delete;
+  SubstituteSettings& operator=(const SubstituteSettings&) = delete;
 
   // name  without its beginning: "MODEL".
   void Set(const std::string& name, const std::string& value) {
-    Put("KINETREL_ISENSE_" + name, value);
+    Put(variable_ + "_" + name, value);
   }
 
   // Since the last time: one line for each call.
@@ -47,8 +49,15 @@ class IsenseSettings {
     names_.insert(variable);
   }
 
-  std::string callsFile_;
+  const std::string variable_;
+  const std::string callsFile_;
   std::set<std::string> names_;
+};
+
+class IsenseSettings : public SubstituteSettings {
+ public:
+  explicit IsenseSettings(const std::string& library = KINETREL_ISENSE_SUBSTITUTE)
+      : SubstituteSettings("KINETREL_ISENSE", library) {}
 };
 
 }  // namespace kinetrel::test
