@@ -1,5 +1,6 @@
-// Whole runs of the Liberty: the substitute library with known motion or with an emulator on its
-// line, the program, and a client.
+// Whole runs of the Liberty in trouble: the substitute library with known motion or with an
+// emulator on its line, the program, and a client. The runs without trouble are with the serial
+// trackers.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -48,46 +49,6 @@ class LibertyProgram : public testing::Test {
   std::optional<ChildProcess> emulator_;
   std::optional<LibraryRun> run_;
 };
-
-// ---- A thousand frames ---------------------------------------------------------------------
-
-struct Source {
-  const char* name;
-  std::optional<Arguments> emulator;  // its options; nothing: the tracker of known motion
-};
-
-class LibertyRun : public LibertyProgram, public testing::WithParamInterface<Source> {};
-
-TEST_P(LibertyRun, AThousandFramesArriveOnceEach) {
-  if (GetParam().emulator) StartEmulator(*GetParam().emulator);
-  Start();
-  int first = -1;
-  int seen = 0;
-  std::uint64_t firstRamp = 0;
-  const bool whole = WaitUntil([&] {
-    if (!run_->ReadNext(seen)) return false;
-    const auto& pose = run_->block().poses[0];
-    const std::uint64_t ramp = RampFrame(pose[0], pose[2]);
-    if (std::exchange(first, first < 0 ? seen : first) < 0) firstRamp = ramp;
-    const auto frames = static_cast<std::uint64_t>(seen - first);
-    EXPECT_TRUE(ramp - firstRamp == frames || (kMayLoseFrames && ramp - firstRamp > frames))
-        << ramp - firstRamp << " cycles, " << frames << " frames";
-    const MotionPose right = MakeRamp()->At(0, ramp, 0);
-    EXPECT_NEAR(pose[0], right.x, 1e-4);
-    EXPECT_NEAR(pose[5], right.roll * kRadiansPerDegree, 1e-5);
-    return seen - first >= 1000;
-  });
-  EXPECT_TRUE(whole) << seen << run_->error();
-  EXPECT_EQ(run_->Stop(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    From, LibertyRun,
-    testing::Values(Source{"KnownMotion", {}}, Source{"Emulator", Arguments{"--stations=1"}},
-                    Source{"StreamingEmulator", Arguments{"--start=streaming", "--last-cycle"}},
-                    Source{"HalfCommand",
-                           Arguments{"--start=half-command", "--blank-good", "--bit=8"}}),
-    [](const auto& row) { return std::string(row.param.name); });
 
 // ---- A library that fails ------------------------------------------------------------------
 

@@ -17,8 +17,9 @@ namespace {
 
 struct Tracker {
   const char* name;
-  Arguments emulator;
+  const char* device;
   int type;
+  Arguments emulator;
   Arguments program;
   int sensors;
 };
@@ -27,26 +28,12 @@ void PrintTo(const Tracker& row, std::ostream* out) { *out << row.name; }
 
 class StreamRun : public testing::TestWithParam<Tracker> {
  protected:
-  StreamRun() {
-    Arguments emulated = GetParam().emulator;
-    emulated.insert(emulated.end(), {"--motion=ramp", "--link", link_});
-    emulator_.emplace("kinetrel-emulate", emulated);
-    EXPECT_TRUE(emulator_->ExpectOutput("KINETREL_COM1="));
-    Arguments program = {"-p1", "-d" + std::to_string(GetParam().type),
-                         "-w" + std::to_string(slot_.slot())};
-    program.insert(program.end(), GetParam().program.begin(), GetParam().program.end());
-    tracker_.emplace(
-        "kinetrel", program,
-        ChildProcess::Options{.environment = {{"KINETREL_COM1", link_},
-                                              {"KINETREL_PDI", KINETREL_PDI_SUBSTITUTE},
-                                              {"KINETREL_PDI_SERIAL", "1"}},
-                              .emptyInput = true});
-    opened_ = kinetrel_stream_open(&stream_, slot_.slot(), 20'000);
-  }
-  ~StreamRun() override {
-    kinetrel_stream_close(&stream_);
-    ::unlink(link_.c_str());
-  }
+  StreamRun()
+      : run_(GetParam().device, GetParam().type, GetParam().emulator, GetParam().program,
+             {{"KINETREL_PDI", KINETREL_PDI_SUBSTITUTE}, {"KINETREL_PDI_SERIAL", "1"}}),
+        opened_(kinetrel_stream_open(&stream_, run_.slot(), 20'000)) {}
+  ~StreamRun() override { kinetrel_stream_close(&stream_); }
+
   // A killed tracker may have left its stream in the slot, which the new one replaces.
   bool Next() {
     kinetrel_stream_result result = kinetrel_stream_restarted;
@@ -56,10 +43,7 @@ class StreamRun : public testing::TestWithParam<Tracker> {
     return result == kinetrel_stream_ok;
   }
 
-  const std::string link_ = "/tmp/kinetrel-stream-" + std::to_string(::getpid());
-  const FreeSlot slot_;
-  std::optional<ChildProcess> emulator_;
-  std::optional<ChildProcess> tracker_;
+  EmulatedRun run_;
   kinetrel_stream stream_;
   kinetrel_stream_result opened_;
   kinetrel_record record_{};
@@ -76,13 +60,13 @@ double Median(std::vector<double> figures) {
 // record comes in one piece here: on a busy machine its bytes would come apart or not, by chance.
 TEST_P(StreamRun, EverySensorsRecordIsEquallyYoungAtAClient) {
   constexpr int kFrames = 60;
-  ASSERT_EQ(opened_, kinetrel_stream_ok) << tracker_->error();
+  ASSERT_EQ(opened_, kinetrel_stream_ok) << run_.tracker().error();
   std::array<std::vector<double>, 16> ages;  // ms
   std::uint64_t frame = 0;
   std::uint64_t count = 0;
   const auto sensors = static_cast<std::size_t>(GetParam().sensors);
   for (std::size_t i = 0; i < kFrames * sensors; ++i) {
-    ASSERT_TRUE(Next()) << tracker_->error();
+    ASSERT_TRUE(Next()) << run_.tracker().error();
     ASSERT_LT(record_.sensor, sensors);
     ages[record_.sensor].push_back(static_cast<double>(kinetrel_now_ns() - record_.sample_ns) *
                                    1e-6);
@@ -112,26 +96,25 @@ TEST_P(StreamRun, EverySensorsRecordIsEquallyYoungAtAClient) {
 
 INSTANTIATE_TEST_SUITE_P(
     Of, StreamRun,
-    testing::Values(Tracker{"Fastrak", {"fastrak", "--whole"}, 2, {"-s", "0xF"}, 4},
-                    Tracker{"Flock", {"flock"}, 3, {}, 1},
-                    Tracker{"Liberty", {"liberty", "--stations=4"}, 10, {"-s", "0xF"}, 4}),
+    testing::Values(Tracker{"Fastrak", "fastrak", 2, {"--whole"}, {"-s", "0xF"}, 4},
+                    Tracker{"Flock", "flock", 3, {}, {}, 1},
+                    Tracker{"Liberty", "liberty", 10, {"--stations=4"}, {"-s", "0xF"}, 4}),
     [](const auto& row) { return std::string(row.param.name); });
 
 class FastrakStream : public StreamRun {};
 
 // Pulled out and plugged in again: the client is told what to do, and goes on.
 TEST_P(FastrakStream, TellsThatThePortHasGoneAndThatTheTrackerIsBack) {
-  ASSERT_EQ(opened_, kinetrel_stream_ok) << tracker_->error();
+  ASSERT_EQ(opened_, kinetrel_stream_ok) << run_.tracker().error();
   ASSERT_TRUE(Next());
-  emulator_->Signal(SIGUSR1);
+  run_.emulator().Signal(SIGUSR1);
   const auto state = [this] { return kinetrel_stream_state(&stream_, nullptr); };
   EXPECT_TRUE(WaitUntil([&] { return state() == kinetrel_state_recovering; }));
   char text[256];
   kinetrel_stream_state(&stream_, text);
   EXPECT_NE(std::string(text).find("Plug it in again"), std::string::npos) << text;
   EXPECT_TRUE(WaitUntil([&] { return state() == kinetrel_state_running; }));
-  tracker_->Signal(SIGINT);
-  EXPECT_EQ(tracker_->Wait(), 0);
+  EXPECT_EQ(run_.Stop(), 0);
   EXPECT_EQ(state(), kinetrel_state_stopped);
   std::array<kinetrel_log_line, 64> lines;
   const int count = kinetrel_stream_log(&stream_, lines.data(), 64);
@@ -139,12 +122,11 @@ TEST_P(FastrakStream, TellsThatThePortHasGoneAndThatTheTrackerIsBack) {
     return std::string(line.text).find("is back after") != std::string::npos;
   }));
   kinetrel_stream empty;
-  EXPECT_EQ(kinetrel_stream_open(&empty, slot_.slot(), 0), kinetrel_stream_none);
+  EXPECT_EQ(kinetrel_stream_open(&empty, run_.slot(), 0), kinetrel_stream_none);
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, FastrakStream,
-                         testing::Values(Tracker{
-                             "Unplugged", {"fastrak", "--fault", "unplug:1@usr1"}, 2, {}, 1}),
+const Tracker kUnplugged{"Unplugged", "fastrak", 2, {"--fault=unplug:1@usr1"}, {}, 1};
+INSTANTIATE_TEST_SUITE_P(Of, FastrakStream, testing::Values(kUnplugged),
                          [](const auto& row) { return std::string(row.param.name); });
 
 // ---- Without room --------------------------------------------------------------------------

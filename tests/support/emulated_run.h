@@ -36,20 +36,24 @@ inline std::vector<SharedTrackBlock> WatchFrames(SharedTrackReader& reader, int 
   return seen;
 }
 
+using Arguments = std::vector<std::string>;
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
 class EmulatedRun {
  public:
-  // Starts both; arguments beyond the device, its type, the port and the slot are the test's.
-  EmulatedRun(const std::string& device, int type, std::vector<std::string> ofEmulator = {},
-              std::vector<std::string> ofTracker = {})
+  // Starts both; arguments beyond the device, its type, the port and the slot are the test's, as is
+  // the tracker's environment beyond its port.
+  EmulatedRun(const std::string& device, int type, Arguments ofEmulator = {},
+              Arguments ofTracker = {}, Environment environment = {})
       : link_(MakeLink()), reader_(slot_.device()) {
     ofEmulator.insert(ofEmulator.begin(), {device, "--link", link_});
     emulator_.emplace("kinetrel-emulate", ofEmulator);
     WaitUntil([this] { return std::filesystem::is_symlink(link_); });
     ofTracker.insert(ofTracker.begin(),
                      {"-d", std::to_string(type), "-p", "1", "-w", std::to_string(slot_.slot())});
-    tracker_.emplace(
-        "kinetrel", ofTracker,
-        ChildProcess::Options{.environment = {{"KINETREL_COM1", link_}}, .emptyInput = true});
+    environment.emplace_back("KINETREL_COM1", link_);
+    tracker_.emplace("kinetrel", ofTracker,
+                     ChildProcess::Options{.environment = environment, .emptyInput = true});
   }
 
   ~EmulatedRun() { ::unlink(link_.c_str()); }  // the emulator is killed, and leaves its link
@@ -58,6 +62,7 @@ class EmulatedRun {
 
   std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
 
+  int slot() const { return slot_.slot(); }
   ChildProcess& emulator() { return *emulator_; }
   ChildProcess& tracker() { return *tracker_; }
 

@@ -6,14 +6,10 @@
 #include <csignal>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
-
-using Arguments = std::vector<std::string>;
-using Environment = std::vector<std::pair<std::string, std::string>>;
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr std::chrono::seconds kTimeToEnd{9};
@@ -36,20 +32,11 @@ class LibraryRun {
 
   std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
 
-  // Copies the frame after `seen` into block(). False when no frame comes in time.
-  bool ReadNext(int& seen) {
-    const bool fresh = reader_.OpenOnly(0) && reader_.WaitForFrame(seen, Milliseconds(100)) &&
-                       reader_.Copy(block_, Milliseconds(1000)) && block_.frameCount != seen;
-    if (fresh) seen = block_.frameCount;
-    return fresh;
-  }
-
-  // Waits until `count` more frames have been published.
+  // Waits until `count` more frames have been published; block() is the last of them.
   bool FramesPass(int count) {
-    int seen = -1;
-    if (!WaitUntil([&] { return ReadNext(seen); })) return false;
-    const int first = seen;
-    return WaitUntil([&] { return ReadNext(seen) && seen >= first + count; });
+    const auto seen = Watch(count);
+    if (!seen.empty()) block_ = seen.back();
+    return !seen.empty() && block_.frameCount - seen.front().frameCount >= count;
   }
 
   // Ends the program as a user would and returns its exit code.
