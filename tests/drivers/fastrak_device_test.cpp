@@ -177,8 +177,7 @@ class FastrakSettings : public FastrakTest {
  protected:
   void ExpectSetting(const SettingRow& row) {
     int result = -99;
-    EXPECT_EQ(Readable(Heard([&] { result = row.set(*device_); })), Readable(row.heard))
-        << row.name;
+    EXPECT_EQ(Heard([&] { result = row.set(*device_); }), row.heard) << row.name;
     EXPECT_EQ(result, row.result) << row.name;
   }
 };

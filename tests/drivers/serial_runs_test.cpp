@@ -89,15 +89,6 @@ Found FindPanTilt(const std::array<float, 6>& pose, unsigned) {
   return {frame, pose[0] == 0 ? apart / (0.51 * 360 / 4000) : 1e9};
 }
 
-// A sanitizer's program may be so slow that several reports of a device are one frame to it.
-constexpr bool SlowedDown() {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  return true;
-#else
-  return false;
-#endif
-}
-
 using Find = Found(const std::array<float, 6>& pose, unsigned station);
 
 struct Tracker {
@@ -165,7 +156,7 @@ TEST_P(SerialRun, LosesNothingAndDoublesNothing) {
   }
   const std::size_t announced = FailuresAnnounced(run.tracker().output());
   EXPECT_LE(announced, static_cast<std::size_t>(row.frames / 100));
-  const std::size_t merged = SlowedDown() ? static_cast<std::size_t>(row.frames) : 0;
+  const std::size_t merged = kMayLoseFrames ? static_cast<std::size_t>(row.frames) : 0;
   EXPECT_LE(shifts.size(), 1 + announced + merged);
   EXPECT_LE(worst, 1.0);
   EXPECT_EQ(run.Stop(), 0);

@@ -34,17 +34,11 @@ std::string LinkName(const std::string& name) {
 // A host's end of the line.
 class Host {
  public:
-  explicit Host(const std::string& port, unsigned baud = 115200) : line_(Opened(port)) {
+  explicit Host(const std::string& port) : line_(Opened(port)) {
     LineSettings settings = *line_.Settings();
-    settings.baud = baud;
+    settings.baud = 115200;
     EXPECT_TRUE(line_.Apply(settings).Ok());
-    // Reads wait, but not for ever.
-    EXPECT_TRUE(line_.SetReadTimeouts({0, 0, 50}).Ok());
-  }
-
-  void Write(std::string_view text) {
-    const auto wrote = line_.Write(std::as_bytes(std::span(text.data(), text.size())));
-    EXPECT_TRUE(wrote.Ok() && *wrote == text.size());
+    EXPECT_TRUE(line_.SetReadTimeouts({0, 0, 50}).Ok());  // reads wait, with a limit
   }
 
   bool ReadOnce(std::string& into) {
@@ -55,15 +49,11 @@ class Host {
     return true;
   }
 
-  std::string ReadUntil(std::size_t count) {
+  std::string Ask(std::string_view question, std::size_t count) {
+    EXPECT_TRUE(line_.Write(std::as_bytes(std::span(question.data(), question.size()))).Ok());
     std::string text;
     WaitUntil([&] { return text.size() >= count || !ReadOnce(text); });
     return text;
-  }
-
-  std::string Ask(std::string_view text, std::size_t count) {
-    Write(text);
-    return ReadUntil(count);
   }
 
   bool WaitUntilHungUp() {

@@ -39,10 +39,14 @@ class ChildProcess {
   void CloseInput();
 
   // Takes output until it contains `text`.
-  bool ExpectOutput(const std::string& text, std::chrono::milliseconds patience = kPatience);
-  bool ExpectError(const std::string& text, std::chrono::milliseconds patience = kPatience);
-  const std::string& output();  // all of standard output so far
-  const std::string& error();   // all of standard error so far
+  bool ExpectOutput(const std::string& text, std::chrono::milliseconds patience = kPatience) {
+    return WaitUntil([&] { return output().find(text) != std::string::npos; }, patience);
+  }
+  bool ExpectError(const std::string& text, std::chrono::milliseconds patience = kPatience) {
+    return WaitUntil([&] { return error().find(text) != std::string::npos; }, patience);
+  }
+  const std::string& output() { return TakeOutput(), outputText_; }  // standard output so far
+  const std::string& error() { return TakeOutput(), errorText_; }    // standard error so far
 
   static constexpr int kStillRuns = -1000;
 

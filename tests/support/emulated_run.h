@@ -3,6 +3,7 @@
 #pragma once
 
 #include <unistd.h>
+#include <chrono>
 #include <csignal>
 
 #include <filesystem>
@@ -35,6 +36,15 @@ inline std::vector<SharedTrackBlock> WatchFrames(SharedTrackReader& reader, int 
   WaitUntil(enough, 3 * kPatience);
   return seen;
 }
+
+// A sanitizer's program may be so slow that several reports of a device are one frame to it.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr std::chrono::seconds kTimeToEnd{9};
+inline constexpr bool kMayLoseFrames = true;
+#else
+inline constexpr std::chrono::seconds kTimeToEnd{3};
+inline constexpr bool kMayLoseFrames = false;
+#endif
 
 using Arguments = std::vector<std::string>;
 using Environment = std::vector<std::pair<std::string, std::string>>;

@@ -11,14 +11,6 @@
 
 namespace kinetrel::test {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr std::chrono::seconds kTimeToEnd{9};
-inline constexpr bool kMayLoseFrames = true;  // a sanitizer build is slower than the line
-#else
-inline constexpr std::chrono::seconds kTimeToEnd{3};
-inline constexpr bool kMayLoseFrames = false;
-#endif
-
 class LibraryRun {
  public:
   LibraryRun(int type, Arguments arguments, Environment environment = {})

@@ -32,6 +32,4 @@ std::string Peer::Ask(const std::string& command) {
   return Answer();
 }
 
-void Peer::Kill() { process_.Kill(); }
-
 }  // namespace kinetrel::test

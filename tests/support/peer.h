@@ -8,9 +8,6 @@
 
 namespace kinetrel::test {
 
-// A name in the system that no other run of any test has.
-std::string UniqueName(const std::string& word);
-
 class Peer {
  public:
   Peer() : process_("track_peer", {}) {}
@@ -21,14 +18,10 @@ class Peer {
   void Tell(const std::string& command);
   std::string Answer();
 
-  // Whether it waits for another process, or is in that system call of Linux. A system that does
-  // not tell answers after a while that it does.
-  bool Asleep(long call = kWaitForOthers) const;
-  void Kill();  // at once, and waits until it is gone
+  bool Asleep(long call = kWaitForOthers) const { return IsAsleep(pid(), call); }
+  void Kill() { process_.Kill(); }  // at once, and waits until it is gone
   pid_t pid() const { return process_.pid(); }
   const std::string& output() { return process_.output(); }
-
-  static constexpr long kWaitForOthers = -1;
 
  private:
   ChildProcess process_;

@@ -61,9 +61,6 @@ class ScriptedPeer {
   std::thread thread_;
 };
 
-// Bytes as C++ would write them in a string.
-std::string Readable(const std::string& bytes);
-
 struct BootStory {
   const char* name;
   Script script;

@@ -4,11 +4,24 @@
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 
 namespace kinetrel::test {
+
+std::string UniqueName(const std::string& word) {
+  return "kinetrel-test-" + std::to_string(::getpid()) + "-" + word;
+}
+
+bool IsAsleep(pid_t process, long call) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/syscall");
+  std::string now;
+  const long wanted = call == kWaitForOthers ? SYS_futex : call;
+  return !(file >> now) || now == std::to_string(wanted);
+}
 
 bool InSystem(const std::string& name) { return std::filesystem::exists("/dev/shm/" + name); }
 

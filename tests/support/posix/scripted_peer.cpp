@@ -3,8 +3,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdio>
-
 namespace kinetrel::test {
 
 ScriptedPeer::ScriptedPeer(PseudoTerminal& line, Script script)
@@ -49,7 +47,8 @@ bool ScriptedPeer::Take(const std::string& expected) {
   const auto end = std::chrono::steady_clock::now() + kPatience;
   while (came != expected) {
     if (stop_ || std::chrono::steady_clock::now() >= end || !expected.starts_with(came)) {
-      verdict_ = "expected \"" + Readable(expected) + "\" but \"" + Readable(came) + "\" came";
+      verdict_ = "expected " + testing::PrintToString(expected) + " but " +
+                 testing::PrintToString(came) + " came";
       return false;
     }
     pollfd far{line_.farEnd(), POLLIN, 0};
@@ -58,25 +57,6 @@ bool ScriptedPeer::Take(const std::string& expected) {
     if (::read(line_.farEnd(), &byte, 1) == 1) came += byte;
   }
   return true;
-}
-
-std::string Readable(const std::string& bytes) {
-  std::string text;
-  for (const char byte : bytes) {
-    const auto code = static_cast<unsigned char>(byte);
-    char escape[8];
-    std::snprintf(escape, sizeof escape, "\\x%02x", code);
-    if (byte == '\r') {
-      text += "\\r";
-    } else if (byte == '\n') {
-      text += "\\n";
-    } else if (code < ' ' || code > '~') {
-      text += escape;
-    } else {
-      text += byte;
-    }
-  }
-  return text;
 }
 
 }  // namespace kinetrel::test

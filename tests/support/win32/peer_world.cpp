@@ -4,6 +4,17 @@
 
 namespace kinetrel::test {
 
+std::string UniqueName(const std::string& word) {
+  return "kinetrel-test-" + std::to_string(::GetCurrentProcessId()) + "-" + word;
+}
+
+// The process has had the time to begin its wait. If it has not, the test sees less, and nothing
+// wrong.
+bool IsAsleep(pid_t, long) {
+  ::Sleep(100);
+  return true;
+}
+
 bool InSystem(const std::string& name) {
   const HANDLE found[] = {::OpenFileMappingA(FILE_MAP_READ, FALSE, name.c_str()),
                           ::OpenMutexA(SYNCHRONIZE, FALSE, name.c_str()),
