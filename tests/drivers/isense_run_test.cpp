@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "drivers/isense_device.h"
-#include "tests/support/library_run.h"
+#include "tests/support/emulated_run.h"
 #include "tests/support/substitute_settings.h"
 
 namespace kinetrel::test {

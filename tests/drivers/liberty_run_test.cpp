@@ -9,7 +9,7 @@
 
 #include "devices/pose.h"
 #include "emulate/motion.h"
-#include "tests/support/library_run.h"
+#include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
 using namespace emulate;

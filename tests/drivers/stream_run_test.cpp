@@ -10,7 +10,7 @@
 
 #include <kinetrel/stream.h>
 
-#include "tests/support/library_run.h"
+#include "tests/support/emulated_run.h"
 
 namespace kinetrel::test {
 namespace {

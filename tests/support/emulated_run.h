@@ -2,6 +2,7 @@
 // the client.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <unistd.h>
 #include <chrono>
 #include <csignal>
@@ -95,6 +96,61 @@ class EmulatedRun {
   SharedTrackReader reader_;
   std::optional<ChildProcess> emulator_;
   std::optional<ChildProcess> tracker_;
+};
+
+// ---- With a vendor's library ---------------------------------------------------------------
+
+class LibraryRun {
+ public:
+  LibraryRun(int type, Arguments arguments, Environment environment = {})
+      : reader_(slot_.device()),
+        program_("kinetrel", Complete(type, std::move(arguments)),
+                 {.environment = std::move(environment), .emptyInput = true}) {}
+
+  ChildProcess& program() { return program_; }
+  const std::string& error() { return program_.error(); }
+  const SharedTrackBlock& block() const { return block_; }
+
+  std::vector<SharedTrackBlock> Watch(int count) { return WatchFrames(reader_, count); }
+
+  // Waits until `count` more frames have been published; block() is the last of them.
+  bool FramesPass(int count) {
+    const auto seen = Watch(count);
+    if (!seen.empty()) block_ = seen.back();
+    return !seen.empty() && block_.frameCount - seen.front().frameCount >= count;
+  }
+
+  // Ends the program as a user would and returns its exit code.
+  int Stop() {
+    const auto before = std::chrono::steady_clock::now();
+    program_.Signal(SIGINT);
+    const int code = program_.Wait(std::chrono::seconds(30));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, kTimeToEnd);
+    return code;
+  }
+
+ private:
+  Arguments Complete(int type, Arguments arguments) {
+    arguments.insert(arguments.begin(),
+                     {"-d" + std::to_string(type), "-w" + std::to_string(slot_.slot())});
+    return arguments;
+  }
+
+  FreeSlot slot_;
+  SharedTrackReader reader_;
+  ChildProcess program_;
+  SharedTrackBlock block_{};
+};
+
+// ---- A library that fails ------------------------------------------------------------------
+
+enum class Outcome { FramesCome, NoFrames, DoesNotStart };
+
+struct Trouble {
+  const char* name;
+  const char* variable;  // of the substitute
+  const char* value;
+  Outcome outcome;
 };
 
 }  // namespace kinetrel::test

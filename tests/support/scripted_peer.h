@@ -101,6 +101,18 @@ class DeviceOnALine : public testing::Test {
     EXPECT_EQ(frames, story.frames);
   }
 
+  // The answer to a poll that failed is not read as the answer to the next one.
+  void ExpectALateAnswerIsDropped(const std::string& late, const Script& then) {
+    device_.Poll();
+    EXPECT_EQ(device_.ReadFrame(nullptr), 0U);
+    line_.Send(late);
+    ASSERT_TRUE(WaitUntil([&] { return device_.InputQueueLength() == late.size(); }));
+    ScriptedPeer peer(line_, then);
+    device_.Poll();
+    EXPECT_EQ(device_.ReadFrame(nullptr), 1U);
+    EXPECT_EQ(peer.Verdict(), "");
+  }
+
   PseudoTerminal line_;
   Device device_;
 };
