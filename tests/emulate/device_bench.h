@@ -27,12 +27,9 @@ class DeviceBench {
   };
 
   explicit DeviceBench(std::unique_ptr<EmulatedDevice> device, LineOptions options = {115200})
-      : stepped_(std::move(device), WithShow(std::move(options))) {}
+      : stepped_(std::move(device), std::move(options)) {}
 
-  SteppedDevice& operator*() { return stepped_; }
-  SteppedDevice* operator->() { return &stepped_; }
-  Moment now() const { return now_; }
-  const std::string& shown() const { return *shown_; }
+  void Strike(FaultKind kind) { stepped_.Strike(now_, {kind}); }
 
   void Send(std::string_view bytes) { stepped_.Receive(now_, AsBytes(bytes)); }
 
@@ -63,12 +60,6 @@ class DeviceBench {
   }
 
  private:
-  LineOptions WithShow(LineOptions options) {
-    options.show = [shown = shown_](Moment, const std::string& text) { *shown += text + "\n"; };
-    return options;
-  }
-
-  std::shared_ptr<std::string> shown_ = std::make_shared<std::string>();
   Moment now_{0};
   SteppedDevice stepped_;
 };

@@ -30,17 +30,6 @@ DeviceBench BeaconAt(LineOptions options) {
   return DeviceBench(std::make_unique<Beacon>(), std::move(options));
 }
 
-LineOptions With(std::initializer_list<const char*> rules, std::uint64_t seed = 1) {
-  LineOptions options{19200};
-  options.seed = seed;
-  for (const char* const rule : rules) {
-    const auto parsed = ParseFaultRule(rule);
-    EXPECT_TRUE(parsed) << rule;
-    if (parsed) options.faults.push_back(*parsed);
-  }
-  return options;
-}
-
 // ---- Speed -------------------------------------------------------------------------------------
 
 TEST(DeviceLine, BytesLeaveAtTenBitsEachInPieces) {
@@ -93,7 +82,7 @@ std::string Letters(std::string_view counts) {
 }
 
 TEST_P(Faults, OccurWhereTheRulesSay) {
-  LineOptions options = With({});
+  LineOptions options{19200};
   for (const char* const rule : GetParam().rules) options.faults.push_back(*ParseFaultRule(rule));
   std::string got = BeaconAt(options).Collect(milliseconds(450));
   for (char& byte : got) byte = byte >= 'a' && byte <= 'd' ? byte : '?';

@@ -77,14 +77,14 @@ TEST(WireStreams, HaveTheirRates) {
 TEST(WireFaults, ARestartForgetsWhatTheHostSet) {
   DeviceBench fastrak = Fastrak({.receivers = 1, .resetTime = seconds(3)});
   fastrak.Ask("ufO1,2\rC");
-  fastrak->Strike(fastrak.now(), {FaultKind::Restart});
+  fastrak.Strike(FaultKind::Restart);
   EXPECT_EQ(fastrak.Ask("P", milliseconds(2999)), "");
   EXPECT_EQ(fastrak.Collect(milliseconds(100)),
             "01    1.00  -2.00   5.00  90.00 -45.00  30.00\r\n");
 
   DeviceBench flock = Flock();
   flock.Ask("P2\x03@");
-  flock->Strike(flock.now(), {FaultKind::Restart});
+  flock.Strike(FaultKind::Restart);
   flock.Collect(milliseconds(20));
   EXPECT_EQ(flock.Ask("O\x00"s), "\x00\x90"s);
 

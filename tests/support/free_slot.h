@@ -21,6 +21,9 @@ class FreeSlot {
 
  private:
   bool Take();
+  bool Lock(const std::string& name);  // false: another process has it
+  void Unlock();
+  static bool IsUsed(const std::string& block);
 
   int device_ = -1;
   std::intptr_t lock_ = -1;
