@@ -1,11 +1,11 @@
 // A real pseudo-terminal: a test holds the far end, the code under test opens the near one.
 #pragma once
 
-#include <termios.h>
-
 #include <string>
 
 #include "tests/support/wait_until.h"
+
+struct termios;  // the system's; on Windows nothing uses it
 
 namespace kinetrel::test {
 
