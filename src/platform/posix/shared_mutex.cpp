@@ -106,9 +106,12 @@ struct SharedMutex::ThisThread {
     if (::syscall(SYS_get_robust_list, 0, &robust, &size) != 0) robust = nullptr;
   }
 
+  // Looked up once for each thread: a lock must not cost two system calls.
+  // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
   static thread_local ThisThread own;
 };
 
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 thread_local SharedMutex::ThisThread SharedMutex::ThisThread::own;
 
 // ---- Locking -----------------------------------------------------------------------------------
