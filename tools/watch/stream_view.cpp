@@ -12,8 +12,8 @@ constexpr double kDegrees = 180.0 / std::numbers::pi;
 
 bool Has(const kinetrel_record& record, unsigned flag) { return (record.flags & flag) != 0; }
 
-double AgeOf(const kinetrel_record& record, std::int64_t now_ns) {
-  return static_cast<double>(now_ns - record.sample_ns) * 1e-9;
+double AgeOf(const kinetrel_record& record, std::int64_t nowNs) {
+  return static_cast<double>(nowNs - record.sample_ns) * 1e-9;
 }
 
 double AngleOf(const kinetrel_record& record, int i, bool degrees) {
@@ -48,7 +48,7 @@ ViewLine SensorRow(const kinetrel_record& record, double rate, const StreamSnaps
   for (int i = 0; i < 3; ++i) {
     line += Cell(AngleOf(record, i, degrees), i == 1 ? 10 : 9, degrees ? 2 : 4);
   }
-  line += Cell(AgeOf(record, snapshot.now_ns) * 1000, 9, 2) + Cell(rate, 7, 1);
+  line += Cell(AgeOf(record, snapshot.nowNs) * 1000, 9, 2) + Cell(rate, 7, 1);
   return {line, snapshot.state == kinetrel_state_running ? LineStyle::Plain : LineStyle::Faint};
 }
 
@@ -118,10 +118,10 @@ std::vector<ViewLine> StreamTable(const StreamSnapshot& snapshot, const TableFor
   return lines;
 }
 
-std::string PlainRecord(const kinetrel_record& record, std::int64_t now_ns, bool degrees) {
+std::string PlainRecord(const kinetrel_record& record, std::int64_t nowNs, bool degrees) {
   std::string line = "record " + std::to_string(record.number) + " frame " +
                      std::to_string(record.frame) + " sensor " + std::to_string(record.sensor + 1) +
-                     " age " + Fixed(AgeOf(record, now_ns), 6);
+                     " age " + Fixed(AgeOf(record, nowNs), 6);
   if (Has(record, kinetrel_buttons_valid)) line += " buttons " + std::to_string(record.buttons);
   if (Has(record, kinetrel_code_valid)) line += " code " + std::to_string(record.device_code);
   if (Has(record, kinetrel_position_valid)) {
@@ -147,7 +147,7 @@ std::string JsonRecord(const kinetrel_record& record, const StreamSnapshot& snap
          ",\"record\":" + std::to_string(record.number) +
          ",\"frame\":" + std::to_string(record.frame) +
          ",\"sensor\":" + std::to_string(record.sensor + 1) +
-         ",\"age\":" + JsonNumber(AgeOf(record, snapshot.now_ns)) +
+         ",\"age\":" + JsonNumber(AgeOf(record, snapshot.nowNs)) +
          ",\"sampleTime\":" + std::to_string(record.sample_ns) + ",\"buttons\":" +
          (Has(record, kinetrel_buttons_valid) ? std::to_string(record.buttons) : "null") +
          ",\"code\":" +

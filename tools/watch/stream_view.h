@@ -20,8 +20,8 @@ struct StreamSnapshot {
   kinetrel_state state = kinetrel_state_unknown;
   std::string sentence;  // the state's
   kinetrel_run run{};
-  std::uint64_t lost = 0;   // records
-  std::int64_t now_ns = 0;  // of the client
+  std::uint64_t lost = 0;  // records
+  std::int64_t nowNs = 0;  // of the client
   std::array<std::optional<kinetrel_record>, kinetrel_stream_sensors> newest;
   std::array<double, kinetrel_stream_sensors> rates{};  // records a second
   std::vector<kinetrel_log_line> log;                   // shown unless empty
@@ -34,7 +34,7 @@ std::string StreamStateWords(const StreamSnapshot& snapshot);
 
 // One record on one line, without its end. Words, each followed by a fixed number of values:
 //   record 812 frame 203 sensor 1 age 0.000600 position 1.0 2.0 3.0 angles ... quaternion ...
-std::string PlainRecord(const kinetrel_record& record, std::int64_t now_ns, bool degrees);
+std::string PlainRecord(const kinetrel_record& record, std::int64_t nowNs, bool degrees);
 
 // One record as one JSON object, without the end of the line.
 std::string JsonRecord(const kinetrel_record& record, const StreamSnapshot& snapshot, bool degrees);

@@ -88,7 +88,7 @@ kinetrel_stream_result StreamWatcher::Take(kinetrel_record& record) {
 }
 
 void StreamWatcher::LookAtState() {
-  now_.now_ns = kinetrel_now_ns();
+  now_.nowNs = kinetrel_now_ns();
   if (!now_.open) return;
   std::array<char, 256> sentence{};
   now_.state = kinetrel_stream_state(&stream_, sentence.data());
@@ -96,13 +96,13 @@ void StreamWatcher::LookAtState() {
   now_.lost = kinetrel_stream_lost(&stream_);
   kinetrel_run run;
   if (kinetrel_stream_run(&stream_, &run) == kinetrel_stream_ok) now_.run = run;
-  const std::int64_t span = now_.now_ns - countedFrom_;
+  const std::int64_t span = now_.nowNs - countedFrom_;
   if (span < kRateWindow) return;
   for (std::size_t i = 0; i < counts_.size(); ++i) {
     now_.rates[i] = counts_[i] * 1e9 / static_cast<double>(span);
   }
   counts_.fill(0);
-  countedFrom_ = now_.now_ns;
+  countedFrom_ = now_.nowNs;
 }
 
 void StreamWatcher::Announce() {
@@ -115,13 +115,13 @@ void StreamWatcher::Announce() {
 WriteResult StreamWatcher::ShowRecord(const kinetrel_record& record) {
   return WriteOut((options_.form == OutputForm::Json
                        ? JsonRecord(record, now_, options_.degrees)
-                       : PlainRecord(record, now_.now_ns, options_.degrees)) +
+                       : PlainRecord(record, now_.nowNs, options_.degrees)) +
                   "\n");
 }
 
 WriteResult StreamWatcher::ShowTable() {
-  if (now_.now_ns < nextDraw_) return WriteResult::Written;
-  nextDraw_ = now_.now_ns + kDrawMs * kNsPerMs;
+  if (now_.nowNs < nextDraw_) return WriteResult::Written;
+  nextDraw_ = now_.nowNs + kDrawMs * kNsPerMs;
   if (logShown_ && now_.open) {
     now_.log.resize(kinetrel_stream_log_lines);
     const int lines = kinetrel_stream_log(&stream_, now_.log.data(), kinetrel_stream_log_lines);
