@@ -173,7 +173,7 @@ exported() {
   diff <(exports "$windows/bin/kinetrel.exe") <(exports "$windows/vendor/isense.dll") &&
     (($(exports "$windows/bin/kinetrel.exe" | grep -c '^ISD_') == 20)) &&
     diff <(exports "$windows/bin/kinetrel.dll") \
-      <(grep -o 'kinetrel_[a-z_]*(' "$source/capi/kinetrel.h" | tr -d '(' | sort)
+      <(grep -o 'kinetrel_[a-z_]*(' "$source/include/kinetrel/kinetrel.h" | tr -d '(' | sort)
 }
 
 # The C host of the documentation, compiled against the import library.
@@ -181,8 +181,8 @@ c_host() {
   local folder=$work/host
   mkdir -p "$folder"
   cp "$windows/bin/kinetrel.dll" "$folder"
-  x86_64-w64-mingw32-gcc -I "$source" -Werror "$source/examples/steer.c" \
-    "$windows/capi/libkinetrel.dll.a" -o "$folder/steer.exe" || return 1
+  x86_64-w64-mingw32-gcc -I "$source/include" -Werror "$source/examples/steer.c" \
+    "$windows/src/capi/libkinetrel.dll.a" -o "$folder/steer.exe" || return 1
   in_time 60 wine "$folder/steer.exe" -d8 -z- "-w$slot" </dev/null >"$work/said" 2>&1
   grep -q 'Hz' "$work/said"
 }
