@@ -28,7 +28,7 @@ has() {
   if [[ $probe == -f* ]]; then
     echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
       clang++ "$probe" -x c++ - -o /dev/null >/dev/null 2>&1
-  elif [[ $probe == *.h ]]; then
+  elif [[ $probe == *.h || $probe == *.hpp ]]; then
     echo "#include <$probe>" | g++ -E -x c++ - >/dev/null 2>&1
   elif [[ $probe == /* ]]; then
     [[ -e $probe ]]
@@ -72,6 +72,9 @@ need() {
   read -ra missing <<<"$(missing_packages "$@")"
   ((${#missing[@]} == 0)) || die "still missing after the installation: ${missing[*]}"
 }
+
+# What the tools that speak to the network are built with: libraries of headers.
+net_tool_needs=(boost/asio.hpp:libboost-dev CLI/CLI.hpp:libcli11-dev nlohmann/json.hpp:nlohmann-json3-dev)
 
 # ---- Building ------------------------------------------------------------------------------------
 
