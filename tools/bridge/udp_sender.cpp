@@ -1,0 +1,102 @@
+#include "bridge/udp_sender.h"
+
+#include <kinetrel/stream.h>
+
+#include <algorithm>
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/multicast.hpp>
+
+namespace kinetrel::bridge {
+namespace {
+
+using boost::asio::ip::udp;
+namespace multicast = boost::asio::ip::multicast;
+
+constexpr std::int64_t kFirstPauseNs = 100 * 1000000LL;
+constexpr std::int64_t kLongestPauseNs = 5000 * 1000000LL;
+
+}  // namespace
+
+UdpSender::UdpSender(const OutputContext& context, Feed& feed, OutputCounts& counts,
+                     Describe describe)
+    : context_(context),
+      counts_(counts),
+      describe_(describe),
+      title_(feed.options.spec().text),
+      host_(HostOf(feed)),
+      port_(PortOf(feed)),
+      ttl_(feed.options.Integer("ttl", 1, 0, 255)),
+      interface_(feed.options.Text("interface", "")),
+      socket_(context.io) {
+  if (host_.empty())
+    feed.options.Complain("it needs a host, as in " + std::string(feed.protocol->scheme) +
+                          "://192.168.1.20");
+  if (port_ == 0)
+    feed.options.Complain("it needs a port, as in " + std::string(feed.protocol->scheme) +
+                          "://192.168.1.20:9000");
+}
+
+std::string UdpSender::Open() {
+  boost::system::error_code error;
+  udp::resolver resolver(context_.io);
+  const auto found = resolver.resolve(host_, std::to_string(port_), error);
+  if (error || found.empty()) return "host " + host_ + " does not resolve: " + error.message();
+  endpoint_ = found.begin()->endpoint();
+  return context_.dryRun ? std::string() : OpenSocket();
+}
+
+std::string UdpSender::OpenSocket() {
+  boost::system::error_code error;
+  socket_.open(endpoint_.protocol(), error);
+  if (error) return "no socket: " + error.message();
+  socket_.non_blocking(true, error);
+  if (endpoint_.address().is_multicast()) {
+    socket_.set_option(multicast::hops(ttl_), error);
+    socket_.set_option(multicast::enable_loopback(true), error);
+  } else {
+    socket_.set_option(boost::asio::socket_base::broadcast(true), error);
+  }
+  if (interface_.empty()) return {};
+  const auto address = boost::asio::ip::make_address_v4(interface_, error);
+  if (!error) socket_.set_option(multicast::outbound_interface(address), error);
+  return error ? "interface " + interface_ + " cannot be used: " + error.message() : std::string();
+}
+
+void UdpSender::Send(std::span<const std::byte> datagram) {
+  if (context_.dryRun) {
+    context_.print(title_ + ": " + describe_(datagram));
+    return;
+  }
+  if (pauseNs_ != 0 && kinetrel_now_ns() < nextTryNs_) {
+    ++counts_.dropped;
+    return;
+  }
+  boost::system::error_code error;
+  socket_.send_to(boost::asio::buffer(datagram.data(), datagram.size()), endpoint_, 0, error);
+  // Windows reports here that an earlier datagram found no receiver; the socket goes on.
+  if (error == boost::asio::error::connection_refused ||
+      error == boost::asio::error::connection_reset) {
+    return;
+  }
+  if (error) {
+    Fail(error);
+  } else if (pauseNs_ != 0) {
+    pauseNs_ = 0;
+    if (counts_.Clear()) context_.say(title_ + ": sends again");
+  }
+}
+
+void UdpSender::Fail(const boost::system::error_code& error) {
+  ++counts_.dropped;
+  if (error == boost::asio::error::would_block || error == boost::asio::error::try_again) return;
+  pauseNs_ = std::clamp(2 * pauseNs_, kFirstPauseNs, kLongestPauseNs);
+  nextTryNs_ = kinetrel_now_ns() + pauseNs_;
+  const std::string trouble = "cannot send: " + error.message();
+  if (counts_.Report(trouble)) context_.say(title_ + ": " + trouble);
+}
+
+std::string UdpSender::Place() const {
+  return endpoint_.address().to_string() + ":" + std::to_string(endpoint_.port());
+}
+
+}  // namespace kinetrel::bridge
