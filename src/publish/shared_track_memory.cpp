@@ -8,29 +8,21 @@ namespace {
 
 constexpr int kToWrite = 1;
 
-bool IsBin(int bin) { return bin >= 0 && bin < kSharedBins; }
-
 }  // namespace
 
-SharedTrackBlock* SharedTrackMemory::Bin::Block() const {
-  return IsOpen() ? static_cast<SharedTrackBlock*>(memory->data()) : nullptr;
-}
-
 void SharedTrackMemory::Bin::PrefetchToWrite() const {
-  if (const SharedTrackBlock* const data = Block()) {
-    __builtin_prefetch(&data->flags, kToWrite);
-    __builtin_prefetch(&data->publishTime, kToWrite);
-    __builtin_prefetch(&data->frameRate, kToWrite);
-  }
+  if (!IsOpen()) return;
+  __builtin_prefetch(&block->flags, kToWrite);
+  __builtin_prefetch(&block->publishTime, kToWrite);
+  __builtin_prefetch(&block->frameRate, kToWrite);
   if (event.has_value()) event->PrefetchToSet();
 }
 
 void SharedTrackMemory::Bin::PrefetchToRead() const {
-  if (const SharedTrackBlock* const data = Block()) {
-    __builtin_prefetch(&data->flags);
-    __builtin_prefetch(&data->publishTime);
-    __builtin_prefetch(&data->frameRate);
-  }
+  if (!IsOpen()) return;
+  __builtin_prefetch(&block->flags);
+  __builtin_prefetch(&block->publishTime);
+  __builtin_prefetch(&block->frameRate);
 }
 
 void SharedTrackMemory::Bin::WakeWaiters() {
@@ -42,17 +34,6 @@ SharedTrackMemory::SharedTrackMemory(int device, int bins)
       binMask_((1U << (bins >= 1 && bins <= kSharedBins ? bins : 1)) - 1) {}
 
 SharedTrackMemory::~SharedTrackMemory() { SharedTrackMemory::CloseAll(); }
-
-SharedTrackBlock* SharedTrackMemory::block() { return current().Block(); }
-
-const SharedTrackBlock* SharedTrackMemory::block() const {
-  return bins_[static_cast<std::size_t>(currentBin_)].Block();
-}
-
-int SharedTrackMemory::SelectBin(int number) {
-  if (IsBin(number) && bin(number).IsOpen()) currentBin_ = number;
-  return currentBin_;
-}
 
 bool SharedTrackMemory::Lock(Milliseconds timeout) {
   if (!current().IsOpen()) return false;
@@ -110,14 +91,16 @@ bool SharedTrackMemory::OpenObjects(int number) {
     Fail(number, memory.Ok() ? mutex.status() : memory.status());
     return false;
   }
-  bin(number).memory = *memory;
-  bin(number).mutex = *mutex;
+  Bin& here = bin(number);
+  here.memory = *memory;
+  here.mutex = *mutex;
+  here.block = static_cast<SharedTrackBlock*>(here.memory->data());
   return true;
 }
 
 bool SharedTrackMemory::Initialise(int number, Initialize initialize, bool writerPresent,
                                    Milliseconds timeout) {
-  SharedTrackBlock& block = *bin(number).Block();
+  SharedTrackBlock& block = *bin(number).block;
   if (initialize == Initialize::WhenNew && IsInitialized(block)) return true;
   if (!bin(number).mutex->Lock(timeout)) return false;
   if (initialize == Initialize::Always || !IsInitialized(block)) {
@@ -150,6 +133,7 @@ bool SharedTrackMemory::CloseBin(int number) {
   if (!IsBin(number)) return false;
   Bin& here = bin(number);
   if (number == lockedBin_) Release();
+  here.block = nullptr;
   here.mutex.reset();
   here.memory.reset();
   return false;
@@ -166,8 +150,8 @@ bool SharedTrackMemory::CloseAll() {
 
 bool SharedTrackMemory::Publish(int frame) {
   Bin& here = current();
-  SharedTrackBlock* const data = here.Block();
-  if (data == nullptr) return false;
+  if (!here.IsOpen()) return false;
+  SharedTrackBlock* const data = here.block;
   // Unsigned: after 2^31 frames (103 days at 240 Hz) the count wraps round.
   data->frameCount =
       frame != 0 ? frame
@@ -183,8 +167,8 @@ bool SharedTrackMemory::Publish(int frame) {
 bool SharedTrackMemory::WaitForFrame(int lastFrame, Milliseconds timeout) {
   Bin& here = current();
   if (!here.event.has_value() || !Lock(timeout)) return false;
-  if (here.Block()->frameCount == lastFrame && !AwaitFrame(lastFrame, timeout)) return false;
-  const int newest = here.Block()->frameCount;
+  if (here.block->frameCount == lastFrame && !AwaitFrame(lastFrame, timeout)) return false;
+  const int newest = here.block->frameCount;
   Unlock();
   return newest > lastFrame;
 }
@@ -194,7 +178,7 @@ bool SharedTrackMemory::AwaitFrame(int lastFrame, Milliseconds timeout) {
   const StopEvent& event = *current().event;
   const Deadline deadline(timeout);
   bool set = false;
-  while (!set && current().Block()->frameCount == lastFrame) {
+  while (!set && current().block->frameCount == lastFrame) {
     // No publication is lost: the event is reset under the mutex, with the newest frame known.
     const StopEvent::Ticket ticket = current().event->Reset();
     Unlock();

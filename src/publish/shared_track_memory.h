@@ -41,8 +41,11 @@ class SharedTrackMemory {
   // Opens or makes the bin's event, for any account. Replaces an event already open.
   virtual bool MakeEvent(int bin);
 
-  // Makes `bin` the current one if it is open. Returns the current bin.
-  int SelectBin(int bin);
+  // Makes the bin the current one if it is open. Returns the current bin.
+  int SelectBin(int number) {
+    if (IsBin(number) && bin(number).IsOpen()) currentBin_ = number;
+    return currentBin_;
+  }
 
   // Opens every bin of the mask that is not open. A bin that cannot be opened leaves the mask. If
   // the current bin is not open then, the lowest open bin becomes current. True: at least one bin
@@ -60,8 +63,10 @@ class SharedTrackMemory {
   bool WaitForFrame(int lastFrame, Milliseconds timeout);
 
   // The current bin's block; null: not open. Other processes share it: see Threads.
-  SharedTrackBlock* block();
-  const SharedTrackBlock* block() const;
+  SharedTrackBlock* block() { return current().block; }
+  const SharedTrackBlock* block() const {
+    return bins_[static_cast<std::size_t>(currentBin_)].block;
+  }
 
   int device() const { return device_; }
   int currentBin() const { return currentBin_; }
@@ -76,10 +81,10 @@ class SharedTrackMemory {
     std::optional<NamedMemory> memory;
     std::optional<NamedMutex> mutex;
     std::optional<StopEvent> event;
+    SharedTrackBlock* block = nullptr;  // in `memory`, once the mutex is there too
     bool wakePending = false;
 
-    bool IsOpen() const { return memory.has_value() && mutex.has_value(); }
-    SharedTrackBlock* Block() const;
+    bool IsOpen() const { return block != nullptr; }
     // Of the cache lines that every publication writes. Another CPU had them last.
     void PrefetchToWrite() const;
     void PrefetchToRead() const;
@@ -106,6 +111,8 @@ class SharedTrackMemory {
 
  private:
   static constexpr int kNoBin = -1;
+
+  static bool IsBin(int number) { return number >= 0 && number < kSharedBins; }
 
   bool AwaitFrame(int lastFrame, Milliseconds timeout);
   bool Release();  // false: the mutex was not ours any more
