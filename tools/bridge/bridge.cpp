@@ -19,9 +19,9 @@ std::string UnknownProtocol(const OutputSpec& spec) {
     schemes.push_back(row.scheme);
     list += (list.empty() ? "" : ", ") + std::string(row.scheme);
   }
-  const std::string_view near = Nearest(spec.scheme, schemes);
+  const std::string_view closest = Nearest(spec.scheme, schemes);
   return "unknown protocol " + spec.scheme +
-         (near.empty() ? "; known are " + list : "; did you mean " + std::string(near) + "?");
+         (closest.empty() ? "; known are " + list : "; did you mean " + std::string(closest) + "?");
 }
 
 std::string Failure(const Feed& feed, const std::string& why) {
