@@ -214,7 +214,7 @@ void Bridge::ShowTable() {
 
 void Bridge::Say(const std::string& line) {
   const std::lock_guard lock(sayMutex_);
-  std::fprintf(stderr, "kinetrel-bridge: %s\n", line.c_str());
+  std::fprintf(stderr, "%s: %s\n", std::string(ThisProgram().name).c_str(), line.c_str());
 }
 
 void Bridge::Print(const std::string& line) {

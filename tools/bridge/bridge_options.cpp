@@ -6,13 +6,16 @@
 namespace kinetrel::bridge {
 namespace {
 
-constexpr const char* kVersion = "kinetrel-bridge 0.1.0\n";
+constexpr const char* kVersion = " 0.1.0\n";
 
-constexpr const char* kFooter =
-    "\nAn output is PROTOCOL or PROTOCOL://HOST:PORT/PATH?OPTION=VALUE&OPTION=VALUE, for example\n"
-    "  kinetrel-bridge vrpn 'osc://192.168.1.20:9000/vmc?sensors=1,3&name=head,hand'\n"
-    "Every output has the options sensors, name, axes, scale, mount, arm, room and origin.\n"
-    "Exit codes: 0 done, 2 an argument or an output cannot be used.";
+std::string Footer() {
+  const Program& program = ThisProgram();
+  return "\nAn output is PROTOCOL or PROTOCOL://HOST:PORT/PATH?OPTION=VALUE&OPTION=VALUE, for "
+         "example\n  " +
+         std::string(program.name) + " " + std::string(program.example) +
+         "\nEvery output has the options sensors, name, axes, scale, mount, arm, room and origin.\n"
+         "Exit codes: 0 done, 2 an argument or an output cannot be used.";
+}
 
 // CLI11 keeps the values of each option together; --slot holds for the outputs behind it, so the
 // order of both is needed.
@@ -22,11 +25,32 @@ std::vector<BridgeOptions::Wanted> InOrder(const CLI::App& app, const CLI::Optio
   std::size_t slotsSeen = 0;
   std::size_t outputsSeen = 0;
   int slot = 1;
+  bool isServed = false;  // the slot has an output
+  const auto serve = [&] {
+    if (!isServed && !ThisProgram().output.empty()) {
+      wanted.push_back({slot, std::string(ThisProgram().output)});
+    }
+  };
   for (const CLI::Option* const each : app.parse_order()) {
-    if (each == slots) slot = std::stoi(slots->results()[slotsSeen++]);
-    if (each == outputs) wanted.push_back({slot, outputs->results()[outputsSeen++]});
+    if (each == slots) {
+      if (slotsSeen > 0) serve();
+      slot = std::stoi(slots->results()[slotsSeen++]);
+      isServed = false;
+    }
+    if (each == outputs) {
+      wanted.push_back({slot, outputs->results()[outputsSeen++]});
+      isServed = true;
+    }
   }
+  serve();
   return wanted;
+}
+
+// "127.0.0.1:9000  ", "port 3883  ", or empty for a protocol without addresses.
+std::string DefaultPlace(const Protocol& protocol) {
+  if (protocol.port == 0) return "";
+  const std::string before = protocol.host.empty() ? "port" : std::string(protocol.host);
+  return before + (protocol.host.empty() ? " " : ":") + std::to_string(protocol.port) + "  ";
 }
 
 }  // namespace
@@ -35,8 +59,8 @@ BridgeCommand ParseBridgeCommand(int count, const char* const* arguments) {
   BridgeCommand command;
   BridgeOptions& options = command.options;
   CLI::App app("Sends the poses of running trackers in the protocols of other software.",
-               "kinetrel-bridge");
-  app.footer(kFooter);
+               std::string(ThisProgram().name));
+  app.footer(Footer());
   std::vector<int> slots;
   std::vector<std::string> outputs;
   bool list = false;
@@ -48,8 +72,10 @@ BridgeCommand ParseBridgeCommand(int count, const char* const* arguments) {
           ->check(CLI::Range(1, 16));
   const CLI::Option* const output =
       app.add_option("OUTPUT", outputs, "Where to send; --list shows the protocols");
-  app.add_option("--listen", options.listen, "Address that servers listen on")
-      ->capture_default_str();
+  if (ThisProgram().listens) {
+    app.add_option("--listen", options.listen, "Address that servers listen on")
+        ->capture_default_str();
+  }
   app.add_option("--status", options.statusSeconds, "Seconds between two tables; 0: none")
       ->check(CLI::Range(0, 86400))
       ->capture_default_str();
@@ -64,7 +90,10 @@ BridgeCommand ParseBridgeCommand(int count, const char* const* arguments) {
   } catch (const CLI::ParseError& error) {
     return {BridgeRequest::Refuse, {}, error.what()};
   }
-  if (list || version) return {BridgeRequest::Print, {}, list ? ProtocolList() : kVersion};
+  if (list || version)
+    return {BridgeRequest::Print,
+            {},
+            list ? ProtocolList() : std::string(ThisProgram().name) + kVersion};
   options.outputs = InOrder(app, slot, output);
   if (options.outputs.empty()) {
     return {BridgeRequest::Refuse, {}, "name at least one output, for example vrpn"};
@@ -77,9 +106,8 @@ std::string ProtocolList() {
   for (const Protocol& row : Protocols()) {
     const AxesPreset* const axes = FindAxesPreset(row.axes);
     char line[512];
-    std::snprintf(line, sizeof line, "%-12s %s%s%u  %s\n%-12s axes: %s; rotation: %s\n",
-                  std::string(row.scheme).c_str(), std::string(row.host).c_str(),
-                  row.host.empty() ? "port " : ":", static_cast<unsigned>(row.port),
+    std::snprintf(line, sizeof line, "%-12s %s%s\n%-12s axes: %s; rotation: %s\n",
+                  std::string(row.scheme).c_str(), DefaultPlace(row).c_str(),
                   std::string(row.help).c_str(), "",
                   axes == nullptr ? "" : std::string(axes->words).c_str(),
                   std::string(row.angles).c_str());

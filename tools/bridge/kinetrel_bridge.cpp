@@ -1,4 +1,5 @@
-// kinetrel-bridge: sends the poses of running trackers in the protocols of other software.
+// kinetrel-bridge, and each program with another table of protocols: sends the poses of running
+// trackers in the protocols of other software.
 #include <atomic>
 #include <cstdio>
 #include <string>
@@ -15,7 +16,7 @@ constexpr int kDone = 0;
 constexpr int kRefused = 2;
 
 int Refuse(const std::string& why) {
-  std::fprintf(stderr, "kinetrel-bridge: %s\n", why.c_str());
+  std::fprintf(stderr, "%s: %s\n", std::string(ThisProgram().name).c_str(), why.c_str());
   return kRefused;
 }
 
@@ -25,7 +26,7 @@ int Serve(const BridgeCommand& command) {
     return kDone;
   }
   if (command.request == BridgeRequest::Refuse) {
-    return Refuse(command.text + " (see kinetrel-bridge --help)");
+    return Refuse(command.text + " (see " + std::string(ThisProgram().name) + " --help)");
   }
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);

@@ -109,7 +109,18 @@ struct Protocol {
   std::unique_ptr<Output> (*make)(const OutputContext& context, const std::vector<Feed*>& feeds);
 };
 
+// A program that sends: all share the rest of this folder, and each has a table of protocols.
+struct Program {
+  std::string_view name;
+  std::string_view example;  // arguments
+  std::string_view output;   // of a slot for which the operator names none; empty: he must
+  bool listens = false;      // it has servers, and the option --listen
+};
+
+// Defined beside the program's table: output_table.cpp has those of kinetrel-bridge.
 std::span<const Protocol> Protocols();
+const Program& ThisProgram();
+
 const Protocol* FindProtocol(std::string_view scheme);  // null: unknown
 
 // Host and port of a feed, or its protocol's defaults.

@@ -1,5 +1,4 @@
-#include <algorithm>
-#include <iterator>
+#include <vector>
 
 #include "bridge/output.h"
 
@@ -8,43 +7,17 @@ namespace {
 
 const std::vector<Protocol> kProtocols = {};
 
+constexpr Program kProgram = {
+    .name = "kinetrel-bridge",
+    .example = "vrpn 'osc://192.168.1.20:9000/vmc?sensors=1,3&name=head,hand'",
+    .output = "",
+    .listens = true,
+};
+
 }  // namespace
 
 std::span<const Protocol> Protocols() { return kProtocols; }
 
-const Protocol* FindProtocol(std::string_view scheme) {
-  const auto found = std::find_if(std::begin(kProtocols), std::end(kProtocols),
-                                  [&](const Protocol& row) { return row.scheme == scheme; });
-  return found == std::end(kProtocols) ? nullptr : &*found;
-}
-
-std::string HostOf(const Feed& feed) {
-  const std::string& host = feed.options.spec().host;
-  return host.empty() ? std::string(feed.protocol->host) : host;
-}
-
-std::uint16_t PortOf(const Feed& feed) {
-  const std::uint16_t port = feed.options.spec().port;
-  return port == 0 ? feed.protocol->port : port;
-}
-
-bool OutputCounts::Report(const std::string& trouble) {
-  const std::lock_guard lock(mutex_);
-  if (trouble_ == trouble) return false;
-  trouble_ = trouble;
-  return true;
-}
-
-bool OutputCounts::Clear() {
-  const std::lock_guard lock(mutex_);
-  const bool had = !trouble_.empty();
-  trouble_.clear();
-  return had;
-}
-
-std::string OutputCounts::Trouble() const {
-  const std::lock_guard lock(mutex_);
-  return trouble_;
-}
+const Program& ThisProgram() { return kProgram; }
 
 }  // namespace kinetrel::bridge

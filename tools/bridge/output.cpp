@@ -1,0 +1,43 @@
+#include "bridge/output.h"
+
+#include <algorithm>
+
+namespace kinetrel::bridge {
+
+const Protocol* FindProtocol(std::string_view scheme) {
+  const auto protocols = Protocols();
+  const auto found = std::find_if(protocols.begin(), protocols.end(),
+                                  [&](const Protocol& row) { return row.scheme == scheme; });
+  return found == protocols.end() ? nullptr : &*found;
+}
+
+std::string HostOf(const Feed& feed) {
+  const std::string& host = feed.options.spec().host;
+  return host.empty() ? std::string(feed.protocol->host) : host;
+}
+
+std::uint16_t PortOf(const Feed& feed) {
+  const std::uint16_t port = feed.options.spec().port;
+  return port == 0 ? feed.protocol->port : port;
+}
+
+bool OutputCounts::Report(const std::string& trouble) {
+  const std::lock_guard lock(mutex_);
+  if (trouble_ == trouble) return false;
+  trouble_ = trouble;
+  return true;
+}
+
+bool OutputCounts::Clear() {
+  const std::lock_guard lock(mutex_);
+  const bool had = !trouble_.empty();
+  trouble_.clear();
+  return had;
+}
+
+std::string OutputCounts::Trouble() const {
+  const std::lock_guard lock(mutex_);
+  return trouble_;
+}
+
+}  // namespace kinetrel::bridge
