@@ -38,12 +38,12 @@ may_include = {
     "tools/watch": {"publish", "platform"},
     "tools/bridge_front": {"platform"},  # programs that have no Boost link it too
     "tools/bridge": {"bridge_front", "platform"} | net_headers,
+    "tools/view": {"platform"} | net_headers,  # it knows a tracker by its stream alone
 }
 unchecked = ("tests/", "bench/", "examples/")
 # The stream's reader is a header that a client compiles without any library.
 knows_the_system = ("src/platform/posix/", "src/platform/win32/",
                     "include/kinetrel/stream.h") + unchecked
-
 may_define_macros = ("src/platform/annotations.h",)  # the compiler's lock notes have no other form
 
 include_line = re.compile(r'^\s*#\s*include\s*(["<])([^">]+)')

@@ -1,0 +1,153 @@
+#include "view/tracker_feed.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+#include "view/view_json.h"
+
+namespace kinetrel::view {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int kLookEveryMs = 100;  // at state and log
+constexpr milliseconds kStatusEvery{1000};
+constexpr milliseconds kRetryEvery{250};  // to open the stream
+
+// At most 60 frames a second. A frame may come a little early, so that the jitter of a tracker of
+// 60 Hz does not delay every frame.
+constexpr std::chrono::nanoseconds kFrameEvery{1'000'000'000 / 60};
+constexpr milliseconds kEarly{4};
+
+Message Share(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
+
+bool SameLog(const TrackerSnapshot& one, const TrackerSnapshot& other) {
+  const auto newest = [](const TrackerSnapshot& tracker) {
+    return tracker.log.empty() ? 0 : tracker.log.back().number;
+  };
+  return one.run.started_ns == other.run.started_ns && newest(one) == newest(other);
+}
+
+bool SameState(const TrackerSnapshot& one, const TrackerSnapshot& other) {
+  return one.result == other.result && one.state == other.state && one.sentence == other.sentence &&
+         one.run.started_ns == other.run.started_ns && one.run.sensor_mask == other.run.sensor_mask;
+}
+
+}  // namespace
+
+TrackerFeed::TrackerFeed(int slot, std::function<void()> changed)
+    : slot_(slot), changed_(std::move(changed)), thread_([this] { Run(); }) {}
+
+TrackerFeed::~TrackerFeed() {
+  {
+    const std::lock_guard held(lock_);
+    ended_ = true;
+  }
+  woken_.notify_all();
+  thread_.join();
+}
+
+void TrackerFeed::SetWatched(bool watched) {
+  {
+    const std::lock_guard held(lock_);
+    watched_ = watched;
+    if (!watched) news_ = {};
+  }
+  woken_.notify_all();
+}
+
+FeedNews TrackerFeed::News() const {
+  const std::lock_guard held(lock_);
+  return news_;
+}
+
+bool TrackerFeed::IsWatched() const {
+  const std::lock_guard held(lock_);
+  return watched_ && !ended_;
+}
+
+void TrackerFeed::Rest(Clock::time_point end) {
+  std::unique_lock held(lock_);
+  woken_.wait_until(held, end, [this] { return !watched_ || ended_; });
+}
+
+template <typename Change>
+void TrackerFeed::Tell(Change change) {
+  {
+    const std::lock_guard held(lock_);
+    if (!watched_) return;
+    change(news_);
+  }
+  changed_();
+}
+
+void TrackerFeed::Run() {
+  for (;;) {
+    {
+      std::unique_lock held(lock_);
+      woken_.wait(held, [this] { return watched_ || ended_; });
+      if (ended_) return;
+    }
+    Follow();
+  }
+}
+
+// Until nobody watches, or the stream has to be opened anew.
+void TrackerFeed::Follow() {
+  now_ = {};
+  now_.slot = slot_;
+  nextLook_ = nextStatus_ = nextFrame_ = Clock::now();
+  TrackerStream stream(slot_);
+  for (kinetrel_stream_result result = stream.result(); IsWatched();) {
+    if (result == kinetrel_stream_restarted) {
+      now_.newest = {};
+      nextLook_ = nextStatus_ = Clock::now();
+    } else if (result != kinetrel_stream_ok && result != kinetrel_stream_timed_out) {
+      TellProblem(result);
+      return Rest(Clock::now() + kRetryEvery);
+    }
+    if (Clock::now() >= nextLook_) LookAtRun(stream);
+    kinetrel_stream_skip(stream.get());
+    if (stream.ReadRecords(now_)) {
+      TellFrame();
+      Rest(nextFrame_ - kEarly);
+    }
+    kinetrel_record record;
+    result = kinetrel_stream_next(stream.get(), &record, kLookEveryMs);
+  }
+}
+
+void TrackerFeed::LookAtRun(TrackerStream& stream) {
+  const TrackerSnapshot before = now_;
+  const Clock::time_point now = Clock::now();
+  nextLook_ = now + milliseconds(kLookEveryMs);
+  stream.ReadRun(now_);
+  stream.ReadLog(now_);
+  if (!SameState(before, now_) || now >= nextStatus_) {
+    nextStatus_ = now + kStatusEvery;
+    Message status = Share(StatusMessage(now_, MomentNow()));
+    Tell([&](FeedNews& news) { news.status = std::move(status); });
+  }
+  if (!SameLog(before, now_)) {
+    auto log = std::make_shared<const TrackerSnapshot>(now_);
+    Tell([&](FeedNews& news) { news.log = std::move(log); });
+  }
+}
+
+void TrackerFeed::TellFrame() {
+  nextFrame_ = std::max(nextFrame_, Clock::now()) + kFrameEvery;
+  Message frame = Share(FrameMessage(now_, MomentNow()));
+  Tell([&](FeedNews& news) { news.frame = std::move(frame); });
+}
+
+void TrackerFeed::TellProblem(kinetrel_stream_result result) {
+  now_.result = result;
+  Message status = Share(StatusMessage(now_, MomentNow()));
+  Tell([&](FeedNews& news) {
+    news = {};
+    news.status = std::move(status);
+  });
+}
+
+}  // namespace kinetrel::view
