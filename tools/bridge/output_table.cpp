@@ -1,11 +1,20 @@
-#include <vector>
-
 #include "bridge/output.h"
+#include "bridge/vrpn_output.h"
 
 namespace kinetrel::bridge {
 namespace {
 
-const std::vector<Protocol> kProtocols = {};
+constexpr Protocol kProtocols[] = {
+    {.scheme = "vrpn",
+     .port = 3883,
+     .host = "",
+     .axes = "tracker",
+     .angles = "quaternion",
+     .name = "Tracker",
+     .server = true,
+     .help = "server of trackers and buttons for VRPN clients",
+     .make = MakeVrpnOutput},
+};
 
 constexpr Program kProgram = {
     .name = "kinetrel-bridge",
