@@ -221,6 +221,12 @@ void IntertraxDevice::Poll() {
   TrackerDevice::Poll();
 }
 
+// ---- Stations ------------------------------------------------------------------------------
+
+unsigned IntertraxDevice::SetSensorMask(unsigned mask, int sensorCount) {
+  return TrackerDevice::SetSensorMask(MaskWithFirstSensor(mask), sensorCount);
+}
+
 // ---- Settings ------------------------------------------------------------------------------
 
 unsigned IntertraxDevice::SetComponentMask(unsigned) { return componentMask_ = kEulerComponent; }

@@ -64,6 +64,10 @@ class IntertraxDevice final : public TrackerDevice {
 
   void Poll() override;
 
+  // ---- Stations ----------------------------------------------------------------------------
+
+  unsigned SetSensorMask(unsigned mask, int sensorCount) override;  // sensor 1, whatever is asked
+
   // ---- Settings ----------------------------------------------------------------------------
 
   unsigned SetComponentMask(unsigned mask) override;  // stays 2: angles only

@@ -335,7 +335,8 @@ TEST_P(SerialSensors, ThatAreMissingAreReportedAndSensor1IsSampled) {
   EXPECT_LE(GetParam().FindIn(blocks.back()).error, 1);
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, SerialSensors, testing::Values(kLogitech, kFlock, kPanTilt),
+INSTANTIATE_TEST_SUITE_P(Of, SerialSensors,
+                         testing::Values(kLogitech, kFlock, kPanTilt, kIntertrax),
                          [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "publish/shared_track_reader.h"
 #include "tests/support/child_process.h"
 #include "tests/support/free_slot.h"
+#include "tests/support/substitute_settings.h"
 #include "tests/support/wait_until.h"
 
 namespace kinetrel::test {
@@ -71,6 +72,8 @@ void ExpectQuaternion(const float* seen, const MotionPose& held, double within) 
 
 // ---- Changes -------------------------------------------------------------------------------
 
+constexpr int kGps = 12;
+
 struct Row {
   const char* name;
   const char* device;
@@ -82,6 +85,7 @@ struct Row {
   bool positions;  // that the device measures
   bool elevation;
   double step;  // of an angle as it is sent, in degrees; a position's is twice that, in cm
+  std::vector<int> units = {0, 1, 3};
 };
 
 class SerialSettings : public testing::TestWithParam<Row> {
@@ -91,6 +95,7 @@ class SerialSettings : public testing::TestWithParam<Row> {
         engine_(AllDrivers()),
         reader_(slot_.device()) {
     SetVariable("KINETREL_COM5", unit_->Port());
+    library_.Set("SERIAL", "1");
     StartConfig config;
     config.shmDevice = slot_.device();
     engine_.Configure(config);
@@ -116,7 +121,7 @@ class SerialSettings : public testing::TestWithParam<Row> {
         set(EngineAttribute::ComponentMask, OneOf(row.components));
         break;
       case 2:
-        set(EngineAttribute::Units, OneOf<int>({0, 1, 3}));
+        set(EngineAttribute::Units, OneOf(row.units));
         break;
       default:
         engine_.SetAttributeString(static_cast<int>(EngineAttribute::Protocol),
@@ -133,12 +138,12 @@ class SerialSettings : public testing::TestWithParam<Row> {
       restarted = restarted || block.frameCount < before;
       const int active = std::popcount(SensorMaskOf(block));
       if (!restarted || active == 0 || block.frameCount < active) return false;
-      Check(block);
+      GetParam().type == kGps ? CheckPlaces(block) : CheckPoses(block);
       return block.frameCount >= 2 * active;
     });
   }
 
-  static void Check(const SharedTrackBlock& block) {
+  static void CheckPoses(const SharedTrackBlock& block) {
     const int units = UnitsOf(block);
     const double unit = units == 0 ? 1 / 2.54 : units == 3 ? 0.01 : 1;
     const double step = GetParam().step;
@@ -161,7 +166,28 @@ class SerialSettings : public testing::TestWithParam<Row> {
     }
   }
 
+  // The first fix is the origin of sensor 1. The others are kilometres and degrees, with an
+  // altitude in the unit of lengths.
+  static void CheckPlaces(const SharedTrackBlock& block) {
+    const double unit = UnitsOf(block) == 0 ? 100 / 2.54 : UnitsOf(block) == 1 ? 100 : 1;
+    const MotionPose held = Standing().At(0, 0, 0);
+    const double north = 6371.3 * kRadians + held.x * .001;
+    const double east = 6378.137 * kRadians + held.y * .001;
+    const double places[3][3] = {
+        {0, 0, 0},
+        {north, east, (100 + held.z) * unit},
+        {north / 6371.3 / kRadians, east / 6378.137 / kRadians, (100 + held.z) * unit}};
+    for (unsigned i = 0; i < 3; ++i) {
+      if ((SensorMaskOf(block) >> i & 1) == 0) continue;
+      for (unsigned k = 0; k < 3; ++k) {
+        const double within = k < 2 ? GetParam().step : GetParam().step * unit;
+        EXPECT_NEAR(block.poses[i][k], places[i][k], within) << i << " " << k;
+      }
+    }
+  }
+
   FreeSlot slot_;
+  SubstituteSettings library_{"KINETREL_PDI", KINETREL_PDI_SUBSTITUTE};
   EmulatorThread unit_;
   TrackerEngine engine_;
   SharedTrackReader reader_;
@@ -199,12 +225,47 @@ Row Fastrak(const char* name, std::vector<const char*> options, std::vector<int>
 
 INSTANTIATE_TEST_SUITE_P(
     Of, SerialSettings,
-    testing::Values(Fastrak("Fastrak", {}, {1, 3, 5, 15}, {"1", "3"}, .06),
-                    Fastrak("FastrakOfTwo", {"--receivers", "2"}, {1, 2, 3, 15}, {"1", "3"}, .06),
-                    Fastrak("Isotrak2", {"--model", "isotrak2"}, {1, 2, 3}, {"2"}, .02),
-                    Row{"Flock", "flock", 3, {}, {1, 2}, {3}, {"0"}, true, true, .06},
-                    Row{"PanTilt", "pan-tilt", 1, {}, {1, 2}, {2}, {"98", "100"}, false, true, .1},
-                    Row{"Logitech", "logitech", 4, {}, {1, 2}, {3}, {"0"}, true, false, .03}),
+    testing::Values(
+        Fastrak("Fastrak", {}, {1, 3, 5, 15}, {"1", "3"}, .06),
+        Fastrak("FastrakOfTwo", {"--receivers", "2"}, {1, 2, 3, 15}, {"1", "3"}, .06),
+        Fastrak("Isotrak2", {"--model", "isotrak2"}, {1, 2, 3}, {"2"}, .02),
+        Row{"Flock", "flock", 3, {}, {1, 2}, {3}, {"0"}, true, true, .06},
+        Row{"PanTilt", "pan-tilt", 1, {}, {1, 2}, {2}, {"98", "100"}, false, true, .1},
+        Row{"Logitech", "logitech", 4, {}, {1, 2}, {3}, {"0"}, true, false, .03},
+        Row{"Intertrax", "intertrax", 9, {}, {1, 2, 7}, {1, 3}, {"0"}, false, true, .03},
+        Row{"Gps",
+            "gps",
+            kGps,
+            {"--rate", "15"},
+            {1, 2, 4, 7},
+            {1},
+            {"0"},
+            true,
+            true,
+            .001,
+            {0, 1, 2}},
+        Row{"Liberty",
+            "liberty",
+            10,
+            {"--stations", "4"},
+            {1, 3, 5, 15},
+            {1, 2, 3, 4, 7},
+            {"4", "5"},
+            true,
+            true,
+            .01,
+            {0, 1, 2}},
+        Row{"LibertyOfTwo",
+            "liberty",
+            10,
+            {"--stations", "2"},
+            {1, 2, 3},
+            {1, 2, 3, 4, 7},
+            {"4", "5"},
+            true,
+            true,
+            .01,
+            {0, 1, 2}}),
     [](const auto& row) { return std::string(row.param.name); });
 
 // ---- Formats -------------------------------------------------------------------------------
