@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdio>
+#include <utility>
 
 #include "devices/bounded_text.h"
 #include "platform/console.h"
@@ -179,6 +180,16 @@ void LibertyDevice::StartStream() {
     streaming_ = true;
   }
   resolution_.Sleep(kStreamStart);
+  const std::lock_guard lock(pdiLock_);
+  DropFrames();
+}
+
+// A library may have kept the frames of the time that was slept; each would be published late.
+void LibertyDevice::DropFrames() {
+  constexpr int kMost = 256;
+  for (int i = 0; i < kMost && TakeFrame(); ++i) {
+  }
+  toldStations_ = 0;
 }
 
 unsigned LibertyDevice::ReadFrame(double* sampleTime) {
@@ -197,17 +208,53 @@ unsigned LibertyDevice::ReadFrame(double* sampleTime) {
   if (!WaitForFrame()) return 0;
   const double time = ElapsedSeconds();
   if (sampleTime != nullptr) *sampleTime = time;
-  TellRecords(frameStations_, time);
+  const std::uint32_t told = toldCount_ == lastFrameCount_ ? std::exchange(toldStations_, 0) : 0;
+  if ((frameStations_ & ~told) != 0) TellRecords(frameStations_ & ~told, time);
   return frameStations_;
 }
 
+// Some libraries have a record long before its frame is complete.
+void LibertyDevice::TellArrived() {
+  const std::uint8_t* bytes = nullptr;
+  std::uint32_t size = 0;
+  while (pdiDevice_.NextRecordPtr(bytes, size) != 0) {
+    if (bytes == nullptr || size != layout_.recordSize) return;
+    const auto record = std::as_bytes(std::span(bytes, size));
+    std::array<int, 1> station{};
+    const auto count = LibertyFrameCount(layout_, record);
+    const bool named = ReadLibertyStations(layout_, record, station);
+    if (!named || !count || !HasStation(stationMap_, station[0])) return;
+    if (std::exchange(toldCount_, *count) != *count) toldStations_ = 0;
+    StoreRecord(station[0], record);
+    toldStations_ |= StationBit(station[0]);
+    TellRecords(StationBit(station[0]), ElapsedSeconds());
+  }
+}
+
 bool LibertyDevice::WaitForFrame() {
+  if (!pdiDevice_.CanAwaitRecords()) return LookForFrame();
+  constexpr int kStepMs = 20;
+  for (const Deadline end{Milliseconds(kFrameWaitMs)}; pdiDevice_.CnxReady() != 0;) {
+    // It may fail at once. A thread of this priority must not spin then.
+    const std::int64_t before = ClockTicks();
+    if (pdiDevice_.AwaitRecord(kStepMs) == 0 &&
+        ClockTicks() - before < ClockTicksPerSecond() / 1000)
+      resolution_.Sleep(Milliseconds(1));
+    TellArrived();
+    if (TakeFrame()) return true;
+    if (end.Passed()) break;
+  }
+  return false;
+}
+
+bool LibertyDevice::LookForFrame() {
   int tries = framePeriodMs_ > 0 ? kFrameWaitMs / framePeriodMs_ + 1 : kTriesWithoutPeriod;
   while (tries-- > 0) {
     if (!frameTimer_.Wait(Milliseconds(2 * framePeriodMs_))) {
       // The wait on a timer that was not started ends at once, so sleep instead.
       resolution_.Sleep(Milliseconds(1));
     }
+    TellArrived();
     if (TakeFrame()) return true;
   }
   return false;
@@ -238,13 +285,17 @@ void LibertyDevice::StoreRecords(std::span<const std::byte> frame) {
   for (std::size_t i = 0; i < stations.size(); ++i) {
     const int station = named ? stations[i] : StationOf(static_cast<int>(i));
     if (!HasStation(stationMap_ | wantedStations_, station)) continue;
-    Record& record = records_[static_cast<std::size_t>(station)];
-    std::ranges::copy(frame.subspan(i * layout_.recordSize, layout_.recordSize),
-                      record.bytes.begin());
-    record.at = ClockTicks();
+    StoreRecord(station, frame.subspan(i * layout_.recordSize, layout_.recordSize));
     frameStations_ |= StationBit(station);
   }
   AddStations(frameStations_ & ~stationMap_);
+}
+
+void LibertyDevice::StoreRecord(int station, std::span<const std::byte> bytes) {
+  Record& record = records_[static_cast<std::size_t>(station)];
+  std::ranges::copy(bytes, record.bytes.begin());
+  record.at = ClockTicks();
+  record.held = true;
 }
 
 void LibertyDevice::AddStations(std::uint32_t stations) {

@@ -118,8 +118,12 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   void RefreshStations();
   void LayOutRecord();
   bool WaitForFrame();
+  bool LookForFrame();
   bool TakeFrame();
+  void DropFrames();
+  void TellArrived();
   void StoreRecords(std::span<const std::byte> frame);
+  void StoreRecord(int station, std::span<const std::byte> record);
   void AddStations(std::uint32_t stations);
   void WatchStations();
   int StationOf(int record) const;
@@ -142,7 +146,9 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   Pose poseOut_{};
   Quaternion quaternionOut_ = kIdentityQuaternion;
   std::array<Record, kMostStations> records_{};
-  std::uint32_t frameStations_ = 0;   // of the last frame
+  std::uint32_t frameStations_ = 0;  // of the last frame
+  std::uint32_t toldStations_ = 0;   // of the frame of toldCount_, told before it was complete
+  std::uint32_t toldCount_ = 0;
   std::uint32_t wantedStations_ = 0;  // as last set; unplugged sensors are waited for
   std::uint32_t lastFrameCount_ = 0xFFFFFFFF;
   bool paused_ = false;

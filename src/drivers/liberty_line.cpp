@@ -110,8 +110,10 @@ class SerialLiberty final : public LibertyTracker {
   }
 
   int MostStations() override { return static_cast<int>(kLibertyStations); }
+  // What came before may be in other units, and the answer to an earlier request is late.
   bool Start() override {
     FitRate();
+    cycles_.DropAll();
     return Send("C\r");
   }
 
@@ -120,16 +122,40 @@ class SerialLiberty final : public LibertyTracker {
     return line_.has_value();
   }
 
-  bool Request() override { return Send("P"); }
+  bool Request() override {
+    if (!line_) return false;
+    ReadArrived();
+    cycles_.DropAll();
+    return Send("P");
+  }
 
   bool LastFrame(const std::uint8_t*& frame, std::uint32_t& size) override {
     if (!line_) return false;
-    ReadArrived();
+    if (!std::exchange(looked_, false)) ReadArrived();
+    if (!line_) return false;
     LookForReturns();
     const auto cycle = cycles_.Take(NowMs());
     frame = cycle.data();
     size = static_cast<std::uint32_t>(cycle.size());
     return !cycle.empty();
+  }
+
+  bool NextRecord(const std::uint8_t*& record, std::uint32_t& size) override {
+    auto next = cycles_.NextRecord();
+    if (next.empty() && line_ && !std::exchange(looked_, true)) {
+      ReadArrived();
+      next = cycles_.NextRecord();
+    }
+    record = next.data();
+    size = static_cast<std::uint32_t>(next.size());
+    return !next.empty();
+  }
+
+  bool AwaitRecord(Milliseconds timeout) override {
+    if (!line_) return false;
+    if (cycles_.HasClosed()) return true;
+    looked_ = false;
+    return line_->WaitForInput(reader_.Missing(), timeout).Ok();
   }
 
   bool SetRate(int code) override {
@@ -328,6 +354,7 @@ class SerialLiberty final : public LibertyTracker {
   int fitted_ = 0;       // the code of the rate that FitRate set
   int rate_ = 0;         // the code that the program set; 0: none
   bool answers_ = true;  // the last question was answered
+  bool looked_ = false;  // at the line, for the records of the next frame
   std::string printed_;  // the reason that was printed last
 };
 

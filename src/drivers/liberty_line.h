@@ -9,6 +9,8 @@
 #include <memory>
 #include <span>
 
+#include "platform/clock.h"
+
 namespace kinetrel {
 
 class LibertyTracker {
@@ -31,6 +33,13 @@ class LibertyTracker {
   // The oldest frame that was not handed out yet, or the last one again. The bytes stay valid until
   // the next call.
   virtual bool LastFrame(const std::uint8_t*& frame, std::uint32_t& size) = 0;
+
+  // The next record of the frame that LastFrame returns next, as soon as it came. False when none
+  // did, and always from a tracker that tells whole frames only.
+  virtual bool NextRecord(const std::uint8_t*&, std::uint32_t&) { return false; }
+
+  // False when nothing has come within the time, or the tracker has gone.
+  virtual bool AwaitRecord(Milliseconds timeout) = 0;
 
   virtual bool SetRate(int code) = 0;
   virtual bool GetRate(int& code) = 0;

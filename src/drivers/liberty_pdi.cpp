@@ -2,6 +2,7 @@
 #include "platform/console.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 
 namespace kinetrel {
@@ -17,19 +18,26 @@ void ReportUnusable(const char* what, const std::string& why) {
       kLibraryName, what, why.c_str());
 }
 
-// Null, and the reason in `why`, for a library without our version of the table.
+// The part of the table that each version has.
+constexpr std::uint32_t SizeOfTable(std::uint32_t version) {
+  return version == kPdiFirstVersion ? offsetof(PdiTable, nextRecordPtr) : sizeof(PdiTable);
+}
+
+// Null, and the reason in `why`, for a library without a version of the table that we know.
 const PdiTable* TableOf(const DynamicLibrary& library, std::string& why) {
   DynamicLibrary::AnyFunction found = nullptr;
   if (!library.Find(kPdiTableFunction, found).Ok()) {
     why = std::string("it exports no ") + kPdiTableFunction;
     return nullptr;
   }
-  const PdiTable* const table = reinterpret_cast<PdiTableFunction>(found)(kPdiTableVersion);
-  if (table == nullptr || table->version < kPdiTableVersion || table->size < sizeof(PdiTable)) {
-    why = "it has no table of version " + std::to_string(kPdiTableVersion);
-    return nullptr;
+  const auto function = reinterpret_cast<PdiTableFunction>(found);
+  for (std::uint32_t version = kPdiTableVersion; version >= kPdiFirstVersion; --version) {
+    const PdiTable* const table = function(version);
+    if (table == nullptr || table->version < version) continue;
+    if (table->size >= SizeOfTable(version)) return table;
   }
-  return table;
+  why = "it has no table of version " + std::to_string(kPdiTableVersion);
+  return nullptr;
 }
 
 }  // namespace
@@ -114,6 +122,20 @@ int CPDIdev::RequestPno() { return Call(&PdiTable::requestPno); }
 
 int CPDIdev::LastPnoPtr(const std::uint8_t*& frame, std::uint32_t& size) {
   return Call(&PdiTable::lastPnoPtr, &frame, &size);
+}
+
+int CPDIdev::NextRecordPtr(const std::uint8_t*& record, std::uint32_t& size) {
+  return HasSecondVersion() ? Call(&PdiTable::nextRecordPtr, &record, &size) : 0;
+}
+
+bool CPDIdev::HasSecondVersion() {
+  return IsReady() && table_->size >= SizeOfTable(kPdiTableVersion);
+}
+
+bool CPDIdev::CanAwaitRecords() { return HasSecondVersion() && table_->awaitRecord != nullptr; }
+
+int CPDIdev::AwaitRecord(int milliseconds) {
+  return CanAwaitRecords() ? table_->awaitRecord(device_, milliseconds) : 0;
 }
 
 int CPDIdev::SetFrameRate(int code) { return Call(&PdiTable::setFrameRate, code); }

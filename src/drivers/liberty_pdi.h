@@ -91,6 +91,9 @@ class CPDIdev {
   int StopContPno();
   int RequestPno();  // 0 also when the library has no such function
   int LastPnoPtr(const std::uint8_t*& frame, std::uint32_t& size);
+  int NextRecordPtr(const std::uint8_t*& record, std::uint32_t& size);  // 0 also when it has none
+  bool CanAwaitRecords();
+  int AwaitRecord(int milliseconds);
 
   int SetFrameRate(int code);
   int GetFrameRate(int& code);
@@ -107,6 +110,7 @@ class CPDIdev {
 
  private:
   bool IsReady();  // loads the library at the first call
+  bool HasSecondVersion();
   void Load();
 
   // Calls the table's function for our device; returns 0 without a library or such a function.

@@ -1,6 +1,7 @@
 #include "drivers/liberty_wire.h"
 
 #include <algorithm>
+#include <bit>
 
 namespace kinetrel {
 namespace {
@@ -58,7 +59,11 @@ void LibertyCycles::SetLayout(std::size_t recordSize, std::size_t counterOffset)
   const bool fits = recordSize <= kLongestRecord && counterOffset + 4 <= recordSize;
   recordSize_ = fits ? recordSize : 0;
   counterOffset_ = counterOffset;
-  have_ = 0;
+  DropAll();
+}
+
+void LibertyCycles::DropAll() {
+  have_ = told_ = 0;
   made_ = taken_ = 0;
 }
 
@@ -103,6 +108,7 @@ void LibertyCycles::Add(const LibertyFrame& pose, std::int64_t nowMs) {
 void LibertyCycles::Close() {
   Cycle& cycle = cycles_[made_ % kKept];
   cycle.size = 0;
+  cycle.stations = have_;
   for (std::size_t i = 0; i < kLibertyStations; ++i) {
     if ((active_ >> i & 1) == 0) continue;
     const bool has = (have_ >> i & 1) != 0;
@@ -115,15 +121,34 @@ void LibertyCycles::Close() {
   have_ = 0;
   ++made_;
   // The place that is filled next must not be the one that the caller may still read.
-  if (made_ - taken_ > kKept - 2) taken_ = made_ - (kKept - 2);
+  if (made_ - taken_ <= kKept - 2) return;
+  taken_ = made_ - (kKept - 2);
+  told_ = 0;
 }
 
 std::span<const std::uint8_t> LibertyCycles::Take(std::int64_t nowMs) {
   if (have_ != 0 && nowMs - began_ > kTimeOut) Close();
   if (made_ == 0) return {};
-  if (taken_ < made_) ++taken_;
+  if (taken_ < made_) {
+    ++taken_;
+    told_ = 0;
+  }
   const Cycle& cycle = cycles_[(taken_ - 1) % kKept];
   return std::span(cycle.bytes).first(cycle.size);
+}
+
+std::span<const std::uint8_t> LibertyCycles::NextRecord() {
+  const bool closed = taken_ < made_;
+  const Cycle& cycle = cycles_[taken_ % kKept];
+  const std::uint32_t stations = closed ? cycle.stations : have_;
+  const std::uint32_t untold = stations & ~told_;
+  if (untold == 0) return {};
+  const auto station = static_cast<std::size_t>(std::countr_zero(untold));
+  const std::uint32_t bit = 1U << station;
+  told_ |= bit;
+  if (!closed) return std::span(collected_).subspan(station * kLongestRecord, recordSize_);
+  const auto place = static_cast<std::size_t>(std::popcount(stations & (bit - 1)));
+  return std::span(cycle.bytes).subspan(place * recordSize_, recordSize_);
 }
 
 std::uint32_t LibertyCycles::Missing(std::int64_t nowMs) const {

@@ -47,6 +47,12 @@ class LibertyFrameReader {
 
   std::optional<LibertyFrame> Next();
 
+  // How many bytes are missing to the end of a pose that has begun, or of the next one; at least 1.
+  std::size_t Missing() const {
+    const std::size_t held = end_ - begin_;
+    return held < recordSize_ ? recordSize_ - held : 1;
+  }
+
  private:
   static constexpr std::size_t kLongestBody = 4096;
   enum class Look { Frame, Cut, None };
@@ -77,6 +83,13 @@ class LibertyCycles {
   // The oldest cycle that was not handed out yet, or the last one again; empty before the first.
   std::span<const std::uint8_t> Take(std::int64_t nowMs);
 
+  // The next record of the cycle that Take hands out next, each record once; empty when none came.
+  // That cycle may still be open.
+  std::span<const std::uint8_t> NextRecord();
+
+  bool HasClosed() const { return taken_ < made_; }
+  void DropAll();  // what was collected and not handed out
+
   // The active stations without a pose for kSilence.
   std::uint32_t Missing(std::int64_t nowMs) const;
 
@@ -88,6 +101,7 @@ class LibertyCycles {
   struct Cycle {
     Records bytes;
     std::size_t size = 0;
+    std::uint32_t stations = 0;
   };
 
   std::uint32_t CounterOf(std::span<const std::uint8_t> record) const;
@@ -97,6 +111,7 @@ class LibertyCycles {
   std::array<Cycle, kKept> cycles_{};
   std::uint64_t made_ = 0;   // closed cycles; the next one goes to place made_ % kKept
   std::uint64_t taken_ = 0;  // cycles handed out or skipped
+  std::uint32_t told_ = 0;   // stations of the cycle after those, by NextRecord
   Records collected_{};      // the poses of the open cycle, by station
   std::uint32_t have_ = 0;   // their stations
   std::uint32_t counter_ = 0;

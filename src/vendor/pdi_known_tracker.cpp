@@ -114,6 +114,16 @@ class KnownTracker final : public LibertyTracker {
     return true;
   }
 
+  bool AwaitRecord(Milliseconds timeout) override {
+    if (!streaming_) return asked_;
+    const double next = static_cast<double>(handedOut_ + 1) / PerSecond();
+    const double now =
+        static_cast<double>(ClockTicks() - start_) / static_cast<double>(ClockTicksPerSecond());
+    const auto left = static_cast<std::int64_t>(std::ceil((next - now) * 1000));
+    SleepFor(std::clamp(Milliseconds(left), Milliseconds(0), timeout));
+    return handedOut_ < Due();
+  }
+
   bool SetRate(int code) override {
     rate_ = code == 3 ? 3 : 4;
     return connected_;

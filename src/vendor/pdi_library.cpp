@@ -234,6 +234,16 @@ void DescribeBITErrs(const std::uint32_t* words, std::int32_t count, char* text,
 
 const char* LastResultText(PdiDevice* device) { return device->result; }
 
+std::int32_t NextRecordPtr(PdiDevice* device, const std::uint8_t** record, std::uint32_t* size) {
+  return Do(device, "NextRecordPtr",
+            [&](auto& tracker) { return tracker.NextRecord(*record, *size); });
+}
+
+std::int32_t AwaitRecord(PdiDevice* device, std::int32_t milliseconds) {
+  return Do(device, "AwaitRecord",
+            [&](auto& tracker) { return tracker.AwaitRecord(Milliseconds(milliseconds)); });
+}
+
 constexpr PdiTable kTable = {
     .version = kPdiTableVersion,
     .size = sizeof(PdiTable),
@@ -262,12 +272,14 @@ constexpr PdiTable kTable = {
     .clearBITErrs = ClearBITErrs,
     .describeBITErrs = DescribeBITErrs,
     .lastResultText = LastResultText,
+    .nextRecordPtr = NextRecordPtr,
+    .awaitRecord = AwaitRecord,
 };
 
 }  // namespace
 
 extern "C" const PdiTable* kinetrel_pdi_table(std::uint32_t version) {
-  return version == kPdiTableVersion ? &kTable : nullptr;
+  return version >= kPdiFirstVersion && version <= kPdiTableVersion ? &kTable : nullptr;
 }
 
 }  // namespace kinetrel

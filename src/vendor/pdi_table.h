@@ -18,7 +18,8 @@ namespace kinetrel {
 
 // Grows when a function is added at the end. A library returns null for a version that it does not
 // have. A function that is in the table never changes its meaning.
-inline constexpr std::uint32_t kPdiTableVersion = 1;
+inline constexpr std::uint32_t kPdiTableVersion = 2;
+inline constexpr std::uint32_t kPdiFirstVersion = 1;
 
 struct PdiDevice;  // one tracker, connected or not; the library defines it
 
@@ -26,7 +27,7 @@ struct PdiDevice;  // one tracker, connected or not; the library defines it
 enum class PdiConnection : std::int32_t { None = -1, Usb = 0, Serial = 1 };
 
 struct PdiTable {
-  std::uint32_t version;  // kPdiTableVersion
+  std::uint32_t version;  // of those below
   std::uint32_t size;     // of this table, in bytes
 
   PdiDevice* (*createDevice)();  // not connected yet; null: no memory
@@ -98,6 +99,17 @@ struct PdiTable {
 
   // Describes the result of the last call for a person; never null.
   const char* (*lastResultText)(PdiDevice* device);
+
+  // ---- Version 2 -----------------------------------------------------------------------------
+
+  // Returns the next record of the frame that lastPnoPtr returns next, as soon as the record has
+  // come; each record once. 0 when none has come. Null when the library knows whole frames only.
+  std::int32_t (*nextRecordPtr)(PdiDevice* device, const std::uint8_t** record,
+                                std::uint32_t* size);
+
+  // Waits until a record may have come, at most that many milliseconds. 0 when none has. Null when
+  // the library cannot wait; the driver then looks every millisecond.
+  std::int32_t (*awaitRecord)(PdiDevice* device, std::int32_t milliseconds);
 };
 
 // The name of the library's one exported function.

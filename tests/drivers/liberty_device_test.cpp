@@ -136,6 +136,21 @@ TEST_F(LibertyDeviceTest, DeliversTheMotionOfEveryStationWithItsOffset) {
   EXPECT_EQ(device.GetSensorPosition(-1), nullptr);
 }
 
+// The library keeps 64 frames. Those of the first 100 ms, during which the driver sleeps, are old.
+TEST_F(LibertyDeviceTest, AStreamBeginsWithANewFrame) {
+  LibertyDevice device;
+  device.Boot(0);
+  const auto frame = [&] {
+    EXPECT_NE(device.ReadFrame(nullptr), 0U);
+    const float* const place = device.GetSensorPosition(0);
+    return place != nullptr ? RampFrame(place[0], place[2]) : 0;
+  };
+  const std::uint64_t first = frame();
+  EXPECT_GE(first, 24U);
+  device.SetUnits(1);  // ends the stream
+  EXPECT_GE(frame(), first + 24);
+}
+
 TEST_F(LibertyDeviceTest, RequestsEachFrameWhenPolled) {
   LibertyDevice device;
   device.Boot(0);

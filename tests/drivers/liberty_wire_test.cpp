@@ -106,9 +106,38 @@ class LibertyCyclesOfTwo : public testing::Test {
     return records;
   }
 
+  // The same of the records that NextRecord tells.
+  std::string Next() {
+    std::string records;
+    for (auto next = cycles_.NextRecord(); !next.empty(); next = cycles_.NextRecord()) {
+      records += std::to_string(next[2]) + ":" + std::to_string(next[kCounter]) + " ";
+    }
+    return records;
+  }
+
   std::int64_t now_ = 1000;  // ms
   LibertyCycles cycles_;
 };
+
+TEST_F(LibertyCyclesOfTwo, TellEachRecordOfTheNextCycleOnce) {
+  EXPECT_EQ(Next(), "");
+  Add(3, 4);
+  EXPECT_EQ(Next(), "3:4 ");
+  EXPECT_EQ(Next(), "");
+  Add(1, 4);
+  Add(1, 5);
+  EXPECT_EQ(Next(), "1:4 ");  // the next cycle waits until this one was taken
+  EXPECT_EQ(Take(), "1:4 3:4 ");
+  EXPECT_EQ(Next(), "1:5 ");
+  Add(3, 5);
+  Add(1, 6);
+  Add(3, 6);
+  EXPECT_EQ(Next(), "3:5 ");
+  Take();
+  EXPECT_EQ(Next(), "1:6 3:6 ");
+  cycles_.DropAll();
+  EXPECT_EQ(Next() + Take(), "");
+}
 
 TEST_F(LibertyCyclesOfTwo, AreReturnedInOrderAndTheLastAgain) {
   EXPECT_EQ(Take(), "");
