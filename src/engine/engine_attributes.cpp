@@ -176,7 +176,7 @@ bool TrackerEngine::GetAttributeString(int id, int size, char* text) {
 template <typename Change>
 bool TrackerEngine::ChangeWhileStopped(ControlCall& call, bool stop, Change change) {
   const bool ran = stop && worker_.IsRunning();
-  if (ran) call.lock().Leave([this] { worker_.Stop(true); });
+  if (ran) call.lock().Leave([this] { StopAndWait(); });
   if (!call.IsOpen()) return false;
   const bool changed = change();
   if (ran) StartSampling(call.lock());

@@ -9,12 +9,12 @@
 #include "engine/control_call.h"
 #include "engine/tracker_engine.h"
 #include "publish/shared_track_reader.h"
+#include "publish/shared_track_writer.h"
 
 namespace kinetrel {
 namespace {
 
 constexpr int kMappingItself = -1;  // in the place of a filter's index
-constexpr Milliseconds kReadPatience{1000};
 
 constexpr AttributeInfo kMappingAttributes[] = {
     {0, AttributeType::Text, AttributeInfo::kTextCount, "Mapping Name"},
@@ -74,7 +74,8 @@ bool RefusePublished(ControlCall& call, const char* reason) {
 }
 
 // Copies the bin in which the mapping is published. The mapping keeps the reader, so the last
-// published data stays readable after sampling has ended.
+// published data stays readable after sampling has ended. The engine's lock is held meanwhile, so a
+// bin that another program keeps is waited for once, and then only tried until it is free again.
 bool ReadPublished(ControlCall& call, const int key[3], Mapping& mapping, SharedTrackBlock& into) {
   constexpr const char* kFailed = "Unable to open shared memory to desired mapping.";
   if (key[0] < 0 || key[0] >= kSharedDevices) return RefusePublished(call, kFailed);
@@ -83,8 +84,10 @@ bool ReadPublished(ControlCall& call, const int key[3], Mapping& mapping, Shared
   }
   SharedTrackReader& reader = *mapping.reader;
   const bool open = reader.SelectBin(key[1]) == key[1] && reader.block() != nullptr;
-  if ((open || reader.OpenOnly(key[1])) && reader.Copy(into, kReadPatience)) return true;
-  return RefusePublished(call, kFailed);
+  const Milliseconds patience = mapping.held ? Milliseconds(0) : SharedTrackWriter::kPatience;
+  if (!open && !reader.OpenOnly(key[1])) return RefusePublished(call, kFailed);
+  mapping.held = !reader.Copy(into, patience);
+  return !mapping.held || RefusePublished(call, kFailed);
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 #include "engine/engine_lock.h"
 #include "engine/mapping.h"
 #include "engine/start_config.h"
+#include "publish/record_stream_writer.h"
 
 namespace kinetrel {
 
@@ -49,6 +50,7 @@ struct EngineState {
   DeviceRequests requests GUARDED_BY(mutex);
   std::shared_ptr<DAQControl> joystick GUARDED_BY(mutex);
   unsigned samplingRun GUARDED_BY(mutex) = 0;  // the newest run's; see SampleLoop::Superseded
+  std::weak_ptr<RecordStreamWriter> stream GUARDED_BY(mutex);  // the newest run's; empty: none
   MappingTable mappings GUARDED_BY(mutex);
   float lastRawAzimuth GUARDED_BY(mutex) = 0.0F;  // radians; last read from any sensor
   float azimuthZero GUARDED_BY(mutex) = 0.0F;  // radians; subtracted from every published azimuth

@@ -27,6 +27,7 @@ struct Mapping {
   int sensor = -1;                            // none
   FilterChain filters;                        // reached by the control interface
   std::unique_ptr<SharedTrackReader> reader;  // of this mapping's bin; made at the first use
+  bool held = false;                          // another program held that bin at the last read
   RunningStats latency;                       // seconds from sample to publication
   RunningStats rate;                          // Hz between samples
   double lastSampleTime = 0.0;                // seconds; 0: none yet

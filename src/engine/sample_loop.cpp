@@ -88,7 +88,7 @@ void SampleLoop::RaisePriority() {
   const Status raised = RaiseToTimeCritical();
   if (raised.Ok()) return;
   Announce(state_->status, "\n\t", StatusCode::Setup,
-           "Sampling at ordinary priority: %s. Other programs may delay the poses. "
+           "Sampling without real-time priority: %s. Other programs may delay the poses. "
            "Run as administrator, or on Linux give your account a limit of rtprio 50.",
            Describe(raised).c_str());
 }
@@ -145,6 +145,7 @@ void SampleLoop::OpenStream() {
   stream_.emplace(state_->status);
   stream_->Open(state_->config.shmDevice, *device_, state_->config.deviceType, rate_,
                 writer_->timer().startCount());
+  state_->stream = stream_->writer();
 }
 
 void SampleLoop::WriteBinHeaders() {

@@ -52,6 +52,9 @@ class StreamPublisher final : public RecordReceiver, private StatusListener {
   // origin      of the device's sample times, a reading of ClockTicks().
   void Open(int shmDevice, TrackerDevice& device, int deviceType, int rate, std::int64_t origin);
 
+  // For who gives this run up while it hangs in its device. Null: no stream.
+  const std::shared_ptr<RecordStreamWriter>& writer() const { return writer_; }
+
   // Before each read: what holds for the records of the next frame.
   void BeginFrame(unsigned sensors, const RecordContext& context);
   void SetButtons(ButtonBits::Buttons joystick) { joystick_ = joystick; }
@@ -73,7 +76,7 @@ class StreamPublisher final : public RecordReceiver, private StatusListener {
   void DescribeDevice(unsigned sensors);
 
   StatusLog& log_;
-  std::unique_ptr<RecordStreamWriter> writer_;  // null: no stream
+  std::shared_ptr<RecordStreamWriter> writer_;  // null: no stream
   TrackerDevice* device_ = nullptr;
   PackedRecords* packed_ = nullptr;
   const ButtonBits* ownButtons_ = nullptr;

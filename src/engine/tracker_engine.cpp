@@ -165,10 +165,10 @@ bool TrackerEngine::AttachJoystick(const EngineLock&) {
 
 bool TrackerEngine::Close() {
   if (!state_->isOpen.exchange(false)) return false;
-  worker_.Stop(true);
+  StopAndWait();
   EngineLock lock(state_->mutex);
   // Again, because a call that held the lock may have started a thread since.
-  lock.Leave([this] { worker_.Stop(true); });
+  lock.Leave([this] { StopAndWait(); });
   state_->joystick.reset();
   // An abandoned thread still uses the device and co-owns it. The port closes with the device when
   // that thread releases it.
@@ -194,7 +194,7 @@ bool TrackerEngine::SetSharedMemoryDevice(EngineLock& lock, int id) {
   if (id == config.shmDevice) return true;
 
   const bool wasRunning = worker_.IsRunning();
-  if (wasRunning) lock.Leave([this] { worker_.Stop(true); });
+  if (wasRunning) lock.Leave([this] { StopAndWait(); });
   MappingTable moved;
   while (!state_->mappings.empty()) {
     auto entry = state_->mappings.extract(state_->mappings.begin());
@@ -251,8 +251,22 @@ bool TrackerEngine::StartSampling(const EngineLock&) {
 }
 
 bool TrackerEngine::StopSampling(bool wait) {
-  worker_.Stop(wait);
+  wait ? StopAndWait() : static_cast<void>(worker_.Stop(false));
   return true;
+}
+
+// Readers of the stream would take a run that was given up for one that goes on: its writer lives.
+void TrackerEngine::StopAndWait() {
+  if (worker_.Stop(true)) return;
+  const EngineLock lock(state_->mutex);
+  constexpr const char* kWhy =
+      " did not answer for 10 seconds and was given up. Unplug it, and start this program again.";
+  const std::string text =
+      (state_->device != nullptr ? state_->device->GetDeviceName() : "") + std::string(kWhy);
+  Announce(state_->status, "\n\t", StatusCode::Port, "%s", text.c_str());
+  if (const auto stream = state_->stream.lock()) {
+    stream->SetState(kinetrel_state_failed, text.c_str());
+  }
 }
 
 bool TrackerEngine::WaitSampling(Milliseconds timeout) const { return worker_.Wait(timeout); }

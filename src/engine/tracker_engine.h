@@ -159,6 +159,7 @@ class TrackerEngine {
   bool BootDevice(TrackerDevice& device);
   bool AttachJoystick(const EngineLock& lock) REQUIRES(state_->mutex);
   bool StartSampling(const EngineLock& lock) REQUIRES(state_->mutex);
+  void StopAndWait() EXCLUDES(state_->mutex);
   void ResetMappings(const EngineLock& lock) REQUIRES(state_->mutex);
   void AddDefaultMappings(const EngineLock& lock) REQUIRES(state_->mutex);
   std::unique_ptr<TrackerDevice> MakeDevice(int deviceType);

@@ -20,22 +20,24 @@ bool WorkerThread::Start(Entry entry) {
   return true;
 }
 
-void WorkerThread::Stop(bool wait) {
+bool WorkerThread::Stop(bool wait) {
   std::shared_ptr<Run> run;
   {
     const Lock held(lock_);
     if (run_ != nullptr) ending_ = std::exchange(run_, nullptr);
     run = ending_;
   }
-  if (run == nullptr) return;
+  if (run == nullptr) return true;
   run->stop.Set();
-  if (!wait || run->thread.IsCurrent()) return;
+  if (!wait || run->thread.IsCurrent()) return true;
   const Deadline deadline(kStopPatience);
+  bool ended = true;
   for (const Run* each = run.get(); each != nullptr; each = each->before.get()) {
-    each->thread.Wait(deadline.Remaining());
+    ended = each->thread.Wait(deadline.Remaining()) && ended;
   }
   const Lock held(lock_);
   if (ending_ == run) ending_ = nullptr;
+  return ended;
 }
 
 bool WorkerThread::Exists() const { return Current() != nullptr; }

@@ -30,7 +30,8 @@ class WorkerThread {
 
   // Asks the thread to stop. With `wait`, also waits up to kStopPatience until it and all earlier
   // runs have ended; a run that has not ended by then is abandoned. The thread itself never waits.
-  void Stop(bool wait);
+  // Returns false if this call abandoned a run.
+  bool Stop(bool wait);
 
   bool Exists() const;                    // started, and no stop since
   bool IsRunning() const;                 // it exists and has not ended

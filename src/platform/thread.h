@@ -30,7 +30,8 @@ class Thread {
 };
 
 // Makes the calling thread time-critical, and on Windows also raises the class of its process.
-// Denied: this account may not; the thread keeps its priority.
+// Denied: this account may not. Then on Linux the thread gets the best ordinary priority that the
+// account may have.
 Status RaiseToTimeCritical();
 
 }  // namespace kinetrel

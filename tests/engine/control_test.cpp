@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <cstring>
+#include <thread>
 
 #include "engine/tracker_engine.h"
+#include "publish/shared_track_reader.h"
 #include "tests/engine/scripted_device.h"
 #include "tests/support/free_slot.h"
 #include "tests/support/wait_until.h"
@@ -241,6 +243,24 @@ TEST_F(Control, AMappingIsKnownByBinAndSlot) {
   EXPECT_STREQ(text, "Mapping Name");
   EXPECT_TRUE(engine_.SetMapping(asked, -1));
   EXPECT_FALSE(engine_.GetMapping(asked, &sensor));
+}
+
+TEST_F(Control, ABinThatAClientKeepsIsWaitedForOnce) {
+  Start();
+  const int published[3] = {slot_.device(), 0, 0};
+  SharedTrackReader client(slot_.device());
+  ASSERT_TRUE(client.OpenOnly(0));
+  ASSERT_TRUE(client.Lock(Milliseconds(1000)));
+  const Deadline soon(Milliseconds(3000));
+  std::thread([&] {
+    for (int i = 0; i < 20; ++i) {
+      EXPECT_FALSE(engine_.GetFilterAttributeInt(published, kItself, 5, &number));
+    }
+  }).join();
+  EXPECT_FALSE(soon.Passed());
+  client.Unlock();
+  EXPECT_TRUE(
+      WaitUntil([&] { return engine_.GetFilterAttributeInt(published, kItself, 5, &number); }));
 }
 
 TEST_F(Control, AddFilterMakesTheMappingButNoFilter) {

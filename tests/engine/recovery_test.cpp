@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -277,16 +278,22 @@ TEST_F(Recovering, WhatTheHostHasSetIsRestored) {
   EXPECT_STREQ(text, "4");
 }
 
-// An account without a right to real-time priority is told on the console. A process of its own
-// changes to that account.
+// An account without a right to real-time priority is told on the console, also if it may be nice.
+// A process of its own changes to that account.
 TEST_F(Recovering, SamplingWithoutRealTimePriorityIsReportedOnTheConsole) {
-  const auto sample = [this] {
+  const auto sample = [this](rlim_t nice) {
+    const rlimit none{0, 0};
+    const rlimit nicest{nice, nice};
+    ::setrlimit(RLIMIT_RTPRIO, &none);
+    ::setrlimit(RLIMIT_NICE, &nicest);
     const bool weak = BecomeAccount(65534) || ::geteuid() != 0;
     Peer peer(link_, '1', 5);
     Start();
-    ::_exit(weak && Shows(5) && Logged("Sampling at ordinary priority") == 1 ? 0 : 1);
+    ::_exit(weak && Shows(5) && Logged("Sampling without real-time priority") == 1 ? 0 : 1);
   };
-  EXPECT_EXIT(sample(), testing::ExitedWithCode(0), "Sampling at ordinary priority: .*rtprio 50");
+  const char* const said = "Sampling without real-time priority: .*rtprio 50";
+  EXPECT_EXIT(sample(0), testing::ExitedWithCode(0), said);
+  EXPECT_EXIT(sample(40), testing::ExitedWithCode(0), said);
 }
 
 TEST_F(Recovering, AnotherDeviceOnThePortIsLeftAlone) {

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <kinetrel/stream.h>
+
 #include <algorithm>
 
 #include "devices/optional_interfaces.h"
@@ -378,7 +380,13 @@ TEST_F(Sampling, AHungDeviceIsAbandonedNotCrashed) {
   };
   Start();
   ASSERT_TRUE(WaitUntil([&] { return reads_ == 1; }));
+  kinetrel_stream stream;
+  ASSERT_EQ(kinetrel_stream_open(&stream, slot_.slot(), 1000), kinetrel_stream_ok);
   engine_->Close();
+  char why[256];
+  EXPECT_EQ(kinetrel_stream_state(&stream, why), kinetrel_state_failed);
+  EXPECT_NE(std::string(why).find("was given up. Unplug it"), std::string::npos) << why;
+  kinetrel_stream_close(&stream);
   EXPECT_EQ(script_.alive, 1);  // the thread still owns the device
   const auto calls = script_.Calls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "ClosePort"), 0);

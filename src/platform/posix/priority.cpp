@@ -22,9 +22,10 @@ Status RaiseToTimeCritical() {
   parameters.sched_priority = kTimeCritical;
   // 0 is the calling thread here, though the man page says process.
   if (::sched_setscheduler(0, SCHED_FIFO | SCHED_RESET_ON_FORK, &parameters) == 0) return {};
+  const Status refused = StatusFromErrno(errno, "raising the priority");
   const auto self = static_cast<id_t>(::syscall(SYS_gettid));
-  if (::setpriority(PRIO_PROCESS, self, kHighestNice) == 0) return {};
-  return StatusFromErrno(errno, "raising the priority");
+  ::setpriority(PRIO_PROCESS, self, kHighestNice);  // better than nothing
+  return refused;
 }
 
 }  // namespace kinetrel
