@@ -149,6 +149,8 @@ Pose PoseSelector::PoseOf(const kinetrel_record& record, unsigned place) const {
     const Vector body = Sum(measured, MatrixOf(sensor) * arm_);
     pose.metres = Sum(MatrixOf(room_) * body, origin_);
     pose.position = PositionIn(axes_, pose.metres);
+    pose.hasPosition = IsFinite(pose.position);
+    if (!pose.hasPosition) pose.position = {0, 0, 0};
   }
   if (pose.hasOrientation) {
     const Quaternion body = room_ * sensor * mount_;
