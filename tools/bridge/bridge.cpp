@@ -12,10 +12,22 @@ namespace {
 constexpr int kPatienceMs = 100;                             // of a slot's thread without records
 constexpr auto kWatchEvery = std::chrono::milliseconds(50);  // stop request, table, end of --once
 
+std::string UnknownPath(const OutputSpec& spec) {
+  std::string presets;
+  for (const Protocol& row : Protocols()) {
+    if (row.scheme != spec.scheme || row.path.empty()) continue;
+    presets += (presets.empty() ? "" : ", ") + std::string(row.path);
+  }
+  return presets.empty() ? spec.scheme + " takes no path"
+                         : spec.scheme + " has no preset " + spec.path + "; known are " + presets;
+}
+
 std::string UnknownProtocol(const OutputSpec& spec) {
   std::vector<std::string_view> schemes;
   std::string list;
   for (const Protocol& row : Protocols()) {
+    if (row.scheme == spec.scheme) return UnknownPath(spec);
+    if (!row.path.empty()) continue;
     schemes.push_back(row.scheme);
     list += (list.empty() ? "" : ", ") + std::string(row.scheme);
   }
@@ -50,7 +62,7 @@ std::string Bridge::AddFeed(const BridgeOptions::Wanted& wanted) {
   OutputSpec spec;
   const std::string complaint = ParseOutputSpec(wanted.text, spec);
   if (!complaint.empty()) return wanted.text + ": " + complaint;
-  const Protocol* const protocol = FindProtocol(spec.scheme);
+  const Protocol* const protocol = FindProtocol(spec.scheme, spec.path);
   if (protocol == nullptr) return wanted.text + ": " + UnknownProtocol(spec);
   SpecOptions read(std::move(spec));
   PoseSelector selector(read, {protocol->axes, protocol->name});

@@ -106,10 +106,9 @@ std::string ProtocolList() {
   for (const Protocol& row : Protocols()) {
     const AxesPreset* const axes = FindAxesPreset(row.axes);
     char line[512];
-    std::snprintf(line, sizeof line, "%-12s %s%s\n%-12s axes: %s; rotation: %s\n",
-                  std::string(row.scheme).c_str(), DefaultPlace(row).c_str(),
-                  std::string(row.help).c_str(), "",
-                  axes == nullptr ? "" : std::string(axes->words).c_str(),
+    std::snprintf(line, sizeof line, "%-17s %s%s\n%-17s axes: %s; rotation: %s\n",
+                  TitleOf(row).c_str(), DefaultPlace(row).c_str(), std::string(row.help).c_str(),
+                  "", axes == nullptr ? "" : std::string(axes->words).c_str(),
                   std::string(row.angles).c_str());
     text += line;
   }

@@ -4,11 +4,18 @@
 
 namespace kinetrel::bridge {
 
-const Protocol* FindProtocol(std::string_view scheme) {
-  const auto protocols = Protocols();
-  const auto found = std::find_if(protocols.begin(), protocols.end(),
-                                  [&](const Protocol& row) { return row.scheme == scheme; });
-  return found == protocols.end() ? nullptr : &*found;
+const Protocol* FindProtocol(std::string_view scheme, std::string_view path) {
+  const auto rows = Protocols();
+  const auto found = std::find_if(rows.begin(), rows.end(), [&](const Protocol& row) {
+    return row.scheme == scheme && row.path == path;
+  });
+  return found == rows.end() ? nullptr : &*found;
+}
+
+std::string TitleOf(const Protocol& protocol) {
+  std::string title(protocol.scheme);
+  if (!protocol.path.empty()) title.append("://HOST/").append(protocol.path);
+  return title;
 }
 
 std::string HostOf(const Feed& feed) {

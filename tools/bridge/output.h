@@ -96,14 +96,15 @@ class Output {
 };
 
 struct Protocol {
-  std::string_view scheme;
-  std::uint16_t port = 0;   // default; 0: none
-  std::string_view host;    // default; empty: the operator must give one, or it listens
-  std::string_view axes;    // preset: axes and unit of length
-  std::string_view angles;  // "quaternion", "degree", ...
-  std::string_view name;    // default name of a sensor, followed by its number
-  bool server = false;      // listens at OutputContext::listen; several trackers share one port
-  std::string_view help;    // one line
+  std::string_view scheme = {};
+  std::string_view path = {};    // of several presets of a scheme, what the operator names: "vmc"
+  std::uint16_t port = 0;        // default; 0: none
+  std::string_view host = {};    // default; empty: the operator must give one, or it listens
+  std::string_view axes = {};    // preset: axes and unit of length
+  std::string_view angles = {};  // "quaternion", "degree", ...
+  std::string_view name = {};    // default name of a sensor, followed by its number
+  bool server = false;         // listens at OutputContext::listen; several trackers share one port
+  std::string_view help = {};  // one line
   // Makes the output of these feeds: of one, or of several if `server`. Reads the feeds' options
   // and complains there. Does not open anything.
   std::unique_ptr<Output> (*make)(const OutputContext& context, const std::vector<Feed*>& feeds);
@@ -121,7 +122,10 @@ struct Program {
 std::span<const Protocol> Protocols();
 const Program& ThisProgram();
 
-const Protocol* FindProtocol(std::string_view scheme);  // null: unknown
+// Null: unknown. A path that no row of the scheme has is unknown too.
+const Protocol* FindProtocol(std::string_view scheme, std::string_view path);
+// "osc", or with the path of a preset "osc://HOST/vmc".
+std::string TitleOf(const Protocol& protocol);
 
 // Host and port of a feed, or its protocol's defaults.
 std::string HostOf(const Feed& feed);

@@ -62,28 +62,41 @@ std::string UdpSender::OpenSocket() {
   return error ? "interface " + interface_ + " cannot be used: " + error.message() : std::string();
 }
 
-void UdpSender::Send(std::span<const std::byte> datagram) {
+bool UdpSender::Send(std::span<const std::byte> datagram) { return SendTo(datagram, endpoint_); }
+
+bool UdpSender::SendToGroup(std::span<const std::byte> datagram, unsigned lastByte) {
+  udp::endpoint group = endpoint_;
+  auto bytes = group.address().to_v4().to_bytes();
+  bytes.back() = static_cast<unsigned char>(lastByte);
+  group.address(boost::asio::ip::address_v4(bytes));
+  return SendTo(datagram, group);
+}
+
+bool UdpSender::SendTo(std::span<const std::byte> datagram, const udp::endpoint& endpoint) {
   if (context_.dryRun) {
     context_.print(title_ + ": " + describe_(datagram));
-    return;
+    return true;
   }
   if (pauseNs_ != 0 && kinetrel_now_ns() < nextTryNs_) {
     ++counts_.dropped;
-    return;
+    return false;
   }
   boost::system::error_code error;
-  socket_.send_to(boost::asio::buffer(datagram.data(), datagram.size()), endpoint_, 0, error);
+  socket_.send_to(boost::asio::buffer(datagram.data(), datagram.size()), endpoint, 0, error);
   // Windows reports here that an earlier datagram found no receiver; the socket goes on.
   if (error == boost::asio::error::connection_refused ||
       error == boost::asio::error::connection_reset) {
-    return;
+    return true;
   }
   if (error) {
     Fail(error);
-  } else if (pauseNs_ != 0) {
+    return false;
+  }
+  if (pauseNs_ != 0) {
     pauseNs_ = 0;
     if (counts_.Clear()) context_.say(title_ + ": sends again");
   }
+  return true;
 }
 
 void UdpSender::Fail(const boost::system::error_code& error) {

@@ -28,13 +28,18 @@ class UdpSender {
   // Resolves the host and opens a socket. Returns empty, or why it failed.
   std::string Open();
 
+  // Returns  true if the network took it, or the dry run printed it.
   // Threads  one at a time.
-  void Send(std::span<const std::byte> datagram);
+  bool Send(std::span<const std::byte> datagram);
+
+  // The same to another multicast group: the host's address with `lastByte` as its last byte.
+  bool SendToGroup(std::span<const std::byte> datagram, unsigned lastByte);
 
   std::string Place() const;  // "192.168.1.20:9000"
 
  private:
   std::string OpenSocket();
+  bool SendTo(std::span<const std::byte> datagram, const boost::asio::ip::udp::endpoint& endpoint);
   void Fail(const boost::system::error_code& error);
 
   const OutputContext& context_;

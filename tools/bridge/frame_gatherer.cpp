@@ -1,0 +1,39 @@
+#include "bridge/frame_gatherer.h"
+
+namespace kinetrel::bridge {
+namespace {
+
+// Longer than a frame of the slowest tracker takes from its first sensor to its last.
+constexpr std::int64_t kLongestFrameNs = 100'000'000;
+
+}  // namespace
+
+void FrameGatherer::SetState(const SourceState& state) {
+  expected_ = 0;
+  for (const unsigned sensor : feed_.selector.sensors()) {
+    expected_ |= state.run.sensor_mask & 1U << sensor;
+  }
+  if (!state.Delivers()) Flush();
+}
+
+void FrameGatherer::Add(std::span<const Pose> poses) {
+  for (const Pose& pose : poses) {
+    const std::uint32_t bit = 1U << pose.sensor;
+    if (!poses_.empty() && (pose.frame != poses_[0].frame || (present_ & bit) != 0)) Flush();
+    poses_.push_back(pose);
+    present_ |= bit;
+    if ((expected_ & ~present_) == 0) Flush();
+  }
+}
+
+void FrameGatherer::Tick(std::int64_t nowNs) {
+  if (!poses_.empty() && nowNs - poses_[0].sampleNs > kLongestFrameNs) Flush();
+}
+
+void FrameGatherer::Flush() {
+  if (!poses_.empty()) finish_(poses_);
+  poses_.clear();
+  present_ = 0;
+}
+
+}  // namespace kinetrel::bridge
