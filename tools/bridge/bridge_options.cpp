@@ -68,6 +68,7 @@ BridgeCommand ParseBridgeCommand(int count, const char* const* arguments) {
   const CLI::Option* const slot =
       app.add_option("--slot", slots, "Slot of the tracker, 1 to 16, for the outputs that follow")
           ->expected(1)
+          ->allow_extra_args(false)
           ->take_all()
           ->check(CLI::Range(1, 16));
   const CLI::Option* const output =
