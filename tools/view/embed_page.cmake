@@ -1,4 +1,5 @@
 # Turns files into a C++ source: cmake -DFILES=a;b -DINTO=page_files.cpp -P embed_page.cmake
+# Indentation and comments stay behind: they are for readers of the sources.
 set(most 61440)  # bytes of all files together: a page that needs no build step stays small
 set(type_html "text/html; charset=utf-8")
 set(type_css "text/css; charset=utf-8")
@@ -16,7 +17,15 @@ foreach(path IN LISTS FILES)
   if(NOT type_${ending})
     message(FATAL_ERROR "${name}: embed_page.cmake knows no media type of .${ending}")
   endif()
-  file(READ ${path} bytes HEX)
+  file(READ ${path} text)
+  string(REGEX REPLACE "\n[ \n]+" "\n" text "${text}")
+  if(ending STREQUAL js)
+    string(REGEX REPLACE "  //[^\n]*" "" text "${text}")
+    string(REGEX REPLACE "\n//[^\n]*" "" text "\n${text}")
+  elseif(ending STREQUAL css)
+    string(REGEX REPLACE "([:;{]) +" "\\1" text "${text}")
+  endif()
+  string(HEX "${text}" bytes)
   string(LENGTH "${bytes}" size)
   math(EXPR size "${size} / 2")
   math(EXPR total "${total} + ${size}")
