@@ -76,6 +76,9 @@ need() {
 # What the tools that speak to the network are built with: libraries of headers.
 net_tool_needs=(boost/asio.hpp:libboost-dev CLI/CLI.hpp:libcli11-dev nlohmann/json.hpp:nlohmann-json3-dev)
 
+# What kinetrel-bridge-ros2 is built with.
+ros2_needs=(dds/dds.h:cyclonedds-dev idlc:cyclonedds-tools)
+
 # ---- Building ------------------------------------------------------------------------------------
 
 # Clones in other folders share what this one compiles.
