@@ -22,19 +22,21 @@ std::size_t Drain(SerialPort& port, RecordWindow& window) {
 
 }  // namespace
 
-void StreamBacklog::DropOld(SerialPort& port, RecordWindow& window, const Stream& stream,
+bool StreamBacklog::DropOld(SerialPort& port, RecordWindow& window, const Stream& stream,
                             StatusLog* log) {
   constexpr Milliseconds kBetweenLooks{250};
-  if (!nextLook_.Passed()) return;
+  if (!nextLook_.Passed()) return false;
   nextLook_ = Deadline(kBetweenLooks);
   const std::size_t most =
       stream.recordSize * static_cast<std::size_t>(std::max(stream.recordsPerSecond, 2)) / 2;
-  if (window.size() + port.InputQueueLength() <= most) return;
+  if (window.size() + port.InputQueueLength() <= most) return false;
   const auto dropped = static_cast<unsigned>(Drain(port, window) / stream.recordSize);
-  if (log == nullptr) return;
-  Announce(*log, "\n\t", StatusCode::Counts,
-           "%u records of %s waited for more than half a second and were dropped.", dropped,
-           stream.device);
+  if (log != nullptr) {
+    Announce(*log, "\n\t", StatusCode::Counts,
+             "%u records of %s waited for more than half a second and were dropped.", dropped,
+             stream.device);
+  }
+  return true;
 }
 
 }  // namespace kinetrel

@@ -22,8 +22,8 @@ class StreamBacklog {
 
   // If records of more than half a second wait, drops all of them, and says how many on the console
   // and in `log`. Looks at the input queue four times a second; takes at most 100 ms. Allocates
-  // only the log entry.
-  void DropOld(SerialPort& port, RecordWindow& window, const Stream& stream, StatusLog* log);
+  // only the log entry. True if it dropped records.
+  bool DropOld(SerialPort& port, RecordWindow& window, const Stream& stream, StatusLog* log);
 
  private:
   Deadline nextLook_{Milliseconds(0)};

@@ -36,8 +36,10 @@ unsigned FastrakDevice::ReadFrame(double* sampleTime) {
   if (!booted_) return 0;
   if (lastModeByte_ == 0) Poll();
   if (lastModeByte_ == pollByte_) WaitForRX(kPollMs, static_cast<int>(kFastrakHeadSize));
-  if (IsStreaming()) {
-    backlog_.DropOld(*this, window_, {deviceName_, layout_.Size(), totalFrameRate_}, statusLog_);
+  if (IsStreaming() &&
+      backlog_.DropOld(*this, window_, {deviceName_, layout_.Size(), totalFrameRate_},
+                       statusLog_)) {
+    for (MotionGate& gate : gates_) gate.Forget();  // the sensors went on meanwhile
   }
   outOfStep_ = false;
   heldBack_ = false;
