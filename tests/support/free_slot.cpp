@@ -35,7 +35,10 @@ bool FreeSlot::Take() {
     device_ = (process + process / 4 + i) % kDevices;
     bool free = Lock("kinetrel-test-slot-" + std::to_string(device_));
     for (int bin = 0; free && bin < kBins; ++bin) free = !IsUsed(BlockName(device_, bin));
-    if (free) return true;
+    if (free) {
+      RemoveAbandonedStream(slot());
+      return true;
+    }
     Unlock();
   }
   return false;

@@ -24,6 +24,7 @@ class FreeSlot {
   bool Lock(const std::string& name);  // false: another process has it
   void Unlock();
   static bool IsUsed(const std::string& block);
+  static void RemoveAbandonedStream(int slot);  // that a killed writer left
 
   int device_ = -1;
   std::intptr_t lock_ = -1;

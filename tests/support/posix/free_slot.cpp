@@ -1,6 +1,8 @@
 #include "tests/support/free_slot.h"
 
 #include <fcntl.h>
+#include <kinetrel/stream.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -21,6 +23,16 @@ bool FreeSlot::IsUsed(const std::string& block) {
   const bool used = ::fcntl(fd, F_OFD_GETLK, &lock) != 0 || lock.l_type != F_UNLCK;
   ::close(fd);
   return used;
+}
+
+// A killed writer leaves its stream, which a reader would take for a tracker that was lost.
+void FreeSlot::RemoveAbandonedStream(int slot) {
+  kinetrel_stream stream;
+  if (kinetrel_stream_open(&stream, slot, 0) != kinetrel_stream_ok) return;
+  const auto writer = static_cast<pid_t>(stream.head.writer_pid);
+  const std::string name = "/KinetrelStream" + std::string(1, "0123456789ABCDEF"[slot - 1]);
+  if (::kill(writer, 0) != 0 && errno == ESRCH) ::shm_unlink(name.c_str());
+  kinetrel_stream_close(&stream);
 }
 
 bool FreeSlot::Lock(const std::string& name) {

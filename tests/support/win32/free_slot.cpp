@@ -14,6 +14,8 @@ HANDLE& HandleIn(std::intptr_t& lock) { return reinterpret_cast<HANDLE&>(lock); 
 
 bool FreeSlot::IsUsed(const std::string& block) { return InSystem(block); }
 
+void FreeSlot::RemoveAbandonedStream(int) {}  // the system removes it with its last user
+
 // The process that makes the mutex has the slot.
 bool FreeSlot::Lock(const std::string& name) {
   HandleIn(lock_) = ::CreateMutexA(nullptr, FALSE, name.c_str());
