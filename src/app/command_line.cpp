@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <limits>
 #include <string>
+#include <string_view>
 
 #include "devices/pose.h"
 #include "engine/start_config.h"
@@ -159,15 +160,41 @@ Outcome SetOffset(Options& options, const std::string& value) {
   return Outcome::Applied;
 }
 
-Outcome SetPort(Options& options, const std::string& value) {
-  if (!value.empty() && (value[0] == 'U' || value[0] == 'u')) {
-    options.config.port = StartConfig::kUsbPort;
-    PrintError("\n\tDevice port set to USB.");
-    return Outcome::Applied;
+// "usb:", a bus, '-', and the ports on the way, with '.' between them.
+bool IsUsbUnit(std::string_view value) {
+  constexpr std::string_view kScheme = "usb:";
+  constexpr std::size_t kMostDigits = 3;
+  if (!value.starts_with(kScheme)) return false;
+  value.remove_prefix(kScheme.size());
+  for (char separator = '-';; separator = '.') {
+    const std::size_t digits = std::min(value.find_first_not_of("0123456789"), value.size());
+    if (digits == 0 || digits > kMostDigits) return false;
+    value.remove_prefix(digits);
+    if (value.empty()) return separator == '.';  // at least one port
+    if (value.front() != separator) return false;
+    value.remove_prefix(1);
   }
+}
+
+Outcome SetUsbPort(Options& options, const std::string& value) {
+  const bool named = value.find(':') != std::string::npos;
+  if (named && !IsUsbUnit(value)) {
+    PrintError("\n\tUSB unit (%s) ill-formed: usb:BUS-PORT, such as usb:1-2.3.", value.c_str());
+    return Outcome::Rejected;
+  }
+  options.config.port = StartConfig::kUsbPort;
+  options.config.usbUnit = named ? value : "";
+  PrintError("\n\tDevice port set to USB%s%s.", named ? ", unit " : "",
+             options.config.usbUnit.c_str());
+  return Outcome::Applied;
+}
+
+Outcome SetPort(Options& options, const std::string& value) {
+  if (!value.empty() && (value[0] == 'U' || value[0] == 'u')) return SetUsbPort(options, value);
   int port = 0;
   if (!ReadNumber(value, port)) return Outcome::Rejected;
   options.config.port = port;
+  options.config.usbUnit.clear();
   if (port > kHighestComPort) {
     PrintError("\n\tDevice port address set to 0x%X.", static_cast<unsigned>(port));
   } else {

@@ -127,13 +127,15 @@ PortStatus SerialPort::OpenLine(const char* name, int baud) {
   if (!opened.Ok()) {
     return Refuse(StepOfOpenFailure(opened.status().error), name, opened.status());
   }
-  line_ = std::move(*opened);
+  auto line = std::make_unique<SerialLine>(std::move(*opened));
+  serial_ = line.get();
+  line_ = std::move(line);
   portStatus_ = PortStatus::HandleCreated;
   return SetUpLine(name, baud);
 }
 
 PortStatus SerialPort::SetUpLine(const std::string& name, int baud) {
-  const Result<SerialCapabilities> capabilities = line_->Capabilities();
+  const Result<SerialCapabilities> capabilities = serial_->Capabilities();
   if (!capabilities.Ok()) {
     return Refuse(PortStatus::CapabilitiesFailed, name, capabilities.status());
   }
@@ -141,12 +143,12 @@ PortStatus SerialPort::SetUpLine(const std::string& name, int baud) {
     return Refuse(PortStatus::NotSerial, name, {Error::Invalid, 0, "open the serial line"});
   }
   capabilities_ = *capabilities;
-  if (const Result<LineSettings> found = line_->Settings(); found.Ok()) settings_ = *found;
+  if (const Result<LineSettings> found = serial_->Settings(); found.Ok()) settings_ = *found;
   SetLineSettings(baud, 8, 0, 0, 0);
   if (!SetReadTimeouts(0, kSameAsBefore, kSameAsBefore)) {
     return Refuse(PortStatus::TimeoutsFailed, name, {Error::Failed, 0, "set the read time-outs"});
   }
-  if (const Status watched = line_->WatchInput(); !watched.Ok()) {
+  if (const Status watched = serial_->WatchInput(); !watched.Ok()) {
     return Refuse(PortStatus::EventMaskFailed, name, watched);
   }
   return PortStatus::Open;
@@ -172,8 +174,29 @@ int SerialPort::OpenPortNumber(int number, int baud) {
   return opened;
 }
 
+int SerialPort::OpenOnUsb(std::unique_ptr<ByteLine> line, int baud) {
+  if (HasHandle()) ClosePort();
+  openFailure_.clear();
+  lineLost_ = false;
+  line_ = std::move(line);
+  portNumber_ = kUsbPortNumber;
+  SetLineSettings(baud, 8, 0, 0, 0);  // stored only
+  SetReadTimeouts(0, kSameAsBefore, kSameAsBefore);
+  portStatus_ = PortStatus::Open;
+  return 1;
+}
+
+int SerialPort::RefuseUsb(const Status& cause, std::string why) {
+  if (HasHandle()) ClosePort();
+  lastError_ = cause.osCode;
+  portNumber_ = -1;
+  portStatus_ = Refuse(StepOfOpenFailure(cause.error), std::move(why));
+  return 0;
+}
+
 int SerialPort::ClosePort() {
   if (!line_) return 0;
+  serial_ = nullptr;
   line_.reset();
   capabilities_ = {};
   portNumber_ = -1;
@@ -197,7 +220,7 @@ bool SerialPort::SetLineSettings(int baud, std::uint8_t byteSize, std::uint8_t p
   settings_.stopBits = static_cast<StopBits>(stopBits);
   settings_.rts = static_cast<ModemControl>(rtsControl & 3);
   settings_.ctsOutputFlow = false;
-  return line_ && line_->Apply(settings_).Ok();
+  return serial_ != nullptr && serial_->Apply(settings_).Ok();
 }
 
 bool SerialPort::SetReadTimeouts(int totalConstant, int perByte, int interval) {
@@ -222,7 +245,7 @@ bool SerialPort::SetReadTimeouts(int totalConstant, int perByte, int interval) {
 }
 
 bool SerialPort::SetHandshake(int mode) {
-  if (!line_ || !capabilities_.rtsCts) return false;
+  if (serial_ == nullptr || !capabilities_.rtsCts) return false;
   if (mode == -1) {
     PutFullHandshake(settings_);
   } else if (mode == 0) {
@@ -230,9 +253,9 @@ bool SerialPort::SetHandshake(int mode) {
   } else {
     PutHandshakeBits(settings_, static_cast<unsigned>(mode));
   }
-  (void)line_->SetRts(false);
-  (void)line_->SetDtr(true);
-  return line_->Apply(settings_).Ok();
+  (void)serial_->SetRts(false);
+  (void)serial_->SetDtr(true);
+  return serial_->Apply(settings_).Ok();
 }
 
 // ---- Transfers -----------------------------------------------------------------------------

@@ -8,9 +8,10 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
+#include <memory>
 #include <string>
 
+#include "platform/byte_line.h"
 #include "platform/serial_line.h"
 
 namespace kinetrel {
@@ -33,6 +34,9 @@ enum class PortStatus : int {
   NoSuchPort = 13,  // or no name given
   Simulated = 14,
 };
+
+// The number of the port that stands for USB.
+inline constexpr int kUsbPortNumber = 257;
 
 enum class TimeoutMode : int { ReturnAtOnce = 0, Timed = 1, Blocking = 2 };
 
@@ -61,7 +65,8 @@ class SerialPort {
   // Returns 1 when a port was closed, 0 when none was open.
   virtual int ClosePort();
 
-  virtual int GetPortNumber();     // n of COMn, 0 for the simulated port, -1 when closed
+  // n of COMn, kUsbPortNumber on USB, 0 for the simulated port, -1 when closed
+  virtual int GetPortNumber();
   virtual unsigned GetBaudRate();  // of the line settings
 
   // ---- Line --------------------------------------------------------------------------------
@@ -123,7 +128,7 @@ class SerialPort {
 
   // ---- State -------------------------------------------------------------------------------
 
-  bool HasHandle() const { return line_.has_value(); }
+  bool HasHandle() const { return line_ != nullptr; }
 
   // The far end hung up or the device was unplugged since the port was opened. Only opening the
   // port again can bring the line back.
@@ -141,6 +146,17 @@ class SerialPort {
   const std::string& openFailure() const { return openFailure_; }
 
  protected:
+  // For a driver that has opened a USB line in place of a serial one. Line settings and handshakes
+  // are then refused. Returns 1.
+  //
+  // baud  what GetBaudRate then says, for drivers that derive pauses from it.
+  int OpenOnUsb(std::unique_ptr<ByteLine> line, int baud);
+
+  // The same when it could not be opened. Returns 0.
+  int RefuseUsb(const Status& cause, std::string why);
+
+  bool IsOnUsb() const { return line_ != nullptr && serial_ == nullptr; }
+
   int portNumber_ = -1;
 
  private:
@@ -150,8 +166,9 @@ class SerialPort {
   PortStatus Refuse(PortStatus step, const std::string& name, const Status& cause);
   PortStatus Refuse(PortStatus step, std::string why);
 
-  std::optional<SerialLine> line_;
-  LineSettings settings_;  // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512
+  std::unique_ptr<ByteLine> line_;
+  SerialLine* serial_ = nullptr;  // line_, unless that is on USB
+  LineSettings settings_;         // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512
   ReadTimeouts timeouts_;
   SerialCapabilities capabilities_;
   unsigned bytesWritten_ = 0;

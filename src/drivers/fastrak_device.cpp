@@ -5,8 +5,11 @@
 #include <bit>
 #include <cmath>
 #include <cstdio>
+#include <string>
+#include <utility>
 
 #include "devices/bounded_text.h"
+#include "devices/polhemus_usb.h"
 
 namespace kinetrel {
 namespace {
@@ -35,6 +38,21 @@ FastrakDevice::FastrakDevice() {
 void FastrakDevice::WriteCommand(std::string_view command, unsigned pauseMs) {
   Write(command.data(), static_cast<unsigned>(command.size()));
   Pause(pauseMs);
+}
+
+// ---- Port ----------------------------------------------------------------------------------
+
+int FastrakDevice::OpenPort(const char* name, int baud) {
+  if (name == nullptr || !IsUsbName(name)) return TrackerDevice::OpenPort(name, baud);
+  std::string why;
+  auto unit = OpenPolhemusUnit(PolhemusFamily::Fastrak, name, why);
+  if (!unit.Ok()) return RefuseUsb(unit.status(), std::move(why));
+  return OpenOnUsb(std::move(unit->line), baud);
+}
+
+int FastrakDevice::OpenPortNumber(int number, int baud) {
+  return number == kUsbPortNumber ? OpenPort("usb", baud)
+                                  : TrackerDevice::OpenPortNumber(number, baud);
 }
 
 // ---- Quiet line ----------------------------------------------------------------------------

@@ -29,6 +29,12 @@ class FastrakDevice final : public TrackerDevice {
  public:
   FastrakDevice();
 
+  // ---- Port --------------------------------------------------------------------------------
+
+  // Also a unit on USB: "usb" for the only one, "usb:1-2.3", or kUsbPortNumber.
+  int OpenPort(const char* name, int baud) override;
+  int OpenPortNumber(int number, int baud) override;
+
   // ---- Life --------------------------------------------------------------------------------
 
   // Ends streaming, identifies the model, sets output list, stations and units, and leaves the

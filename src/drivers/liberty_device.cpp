@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "devices/bounded_text.h"
+#include "devices/polhemus_usb.h"
+#include "drivers/liberty_usb.h"
 #include "platform/console.h"
 
 namespace kinetrel {
@@ -75,11 +77,20 @@ bool LibertyDevice::LogResult(int result, const char* call) {
 
 // ---- Port ----------------------------------------------------------------------------------
 
-int LibertyDevice::OpenPort(const char*, int) { return 0; }
+int LibertyDevice::OpenPort(const char* name, int) {
+  if (name == nullptr || !IsUsbName(name)) return 0;
+  const std::lock_guard lock(pdiLock_);
+  pdiSerial_.SetPort(kUsbPortNumber);
+  if (!pdiDevice_.IsOnUsb()) pdiDevice_.UseTracker(MakeUsbLiberty(name));
+  return 1;
+}
 
 int LibertyDevice::OpenPortNumber(int number, int baud) {
   const std::lock_guard lock(pdiLock_);
   if (number > 0) pdiSerial_.SetPort(number);
+  // A library that is installed knows best how to reach the tracker on USB.
+  const bool byUs = number == kUsbPortNumber && !pdiDevice_.IsLibraryChosen();
+  if (byUs != pdiDevice_.IsOnUsb()) pdiDevice_.UseTracker(byUs ? MakeUsbLiberty("usb") : nullptr);
   const auto* const found = std::ranges::find(kBauds, static_cast<unsigned>(baud));
   if (found == std::end(kBauds)) return 0;
   pdiSerial_.SetBaudRate(static_cast<int>(found - kBauds));
@@ -123,6 +134,7 @@ BootResult LibertyDevice::Boot(int) {
 
 void LibertyDevice::Connect() {
   streaming_ = false;  // a new connection does not stream yet
+  pdiDevice_.ReportMissingLibrary();
   pdiDevice_.SetSerialIF(pdiSerial_);
   const int kind = pdiDevice_.DiscoverCnx();
   const char* const text = pdiDevice_.GetLastResultStr();
@@ -528,6 +540,7 @@ int LibertyDevice::GetFrameRate() {
   const std::lock_guard lock(pdiLock_);
   int code = 3;
   pdiDevice_.GetFrameRate(code);
+  if (code == 1) return 60;
   return code == 2 || code == 4 ? 240 : 120;
 }
 

@@ -29,10 +29,13 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
 
   // ---- Port --------------------------------------------------------------------------------
 
-  int OpenPort(const char* name, int baud) override;  // not supported: 0
+  // name  "usb" for the only tracker on USB, or "usb:1-2.3": spoken to without the library. Any
+  //       other is not supported: 0.
+  int OpenPort(const char* name, int baud) override;
 
-  // Stores port and baud rate for Boot. Returns 0 for a baud rate that the library does not know;
-  // the port is stored all the same.
+  // Stores port and baud rate for Boot. kUsbPortNumber is the library's USB if a library is
+  // installed or KINETREL_PDI names one, else the same as "usb". Returns 0 for a baud rate that the
+  // library does not know; the port is stored all the same.
   int OpenPortNumber(int number, int baud) override;
   int ClosePort() override;
   int GetPortNumber() override;

@@ -26,6 +26,10 @@ constexpr int kTries = 3;
 constexpr std::int64_t kLookPeriod = 3000;  // ms between two looks for sensors that came back
 constexpr std::uint8_t kStationsCommand = 'U' & 0x1F;
 constexpr std::uint8_t kBitCommand = 'T' & 0x1F;
+constexpr std::uint8_t kWhoCommand = 'V' & 0x1F;
+constexpr std::size_t kWhoText = 3;  // after the counts of sensors, which change
+constexpr unsigned kPatriotStations = 2;
+constexpr int kPatriotRate = 1;
 constexpr std::size_t kMostItems = 20;
 constexpr unsigned kBitsPerByte = 10;  // on the line
 
@@ -52,13 +56,30 @@ std::uint32_t WordAt(std::span<const std::uint8_t> bytes) {
   return word;
 }
 
-class SerialLiberty final : public LibertyTracker {
+bool IsError(const LibertyFrame& frame) { return frame.error != 0 && frame.error != ' '; }
+
+LibertyConnection OpenSerial(int port, unsigned baud, std::string& why) {
+  const std::string name = "COM" + std::to_string(port);
+  Result<SerialLine> opened = SerialLine::Open(name);
+  if (!opened.Ok()) {
+    why = SerialLine::ExplainOpenFailure(name, opened.status());
+    return {};
+  }
+  LineSettings settings;
+  settings.baud = baud;
+  if (!opened->Apply(settings).Ok()) return {};
+  return {.line = std::make_unique<SerialLine>(std::move(*opened)),
+          .perSecond = baud / kBitsPerByte};
+}
+
+class LineLiberty final : public LibertyTracker {
  public:
-  bool Connected() override { return line_.has_value(); }
+  explicit LineLiberty(LibertyOpener opener) : opener_(std::move(opener)) {}
+
+  bool Connected() override { return line_ != nullptr; }
 
   bool Connect(int port, unsigned baud) override {
-    if (!Open("COM" + std::to_string(port), baud)) return false;
-    baud_ = baud;
+    if (!Open(port, baud)) return false;
     fitted_ = 0;
     // It may have half a command in its buffer, may be streaming, and may answer in text.
     for (int i = 0; i < kTries && line_; ++i) {
@@ -66,7 +87,10 @@ class SerialLiberty final : public LibertyTracker {
       Quieten();
       Send("F1\r");
       const auto format = AskOnce("F\r", 'F');
-      if (format && WordAt(*format) == 1) return SetUp();
+      if (format && WordAt(*format) == 1 && line_) {
+        if (IsSameUnit() && SetUp()) return true;
+        break;
+      }
     }
     line_.reset();
     return false;
@@ -109,7 +133,10 @@ class SerialLiberty final : public LibertyTracker {
     return Activate(wanted_);
   }
 
-  int MostStations() override { return static_cast<int>(kLibertyStations); }
+  int MostStations() override {
+    return static_cast<int>(found_.isPatriot ? kPatriotStations : kLibertyStations);
+  }
+
   // What came before may be in other units, and the answer to an earlier request is late.
   bool Start() override {
     FitRate();
@@ -119,7 +146,7 @@ class SerialLiberty final : public LibertyTracker {
 
   bool Stop() override {
     Quieten();
-    return line_.has_value();
+    return line_ != nullptr;
   }
 
   bool Request() override {
@@ -159,17 +186,25 @@ class SerialLiberty final : public LibertyTracker {
   }
 
   bool SetRate(int code) override {
+    if (found_.isPatriot) return code == kPatriotRate;
     rate_ = code;
     return SetChecked("R" + std::to_string(code), 'R', code);
   }
   bool GetRate(int& code) override {
+    if (found_.isPatriot) {
+      code = kPatriotRate;
+      return true;
+    }
     FitRate();
     const auto answer = Ask("R\r", 'R');
     if (answer) code = static_cast<int>(WordAt(*answer));
     return answer.has_value();
   }
   bool SetMetric(bool on) override { return SetChecked(on ? "U1" : "U0", 'U', on ? 1 : 0); }
-  bool SetSync(bool on) override { return SetChecked(on ? "Z1" : "Z0", 'Z', on ? 1 : 0); }
+  bool SetSync(bool on) override {
+    if (found_.isPatriot) return !on;
+    return SetChecked(on ? "Z1" : "Z0", 'Z', on ? 1 : 0);
+  }
 
   // The tracker adds a new alignment to the old one, so the old one is removed first.
   bool Align(int station, std::span<const float, 9> points) override {
@@ -190,24 +225,37 @@ class SerialLiberty final : public LibertyTracker {
   }
   bool ClearBitErrors() override { return Send(std::string(1, kBitCommand) + "0\r"); }
 
+  std::string Description() override { return found_.name.empty() ? "done" : found_.name; }
+
  private:
   using Answer = std::vector<std::uint8_t>;
 
-  bool Open(const std::string& name, unsigned baud) {
+  bool Open(int port, unsigned baud) {
     line_.reset();
     reader_.Clear();
     answers_ = true;
-    Result<SerialLine> opened = SerialLine::Open(name);
-    if (!opened.Ok()) {
-      PrintOnce(SerialLine::ExplainOpenFailure(name, opened.status()));
-      return false;
+    std::string why;
+    found_ = opener_(port, baud, why);
+    line_ = std::move(found_.line);
+    if (line_) {
+      printed_.clear();
+    } else if (!why.empty()) {
+      PrintOnce(why);
     }
-    printed_.clear();
-    line_.emplace(std::move(*opened));
-    LineSettings settings;
-    settings.baud = baud;
-    if (!line_->Apply(settings).Ok()) line_.reset();
-    return line_.has_value();
+    return line_ != nullptr;
+  }
+
+  // The text that a unit gives about itself stays the same. A unit that gives none is believed.
+  bool IsSameUnit() {
+    const auto answer = AskOnce(std::string(1, kWhoCommand) + "\r", kWhoCommand);
+    if (!answer || answer->size() <= kWhoText) return line_ != nullptr;
+    const Answer text(answer->begin() + kWhoText, answer->end());
+    if (unit_.empty()) unit_ = text;
+    if (unit_ == text) return true;
+    PrintOnce("Another tracker answers on " +
+              (found_.name.empty() ? std::string("the line") : found_.name) +
+              "; it is left alone.");
+    return false;
   }
 
   // A line that has gone is tried again and again; the reason is printed only when it changes.
@@ -219,7 +267,8 @@ class SerialLiberty final : public LibertyTracker {
   // Restores the settings that Kinetrel relies on, and those made before the tracker was switched
   // off and on.
   bool SetUp() {
-    Send("L*,0\r");  // otherwise the stylus' button stops and starts the stream
+    Send("L*,0\r");                     // otherwise the stylus' button stops and starts the stream
+    if (found_.hasFifo) Send("@B0\r");  // the newest frame, not one that waited
     return SetMetric(true) && (rate_ == 0 || SetRate(rate_));
   }
 
@@ -227,9 +276,8 @@ class SerialLiberty final : public LibertyTracker {
   // the tracker would drop whole cycles.
   void FitRate() {
     constexpr std::size_t kFastest = 240;
-    const std::size_t perSecond = kFastest * SizeOfCycle();
-    const int code = perSecond <= baud_ / kBitsPerByte ? 4 : 3;
-    if (rate_ != 0 || code == fitted_) return;
+    const int code = kFastest * SizeOfCycle() <= found_.perSecond ? 4 : 3;
+    if (found_.isPatriot || rate_ != 0 || code == fitted_) return;
     if (SetChecked("R" + std::to_string(code), 'R', code)) fitted_ = code;
   }
 
@@ -280,7 +328,9 @@ class SerialLiberty final : public LibertyTracker {
         if (frame->IsPose()) {
           cycles_.Add(*frame, NowMs());
         } else if (answer != nullptr && frame->command == command) {
-          answer->emplace(frame->body().begin(), frame->body().end());
+          // The body of an error is a text.
+          answer->emplace();
+          if (!IsError(*frame)) (*answer)->assign(frame->body().begin(), frame->body().end());
         } else if (frame->command == kStationsCommand) {
           NoteStations(frame->body());
         }
@@ -314,7 +364,7 @@ class SerialLiberty final : public LibertyTracker {
   bool SetChecked(const std::string& text, std::uint8_t command, int value) {
     if (!Send(text + "\r")) return false;
     const auto answer = Ask(std::string(1, static_cast<char>(command)) + "\r", command);
-    return answer && WordAt(*answer) == static_cast<std::uint32_t>(value);
+    return answer && answer->size() >= 4 && WordAt(*answer) == static_cast<std::uint32_t>(value);
   }
 
   // Ends continuous output and reads until the tracker is silent.
@@ -342,7 +392,10 @@ class SerialLiberty final : public LibertyTracker {
     cycles_.SetStations(wanted_, NowMs());
   }
 
-  std::optional<SerialLine> line_;
+  const LibertyOpener opener_;
+  LibertyConnection found_;  // without its line
+  std::unique_ptr<ByteLine> line_;
+  Answer unit_;  // the text that the first unit gave about itself
   LibertyFrameReader reader_;
   LibertyCycles cycles_;
   std::vector<std::int32_t> items_;
@@ -350,16 +403,19 @@ class SerialLiberty final : public LibertyTracker {
   std::uint32_t wanted_ = 0;     // as the program asked for; unplugged sensors are waited for
   std::uint32_t returning_ = 0;  // to be made active, with those that are; 0: none
   std::int64_t nextLook_ = 0;    // ms
-  unsigned baud_ = 0;
-  int fitted_ = 0;       // the code of the rate that FitRate set
-  int rate_ = 0;         // the code that the program set; 0: none
-  bool answers_ = true;  // the last question was answered
-  bool looked_ = false;  // at the line, for the records of the next frame
-  std::string printed_;  // the reason that was printed last
+  int fitted_ = 0;               // the code of the rate that FitRate set
+  int rate_ = 0;                 // the code that the program set; 0: none
+  bool answers_ = true;          // the last question was answered
+  bool looked_ = false;          // at the line, for the records of the next frame
+  std::string printed_;          // the reason that was printed last
 };
 
 }  // namespace
 
-std::unique_ptr<LibertyTracker> MakeSerialLiberty() { return std::make_unique<SerialLiberty>(); }
+std::unique_ptr<LibertyTracker> MakeLineLiberty(LibertyOpener opener) {
+  return std::make_unique<LineLiberty>(std::move(opener));
+}
+
+std::unique_ptr<LibertyTracker> MakeSerialLiberty() { return MakeLineLiberty(OpenSerial); }
 
 }  // namespace kinetrel

@@ -1,14 +1,18 @@
-// The Liberty behind our own device library (vendor/pdi_library.cpp): what every tracker there can
-// do, and the tracker that is a real Liberty on a serial port.
+// A Liberty or one of its relatives, spoken to with its own command set: what every such tracker
+// can do, and the tracker at the far end of a line. Our own device library (vendor/pdi_library.cpp)
+// has it behind the vendor's calls.
 //
 // Threads  one call at a time.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
+#include <string>
 
+#include "platform/byte_line.h"
 #include "platform/clock.h"
 
 namespace kinetrel {
@@ -41,6 +45,7 @@ class LibertyTracker {
   // False when nothing has come within the time, or the tracker has gone.
   virtual bool AwaitRecord(Milliseconds timeout) = 0;
 
+  // 1 60 Hz, 3 120 Hz, 4 240 Hz.
   virtual bool SetRate(int code) = 0;
   virtual bool GetRate(int& code) = 0;
   virtual bool SetMetric(bool on) = 0;
@@ -49,10 +54,29 @@ class LibertyTracker {
   virtual bool SetHemisphere(int station, std::span<const float, 3> zenith) = 0;
   virtual bool BitErrors(std::span<std::uint32_t> words, std::size_t& count) = 0;
   virtual bool ClearBitErrors() = 0;
+
+  // What is connected, for people.
+  virtual std::string Description() { return "done"; }
 };
 
-// A Liberty on the serial port COM<port>, spoken to with its own command set. Nothing is written to
-// its permanent memory: it forgets its settings when it is switched off.
+// A line to a tracker, as it was found.
+struct LibertyConnection {
+  std::unique_ptr<ByteLine> line;
+  std::string name = {};      // of the unit, for people; empty: unknown
+  bool isPatriot = false;     // two stations, 60 Hz, neither rates nor synchronisation to set
+  std::size_t perSecond = 0;  // bytes that the line carries
+  bool hasFifo = false;       // the unit keeps old frames for a late host, unless told not to
+};
+
+// Opens the line to the tracker at COM<port>, or wherever the opener knows it; empty when there is
+// none, and `why` then says so in one line for a person.
+using LibertyOpener = std::function<LibertyConnection(int port, unsigned baud, std::string& why)>;
+
+// Nothing is written to the tracker's permanent memory: it forgets its settings when it is switched
+// off. Connect refuses another unit than the first one, as far as units say who they are.
+std::unique_ptr<LibertyTracker> MakeLineLiberty(LibertyOpener opener);
+
+// On the serial port COM<port>.
 std::unique_ptr<LibertyTracker> MakeSerialLiberty();
 
 }  // namespace kinetrel

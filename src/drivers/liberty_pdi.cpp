@@ -1,22 +1,18 @@
 #include "drivers/liberty_pdi.h"
-#include "platform/console.h"
 
 #include <algorithm>
 #include <cstddef>
 #include <string>
+#include <utility>
+
+#include "drivers/liberty_table.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
 
 constexpr char kLibraryName[] = "pdi.dll";
 constexpr char kNotLoaded[] = "the device library is not loaded";
-
-void ReportUnusable(const char* what, const std::string& why) {
-  PrintError(
-      "\nThe Liberty device library %s %s (%s).\n"
-      "KINETREL_PDI may name the file to load.\n",
-      kLibraryName, what, why.c_str());
-}
 
 // The part of the table that each version has.
 constexpr std::uint32_t SizeOfTable(std::uint32_t version) {
@@ -70,25 +66,62 @@ bool CPDIbiterr::IsClear() const {
 
 // ---- Loading -------------------------------------------------------------------------------
 
+CPDIdev::CPDIdev() = default;
+
 CPDIdev::~CPDIdev() {
-  if (device_ != nullptr && table_->destroyDevice != nullptr) table_->destroyDevice(device_);
+  if (libraryDevice_ != nullptr && libraryTable_->destroyDevice != nullptr) {
+    libraryTable_->destroyDevice(libraryDevice_);
+  }
 }
 
 bool CPDIdev::IsReady() {
-  if (!tried_) Load();
+  if (own_ == nullptr) HasLibrary();
   return device_ != nullptr;
 }
 
+bool CPDIdev::HasLibrary() {
+  if (!tried_) Load();
+  return libraryDevice_ != nullptr;
+}
+
+bool CPDIdev::IsLibraryChosen() { return HasLibrary() || DynamicLibrary::IsChosen(kLibraryName); }
+
 void CPDIdev::Load() {
   tried_ = true;
-  std::string why;
-  Result<DynamicLibrary> loaded = DynamicLibrary::Load(kLibraryName, &why);
-  if (!loaded.Ok()) return ReportUnusable("cannot be loaded", why);
-  table_ = TableOf(*loaded, why);
-  if (table_ == nullptr) return ReportUnusable("cannot be used", why);
+  Result<DynamicLibrary> loaded = DynamicLibrary::Load(kLibraryName, &why_);
+  if (!loaded.Ok()) {
+    why_ = "cannot be loaded (" + why_ + ")";
+    return;
+  }
+  const PdiTable* const table = TableOf(*loaded, why_);
+  if (table == nullptr) {
+    why_ = "cannot be used (" + why_ + ")";
+    return;
+  }
   library_ = std::move(*loaded);
-  if (table_->createDevice != nullptr) device_ = table_->createDevice();
-  if (device_ == nullptr) ReportUnusable("cannot be used", "it creates no device");
+  libraryTable_ = table_ = table;
+  if (table->createDevice != nullptr) libraryDevice_ = device_ = table->createDevice();
+  if (device_ == nullptr) why_ = "cannot be used (it creates no device)";
+}
+
+void CPDIdev::ReportMissingLibrary() {
+  if (HasLibrary() || own_ != nullptr || std::exchange(reported_, true)) return;
+  PrintError(
+      "\nThe Liberty device library %s %s.\n"
+      "KINETREL_PDI may name the file to load.\n",
+      kLibraryName, why_.c_str());
+}
+
+void CPDIdev::UseTracker(std::unique_ptr<LibertyTracker> tracker) {
+  own_.reset();
+  table_ = libraryTable_;
+  device_ = libraryDevice_;
+  if (tracker == nullptr) return;
+  own_ = std::make_unique<PdiDevice>();
+  own_->tracker = std::move(tracker);
+  own_->kind = PdiConnection::Usb;
+  table_ = &TrackerTable();
+  device_ = own_.get();
 }
 
 // ---- Calls ---------------------------------------------------------------------------------
@@ -106,7 +139,7 @@ int CPDIdev::DiscoverCnx() {
 
 int CPDIdev::Disconnect() {
   // Disconnecting is no reason to load the library.
-  return tried_ ? Call(&PdiTable::disconnect) : 0;
+  return device_ != nullptr ? Call(&PdiTable::disconnect) : 0;
 }
 
 int CPDIdev::SetSDataList(int station, const CPDImdat& list) {

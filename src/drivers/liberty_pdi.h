@@ -3,7 +3,7 @@
 //
 // These are thin classes over the table of functions in vendor/pdi_table.h. The first call that
 // needs the library loads it; it stays loaded as long as the object lives. Without the library
-// every call fails.
+// every call fails, until UseTracker puts a tracker of ours in the library's place.
 //
 // Threads  one at a time.
 // Memory   CnxReady and LastPnoPtr allocate nothing once the library is loaded.
@@ -12,9 +12,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <span>
+#include <string>
 
+#include "drivers/liberty_line.h"
 #include "platform/dynamic_library.h"
 #include "vendor/pdi_table.h"
 
@@ -73,10 +76,18 @@ class CPDIbiterr {
 // The tracker. The results are the library's: nonzero for success.
 class CPDIdev {
  public:
-  CPDIdev() = default;
+  CPDIdev();
   ~CPDIdev();
   CPDIdev(const CPDIdev&) = delete;
   CPDIdev& operator=(const CPDIdev&) = delete;
+
+  bool HasLibrary();            // loads it at the first call; prints nothing
+  bool IsLibraryChosen();       // it is there, or the environment names a file for it
+  void ReportMissingLibrary();  // once
+
+  // From now on the calls go to `tracker`, on USB; null: to the library again.
+  void UseTracker(std::unique_ptr<LibertyTracker> tracker);
+  bool IsOnUsb() const { return own_ != nullptr; }
 
   int CnxReady();
   int SetSerialIF(const CPDIser& serial);
@@ -121,9 +132,16 @@ class CPDIdev {
   }
 
   std::optional<DynamicLibrary> library_;
+  const PdiTable* libraryTable_ = nullptr;
+  PdiDevice* libraryDevice_ = nullptr;
+  bool tried_ = false;  // a library that cannot be loaded is looked for only once
+  std::string why_;     // it cannot be used
+  bool reported_ = false;
+  std::unique_ptr<PdiDevice> own_;  // the tracker on USB
+
+  // Where the calls go: the library's, or our own.
   const PdiTable* table_ = nullptr;
   PdiDevice* device_ = nullptr;
-  bool tried_ = false;  // a library that cannot be loaded is looked for only once
 };
 
 }  // namespace kinetrel

@@ -54,6 +54,13 @@ void PushAlignment(EngineState& state, const EngineLock&, StatusCode code) {
   Announce(state.status, " ", code, "ALIGNED");
 }
 
+int OpenConfiguredPort(TrackerDevice& device, const StartConfig& config) {
+  if (config.port == StartConfig::kUsbPort && !config.usbUnit.empty()) {
+    return device.OpenPort(config.usbUnit.c_str(), StartConfig::kBaud);
+  }
+  return device.OpenPortNumber(config.port, StartConfig::kBaud);
+}
+
 void ApplyConfiguration(EngineState& state, const EngineLock& lock) {
   SendSettings(state);
   PushRoll(state, lock);

@@ -1,9 +1,12 @@
-// Sends the start configuration to a booted device.
+// Opens the port that the configuration names, and sends the configuration to the booted device.
 #pragma once
 
 #include "engine/engine_state.h"
 
 namespace kinetrel {
+
+// Returns what the device's OpenPort or OpenPortNumber returns.
+int OpenConfiguredPort(TrackerDevice& device, const StartConfig& config);
 
 // Sends every setting to the device, in a fixed order. Reports the status of the device if the
 // configuration asks for it. The roll setting replaces the roll of the transmitter offset.

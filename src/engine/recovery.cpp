@@ -74,7 +74,7 @@ bool Recovery::Try(const EngineLock& lock) {
 
 bool Recovery::Reopen() {
   device_->ClosePort();
-  if (device_->OpenPortNumber(state_->config.port, StartConfig::kBaud) < 1) return false;
+  if (OpenConfiguredPort(*device_, state_->config) < 1) return false;
   if (device_->Boot(0) >= kBooted && SameDevice()) return true;
   device_->ClosePort();
   return false;

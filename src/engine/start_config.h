@@ -3,19 +3,23 @@
 #pragma once
 
 #include <array>
+#include <string>
+
+#include "devices/serial_port.h"
 
 namespace kinetrel {
 
 struct StartConfig {
   // In the place of an alignment axis: none was given.
   static constexpr float kNotAligned = 99.0F;
-  static constexpr int kUsbPort = 257;
+  static constexpr int kUsbPort = kUsbPortNumber;
   static constexpr int kShmFromPort = -1;
   static constexpr int kBaud = 115200;  // a driver that needs another sets it itself
 
   int shmDevice = kShmFromPort;  // 0..15, or derived from the port
   int deviceType = 2;            // see device_factory.h
   int port = 1;                  // n of COMn, or kUsbPort
+  std::string usbUnit = {};      // "usb:1-2.3", the unit meant by kUsbPort; empty: the only one
   int joystickPort = 0;          // 0 off
   unsigned sensorMask = 1;       // bit i = sensor i
   unsigned componentMask = 3;    // bit 0 position, 1 Euler angles, 2 quaternion

@@ -113,7 +113,7 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDevice(int deviceType) {
 bool TrackerEngine::OpenPort(TrackerDevice& device) {
   StatusLog& log = state_->status;
   const int asked = state_->config.port;
-  if (device.OpenPortNumber(asked, StartConfig::kBaud) < 1) {
+  if (OpenConfiguredPort(device, state_->config) < 1) {
     Announce(log, "\n\t", StatusCode::Port, "Port(%d) failed to open(%d).", asked,
              static_cast<int>(device.portStatus()));
     if (!device.openFailure().empty()) {

@@ -35,6 +35,9 @@ class DynamicLibrary {
   }
   ~DynamicLibrary();
 
+  // The environment names the file to load for this name.
+  static bool IsChosen(const std::string& name) { return ChosenFile(name) != nullptr; }
+
   using AnyFunction = void (*)();
 
   // Finds the function of that name. Cast it to its true type; it is valid as long as this object.

@@ -3,13 +3,11 @@
 // Names, time-outs and settings are those of serial lines in general. A pseudo-terminal counts as a
 // serial line. It has no modem lines, and that is not an error.
 //
-// Received bytes are read ahead: one system call takes all that the system holds, and the reads
-// that follow take from memory. Lengths, waits and purges count these bytes too.
-//
 // Threads  one at a time.
 // Memory   Read, Write, the waits and the queue length allocate nothing.
 #pragma once
 
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -17,7 +15,7 @@
 #include <span>
 #include <string>
 
-#include "platform/clock.h"
+#include "platform/byte_line.h"
 #include "platform/status.h"
 
 namespace kinetrel {
@@ -52,24 +50,18 @@ struct SerialCapabilities {
   bool rtsCts = false;      // has the modem lines, and a settable handshake
 };
 
-// When a read ends, in ms. With interval kReturnAtOnce and zeros it returns the bytes that are
-// there, at once. Otherwise it ends after multiplier x count + constant (never, when both are 0),
-// or when `interval` (if not 0) has passed since the last byte. Before the first byte no interval
-// runs.
-struct ReadTimeouts {
-  static constexpr std::uint32_t kReturnAtOnce = 0xFFFFFFFF;
-  std::uint32_t interval = kReturnAtOnce;
-  std::uint32_t multiplier = 0;
-  std::uint32_t constant = 0;
-};
-
 // n when the name is exactly "COM<n>".
-std::optional<unsigned> ComNumber(const std::string& name);
+inline std::optional<unsigned> ComNumber(const std::string& name) {
+  if (!name.starts_with("COM")) return std::nullopt;
+  unsigned number = 0;
+  const char* const end = name.data() + name.size();
+  const auto [stop, error] = std::from_chars(name.data() + 3, end, number);
+  if (error != std::errc() || stop != end) return std::nullopt;
+  return number;
+}
 
-class SerialLine {
+class SerialLine final : public ByteLine {
  public:
-  static constexpr std::size_t kMostReadAhead = 4096;  // bytes
-
   // Opens the line for this program alone. Bytes pass unchanged; rate and framing stay as found,
   // DTR and RTS are raised, and reads return at once.
   //
@@ -86,7 +78,7 @@ class SerialLine {
   SerialLine& operator=(SerialLine&&) noexcept;
 
   // Sends what was written, for 1 s at most, restores the settings that Open found, and closes.
-  ~SerialLine();
+  ~SerialLine() override;
 
   Result<SerialCapabilities> Capabilities() const;
   Result<LineSettings> Settings() const;
@@ -94,35 +86,13 @@ class SerialLine {
   // Takes effect at once, also for bytes that wait to be sent. Invalid: no line can have these
   // settings. Unsupported: the hardware cannot make the rate (within 3 %).
   Status Apply(const LineSettings& settings);
-  Status SetReadTimeouts(const ReadTimeouts& timeouts);
 
   // Tells the system to report received bytes. Windows needs it before WaitForInput.
   Status WatchInput();
 
-  // Reads up to into.size() bytes under the read time-outs; 0 bytes is a success.
-  // Closed: the far end hung up or the device was unplugged. Bytes received before that are
-  // returned first; the call after them reports it.
-  Result<std::size_t> Read(std::span<std::byte> into);
-
-  // Returns the number of bytes taken. It is below from.size() when the line then took nothing for
-  // 1 s or failed. TimedOut, Closed: none was taken.
-  Result<std::size_t> Write(std::span<const std::byte> from);
-
-  // Bytes read ahead and not yet taken, without asking the system.
-  std::size_t HeldAhead() const { return end_ - begin_; }
-
-  // Bytes received and not yet read, at most kMostReadAhead. Asks the system each time.
-  // Closed: as Read, after all received bytes were read.
-  Result<std::size_t> InputQueueLength();
-
-  // Waits until `count` bytes are received, and returns at once when they already are.
-  // kForever: no time-out. TimedOut: fewer came; more than kMostReadAhead never do.
-  // Closed: the line is lost and fewer bytes than that are left.
-  Status WaitForInput(std::size_t count, Milliseconds timeout);
-
-  Status PurgeInput();   // discards received bytes, also those read ahead
-  Status PurgeOutput();  // cannot recall what has already left for the far end
-  Status DrainOutput();  // waits until all is sent; TimedOut after 1 s
+  Result<std::size_t> Write(std::span<const std::byte> from) override;
+  Status PurgeOutput() override;
+  Status DrainOutput() override;
 
   Status SetDtr(bool on);  // Unsupported where the line has no modem lines
   Status SetRts(bool on);
@@ -131,25 +101,12 @@ class SerialLine {
   struct Os;  // posix/serial_line.cpp, win32/serial_line.cpp
   explicit SerialLine(std::unique_ptr<Os> os);
 
-  // ---- What each system implements ---------------------------------------------------------
-
-  // Returns the bytes that the system holds; when it holds none, waits for the first one. 0: none
-  // came within `atMost`, or a signal came.
-  Result<std::size_t> Receive(std::span<std::byte> into, Milliseconds atMost);
-  Status PrepareReads();           // called when the read time-outs are set
-  Status PurgeDriver();            // discards what no read can reach yet
-  void NapFor(std::size_t bytes);  // as long as they need on the line, 1 ms at most
-
-  // ---- The same on every system (serial_line.cpp) ------------------------------------------
-
-  Result<std::size_t> ReadAhead(Milliseconds atMost);
-  std::size_t TakeAhead(std::span<std::byte> into);
+  Result<std::size_t> Receive(std::span<std::byte> into, Milliseconds atMost) override;
+  Status PrepareReads() override;
+  Status PurgeDriver() override;
+  void NapFor(std::size_t bytes) override;
 
   std::unique_ptr<Os> os_;
-  ReadTimeouts timeouts_;
-  std::unique_ptr<std::byte[]> ahead_ = std::make_unique<std::byte[]>(kMostReadAhead);
-  std::size_t begin_ = 0;
-  std::size_t end_ = 0;
 };
 
 }  // namespace kinetrel

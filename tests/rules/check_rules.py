@@ -32,8 +32,8 @@ may_include = {
     "src/engine": {"publish", "filters", "devices", "platform"},
     "src/app": src_libraries,
     "src/capi": src_libraries | {"app"},
-    # Only the serial Liberty is shared: our Liberty library is that driver behind the vendor's calls.
-    "src/vendor": {"platform", "drivers/liberty_line.h"},
+    # Only the Liberty on a line is shared: our library is that driver behind the vendor's calls.
+    "src/vendor": {"platform", "drivers/liberty_line.h", "drivers/liberty_table.h"},
     # An emulator that shared the driver's encoding would prove nothing.
     "tools/emulate": {"platform"},
     "tools/watch": {"publish", "platform"},

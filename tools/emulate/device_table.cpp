@@ -11,18 +11,24 @@
 namespace kinetrel::emulate {
 namespace {
 
-constexpr DeviceRow kDevices[] = {
+// The high-speed Liberty and the newer FASTRAK.
+const UsbIdentity kLibertyUsb = {
+    0x0F44, 0xFF20, true, {{0x82, false}, {0x04, false}, {0x06, false}, {0x88, false}}, 0x88};
+const UsbIdentity kFastrakUsb = {0x0F44, 0x0003, false, {{0x02, false}, {0x84, false}}, 0x84};
+
+const DeviceRow kDevices[] = {
     {"fastrak", "magnetic trackers of the FASTRAK family, 1 to 4 stations", 2, 115200,
-     FastrakOptions, MakeFastrak},
+     FastrakOptions, &kFastrakUsb, MakeFastrak},
     {"flock", "Flock of Birds, or a single Bird, through its master", 3, 115200, FlockOptions,
-     MakeFlock},
-    {"pan-tilt", "pan-tilt head with joint encoders", 1, 9600, PanTiltOptions, MakePanTilt},
+     nullptr, MakeFlock},
+    {"pan-tilt", "pan-tilt head with joint encoders", 1, 9600, PanTiltOptions, nullptr,
+     MakePanTilt},
     {"logitech", "Logitech head tracker, one sensor with buttons", 4, 19200, LogitechOptions,
-     MakeLogitech},
-    {"intertrax", "InterTrax, angles only", 9, 1200, IntertraxOptions, MakeIntertrax},
-    {"liberty", "Polhemus Liberty, up to 16 stations, through libpdi", 10, 115200, LibertyOptions,
-     MakeLiberty},
-    {"gps", "GPS receiver in TSIP, with satellites", 12, 9600, GpsOptions, MakeGps},
+     nullptr, MakeLogitech},
+    {"intertrax", "InterTrax, angles only", 9, 1200, IntertraxOptions, nullptr, MakeIntertrax},
+    {"liberty", "Polhemus Liberty, up to 16 stations, through libpdi or on USB", 10, 115200,
+     LibertyOptions, &kLibertyUsb, MakeLiberty},
+    {"gps", "GPS receiver in TSIP, with satellites", 12, 9600, GpsOptions, nullptr, MakeGps},
 };
 
 }  // namespace

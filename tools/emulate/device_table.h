@@ -12,6 +12,7 @@
 #include "emulate/emulated_device.h"
 #include "emulate/motion.h"
 #include "emulate/options.h"
+#include "platform/usb_device_port.h"
 
 namespace kinetrel::emulate {
 
@@ -21,6 +22,7 @@ struct DeviceRow {
   int kinetrelType;          // n of kinetrel -d n
   unsigned baud;             // of its line when power comes on
   OptionTable (*options)();  // its own options
+  const UsbIdentity* usb;    // what it is on USB; null: it has no USB
 
   // A refused option leaves a complaint in `options`; the device made is then not used.
   std::unique_ptr<EmulatedDevice> (*make)(OptionValues& options,

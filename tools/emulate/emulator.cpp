@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/clock.h"
+#include "platform/pseudo_terminal.h"
 
 namespace kinetrel::emulate {
 namespace {
@@ -64,7 +65,7 @@ void PortLink::Remove() {
 // ---- Opening ------------------------------------------------------------------------------------
 
 Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions& options,
-                   PseudoTerminal port)
+                   std::unique_ptr<DevicePort> port)
     : device_(std::move(device), options.line),
       port_(std::move(port)),
       link_(options.link),
@@ -72,10 +73,14 @@ Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions
       clock_(ClockTicks(), ClockTicksPerSecond()) {}
 
 Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice> device,
-                                                 const EmulatorOptions& options) {
-  auto port = PseudoTerminal::Open(options.line.baud);
-  if (!port.Ok()) return port.status();
-  std::shared_ptr<Emulator> emulator(new Emulator(std::move(device), options, std::move(*port)));
+                                                 const EmulatorOptions& options,
+                                                 std::unique_ptr<DevicePort> port) {
+  if (port == nullptr) {
+    auto terminal = PseudoTerminal::Open(options.line.baud);
+    if (!terminal.Ok()) return terminal.status();
+    port = std::make_unique<PseudoTerminal>(std::move(*terminal));
+  }
+  std::shared_ptr<Emulator> emulator(new Emulator(std::move(device), options, std::move(port)));
   if (const Status status = emulator->Link(); !status.Ok()) return status;
   return emulator;
 }
@@ -96,17 +101,17 @@ void Emulator::Run() {
     records_ = device_.line().records();
     const Moment next =
         std::min({device_.NextEvent(), replugAt_, now + EmulatorClock::kLongestStep / 2});
-    port_.Wait(next - Now());
+    port_->Wait(next - Now());
   }
 }
 
 void Emulator::Stop() {
   stop_ = true;
-  port_.Interrupt();
+  port_->Interrupt();
 }
 
 void Emulator::Deliver() {
-  const std::size_t taken = port_.Write(out_);
+  const std::size_t taken = port_->Write(out_);
   lost_ += out_.size() - taken;
   out_.clear();
 }
@@ -114,27 +119,27 @@ void Emulator::Deliver() {
 void Emulator::ReadHost(Moment now) {
   std::array<std::byte, 512> bytes;
   for (int i = 0; i < kMostReads; ++i) {
-    const std::size_t count = port_.Read(bytes);
+    const std::size_t count = port_->Read(bytes);
     NoticeHost(now);
     if (count == 0) break;
     device_.Receive(now, std::span(bytes).first(count));
-    if (i == kMostReads - 1) port_.Interrupt();  // the next round reads the rest
+    if (i == kMostReads - 1) port_->Interrupt();  // the next round reads the rest
   }
   PublishPort(now);  // a port whose host died was replaced
 }
 
 void Emulator::NoticeHost(Moment now) {
-  const bool present = port_.HasHost();
+  const bool present = port_->HasHost();
   if (present && !hostPresent_) device_.HostOpened(now);
   if (!present && hostPresent_) device_.line().Say(now, "the port is closed");
   hostPresent_ = present;
-  if (present) device_.SetHostBaud(now, port_.HostBaud());
+  if (present) device_.SetHostBaud(now, port_->HostBaud());
 }
 
 // ---- The plug -----------------------------------------------------------------------------------
 
 void Emulator::PullPlug(Moment replugAt) {
-  port_.Unplug();
+  port_->Unplug();
   hostPresent_ = false;
   replugAt_ = replugAt;
   const Moment now = Now();
@@ -145,21 +150,21 @@ void Emulator::PullPlug(Moment replugAt) {
 void Emulator::ServePlug(Moment now) {
   if (now < replugAt_) return;
   replugAt_ = kNever;
-  if (port_.IsPlugged()) return;
+  if (port_->IsPlugged()) return;
   // If the system has no free port now, try again later.
-  if (!port_.Plug(firstBaud_).Ok()) replugAt_ = now + std::chrono::seconds(1);
-  if (port_.IsPlugged()) device_.line().Say(now, "the port is plugged in: " + port_.path());
+  if (!port_->Plug(firstBaud_).Ok()) replugAt_ = now + std::chrono::seconds(1);
+  if (port_->IsPlugged()) device_.line().Say(now, "the port is plugged in: " + port_->path());
   PublishPort(now);
 }
 
 void Emulator::PublishPort(Moment now) {
-  if (port_.path() == linked_) return;
+  if (port_->path() == linked_) return;
   const Status status = Link();
   if (!status.Ok()) device_.line().Say(now, Describe(status));
 }
 
 Status Emulator::Link() {
-  linked_ = port_.path();
+  linked_ = port_->path();
   const Status status = link_.Point(linked_);
   const std::lock_guard lock(mutex_);
   published_ = link_.path().empty() || linked_.empty() ? linked_ : link_.path();
@@ -178,7 +183,7 @@ void Emulator::Post(Request request) {
     const std::lock_guard lock(mutex_);
     requests_.push_back(std::move(request));
   }
-  port_.Interrupt();
+  port_->Interrupt();
 }
 
 void Emulator::ServeRequests(Moment now) {
@@ -209,8 +214,9 @@ void Emulator::Plug() {
 // ---- In the background --------------------------------------------------------------------------
 
 Result<EmulatorThread> EmulatorThread::Start(std::unique_ptr<EmulatedDevice> device,
-                                             const EmulatorOptions& options) {
-  auto emulator = Emulator::Open(std::move(device), options);
+                                             const EmulatorOptions& options,
+                                             std::unique_ptr<DevicePort> port) {
+  auto emulator = Emulator::Open(std::move(device), options, std::move(port));
   if (!emulator.Ok()) return emulator.status();
   auto thread = Thread::Start([shared = *emulator] { shared->Run(); });
   if (!thread.Ok()) return thread.status();

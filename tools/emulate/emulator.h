@@ -1,4 +1,5 @@
-// A device on a real port: a pseudo-terminal that another program opens as its serial line.
+// A device on a real port: a pseudo-terminal that another program opens as its serial line, or a
+// USB device.
 #pragma once
 
 #include <atomic>
@@ -11,7 +12,7 @@
 #include <vector>
 
 #include "emulate/stepped_device.h"
-#include "platform/pseudo_terminal.h"
+#include "platform/device_port.h"
 #include "platform/status.h"
 #include "platform/thread.h"
 
@@ -51,8 +52,11 @@ class Emulator {
  public:
   // Invalid, Denied, NotFound: the link cannot be made. NoSpace: the system has no free
   // pseudo-terminal.
+  //
+  // port  null: a new pseudo-terminal.
   static Result<std::shared_ptr<Emulator>> Open(std::unique_ptr<EmulatedDevice> device,
-                                                const EmulatorOptions& options);
+                                                const EmulatorOptions& options,
+                                                std::unique_ptr<DevicePort> port = nullptr);
 
   void Run();   // until Stop
   void Stop();  // for good
@@ -73,7 +77,7 @@ class Emulator {
   using Request = std::function<void(Moment)>;
 
   Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions& options,
-           PseudoTerminal port);
+           std::unique_ptr<DevicePort> port);
 
   Moment Now();
   void Post(Request request);
@@ -88,7 +92,7 @@ class Emulator {
 
   // Used only by the thread in Run.
   SteppedDevice device_;
-  PseudoTerminal port_;
+  const std::unique_ptr<DevicePort> port_;
   PortLink link_;
   std::string linked_;  // the port's name that the link points at
   const unsigned firstBaud_;
@@ -110,7 +114,8 @@ class Emulator {
 class EmulatorThread {
  public:
   static Result<EmulatorThread> Start(std::unique_ptr<EmulatedDevice> device,
-                                      const EmulatorOptions& options);
+                                      const EmulatorOptions& options,
+                                      std::unique_ptr<DevicePort> port = nullptr);
   EmulatorThread(EmulatorThread&&) noexcept = default;
   EmulatorThread& operator=(EmulatorThread&&) = delete;
   ~EmulatorThread();

@@ -20,6 +20,9 @@ namespace {
 
 // ---- The command line ---------------------------------------------------------------------------
 
+// USB is so fast that a record is out at once.
+constexpr unsigned kUsbRate = 4'000'000'000;
+
 enum class EmulateRequest { Emulate, Help, Refuse };
 
 struct EmulateCommand {
@@ -29,6 +32,8 @@ struct EmulateCommand {
   std::unique_ptr<EmulatedDevice> device = {};
   EmulatorOptions options = {};
   bool show = false;
+  bool usb = false;
+  std::shared_ptr<UsbBus> bus = {};  // made when the emulation starts
 };
 
 constexpr OptionRow kCommonOptions[] = {
@@ -40,6 +45,7 @@ constexpr OptionRow kCommonOptions[] = {
     {"--seed", "NUMBER", "seed of chance and noise: the same seed gives the same faults (1)"},
     {"--baud", "RATE", "baud rate of the line (default: that of the device)"},
     {"--whole", "", "hand over each record in one piece, as a USB adapter does"},
+    {"--usb", "", "play it on USB instead, for hosts with the environment that is printed"},
     {"--show", "", "show what the host sends, in words"},
     {"--help", "", "print this text and end"},
 };
@@ -103,6 +109,11 @@ void ReadOptions(EmulateCommand& command, OptionValues& values) {
   line.baud = values.Get("--baud", command.row->baud, 50U, 4'000'000U);
   line.seed = values.Get<std::uint64_t>("--seed", 1, 0, UINT64_MAX);
   line.whole = values.Has("--whole");
+  command.usb = values.Has("--usb");
+  if (command.usb) {
+    if (command.row->usb == nullptr) values.Refuse("this device has no USB: --usb");
+    line.baud = kUsbRate;
+  }
   ReadFaults(values, line);
   command.options.link = values.Text("--link", "");
   command.show = values.Has("--show");
@@ -133,7 +144,13 @@ EmulateCommand ParseEmulateCommand(std::span<const char* const> arguments) {
 }
 
 // The lines that start kinetrel on this device.
-std::string HowToConnect(const DeviceRow& row, const std::string& port) {
+std::string HowToConnect(const EmulateCommand& command, const std::string& port) {
+  const DeviceRow& row = *command.row;
+  if (command.bus) {
+    std::string text;
+    for (const auto& [name, value] : command.bus->Environment()) text += name + "=" + value + " ";
+    return text + "kinetrel -d " + std::to_string(row.kinetrelType) + " -p " + port;
+  }
   return "KINETREL_COM1=" + port + " kinetrel -d " + std::to_string(row.kinetrelType);
 }
 
@@ -216,7 +233,7 @@ void ServeSignals(Emulator& emulator, UserSignals& signals) {
 }
 
 void TellPort(const EmulateCommand& command, const std::string& port) {
-  std::printf("  %s\n", HowToConnect(*command.row, port).c_str());
+  std::printf("  %s\n", HowToConnect(command, port).c_str());
   std::fflush(stdout);
 }
 
@@ -241,6 +258,21 @@ void Serve(const EmulateCommand& command, Emulator& emulator, UserSignals& signa
               static_cast<unsigned long long>(emulator.BytesLost()));
 }
 
+ExitCode CannotOpen(const Status& status) {
+  std::fprintf(stderr, "kinetrel-emulate: %s\n", Describe(status).c_str());
+  return ExitCode::CannotOpen;
+}
+
+Status PlugIntoUsb(EmulateCommand& command, std::unique_ptr<DevicePort>& port) {
+  auto bus = UsbBus::Make();
+  if (!bus.Ok()) return bus.status();
+  auto attached = (*bus)->Attach(1, *command.row->usb);
+  if (!attached.Ok()) return attached.status();
+  command.bus = std::move(*bus);
+  port = std::move(*attached);
+  return {};
+}
+
 ExitCode Emulate(EmulateCommand command) {
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);
@@ -252,12 +284,18 @@ ExitCode Emulate(EmulateCommand command) {
   }
   const std::string name = command.device->Name();
   const unsigned baud = command.options.line.baud;
-  auto emulator = EmulatorThread::Start(std::move(command.device), command.options);
-  if (!emulator.Ok()) {
-    std::fprintf(stderr, "kinetrel-emulate: %s\n", Describe(emulator.status()).c_str());
-    return ExitCode::CannotOpen;
+  std::unique_ptr<DevicePort> port;
+  if (command.usb) {
+    if (const Status plugged = PlugIntoUsb(command, port); !plugged.Ok())
+      return CannotOpen(plugged);
   }
-  std::printf("%s at %u baud on %s. In another terminal:\n", name.c_str(), baud,
+  auto emulator =
+      EmulatorThread::Start(std::move(command.device), command.options, std::move(port));
+  if (!emulator.Ok()) {
+    return CannotOpen(emulator.status());
+  }
+  const std::string rate = command.usb ? "" : " at " + std::to_string(baud) + " baud";
+  std::printf("%s%s on %s. In another terminal:\n", name.c_str(), rate.c_str(),
               (*emulator)->Port().c_str());
   TellPort(command, (*emulator)->Port());
   Serve(command, **emulator, signals, lines, stop);

@@ -34,7 +34,7 @@ std::uint32_t StationsOf(std::string_view field) {
 // ---- Life ---------------------------------------------------------------------------------------
 
 LibertyEmulator::LibertyEmulator(LibertySettings settings, std::shared_ptr<const Motion> motion)
-    : settings_(settings), motion_(std::move(motion)) {
+    : settings_(std::move(settings)), motion_(std::move(motion)) {
   SetFactory();
 }
 
@@ -103,7 +103,9 @@ void LibertyEmulator::Obey(Moment now, std::string_view command, DeviceLine& lin
       {Control('U'), &Self::Stations},
       {Control('T'), &Self::SelfTest},
       {Control('Y'), &Self::Restart},
+      {Control('V'), &Self::WhoAmI},
       {Control('R'), &Self::Take},
+      {'@', &Self::Take},
       {'A', &Self::Take},
       {'H', &Self::Take},
       {'L', &Self::Take},
@@ -207,6 +209,13 @@ void LibertyEmulator::Items(Moment now, std::string_view values, DeviceLine& lin
   for (unsigned i = 0; i < kStations; ++i) {
     if ((stations >> i & 1) != 0) items_[i] = items;
   }
+}
+
+void LibertyEmulator::WhoAmI(Moment now, std::string_view, DeviceLine& line) {
+  const std::string text = "Liberty emulator, unit " + settings_.unit + "\r\n";
+  WireWriter body;
+  body.U8(static_cast<unsigned>(std::popcount(Plugged(now)))).U8(0).U8(0).Text(text);
+  Answer(now, Control('V'), body, text, line);
 }
 
 void LibertyEmulator::SelfTest(Moment now, std::string_view values, DeviceLine& line) {
@@ -363,6 +372,7 @@ constexpr OptionRow kOptions[] = {
     {"--stations", "N", "number of sensors plugged in, from the first station on (1)"},
     {"--unplug", "N", "unplugs the sensor of station N from 3 s to 6 s after the start"},
     {"--bit", "WORD", "error word of its built-in test, 0 for none (0)"},
+    {"--unit", "NUMBER", "its serial number, which tells units apart (1)"},
     {"--blank-good", "", "send a blank, not 0, for no error"},
     {"--last-cycle", "", "send a frame with the command that ends the stream"},
 };
@@ -382,9 +392,10 @@ std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
     settings.unplugTo = std::chrono::seconds(6);
   }
   settings.bit = options.Get("--bit", 0U, 0U, 0xFFFFFFFFU);
+  settings.unit = options.Text("--unit", "1");
   settings.blankMeansGood = options.Has("--blank-good");
   settings.lastCycle = options.Has("--last-cycle");
-  return std::make_unique<LibertyEmulator>(settings, std::move(motion));
+  return std::make_unique<LibertyEmulator>(std::move(settings), std::move(motion));
 }
 
 }  // namespace kinetrel::emulate

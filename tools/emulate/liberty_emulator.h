@@ -5,8 +5,8 @@
 //   C     frames as they are measured        O    what is in a record    ^U   the active stations
 //   P     one frame, and no more (at once,   U    0 inches, 1 cm         ^T   its built-in test
 //         without a carriage return)         R    3 120 Hz, 4 240 Hz     ^R   no alignment
-//   F     0 text, 1 binary                   Z    external mark
-//   A H L N Q X Y B G    are accepted        ^Y   restarts it
+//   F     0 text, 1 binary                   Z    external mark          ^V   who it is
+//   A H L N Q X Y B G @  are accepted        ^Y   restarts it
 //
 // A frame is "LY", the station, the command that it answers, an error, a reserved byte, the size of
 // the rest in 16 bits, and the rest, little-endian. Every cycle sends one frame for each active
@@ -43,6 +43,7 @@ struct LibertySettings {
   std::uint32_t bit = 0;        // first word of the built-in test until it is cleared
   bool blankMeansGood = false;  // sends a blank, not 0, for no error
   bool lastCycle = false;       // a P that ends the stream sends a cycle too
+  std::string unit = "1";       // its number, with which it says who it is
 };
 
 class LibertyEmulator final : public EmulatedDevice {
@@ -80,6 +81,7 @@ class LibertyEmulator final : public EmulatedDevice {
   void Sync(Moment now, std::string_view values, DeviceLine& line);
   void Stations(Moment now, std::string_view values, DeviceLine& line);
   void Items(Moment now, std::string_view values, DeviceLine& line);
+  void WhoAmI(Moment now, std::string_view values, DeviceLine& line);
   void SelfTest(Moment now, std::string_view values, DeviceLine& line);
   void Counters(Moment now, std::string_view values, DeviceLine& line);
   void Stream(Moment now, std::string_view values, DeviceLine& line);

@@ -1,9 +1,7 @@
-// Receiving, the same on every system: what the system holds is read ahead in one call, and most
-// reads are then served without one.
-#include "platform/serial_line.h"
+// What the system holds is read ahead in one call, and most reads are then served without one.
+#include "platform/byte_line.h"
 
 #include <algorithm>
-#include <charconv>
 
 namespace kinetrel {
 namespace {
@@ -35,19 +33,10 @@ class ReadClock {
 
 }  // namespace
 
-std::optional<unsigned> ComNumber(const std::string& name) {
-  if (!name.starts_with("COM")) return std::nullopt;
-  unsigned number = 0;
-  const char* const end = name.data() + name.size();
-  const auto [stop, error] = std::from_chars(name.data() + 3, end, number);
-  if (error != std::errc() || stop != end) return std::nullopt;
-  return number;
-}
-
 // ---- The bytes read ahead ------------------------------------------------------------------
 
 // Returns how many came within `atMost`. A full buffer takes none until some are read.
-Result<std::size_t> SerialLine::ReadAhead(Milliseconds atMost) {
+Result<std::size_t> ByteLine::ReadAhead(Milliseconds atMost) {
   constexpr Milliseconds kWhileFull{10};
   if (HeldAhead() == kMostReadAhead) {
     SleepFor(std::min(atMost, kWhileFull));
@@ -63,7 +52,7 @@ Result<std::size_t> SerialLine::ReadAhead(Milliseconds atMost) {
   return came;
 }
 
-std::size_t SerialLine::TakeAhead(std::span<std::byte> into) {
+std::size_t ByteLine::TakeAhead(std::span<std::byte> into) {
   const std::size_t count = std::min(into.size(), HeldAhead());
   std::copy_n(ahead_.get() + begin_, count, into.data());
   begin_ += count;
@@ -72,12 +61,12 @@ std::size_t SerialLine::TakeAhead(std::span<std::byte> into) {
 
 // ---- Reading -------------------------------------------------------------------------------
 
-Status SerialLine::SetReadTimeouts(const ReadTimeouts& timeouts) {
+Status ByteLine::SetReadTimeouts(const ReadTimeouts& timeouts) {
   timeouts_ = timeouts;
   return PrepareReads();
 }
 
-Result<std::size_t> SerialLine::Read(std::span<std::byte> into) {
+Result<std::size_t> ByteLine::Read(std::span<std::byte> into) {
   ReadClock clock(timeouts_, into.size());
   std::size_t got = TakeAhead(into);
   if (got > 0) clock.BytesArrived();
@@ -93,7 +82,7 @@ Result<std::size_t> SerialLine::Read(std::span<std::byte> into) {
   return got;
 }
 
-Result<std::size_t> SerialLine::InputQueueLength() {
+Result<std::size_t> ByteLine::InputQueueLength() {
   const Result<std::size_t> came = ReadAhead(Milliseconds(0));
   if (!came.Ok() && HeldAhead() == 0) return came;
   return HeldAhead();
@@ -101,7 +90,7 @@ Result<std::size_t> SerialLine::InputQueueLength() {
 
 // Waiting for input ends with the first byte. A record that trickles in would end one wait for each
 // byte; so once it has begun, the missing bytes get the time that they need on the line.
-Status SerialLine::WaitForInput(std::size_t count, Milliseconds timeout) {
+Status ByteLine::WaitForInput(std::size_t count, Milliseconds timeout) {
   const Deadline deadline(timeout);
   for (bool trickling = false; HeldAhead() < count;) {
     const Milliseconds left = deadline.Remaining();
@@ -115,7 +104,7 @@ Status SerialLine::WaitForInput(std::size_t count, Milliseconds timeout) {
 }
 
 // A device that never pauses has always more.
-Status SerialLine::PurgeInput() {
+Status ByteLine::PurgeInput() {
   constexpr int kMostRounds = 4;
   if (const Status purged = PurgeDriver(); !purged.Ok()) return purged;
   for (int round = 0; round < kMostRounds; ++round) {

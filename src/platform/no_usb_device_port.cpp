@@ -1,0 +1,10 @@
+// A build without umockdev: there is no bus that this program could play a device on.
+#include "platform/usb_device_port.h"
+
+namespace kinetrel {
+
+Result<std::shared_ptr<UsbBus>> UsbBus::Make() {
+  return Status{Error::Unsupported, 0, "play a USB device: this build is without umockdev"};
+}
+
+}  // namespace kinetrel
