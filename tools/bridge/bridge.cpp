@@ -170,6 +170,11 @@ void Bridge::PublishFrames(Feed& feed, Output& output, std::span<const Pose> pos
 // -------------------------------------------------------------------
 
 void Bridge::Run() {
+  for (const Running& running : outputs_) {
+    if (options_.dryRun) break;
+    const bool server = running.feeds.front()->protocol->server;
+    Say(running.title + (server ? ": serves " : ": sends to ") + running.output->Place());
+  }
   lastTableNs_ = kinetrel_now_ns();
   nextTableNs_ = lastTableNs_ + options_.statusSeconds * 1000000000LL;
   for (Tracker& tracker : trackers_) {

@@ -14,6 +14,9 @@ constexpr std::int64_t kConnectNs = 2 * kSecondNs;
 constexpr std::int64_t kCookieNs = 5 * kSecondNs;
 constexpr std::int64_t kProgressNs = 10 * kSecondNs;
 
+// Bytes that the system may hold for a client: what is in there cannot be replaced by newer poses.
+constexpr int kSendBuffer = 16 * 1024;
+
 // Bytes. Poses replace each other, so only a client that asks and does not read gets there.
 constexpr std::size_t kMostWaiting = 256 * 1024;
 
@@ -36,6 +39,7 @@ void VrpnClient::Start() {
   }
   socket_.set_option(boost::asio::ip::tcp::no_delay(true), error);
   socket_.set_option(boost::asio::socket_base::keep_alive(true), error);
+  socket_.set_option(boost::asio::socket_base::send_buffer_size(kSendBuffer), error);
   greetBy_ = kinetrel_now_ns() + kCookieNs;
   if (called_) {
     VrpnMessages cookie;

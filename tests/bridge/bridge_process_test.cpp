@@ -1,0 +1,63 @@
+// kinetrel-bridge and what Linux does with a process: stopped, continued, asked to end.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <memory>
+#include <string>
+
+#include "tests/bridge/bridge_run.h"
+#include "tests/bridge/vrpn_client.h"
+
+namespace kinetrel::test {
+namespace {
+
+class BridgeProcess : public BridgeRun {
+ protected:
+  void SetUp() override {
+    OpenTracker();
+    const std::uint16_t port = FreePort();
+    bridge_ = Start({"vrpn://127.0.0.1:" + std::to_string(port), "--status", "1"});
+    ASSERT_TRUE(ExpectRunning(*bridge_)) << bridge_->error();
+    client_ = std::make_unique<VrpnTestClient>(port);
+    ASSERT_TRUE(WaitUntil([&] {
+      tracker_->Publish(-1);
+      client_->Hear();
+      return !client_->ear.heard.empty() && client_->ear.heard.back().type == kVrpnPose;
+    }));
+  }
+
+  std::unique_ptr<ChildProcess> bridge_;
+  std::unique_ptr<VrpnTestClient> client_;
+};
+
+TEST_F(BridgeProcess, ContinuedAfterAStopSendsTheNewestAndNoQueue) {
+  bridge_->Signal(SIGSTOP);
+  const std::int64_t begin = kinetrel_now_ns();
+  int published = 0;
+  while (kinetrel_now_ns() - begin < 1500000000) {  // the stop is long: this is what is tested
+    tracker_->Publish(++published, 4);
+    SleepFor(Milliseconds(4));
+  }
+  ASSERT_GT(published, 50);
+  client_->Hear();
+  client_->ear.heard.clear();
+  bridge_->Signal(SIGCONT);
+  int old = 0;
+  for (double x = 0; x != published;) {
+    const auto pose = client_->Next(kVrpnPose);
+    ASSERT_TRUE(pose.has_value());
+    x = pose->F64(8);
+    if (x != published) ++old;
+  }
+  EXPECT_LE(old, 8);  // a frame or two that it held when it was stopped
+}
+
+TEST_F(BridgeProcess, EndsWhenAskedAndFreesItsPort) {
+  bridge_->Signal(SIGTERM);
+  EXPECT_EQ(bridge_->Wait(), 0);
+  EXPECT_TRUE(client_->ExpectClosed());
+  EXPECT_EQ(bridge_->output(), "");
+}
+
+}  // namespace
+}  // namespace kinetrel::test
