@@ -8,7 +8,6 @@ namespace kinetrel::bridge {
 namespace {
 
 constexpr std::string_view kBundle{"#bundle\0", 8};
-constexpr std::size_t kBundleHead = 16;  // the word and the time tag
 constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr std::int64_t kFrom1900To1970 = 2208988800;  // s
 
