@@ -42,6 +42,8 @@ namespace Kinetrel
 
         public bool HasPosition { get { return (Flags & 1) != 0; } }
         public bool HasOrientation { get { return (Flags & 2) != 0; } }
+        /// <summary>Whether the pose went through filters; see KinetrelStream.DevicePose.</summary>
+        public bool IsFiltered { get { return (Flags & 0x800) != 0; } }
 
         /// <summary>Seconds since the device took the sample.</summary>
         public double Age { get { return (KinetrelStream.NowNs - SampleNs) * 1e-9; } }
@@ -59,10 +61,12 @@ namespace Kinetrel
     {
         // ---- Layout: include/kinetrel/stream.h; tests/csharp compares the two ----
         const uint Version = 1;
-        const int HeadSize = 112, LiveSize = 64, RunSize = 1632, RecordSize = 104, LogLineSize = 256;
+        const int HeadSize = 112, LiveSize = 64, RunSize = 1632, RecordSize = 104, LogLineSize = 256,
+                  DevicePoseSize = 64;
         const int Sensors = 32;
         const int Instance = 24, LiveOffset = 40, RunOffset = 48, SensorOffset = 56, LogOffset = 64,
-                  RingOffset = 76;
+                  RingOffset = 76, DevicePoseOffset = 88;
+        const uint PoseBits = 0x703, FilterBits = 0x1800;
         const int Newest = 0, Arrivals = 8, Heartbeat = 24;
         const int RunState = 40, RunStateText = 160, RunStateTextSize = 256, RunDeviceName = 416,
                   RunDeviceNameSize = 128;
@@ -159,6 +163,8 @@ namespace Kinetrel
                         Fits(head, SensorOffset, U32(head, 60), U32(head, 84), RecordSize) &&
                         Fits(head, LogOffset, U32(head, 68), U32(head, 72), LogLineSize) &&
                         Fits(head, RingOffset, U32(head, 80), U32(head, 84), RecordSize) &&
+                        (U32(head, DevicePoseOffset) == 0 ||
+                         Fits(head, DevicePoseOffset, U32(head, 80), U32(head, 92), DevicePoseSize)) &&
                         U32(head, 80) >= Sensors;
             return fits ? null : Foreign;
         }
@@ -225,23 +231,29 @@ namespace Kinetrel
             return text.ToString();
         }
 
+        // The pose at `at` in the copy.
+        void Pose(ref KinetrelRecord record, int at)
+        {
+            record.X = BitConverter.ToDouble(copy, at);
+            record.Y = BitConverter.ToDouble(copy, at + 8);
+            record.Z = BitConverter.ToDouble(copy, at + 16);
+            record.QW = BitConverter.ToSingle(copy, at + 24);
+            record.QX = BitConverter.ToSingle(copy, at + 28);
+            record.QY = BitConverter.ToSingle(copy, at + 32);
+            record.QZ = BitConverter.ToSingle(copy, at + 36);
+            record.Azimuth = BitConverter.ToSingle(copy, at + 40);
+            record.Elevation = BitConverter.ToSingle(copy, at + 44);
+            record.Roll = BitConverter.ToSingle(copy, at + 48);
+        }
+
         KinetrelRecord Record()
         {
-            KinetrelRecord record;
+            KinetrelRecord record = default(KinetrelRecord);
             record.Number = U64(copy, 0) / 2;
             record.Frame = U64(copy, 8);
             record.SampleNs = BitConverter.ToInt64(copy, 16);
             record.PublishNs = BitConverter.ToInt64(copy, 24);
-            record.X = BitConverter.ToDouble(copy, 32);
-            record.Y = BitConverter.ToDouble(copy, 40);
-            record.Z = BitConverter.ToDouble(copy, 48);
-            record.QW = BitConverter.ToSingle(copy, 56);
-            record.QX = BitConverter.ToSingle(copy, 60);
-            record.QY = BitConverter.ToSingle(copy, 64);
-            record.QZ = BitConverter.ToSingle(copy, 68);
-            record.Azimuth = BitConverter.ToSingle(copy, 72);
-            record.Elevation = BitConverter.ToSingle(copy, 76);
-            record.Roll = BitConverter.ToSingle(copy, 80);
+            Pose(ref record, 32);
             record.Sensor = (int)U32(copy, 84) + 1;
             record.Flags = U32(copy, 88);
             record.DeviceCode = BitConverter.ToInt32(copy, 92);
@@ -341,6 +353,19 @@ namespace Kinetrel
             long at = U32(head, SensorOffset) + (long)(sensor - 1) * U32(head, 84);
             if (!CopyWhole(at, RecordSize) || U64(copy, 0) == 0) return false;
             record = Record();
+            return true;
+        }
+
+        /// <summary>A filtered record with the device's own pose. False: overwritten since then.</summary>
+        public bool DevicePose(KinetrelRecord record, out KinetrelRecord own)
+        {
+            own = record;
+            if (!record.IsFiltered) return true;
+            if (section == null || U32(head, DevicePoseOffset) == 0) return false;
+            long at = U32(head, DevicePoseOffset) + (long)(record.Number % U32(head, 80)) * U32(head, 92);
+            if (TryCopy(at, DevicePoseSize) != 2 * record.Number) return false;
+            Pose(ref own, 8);
+            own.Flags = record.Flags & ~(PoseBits | FilterBits) | U32(copy, 60) & PoseBits;
             return true;
         }
 

@@ -233,9 +233,24 @@ enum kinetrel_mapping_attribute_id {
   kinetrel_mapping_latency = 7 /* 1 to 4 floats, as above; seconds from sample to publication */
 };
 
+enum kinetrel_filter_type {
+  kinetrel_offset_filter = 3,
+  kinetrel_filter_chain = 9,
+  kinetrel_rigid_transform_filter = 32
+};
+
 /* Adds a filter to a mapping, which is made if it does not exist. Returns the index of the filter,
- * or -1. No filter type can be added yet, so the result is always -1. */
+ * or -1. No filter can be added by number, so the result is always -1: see
+ * kinetrel_add_filter_named. */
 int kinetrel_add_filter(kinetrel_engine* engine, const int key[3], int type);
+
+/* Adds a filter to the end of a mapping's list, also while sampling. The mapping must exist.
+ *
+ * text     the name of the filter and its parameters: "rigid:translation-m=0.1/0/2.5,scale=2".
+ *          docs/filters.md lists all. A key that is left out keeps its standard value.
+ * Returns  the index of the filter; -1 if it cannot be made.
+ */
+int kinetrel_add_filter_named(kinetrel_engine* engine, const int key[3], const char* text);
 
 /* Removes all filters of a mapping, which is made if it does not exist. */
 int kinetrel_clear_filters(kinetrel_engine* engine, const int key[3]);
@@ -246,7 +261,7 @@ int kinetrel_clear_filter(kinetrel_engine* engine, const int key[3], int index);
 /* Reads the number of filters of a mapping. */
 int kinetrel_get_num_filters(kinetrel_engine* engine, const int key[3], int* count);
 
-/* Reads the type of a filter: 3 for an offset, 9 for a chain. */
+/* Reads the type of a filter: a kinetrel_filter_type. */
 int kinetrel_get_filter_type(kinetrel_engine* engine, const int key[3], int index, int* type);
 
 /* Swaps a filter with the one before it (`up` nonzero) or after it. */

@@ -59,12 +59,13 @@ extern "C" {
 /* ---- Layout --------------------------------------------------------------------------------
  *
  * The object holds, in the machine's byte order (little-endian): the head, the live words, the run,
- * the newest record of each sensor, the log, and the ring of records. The head tells where each
- * part lies and how large its entries are, which later versions may make larger.
+ * the newest record of each sensor, the log, the ring of records, and the ring of the device's own
+ * poses. The head tells where each part lies and how large its entries are, which later versions
+ * may make larger.
  *
- * Run, records and log lines begin with a 64-bit sequence number that is odd while the writer
- * changes the entry. A reader loads it, copies the entry, loads it again, and has a whole entry if
- * both are the same even number. */
+ * Run, records, log lines and poses begin with a 64-bit sequence number that is odd while the
+ * writer changes the entry. A reader loads it, copies the entry, loads it again, and has a whole
+ * entry if both are the same even number. */
 
 enum {
   kinetrel_stream_version = 1,
@@ -96,7 +97,9 @@ typedef struct kinetrel_stream_head {
   uint32_t ring_offset; /* record n is entry n % ring_count */
   uint32_t ring_count;
   uint32_t record_size;
-  uint64_t reserved[3];
+  uint32_t device_pose_offset; /* of record n: entry n % ring_count; 0: the stream has none */
+  uint32_t device_pose_size;
+  uint64_t reserved[2];
 } kinetrel_stream_head;
 
 /* Words that change all the time. Each is loaded by itself. */
@@ -112,12 +115,15 @@ typedef struct kinetrel_stream_live {
 /* Bits of kinetrel_record.flags. What is not valid is NaN. */
 enum {
   kinetrel_position_valid = 1 << 0,
-  kinetrel_orientation_valid = 1 << 1, /* quaternion and angles */
-  kinetrel_buttons_valid = 1 << 2,     /* for the bits of buttons_known */
-  kinetrel_code_valid = 1 << 3,        /* device_code */
-  kinetrel_device_position = 1 << 8,   /* the device itself delivered the position */
-  kinetrel_device_angles = 1 << 9,     /* ... azimuth, elevation and roll */
-  kinetrel_device_quaternion = 1 << 10 /* ... the quaternion; else computed from the angles */
+  kinetrel_orientation_valid = 1 << 1,  /* quaternion and angles */
+  kinetrel_buttons_valid = 1 << 2,      /* for the bits of buttons_known */
+  kinetrel_code_valid = 1 << 3,         /* device_code */
+  kinetrel_device_position = 1 << 8,    /* the device itself delivered the position */
+  kinetrel_device_angles = 1 << 9,      /* ... azimuth, elevation and roll */
+  kinetrel_device_quaternion = 1 << 10, /* ... the quaternion; else computed from the angles */
+  kinetrel_filtered = 1 << 11,          /* the pose went through filters; the device's own one is
+                                           asked with kinetrel_stream_device_pose */
+  kinetrel_filter_failed = 1 << 12      /* and at least one of them could not work on it */
 };
 
 /* What the device said of one sensor at one moment. */
@@ -136,6 +142,15 @@ typedef struct kinetrel_record {
   uint32_t buttons;     /* bit i is button i */
   uint32_t buttons_known;
 } kinetrel_record;
+
+/* The pose of a filtered record as it would be without filters. */
+typedef struct kinetrel_device_pose {
+  uint64_t number;      /* of the record; in shared memory the sequence number, as of a record */
+  double position[3];   /* as of a record ... */
+  float orientation[4]; /* ... */
+  float angles[3];      /* ... */
+  uint32_t flags;       /* only the bits of position and orientation */
+} kinetrel_device_pose;
 
 typedef enum kinetrel_state {
   kinetrel_state_unknown = 0,
@@ -212,6 +227,8 @@ KINETREL_AT(kinetrel_stream_head, log_line_size, 72);
 KINETREL_AT(kinetrel_stream_head, ring_offset, 76);
 KINETREL_AT(kinetrel_stream_head, ring_count, 80);
 KINETREL_AT(kinetrel_stream_head, record_size, 84);
+KINETREL_AT(kinetrel_stream_head, device_pose_offset, 88);
+KINETREL_AT(kinetrel_stream_head, device_pose_size, 92);
 KINETREL_LAYOUT(sizeof(kinetrel_stream_head) == 112);
 KINETREL_AT(kinetrel_stream_live, newest, 0);
 KINETREL_AT(kinetrel_stream_live, arrivals, 8);
@@ -230,6 +247,11 @@ KINETREL_AT(kinetrel_record, device_code, 92);
 KINETREL_AT(kinetrel_record, buttons, 96);
 KINETREL_AT(kinetrel_record, buttons_known, 100);
 KINETREL_LAYOUT(sizeof(kinetrel_record) == 104);
+KINETREL_AT(kinetrel_device_pose, position, 8);
+KINETREL_AT(kinetrel_device_pose, orientation, 32);
+KINETREL_AT(kinetrel_device_pose, angles, 48);
+KINETREL_AT(kinetrel_device_pose, flags, 60);
+KINETREL_LAYOUT(sizeof(kinetrel_device_pose) == 64);
 KINETREL_AT(kinetrel_run, clock_ns, 8);
 KINETREL_AT(kinetrel_run, utc_ns, 16);
 KINETREL_AT(kinetrel_run, started_ns, 24);
@@ -354,6 +376,13 @@ static inline uint64_t kinetrel_stream_lost(const kinetrel_stream* stream);
 static inline kinetrel_stream_result kinetrel_stream_newest(kinetrel_stream* stream,
                                                             unsigned sensor,
                                                             kinetrel_record* record);
+
+/* The device's own pose of a record that this stream has returned; ask before the next call of
+ * kinetrel_stream_next. Of a record without the bit kinetrel_filtered it is the record's.
+ * Returns  ok, none (overwritten since then), invalid. */
+static inline kinetrel_stream_result kinetrel_stream_device_pose(kinetrel_stream* stream,
+                                                                 const kinetrel_record* record,
+                                                                 kinetrel_device_pose* pose);
 
 /* The run as it was last written; texts end with a zero and have no control characters.
  * Returns  ok, busy, invalid (also while the next writer is awaited). */
@@ -635,6 +664,9 @@ static inline kinetrel_stream_result kinetrel_take_head_(kinetrel_stream* stream
                            sizeof(kinetrel_log_line)) ||
       !kinetrel_part_fits_(&head, head.ring_offset, head.ring_count, head.record_size,
                            sizeof(kinetrel_record)) ||
+      (head.device_pose_offset != 0 &&
+       !kinetrel_part_fits_(&head, head.device_pose_offset, head.ring_count, head.device_pose_size,
+                            sizeof(kinetrel_device_pose))) ||
       head.ring_count < kinetrel_stream_sensors) {
     return kinetrel_stream_not_a_stream;
   }
@@ -842,6 +874,33 @@ static inline kinetrel_stream_result kinetrel_stream_newest(kinetrel_stream* str
   if (!kinetrel_copy_whole_(record, entry, sizeof *record)) return kinetrel_stream_busy;
   if (record->number == 0) return kinetrel_stream_none;
   record->number /= 2;
+  return kinetrel_stream_ok;
+}
+
+static inline kinetrel_stream_result kinetrel_stream_device_pose(kinetrel_stream* stream,
+                                                                 const kinetrel_record* record,
+                                                                 kinetrel_device_pose* pose) {
+  const uint32_t pose_bits = kinetrel_position_valid | kinetrel_orientation_valid |
+                             kinetrel_device_position | kinetrel_device_angles |
+                             kinetrel_device_quaternion;
+  const unsigned char* entry;
+  if (!kinetrel_is_open_(stream)) return kinetrel_stream_invalid;
+  if ((record->flags & kinetrel_filtered) == 0) {
+    pose->number = record->number;
+    memcpy(pose->position, record->position, sizeof pose->position);
+    memcpy(pose->orientation, record->orientation, sizeof pose->orientation);
+    memcpy(pose->angles, record->angles, sizeof pose->angles);
+    pose->flags = record->flags & pose_bits;
+    return kinetrel_stream_ok;
+  }
+  if (stream->memory == NULL || stream->head.device_pose_offset == 0) return kinetrel_stream_none;
+  entry = stream->memory + stream->head.device_pose_offset +
+          (size_t)(record->number % stream->head.ring_count) * stream->head.device_pose_size;
+  if (kinetrel_try_copy_(pose, entry, sizeof *pose) != 2 * record->number) {
+    return kinetrel_stream_none;
+  }
+  pose->number = record->number;
+  pose->flags &= pose_bits;
   return kinetrel_stream_ok;
 }
 

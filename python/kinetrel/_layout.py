@@ -37,7 +37,8 @@ HEAD = Layout(
     ("writer_pid", "I"), ("slot", "I"), ("live_offset", "I"), ("live_size", "I"),
     ("run_offset", "I"), ("run_size", "I"), ("sensor_offset", "I"), ("sensor_count", "I"),
     ("log_offset", "I"), ("log_count", "I"), ("log_line_size", "I"), ("ring_offset", "I"),
-    ("ring_count", "I"), ("record_size", "I"), ("reserved", "3Q"))
+    ("ring_count", "I"), ("record_size", "I"), ("device_pose_offset", "I"),
+    ("device_pose_size", "I"), ("reserved", "2Q"))
 
 LIVE = Layout(
     ("newest", "Q"), ("arrivals", "I"), ("reserved0", "I"), ("log_newest", "Q"),
@@ -47,6 +48,9 @@ RECORD = Layout(
     ("number", "Q"), ("frame", "Q"), ("sample_ns", "q"), ("publish_ns", "q"), ("position", "3d"),
     ("orientation", "4f"), ("angles", "3f"), ("sensor", "I"), ("flags", "I"), ("device_code", "i"),
     ("buttons", "I"), ("buttons_known", "I"))
+
+DEVICE_POSE = Layout(
+    ("number", "Q"), ("position", "3d"), ("orientation", "4f"), ("angles", "3f"), ("flags", "I"))
 
 RUN = Layout(
     ("sequence", "Q"), ("clock_ns", "q"), ("utc_ns", "q"), ("started_ns", "q"),
@@ -70,6 +74,9 @@ POSITION_VALID = 1 << 0
 ORIENTATION_VALID = 1 << 1
 BUTTONS_VALID = 1 << 2
 CODE_VALID = 1 << 3
+FILTERED = 1 << 11
+FILTER_FAILED = 1 << 12
+POSE_BITS = POSITION_VALID | ORIENTATION_VALID | 7 << 8
 
 
 def text(raw: bytes) -> str:

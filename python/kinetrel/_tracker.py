@@ -52,6 +52,11 @@ class Record(NamedTuple):
     def has_orientation(self) -> bool:
         return bool(self.flags & layout.ORIENTATION_VALID)
 
+    @property
+    def filtered(self) -> bool:
+        """Whether the pose went through filters; see Tracker.device_pose."""
+        return bool(self.flags & layout.FILTERED)
+
 
 class Frame:
     """The records of one device frame, in the order in which they came."""
@@ -164,6 +169,9 @@ class Tracker:
                  ("sensor_offset", head["sensor_count"], head["record_size"], layout.RECORD.size),
                  ("log_offset", head["log_count"], head["log_line_size"], layout.LOG_LINE.size),
                  ("ring_offset", head["ring_count"], head["record_size"], layout.RECORD.size))
+        if head["device_pose_offset"] != 0:
+            parts += (("device_pose_offset", head["ring_count"], head["device_pose_size"],
+                       layout.DEVICE_POSE.size),)
         fits = (head["head_size"] >= layout.HEAD.size and head["total_size"] <= mapping.size and
                 head["instance"] != 0 and head["ring_count"] >= layout.SENSORS)
         for name, count, size, known in parts:
@@ -390,6 +398,20 @@ class Tracker:
         offset = self._head["sensor_offset"] + (sensor - 1) * self._record_size
         fields = self._whole(layout.RECORD, offset)
         return self._record(fields) if fields is not None and fields[0] != 0 else None
+
+    def device_pose(self, record: Record) -> Optional[Record]:
+        """A filtered record with the device's own pose. None: overwritten since then."""
+        if not record.filtered:
+            return record
+        if self._mapping is None or self._head["device_pose_offset"] == 0:
+            return None
+        entry = record.number % self._ring_count * self._head["device_pose_size"]
+        f = self._whole(layout.DEVICE_POSE, self._head["device_pose_offset"] + entry)
+        if f is None or f[0] != 2 * record.number:
+            return None
+        flags = record.flags & ~(layout.POSE_BITS | layout.FILTERED | layout.FILTER_FAILED)
+        return record._replace(position=f[1:4], orientation=f[4:8], angles=f[8:11],
+                               flags=flags | f[11] & layout.POSE_BITS)
 
     def latest_all(self) -> Dict[int, Record]:
         """The newest record of every sensor that has sent one."""

@@ -7,11 +7,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "devices/pose.h"
 #include "engine/start_config.h"
+#include "filters/filter_spec.h"
 #include "platform/console.h"
 #include "publish/shared_track_block.h"
 
@@ -285,10 +288,54 @@ constexpr Option kOptions[] = {
     {'z', SetStreaming},
 };
 
+// ---- Long options ----------------------------------------------------------------------------
+
+constexpr std::string_view kFilterOption = "--filter";
+
+// Tries the filters as well, so that a mistake ends the program before it opens the tracker.
+bool AddFilters(StartConfig& config, const std::string& value) {
+  std::vector<FilterSpec> specs;
+  std::string error;
+  bool read = false;
+  if (value.starts_with('@')) {
+    read = ReadFilterFile(value.substr(1), specs, error);
+  } else {
+    read = ReadFilterSpec(value, specs.emplace_back(), error);
+  }
+  for (const FilterSpec& spec : specs) read = read && MakeFilter(spec.text, error) != nullptr;
+  if (!read) {
+    PrintError("\n\tFilter %s: %s", value.c_str(), error.c_str());
+    return false;
+  }
+  for (const FilterSpec& spec : specs) {
+    PrintError("\n\tFilter %s for sensors 0x%x.", spec.text.c_str(), spec.sensors);
+    config.filters.push_back(spec);
+  }
+  return true;
+}
+
+// Whether the argument at `at` is a long option. Moves `at` past it and its value, and applies it.
+std::optional<Outcome> ApplyLongOption(Options& options, int count, const char* const* arguments,
+                                       int& at) {
+  std::string_view argument = arguments[at];
+  if (!argument.starts_with(kFilterOption)) return std::nullopt;
+  argument.remove_prefix(kFilterOption.size());
+  if (!argument.empty() && argument[0] != '=') return std::nullopt;
+  ++at;
+  std::string value;
+  if (!argument.empty()) {
+    value = argument.substr(1);
+  } else if (at < count) {
+    value = arguments[at++];
+  }
+  return AddFilters(options.config, value) ? Outcome::Applied : Outcome::Rejected;
+}
+
 // ---- Parsing ---------------------------------------------------------------------------------
 
 // Applies the option at `arguments[at]` and moves `at` past it and its value.
 Outcome ApplyOption(Options& options, int count, const char* const* arguments, int& at) {
+  if (const auto outcome = ApplyLongOption(options, count, arguments, at)) return *outcome;
   const std::string argument = arguments[at++];
   if (!BeginsOption(argument.c_str()) || argument.size() < 2) return Outcome::Rejected;
   const char letter = static_cast<char>(std::tolower(static_cast<unsigned char>(argument[1])));
@@ -330,6 +377,7 @@ void PrintUsage(const char* program, const StartConfig& config) {
   PrintError("\n\t-w {SHMEMID} \tShared Memory ID to write: <same as port>");
   PrintError("\n\t-z {+/-}     \tStreaming(+) vs. polled(-): <%s>",
              config.streaming != 0 ? "streaming" : "polled");
+  PrintError("\n\t--filter {NAME:KEY=VALUE,...}\tFilter the poses; see docs/filters.md");
 }
 
 }  // namespace

@@ -224,6 +224,15 @@ int kinetrel_add_filter(kinetrel_engine* engine, const int key[3], int type) {
   return index;
 }
 
+int kinetrel_add_filter_named(kinetrel_engine* engine, const int key[3], const char* text) {
+  int index = -1;
+  Guarded(engine, [&](TrackerEngine& e) {
+    index = e.AddFilterNamed(key, text);
+    return true;
+  });
+  return index;
+}
+
 int kinetrel_clear_filters(kinetrel_engine* engine, const int key[3]) {
   return Guarded(engine, [&](TrackerEngine& e) { return e.ClearFilters(key); });
 }

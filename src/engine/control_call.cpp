@@ -5,7 +5,12 @@ namespace kinetrel {
 ControlCall::ControlCall(EngineState& state, const char* name)
     : state_(state), name_(name), pending_(state.pendingCalls), lock_(state.mutex) {}
 
-ControlCall::~ControlCall() {
+// Not checked: whether the locks are held shows at run time.
+ControlCall::~ControlCall() NO_THREAD_SAFETY_ANALYSIS {
+  if (usesFilters_) {
+    state_.filters.Changed();
+    state_.filters.mutex.unlock();
+  }
   if (used_ != nullptr) used_->inUse().unlock();
 }
 
@@ -43,13 +48,21 @@ Mapping* ControlCall::FindMapping(const int key[3]) {
   return nullptr;
 }
 
-Filter* ControlCall::FindFilter(const int key[3], int index) {
-  Mapping* const mapping = FindMapping(key);
-  return mapping != nullptr ? FindFilter(*mapping, index) : nullptr;
+// Not checked: the filters stay locked until the destructor.
+FilterChain& ControlCall::UseFilters(const int key[3]) NO_THREAD_SAFETY_ANALYSIS {
+  if (!usesFilters_) state_.filters.mutex.lock();
+  usesFilters_ = true;
+  return state_.filters.ChainOf(KeyFrom(key));
 }
 
-Filter* ControlCall::FindFilter(Mapping& mapping, int index) {
-  Filter* const filter = mapping.filters.GetFilter(index);
+FilterChain* ControlCall::FindFilters(const int key[3]) {
+  return FindMapping(key) != nullptr ? &UseFilters(key) : nullptr;
+}
+
+Filter* ControlCall::FindFilter(const int key[3], int index) {
+  FilterChain* const filters = FindFilters(key);
+  if (filters == nullptr) return nullptr;
+  Filter* const filter = filters->GetFilter(index);
   if (filter == nullptr) {
     state_.status.SetStatusF(StatusCode::Refused, "%s: Filter %d doesn't exist", name_, index);
   }

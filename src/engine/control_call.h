@@ -26,7 +26,10 @@ class SCOPED_CAPABILITY ControlCall {
   bool IsOpen();
   bool IsGiven(const void* pointer, const char* argument);  // false for null
   Mapping* FindMapping(const int key[3]);
-  Filter* FindFilter(Mapping& mapping, int index);
+
+  // The filters of a mapping. The call holds their lock from here to its end.
+  FilterChain& UseFilters(const int key[3]);
+  FilterChain* FindFilters(const int key[3]);  // null: no such mapping
   Filter* FindFilter(const int key[3], int index);
 
   bool Refuse(const char* reason,
@@ -60,6 +63,7 @@ class SCOPED_CAPABILITY ControlCall {
   const Pending pending_;
   EngineLock lock_;
   std::shared_ptr<TrackerDevice> used_;  // this call holds its inUse()
+  bool usesFilters_ = false;             // this call holds the filters' lock
 };
 
 // A key as hosts pass it: device, bin, pose index.

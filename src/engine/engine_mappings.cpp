@@ -4,10 +4,14 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
 
 #include "devices/bounded_text.h"
 #include "engine/control_call.h"
 #include "engine/tracker_engine.h"
+#include "filters/filter_spec.h"
 #include "publish/shared_track_reader.h"
 #include "publish/shared_track_writer.h"
 
@@ -131,11 +135,12 @@ bool TrackerEngine::SetMapping(const int key[3], int sensor) {
   const MappingKey here = {state_->config.shmDevice, key[1], key[2]};
   if (sensor < 0) {
     state_->mappings.erase(here);
+    state_->filters.Remove(here);
     return true;
   }
   // A destination or a sensor that can never be published is a mistake of the host.
   if (!IsDestination(key) || sensor >= kPoseSlots) return call.Refuse("Invalid Mapping");
-  state_->MappingAt(here).sensor = sensor;
+  state_->MapSensor(here, sensor);
   return true;
 }
 
@@ -146,29 +151,45 @@ int TrackerEngine::AddFilter(const int key[3], int filterType) {
   if (!call.IsOpen()) return 0;
   if (!call.IsGiven(key, "key")) return -1;
   if (!IsDestination(key)) call.Refuse("Invalid Mapping");
-  return IsDestination(key) ? state_->MappingAt(KeyFrom(key)).filters.AddFilter(filterType) : -1;
+  if (!IsDestination(key)) return -1;
+  state_->MappingAt(KeyFrom(key));
+  return call.UseFilters(key).AddFilter(filterType);
+}
+
+// The filter is made before the filters are locked: it may read a file.
+int TrackerEngine::AddFilterNamed(const int key[3], const char* text) {
+  std::string error;
+  std::unique_ptr<Filter> filter = text != nullptr ? MakeFilter(text, error) : nullptr;
+  ControlCall call(*state_, "AddFilterNamed");
+  if (!call.IsOpen() || !call.IsGiven(text, "text") || call.FindMapping(key) == nullptr) return -1;
+  if (filter == nullptr) {
+    call.Refuse(error.c_str());
+    return -1;
+  }
+  return call.UseFilters(key).Append(std::move(filter));
 }
 
 bool TrackerEngine::ClearFilters(const int key[3]) {
   ControlCall call(*state_, "ClearFilters");
   if (!call.IsOpen() || !call.IsGiven(key, "key")) return false;
   if (!IsDestination(key)) return call.Refuse("Invalid Mapping");
-  state_->MappingAt(KeyFrom(key)).filters.ClearFilters();
+  state_->MappingAt(KeyFrom(key));
+  call.UseFilters(key).ClearFilters();
   return true;
 }
 
 bool TrackerEngine::ClearFilter(const int key[3], int index) {
   ControlCall call(*state_, "ClearFilter");
-  Mapping* const mapping = call.IsOpen() ? call.FindMapping(key) : nullptr;
-  return mapping != nullptr && mapping->filters.RemoveFilter(index);
+  FilterChain* const filters = call.IsOpen() ? call.FindFilters(key) : nullptr;
+  return filters != nullptr && filters->RemoveFilter(index);
 }
 
 bool TrackerEngine::GetNumFilters(const int key[3], int* count) {
   ControlCall call(*state_, "GetNumFilters");
   if (!call.IsOpen() || count == nullptr) return false;
-  Mapping* const mapping = call.FindMapping(key);
-  if (mapping == nullptr) return false;
-  *count = mapping->filters.GetNumFilters();
+  FilterChain* const filters = call.FindFilters(key);
+  if (filters == nullptr) return false;
+  *count = filters->GetNumFilters();
   return true;
 }
 
@@ -183,8 +204,8 @@ bool TrackerEngine::GetFilterType(const int key[3], int index, int* type) {
 
 bool TrackerEngine::MoveFilter(const int key[3], int index, bool up) {
   ControlCall call(*state_, "MoveFilter");
-  Mapping* const mapping = call.IsOpen() ? call.FindMapping(key) : nullptr;
-  return mapping != nullptr && mapping->filters.MoveFilter(index, up);
+  FilterChain* const filters = call.IsOpen() ? call.FindFilters(key) : nullptr;
+  return filters != nullptr && filters->MoveFilter(index, up);
 }
 
 bool TrackerEngine::EnableFilter(const int key[3], int index, bool enable) {
@@ -211,7 +232,7 @@ bool TrackerEngine::GetFilterEnabled(const int key[3], int index, bool* enabled)
 Filter* TrackerEngine::SettableFilter(ControlCall& call, const int key[3], int index) {
   Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return nullptr;
-  if (index != kMappingItself) return call.FindFilter(*mapping, index);
+  if (index != kMappingItself) return call.FindFilter(key, index);
   state_->status.SetStatus(StatusCode::Refused,
                            "SetFilterAttributeInt: No settable Mapping Attributes");
   return nullptr;
@@ -254,7 +275,7 @@ bool TrackerEngine::GetFilterAttributeInt(const int key[3], int index, int id, i
   Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index != kMappingItself) {
-    Filter* const filter = call.FindFilter(*mapping, index);
+    Filter* const filter = call.FindFilter(key, index);
     return filter != nullptr && filter->GetAttributeInt(id, value);
   }
   const bool digital = id == static_cast<int>(MappingAttribute::Digital);
@@ -273,7 +294,7 @@ bool TrackerEngine::GetFilterAttributeDouble(const int key[3], int index, int id
   Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) return call.Refuse("Invalid Attribute");
-  Filter* const filter = call.FindFilter(*mapping, index);
+  Filter* const filter = call.FindFilter(key, index);
   return filter != nullptr && filter->GetAttributeDouble(id, value);
 }
 
@@ -284,7 +305,7 @@ bool TrackerEngine::GetFilterAttributeFloatArray(const int key[3], int index, in
   Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) return GetMappingFloats(call, key, *mapping, id, count, values);
-  Filter* const filter = call.FindFilter(*mapping, index);
+  Filter* const filter = call.FindFilter(key, index);
   return filter != nullptr && filter->GetAttributeFloatArray(id, count, values);
 }
 
@@ -310,7 +331,7 @@ bool TrackerEngine::GetFilterAttributeString(const int key[3], int index, int id
   Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index != kMappingItself) {
-    Filter* const filter = call.FindFilter(*mapping, index);
+    Filter* const filter = call.FindFilter(key, index);
     return filter != nullptr && filter->GetAttributeString(id, size, text);
   }
   if (id != static_cast<int>(MappingAttribute::Name)) return call.Refuse("Invalid Attribute");
@@ -327,7 +348,7 @@ bool TrackerEngine::GetNumAvailableFilterAttributes(const int key[3], int index,
     *count = static_cast<int>(std::size(kMappingAttributes));
     return true;
   }
-  Filter* const filter = call.FindFilter(*mapping, index);
+  Filter* const filter = call.FindFilter(key, index);
   return filter != nullptr && filter->GetNumAvailableAttributes(count);
 }
 
@@ -338,7 +359,7 @@ bool TrackerEngine::GetAvailableFilterAttributes(const int key[3], int index, in
   Mapping* const mapping = call.FindMapping(key);
   if (mapping == nullptr) return false;
   if (index == kMappingItself) return CopyAttributeRows(kMappingAttributes, count, rows);
-  Filter* const filter = call.FindFilter(*mapping, index);
+  Filter* const filter = call.FindFilter(key, index);
   return filter != nullptr && filter->GetAvailableAttributes(count, rows);
 }
 

@@ -13,6 +13,7 @@
 #include "devices/status_log.h"
 #include "devices/tracker_device.h"
 #include "engine/engine_lock.h"
+#include "engine/filter_bank.h"
 #include "engine/mapping.h"
 #include "engine/start_config.h"
 #include "publish/record_stream_writer.h"
@@ -52,14 +53,16 @@ struct EngineState {
   unsigned samplingRun GUARDED_BY(mutex) = 0;  // the newest run's; see SampleLoop::Superseded
   std::weak_ptr<RecordStreamWriter> stream GUARDED_BY(mutex);  // the newest run's; empty: none
   MappingTable mappings GUARDED_BY(mutex);
+  FilterBank filters{status};                     // has its own lock; one chain for each mapping
   float lastRawAzimuth GUARDED_BY(mutex) = 0.0F;  // radians; last read from any sensor
   float azimuthZero GUARDED_BY(mutex) = 0.0F;  // radians; subtracted from every published azimuth
 
   // The mapping of a destination. A new one is made if the destination has none.
-  Mapping& MappingAt(const MappingKey& key) REQUIRES(mutex) {
-    Mapping& mapping = mappings[key];
-    mapping.filters.SetStatusLog(&status);
-    return mapping;
+  Mapping& MappingAt(const MappingKey& key) REQUIRES(mutex) { return mappings[key]; }
+
+  void MapSensor(const MappingKey& key, int sensor) REQUIRES(mutex) {
+    MappingAt(key).sensor = sensor;
+    filters.SetSensor(key, sensor);
   }
 
   // May be read without the mutex.

@@ -6,7 +6,6 @@
 #include <tuple>
 
 #include "engine/running_stats.h"
-#include "filters/filter_chain.h"
 #include "publish/shared_track_reader.h"
 
 namespace kinetrel {
@@ -25,7 +24,6 @@ struct MappingKey {
 
 struct Mapping {
   int sensor = -1;                            // none
-  FilterChain filters;                        // reached by the control interface
   std::unique_ptr<SharedTrackReader> reader;  // of this mapping's bin; made at the first use
   bool held = false;                          // another program held that bin at the last read
   RunningStats latency;                       // seconds from sample to publication

@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "filters/rigid_math.h"
 #include "platform/console.h"
 #include "platform/thread.h"
 
@@ -142,7 +143,7 @@ void SampleLoop::ReportHeader() {
 }
 
 void SampleLoop::OpenStream() {
-  stream_.emplace(state_->status);
+  stream_.emplace(state_->status, state_->filters, run_);
   stream_->Open(state_->config.shmDevice, *device_, state_->config.deviceType, rate_,
                 writer_->timer().startCount());
   state_->stream = stream_->writer();
@@ -312,7 +313,10 @@ bool SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const F
   if (!EnterBin()) return false;
   SharedTrackBlock& block = *writer_->block();
   if (key.poseIndex >= 0 && key.poseIndex < kPoseSlots) {
-    WritePose(block, static_cast<std::size_t>(key.poseIndex), mapping.sensor);
+    const auto slot = static_cast<std::size_t>(key.poseIndex);
+    WritePose(block, slot, mapping.sensor);
+    const std::optional<FilteredPose> filtered = state_->filters.NewestOf(key);
+    if (filtered.has_value()) WriteFilteredPose(block, slot, filtered->sample);
   }
   WriteHeader(block);
   WriteButtons(block, frame);
@@ -348,6 +352,30 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
     const float* const quaternion = device_->GetSensorQuaternion(sensor);
     std::copy_n(quaternion != nullptr ? quaternion : kIdentityQuaternion.data(), 4,
                 block.quaternions[slot]);
+  }
+}
+
+// In the unit and the components that WritePose has written. What the filters declared invalid is
+// published as zeros, as a sensor without a record is.
+void SampleLoop::WriteFilteredPose(SharedTrackBlock& block, std::size_t slot,
+                                   const PoseSample& sample) {
+  const auto narrow = [](double value) { return static_cast<float>(value); };
+  float* const pose = block.poses[slot];
+  Quaternion q = kIdentityQuaternion;
+  std::array<float, 3> angles{};
+  if (sample.hasOrientation) {
+    std::ranges::transform(sample.orientation, q.begin(), narrow);
+    angles = QuaternionToEuler(q.data());
+    angles[0] -= state_->azimuthZero;
+  }
+  if ((header_.components & kPositionComponent) != 0) {
+    const double units = 1.0 / MetresOf(header_.units);
+    const Vector3 place = sample.hasPosition ? units * sample.position : Vector3{};
+    std::ranges::transform(place, pose, narrow);
+  }
+  if ((header_.components & kEulerComponent) != 0) std::ranges::copy(angles, pose + 3);
+  if ((header_.components & kQuaternionComponent) != 0) {
+    std::ranges::copy(q, block.quaternions[slot]);
   }
 }
 

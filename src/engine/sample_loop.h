@@ -64,6 +64,8 @@ class SampleLoop {
   bool PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame)
       REQUIRES(state_->mutex);
   void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) REQUIRES(state_->mutex);
+  void WriteFilteredPose(SharedTrackBlock& block, std::size_t slot, const PoseSample& sample)
+      REQUIRES(state_->mutex);
   ButtonBits::Buttons JoystickButtons(const Frame& frame) const;
   void WriteButtons(SharedTrackBlock& block, const Frame& frame);
   void KeepStatistics(Mapping& mapping, double sampleTime);

@@ -4,8 +4,10 @@
 
 #include <array>
 #include <string>
+#include <vector>
 
 #include "devices/serial_port.h"
+#include "filters/filter_spec.h"
 
 namespace kinetrel {
 
@@ -34,6 +36,8 @@ struct StartConfig {
   std::array<float, 3> hemisphere = {1.0F, 0.0F, 0.0F};  // zenith of the operating hemisphere
   std::array<float, 3> alignX = {kNotAligned, 0.0F, 0.0F};
   std::array<float, 3> alignY = {0.0F, kNotAligned, 0.0F};
+
+  std::vector<FilterSpec> filters;  // of every default mapping, in the order of their use
 
   bool Aligned() const { return alignX[0] != kNotAligned || alignY[1] != kNotAligned; }
 };

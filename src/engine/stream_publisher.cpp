@@ -9,6 +9,7 @@
 
 #include "devices/pose.h"
 #include "devices/tracker_device.h"
+#include "filters/rigid_math.h"
 #include "platform/clock.h"
 
 namespace kinetrel {
@@ -18,17 +19,6 @@ constexpr std::int64_t kSilence = 1'000'000'000;  // ns without a record that ar
 constexpr float kAbsent = std::numeric_limits<float>::quiet_NaN();
 
 std::int64_t Now() { return StreamNanoseconds(ClockTicks()); }
-
-double MetresOf(unsigned units) {
-  switch (units) {
-    case 0:
-      return 0.0254;
-    case 1:
-      return 0.01;
-    default:
-      return 1.0;
-  }
-}
 
 bool AllFinite(const float* values, int count) {
   return std::all_of(values, values + count, [](float value) { return std::isfinite(value); });
@@ -98,7 +88,40 @@ void PutOrientation(kinetrel_record& record, const PoseParts& parts, float azimu
   record.flags |= kinetrel_orientation_valid;
 }
 
+// Brings a filtered pose into a record. What the filters declared invalid becomes NaN.
+void PutFiltered(kinetrel_record& record, const FilteredPose& filtered, float azimuthZero) {
+  const PoseSample& pose = filtered.sample;
+  record.flags &= ~unsigned{kinetrel_position_valid | kinetrel_orientation_valid};
+  record.flags |= kinetrel_filtered;
+  if (!filtered.whole) record.flags |= kinetrel_filter_failed;
+  std::ranges::fill(record.position, double{kAbsent});
+  std::ranges::fill(record.orientation, kAbsent);
+  std::ranges::fill(record.angles, kAbsent);
+  if (pose.hasPosition) {
+    std::ranges::copy(pose.position, record.position);
+    record.flags |= kinetrel_position_valid;
+  }
+  if (!pose.hasOrientation) return;
+  const Rotation turned = FromTurn({0.0, 0.0, -double{azimuthZero}}) * pose.orientation;
+  Quaternion q{};
+  std::ranges::transform(turned, q.begin(), [](double value) { return static_cast<float>(value); });
+  std::ranges::copy(QuaternionToEuler(q.data()), record.angles);
+  std::ranges::copy(q, record.orientation);
+  record.flags |= kinetrel_orientation_valid;
+}
+
 }  // namespace
+
+double MetresOf(unsigned units) {
+  switch (units) {
+    case 0:
+      return 0.0254;
+    case 1:
+      return 0.01;
+    default:
+      return 1.0;
+  }
+}
 
 kinetrel_record MakeRecord(TrackerDevice& device, int index, const RecordContext& context) {
   kinetrel_record record{};
@@ -121,6 +144,11 @@ StreamPublisher::~StreamPublisher() {
 
 void StreamPublisher::Open(int shmDevice, TrackerDevice& device, int deviceType, int rate,
                            std::int64_t origin) {
+  device_ = &device;
+  packed_ = dynamic_cast<PackedRecords*>(&device);
+  rate_ = rate;
+  origin_ = StreamNanoseconds(origin);
+  filters_.Begin(run_);
   Result<std::unique_ptr<RecordStreamWriter>> opened = RecordStreamWriter::Open(shmDevice);
   if (!opened.Ok()) {
     Announce(log_, "\n\t", StatusCode::SharedMemory,
@@ -129,12 +157,8 @@ void StreamPublisher::Open(int shmDevice, TrackerDevice& device, int deviceType,
     return;
   }
   writer_ = std::move(*opened);
-  device_ = &device;
-  packed_ = dynamic_cast<PackedRecords*>(&device);
   ownButtons_ = dynamic_cast<const ButtonBits*>(&device);
   deviceType_ = deviceType;
-  rate_ = rate;
-  origin_ = StreamNanoseconds(origin);
   lastNews_ = Now();
   DescribeDevice(device.GetSensorMask());
   log_.Attach(*this);
@@ -157,30 +181,35 @@ void StreamPublisher::DescribeDevice(unsigned sensors) {
 // ---- Frames ----------------------------------------------------------------------------------
 
 void StreamPublisher::BeginFrame(unsigned sensors, const RecordContext& context) {
-  if (writer_ == nullptr) return;
   const bool same = sensors == sensors_ && context == context_;
   context_ = context;
-  if (!same) DescribeDevice(sensors);
+  sensors_ = sensors;
+  if (!same && writer_ != nullptr) DescribeDevice(sensors);
 }
 
 void StreamPublisher::OnRecords(unsigned sensors, double sampleTime, int code) {
-  if (writer_ == nullptr) return;
+  if (writer_ == nullptr && filters_.IsEmpty()) return;
   std::array<kinetrel_record, kinetrel_stream_sensors> records;
+  std::array<kinetrel_device_pose, kinetrel_stream_sensors> own;
   std::size_t count = 0;
   for (int sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
     if (!HasStation(sensors & sensors_, sensor)) continue;
-    FillRecord(records[count++], sensor, sampleTime, code);
+    FillRecord(records[count], own[count], sensor, sampleTime, code);
+    ++count;
   }
-  if (count == 0) return;
+  if (count == 0 || writer_ == nullptr) return;
   if (frameTime_ == 0) frameTime_ = records[0].sample_ns;
-  writer_->Publish(std::span(records).first(count));
+  writer_->Publish(std::span(records).first(count), own.data());
 }
 
-void StreamPublisher::FillRecord(kinetrel_record& record, int sensor, double sampleTime, int code) {
-  record = MakeRecord(*device_, packed_ != nullptr ? packed_->RecordOf(sensor) : sensor, context_);
+void StreamPublisher::FillRecord(kinetrel_record& record, kinetrel_device_pose& devicePose,
+                                 int sensor, double sampleTime, int code) {
+  const int index = packed_ != nullptr ? packed_->RecordOf(sensor) : sensor;
+  record = MakeRecord(*device_, index, context_);
   record.sensor = static_cast<std::uint32_t>(sensor);
   record.frame = frame_;
   record.sample_ns = origin_ + std::llround(sampleTime * 1e9);
+  if (!filters_.IsEmpty()) FilterRecord(record, devicePose, index);
   const ButtonBits::Buttons own =
       ownButtons_ != nullptr ? ownButtons_->OwnButtons() : ButtonBits::Buttons{};
   record.buttons = (joystick_.bits & joystick_.known & ~own.known) | (own.bits & own.known);
@@ -189,6 +218,30 @@ void StreamPublisher::FillRecord(kinetrel_record& record, int sensor, double sam
   if (code == kNoRecordCode) return;
   record.device_code = code;
   record.flags |= kinetrel_code_valid;
+}
+
+// The filters get the orientation as the tracker has it: a tool's tip lies along that one. The
+// azimuth zero comes after them.
+void StreamPublisher::FilterRecord(kinetrel_record& record, kinetrel_device_pose& devicePose,
+                                   int index) {
+  RecordContext unturned = context_;
+  unturned.azimuthZero = 0.0F;
+  const kinetrel_record raw = MakeRecord(*device_, index, unturned);
+  PoseSample sample;
+  std::ranges::copy(raw.position, sample.position.begin());
+  std::ranges::copy(raw.orientation, sample.orientation.begin());
+  sample.hasPosition = (raw.flags & kinetrel_position_valid) != 0;
+  sample.hasOrientation = (raw.flags & kinetrel_orientation_valid) != 0;
+  sample.timeNs = record.sample_ns;
+  sample.sensor = static_cast<int>(record.sensor);
+  sample.metresPerUnit = MetresOf(context_.units);
+  const std::optional<FilteredPose> filtered = filters_.Filter(run_, sample);
+  if (!filtered.has_value()) return;
+  devicePose.flags = record.flags;
+  std::ranges::copy(record.position, devicePose.position);
+  std::ranges::copy(record.orientation, devicePose.orientation);
+  std::ranges::copy(record.angles, devicePose.angles);
+  PutFiltered(record, *filtered, context_.azimuthZero);
 }
 
 void StreamPublisher::OnDropped() {

@@ -2,7 +2,10 @@
 // decoded, turns it into metres, radians and a quaternion, and writes it into the stream. Keeps
 // the stream's state, description and status log.
 //
-// Without a stream (no shared memory left, another account's object) every operation does nothing:
+// A mapping's filters work here too, for the stream and for the blocks. The stream shows the pose
+// of the first mapping of the sensor that has a filter; the device's own pose lies beside it.
+//
+// Without a stream (no shared memory left, another account's object) only the filters work:
 // sampling goes on with the blocks.
 //
 // Threads  the sampling thread; OnEntry any.
@@ -17,6 +20,7 @@
 #include "devices/optional_interfaces.h"
 #include "devices/status_log.h"
 #include "devices/tracker_device.h"
+#include "engine/filter_bank.h"
 #include "engine/recovery.h"
 #include "publish/record_stream_writer.h"
 
@@ -31,6 +35,8 @@ struct RecordContext {
   bool operator==(const RecordContext&) const = default;
 };
 
+double MetresOf(unsigned units);  // in a unit of TrackerDevice::GetUnits
+
 // The pose of a sensor's newest record, in the stream's units. The caller sets the numbers, the
 // times and the buttons.
 //
@@ -39,7 +45,9 @@ kinetrel_record MakeRecord(TrackerDevice& device, int index, const RecordContext
 
 class StreamPublisher final : public RecordReceiver, private StatusListener {
  public:
-  explicit StreamPublisher(StatusLog& log) : log_(log) {}
+  // run  the number of the run of sampling; see FilterBank::Begin.
+  StreamPublisher(StatusLog& log, FilterBank& filters, unsigned run)
+      : log_(log), filters_(filters), run_(run) {}
   ~StreamPublisher();  // leaves the state "stopped"
   StreamPublisher(const StreamPublisher&) = delete;
   StreamPublisher& operator=(const StreamPublisher&) = delete;
@@ -72,10 +80,14 @@ class StreamPublisher final : public RecordReceiver, private StatusListener {
   void CountBytes();
   // The sentence is the device's name between both texts.
   void SetState(kinetrel_state state, const char* before, const char* after);
-  void FillRecord(kinetrel_record& record, int sensor, double sampleTime, int code);
+  void FillRecord(kinetrel_record& record, kinetrel_device_pose& devicePose, int sensor,
+                  double sampleTime, int code);
+  void FilterRecord(kinetrel_record& record, kinetrel_device_pose& devicePose, int index);
   void DescribeDevice(unsigned sensors);
 
   StatusLog& log_;
+  FilterBank& filters_;
+  const unsigned run_;
   std::shared_ptr<RecordStreamWriter> writer_;  // null: no stream
   TrackerDevice* device_ = nullptr;
   PackedRecords* packed_ = nullptr;

@@ -222,6 +222,7 @@ bool TrackerEngine::AddDefaultMappings() {
 
 void TrackerEngine::ResetMappings(const EngineLock& lock) {
   state_->mappings.clear();
+  state_->filters.Clear();
   AddDefaultMappings(lock);
 }
 
@@ -229,7 +230,25 @@ void TrackerEngine::AddDefaultMappings(const EngineLock&) {
   for (int sensor = 0; sensor < kPoseSlots; ++sensor) {
     if (!HasStation(state_->config.sensorMask, sensor)) continue;
     const MappingKey key = {state_->config.shmDevice, 0, sensor};
-    if (!state_->mappings.contains(key)) state_->MappingAt(key).sensor = sensor;
+    if (state_->mappings.contains(key)) continue;
+    state_->MapSensor(key, sensor);
+    AddConfiguredFilters(key, sensor);
+  }
+}
+
+void TrackerEngine::AddConfiguredFilters(const MappingKey& key, int sensor) {
+  for (const FilterSpec& spec : state_->config.filters) {
+    if (!HasStation(spec.sensors, sensor)) continue;
+    std::string error;
+    std::unique_ptr<Filter> filter = MakeFilter(spec.text, error);
+    if (filter == nullptr) {
+      Announce(state_->status, "\n\t", StatusCode::Refused, "Filter %s: %s", spec.text.c_str(),
+               error.c_str());
+      continue;
+    }
+    const Lock held(state_->filters.mutex);
+    state_->filters.ChainOf(key).Append(std::move(filter));
+    state_->filters.Changed();
   }
 }
 

@@ -100,7 +100,8 @@ class TrackerEngine {
   // and restarts a running sampling thread. 16 and above: false, and nothing changes.
   bool SetSharedMemoryDevice(int id);
 
-  // Makes a new mapping table: sensor i to pose slot i of bin 0, for every enabled sensor.
+  // Makes a new mapping table: sensor i to pose slot i of bin 0, for every enabled sensor, with the
+  // filters of the configuration.
   bool ResetMappings();
   bool AddDefaultMappings();  // adds the missing ones of these
 
@@ -133,6 +134,9 @@ class TrackerEngine {
   // Filters are numbered from 0 in the order in which they are applied. The index -1 means the
   // mapping itself.
   int AddFilter(const int key[3], int filterType);  // the index; -1: no such type; 0 if closed
+  // Adds the filter of a text such as "rigid:scale=2"; see filters/filter_spec.h. The index; -1,
+  // and the reason in the status log: refused.
+  int AddFilterNamed(const int key[3], const char* text);
   bool ClearFilters(const int key[3]);
   bool ClearFilter(const int key[3], int index);
   bool GetNumFilters(const int key[3], int* count);
@@ -162,6 +166,7 @@ class TrackerEngine {
   void StopAndWait() EXCLUDES(state_->mutex);
   void ResetMappings(const EngineLock& lock) REQUIRES(state_->mutex);
   void AddDefaultMappings(const EngineLock& lock) REQUIRES(state_->mutex);
+  void AddConfiguredFilters(const MappingKey& key, int sensor) REQUIRES(state_->mutex);
   std::unique_ptr<TrackerDevice> MakeDevice(int deviceType);
   bool SetSharedMemoryDevice(EngineLock& lock, int id) REQUIRES(state_->mutex);
 

@@ -78,6 +78,22 @@ void Filter::FilterPosition(float p[3]) {
   if (enabled_) FilterPose(p, unturned.data());
 }
 
+// ---- The sampling path ---------------------------------------------------------------------
+
+bool Filter::FilterSample(PoseSample& sample) {
+  std::array<float, 3> p{};
+  Quaternion q{};
+  for (std::size_t i = 0; i < 3; ++i) {
+    p[i] = static_cast<float>(sample.position[i] / sample.metresPerUnit);
+  }
+  std::ranges::transform(sample.orientation, q.begin(),
+                         [](double v) { return static_cast<float>(v); });
+  SetPose(p.data(), q.data());
+  for (std::size_t i = 0; i < 3; ++i) sample.position[i] = double{p[i]} * sample.metresPerUnit;
+  std::ranges::copy(q, sample.orientation.begin());
+  return true;
+}
+
 // ---- Not virtual ---------------------------------------------------------------------------
 
 void Filter::SetName(const char* text) {

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <span>
 #include <type_traits>
@@ -46,7 +47,18 @@ inline bool CopyAttributeRows(std::span<const AttributeInfo> table, int count,
   return true;
 }
 
-enum class FilterType : int { Offset = 3, Chain = 9 };
+enum class FilterType : int { Offset = 3, Chain = 9, RigidTransform = 32 };
+
+// One pose on its way through a chain, in units that do not depend on the device's settings.
+struct PoseSample {
+  std::array<double, 3> position{};                          // m
+  std::array<double, 4> orientation = {1.0, 0.0, 0.0, 0.0};  // unit quaternion, scalar first
+  bool hasPosition = false;                                  // else the values above mean nothing
+  bool hasOrientation = false;
+  std::int64_t timeNs = 0;     // when the device took the sample, by the monotonic clock
+  int sensor = 0;              // from 0
+  double metresPerUnit = 1.0;  // of the device's length unit
+};
 
 class Filter {
  public:
@@ -93,6 +105,17 @@ class Filter {
   virtual void FilterQuaternion(float q[4]);
   virtual void FilterPosition(float p[3]);
   virtual void FilterPose(float p[3], float q[4]) = 0;
+
+  // ---- The sampling path -------------------------------------------------------------------
+
+  // Filters a sample in place; the caller asks IsEnabled first. Allocates nothing.
+  //
+  // Returns  false: the filter could not work on this sample and left it unchanged.
+  // The default sends the pose through SetPose in the device's unit.
+  virtual bool FilterSample(PoseSample& sample);
+
+  // Forgets what was learnt from the samples before: another run or another sensor begins.
+  virtual void Restart() {}
 
   // ---- Not virtual -------------------------------------------------------------------------
 

@@ -32,10 +32,23 @@ void FilterChain::FilterPose(float p[3], float q[4]) {
   for (const auto& filter : filters_) filter->SetPose(p, q);
 }
 
+bool FilterChain::FilterSample(PoseSample& sample) {
+  bool all = true;
+  for (const auto& filter : filters_) {
+    if (filter->IsEnabled() && !filter->FilterSample(sample)) all = false;
+  }
+  return all;
+}
+
+void FilterChain::Restart() {
+  for (const auto& filter : filters_) filter->Restart();
+}
+
 int FilterChain::AddFilter(int) { return -1; }
 
 int FilterChain::Append(std::unique_ptr<Filter> filter) {
   if (filter == nullptr) return -1;
+  filter->SetStatusLog(statusLog_);
   filters_.push_back(std::move(filter));
   return GetNumFilters() - 1;
 }

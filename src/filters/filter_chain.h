@@ -20,12 +20,17 @@ class FilterChain final : public Filter {
   std::unique_ptr<Filter> Clone() const override;
   void FilterPose(float p[3], float q[4]) override;
 
+  // False if one of its enabled filters could not work; the others have.
+  bool FilterSample(PoseSample& sample) override;
+  void Restart() override;
+
   // ---- The list; the first filter has index 0 and is applied first -------------------------
 
   // Adds a filter of that type at the end of the list and returns its index. No type can be added
   // by number yet: always -1, and the list stays unchanged.
   int AddFilter(int filterType);
-  int Append(std::unique_ptr<Filter> filter);  // its index; -1 for null
+  // Returns the filter's index; -1 for null. The filter logs where the chain does.
+  int Append(std::unique_ptr<Filter> filter);
 
   Filter* GetFilter(int index);  // null if out of range; valid until the list changes
   int GetNumFilters() const { return static_cast<int>(filters_.size()); }

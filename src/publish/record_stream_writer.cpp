@@ -22,9 +22,11 @@ constexpr std::uint32_t kRunAt = kLiveAt + sizeof(kinetrel_stream_live);
 constexpr std::uint32_t kSensorsAt = kRunAt + sizeof(kinetrel_run);
 constexpr std::uint32_t kLogAt = kSensorsAt + kinetrel_stream_sensors * sizeof(kinetrel_record);
 constexpr std::uint32_t kRingAt = kLogAt + kinetrel_stream_log_lines * sizeof(kinetrel_log_line);
-constexpr std::uint32_t kTotal = kRingAt + kinetrel_stream_records * sizeof(kinetrel_record);
+constexpr std::uint32_t kOwnPosesAt = kRingAt + kinetrel_stream_records * sizeof(kinetrel_record);
+constexpr std::uint32_t kTotal =
+    kOwnPosesAt + kinetrel_stream_records * sizeof(kinetrel_device_pose);
 static_assert(kLiveAt >= sizeof(kinetrel_stream_head) && kLiveAt % 64 == 0 && kRingAt % 8 == 0);
-static_assert(kTotal < 1'000'000);
+static_assert(kTotal < 1'500'000);
 
 using Word = std::uint64_t;
 
@@ -104,6 +106,7 @@ RecordStreamWriter::RecordStreamWriter(StreamMemory memory, int device)
   sensorEntries_ = start + kSensorsAt;
   logEntries_ = start + kLogAt;
   ring_ = start + kRingAt;
+  ownPoses_ = start + kOwnPosesAt;
   LayOut(device);
   try {
     heartbeat_ = std::thread([this] { BeatEverySecond(); });
@@ -155,6 +158,8 @@ void RecordStreamWriter::LayOut(int device) {
   head.ring_offset = kRingAt;
   head.ring_count = kinetrel_stream_records;
   head.record_size = sizeof(kinetrel_record);
+  head.device_pose_offset = kOwnPosesAt;
+  head.device_pose_size = sizeof(kinetrel_device_pose);
   Word magic = 0;
   std::memcpy(&magic, head.magic, sizeof magic);
   StoreWords(start + sizeof magic, reinterpret_cast<const unsigned char*>(&head) + sizeof magic,
@@ -165,13 +170,20 @@ void RecordStreamWriter::LayOut(int device) {
 
 // ---- Records ---------------------------------------------------------------------------------
 
-void RecordStreamWriter::Publish(std::span<kinetrel_record> records) {
+// A device's own pose goes before its record: who finds the record finds the pose.
+void RecordStreamWriter::Publish(std::span<kinetrel_record> records, kinetrel_device_pose* own) {
   const std::int64_t now = NowNanoseconds();
-  for (kinetrel_record& record : records) {
+  for (std::size_t i = 0; i < records.size(); ++i) {
+    kinetrel_record& record = records[i];
     if (record.sensor >= kinetrel_stream_sensors) continue;
     record.publish_ns = now;
     record.number = ++newest_;
     const Word sequence = 2 * record.number;
+    if ((record.flags & kinetrel_filtered) != 0 && own != nullptr) {
+      own[i].number = record.number;
+      WriteEntry(ownPoses_ + record.number % kinetrel_stream_records * sizeof own[i], sequence,
+                 &own[i], sizeof own[i]);
+    }
     WriteEntry(ring_ + record.number % kinetrel_stream_records * sizeof record, sequence, &record,
                sizeof record);
     WriteEntry(sensorEntries_ + record.sensor * sizeof record, sequence, &record, sizeof record);

@@ -43,7 +43,10 @@ class RecordStreamWriter {
 
   // Publishes records that came together: one arrival, one wake-up. Sets their number and time of
   // publication; the caller sets the rest. One of a sensor past 31 is left out.
-  void Publish(std::span<kinetrel_record> records);
+  //
+  // own  the device's own poses, one for each record; read where the record is filtered. Their
+  //      numbers are set too. May be null if none is.
+  void Publish(std::span<kinetrel_record> records, kinetrel_device_pose* own = nullptr);
 
   // Counts a frame whose records are published, and keeps rate and jitter. sampleNs  of the frame.
   void NoteFrame(std::int64_t sampleNs);
@@ -89,6 +92,7 @@ class RecordStreamWriter {
   unsigned char* sensorEntries_;
   unsigned char* logEntries_;
   unsigned char* ring_;
+  unsigned char* ownPoses_;
 
   // Sampling thread only.
   std::uint64_t newest_ = 0;

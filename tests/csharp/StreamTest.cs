@@ -18,8 +18,10 @@ static class StreamTest
                 {
                     KinetrelRecord record;
                     if (!tracker.Next(out record, 20000)) return Say("nothing came", 1);
+                    KinetrelRecord own;
+                    if (!tracker.DevicePose(record, out own)) return Say("no device pose", 1);
                     Console.WriteLine("{0} {1} {2:F4} {3:F4} {4:F4} {5}", record.Number, record.Sensor, record.X,
-                                      record.Y, record.Z, record.Age < 20 && record.Age > -1 ? "fresh" : "stale");
+                                      record.Y, own.IsFiltered ? 0 : record.Z - own.Z, record.Age < 20 && record.Age > -1 ? "fresh" : "stale");
                 }
                 KinetrelRecord newest;
                 string text;

@@ -27,13 +27,15 @@ class CSharp(unittest.TestCase):
         return done
 
     def test_every_record_comes_once_and_fresh(self):
-        tracker = test_kinetrel.Program()
+        tracker = test_kinetrel.Program("--filter=rigid:sensors=2,translation-m=0/0/100")
         self.addCleanup(tracker.clean_up)
         lines = self.run_client(tracker.slot, 200).stdout.splitlines()
         records = [line.split() for line in lines[:-1]]
         first = int(records[0][0])
         self.assertEqual([int(r[0]) for r in records], list(range(first, first + 200)))
         self.assertEqual({r[1] for r in records}, {"1", "2", "3"})
+        self.assertEqual({(r[1], r[4]) for r in records},  # the filter's share of z
+                         {("1", "0.0000"), ("2", "100.0000"), ("3", "0.0000")})
         self.assertEqual({r[5] for r in records}, {"fresh"})
         self.assertRegex(lines[-1], "^Running .* True 0$")
 

@@ -51,6 +51,8 @@ class ScriptedDevice final : public TrackerDevice {
   }
   ~ScriptedDevice() override { --script_.alive; }
 
+  using TrackerDevice::TellRecords;  // for the scripts
+
   int OpenPortNumber(int number, int baud) override {
     Note("OpenPortNumber %d %d", number, baud);
     portNumber_ = script_.portNumber;

@@ -66,14 +66,16 @@ def object_of(slot):
 class Program:
     """A running kinetrel with three simulated sensors."""
 
-    def __init__(self):
+    def __init__(self, *options):
+        self.options = options
         self.free_slot = FreeSlot()
         self.slot = self.free_slot.number
         self.start()
 
     def start(self):
         self.process = subprocess.Popen(
-            [bin_dir / "kinetrel", "-d8", "-s0x7", "-z-", f"-w{self.slot}"],
+            [bin_dir / "kinetrel", "-d8", "-s0x7", "-z-", f"-w{self.slot}",
+             *self.options],
             stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
     def end(self, how=signal.SIGTERM):
@@ -234,11 +236,26 @@ class WithTracker(unittest.TestCase):
         self.assertRaises(kinetrel.NotAStream, kinetrel.open, slot, 0)
 
 
+class WithFilter(unittest.TestCase):
+    def test_a_filtered_record_has_the_devices_own_pose_beside_it(self):
+        program = Program("--filter", "rigid:sensors=2,translation-m=0/0/100")
+        self.addCleanup(program.clean_up)
+        with kinetrel.open(program.slot, patience) as tracker:
+            seen = {record.sensor: (record, tracker.device_pose(record))
+                    for record in (tracker.read(patience) for _ in range(6))}
+        filtered, own = seen[2]
+        self.assertTrue(filtered.filtered and not own.filtered)
+        self.assertAlmostEqual(filtered.position[2] - own.position[2], 100.0)
+        self.assertEqual((filtered.number, filtered.position[:2]), (own.number, own.position[:2]))
+        self.assertIs(*seen[1])
+
+
 class WithoutTracker(unittest.TestCase):
     def test_the_layout_is_that_of_the_header(self):
         lines = ["#define _GNU_SOURCE", "#include <kinetrel/stream.h>"]
         for name, form in (("stream_head", layout.HEAD), ("stream_live", layout.LIVE),
                            ("record", layout.RECORD), ("run", layout.RUN),
+                           ("device_pose", layout.DEVICE_POSE),
                            ("log_line", layout.LOG_LINE)):
             lines.append(f"_Static_assert(sizeof(kinetrel_{name}) == {form.size}, \"\");")
             lines += [f"_Static_assert(offsetof(kinetrel_{name}, {field}) == {offset}, \"{field}\");"

@@ -1,0 +1,86 @@
+// Vectors and rotations in double precision, for filters and for calibration.
+//
+// A quaternion is w, x, y, z. Rotate(q, v) turns a vector of the sensor's frame into the frame in
+// which q gives the sensor's orientation.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+
+#include "devices/pose.h"
+
+namespace kinetrel {
+
+using Vector3 = std::array<double, 3>;
+using Rotation = std::array<double, 4>;
+
+inline constexpr Rotation kNoRotation = {1.0, 0.0, 0.0, 0.0};
+
+inline Vector3 operator+(const Vector3& a, const Vector3& b) {
+  return {a[0] + b[0], a[1] + b[1], a[2] + b[2]};
+}
+inline Vector3 operator-(const Vector3& a, const Vector3& b) {
+  return {a[0] - b[0], a[1] - b[1], a[2] - b[2]};
+}
+inline Vector3 operator*(double factor, const Vector3& v) {
+  return {factor * v[0], factor * v[1], factor * v[2]};
+}
+inline double Dot(const Vector3& a, const Vector3& b) {
+  return a[0] * b[0] + a[1] * b[1] + a[2] * b[2];
+}
+inline Vector3 Cross(const Vector3& a, const Vector3& b) {
+  return {a[1] * b[2] - a[2] * b[1], a[2] * b[0] - a[0] * b[2], a[0] * b[1] - a[1] * b[0]};
+}
+inline double Length(const Vector3& v) { return std::sqrt(Dot(v, v)); }
+
+// The Hamilton product: turns by `b`, then by `a`.
+inline Rotation operator*(const Rotation& a, const Rotation& b) {
+  return {a[0] * b[0] - a[1] * b[1] - a[2] * b[2] - a[3] * b[3],
+          a[0] * b[1] + a[1] * b[0] + a[2] * b[3] - a[3] * b[2],
+          a[0] * b[2] - a[1] * b[3] + a[2] * b[0] + a[3] * b[1],
+          a[0] * b[3] + a[1] * b[2] - a[2] * b[1] + a[3] * b[0]};
+}
+inline Rotation Inverse(const Rotation& q) { return {q[0], -q[1], -q[2], -q[3]}; }
+
+inline Rotation AtUnitLength(const Rotation& q) {
+  const double length = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+  return {q[0] / length, q[1] / length, q[2] / length, q[3] / length};
+}
+
+inline Vector3 Rotate(const Rotation& q, const Vector3& v) {
+  const Vector3 axis = {q[1], q[2], q[3]};
+  const Vector3 twice = 2.0 * Cross(axis, v);
+  return v + q[0] * twice + Cross(axis, twice);
+}
+
+// The rotation about `turn`, by its length in radians.
+inline Rotation FromTurn(const Vector3& turn) {
+  const double half = Length(turn) / 2.0;
+  // sin(x)/x without its gap at zero.
+  const double factor = half < 1e-6 ? 0.5 : std::sin(half) / (2.0 * half);
+  return {std::cos(half), factor * turn[0], factor * turn[1], factor * turn[2]};
+}
+
+// The inverse of FromTurn, the shorter way round: at most pi long. `q` has unit length.
+inline Vector3 ToTurn(const Rotation& q) {
+  const double sign = q[0] < 0.0 ? -1.0 : 1.0;
+  const Vector3 axis = {sign * q[1], sign * q[2], sign * q[3]};
+  const double sine = Length(axis);
+  const double factor = sine < 1e-9 ? 2.0 : 2.0 * std::atan2(sine, sign * q[0]) / sine;
+  return factor * axis;
+}
+
+// Azimuth about z, then elevation about y, then roll about x; radians.
+inline Rotation FromAngles(const Vector3& angles) {
+  return FromTurn({0.0, 0.0, angles[0]}) * FromTurn({0.0, angles[1], 0.0}) *
+         FromTurn({angles[2], 0.0, 0.0});
+}
+inline Vector3 ToAngles(const Rotation& q) {
+  const auto [w, x, y, z] = q;
+  return {std::atan2(2.0 * (x * y + w * z), 1.0 - 2.0 * (y * y + z * z)),
+          std::asin(std::clamp(2.0 * (w * y - x * z), -1.0, 1.0)),
+          std::atan2(2.0 * (w * x + y * z), 1.0 - 2.0 * (x * x + y * y))};
+}
+
+}  // namespace kinetrel
