@@ -61,7 +61,7 @@ std::string TakeArgument(PacketReader& reader, char type) {
 std::string DescribeMessage(PacketReader& reader) {
   std::string text = Printable(TakeText(reader));
   const std::string_view types = TakeText(reader);
-  if (!types.starts_with(',')) reader.Spoil();
+  if (!text.starts_with('/') || !types.starts_with(',')) reader.Spoil();
   for (const char type : types.substr(reader.Ok() ? 1 : types.size())) {
     text.append(" ").append(TakeArgument(reader, type));
   }
