@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The Windows programs under Wine against devices and machines outside it: serial trackers on COM3
 # (emulated on a pseudo-terminal), the vendors' libraries, a C host of the DLL, relays from Wine to
-# Linux and back. Prints a line a story; exit code 1 when one went wrong.
+# Linux and back, a bridge with clients on Linux. Prints a line a story; exit code 1 when one went wrong.
 #
 #   devices.sh WINDOWS-BUILD LINUX-BIN [STORY...]
 #
@@ -86,12 +86,12 @@ story() {
   else
     echo "FAILED $name"
     failures=$((failures + 1))
-    for said in "$work"/{kinetrel,service,frames,emulator,said,joined}; do
+    for said in "$work"/{kinetrel,service,frames,emulator,said,joined,bridge,packets}; do
       [[ -s $said ]] && echo "  --- ${said##*/}" && tail -c 1500 "$said" | tr '\r' '\n' | sed 's/^/  /'
     done
   fi
   stop_all
-  rm -f "$work"/{kinetrel,service,frames,emulator,said,joined}
+  rm -f "$work"/{kinetrel,service,frames,emulator,said,joined,bridge,packets}
 }
 
 # ---- Serial trackers -----------------------------------------------------------------------------
@@ -212,6 +212,28 @@ relay_first() {
   await kinetrel 'Running' && serve "$linux/kinetrel-service" && watch_frames 10
 }
 
+# ---- Bridge --------------------------------------------------------------------------------------
+
+# Tracker and bridge under Wine; a VRPN client and an OSC receiver on Linux.
+bridge_there() {
+  local osc=$((RANDOM % 10000 + 20000))
+  start packets oscdump -L "$osc"
+  kinetrel -d 8 -s 1 -z-
+  start bridge wine "$windows/bin/kinetrel-bridge.exe" --slot "$slot" "vrpn://$host:3883?name=Tracker0" \
+    "osc://127.0.0.1:$osc"
+  in_time 60 python3 "$source/tests/windows/vrpn_client.py" "$host" 3883 Tracker0 20 >"$work/said" 2>&1
+  (($(grep -c '^pose sensor 0 ' "$work/said") == 20)) && grep -q pong "$work/said" &&
+    ! grep -v -E 'pong|age -?0\.' "$work/said" && await packets "/kinetrel/$slot/sensor/1/pose fffffff"
+}
+
+# It refuses a port that is taken.
+bridge_refuses() {
+  start bridge wine "$windows/bin/kinetrel-bridge.exe" "vrpn://$host:3883"
+  await bridge 'serves' || return 1
+  in_time 60 wine "$windows/bin/kinetrel-bridge.exe" "vrpn://$host:3883" </dev/null >"$work/said" 2>&1
+  (($? == 2)) && grep -q 'cannot be opened' "$work/said"
+}
+
 # ---- The stories ---------------------------------------------------------------------------------
 
 wanted() { (($# < 2)) || [[ " ${*:2} " == *" $1 "* ]]; }
@@ -243,7 +265,11 @@ relay_stories() {
   story 'relay: from Wine to Linux' relay_there
   story 'relay: before its service' relay_first
 }
-for kind in serial library relay; do
+bridge_stories() {
+  story 'bridge: to VRPN and OSC on Linux' bridge_there
+  story 'bridge: a port that is taken' bridge_refuses
+}
+for kind in serial library relay bridge; do
   if wanted "$kind" "$@"; then "${kind}_stories"; fi
 done
 ((failures == 0))
