@@ -99,22 +99,23 @@ void TrackerFeed::Follow() {
   now_.slot = slot_;
   nextLook_ = nextStatus_ = nextFrame_ = Clock::now();
   TrackerStream stream(slot_);
+  bool changed = stream.ReadRecords(now_);
   for (kinetrel_stream_result result = stream.result(); IsWatched();) {
     if (result == kinetrel_stream_restarted) {
       now_.newest = {};
+      changed = stream.ReadRecords(now_);
       nextLook_ = nextStatus_ = Clock::now();
     } else if (result != kinetrel_stream_ok && result != kinetrel_stream_timed_out) {
       TellProblem(result);
       return Rest(Clock::now() + kRetryEvery);
     }
     if (Clock::now() >= nextLook_) LookAtRun(stream);
-    kinetrel_stream_skip(stream.get());
-    if (stream.ReadRecords(now_)) {
+    if (changed) {
       TellFrame();
       Rest(nextFrame_ - kEarly);
     }
-    kinetrel_record record;
-    result = kinetrel_stream_next(stream.get(), &record, kLookEveryMs);
+    result = stream.TakeRecords(now_, kLookEveryMs);
+    changed = result == kinetrel_stream_ok;
   }
 }
 

@@ -43,17 +43,28 @@ void TrackerStream::ReadLog(TrackerSnapshot& into) {
 }
 
 bool TrackerStream::ReadRecords(TrackerSnapshot& into) {
-  bool changed = false;
+  bool any = false;
   for (unsigned i = 0; i < kinetrel_stream_sensors; ++i) {
     kinetrel_record record;
     if (kinetrel_stream_newest(&stream_, i, &record) != kinetrel_stream_ok) continue;
-    auto& known = into.newest[i];
-    if (known && known->number == record.number) continue;
     record.sensor = i;  // whatever the entry says
-    known = record;
-    changed = true;
+    into.newest[i] = record;
+    any = true;
   }
-  return changed;
+  return any;
+}
+
+kinetrel_stream_result TrackerStream::TakeRecords(TrackerSnapshot& into, int timeoutMs) {
+  kinetrel_record record;
+  kinetrel_stream_result result = kinetrel_stream_next(&stream_, &record, timeoutMs);
+  // As many as the ring holds: a writer that is faster than we are must not keep us here.
+  for (int i = 0; result == kinetrel_stream_ok; ++i) {
+    if (record.sensor < into.newest.size()) into.newest[record.sensor] = record;
+    if (i == kinetrel_stream_records) break;
+    result = kinetrel_stream_next(&stream_, &record, 0);
+    if (result == kinetrel_stream_timed_out) return kinetrel_stream_ok;
+  }
+  return result;
 }
 
 std::vector<double> TrackerStream::ReadLatencies() {

@@ -45,8 +45,12 @@ class TrackerStream {
   void ReadRun(TrackerSnapshot& into);  // with state and sentence
   void ReadLog(TrackerSnapshot& into);
 
-  // The newest record of every sensor. Returns whether one is new in `into`.
+  // The newest record of every sensor. Returns whether there is one.
   bool ReadRecords(TrackerSnapshot& into);
+
+  // Waits for records that came since the last call, and takes all of them: whole arrivals, which
+  // the table of newest records may show half written. Returns what kinetrel_stream_next does.
+  kinetrel_stream_result TakeRecords(TrackerSnapshot& into, int timeoutMs);
 
   // Seconds from sample to publication of the records that the ring still holds, at most of the
   // last minute, in ascending order.
