@@ -93,7 +93,7 @@ void TrackerFeed::Run() {
   }
 }
 
-// Until nobody watches, or the stream has to be opened anew.
+// Until the slot has no viewer, or its stream has to be opened anew.
 void TrackerFeed::Follow() {
   now_ = {};
   now_.slot = slot_;

@@ -1,4 +1,4 @@
-// Follows the stream of one slot on a thread of its own while somebody watches, and keeps the
+// Follows the stream of one slot on a thread of its own while it has viewers, and keeps the
 // newest messages for the viewers.
 #pragma once
 
@@ -45,7 +45,7 @@ class TrackerFeed {
   void TellFrame();
   void TellProblem(kinetrel_stream_result result);
   bool IsWatched() const;
-  void Rest(Clock::time_point end);  // less if nobody watches any more
+  void Rest(Clock::time_point end);  // ends early without viewers
 
   template <typename Change>
   void Tell(Change change);

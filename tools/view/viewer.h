@@ -46,7 +46,7 @@ class Audience {
   std::array<Stage, kinetrel_stream_slots> stages_;
 };
 
-// Whoever holds a copy counts: the server's connections, and the viewers among them.
+// Each copy counts one: a connection of the server, or a viewer.
 using Ticket = std::shared_ptr<void>;
 
 class Viewer : public std::enable_shared_from_this<Viewer> {
