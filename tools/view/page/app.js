@@ -208,12 +208,15 @@ async function copy(text) {
 
 // ---- Controls --------------------------------------------------------------------------------------
 
+let storage = {};
+try { storage = localStorage; } catch { /* the browser forbids it: choices last as long as the page */ }
+
 function keep(id, apply) {
   const field = $(id);
-  const kept = localStorage[id];
+  const kept = storage[`kinetrel-${id}`];
   if ([...field.options].some(({ value }) => value === kept)) field.value = kept;
   field.onchange = () => {
-    localStorage[id] = field.value;
+    storage[`kinetrel-${id}`] = field.value;
     apply();
   };
 }

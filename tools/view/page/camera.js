@@ -53,14 +53,14 @@ export class Camera {
     const needed = points.map((point) => {
       const [deep, right, up] = axes.map((axis, i) => dot(point, axis) - middle[i]);
       const aside = Math.max(Math.abs(up), Math.abs(right) / this.aspect);
-      return 1.35 * aside / kHalfView - (this.flat ? 0 : deep);
+      return 1.5 * aside / kHalfView - (this.flat ? 0 : deep);
     });
     this.distance = Math.max(0.3, ...needed);
   }
 
   shows(point) {
     const { x, y, w } = project(this.matrix(), point);
-    return w > 0 && Math.abs(x) < 0.95 && Math.abs(y) < 0.95;
+    return w > 0 && Math.abs(x) < 0.85 && Math.abs(y) < 0.85;
   }
 
   // Of the picture, in metres at the target.
