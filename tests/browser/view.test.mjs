@@ -90,12 +90,12 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     await page.focus('#scrub');
     for (let i = 0; i < 50; ++i) await page.keyboard.press('ArrowLeft');
     const back = (await poses(page))[0];
-    close(frozen.time - back.time, 1000, 60, 'ms back');
+    assert.ok(back.time <= frozen.time - 999 && back.time > frozen.time - 2000, 'the sample of a second ago');
     assertOnPath(back);
-    assert.match(await text(page, '#moment'), /1\.00 s back/);
+    await sees(page, () => document.getElementById('moment').textContent.endsWith('1.00 s back'));
     await page.click('#freeze');
     await sees(page, (seen) => kinetrelView.poses.get(1).time > seen, frozen.time);
-    assert.equal(await text(page, '#moment'), 'live');
+    await sees(page, () => document.getElementById('moment').textContent === 'live');
     assert.deepEqual(page.messages, []);
   });
 
@@ -247,14 +247,15 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     const second = await simulated(test, url);
     const page = await watch(test);
     await sees(page, (slot) => document.getElementById(`slot-${slot}`), second.slot);
-    await page.click(`#slot-${second.slot}`);
+    const choose = (slot) => page.$eval(`#slot-${slot}`, (tab) => tab.click());  // others' trackers come and go
+    await choose(second.slot);
     await sees(page, (slot) => kinetrelView.slot === slot && kinetrelView.poses.size === 3, second.slot);
     (await poses(page)).forEach(assertOnPath);
     await second.program.end('SIGKILL');
     await seesMood(page, 'bad');
     assert.match(await text(page, '#state'), /No new pose since/);
     await sees(page, () => document.getElementById('state').textContent.startsWith('No sign of life'));
-    await page.click(`#slot-${tracker.slot}`);
+    await choose(tracker.slot);
     await seesMood(page, 'good');
     assert.deepEqual(page.messages, []);
   });

@@ -83,8 +83,9 @@ export async function launch(test) {
   const browser = await puppeteer.launch({
     executablePath: process.env.CHROMIUM ?? '/usr/bin/chromium',
     userDataDir: scratch(test),
-    args: ['--no-sandbox', '--disable-gpu', '--use-angle=swiftshader', '--enable-unsafe-swiftshader', '--disable-quic',
-      '--no-first-run', '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+    // WebGL 2 in software, and the page put together by the same software: else each picture is read back.
+    args: ['--no-sandbox', '--use-angle=swiftshader', '--enable-unsafe-swiftshader', '--ignore-gpu-blocklist', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
   });
   test.after(() => browser.close());
   return browser;

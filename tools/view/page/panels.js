@@ -43,20 +43,26 @@ export function showLink({ state, since, retryAt, reason }) {
   setText($('outage-next'), wait > 0 ? `Trying again in ${wait} s.` : 'Trying again now.');
 }
 
-function makeTab() {
-  const tab = make('button', { type: 'button', role: 'tab' }, make('span'), make('span', { className: 'state' }));
+function makeTab(slot) {
+  const tab = make('button', { role: 'tab', id: `slot-${slot}` }, make('span'), make('span', { className: 'state' }));
   tab.setAttribute('aria-controls', 'tracker');
   return tab;
 }
 
 export function showTabs(trackers, selected, now, choose) {
   $('trackers').hidden = trackers.size === 0;
-  const tabs = resize($('trackers'), trackers.size, makeTab);
+  const list = $('trackers');
+  const tabs = [...trackers.keys()].map((slot) => $(`slot-${slot}`) ?? makeTab(slot));
+  if (tabs.length !== list.children.length || tabs.some((tab, i) => tab !== list.children[i])) {
+    const { activeElement } = document;
+    list.replaceChildren(...tabs);
+    activeElement.focus();
+  }
   [...trackers.values()].forEach((tracker, i) => {
     const { slot, status, sensors: { size } } = tracker;
     const { mood, word } = stateOf(tracker, now);
     const tab = tabs[i];
-    Object.assign(tab, { id: `slot-${slot}`, ariaSelected: String(slot === selected), tabIndex: slot === selected ? 0 : -1 });
+    Object.assign(tab, { ariaSelected: String(slot === selected), tabIndex: slot === selected ? 0 : -1 });
     tab.onclick = () => choose(slot);
     tab.onkeydown = ({ key }) => {
       const next = tabs.at((i + { ArrowRight: 1, ArrowLeft: -1 }[key]) % tabs.length);

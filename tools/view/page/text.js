@@ -42,7 +42,7 @@ const kStates = {
   starting: ['wait', 'Starting', 'Wait: some trackers need ten seconds and more.'],
   running: ['good', 'Running', ''],
   silent: ['bad', 'Silent', 'Check its power and its sensors. Poses go on by themselves.'],
-  recovering: ['bad', 'Lost, being sought', 'Check cable and power. Kinetrel opens it again by itself.'],
+  recovering: ['bad', 'Lost, being sought', 'Check cable and power.'],
   stopped: ['off', 'Stopped', kStartAgain],
   failed: ['bad', 'Failed', 'The status log says why. Then start the tracker again.'],
   lost: ['bad', 'No sign of life', 'Start it again, unless its program still runs.'],
