@@ -236,7 +236,11 @@ enum kinetrel_mapping_attribute_id {
 enum kinetrel_filter_type {
   kinetrel_offset_filter = 3,
   kinetrel_filter_chain = 9,
-  kinetrel_rigid_transform_filter = 32
+  kinetrel_rigid_transform_filter = 32,
+  kinetrel_one_euro_filter = 33,
+  kinetrel_outlier_gate_filter = 34,
+  kinetrel_dropout_filter = 35,
+  kinetrel_prediction_filter = 36
 };
 
 /* Adds a filter to a mapping, which is made if it does not exist. Returns the index of the filter,

@@ -47,7 +47,15 @@ inline bool CopyAttributeRows(std::span<const AttributeInfo> table, int count,
   return true;
 }
 
-enum class FilterType : int { Offset = 3, Chain = 9, RigidTransform = 32 };
+enum class FilterType : int {
+  Offset = 3,
+  Chain = 9,
+  RigidTransform = 32,
+  OneEuro = 33,
+  OutlierGate = 34,
+  Dropout = 35,
+  Prediction = 36,
+};
 
 // One pose on its way through a chain, in units that do not depend on the device's settings.
 struct PoseSample {

@@ -4,6 +4,10 @@
 #include <fstream>
 #include <iterator>
 
+#include "filters/dropout_filter.h"
+#include "filters/one_euro_filter.h"
+#include "filters/outlier_gate_filter.h"
+#include "filters/prediction_filter.h"
 #include "filters/rigid_transform_filter.h"
 #include "filters/tuned_filter.h"
 
@@ -24,6 +28,8 @@ std::unique_ptr<TunedFilter> Make() {
 }
 
 constexpr Maker kMakers[] = {
+    {"dropout", Make<DropoutFilter>},      {"gate", Make<OutlierGateFilter>},
+    {"one-euro", Make<OneEuroFilter>},     {"predict", Make<PredictionFilter>},
     {"rigid", Make<RigidTransformFilter>},
 };
 

@@ -71,6 +71,16 @@ inline Vector3 ToTurn(const Rotation& q) {
   return factor * axis;
 }
 
+// From `a` the share `part` (0 to 1) of the shorter way to `b`. Along the chord: equal parts are
+// not quite equal angles.
+inline Rotation Between(const Rotation& a, const Rotation& b, double part) {
+  const double cosine = a[0] * b[0] + a[1] * b[1] + a[2] * b[2] + a[3] * b[3];
+  const double toB = cosine < 0.0 ? -part : part;
+  Rotation between{};
+  for (std::size_t i = 0; i < 4; ++i) between[i] = (1.0 - part) * a[i] + toB * b[i];
+  return AtUnitLength(between);
+}
+
 // Azimuth about z, then elevation about y, then roll about x; radians.
 inline Rotation FromAngles(const Vector3& angles) {
   return FromTurn({0.0, 0.0, angles[0]}) * FromTurn({0.0, angles[1], 0.0}) *

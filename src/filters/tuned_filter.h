@@ -82,6 +82,7 @@ class TunedFilter : public Filter {
   virtual void ParametersChanged() {}  // after one or more were set; not by the constructor
 
   double Value(std::size_t row) const { return values_[row][0]; }
+  int Choice(std::size_t row) const { return static_cast<int>(values_[row][0]); }
   const Vector3& Values(std::size_t row) const { return values_[row]; }
   void SetMeasured(std::size_t row, double value) { values_[row][0] = value; }
 
