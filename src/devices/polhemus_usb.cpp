@@ -1,5 +1,6 @@
 #include "devices/polhemus_usb.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <vector>
@@ -115,6 +116,12 @@ std::string ExplainAbsence(PolhemusFamily family, const std::string& name,
   return text + "; on USB: " + List(devices);
 }
 
+Result<std::vector<UsbDevice>> ListInOrder() {
+  auto devices = ListUsbDevices();
+  if (devices.Ok()) std::ranges::sort(*devices, {}, &UsbDevice::port);
+  return devices;
+}
+
 }  // namespace
 
 bool IsUsbName(std::string_view name) {
@@ -123,7 +130,7 @@ bool IsUsbName(std::string_view name) {
 
 Result<PolhemusUnit> OpenPolhemusUnit(PolhemusFamily family, const std::string& name,
                                       std::string& why) {
-  const Result<std::vector<UsbDevice>> devices = ListUsbDevices();
+  const Result<std::vector<UsbDevice>> devices = ListInOrder();
   if (!devices.Ok()) {
     why = name + ": " + UsbLine::ExplainFailure(devices.status());
     return devices.status();

@@ -28,7 +28,8 @@ struct UsbIdentity {
     bool interrupt;        // else bulk
   };
   std::vector<Endpoint> endpoints = {};
-  std::uint8_t answers = 0;  // the endpoint in which the device's bytes go
+  std::uint8_t answers = 0;   // the endpoint in which the device's bytes go
+  bool usedByDriver = false;  // a driver of the host's system has the interface when it appears
 };
 
 class UsbDevicePort : public DevicePort {
@@ -38,6 +39,9 @@ class UsbDevicePort : public DevicePort {
 
   // No transfer to the host gets more than so many bytes; 0: as many as it has room for.
   virtual void SetLongestTransfer(std::size_t bytes) = 0;
+
+  // A driver of the host's system has the interface now.
+  virtual bool IsUsedByDriver() const = 0;
 
   // From the next Plug on.
   virtual void SetIdentity(UsbIdentity identity) = 0;

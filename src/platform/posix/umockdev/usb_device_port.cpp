@@ -121,6 +121,7 @@ class MockDevice final : public UsbDevicePort {
   Status Plug(unsigned) override;
   bool IsPlugged() const override { return plugged_; }
   bool HasHost() const override;
+  bool IsUsedByDriver() const override;
   unsigned HostBaud() const override { return 0; }
   std::size_t Read(std::span<std::byte> into) override;
   std::size_t Write(std::span<const std::byte> from) override;
@@ -139,12 +140,25 @@ class MockDevice final : public UsbDevicePort {
     usbdevfs_urb* header() const { return reinterpret_cast<usbdevfs_urb*>(urb->data); }
   };
 
-  static gboolean OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self);
-  static void OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self);
-  static void OnVanished(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self);
+  // The testbed's thread may call for a device that is just being destroyed or plugged in again.
+  struct Tie {
+    explicit Tie(MockDevice* tied) : device(tied) {}
+    std::mutex mutex;
+    MockDevice* device;  // null when it no longer answers
+  };
+  static gboolean OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer tie);
+  static void OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer tie);
+  static void OnVanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer tie);
+  void Untie();
+  void Connect(UMockdevIoctlBase* handler, const char* signal, GCallback callback);
 
   using Held = std::unique_lock<std::mutex>;
-  int Answer(const Held&, unsigned long request, UMockdevIoctlData* argument);
+  void Forget(const UMockdevIoctlClient* client);
+  int Answer(UMockdevIoctlClient* client);
+  int Answer(const Held&, UMockdevIoctlClient* client, unsigned long request,
+             UMockdevIoctlData* argument);
+  int Claim(UMockdevIoctlClient* client, bool fromDriver);
+  int AskDriver(UMockdevIoctlData* argument);
   int Submit(const Held&, UMockdevIoctlData* argument);
   int Discard(const Held&, UMockdevIoctlData* argument);
   int Reap(const Held&, UMockdevIoctlData* argument);
@@ -161,15 +175,16 @@ class MockDevice final : public UsbDevicePort {
   std::string node_;
   std::string sysPath_;
   bool plugged_ = false;
-  UMockdevIoctlBase* handler_ = nullptr;
-  std::array<gulong, 3> signals_{};
+  std::shared_ptr<Tie> tie_ = std::make_shared<Tie>(this);  // of this plugging in
 
   mutable std::mutex mutex_;  // guards all below
   std::condition_variable changed_;
   bool gone_ = false;  // unplugged: the host's calls fail
   bool interrupted_ = false;
-  bool stalls_ = false;  // the next transfer
-  bool halted_ = false;  // until the host resets the endpoint
+  bool stalls_ = false;     // the next transfer
+  bool halted_ = false;     // until the host resets the endpoint
+  bool hasDriver_ = false;  // of the host
+  UMockdevIoctlClient* claimedBy_ = nullptr;
   int hosts_ = 0;
   int lastHosts_ = 0;
   std::size_t longest_ = 0;
@@ -221,7 +236,23 @@ class Bus final : public UsbBus, public std::enable_shared_from_this<Bus> {
 MockDevice::MockDevice(std::shared_ptr<Bus> bus, unsigned port, UsbIdentity identity)
     : bus_(std::move(bus)), port_(port), identity_(std::move(identity)) {}
 
-MockDevice::~MockDevice() { MockDevice::Unplug(); }
+MockDevice::~MockDevice() {
+  MockDevice::Unplug();
+  Untie();
+}
+
+void MockDevice::Untie() {
+  const std::lock_guard lock(tie_->mutex);
+  tie_->device = nullptr;
+}
+
+void MockDevice::Connect(UMockdevIoctlBase* handler, const char* signal, GCallback callback) {
+  const auto release = [](gpointer tie, GClosure*) {
+    delete static_cast<std::shared_ptr<Tie>*>(tie);
+  };
+  g_signal_connect_data(handler, signal, callback, new std::shared_ptr<Tie>(tie_), release,
+                        GConnectFlags{});
+}
 
 std::string MockDevice::Describe() const {
   const std::size_t slash = node_.rfind('/');
@@ -249,6 +280,8 @@ void MockDevice::Tell(const char* event) {
 
 Status MockDevice::Plug(unsigned) {
   if (plugged_) return {};
+  Untie();  // a host that still has the old device open
+  tie_ = std::make_shared<Tie>(this);
   char number[8];
   std::snprintf(number, sizeof number, "%03u", bus_->NextNumber());
   node_ = std::string("/dev/bus/usb/001/") + number;
@@ -256,6 +289,8 @@ Status MockDevice::Plug(unsigned) {
   {
     const std::lock_guard lock(mutex_);
     gone_ = stalls_ = halted_ = false;
+    hasDriver_ = identity_.usedByDriver;
+    claimedBy_ = nullptr;
     fromHost_.clear();
     toHost_.clear();
     done_.clear();
@@ -266,11 +301,11 @@ Status MockDevice::Plug(unsigned) {
     g_clear_error(&error);
     return {Error::Failed, 0, "make a USB device"};
   }
-  handler_ = umockdev_ioctl_base_new();
-  signals_ = {g_signal_connect(handler_, "handle-ioctl", G_CALLBACK(OnIoctl), this),
-              g_signal_connect(handler_, "client-connected", G_CALLBACK(OnConnected), this),
-              g_signal_connect(handler_, "client-vanished", G_CALLBACK(OnVanished), this)};
-  if (umockdev_testbed_attach_ioctl(bus_->bed(), node_.c_str(), handler_, &error) == FALSE) {
+  const Owned<UMockdevIoctlBase> handler(umockdev_ioctl_base_new());
+  Connect(handler.get(), "handle-ioctl", G_CALLBACK(OnIoctl));
+  Connect(handler.get(), "client-connected", G_CALLBACK(OnConnected));
+  Connect(handler.get(), "client-vanished", G_CALLBACK(OnVanished));
+  if (umockdev_testbed_attach_ioctl(bus_->bed(), node_.c_str(), handler.get(), &error) == FALSE) {
     g_clear_error(&error);
     return {Error::Failed, 0, "serve a USB device"};
   }
@@ -296,6 +331,11 @@ void MockDevice::Unplug() {
   }
   Tell("remove");
   umockdev_testbed_remove_device(bus_->bed(), ("/sys" + sysPath_).c_str());
+}
+
+bool MockDevice::IsUsedByDriver() const {
+  const std::lock_guard lock(mutex_);
+  return hasDriver_;
 }
 
 bool MockDevice::HasHost() const {
@@ -349,37 +389,54 @@ void MockDevice::SetLongestTransfer(std::size_t bytes) {
 
 // ---- The host's calls ----------------------------------------------------------------------
 
-void MockDevice::OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self) {
-  auto& device = *static_cast<MockDevice*>(self);
-  const std::lock_guard lock(device.mutex_);
-  ++device.hosts_;
-  device.changed_.notify_all();
+void MockDevice::OnConnected(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer data) {
+  Tie& tie = **static_cast<std::shared_ptr<Tie>*>(data);
+  const std::lock_guard alive(tie.mutex);
+  if (tie.device == nullptr) return;
+  const std::lock_guard lock(tie.device->mutex_);
+  ++tie.device->hosts_;
+  tie.device->changed_.notify_all();
 }
 
-void MockDevice::OnVanished(UMockdevIoctlBase*, UMockdevIoctlClient*, gpointer self) {
-  auto& device = *static_cast<MockDevice*>(self);
-  const Held lock(device.mutex_);
-  --device.hosts_;
-  device.asked_.clear();
-  device.done_.clear();
-  device.toHost_.clear();
-  device.halted_ = false;
-  device.ready_.Set(device.gone_);
-  device.changed_.notify_all();
+void MockDevice::OnVanished(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) {
+  Tie& tie = **static_cast<std::shared_ptr<Tie>*>(data);
+  const std::lock_guard alive(tie.mutex);
+  if (tie.device != nullptr) tie.device->Forget(client);
 }
 
-gboolean MockDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer self) {
-  auto& device = *static_cast<MockDevice*>(self);
-  const unsigned long request = umockdev_ioctl_client_get_request(client);
-  UMockdevIoctlData* const argument = umockdev_ioctl_client_get_arg(client);
-  const Held lock(device.mutex_);
-  const int result = device.Answer(lock, request, argument);
+gboolean MockDevice::OnIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer data) {
+  Tie& tie = **static_cast<std::shared_ptr<Tie>*>(data);
+  int result = -ENODEV;
+  {
+    const std::lock_guard alive(tie.mutex);
+    if (tie.device != nullptr) result = tie.device->Answer(client);
+  }
   umockdev_ioctl_client_complete(client, result < 0 ? -1 : 0, result < 0 ? -result : 0);
   return TRUE;
 }
 
+void MockDevice::Forget(const UMockdevIoctlClient* client) {
+  const std::lock_guard lock(mutex_);
+  --hosts_;
+  changed_.notify_all();
+  if (claimedBy_ != client) return;
+  claimedBy_ = nullptr;
+  asked_.clear();
+  done_.clear();
+  toHost_.clear();
+  halted_ = false;
+  ready_.Set(gone_);
+}
+
+int MockDevice::Answer(UMockdevIoctlClient* client) {
+  const Held lock(mutex_);
+  return Answer(lock, client, umockdev_ioctl_client_get_request(client),
+                umockdev_ioctl_client_get_arg(client));
+}
+
 // Returns 0, or minus the error.
-int MockDevice::Answer(const Held& lock, unsigned long request, UMockdevIoctlData* argument) {
+int MockDevice::Answer(const Held& lock, UMockdevIoctlClient* client, unsigned long request,
+                       UMockdevIoctlData* argument) {
   if (request == USBDEVFS_REAPURBNDELAY) return Reap(lock, argument);
   if (gone_ && request != USBDEVFS_DISCARDURB) return -ENODEV;
   switch (request) {
@@ -395,15 +452,18 @@ int MockDevice::Answer(const Held& lock, unsigned long request, UMockdevIoctlDat
       Serve(lock);
       return 0;
     case USBDEVFS_CLAIMINTERFACE:
+      return Claim(client, false);
     case USBDEVFS_DISCONNECT_CLAIM:
+      return Claim(client, true);
     case USBDEVFS_RELEASEINTERFACE:
+      if (claimedBy_ == client) claimedBy_ = nullptr;
+      return 0;
+    case USBDEVFS_IOCTL:
+      return AskDriver(argument);
     case USBDEVFS_SETCONFIGURATION:
     case USBDEVFS_SETINTERFACE:
     case USBDEVFS_RESET:
-    case USBDEVFS_IOCTL:
       return 0;
-    case USBDEVFS_GETDRIVER:
-      return -ENODATA;
     case USBDEVFS_SUBMITURB:
       return Submit(lock, argument);
     case USBDEVFS_DISCARDURB:
@@ -411,6 +471,26 @@ int MockDevice::Answer(const Held& lock, unsigned long request, UMockdevIoctlDat
     default:
       return -ENOTTY;
   }
+}
+
+int MockDevice::Claim(UMockdevIoctlClient* client, bool fromDriver) {
+  if (claimedBy_ != nullptr && claimedBy_ != client) return -EBUSY;
+  if (hasDriver_ && !fromDriver) return -EBUSY;
+  hasDriver_ = false;
+  claimedBy_ = client;
+  return 0;
+}
+
+// A host takes the interface from the driver, and gives it back.
+int MockDevice::AskDriver(UMockdevIoctlData* argument) {
+  const Owned<UMockdevIoctlData> data(
+      umockdev_ioctl_data_resolve(argument, 0, sizeof(usbdevfs_ioctl), nullptr));
+  if (!data) return -EFAULT;
+  const unsigned long code =
+      static_cast<unsigned>(reinterpret_cast<const usbdevfs_ioctl*>(data->data)->ioctl_code);
+  if (code != USBDEVFS_CONNECT && code != USBDEVFS_DISCONNECT) return -ENOTTY;
+  hasDriver_ = code == USBDEVFS_CONNECT && identity_.usedByDriver;
+  return 0;
 }
 
 int MockDevice::Submit(const Held& lock, UMockdevIoctlData* argument) {
@@ -438,7 +518,8 @@ int MockDevice::Submit(const Held& lock, UMockdevIoctlData* argument) {
 }
 
 int MockDevice::Discard(const Held&, UMockdevIoctlData* argument) {
-  const gulong wanted = argument->client_addr;
+  gulong wanted = 0;
+  std::memcpy(&wanted, argument->data, sizeof wanted);
   const auto found = std::ranges::find_if(
       asked_, [wanted](const Request& request) { return request.urb->client_addr == wanted; });
   if (found == asked_.end()) return -EINVAL;
