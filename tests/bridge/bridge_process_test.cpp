@@ -52,6 +52,26 @@ TEST_F(BridgeProcess, ContinuedAfterAStopSendsTheNewestAndNoQueue) {
   EXPECT_LE(old, 8);  // a frame or two that it held when it was stopped
 }
 
+TEST_F(BridgeProcess, TellsOfATrackerThatIsKilledAndGoesOnWithTheNext) {
+  tracker_.reset();
+  const auto killed = std::make_unique<ChildProcess>("kinetrel", Simulated(slot_));
+  std::optional<VrpnHeard> pose;
+  do {
+    pose = client_->Next(kVrpnPose);
+    ASSERT_TRUE(pose.has_value());
+  } while (pose->F64(8) == -1);  // of the tracker before
+  killed->Kill();
+  EXPECT_TRUE(bridge_->ExpectError(": lost: "));
+  do {
+    const auto warning = client_->Next("vrpn_Base text_message");
+    ASSERT_TRUE(warning.has_value());
+    if (warning->Text(8).starts_with("tracker lost: ")) break;
+  } while (true);
+  client_->ear.heard.clear();
+  const ChildProcess next("kinetrel", Simulated(slot_));
+  EXPECT_TRUE(client_->Next(kVrpnPose).has_value());
+}
+
 TEST_F(BridgeProcess, EndsWhenAskedAndFreesItsPort) {
   bridge_->Signal(SIGTERM);
   EXPECT_EQ(bridge_->Wait(), 0);

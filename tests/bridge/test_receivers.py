@@ -388,6 +388,30 @@ class LabStreamingLayer(BridgeCase):
             self.assertIn(complaint, done.stderr)
 
 
+class LostNetwork(BridgeCase):
+    def test_it_is_told_once_and_the_other_outputs_go_on(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as receiver, \
+                tempfile.NamedTemporaryFile("r") as said, open(said.name, "w") as errors:
+            receiver.settimeout(patience)
+            receiver.bind(("127.0.0.1", 6302))
+            self.bridge("opentrack://192.0.2.1", "freed://127.0.0.1:6302?sensors=1", stderr=errors)
+            receiver.recv(64)
+
+            def said_so_far():
+                said.seek(0)
+                return said.read()
+
+            subprocess.run(["ip", "route", "del", "default"], check=True)
+            try:
+                wait_until(lambda: "opentrack://192.0.2.1: cannot send: " in said_so_far())
+                for _ in range(200):  # frames that fail meanwhile
+                    receiver.recv(64)
+            finally:
+                subprocess.run(["ip", "route", "add", "default", "dev", "lo"], check=True)
+            wait_until(lambda: "opentrack://192.0.2.1: sends again" in said_so_far())
+            self.assertEqual(said_so_far().count("cannot send"), 1, said_so_far())
+
+
 if __name__ == "__main__":
     if "KINETREL_TEST_OWN_NETWORK" not in os.environ:
         in_own_network()

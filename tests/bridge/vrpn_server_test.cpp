@@ -259,6 +259,13 @@ TEST_F(VrpnServer, DropsClientsThatAreNotVrpn) {
   EXPECT_TRUE(honest->Hear());
 }
 
+TEST_F(VrpnServer, SendsDatagramsOnlyToAClientThatItCalled) {
+  Serve();
+  // A connection may come from anywhere; its poses stay on it.
+  VrpnTestClient client(port_, WatchedVrpnCookie() + WatchedVrpnUdp());
+  EXPECT_TRUE(PoseOf(client).has_value());
+}
+
 TEST_F(VrpnServer, AStoppedReaderHoldsUpNoOtherAndIsDropped) {
   Serve("", {"--status", "1"});
   VrpnTestClient stopped(port_);
