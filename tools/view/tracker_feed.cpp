@@ -15,10 +15,9 @@ constexpr int kLookEveryMs = 100;  // at state and log
 constexpr milliseconds kStatusEvery{1000};
 constexpr milliseconds kRetryEvery{250};  // to open the stream
 
-// At most 60 frames a second. A frame may come a little early, so that the jitter of a tracker of
-// 60 Hz does not delay every frame.
+// At most 60 frames a second, on average over any two.
 constexpr std::chrono::nanoseconds kFrameEvery{1'000'000'000 / 60};
-constexpr milliseconds kEarly{4};
+constexpr milliseconds kShortWait{4};
 
 Message Share(std::string text) { return std::make_shared<const std::string>(std::move(text)); }
 
@@ -110,12 +109,19 @@ void TrackerFeed::Follow() {
       return Rest(Clock::now() + kRetryEvery);
     }
     if (Clock::now() >= nextLook_) LookAtRun(stream);
-    if (changed) {
+    // A frame that comes much too early gives way to the next one. If it waited, so would all later
+    // frames of a tracker of 60 Hz.
+    const auto wait = nextFrame_ - Clock::now();
+    int patienceMs = kLookEveryMs;
+    if (changed && wait <= kShortWait) {
+      Rest(nextFrame_);
       TellFrame();
-      Rest(nextFrame_ - kEarly);
+      changed = false;
+    } else if (changed) {
+      patienceMs = static_cast<int>(std::chrono::ceil<milliseconds>(wait + kFrameEvery).count());
     }
-    result = stream.TakeRecords(now_, kLookEveryMs);
-    changed = result == kinetrel_stream_ok;
+    result = stream.TakeRecords(now_, patienceMs);
+    changed = changed || result == kinetrel_stream_ok;
   }
 }
 
@@ -137,7 +143,8 @@ void TrackerFeed::LookAtRun(TrackerStream& stream) {
 }
 
 void TrackerFeed::TellFrame() {
-  nextFrame_ = std::max(nextFrame_, Clock::now()) + kFrameEvery;
+  // A late frame does not make the next one late.
+  nextFrame_ = std::max(nextFrame_, Clock::now() - kFrameEvery) + kFrameEvery;
   Message frame = Share(FrameMessage(now_, MomentNow()));
   Tell([&](FeedNews& news) { news.frame = std::move(frame); });
 }
