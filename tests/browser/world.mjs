@@ -13,7 +13,9 @@ export const { PNG } = require('pngjs');
 const axeSource = require('axe-core').source;
 
 const root = fileURLToPath(new URL('../..', import.meta.url));
-export const bin = resolve(process.env.KINETREL_BIN ?? join(root, 'build/release/bin'));
+const bin = resolve(process.env.KINETREL_BIN ?? join(root, 'build/release/bin'));
+// `wine`: the programs are those of Windows, and run under it. The browser is outside.
+export const runner = process.env.KINETREL_RUNNER;
 const pictures = join(root, 'build/browser');
 const kPatience = 60000;  // ms
 
@@ -30,8 +32,9 @@ export async function until(what, condition) {
 export class Program {
   output = '';
 
-  constructor(test, path, options = [], settings = {}) {
-    this.child = spawn(path.includes('/') ? path : join(bin, path), options,
+  constructor(test, name, options, settings = {}) {
+    const command = runner ? [runner, `${join(bin, name)}.exe`] : [join(bin, name)];
+    this.child = spawn(command[0], [...command.slice(1), ...options],
       { env: { ...process.env, ...settings }, stdio: ['ignore', 'pipe', 'pipe'] });
     this.ended = new Promise((done) => { this.child.on('exit', done); });
     this.child.on('error', (error) => { this.output += error; });

@@ -49,6 +49,7 @@ function choose(slot) {
   showLog(tracker());
   curvesAt = 0;
   showTabs(feed.trackers, selected, feed.now(), pick);
+  $(`slot-${slot}`).scrollIntoView({ block: 'nearest' });
 }
 
 // By the user's hand; a link to this address shows the same tracker.

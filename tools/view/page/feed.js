@@ -134,6 +134,7 @@ if (this.#paused) return;
     const since = this.link.state === 'lost' ? this.link.since : Date.now();
     for (const socket of this.#sockets.values()) socket.close();
     this.#sockets.clear();
+    for (const { status } of this.trackers.values()) Object.assign(status, { state: 'unknown', stateText: '', stateSince: null });
     this.#setLink({ state: 'lost', since, retryAt: Date.now() + this.#retry, reason });
     this.#retry = Math.min(this.#retry * 2, kLastRetry);
   }

@@ -178,7 +178,7 @@ export function measure(tracker, historyOf, time, units) {
   const samples = historyOf(from).between(time - 1000 * $('window').value, time);
   const still = rest(samples);
   addLength(`Path of ${from.number}`, pathLength(samples), decimals, `${still.count} samples`);
-  addLength(`Deviation of ${from.number}`, still.total, decimals + 1, byAxis(still.deviation, decimals + 1));
+  addLength(`Standard deviation of ${from.number}`, still.total, decimals + 1, byAxis(still.deviation, decimals + 1));
   addAngle(`Angle deviation of ${from.number}`, still.angle, angle.decimals + 1);
   return { rows, moved: still.moved };
 }

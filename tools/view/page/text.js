@@ -48,7 +48,7 @@ const kStates = {
   lost: ['bad', 'No sign of life', 'Start it again, unless its program still runs.'],
   none: ['off', 'No tracker', kStartAgain],
   unreadable: ['bad', 'Cannot be read', 'Update Kinetrel here, or start the tracker from this account.'],
-  unknown: ['wait', 'Unknown', ''],
+  unknown: ['off', 'Not known', ''],
 };
 
 // How a tracker is at a moment: { mood, word, reason, advice, since }.
