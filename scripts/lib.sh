@@ -28,10 +28,10 @@ has() {
   if [[ $probe == -f* ]]; then
     echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
       clang++ "$probe" -x c++ - -o /dev/null >/dev/null 2>&1
-  elif [[ $probe == *.h || $probe == *.hpp ]]; then
-    echo "#include <$probe>" | g++ -E -x c++ - >/dev/null 2>&1
   elif [[ $probe == /* ]]; then
     [[ -e $probe ]]
+  elif [[ $probe == *.h || $probe == *.hpp ]]; then
+    echo "#include <$probe>" | g++ -E -x c++ - >/dev/null 2>&1
   else
     command -v "$probe" >/dev/null
   fi
