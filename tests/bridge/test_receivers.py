@@ -37,14 +37,18 @@ HELD = "hold:50,-25,12.5,30,20,10"
 QUATERNION = (0.951548525, 0.038134576, 0.189307857, 0.239298338)  # w x y z of the tracker's frame
 
 
+def set_up_network():
+    for change in ("link set lo up", "link set lo multicast on", "route replace 224.0.0.0/4 dev lo",
+                   "route replace default dev lo"):
+        subprocess.run(["ip", *change.split()], check=True)
+
+
 def in_own_network():
     """Starts this script again where nothing leaves the machine."""
-    setup = ("ip link set lo up && ip link set lo multicast on && ip route add 224.0.0.0/4 dev lo && "
-             "ip route add default dev lo && exec \"$@\"")
     if subprocess.run(["unshare", "-rn", "true"], capture_output=True).returncode != 0:
         sys.exit(77)
     os.environ["KINETREL_TEST_OWN_NETWORK"] = "1"
-    os.execvp("unshare", ["unshare", "-rn", "sh", "-c", setup, "sh", sys.executable, *sys.argv])
+    os.execvp("unshare", ["unshare", "-rn", sys.executable, *sys.argv])
 
 
 class Held:
@@ -183,6 +187,30 @@ class Datagrams(BridgeCase):
         numbers = [int.from_bytes(packet[at:at + 3], "big", signed=True) for at in range(2, 20, 3)]
         self.assert_near([n / 32768 for n in numbers[:3]], (-30, 20, -10), 0.01)
         self.assert_near([n / 64 for n in numbers[3:]], (250, 500, -125), 0.1)
+
+
+class LostNetwork(BridgeCase):
+    def test_is_told_once_and_harms_no_other_output(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as receiver:
+            receiver.settimeout(patience)
+            receiver.bind(("127.0.0.1", 4242))
+            bridge = self.bridge("opentrack", "opentrack://192.168.7.7", stderr=subprocess.PIPE)
+            self.addCleanup(bridge.stderr.close)
+            lines = []
+
+            def read_until(words):
+                while not any(words in line for line in lines[-1:]):
+                    lines.append(bridge.stderr.readline())
+
+            receiver.recv(100)
+            self.addCleanup(set_up_network)
+            subprocess.run(["ip", "route", "del", "default"], check=True)
+            read_until("opentrack://192.168.7.7: cannot send: Network is unreachable")
+            for _ in range(50):
+                receiver.recv(100)
+            set_up_network()
+            read_until("opentrack://192.168.7.7: sends again")
+        self.assertEqual(sum("cannot send" in line for line in lines), 1, lines)
 
 
 @unittest.skipUnless(shutil.which("oscdump"), "needs liblo-tools")
@@ -415,5 +443,6 @@ class LostNetwork(BridgeCase):
 if __name__ == "__main__":
     if "KINETREL_TEST_OWN_NETWORK" not in os.environ:
         in_own_network()
+    set_up_network()
     bin_dir = pathlib.Path(sys.argv[1])
     unittest.main(argv=sys.argv[:1] + sys.argv[2:])

@@ -13,7 +13,9 @@ void FrameGatherer::SetState(const SourceState& state) {
   for (const unsigned sensor : feed_.selector.sensors()) {
     expected_ |= state.run.sensor_mask & 1U << sensor;
   }
-  if (!state.Delivers()) Flush();
+  if (state.Delivers()) return;
+  Flush();
+  joined_ = false;
 }
 
 void FrameGatherer::Add(std::span<const Pose> poses) {
@@ -22,7 +24,7 @@ void FrameGatherer::Add(std::span<const Pose> poses) {
     if (!poses_.empty() && (pose.frame != poses_[0].frame || (present_ & bit) != 0)) Flush();
     poses_.push_back(pose);
     present_ |= bit;
-    if ((expected_ & ~present_) == 0) Flush();
+    if (IsWhole()) Flush();
   }
 }
 
@@ -31,7 +33,9 @@ void FrameGatherer::Tick(std::int64_t nowNs) {
 }
 
 void FrameGatherer::Flush() {
-  if (!poses_.empty()) finish_(poses_);
+  if (poses_.empty()) return;
+  if (joined_ || IsWhole()) finish_(poses_);
+  joined_ = true;
   poses_.clear();
   present_ = 0;
 }

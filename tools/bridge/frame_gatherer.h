@@ -12,7 +12,7 @@ namespace kinetrel::bridge {
 
 // Gathers the poses of one device frame, for a protocol in which a sensor that a packet leaves out
 // counts as lost. The stream does not wait for a whole frame: a device of four stations sends each
-// record when it has it.
+// record when it has it. A first frame of which only the end came is left out.
 class FrameGatherer {
  public:
   using Finish = std::function<void(std::span<const Pose> poses)>;
@@ -28,11 +28,13 @@ class FrameGatherer {
 
  private:
   void Flush();
+  bool IsWhole() const { return expected_ != 0 && (expected_ & ~present_) == 0; }
 
   const Feed& feed_;
   Finish finish_;
   std::uint32_t expected_ = 0;  // bit i: sensor i
   std::uint32_t present_ = 0;
+  bool joined_ = false;  // false: the present frame may have begun before we came
   std::vector<Pose> poses_;
 };
 

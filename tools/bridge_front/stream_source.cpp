@@ -1,6 +1,7 @@
 #include "bridge_front/stream_source.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "platform/clock.h"
 
@@ -121,6 +122,8 @@ void StreamSource::RefreshRun() {
   if (now < nextRefreshNs_) return;
   kinetrel_run run;
   if (kinetrel_stream_run(&stream_, &run) != kinetrel_stream_ok) return;
+  runChanged_ = runChanged_ || run.sensor_mask != state_.run.sensor_mask ||
+                std::strcmp(run.device_name, state_.run.device_name) != 0;
   state_.run = run;
   nextRefreshNs_ = now + kRefreshEveryNs;
 }
@@ -131,7 +134,9 @@ bool StreamSource::LookAtState() {
   nextLookNs_ = now + kLookEveryNs;
   char text[256];
   const kinetrel_state seen = kinetrel_stream_state(&stream_, text);
-  const bool changed = !state_.present || seen != state_.state || state_.sentence != text;
+  const bool changed =
+      !state_.present || seen != state_.state || state_.sentence != text || runChanged_;
+  runChanged_ = false;
   state_.present = true;
   state_.state = seen;
   state_.sentence = text;

@@ -42,7 +42,8 @@ class StreamSource {
 
   struct News {
     std::span<const kinetrel_record> records;  // oldest first; valid until the next call
-    bool stateChanged = false;                 // state().state, present or sentence
+    // state().state, present or sentence; or the run has other sensors or another device
+    bool stateChanged = false;
   };
 
   // Waits until there is a record or a change of state, at most `patienceMs`.
@@ -67,6 +68,7 @@ class StreamSource {
   std::array<std::uint64_t, kinetrel_stream_sensors> taken_{};  // newest number of each sensor
   std::int64_t nextLookNs_ = 0;
   std::int64_t nextRefreshNs_ = 0;
+  bool runChanged_ = false;  // not told yet
 };
 
 }  // namespace kinetrel::bridge
