@@ -1,6 +1,7 @@
 // A subscriber of another DDS vendor, in a process of its own: a ROS 2 node as far as DDS sees one.
-//   kinetrel-test-fastdds DOMAIN TOPIC TYPE RELIABILITY
+//   kinetrel-test-fastdds TOPIC TYPE RELIABILITY [confined]
 //     RELIABILITY  reliable or best-effort; the history is ROS 2's default, the last 10
+//     confined     it calls nodes at localhost, as a ROS 2 node that is confined to its machine
 // Prints one line for each thing it sees:
 //   writer TOPIC TYPE reliable|best-effort volatile|transient-local USER-DATA
 //   participant USER-DATA
@@ -10,6 +11,7 @@
 #include <fastdds/rtps/participant/ParticipantDiscoveryInfo.h>
 #include <fastdds/rtps/transport/UDPv4TransportDescriptor.h>
 #include <fastdds/rtps/writer/WriterDiscoveryInfo.h>
+#include <fastrtps/utils/IPLocator.h>
 #include <fastdds/dds/domain/DomainParticipant.hpp>
 #include <fastdds/dds/domain/DomainParticipantFactory.hpp>
 #include <fastdds/dds/domain/DomainParticipantListener.hpp>
@@ -101,22 +103,27 @@ class Printer : public fast::DataReaderListener {
 }  // namespace
 
 int main(int count, char** arguments) {
-  if (count != 5) return 2;
-  const std::string reliability = arguments[4];
+  if (count < 4) return 2;
+  const std::string reliability = arguments[3];
   fast::DomainParticipantQos participantQos;
   // Not the shared memory that this vendor adds: it would leave the namespace.
   participantQos.transport().use_builtin_transports = false;
   participantQos.transport().user_transports.push_back(
       std::make_shared<eprosima::fastdds::rtps::UDPv4TransportDescriptor>());
+  for (std::uint32_t index = 0; count > 4 && index < 33; ++index) {
+    rtps::Locator_t place;
+    rtps::IPLocator::setIPv4(place, 127, 0, 0, 1);
+    place.port = 7410 + 2 * index;
+    participantQos.wire_protocol().builtin.initialPeersList.push_back(place);
+  }
   Discovery discovery;
   auto* const participant = fast::DomainParticipantFactory::get_instance()->create_participant(
-      static_cast<std::uint32_t>(std::atoi(arguments[1])), participantQos, &discovery,
-      fast::StatusMask::none());
+      0, participantQos, &discovery, fast::StatusMask::none());
   if (participant == nullptr) return 1;
-  fast::TypeSupport type(new RawMessage(arguments[3]));
+  fast::TypeSupport type(new RawMessage(arguments[2]));
   if (type.register_type(participant) != ReturnCode::RETCODE_OK) return 1;
   auto* const topic =
-      participant->create_topic(arguments[2], arguments[3], fast::TOPIC_QOS_DEFAULT);
+      participant->create_topic(arguments[1], arguments[2], fast::TOPIC_QOS_DEFAULT);
   auto* const subscriber = participant->create_subscriber(fast::SUBSCRIBER_QOS_DEFAULT);
   if (topic == nullptr || subscriber == nullptr) return 1;
   fast::DataReaderQos qos;

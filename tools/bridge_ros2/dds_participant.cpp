@@ -53,17 +53,18 @@ constexpr std::string_view kFixedPorts =
     "<ParticipantIndex>auto</ParticipantIndex><MaxAutoParticipantIndex>32</"
     "MaxAutoParticipantIndex>";
 constexpr std::string_view kAnyPorts = "<ParticipantIndex>none</ParticipantIndex>";
-constexpr std::string_view kLoopback =
-    "<General><Interfaces><NetworkInterface address=\"127.0.0.1\" multicast=\"true\"/></Interfaces>"
-    "<AllowMulticast>true</AllowMulticast></General>";
-constexpr std::string_view kLoopbackPeer = "<Peers><Peer address=\"127.0.0.1\"/></Peers>";
+// As ROS 2 confines a node: it multicasts nothing and calls only localhost. It is not bound to the
+// loopback interface, since nodes of other vendors give the addresses of the other ones.
+constexpr std::string_view kNoMulticast =
+    "<General><AllowMulticast>false</AllowMulticast></General>";
+constexpr std::string_view kThisMachine = "<Peers><Peer address=\"127.0.0.1\"/></Peers>";
 
 std::string Configuration(const DdsSettings& settings, std::string_view ports) {
   std::string xml = "<CycloneDDS><Domain>";
-  if (settings.thisMachineOnly) xml += kLoopback;
+  if (settings.thisMachineOnly) xml += kNoMulticast;
   xml += "<Discovery>";
   xml += ports;
-  if (settings.thisMachineOnly) xml += kLoopbackPeer;
+  if (settings.thisMachineOnly) xml += kThisMachine;
   xml += "</Discovery></Domain></CycloneDDS>";
   if (!settings.userConfiguration.empty()) xml += "," + settings.userConfiguration;
   return xml;

@@ -12,7 +12,7 @@ namespace kinetrel::bridge {
 
 struct DdsSettings {
   std::uint32_t domain = 0;       // ROS_DOMAIN_ID
-  bool thisMachineOnly = false;   // only the loopback interface
+  bool thisMachineOnly = false;   // is found by and sends to nodes on this machine only
   std::string userConfiguration;  // of Cyclone DDS, as CYCLONEDDS_URI has it; it wins over ours
 };
 
