@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The Windows programs under Wine against devices and machines outside it: serial trackers on COM3
 # (emulated on a pseudo-terminal), the vendors' libraries, a C host of the DLL, relays from Wine to
-# Linux and back, a bridge with clients on Linux. Prints a line a story; exit code 1 when one went wrong.
+# Linux and back, a bridge and a viewer with clients on Linux. Prints a line a story; exit code 1 when one went wrong.
 #
 #   devices.sh WINDOWS-BUILD LINUX-BIN [STORY...]
 #
@@ -86,12 +86,12 @@ story() {
   else
     echo "FAILED $name"
     failures=$((failures + 1))
-    for said in "$work"/{kinetrel,service,frames,emulator,said,joined,bridge,packets}; do
+    for said in "$work"/{kinetrel,service,frames,emulator,said,joined,bridge,packets,view}; do
       [[ -s $said ]] && echo "  --- ${said##*/}" && tail -c 1500 "$said" | tr '\r' '\n' | sed 's/^/  /'
     done
   fi
   stop_all
-  rm -f "$work"/{kinetrel,service,frames,emulator,said,joined,bridge,packets}
+  rm -f "$work"/{kinetrel,service,frames,emulator,said,joined,bridge,packets,view}
 }
 
 # ---- Serial trackers -----------------------------------------------------------------------------
@@ -234,6 +234,47 @@ bridge_refuses() {
   (($? == 2)) && grep -q 'cannot be opened' "$work/said"
 }
 
+# ---- View ----------------------------------------------------------------------------------------
+
+# Starts kinetrel-view and leaves its address in `page`.
+view() {
+  start view wine "$windows/bin/kinetrel-view.exe" --port 0 "$@"
+  await view 'http://' || return 1
+  page=$(head -1 "$work/view" | tr -d '\r')
+}
+
+# answers STATUS PATH CURL-ARGUMENT...
+answers() {
+  local status
+  status=$(in_time 20 curl -s -o "$work/said" -w '%{http_code}' "${@:3}" "${page%/*}/$2")
+  [[ $status == "$1" ]] && return
+  echo "  $2 ${*:3}: $status"
+  return 1
+}
+
+# Tracker and server under Wine, curl on Linux.
+view_there() {
+  kinetrel -d 8 -s 1 -z-
+  view || return 1
+  await kinetrel Running && answers 200 "api/trackers/$slot" && grep -q '"state":"running"' "$work/said" &&
+    answers 200 '' && grep -q '</html>' "$work/said" && answers 200 metrics &&
+    promtool check metrics <"$work/said" && answers 403 '' -H 'Host: rebound.example' &&
+    answers 403 '' -H 'Origin: http://evil.example' && answers 404 '../kinetrel-view.exe' --path-as-is &&
+    answers 404 'c:/windows/win.ini' || return 1
+  in_time 10 curl -s -N -m 3 -H 'Connection: Upgrade' -H 'Upgrade: websocket' -H 'Sec-WebSocket-Version: 13' \
+    -H 'Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==' "${page}api/trackers/$slot/frames" >"$work/frames"
+  (($(grep -ao '"type":"frame"' "$work/frames" | wc -l) > 20))
+}
+
+# A port that is taken, and a token.
+view_refuses() {
+  view --listen 127.0.0.1 || return 1
+  answers 401 metrics && answers 200 "metrics?${page#*\?}" || return 1
+  local port=${page%/*}
+  in_time 60 wine "$windows/bin/kinetrel-view.exe" --port "${port##*:}" </dev/null >"$work/said" 2>&1
+  (($? == 2)) && grep -q 'is in use' "$work/said"
+}
+
 # ---- The stories ---------------------------------------------------------------------------------
 
 wanted() { (($# < 2)) || [[ " ${*:2} " == *" $1 "* ]]; }
@@ -269,7 +310,11 @@ bridge_stories() {
   story 'bridge: to VRPN and OSC on Linux' bridge_there
   story 'bridge: a port that is taken' bridge_refuses
 }
-for kind in serial library relay bridge; do
+view_stories() {
+  story 'view: a tracker in a browser on Linux' view_there
+  story 'view: a token, and a port that is taken' view_refuses
+}
+for kind in serial library relay bridge view; do
   if wanted "$kind" "$@"; then "${kind}_stories"; fi
 done
 ((failures == 0))
