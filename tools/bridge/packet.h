@@ -23,6 +23,8 @@ inline constexpr std::size_t kLargestPacket = 1472;
 
 class PacketWriter {
  public:
+  PacketWriter() { bytes_.reserve(64); }
+
   PacketWriter& U8(std::uint32_t value) {
     bytes_.push_back(static_cast<std::byte>(value & 0xFF));
     return *this;
