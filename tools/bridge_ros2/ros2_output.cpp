@@ -84,6 +84,11 @@ struct Tracker {
   std::vector<TransformMessage> message;
 };
 
+Tracker::Sensor SensorOf(const std::string& prefix, const std::string& frame,
+                         const std::string& name) {
+  return {"/" + prefix + "/" + name + "/pose", frame + "_" + name, nullptr};
+}
+
 // Reads the feed's options; what is wrong with them stays there.
 Tracker ReadTracker(Feed& feed) {
   const OutputSpec& spec = feed.options.spec();
@@ -116,8 +121,7 @@ Tracker ReadTracker(Feed& feed) {
       feed.options.Complain("name=" + name +
                             ": a ROS name holds letters, digits and _, no digit first");
     }
-    tracker.sensors.push_back(
-        {"/" + prefix + "/" + name + "/pose", tracker.frame + "_" + name, nullptr});
+    tracker.sensors.push_back(SensorOf(prefix, tracker.frame, name));
     if (std::max(tracker.sensors.back().topic.size(), tracker.sensors.back().frame.size()) >
         kLongestName) {
       feed.options.Complain("names of more than " + std::to_string(kLongestName) + " bytes");
