@@ -1,8 +1,13 @@
 // Requests to kinetrel-view, honest and hostile.
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -161,6 +166,27 @@ TEST_F(Requests, ConnectionsAreLimitedAndTheTrackerGoesOn) {
   }));
   crowd.clear();
   EXPECT_TRUE(WaitUntil([&] { return Get("/").status == 200; }));
+}
+
+// The browser outlives the server: with its sockets it would keep the port in use.
+TEST_F(Requests, BrowserIsOpenedWithoutTheServersSockets) {
+  const std::string folder = testing::TempDir() + "kinetrel-view-" + std::to_string(::getpid());
+  const std::string told = folder + "/told";
+  std::filesystem::create_directory(folder);
+  std::ofstream(folder + "/xdg-open")
+      << "#!/bin/sh\nexec 1>" << told << ".new\necho \"$1\"\nls -l /proc/$$/fd\nmv " << told
+      << ".new " << told << "\n";
+  std::filesystem::permissions(folder + "/xdg-open", std::filesystem::perms::owner_all);
+  const char* const path = std::getenv("PATH");
+  SetVariable("PATH", folder + ":" + path);
+  Serve({"--open"});
+  SetVariable("PATH", path);
+  EXPECT_TRUE(WaitUntil([&] { return std::filesystem::exists(told); }));
+  std::ostringstream text;
+  text << std::ifstream(told).rdbuf();
+  EXPECT_TRUE(text.str().starts_with(address_ + "\n")) << text.str();
+  EXPECT_FALSE(Has(text.str(), "socket:")) << text.str();
+  std::filesystem::remove_all(folder);
 }
 
 TEST_F(Requests, CommandLineIsCheckedInOneLine) {

@@ -24,7 +24,7 @@ constexpr int kSendBuffer = 64 * 1024;
 // ---- Audience -----------------------------------------------------------------------------------
 
 void Audience::Join(int slot, Viewer& viewer) {
-  Stage& stage = stages_.at(static_cast<std::size_t>(slot - 1));
+  Stage& stage = stages_[static_cast<std::size_t>(slot - 1)];
   if (!stage.feed) {
     // News that come before the last ones were told are told with them.
     stage.feed = std::make_unique<TrackerFeed>(slot, [this, &stage] {
@@ -38,7 +38,7 @@ void Audience::Join(int slot, Viewer& viewer) {
 }
 
 void Audience::Leave(int slot, Viewer& viewer) {
-  Stage& stage = stages_.at(static_cast<std::size_t>(slot - 1));
+  Stage& stage = stages_[static_cast<std::size_t>(slot - 1)];
   stage.viewers.erase(&viewer);
   if (stage.viewers.empty() && stage.feed) stage.feed->SetWatched(false);
 }
@@ -70,7 +70,9 @@ Viewer::Viewer(boost::beast::tcp_stream stream, int slot, std::shared_ptr<Audien
   socket_.text(true);
 }
 
-Viewer::~Viewer() { SetWatching(false); }
+Viewer::~Viewer() {
+  if (watching_) audience_->Leave(slot_, *this);
+}
 
 void Viewer::Start(const Request& request) {
   Error ignored;

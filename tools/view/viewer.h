@@ -29,7 +29,7 @@ class Audience {
   Audience(const Audience&) = delete;
   Audience& operator=(const Audience&) = delete;
 
-  void Join(int slot, Viewer& viewer);
+  void Join(int slot, Viewer& viewer);  // slot 1 to 16
   void Leave(int slot, Viewer& viewer);
   void EndFeeds();  // waits for their threads; no news come afterwards
 
