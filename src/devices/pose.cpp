@@ -102,4 +102,10 @@ Quaternion UnitProduct(const float a[4], const float b[4]) {
 
 void NormalizeQuaternion(float q[4]) { std::ranges::copy(Narrowed(AtUnitLength(Widened(q))), q); }
 
+bool IsUnit(const Quaternion& q) {
+  constexpr float kTolerance = 0.05F;
+  const float square = q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3];
+  return std::fabs(square - 1) <= 2 * kTolerance;
+}
+
 }  // namespace kinetrel

@@ -37,4 +37,7 @@ Quaternion UnitProduct(const float a[4], const float b[4]);
 
 void NormalizeQuaternion(float q[4]);  // to unit length; all zeros stay zero
 
+// Whether the length is 1 within 5 %; also false for what is not a number.
+bool IsUnit(const Quaternion& q);
+
 }  // namespace kinetrel

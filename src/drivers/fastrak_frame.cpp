@@ -23,12 +23,6 @@ std::byte ErrorByte(int code) { return static_cast<std::byte>(code == 0 ? ' ' : 
 
 int ErrorCode(std::byte byte) { return byte == std::byte{' '} ? 0 : std::to_integer<int>(byte); }
 
-bool IsUnit(const Quaternion& q) {
-  constexpr float kTolerance = 0.05F;
-  const float square = q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3];
-  return std::fabs(square - 1) <= 2 * kTolerance;
-}
-
 }  // namespace
 
 unsigned FastrakDevice::ReadFrame(double* sampleTime) {
@@ -277,13 +271,14 @@ MotionGate::Sample FastrakDevice::SampleOf(const Reading& reading) const {
 }
 
 MotionGate::Source FastrakDevice::SourceOfRecords() const {
+  constexpr double kRange = 300;  // cm
   constexpr double kSteps14 = 1.0 / 8192;
   constexpr double kSteps16 = 1.0 / 32768;
   const int active = std::max(std::popcount(sensorMask_ & FirstStations(sensorCount_)), 1);
   const double resolution = layout_.format == FastrakFormat::Bits14   ? kSteps14
                             : layout_.format == FastrakFormat::Bits16 ? kSteps16
                                                                       : 0;
-  return {static_cast<double>(active) / totalFrameRate_, resolution};
+  return {static_cast<double>(active) / totalFrameRate_, resolution * kRange, resolution * kPi};
 }
 
 void FastrakDevice::PostOutOfStep() const {

@@ -48,13 +48,15 @@ constexpr int kMostFills = 3;
 // ---- Scales ----------------------------------------------------------------------------------
 
 constexpr double kFullScale = 32768.0;
+constexpr double kRangeInCm = 365.76;
+constexpr double kSteps = 8192;  // in which a word is sent
 
 struct UnitRow {
   int units;
   double range;  // full scale of a position, in that unit
 };
 constexpr UnitRow kInches = {0, 144.0};
-constexpr UnitRow kUnits[] = {kInches, {1, 365.76}, {3, 3.6576}};
+constexpr UnitRow kUnits[] = {kInches, {1, kRangeInCm}, {3, 3.6576}};
 
 double RangeIn(int units) {
   const auto row = std::ranges::find(kUnits, units, &UnitRow::units);
@@ -182,6 +184,7 @@ void FlockDevice::StartOver() {
   lastModeByte_ = 0;
   answerDue_ = false;
   window_.Clear();
+  gate_.Forget();
   parameters_ = {};
 }
 
@@ -335,19 +338,39 @@ unsigned FlockDevice::ReadFrame(double* sampleTime) {
   if (lastModeByte_ == continuousByte_) {
     backlog_.DropOld(*this, window_, {deviceName_, kFlockRecordSize, totalFrameRate_}, statusLog_);
   }
-  if (!FetchRecord()) return 0;
-  const double time = ElapsedSeconds();
-  if (sampleTime != nullptr) *sampleTime = time;
+  // The next record tells whether one that was held back was damaged.
+  const bool streams = lastModeByte_ == continuousByte_;
+  for (int tries = streams ? 2 : 1; tries > 0; --tries) {
+    if (!FetchRecord()) return 0;
+    const double time = ElapsedSeconds();
+    answerDue_ = false;
+    if (!TakeRecord(time)) continue;
+    if (sampleTime != nullptr) *sampleTime = time;
+    TellRecords(1, time);
+    return 1;
+  }
+  return 0;
+}
+
+// False for a record that was probably damaged.
+bool FlockDevice::TakeRecord(double time) {
   const auto words = DecodeFlockRecord(window_.bytes().first<kFlockRecordSize>());
   window_.Drop(kFlockRecordSize);
+  Pose pose;
   for (std::size_t i = 0; i < 3; ++i) channels_[i].offset = double{offsets_[0][i]};
   for (std::size_t i = 0; i < words.size(); ++i) {
     channels_[i].raw = words[i];
-    poses_[0][i] = static_cast<float>(channels_[i].Value());
+    pose[i] = static_cast<float>(channels_[i].Value());
   }
-  answerDue_ = false;
-  TellRecords(1, time);
-  return 1;
+  const double unitInCm = kRangeInCm / RangeIn(units_);
+  if (!gate_.Accept(MotionGate::SampleOf(pose, unitInCm, time),
+                    {1.0 / totalFrameRate_, kRangeInCm / kSteps, kPi / kSteps})) {
+    Post(statusLog_, StatusCode::Refused, "A record was damaged: the pose jumps.");
+    TellDropped();
+    return false;
+  }
+  poses_[0] = pose;
+  return true;
 }
 
 // True if a whole record is at the start of the window. A record that came in part is kept for the

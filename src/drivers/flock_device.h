@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <span>
 
+#include "devices/motion_gate.h"
 #include "devices/stream_backlog.h"
 #include "devices/tracker_device.h"
 
@@ -105,10 +106,12 @@ class FlockDevice final : public TrackerDevice {
   void AwaitSilence();
   void DropLateAnswer();
   bool FetchRecord();
+  bool TakeRecord(double time);
 
   FlockParameters parameters_;
   RecordWindow window_;
   StreamBacklog backlog_;
+  MotionGate gate_;
   bool answerDue_ = false;  // polled, and the answer has not been read
   bool known_ = false;      // has booted before
 };

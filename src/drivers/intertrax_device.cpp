@@ -76,6 +76,7 @@ IntertraxDevice::IntertraxDevice() {
 BootResult IntertraxDevice::Boot(int) {
   booted_ = false;
   lastModeByte_ = 0;
+  gate_.Forget();
   std::array<char, kVersionTextRoom> version{};
   const bool up = ResetUnit() && ShakeHands() &&
                   QueryStatus(version.data(), static_cast<int>(version.size())) != 0 && SpeedUp();
@@ -191,12 +192,20 @@ unsigned IntertraxDevice::ReadFrame(double* sampleTime) {
   const bool read = AwaitRecord() && Read(record.data(), kIntertraxRecordSize);
   if (!read || poses_.empty()) return 0;
   const double time = ElapsedSeconds();
-  if (sampleTime != nullptr) *sampleTime = time;
+  Pose pose = poses_[0];
   const auto angles = DecodeIntertraxRecord(record);
   for (std::size_t i = 0; i < angles.size(); ++i) {
     channels_[i].raw = angles[i];
-    poses_[0][3 + i] = static_cast<float>(channels_[i].Value());
+    pose[3 + i] = static_cast<float>(channels_[i].Value());
   }
+  if (!gate_.Accept(MotionGate::SampleOf(pose, 1, time),
+                    {1.0 / kRecordsPerSecond, 0, kRadiansPerCount})) {
+    Post(statusLog_, StatusCode::Refused, "A record was damaged: the pose jumps.");
+    TellDropped();
+    return 0;
+  }
+  if (sampleTime != nullptr) *sampleTime = time;
+  poses_[0] = pose;
   TellRecords(1, time);
   return 1;
 }

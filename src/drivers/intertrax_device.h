@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <span>
 
+#include "devices/motion_gate.h"
 #include "devices/tracker_device.h"
 
 namespace kinetrel {
@@ -89,6 +90,7 @@ class IntertraxDevice final : public TrackerDevice {
   bool ReadField();
   bool AwaitRecord();
 
+  MotionGate gate_;
   IntertraxLink link_ = IntertraxLink::Reset;
   std::int64_t askedAt_ = 0;  // clock ticks just before the last request was sent
 };

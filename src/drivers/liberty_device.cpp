@@ -201,7 +201,7 @@ void LibertyDevice::DropFrames() {
   constexpr int kMost = 256;
   for (int i = 0; i < kMost && TakeFrame(); ++i) {
   }
-  toldStations_ = 0;
+  toldStations_ = judgedStations_ = 0;
 }
 
 unsigned LibertyDevice::ReadFrame(double* sampleTime) {
@@ -236,8 +236,9 @@ void LibertyDevice::TellArrived() {
     const auto count = LibertyFrameCount(layout_, record);
     const bool named = ReadLibertyStations(layout_, record, station);
     if (!named || !count || !HasStation(stationMap_, station[0])) return;
-    if (std::exchange(toldCount_, *count) != *count) toldStations_ = 0;
-    StoreRecord(station[0], record);
+    if (std::exchange(toldCount_, *count) != *count) toldStations_ = judgedStations_ = 0;
+    judgedStations_ |= StationBit(station[0]);
+    if (!StoreRecord(station[0], record)) continue;
     toldStations_ |= StationBit(station[0]);
     TellRecords(StationBit(station[0]), ElapsedSeconds());
   }
@@ -297,17 +298,55 @@ void LibertyDevice::StoreRecords(std::span<const std::byte> frame) {
   for (std::size_t i = 0; i < stations.size(); ++i) {
     const int station = named ? stations[i] : StationOf(static_cast<int>(i));
     if (!HasStation(stationMap_ | wantedStations_, station)) continue;
-    StoreRecord(station, frame.subspan(i * layout_.recordSize, layout_.recordSize));
-    frameStations_ |= StationBit(station);
+    const auto record = frame.subspan(i * layout_.recordSize, layout_.recordSize);
+    const bool judged = toldCount_ == lastFrameCount_ && HasStation(judgedStations_, station);
+    const bool good = judged ? HasStation(toldStations_, station) : StoreRecord(station, record);
+    if (good) frameStations_ |= StationBit(station);
   }
   AddStations(frameStations_ & ~stationMap_);
 }
 
-void LibertyDevice::StoreRecord(int station, std::span<const std::byte> bytes) {
+// False for a record that was probably damaged: it has no checksum.
+bool LibertyDevice::StoreRecord(int station, std::span<const std::byte> bytes) {
   Record& record = records_[static_cast<std::size_t>(station)];
+  if (!IsPlausible(station, bytes)) {
+    Post(statusLog_, StatusCode::Refused, "A record was damaged: the pose of sensor %d jumps.",
+         station + 1);
+    TellDropped();
+    return false;
+  }
   std::ranges::copy(bytes, record.bytes.begin());
   record.at = ClockTicks();
   record.held = true;
+  return true;
+}
+
+bool LibertyDevice::IsPlausible(int station, std::span<const std::byte> bytes) {
+  constexpr float kFarthest = 1000;  // cm or inch
+  constexpr double kCmPerInch = 2.54;
+  constexpr double kFastest = 240;
+  Pose pose{};
+  MotionGate::Sample sample;
+  const auto xyz = std::span(pose).first<3>();
+  const auto angles = std::span(pose).last<3>();
+  if (ReadLibertyFloats(layout_, bytes, 0, layout_.position, xyz)) {
+    for (const float part : xyz) {
+      if (!(std::fabs(part) <= kFarthest)) return false;
+    }
+  }
+  if (ReadLibertyFloats(layout_, bytes, 0, layout_.euler, angles)) {
+    for (float& angle : angles) {
+      if (!(std::fabs(angle) <= 360)) return false;
+      angle *= kRadians;
+    }
+  }
+  const double time = ElapsedSeconds();
+  sample = MotionGate::SampleOf(pose, units_ == 0 ? kCmPerInch : 1, time);
+  if (ReadLibertyFloats(layout_, bytes, 0, layout_.quaternion, sample.rotation)) {
+    if (!IsUnit(sample.rotation)) return false;
+  }
+  MotionGate& gate = records_[static_cast<std::size_t>(station)].gate;
+  return gate.Accept(sample, {1 / kFastest, 0, 0});
 }
 
 void LibertyDevice::AddStations(std::uint32_t stations) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <mutex>
 
+#include "devices/motion_gate.h"
 #include "devices/optional_interfaces.h"
 #include "devices/tracker_device.h"
 #include "drivers/liberty_frame.h"
@@ -111,6 +112,7 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
     std::int64_t at = 0;  // ticks, when it came
     bool held = false;    // came within kHoldMs
     bool lost = false;    // was reported as missing
+    MotionGate gate;
   };
 
   void Connect();
@@ -126,7 +128,8 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   void DropFrames();
   void TellArrived();
   void StoreRecords(std::span<const std::byte> frame);
-  void StoreRecord(int station, std::span<const std::byte> record);
+  bool StoreRecord(int station, std::span<const std::byte> record);
+  bool IsPlausible(int station, std::span<const std::byte> record);
   void AddStations(std::uint32_t stations);
   void WatchStations();
   int StationOf(int record) const;
@@ -149,8 +152,9 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   Pose poseOut_{};
   Quaternion quaternionOut_ = kIdentityQuaternion;
   std::array<Record, kMostStations> records_{};
-  std::uint32_t frameStations_ = 0;  // of the last frame
-  std::uint32_t toldStations_ = 0;   // of the frame of toldCount_, told before it was complete
+  std::uint32_t frameStations_ = 0;   // of the last frame
+  std::uint32_t toldStations_ = 0;    // of the frame of toldCount_, told before it was complete
+  std::uint32_t judgedStations_ = 0;  // those, and those whose record was damaged
   std::uint32_t toldCount_ = 0;
   std::uint32_t wantedStations_ = 0;  // as last set; unplugged sensors are waited for
   std::uint32_t lastFrameCount_ = 0xFFFFFFFF;

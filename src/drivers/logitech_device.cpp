@@ -214,6 +214,7 @@ BootResult LogitechDevice::Boot(int) {
   lastHeader_ = 0;
   window_.Clear();
   strayInput_ = false;
+  gate_.Forget();
   if (!PassesSelfTest()) return kPortNotOpen;
   WriteString(kDemandReporting, 0, false);
   WriteString(kAfterDemand, 0, false);
@@ -296,9 +297,9 @@ unsigned LogitechDevice::ReadFrame(double* sampleTime) {
     return 0;
   }
   const auto record = window_.bytes().first<kLogitechRecordSize>();
-  const bool valid = (record[0] & kNotValid) == std::byte{0} && !poses_.empty();
+  const bool valid =
+      (record[0] & kNotValid) == std::byte{0} && !poses_.empty() && KeepPose(record, time);
   if (valid) {
-    KeepPose(record);
     TellRecords(1, time);
   } else {
     TellDropped();
@@ -338,7 +339,8 @@ bool LogitechDevice::ReadRest(double* sampleTime) {
   return false;
 }
 
-void LogitechDevice::KeepPose(std::span<const std::byte, kLogitechRecordSize> record) {
+// False for a record that was probably damaged.
+bool LogitechDevice::KeepPose(std::span<const std::byte, kLogitechRecordSize> record, double time) {
   const auto values = DecodeLogitechRecord(record);
   for (std::size_t i = 0; i < values.size(); ++i) channels_[i].raw = values[i];
   Pose pose;
@@ -346,8 +348,16 @@ void LogitechDevice::KeepPose(std::span<const std::byte, kLogitechRecordSize> re
     pose[i] = static_cast<float>(channels_[kChannelOfComponent[i]].Value());
   }
   for (std::size_t i = 3; i < pose.size(); ++i) pose[i] = WrapAngle(pose[i]);
+  constexpr double kCmPerCount = 0.00254;
+  const double unitInCm = kCmPerCount / double{UnitsPerCount(units_)};
+  if (!gate_.Accept(MotionGate::SampleOf(pose, unitInCm, time),
+                    {1.0 / kRecordsPerSecond, kCmPerCount, double{kRadiansPerCount}})) {
+    Post(statusLog_, StatusCode::Refused, "A record was damaged: the pose jumps.");
+    return false;
+  }
   poses_[0] = ApplyLogitechMounting(protocol_, pose);
   if (componentMask_ != 0) quaternions_[0] = EulerToQuaternion(&poses_[0][3]);
+  return true;
 }
 
 // Clears the line first: a late answer would be read as the answer to this poll, and every later

@@ -17,6 +17,7 @@
 #include <optional>
 #include <span>
 
+#include "devices/motion_gate.h"
 #include "devices/optional_interfaces.h"
 #include "devices/record_window.h"
 #include "devices/tracker_device.h"
@@ -108,9 +109,10 @@ class LogitechDevice final : public TrackerDevice, public ButtonBits {
   bool Await(std::size_t count);
   bool ReadRecord(double* sampleTime);
   bool ReadRest(double* sampleTime);
-  void KeepPose(std::span<const std::byte, kLogitechRecordSize> record);
+  bool KeepPose(std::span<const std::byte, kLogitechRecordSize> record, double time);
 
   RecordWindow window_;
+  MotionGate gate_;
   Pose givenOffset_{};       // as last set, in the published frame; the base's is lost by a boot
   unsigned lastHeader_ = 0;  // low 7 bits of the first byte of the last record
   bool strayInput_ = false;  // the rest of a failed record may still come

@@ -40,6 +40,7 @@ const RequestRow* FindRequest(char request) {
 constexpr std::size_t kPan = 4;
 constexpr std::size_t kTilt = 5;
 constexpr double kRadiansPerCount = kPi / 2000.0;
+constexpr double kFastest = 70;  // answers a second that the line carries
 
 // ---- How long the head may take, ms ----------------------------------------------------------
 
@@ -88,6 +89,7 @@ BootResult PanTiltDevice::Boot(int) {
   booted_ = false;
   lastModeByte_ = 0;
   due_ = 0;
+  gate_.Forget();
   if (GetBaudRate() != kBaud) SetLineSettings(kBaud, 8, 0, 0, 0);
   int answer = 0;
   for (int i = 0; i < kBootTries && answer == 0 && !LineLost(); ++i) {
@@ -135,9 +137,16 @@ unsigned PanTiltDevice::ReadFrame(double* sampleTime) {
   PurgeInput();
   due_ = 0;
   if (!whole) return 0;
+  Pose pose = poses_[0];
+  pose[3] = static_cast<float>(channels_[kPan].Value());
+  pose[4] = static_cast<float>(channels_[kTilt].Value());
+  if (!gate_.Accept(MotionGate::SampleOf(pose, 1, time), {1.0 / kFastest, 0, kRadiansPerCount})) {
+    Post(statusLog_, StatusCode::Refused, "A record was damaged: the pose jumps.");
+    TellDropped();
+    return 0;
+  }
   if (sampleTime != nullptr) *sampleTime = time;
-  poses_[0][3] = static_cast<float>(channels_[kPan].Value());
-  poses_[0][4] = static_cast<float>(channels_[kTilt].Value());
+  poses_[0] = pose;
   TellRecords(1, time);
   return 1;
 }

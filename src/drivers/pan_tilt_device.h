@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <span>
 
+#include "devices/motion_gate.h"
 #include "devices/tracker_device.h"
 
 namespace kinetrel {
@@ -66,6 +67,7 @@ class PanTiltDevice final : public TrackerDevice {
 
   unsigned answerLength_ = 12;  // bytes, of the answer to the last request
   unsigned due_ = 0;            // requests whose answers have not been read
+  MotionGate gate_;
 };
 
 }  // namespace kinetrel

@@ -233,7 +233,6 @@ TEST_F(LogitechOnALine, AFailedFrameLeavesThePose) {
 }
 
 TEST_F(LogitechOnALine, AnglesAreWrapped) {
-  ASSERT_EQ(Boot(kBoot), kBooted);
   struct Row {
     int counts;
     float angle;
@@ -242,6 +241,7 @@ TEST_F(LogitechOnALine, AnglesAreWrapped) {
       {0, 0},     {3600, 1.5707964F}, {7199, 3.1411564F}, {7200, -3.1415927F}, {10800, -1.5707965F},
       {14400, 0}, {16383, 0.8652468F}};
   for (const Row& row : rows) {
+    ASSERT_EQ(Boot(kBoot), kBooted);  // the first poses after it may be anywhere
     const std::string head = "\x80"s + std::string(9, '\0');
     EXPECT_NEAR(PoseOf(head + Angles(row.counts, 0, 0))[4], row.angle, 3e-7) << row.counts;
     EXPECT_NEAR(PoseOf(head + Angles(0, row.counts, 0))[5], row.angle, 3e-7) << row.counts;
