@@ -155,6 +155,7 @@ TEST(PoseSelector, ChoosesAndNamesSensors) {
   EXPECT_EQ(Select("sensors=1,3&name=head").names, std::vector<std::string>{"head3"});
   EXPECT_EQ(Select("sensors=3&name=head").names, std::vector<std::string>{"head"});
   EXPECT_EQ(Select("sensors=4,3").poses.at(0).place, 1U);
+  EXPECT_EQ(Select("sensor=3&name=head").names, std::vector<std::string>{"head"});
   EXPECT_TRUE(Select("sensors=1,2").poses.empty());
   EXPECT_TRUE(Select("", Record(), 2).poses.empty()) << "a GPS receiver";
 }
@@ -192,9 +193,10 @@ INSTANTIATE_TEST_SUITE_P(
                     Wrong{"sensors=1,2&name=a,b,c", "one name"}, Wrong{"name=a,b", "one name"},
                     Wrong{"axes=x,y", "option axes"}, Wrong{"scale=0", "option scale"},
                     Wrong{"scale=nan", "option scale"}, Wrong{"mount=1,2", "3 numbers"},
-                    Wrong{"room=1,2,x", "3 numbers"}, Wrong{"sensor=1", "did you mean sensors?"},
-                    Wrong{"colour=red", "known are sensors, name"}, Wrong{"=1", "written as"},
-                    Wrong{"name=%zz", "written as"}, Wrong{"name=%1B", "written as"}));
+                    Wrong{"room=1,2,x", "3 numbers"}, Wrong{"sensrs=1", "did you mean sensors?"},
+                    Wrong{"colour=red", "known are sensors, sensor, name"},
+                    Wrong{"=1", "written as"}, Wrong{"name=%zz", "written as"},
+                    Wrong{"name=%1B", "written as"}));
 
 // ---- The text of an output
 // -----------------------------------------------------------------------

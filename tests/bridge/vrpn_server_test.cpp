@@ -284,13 +284,17 @@ TEST_F(VrpnServer, AStoppedReaderHoldsUpNoOtherAndIsDropped) {
              client->ear.heard.back().F64(8) == 399;
     }));
   }
-  // What it finds when it goes on is not the whole backlog, and the newest is there.
+  // What it finds when it goes on is not the whole backlog, and the newest is there; unless so slow
+  // a machine needed more than its ten seconds.
   ASSERT_TRUE(stopped.Hear());
+  bool dropped = false;
   ASSERT_TRUE(WaitUntil([&] {
-    stopped.Hear();
-    return stopped.ear.heard.back().type == kVrpnPose && stopped.ear.heard.back().F64(8) == 399;
+    dropped = !stopped.Hear();
+    return dropped ||
+           (stopped.ear.heard.back().type == kVrpnPose && stopped.ear.heard.back().F64(8) == 399);
   }));
   EXPECT_LT(stopped.ear.heard.size(), 200 * 32U);
+  if (dropped) return;
   // Stopped for good.
   EXPECT_TRUE(WaitUntil(
       [&] {
@@ -301,7 +305,8 @@ TEST_F(VrpnServer, AStoppedReaderHoldsUpNoOtherAndIsDropped) {
         }
         return bridge_->error().find(" 99 clients") != std::string::npos;
       },
-      2 * kPatience));
+      2 * kPatience))
+      << bridge_->error();
 }
 
 // ---- Starting

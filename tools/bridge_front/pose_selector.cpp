@@ -58,7 +58,9 @@ PoseSelector::PoseSelector(SpecOptions& options, const Defaults& defaults) {
 
 void PoseSelector::ReadSensors(SpecOptions& options) {
   places_.fill(-1);
-  const auto text = options.Find("sensors");
+  auto text = options.Find("sensors");
+  const auto alone = options.Find("sensor");  // people write both
+  if (!text) text = alone;
   chosen_ = text.has_value();
   if (!chosen_) {
     sensors_.resize(kinetrel_stream_sensors);

@@ -1,7 +1,7 @@
 // From records to what one output sends: the chosen sensors, their names, and their poses in the
 // axes and the unit of the target. The options that every output has are read here:
 //
-//     sensors=1,3        which sensors, as people count them; default: all
+//     sensors=1,3        which sensors, as people count them; default: all. sensor=2 is the same
 //     name=head          the name of one chosen sensor; of several, one name each (name=head,hand)
 //                        or one name that the sensor's number is added to (head1, head3)
 //     axes=x,-z,y        target axes as axes of the tracker (x forward, y right, z down), nine
