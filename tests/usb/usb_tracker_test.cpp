@@ -206,6 +206,7 @@ TEST_F(OnUsb, AnUnplugWithinAFrameIsALostConnectionAndOnlyTheSameUnitReturns) {
   };
   testing::internal::CaptureStderr();
   EXPECT_FALSE(boots());
+  unit.reset();
   unit = std::make_unique<Unit>(bus(), 1, Liberty(16, "2"));
   EXPECT_FALSE(boots());
   unit.reset();

@@ -387,10 +387,11 @@ std::string UsbLine::ExplainFailure(const Status& failure) {
 Result<std::size_t> UsbLine::Receive(std::span<std::byte> into, Milliseconds atMost) {
   for (const Deadline end(atMost);;) {
     const Milliseconds left = os_->filledCount > 0 ? Milliseconds(0) : end.Remaining();
+    // Before a wait, not between the bytes and the caller who waits for them.
+    if (left.count() > 0 || 2 * os_->idleCount > os_->readings.size()) os_->SubmitIdle();
     const Status pumped = os_->lost ? Status{} : os_->Pump(left);
     const std::size_t count = os_->Take(into);
     if (os_->troubled) os_->Heal();
-    if (os_->MayRead()) os_->SubmitIdle();
     if (count > 0) return count;
     if (!pumped.Ok()) return pumped;
     if (os_->lost) return Status{Error::Closed, 0, "read"};
@@ -403,7 +404,7 @@ Status UsbLine::PurgeDriver() {
   std::array<std::byte, 512> dropped;
   while (os_->Take(dropped) > 0) {
   }
-  if (os_->MayRead()) os_->SubmitIdle();
+  os_->SubmitIdle();
   return {};
 }
 

@@ -220,16 +220,16 @@ class Bus final : public UsbBus, public std::enable_shared_from_this<Bus> {
   UMockdevTestbed* bed() const { return bed_; }
   const std::string& root() const { return root_; }
 
+  // Held while a device is plugged in or pulled out: a port may change its device.
+  std::mutex& plugging() { return plugging_; }
+
   // A host ignores a number that a device it has open still has.
-  unsigned NextNumber() {
-    const std::lock_guard lock(mutex_);
-    return number_ = number_ % 120 + 1;
-  }
+  unsigned NextNumber() { return number_ = number_ % 120 + 1; }
 
  private:
   UMockdevTestbed* const bed_;
   std::string root_;
-  std::mutex mutex_;  // guards the number
+  std::mutex plugging_;  // guards the number
   unsigned number_ = 1;
 };
 
@@ -279,6 +279,7 @@ void MockDevice::Tell(const char* event) {
 }
 
 Status MockDevice::Plug(unsigned) {
+  const std::lock_guard plugging(bus_->plugging());
   if (plugged_) return {};
   Untie();  // a host that still has the old device open
   tie_ = std::make_shared<Tie>(this);
@@ -320,6 +321,7 @@ Status MockDevice::Plug(unsigned) {
 }
 
 void MockDevice::Unplug() {
+  const std::lock_guard plugging(bus_->plugging());
   if (!plugged_) return;
   plugged_ = false;
   path_.clear();
