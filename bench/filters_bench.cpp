@@ -1,8 +1,11 @@
-// What an offset filter adds to the arithmetic that it cannot do without.
+// What an offset filter adds to the arithmetic that it cannot do without, and what every other
+// filter takes for a pose.
 #include <cmath>
 
 #include "bench/harness.h"
+#include "filters/filter_spec.h"
 #include "filters/offset_filter.h"
+#include "filters/rigid_math.h"
 
 namespace kinetrel::bench {
 namespace {
@@ -42,7 +45,65 @@ void Poses(Report& report) {
   if (!std::isfinite(bare[0]) || !std::isfinite(turned[0])) report.Note("not a rotation any more");
 }
 
+// A sensor that turns and moves on a circle, 120 poses a second.
+class Circle {
+ public:
+  PoseSample Next() {
+    at_ = at_ + 1 < kPoses ? at_ + 1 : 0;
+    PoseSample sample = poses_[at_];
+    sample.timeNs = time_ += 8'333'333;
+    return sample;
+  }
+
+ private:
+  static constexpr std::size_t kPoses = 256;
+  std::vector<PoseSample> poses_ = [] {
+    std::vector<PoseSample> poses(kPoses);
+    for (std::size_t i = 0; i < kPoses; ++i) {
+      const double angle = 2 * kPi * static_cast<double>(i) / kPoses;
+      poses[i].position = {0.3 * std::cos(angle), 0.3 * std::sin(angle), 0.1};
+      poses[i].orientation = FromAngles({angle, 0.2, 0.1});
+      poses[i].hasPosition = poses[i].hasOrientation = true;
+    }
+    return poses;
+  }();
+  std::size_t at_ = 0;
+  std::int64_t time_ = 0;
+};
+
+// The floor is the same way through a rigid transform that changes nothing; its time is printed.
+void Samples(Report& report) {
+  std::string error;
+  Circle circle;
+  double sink = 0.0;
+  const auto through = [&](Filter& filter) {
+    return TimedBlock(kBlockSize, [&] {
+      PoseSample sample = circle.Next();
+      filter.FilterSample(sample);
+      sink += sample.position[0];
+    });
+  };
+  const std::unique_ptr<Filter> nothing = MakeFilter("rigid", error);
+  const auto measure = [&](const char* name, Filter& filter, double limit) {
+    const Paired time = Interleave(kCycles / 4, through(*nothing), through(filter))[0];
+    report.Note(std::string(name) + ": " + std::to_string(time.ratio.middle) +
+                " x a rigid transform");
+    report.AtMost(std::string("a pose through ") + name, time.subject, "ns", limit);
+  };
+  for (const char* text :
+       {"rigid:tip-m=0.1/0/0,rotation-deg=1/2/3", "one-euro", "predict", "gate", "dropout"}) {
+    const std::unique_ptr<Filter> filter = MakeFilter(text, error);
+    measure(text, *filter, 150.0);
+  }
+  if (!std::isfinite(sink)) report.Note("not a position any more");
+}
+
+void All(Report& report) {
+  Poses(report);
+  Samples(report);
+}
+
 }  // namespace
 }  // namespace kinetrel::bench
 
-int main() { return kinetrel::bench::RunBenchmark("bench-filters", kinetrel::bench::Poses); }
+int main() { return kinetrel::bench::RunBenchmark("bench-filters", kinetrel::bench::All); }

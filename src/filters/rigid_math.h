@@ -54,21 +54,35 @@ inline Vector3 Rotate(const Rotation& q, const Vector3& v) {
   return v + q[0] * twice + Cross(axis, twice);
 }
 
+// Below this sine of half the angle the first terms of the series are exact to 1e-9.
+inline constexpr double kSmallTurn = 0.05;
+
 // The rotation about `turn`, by its length in radians.
 inline Rotation FromTurn(const Vector3& turn) {
-  const double half = Length(turn) / 2.0;
-  // sin(x)/x without its gap at zero.
-  const double factor = half < 1e-6 ? 0.5 : std::sin(half) / (2.0 * half);
-  return {std::cos(half), factor * turn[0], factor * turn[1], factor * turn[2]};
+  const double square = Dot(turn, turn) / 4.0;  // of half the angle
+  double cosine = 0.0;
+  double factor = 0.0;
+  if (square < kSmallTurn * kSmallTurn) {
+    cosine = 1.0 - square * (1.0 / 2 - square / 24);
+    factor = 0.5 * (1.0 - square * (1.0 / 6 - square / 120));
+  } else {
+    const double half = std::sqrt(square);
+    cosine = std::cos(half);
+    factor = std::sin(half) / (2.0 * half);
+  }
+  return {cosine, factor * turn[0], factor * turn[1], factor * turn[2]};
 }
 
 // The inverse of FromTurn, the shorter way round: at most pi long. `q` has unit length.
 inline Vector3 ToTurn(const Rotation& q) {
   const double sign = q[0] < 0.0 ? -1.0 : 1.0;
   const Vector3 axis = {sign * q[1], sign * q[2], sign * q[3]};
-  const double sine = Length(axis);
-  const double factor = sine < 1e-9 ? 2.0 : 2.0 * std::atan2(sine, sign * q[0]) / sine;
-  return factor * axis;
+  const double square = Dot(axis, axis);
+  if (square < kSmallTurn * kSmallTurn) {
+    return 2.0 * (1.0 + square * (1.0 / 6 + square * (3.0 / 40))) * axis;
+  }
+  const double sine = std::sqrt(square);
+  return (2.0 * std::atan2(sine, sign * q[0]) / sine) * axis;
 }
 
 // From `a` the share `part` (0 to 1) of the shorter way to `b`. Along the chord: equal parts are

@@ -152,6 +152,12 @@ const std::vector<Row> kRejected = {
     {{"-o1,inf,3"}, "\n\tOffsets (1,inf,3) ill-formed.", ""},
     {{"-hup"}, "\n\tHemisphere zenith vector (up) ill-formed.", ""},
     {{"-a1,0,0;0,1"}, "\n\tOffsets (1,0,0;0,1) ill-formed.", ""},
+    {{"--filter", "gate:calm=1"},
+     "\n\tFilter gate:calm=1: gate has no parameter \"calm\". It has max-speed-mps "
+     "max-acceleration-mps2 max-turn-speed-dps patience-s instead.",
+     ""},
+    {{"--filter=@/nowhere"}, "\n\tFilter @/nowhere: it cannot be read", ""},
+    {{"--filters=gate"}, "", ""},
 };
 
 TEST(CommandLine, OptionsArePrintedAndStored) { Check(kAccepted, true); }
@@ -169,6 +175,16 @@ TEST(CommandLine, NoArgumentsAreAccepted) {
   EXPECT_EQ(outcome.said, "");
   EXPECT_EQ(outcome.config.deviceType, 2);
   EXPECT_EQ(outcome.config.port, 1);
+}
+
+TEST(CommandLine, FiltersAreTriedAndKeptInTheirOrder) {
+  const Outcome outcome = Parse({"--filter", "gate:sensors=2", "-d8", "--filter=rigid:scale=2"});
+  EXPECT_TRUE(outcome.accepted) << outcome.said;
+  EXPECT_EQ(outcome.config.deviceType, 8);
+  ASSERT_EQ(outcome.config.filters.size(), 2U);
+  EXPECT_EQ(outcome.config.filters[0].text, "gate");
+  EXPECT_EQ(outcome.config.filters[0].sensors, 2U);
+  EXPECT_EQ(outcome.config.filters[1].text, "rigid:scale=2");
 }
 
 TEST(CommandLine, TheUsageShowsTheSettingsInForce) {

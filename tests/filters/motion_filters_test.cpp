@@ -183,6 +183,18 @@ TEST(Dropout, HoldsOrGoesOnForItsTimeThenSaysInvalid) {
   }
 }
 
+// ---- Rotations -------------------------------------------------------------------------------
+
+TEST(Rotations, OfEverySizeComeBackAsTheyWere) {
+  for (const double size : {0.0, 1e-12, 1e-3, 0.0999, 0.1, 0.1001, 1.0, 3.1}) {
+    const Vector3 turn = {size * 0.6, size * -0.48, size * 0.64};
+    const Rotation q = FromTurn(turn);
+    EXPECT_NEAR(q[0], std::cos(size / 2), 1e-10) << size;
+    EXPECT_LT(Length(ToTurn(q) - turn), 1e-9) << size;
+    EXPECT_LT(Length(ToTurn({-q[0], -q[1], -q[2], -q[3]}) - turn), 1e-9) << size;
+  }
+}
+
 // ---- Bad input -------------------------------------------------------------------------------
 
 const char* const kTexts[] = {"one-euro", "predict", "gate", "dropout", "rigid:tip-m=0.1/0/0"};
