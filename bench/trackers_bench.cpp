@@ -170,8 +170,15 @@ void OverALine(Report& report, double handover) {
   const auto reader = OpenReader();
   engine->StartSampling();
   farEnd.AwaitRecord(IsFrame);
-  Way way;
   SharedTrackBlock block{};
+  // The driver drops what comes while the stream starts.
+  const Deadline started(Milliseconds(5000));
+  while (!started.Passed() && !reader->WaitForFrame(0, Milliseconds(20))) {
+    farEnd.SendRecord();
+    farEnd.AwaitRecord(IsFrame);
+  }
+  reader->Copy(block, Milliseconds(1000));
+  Way way;
   auto next = steady_clock::now();
   for (int i = 0; i < kFrames; ++i) {
     std::this_thread::sleep_until(next += kPeriod);
