@@ -12,13 +12,14 @@ namespace {
 constexpr int kSources = 200;
 constexpr std::int64_t kStaticEveryNs = 2'000'000'000;
 
-// A sensor is a source: option source=N is the number of the first chosen one, the others follow.
-// Without a host, each source has the multicast group of its number. Option encoding: json or cbor.
+// Source numbers: the sensor's own, or counted from option source=N in the order of the chosen
+// sensors. Without a host, each source has the multicast group of its number. Option encoding: json
+// or cbor.
 class OpenTrackIoOutput final : public UdpOutput {
  public:
   OpenTrackIoOutput(const OutputContext& context, Feed& feed)
       : UdpOutput(context, feed, DescribeOpenTrackIo),
-        first_(feed.options.Integer("source", 1, 1, kSources)),
+        first_(feed.options.Integer("source", -1, 1, kSources)),
         encoding_(feed.options.Choice("encoding", 0, {"json", "cbor"}) == 0
                       ? OpenTrackIoEncoding::Json
                       : OpenTrackIoEncoding::Cbor),
@@ -28,7 +29,8 @@ class OpenTrackIoOutput final : public UdpOutput {
   void Publish(const Feed& feed, std::span<const Pose> poses) override {
     bool sent = false;
     for (const Pose& pose : poses) {
-      const unsigned source = static_cast<unsigned>(first_) + pose.place;
+      const unsigned source =
+          first_ < 0 ? pose.sensor + 1 : static_cast<unsigned>(first_) + pose.place;
       if (source > kSources) continue;
       const Packet packet = EncodeOpenTrackIo(SampleOf(feed, pose, source), encoding_);
       sent = (ownGroups_ ? sender().SendToGroup(packet, source) : sender().Send(packet)) || sent;
@@ -74,7 +76,7 @@ class OpenTrackIoOutput final : public UdpOutput {
 
   std::string NewId() { return "urn:uuid:" + boost::uuids::to_string(makeId_()); }
 
-  const int first_;
+  const int first_;  // source of the first chosen sensor; -1: not given
   const OpenTrackIoEncoding encoding_;
   const bool ownGroups_;
   std::mt19937_64 random_;
