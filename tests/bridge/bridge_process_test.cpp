@@ -50,6 +50,26 @@ TEST_F(BridgeProcess, ContinuedAfterAStopSendsTheNewestAndNoQueue) {
     if (x != published) ++old;
   }
   EXPECT_LE(old, 8);  // a frame or two that it held when it was stopped
+  EXPECT_TRUE(bridge_->ExpectError(" records skipped"));
+}
+
+TEST_F(BridgeProcess, ContinuedWhenTheTrackerIsLostSendsNoOldPose) {
+  bridge_->Signal(SIGSTOP);
+  tracker_->Publish(5);
+  const std::int64_t begin = kinetrel_now_ns();
+  tracker_->SetState(kinetrel_state_recovering, "Check the cable.");
+  while (kinetrel_now_ns() - begin < 500000000) SleepFor(Milliseconds(10));  // the record grows old
+  client_->Hear();
+  client_->ear.heard.clear();
+  bridge_->Signal(SIGCONT);
+  ASSERT_TRUE(bridge_->ExpectError(": recovering: "));
+  tracker_->SetState(kinetrel_state_running, "All is well.");
+  std::optional<VrpnHeard> pose;
+  ASSERT_TRUE(WaitUntil([&] {
+    tracker_->Publish(6);
+    return (pose = client_->Next(kVrpnPose)).has_value();
+  }));
+  EXPECT_EQ(pose->F64(8), 6);
 }
 
 TEST_F(BridgeProcess, TellsOfATrackerThatIsKilledAndGoesOnWithTheNext) {

@@ -125,6 +125,7 @@ void Bridge::ReadSlot(Tracker& tracker) {
   std::vector<Pose> poses;
   while (!ending_) {
     const StreamSource::News news = source.Next(kPatienceMs);
+    tracker.skipped = source.state().skipped;
     if (news.stateChanged) TellState(tracker, source.state());
     for (const auto& [feed, output] : tracker.feeds) {
       poses.clear();
@@ -140,14 +141,8 @@ void Bridge::TellState(Tracker& tracker, const SourceState& state) {
   if (state.state != kinetrel_state_running && !state.sentence.empty()) {
     words += ": " + state.sentence;
   }
-  const bool isNews = [&] {
-    const std::lock_guard lock(tracker.mutex);
-    tracker.skipped = state.skipped;
-    if (tracker.state == words) return false;
-    tracker.state = words;
-    return true;
-  }();
-  if (isNews) Say("slot " + std::to_string(tracker.slot) + ": " + words);
+  if (tracker.state != words) Say("slot " + std::to_string(tracker.slot) + ": " + words);
+  tracker.state = words;
   for (const auto& [feed, output] : tracker.feeds) output->OnState(*feed, state);
 }
 
@@ -226,6 +221,12 @@ void Bridge::ShowTable() {
     const std::string trouble = counts.Trouble();
     if (!trouble.empty()) line += "  " + trouble;
     Say(line);
+  }
+  for (const Tracker& tracker : trackers_) {
+    const std::uint64_t skipped = tracker.skipped;
+    if (skipped == 0) continue;
+    Say("slot " + std::to_string(tracker.slot) + ": " + std::to_string(skipped) +
+        " records skipped");
   }
 }
 

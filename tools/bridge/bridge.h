@@ -60,9 +60,8 @@ class Bridge {
   struct Tracker {
     int slot = 1;
     std::vector<std::pair<Feed*, Output*>> feeds;
-    std::mutex mutex;  // guards what follows, for the table
-    std::string state;
-    std::uint64_t skipped = 0;
+    std::string state;                      // as it was told; of the thread
+    std::atomic<std::uint64_t> skipped{0};  // records, for the table
     std::thread thread;
   };
 

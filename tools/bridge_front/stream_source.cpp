@@ -17,6 +17,9 @@ constexpr std::int64_t kLateNs = 250 * kMillisecondNs;
 // At most this many records at once: 16 frames of the largest tracker.
 constexpr std::size_t kBatch = 512;
 
+// A writer that starts is not a stream yet for a moment: so many openings, 50 ms apart.
+constexpr int kOpeningsOfAStart = 20;
+
 constexpr std::int64_t kLookEveryNs = 250 * kMillisecondNs;      // at the state
 constexpr std::int64_t kRefreshEveryNs = 1000 * kMillisecondNs;  // the run, which changes as often
 
@@ -37,11 +40,13 @@ bool StreamSource::OpenStream() {
   open_ = result == kinetrel_stream_ok;
   if (open_) {
     BeginWriter();
-  } else {
-    state_.sentence = result == kinetrel_stream_none ? "waiting for a tracker"
-                                                     : kinetrel_stream_result_text(result);
+    return true;
   }
-  return open_;
+  unfinished_ = result == kinetrel_stream_not_a_stream ? unfinished_ + 1 : 0;
+  const bool isAwaited =
+      result == kinetrel_stream_none || (unfinished_ > 0 && unfinished_ <= kOpeningsOfAStart);
+  state_.sentence = isAwaited ? "waiting for a tracker" : kinetrel_stream_result_text(result);
+  return false;
 }
 
 StreamSource::News StreamSource::Next(int patienceMs) {
@@ -54,11 +59,12 @@ StreamSource::News StreamSource::Next(int patienceMs) {
     }
   }
   kinetrel_record record;
+  bool late = false;
   const kinetrel_stream_result result = kinetrel_stream_next(&stream_, &record, patienceMs);
   if (result == kinetrel_stream_restarted) {
     BeginWriter();
   } else if (result == kinetrel_stream_ok) {
-    Collect(record);
+    late = !Collect(record);
   } else if (result != kinetrel_stream_timed_out) {
     kinetrel_stream_close(&stream_);
     open_ = false;
@@ -70,33 +76,42 @@ StreamSource::News StreamSource::Next(int patienceMs) {
     return {{}, changed};
   }
   RefreshRun();
+  if (late) nextLookNs_ = 0;
+  const bool stateChanged = LookAtState();
+  if (late && !state_.Delivers()) {  // of a tracker that was lost meanwhile
+    jumped_ += records_.size();
+    records_.clear();
+  }
   if (state_.run.utc_ns == 0) records_.clear();  // their time cannot be told yet
-  return {records_, LookAtState()};
+  state_.skipped = kinetrel_stream_lost(&stream_) + jumped_;
+  return {records_, stateChanged};
 }
 
 void StreamSource::BeginWriter() {
   taken_.fill(0);
+  unfinished_ = 0;
   state_.run = {};
   nextLookNs_ = 0;
   nextRefreshNs_ = 0;
 }
 
-void StreamSource::Collect(const kinetrel_record& first) {
+bool StreamSource::Collect(const kinetrel_record& first) {
   if (kinetrel_now_ns() - first.publish_ns > kLateNs) {
-    TakeNewest();
-    return;
+    TakeNewest(first);
+    return false;
   }
   Keep(first);
   while (records_.size() < kBatch) {
     kinetrel_record record;
     const kinetrel_stream_result result = kinetrel_stream_next(&stream_, &record, 0);
     if (result == kinetrel_stream_restarted) BeginWriter();
-    if (result != kinetrel_stream_ok) return;
+    if (result != kinetrel_stream_ok) break;
     Keep(record);
   }
+  return true;
 }
 
-void StreamSource::TakeNewest() {
+void StreamSource::TakeNewest(const kinetrel_record& first) {
   kinetrel_stream_skip(&stream_);
   for (unsigned sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
     kinetrel_record record;
@@ -108,6 +123,13 @@ void StreamSource::TakeNewest() {
   std::sort(records_.begin(), records_.end(),
             [](const auto& a, const auto& b) { return a.number < b.number; });
   for (const kinetrel_record& record : records_) taken_[record.sensor] = record.number;
+  if (records_.empty()) return;
+  const kinetrel_record newest = records_.back();
+  // A sensor that has stopped meanwhile.
+  std::erase_if(records_,
+                [&](const auto& each) { return newest.publish_ns - each.publish_ns > kLateNs; });
+  const std::uint64_t passed = newest.number - std::min(first.number, newest.number) + 1;
+  jumped_ += passed - std::min<std::uint64_t>(passed, records_.size());
 }
 
 void StreamSource::Keep(const kinetrel_record& record) {
@@ -140,7 +162,6 @@ bool StreamSource::LookAtState() {
   state_.present = true;
   state_.state = seen;
   state_.sentence = text;
-  state_.skipped = kinetrel_stream_lost(&stream_);
   return changed;
 }
 

@@ -3,7 +3,8 @@
 // It waits for a tracker that is not there yet and goes on with the next one when a writer is
 // replaced. A record is returned once, and only if it came after the source was made. A reader that
 // was held up (stopped by a signal, a busy machine) skips what it missed and goes on with the
-// newest record of each sensor, so that no queue of old poses leaves the machine.
+// newest record of each sensor, so that no queue of old poses leaves the machine. If the tracker
+// was lost meanwhile, it returns no record.
 #pragma once
 
 #include <kinetrel/stream.h>
@@ -55,8 +56,9 @@ class StreamSource {
  private:
   bool OpenStream();
   void BeginWriter();
-  void Collect(const kinetrel_record& first);
-  void TakeNewest();
+  // Takes what waits. False: `first` had waited for too long, so only the newest were taken.
+  bool Collect(const kinetrel_record& first);
+  void TakeNewest(const kinetrel_record& first);
   void Keep(const kinetrel_record& record);
   void RefreshRun();
   bool LookAtState();
@@ -68,7 +70,9 @@ class StreamSource {
   std::array<std::uint64_t, kinetrel_stream_sensors> taken_{};  // newest number of each sensor
   std::int64_t nextLookNs_ = 0;
   std::int64_t nextRefreshNs_ = 0;
-  bool runChanged_ = false;  // not told yet
+  bool runChanged_ = false;   // not told yet
+  int unfinished_ = 0;        // openings in a row that found no stream in what is there
+  std::uint64_t jumped_ = 0;  // records that TakeNewest left out
 };
 
 }  // namespace kinetrel::bridge
