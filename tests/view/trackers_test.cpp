@@ -106,14 +106,23 @@ TEST_F(Trackers, FiguresAreTheRuns) {
   writer_->NoteDropped(7);
   writer_->NoteRecovery();
   Publish(1, 2);
-  writer_->NoteFrame(kinetrel_now_ns());
-  writer_->SetState(kinetrel_state_recovering, "The port has gone.");
+  const std::int64_t sampled = kinetrel_now_ns();
+  writer_->NoteFrame(sampled);
+  writer_->NoteFrame(sampled + 10'000'000);
   writer_->ChangeRun([](kinetrel_run& run) { run.nominal_rate = 120; });
   Serve();
   const std::string slot = "slot=\"" + std::to_string(slot_.slot()) + "\"";
   EXPECT_TRUE(WaitUntil([&] { return Figure("kinetrel_received_bytes_total", slot) == 1000; }));
+  EXPECT_EQ(Figure("kinetrel_rate_hertz", slot), 100);
+  EXPECT_EQ(GetJson(Slot())["tracker"]["rate"], 100);
+  EXPECT_EQ(GetJson(Slot())["tracker"]["jitter"], 0);
+  writer_->SetState(kinetrel_state_recovering, "The port has gone.");
+  EXPECT_EQ(Figure("kinetrel_rate_hertz", slot), 0);
+  for (const char* const member : {"rate", "jitter", "latencyMean"}) {
+    EXPECT_EQ(GetJson(Slot())["tracker"][member], nullptr) << member;
+  }
   EXPECT_EQ(Figure("kinetrel_sent_bytes_total", slot), 50);
-  EXPECT_EQ(Figure("kinetrel_frames_total", slot), 1);
+  EXPECT_EQ(Figure("kinetrel_frames_total", slot), 2);
   EXPECT_EQ(Figure("kinetrel_failed_reads_total", slot), 1);
   EXPECT_EQ(Figure("kinetrel_dropped_records_total", slot), 7);
   EXPECT_EQ(Figure("kinetrel_recoveries_total", slot), 1);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 
 namespace kinetrel::view {
 namespace {
@@ -34,6 +35,10 @@ void TrackerStream::ReadRun(TrackerSnapshot& into) {
   into.state = kinetrel_stream_state(&stream_, sentence.data());
   into.sentence = sentence.data();
   into.result = kinetrel_stream_ok;
+  if (into.state == kinetrel_state_running) return;
+  // The writer measures with each frame, so without frames its last figures stay in the stream.
+  into.run.measured_rate = 0;
+  into.run.jitter = into.run.latency_mean = std::numeric_limits<double>::quiet_NaN();
 }
 
 void TrackerStream::ReadLog(TrackerSnapshot& into) {

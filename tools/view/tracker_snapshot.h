@@ -42,7 +42,9 @@ class TrackerStream {
   kinetrel_stream_result result() const { return result_; }
   kinetrel_stream* get() { return &stream_; }
 
-  void ReadRun(TrackerSnapshot& into);  // with state and sentence
+  // With state and sentence. Unless the tracker runs, the rate is 0, and jitter and mean latency
+  // are not numbers.
+  void ReadRun(TrackerSnapshot& into);
   void ReadLog(TrackerSnapshot& into);
 
   // The newest record of every sensor. Returns whether there is one.

@@ -153,7 +153,7 @@ function showWords(shown, poses) {
   table.show(shown, poses, units(), moment(), stale);
   showMeasure(shown, measure(shown, historyOf, moment(), units()));
   const lag = [...lags].sort((a, b) => a - b)[lags.length >> 1];
-  showFigures(shown, units(), stale ? '–' : duration(lag, 1));
+  showFigures(shown, units(), stale ? '–' : duration(lag, 1), stale);
   setText($('moment'), frozen ? `${clock(moment())}, ${(frozen.back / 1000).toFixed(2)} s back` : stale ? 'no live pose' : 'live');
   if (wordsAt - curvesAt < kCurvesEvery) return;
   curvesAt = wordsAt;

@@ -200,13 +200,15 @@ export function showMeasure(tracker, { rows, moved }) {
 
 // ---- Figures and log -------------------------------------------------------------------------------
 
-export function showFigures(tracker, units, lag) {
+export function showFigures(tracker, units, lag, stale) {
   const { status } = tracker;
+  const { rate, latencyMean, jitter } = stale ? {} : status;
+  const time = (seconds) => duration(seconds && seconds * 1000);
   const { perRadian, sign } = kAngles[units.angle];
   showList($('figure-list'), [
-    ['Rate', `${fixed(status.rate, 1)} Hz`, `stated ${fixed(status.nominalRate, 0)} Hz`],
-    ['Latency', duration(status.latencyMean * 1000), `worst ${duration(status.latencyMax * 1000)}`],
-    ['Jitter of the frames', duration(status.jitter * 1000), 'standard deviation'],
+    ['Rate', `${fixed(rate, 1)} Hz`, `stated ${fixed(status.nominalRate, 0)} Hz`],
+    ['Latency', time(latencyMean), `worst ${time(status.latencyMax)}`],
+    ['Jitter of the frames', time(jitter), 'standard deviation'],
     ['Publication to picture', lag, 'if both clocks agree'],
     ['Frames', count(status.frames), `${count(status.failedReads)} failed reads`],
     ['Dropped records', count(status.dropped), `${count(status.recoveries)} recoveries`],
