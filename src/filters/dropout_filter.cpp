@@ -3,11 +3,11 @@
 namespace kinetrel {
 namespace {
 
-enum Row : std::size_t { kInstead, kTime };
-enum Instead { kHold, kExtrapolate, kInvalid };
+enum Row : std::size_t { Instead, Time };
+enum Instead { Hold, Extrapolate, Invalid };
 
 constexpr FilterParameter kTable[] = {
-    {"instead", 1, kHold, kInvalid, {}, "hold|extrapolate|invalid"},
+    {"instead", 1, Hold, Invalid, {}, "hold|extrapolate|invalid"},
     {"time-s", 1, 0.0, 1e6, {0.5}},
 };
 
@@ -36,11 +36,11 @@ const char* DropoutFilter::Work(PoseSample& sample, const Step& step) {
     sinceValid_ = 0.0;
     return nullptr;
   }
-  if (sinceValid_ > Value(kTime) || Choice(kInstead) == kInvalid) {
+  if (sinceValid_ > Value(Time) || Choice(Instead) == Invalid) {
     sample.hasPosition = sample.hasOrientation = false;
     return nullptr;
   }
-  const double seconds = Choice(kInstead) == kExtrapolate ? sinceValid_ : 0.0;
+  const double seconds = Choice(Instead) == Extrapolate ? sinceValid_ : 0.0;
   sample.hasPosition = valid_.hasPosition;
   sample.hasOrientation = valid_.hasOrientation;
   sample.position = valid_.position + seconds * velocity_;

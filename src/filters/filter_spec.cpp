@@ -69,7 +69,7 @@ bool ReadLines(std::istream& lines, std::vector<FilterSpec>& specs, std::string&
     if (line.empty() || line.front() == '#') continue;
     FilterSpec spec;
     if (!ReadFilterSpec(line, spec, error)) {
-      error = "line " + std::to_string(number) + ": " + error;
+      error.insert(0, "line " + std::to_string(number) + ": ");
       return false;
     }
     specs.push_back(spec);

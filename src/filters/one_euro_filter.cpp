@@ -5,7 +5,7 @@
 namespace kinetrel {
 namespace {
 
-enum Row : std::size_t { kMinCutoff, kBeta, kTurnBeta, kDerivativeCutoff, kLag };
+enum Row : std::size_t { MinCutoff, Beta, TurnBeta, DerivativeCutoff, Lag };
 
 constexpr FilterParameter kTable[] = {
     {"min-cutoff-hz", 1, 1e-3, 1e3, {0.4}},
@@ -52,10 +52,10 @@ void OneEuroFilter::SmoothPosition(Vector3& position, double seconds, bool first
   }
   const Vector3 device = position;
   if (seconds > 0.0) {
-    const double share = ShareOf(Value(kDerivativeCutoff), seconds);
+    const double share = ShareOf(Value(DerivativeCutoff), seconds);
     const Vector3 velocity = (1.0 / seconds) * (device - devicePosition_);
     velocity_ = velocity_ + share * (velocity - velocity_);
-    const double cutoff = Value(kMinCutoff) + Value(kBeta) * Length(velocity_);
+    const double cutoff = Value(MinCutoff) + Value(Beta) * Length(velocity_);
     position_ = position_ + ShareOf(cutoff, seconds) * (device - position_);
     devicePosition_ = device;
     MeasureLag(device, seconds);
@@ -70,11 +70,11 @@ void OneEuroFilter::SmoothOrientation(Rotation& orientation, double seconds, boo
     return;
   }
   if (seconds > 0.0) {
-    const double share = ShareOf(Value(kDerivativeCutoff), seconds);
+    const double share = ShareOf(Value(DerivativeCutoff), seconds);
     const Vector3 turning = (1.0 / seconds) * ToTurn(Inverse(deviceOrientation_) * orientation);
     turning_ = turning_ + share * (turning - turning_);
     const double speed = Length(turning_) * kDegreesPerRadian;
-    const double part = ShareOf(Value(kMinCutoff) + Value(kTurnBeta) * speed, seconds);
+    const double part = ShareOf(Value(MinCutoff) + Value(TurnBeta) * speed, seconds);
     deviceOrientation_ = orientation;
     orientation_ = Between(orientation_, orientation, part);
   }
@@ -88,7 +88,7 @@ void OneEuroFilter::MeasureLag(const Vector3& device, double seconds) {
   const double kept = std::max(0.0, 1.0 - seconds / kLagMemory);
   behind_ = kept * behind_ + seconds * Dot(device - position_, velocity_);
   moved_ = kept * moved_ + seconds * speed * speed;
-  SetMeasured(kLag, std::max(0.0, 1e3 * behind_ / moved_));
+  SetMeasured(Lag, std::max(0.0, 1e3 * behind_ / moved_));
 }
 
 }  // namespace kinetrel

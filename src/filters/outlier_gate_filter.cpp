@@ -3,15 +3,15 @@
 namespace kinetrel {
 namespace {
 
-enum Row : std::size_t { kSpeed, kAcceleration, kTurnSpeed, kPatience, kInstead, kOutliers };
-enum Instead { kHold, kInvalid };
+enum Row : std::size_t { Speed, Acceleration, TurnSpeed, Patience, Instead, Outliers };
+enum Instead { Hold, Invalid };
 
 constexpr FilterParameter kTable[] = {
     {"max-speed-mps", 1, 1e-3, 1e6, {10.0}},
     {"max-acceleration-mps2", 1, 1e-3, 1e9, {500.0}},
     {"max-turn-speed-dps", 1, 1e-1, 1e9, {3000.0}},
     {"patience-s", 1, 0.0, 60.0, {0.1}},
-    {"instead", 1, kHold, kInvalid, {}, "hold|invalid"},
+    {"instead", 1, Hold, Invalid, {}, "hold|invalid"},
     {"outliers", 1, 0.0, 1e18, {}, nullptr, FilterParameter::Access::ReadOnly},
 };
 
@@ -33,10 +33,10 @@ const char* OutlierGateFilter::Work(PoseSample& sample, const Step& step) {
     Believe(sample, !comparable);
     return nullptr;
   }
-  SetMeasured(kOutliers, Value(kOutliers) + 1.0);
-  if (sinceGood_ > Value(kPatience)) {
+  SetMeasured(Outliers, Value(Outliers) + 1.0);
+  if (sinceGood_ > Value(Patience)) {
     Believe(sample, true);
-  } else if (Choice(kInstead) == kHold) {
+  } else if (Choice(Instead) == Hold) {
     sample.position = good_.position;
     sample.orientation = good_.orientation;
     sample.hasPosition = good_.hasPosition;
@@ -51,13 +51,13 @@ bool OutlierGateFilter::IsOutlier(const PoseSample& sample) const {
   const double seconds = sinceGood_;
   if (sample.hasPosition && good_.hasPosition) {
     const Vector3 way = sample.position - good_.position;
-    if (Length(way) > kRest + Value(kSpeed) * seconds) return true;
+    if (Length(way) > kRest + Value(Speed) * seconds) return true;
     const double astray = Length(way - seconds * velocity_);
-    if (hasVelocity_ && astray > kRest + Value(kAcceleration) * seconds * seconds) return true;
+    if (hasVelocity_ && astray > kRest + Value(Acceleration) * seconds * seconds) return true;
   }
   if (!sample.hasOrientation || !good_.hasOrientation) return false;
   const double turn = Length(ToTurn(Inverse(good_.orientation) * sample.orientation));
-  return turn > kRest + kRadiansPerDegree * Value(kTurnSpeed) * seconds;
+  return turn > kRest + kRadiansPerDegree * Value(TurnSpeed) * seconds;
 }
 
 // An invalid sample leaves the last good one in force.

@@ -4,14 +4,14 @@ namespace kinetrel {
 namespace {
 
 enum Row : std::size_t {
-  kHorizon,
-  kNoise,
-  kAcceleration,
-  kTurnNoise,
-  kTurnAcceleration,
-  kReach,
-  kDisplayRate,
-  kDisplayPhase
+  Horizon,
+  Noise,
+  Acceleration,
+  TurnNoise,
+  TurnAcceleration,
+  Reach,
+  DisplayRate,
+  DisplayPhase
 };
 
 constexpr FilterParameter kTable[] = {
@@ -64,11 +64,11 @@ void PredictionFilter::FollowPosition(const Vector3& position, double seconds, b
     position_ = position;
     velocity_ = {};
     positionSpan_ = 0.0;
-    placed_.Begin(Value(kNoise), kSpeedSpread);
+    placed_.Begin(Value(Noise), kSpeedSpread);
     return;
   }
   if (seconds <= 0.0) return;
-  placed_.Step(seconds, Value(kNoise), Value(kAcceleration));
+  placed_.Step(seconds, Value(Noise), Value(Acceleration));
   position_ = position_ + seconds * velocity_;
   const Vector3 off = position - position_;
   position_ = position_ + placed_.placeGain * off;
@@ -81,12 +81,12 @@ void PredictionFilter::FollowOrientation(const Rotation& orientation, double sec
     orientation_ = orientation;
     turning_ = {};
     orientationSpan_ = 0.0;
-    turned_.Begin(kRadiansPerDegree * Value(kTurnNoise), kTurnSpread);
+    turned_.Begin(kRadiansPerDegree * Value(TurnNoise), kTurnSpread);
     return;
   }
   if (seconds <= 0.0) return;
-  turned_.Step(seconds, kRadiansPerDegree * Value(kTurnNoise),
-               kRadiansPerDegree * Value(kTurnAcceleration));
+  turned_.Step(seconds, kRadiansPerDegree * Value(TurnNoise),
+               kRadiansPerDegree * Value(TurnAcceleration));
   orientation_ = orientation_ * FromTurn(seconds * turning_);
   const Vector3 off = ToTurn(AtUnitLength(Inverse(orientation_) * orientation));
   orientation_ = AtUnitLength(orientation_ * FromTurn(turned_.placeGain * off));
@@ -97,11 +97,11 @@ void PredictionFilter::FollowOrientation(const Rotation& orientation, double sec
 // ---- Samples -------------------------------------------------------------------------------
 
 double PredictionFilter::HorizonOf(const PoseSample& sample) const {
-  const double horizon = Value(kHorizon) * 1e-3;
-  if (Value(kDisplayRate) <= 0.0) return horizon;
-  const double period = 1.0 / Value(kDisplayRate);
+  const double horizon = Value(Horizon) * 1e-3;
+  if (Value(DisplayRate) <= 0.0) return horizon;
+  const double period = 1.0 / Value(DisplayRate);
   const double aim =
-      static_cast<double>(sample.timeNs) * 1e-9 + horizon - Value(kDisplayPhase) * 1e-3;
+      static_cast<double>(sample.timeNs) * 1e-9 + horizon - Value(DisplayPhase) * 1e-3;
   const double wait = std::ceil(aim / period) * period - aim;
   return std::min(horizon + wait, kLongestHorizon);
 }
@@ -112,7 +112,7 @@ const char* PredictionFilter::Work(PoseSample& sample, const Step& step) {
     FollowPosition(sample.position, step.seconds, step.first || !hasPosition_);
     Vector3 way = std::min(horizon, positionSpan_) * velocity_;
     const double reach = Length(way);
-    if (reach > Value(kReach)) way = (Value(kReach) / reach) * way;
+    if (reach > Value(Reach)) way = (Value(Reach) / reach) * way;
     sample.position = position_ + way;
   }
   if (sample.hasOrientation) {

@@ -3,7 +3,7 @@
 namespace kinetrel {
 namespace {
 
-enum Row : std::size_t { kTranslation, kRotation, kScale, kTip, kToolRotation };
+enum Row : std::size_t { RoomTranslation, RoomRotation, Scale, Tip, ToolRotation };
 
 constexpr FilterParameter kTable[] = {
     {"translation-m", 3, -1e4, 1e4, {}},
@@ -23,9 +23,9 @@ std::unique_ptr<Filter> RigidTransformFilter::Clone() const {
 }
 
 void RigidTransformFilter::ParametersChanged() {
-  turn_ = FromAngles(kRadiansPerDegree * Values(kRotation));
-  toolTurn_ = FromAngles(kRadiansPerDegree * Values(kToolRotation));
-  hasTip_ = Values(kTip) != Vector3{};
+  turn_ = FromAngles(kRadiansPerDegree * Values(RoomRotation));
+  toolTurn_ = FromAngles(kRadiansPerDegree * Values(ToolRotation));
+  hasTip_ = Values(Tip) != Vector3{};
 }
 
 const char* RigidTransformFilter::Work(PoseSample& sample, const Step&) {
@@ -33,9 +33,9 @@ const char* RigidTransformFilter::Work(PoseSample& sample, const Step&) {
     return "without an orientation it cannot place the tip";
   }
   if (sample.hasPosition) {
-    Vector3 place = Value(kScale) * sample.position;
-    if (hasTip_) place = place + Rotate(sample.orientation, Values(kTip));
-    sample.position = Values(kTranslation) + Rotate(turn_, place);
+    Vector3 place = Value(Scale) * sample.position;
+    if (hasTip_) place = place + Rotate(sample.orientation, Values(Tip));
+    sample.position = Values(RoomTranslation) + Rotate(turn_, place);
   }
   if (sample.hasOrientation) {
     sample.orientation = AtUnitLength(turn_ * sample.orientation * toolTurn_);
