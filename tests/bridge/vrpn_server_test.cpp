@@ -274,26 +274,26 @@ TEST_F(VrpnServer, AStoppedReaderHoldsUpNoOtherAndIsDropped) {
   for (int i = 0; i < 99; ++i) others.push_back(Greeted());
   ASSERT_TRUE(bridge_->ExpectError("100 clients"));
   // Far more than the system holds for a client. Every one of the others gets the last frame.
-  for (int frame = 0; frame < 400; ++frame) {
+  constexpr int kFrames = 100;
+  for (int frame = 0; frame < kFrames; ++frame) {
     tracker_->Publish(frame, 32);
     for (const auto& client : others) ASSERT_TRUE(client->Hear());
   }
   for (const auto& client : others) {
     EXPECT_TRUE(WaitUntil([&] {
       return client->Hear() && client->ear.heard.back().type == kVrpnPose &&
-             client->ear.heard.back().F64(8) == 399;
+             client->ear.heard.back().F64(8) == kFrames - 1;
     }));
   }
   // What it finds when it goes on is not the whole backlog, and the newest is there; unless so slow
   // a machine needed more than its ten seconds.
-  ASSERT_TRUE(stopped.Hear());
   bool dropped = false;
   ASSERT_TRUE(WaitUntil([&] {
     dropped = !stopped.Hear();
-    return dropped ||
-           (stopped.ear.heard.back().type == kVrpnPose && stopped.ear.heard.back().F64(8) == 399);
+    return dropped || (!stopped.ear.heard.empty() && stopped.ear.heard.back().type == kVrpnPose &&
+                       stopped.ear.heard.back().F64(8) == kFrames - 1);
   }));
-  EXPECT_LT(stopped.ear.heard.size(), 200 * 32U);
+  EXPECT_LT(stopped.ear.heard.size(), kFrames / 2 * 32U);
   if (dropped) return;
   // Stopped for good.
   EXPECT_TRUE(WaitUntil(
@@ -309,8 +309,7 @@ TEST_F(VrpnServer, AStoppedReaderHoldsUpNoOtherAndIsDropped) {
       << bridge_->error();
 }
 
-// ---- Starting
-// ------------------------------------------------------------------------------------
+// ---- Starting ----------------------------------------------------------------------------------
 
 TEST_F(VrpnServer, RefusesToStartWithOneClearLine) {
   const auto taken = StreamListener::Open("127.0.0.1", port_);
