@@ -19,6 +19,12 @@ constexpr int kNapMargin = 10;  // ms; a streaming device is read this much befo
 
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
 
+// Filters may replace the pose of a record without one, but not of a sensor without records.
+bool IsFresh(const PoseSample& sample) {
+  constexpr std::int64_t kHold = 500'000'000;  // ns
+  return StreamNanoseconds(ClockTicks()) - sample.timeNs <= kHold;
+}
+
 // For what is printed but not logged.
 void Print(const char* text) { PrintError("%s", text); }
 
@@ -314,9 +320,11 @@ bool SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const F
   SharedTrackBlock& block = *writer_->block();
   if (key.poseIndex >= 0 && key.poseIndex < kPoseSlots) {
     const auto slot = static_cast<std::size_t>(key.poseIndex);
-    WritePose(block, slot, mapping.sensor);
+    const bool delivered = WritePose(block, slot, mapping.sensor);
     const std::optional<FilteredPose> filtered = state_->filters.NewestOf(key);
-    if (filtered.has_value()) WriteFilteredPose(block, slot, filtered->sample);
+    if (filtered.has_value() && (delivered || IsFresh(filtered->sample))) {
+      WriteFilteredPose(block, slot, filtered->sample);
+    }
   }
   WriteHeader(block);
   WriteButtons(block, frame);
@@ -327,23 +335,26 @@ bool SampleLoop::PublishMapping(const MappingKey& key, Mapping& mapping, const F
   return true;
 }
 
-// A sensor without a record is published as zeros, never with its old pose.
-void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) {
+// A sensor without a record is published as zeros, never with its old pose. False then.
+bool SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) {
   static constexpr std::array<float, 3> kZeros{};
   if (packed_ != nullptr) sensor = packed_->RecordOf(sensor);
   // With position and angles, both come from one record.
   const bool whole = header_.components == (kPositionComponent | kEulerComponent);
   const float* const record = whole ? device_->GetSensorPose(sensor) : nullptr;
   float* const pose = block.poses[slot];
+  bool delivered = false;
   if ((header_.components & kPositionComponent) != 0) {
     const float* const xyz = whole ? record : device_->GetSensorPosition(sensor);
     std::copy_n(xyz != nullptr ? xyz : kZeros.data(), 3, pose);
+    delivered = xyz != nullptr;
   }
   if ((header_.components & kEulerComponent) != 0) {
     const float* angles = whole ? record : device_->GetSensorEuler(sensor);
     if (whole && angles != nullptr) angles += 3;
     std::copy_n(angles != nullptr ? angles : kZeros.data(), 3, pose + 3);
     if (angles != nullptr) {
+      delivered = true;
       state_->lastRawAzimuth = angles[0];
       pose[3] -= state_->azimuthZero;
     }
@@ -352,7 +363,9 @@ void SampleLoop::WritePose(SharedTrackBlock& block, std::size_t slot, int sensor
     const float* const quaternion = device_->GetSensorQuaternion(sensor);
     std::copy_n(quaternion != nullptr ? quaternion : kIdentityQuaternion.data(), 4,
                 block.quaternions[slot]);
+    delivered = delivered || quaternion != nullptr;
   }
+  return delivered;
 }
 
 // In the unit and the components that WritePose has written. What the filters declared invalid is

@@ -63,7 +63,7 @@ class SampleLoop {
   void PublishFrame(EngineLock& lock, const Frame& frame) REQUIRES(state_->mutex);
   bool PublishMapping(const MappingKey& key, Mapping& mapping, const Frame& frame)
       REQUIRES(state_->mutex);
-  void WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) REQUIRES(state_->mutex);
+  bool WritePose(SharedTrackBlock& block, std::size_t slot, int sensor) REQUIRES(state_->mutex);
   void WriteFilteredPose(SharedTrackBlock& block, std::size_t slot, const PoseSample& sample)
       REQUIRES(state_->mutex);
   ButtonBits::Buttons JoystickButtons(const Frame& frame) const;

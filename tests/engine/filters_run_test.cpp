@@ -27,12 +27,13 @@ class FilteredRun : public testing::Test {
       SleepFor(Milliseconds(1));
       for (int sensor = 0; sensor < 2; ++sensor) {
         const float pose[6] = {100, 0, 0, kQuarter, 0, 0};
-        std::copy_n(pose, 6, device.GetSensorPose(sensor));
+        if (float* const record = device.GetSensorPose(sensor)) std::copy_n(pose, 6, record);
       }
       *sampleTime = device.ElapsedSeconds();
-      static_cast<ScriptedDevice&>(device).TellRecords(3, *sampleTime);
+      const unsigned told = 3U & ~untold_.load();
+      static_cast<ScriptedDevice&>(device).TellRecords(told, *sampleTime);
       reads_ += 1;
-      return 3U;
+      return told;
     };
     StartConfig config;
     config.shmDevice = slot_.device();
@@ -66,6 +67,7 @@ class FilteredRun : public testing::Test {
 
   const FreeSlot slot_;
   std::atomic<int> reads_ = 0;
+  std::atomic<unsigned> untold_ = 0;  // sensors
   Script script_;
   TrackerEngine engine_{ScriptedFactory(script_)};
   kinetrel_stream stream_{};
@@ -107,6 +109,25 @@ TEST_F(FilteredRun, AConfiguredFilterChangesItsSensorAndKeepsTheDevicesOwnPose) 
     const kinetrel_record zeroed = Next(0, kinetrel_filtered, true);
     return std::abs(zeroed.angles[0]) < 1e-6 && std::abs(zeroed.position[1] - 0.5) < 1e-6;
   }));
+}
+
+// A lost sensor of some devices has records without a pose, one of others has no records at all.
+TEST_F(FilteredRun, ALostSensorKeepsNoOldPoseInItsBlock) {
+  Start({{"rigid:translation-m=0/0/2", 2}, {"dropout:time-s=1000000", 2}});
+  SharedTrackReader reader(slot_.device());
+  SharedTrackBlock block{};
+  const auto showsTheSensor = [&](bool shown) {
+    return reader.OpenOnly(0) && reader.Copy(block, Milliseconds(1000)) && block.poses[0][0] != 0 &&
+           (block.poses[1][2] != 0) == shown;
+  };
+  EXPECT_TRUE(WaitUntil([&] { return showsTheSensor(true); }));
+  script_.lostSensors = 2;
+  const int reads = reads_;
+  EXPECT_TRUE(WaitUntil([&] { return reads_ > reads + 1000; }));
+  EXPECT_TRUE(showsTheSensor(true));  // the dropout filter goes on for it
+  untold_ = 2;
+  EXPECT_TRUE(WaitUntil([&] { return showsTheSensor(false); }));
+  EXPECT_EQ(block.poses[1][0], 0.0F);
 }
 
 TEST_F(FilteredRun, ChainsChangeWhileSamplingAndNoRecordIsLost) {

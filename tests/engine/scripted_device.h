@@ -23,7 +23,8 @@ struct Script {
   int statusCode = 0;
   int frameRate = 0;  // 0: unknown
   std::function<unsigned(TrackerDevice&, double*)> readFrame;
-  bool recordsGone = false;  // the record getters return null
+  bool recordsGone = false;               // the record getters return null
+  std::atomic<unsigned> lostSensors = 0;  // so they do for these
   const char* errorText = "";
   const char* readText = "";
   int reportCode = 0;
@@ -110,17 +111,20 @@ class ScriptedDevice final : public TrackerDevice {
   int GetStatusCode() override { return script_.statusCode; }
   int GetFrameRate() override { return script_.frameRate; }
   float* GetSensorPose(int sensor) override {
-    return script_.recordsGone ? nullptr : TrackerDevice::GetSensorPose(sensor);
+    return IsGone(sensor) ? nullptr : TrackerDevice::GetSensorPose(sensor);
   }
   float* GetSensorPosition(int sensor) override { return GetSensorPose(sensor); }
   float* GetSensorEuler(int sensor) override {
-    return script_.recordsGone ? nullptr : TrackerDevice::GetSensorEuler(sensor);
+    return IsGone(sensor) ? nullptr : TrackerDevice::GetSensorEuler(sensor);
   }
   float* GetSensorQuaternion(int sensor) override {
-    return script_.recordsGone ? nullptr : TrackerDevice::GetSensorQuaternion(sensor);
+    return IsGone(sensor) ? nullptr : TrackerDevice::GetSensorQuaternion(sensor);
   }
 
  private:
+  bool IsGone(int sensor) const {
+    return script_.recordsGone || (script_.lostSensors >> sensor & 1U) != 0;
+  }
   template <typename... Values>
   void Note(const char* format, Values... values) {
     char text[128];
