@@ -54,7 +54,7 @@ struct EngineState {
   std::weak_ptr<RecordStreamWriter> stream GUARDED_BY(mutex);  // the newest run's; empty: none
   MappingTable mappings GUARDED_BY(mutex);
   FilterBank filters{status};                     // has its own lock; one chain for each mapping
-  float lastRawAzimuth GUARDED_BY(mutex) = 0.0F;  // radians; last read from any sensor
+  float lastRawAzimuth GUARDED_BY(mutex) = 0.0F;  // radians; last shown, without the zero
   float azimuthZero GUARDED_BY(mutex) = 0.0F;  // radians; subtracted from every published azimuth
 
   // The mapping of a destination. A new one is made if the destination has none.

@@ -379,6 +379,8 @@ void SampleLoop::WriteFilteredPose(SharedTrackBlock& block, std::size_t slot,
   if (sample.hasOrientation) {
     std::ranges::transform(sample.orientation, q.begin(), narrow);
     angles = QuaternionToEuler(q.data());
+    // The zero is taken off after the filters, so the next one is the azimuth that they made.
+    if ((header_.components & kEulerComponent) != 0) state_->lastRawAzimuth = angles[0];
     angles[0] -= state_->azimuthZero;
   }
   if ((header_.components & kPositionComponent) != 0) {

@@ -111,6 +111,16 @@ TEST_F(FilteredRun, AConfiguredFilterChangesItsSensorAndKeepsTheDevicesOwnPose) 
   }));
 }
 
+TEST_F(FilteredRun, TheZeroIsTheAzimuthThatTheFiltersMade) {
+  Start({{"rigid:rotation-deg=90/0/0", 2}});  // the last sensor decides
+  EXPECT_NEAR(std::abs(Next(1, kinetrel_filtered, true).angles[0]), 2 * kQuarter, 1e-5);
+  EXPECT_TRUE(WaitUntil([&] {
+    engine_.ZeroAzimuth();
+    return std::abs(Next(1, kinetrel_filtered, true).angles[0]) < 1e-5;
+  }));
+  EXPECT_NEAR(Next(0, kinetrel_filtered, false).angles[0], -kQuarter, 1e-5);
+}
+
 // A lost sensor of some devices has records without a pose, one of others has no records at all.
 TEST_F(FilteredRun, ALostSensorKeepsNoOldPoseInItsBlock) {
   Start({{"rigid:translation-m=0/0/2", 2}, {"dropout:time-s=1000000", 2}});
