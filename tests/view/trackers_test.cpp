@@ -76,7 +76,7 @@ TEST_F(Trackers, TextsOfATrackerCannotBreakTheAnswers) {
   writer_->SetState(kinetrel_state_silent, evil.c_str());
   writer_->AddLogLine(0, -3, evil.c_str());
   kinetrel_record record{};
-  record.sample_ns = INT64_MIN;
+  record.sample_ns = INT64_MIN / 2;
   record.position[0] = std::numeric_limits<double>::infinity();
   record.position[1] = -1e300;
   record.flags = ~0U;

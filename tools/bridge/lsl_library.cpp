@@ -83,7 +83,7 @@ const LslCalls* LoadLsl(std::string& complaint) {
     }
     const std::string missing = BindAll(library.value(), calls);
     if (!missing.empty()) {
-      complaint = "liblsl (" + name + ") lacks the function " + missing;
+      complaint.assign("liblsl (").append(name).append(") lacks the function ").append(missing);
       return nullptr;
     }
     loaded.emplace(std::move(library.value()));

@@ -151,7 +151,7 @@ std::string VrpnServer::Open() {
   tcp::resolver resolver(context_.io);
   const auto found = resolver.resolve(tcp::v4(), host_, std::to_string(port_), error);
   if (error || found.empty()) return "address " + host_ + " does not resolve: " + error.message();
-  const std::string failure = Bind(found.begin()->endpoint());
+  std::string failure = Bind(found.begin()->endpoint());
   if (!failure.empty()) return failure;
   const std::lock_guard lock(mutex_);
   Accept();
