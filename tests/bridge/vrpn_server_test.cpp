@@ -88,22 +88,34 @@ TEST_F(VrpnServer, GreetsAndSendsPosesByteForByte) {
 }
 
 TEST_F(VrpnServer, AnswersPingsOfItsDevicesOnly) {
-  Serve("?name=Kinetrel");
+  Serve("?name=Kinetrel&buttons=Minetrel");
   VrpnTestClient known(port_, WatchedVrpnClient());
   const auto pong = known.Next("vrpn_Base pong_message");
   ASSERT_TRUE(pong.has_value());
   EXPECT_EQ(pong->sender, 0);
   EXPECT_TRUE(pong->payload.empty());
 
-  // The same client asks for "Xinetrel": its user is to learn that there is no such device.
+  // The same client asks for "Xinetrel": its user is to learn that there is no such device. Then it
+  // asks for the buttons, so that the first answer shows whether there was one before.
   Octets stranger = WatchedVrpnClient();
-  stranger[24 + 48 + 28] = static_cast<std::byte>('X');
-  VrpnTestClient unknown(port_, stranger);
-  ASSERT_TRUE(PoseOf(unknown).has_value());
-  tracker_->Publish(7);
-  while (unknown.Next(kVrpnPose)->F64(8) != 7) {
-  }
-  for (const VrpnHeard& message : unknown.ear.heard) EXPECT_NE(message.type, pong->type);
+  Octets sender(stranger.begin() + 72, stranger.begin() + 112);  // the device's description
+  const Octets ping(stranger.end() - 24, stranger.end());
+  stranger[72 + 28] = static_cast<std::byte>('X');
+  sender[28] = static_cast<std::byte>('M');
+  VrpnTestClient unknown(port_, stranger + sender + ping);
+  const auto first = unknown.Next("vrpn_Base pong_message");
+  ASSERT_TRUE(first.has_value());
+  EXPECT_EQ(first->sender, 1);
+}
+
+TEST_F(VrpnServer, KeepsOneAnswerForAClientThatAsksAndDoesNotRead) {
+  Serve("?name=Kinetrel");
+  const Octets hello = WatchedVrpnClient();
+  VrpnTestClient client(port_, hello);
+  Octets pings;
+  for (int i = 0; i < 1000; ++i) pings.insert(pings.end(), hello.end() - 24, hello.end());
+  for (int i = 0; i < 40; ++i) ASSERT_TRUE(client.Send(pings));
+  EXPECT_TRUE(PoseOf(client).has_value());
 }
 
 TEST_F(VrpnServer, CallsBackAndSendsPosesByUdp) {

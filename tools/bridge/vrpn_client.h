@@ -1,8 +1,8 @@
 // One client of the VRPN server: its connection, what it asked for, and what waits for it.
 //
-// While the socket takes no more, a newer pose of a sensor replaces the one that waits; other
-// messages stay. The client is dropped when it takes nothing for 10 s, or when more waits than
-// kMostWaiting.
+// While the socket takes no more, a newer pose of a sensor replaces the one that waits, and so does
+// a newer answer of a device; other messages stay. The client is dropped when it takes nothing for
+// 10 s, or when more waits than kMostWaiting.
 //
 // Threads  every call is made under the server's lock.
 #pragma once
@@ -26,6 +26,8 @@ namespace kinetrel::bridge {
 // Of a message that a newer one may replace while it waits; kKept is never replaced.
 using VrpnKey = std::uint32_t;
 inline constexpr VrpnKey kVrpnKept = 0xFFFFFFFF;
+inline constexpr VrpnKey kVrpnPong = 0x80000000;    // and the device's number
+inline constexpr VrpnKey kVrpnStates = 0xC0000000;  // and the device's number
 
 // Messages that lie one behind the other in one buffer, which all clients share.
 struct VrpnMessages {

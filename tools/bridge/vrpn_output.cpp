@@ -294,7 +294,7 @@ void VrpnServer::Greet(VrpnClient& client) {
 void VrpnServer::Answer(VrpnClient& client, std::int32_t device) {
   VrpnMessages answer;
   AppendVrpnPong(answer.bytes, UtcNow(), device);
-  answer.End(kVrpnKept);
+  answer.End(kVrpnPong | static_cast<VrpnKey>(device));
   for (const auto& [feed, devices] : devices_) {
     if (std::find(devices.buttons.begin(), devices.buttons.end(), device) !=
         devices.buttons.end()) {
@@ -312,7 +312,7 @@ void VrpnServer::AppendButtons(const Devices& devices, VrpnMessages& messages) c
   }
   for (const std::int32_t sender : devices.buttons) {
     AppendVrpnButtons(messages.bytes, UtcNow(), sender, pressed);
-    messages.End(kVrpnKept);
+    messages.End(kVrpnStates | static_cast<VrpnKey>(sender));
   }
 }
 
@@ -363,6 +363,7 @@ void VrpnServer::AppendChanges(Devices& devices, const Pose& pose) {
 
 // True if at least one client was sent something, or it was printed.
 bool VrpnServer::Broadcast() {
+  if (poses_.bytes.empty() && others_.bytes.empty()) return false;
   if (context_.dryRun) {
     if (!poses_.bytes.empty()) context_.print(DescribeVrpn(poses_.bytes));
     if (!others_.bytes.empty()) context_.print(DescribeVrpn(others_.bytes));
