@@ -151,6 +151,8 @@ TEST_F(Outputs, NumberAndChooseSensorsAsAsked) {
       {"psn", false, {"tracker 3 ", " not valid "}},
       {"osc:///vrchat?sensors=1,2,4,5,6,7,8,9,3", true, {}},
       {"osc://127.0.0.1/adm?object=10&extent=4,4,6&aed=yes&sensors=3&centre=2,0,0",
+      {"opentrack?sensors=3&axes=tracker", true, {"TX 1.0000 TY 2.0000 TZ 3.0000"}},
+      {"opentrack?sensors=3&axes=tracker&scale=10", true, {"TX 10.0000 TY 20.0000 TZ 30.0000"}},
        true,
        {"/adm/obj/10/aed 0.000000 -71.565048 0.527046"}},
       {"opentrackio?sensors=3&source=9", false, {"\"sourceNumber\":9", "\"status\":\"lost\""}},
@@ -190,3 +192,5 @@ TEST_F(Outputs, RefuseWhatTheyCannotDo) {
 
 }  // namespace
 }  // namespace kinetrel::bridge
+      {"osc:///vrchat?sensors=1,2&head=4", "option head needs one of the sensors"},
+      {"osc://127.0.0.1/adm?extent=1,1,1&sensors=1&listener=2", "option listener needs one of"},

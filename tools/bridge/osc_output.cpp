@@ -27,6 +27,16 @@ std::string AsPartOfAddress(std::string name) {
   return name;
 }
 
+// Reads an option that names one of the chosen sensors, from 1. 0: it is not given.
+int ReadChosenSensor(Feed& feed, std::string_view key) {
+  const int number = feed.options.Integer(key, 0, 0, kinetrel_stream_sensors);
+  if (number > 0 && !feed.selector.Chooses(static_cast<unsigned>(number - 1))) {
+    feed.options.Complain("option " + std::string(key) + " needs one of the sensors of option " +
+                          "sensors");
+  }
+  return number;
+}
+
 class OscOutput : public UdpOutput {
  protected:
   OscOutput(const OutputContext& context, Feed& feed) : UdpOutput(context, feed, DescribeOsc) {}
@@ -128,8 +138,7 @@ class OscPlain final : public UdpOutput {
 class OscVrchat final : public OscOutput {
  public:
   OscVrchat(const OutputContext& context, Feed& feed)
-      : OscOutput(context, feed),
-        head_(feed.options.Integer("head", 0, 0, kinetrel_stream_sensors)) {}
+      : OscOutput(context, feed), head_(ReadChosenSensor(feed, "head")) {}
 
   void Publish(const Feed& feed, std::span<const Pose> poses) override {
     for (const Pose& pose : poses) {
@@ -208,7 +217,7 @@ class OscAdm final : public OscOutput {
   OscAdm(const OutputContext& context, Feed& feed)
       : OscOutput(context, feed),
         first_(feed.options.Integer("object", 1, 1, 100'000)),
-        listener_(feed.options.Integer("listener", 0, 0, kinetrel_stream_sensors)),
+        listener_(ReadChosenSensor(feed, "listener")),
         polar_(feed.options.Flag("aed", false)),
         extent_(feed.options.Numbers("extent", 3)),
         centre_(feed.options.Numbers("centre", 3)) {

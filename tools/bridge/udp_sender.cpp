@@ -41,7 +41,10 @@ std::string UdpSender::Open() {
   udp::resolver resolver(context_.io);
   const auto found = resolver.resolve(host_, std::to_string(port_), error);
   if (error || found.empty()) return "host " + host_ + " does not resolve: " + error.message();
-  endpoint_ = found.begin()->endpoint();
+  // Most receivers listen at IPv4 only, also where the name leads to IPv6 first.
+  const auto v4 = std::find_if(found.begin(), found.end(),
+                               [](const auto& each) { return each.endpoint().address().is_v4(); });
+  endpoint_ = (v4 == found.end() ? found.begin() : v4)->endpoint();
   return context_.dryRun ? std::string() : OpenSocket();
 }
 
@@ -109,7 +112,9 @@ void UdpSender::Fail(const boost::system::error_code& error) {
 }
 
 std::string UdpSender::Place() const {
-  return endpoint_.address().to_string() + ":" + std::to_string(endpoint_.port());
+  const std::string address = endpoint_.address().to_string();
+  return (endpoint_.address().is_v6() ? "[" + address + "]" : address) + ":" +
+         std::to_string(endpoint_.port());
 }
 
 }  // namespace kinetrel::bridge

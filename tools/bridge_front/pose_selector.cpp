@@ -95,7 +95,9 @@ void PoseSelector::ReadAxes(SpecOptions& options, std::string_view fallback) {
   if (const AxesPreset* const preset = FindAxesPreset(fallback)) axes_ = preset->axes;
   if (const auto text = options.Find("axes")) {
     const auto rows = ParseAxes(*text);
-    if (rows) {
+    if (const AxesPreset* const named = FindAxesPreset(*text)) {
+      axes_ = named->axes;  // with its unit
+    } else if (rows) {
       axes_.rows = *rows;
     } else {
       options.Complain(

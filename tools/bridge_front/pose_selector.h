@@ -5,12 +5,13 @@
 //     name=head          the name of one chosen sensor; of several, one name each (name=head,hand)
 //                        or one name that the sensor's number is added to (head1, head3)
 //     axes=x,-z,y        target axes as axes of the tracker (x forward, y right, z down), nine
-//                        numbers row by row, or the name of a preset
+//                        numbers row by row, or the name of a preset, which brings its unit too
 //     scale=100          units of length in one metre
-//     mount=90,0,0       how the body is turned against its sensor: azimuth, elevation, roll,
-//     degrees arm=0,0,0.1        where the body is, in m along the sensor's axes room=180,0,0 how
-//     the tracker stands in the room: azimuth, elevation, roll, degrees origin=0,0,-2.4    where
-//     the tracker stands in the room, in m
+//     mount=90,0,0       how the body is turned against its sensor, in degrees:
+//                        azimuth, elevation, roll
+//     arm=0,0,0.1        where the body is, in m along the sensor's axes
+//     room=180,0,0       how the tracker stands in the room, in degrees: azimuth, elevation, roll
+//     origin=0,0,-2.4    where the tracker stands in the room, in m
 //
 // mount and arm come first, then room and origin, then axes and scale.
 #pragma once
@@ -74,6 +75,7 @@ class PoseSelector {
   // The chosen sensors, from 0, in the operator's order; all 32 if none were named.
   std::span<const unsigned> sensors() const { return sensors_; }
   bool ChosenByOperator() const { return chosen_; }
+  bool Chooses(unsigned sensor) const { return places_[sensor] >= 0; }
   const std::string& NameOf(std::size_t place) const { return names_[place]; }
 
  private:
