@@ -92,6 +92,17 @@ TEST_F(BridgeProcess, TellsOfATrackerThatIsKilledAndGoesOnWithTheNext) {
   EXPECT_TRUE(client_->Next(kVrpnPose).has_value());
 }
 
+TEST_F(BridgeProcess, KeepsTheNamesOfTwoTrackersApart) {
+  const FreeSlot other;
+  KnownTracker second(other);
+  const std::string number = std::to_string(other.slot());
+  const auto both = Start({"osc:///vmc", "--dry-run", "--slot", number, "osc:///vmc"});
+  EXPECT_TRUE(WaitUntil([&] {
+    second.Publish(1);
+    return both->output().find("kinetrel-" + number + "-1") != std::string::npos;
+  })) << both->error();
+}
+
 TEST_F(BridgeProcess, EndsWhenAskedAndFreesItsPort) {
   bridge_->Signal(SIGTERM);
   EXPECT_EQ(bridge_->Wait(), 0);

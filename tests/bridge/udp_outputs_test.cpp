@@ -194,3 +194,5 @@ TEST_F(Outputs, RefuseWhatTheyCannotDo) {
 }  // namespace kinetrel::bridge
       {"osc:///vrchat?sensors=1,2&head=4", "option head needs one of the sensors"},
       {"osc://127.0.0.1/adm?extent=1,1,1&sensors=1&listener=2", "option listener needs one of"},
+      {"freed://127.0.0.1?camera=255&sensors=1,2", "camera leaves no number"},
+      {"opentrackio?source=199&sensors=1,2,3", "source leaves no number"},

@@ -332,6 +332,8 @@ TEST_F(VrpnServer, RefusesToStartWithOneClearLine) {
            {{"vrpn://127.0.0.1:" + port}, "port " + port + " of 127.0.0.1 cannot be opened"},
            {{"vrpn?bodys=yes"}, "unknown option bodys; did you mean bodies?"},
            {{"vrpn", "vrpn"}, "two devices have the name Tracker"},
+           {{"freed://127.0.0.1", "--slot", "2", "freed://127.0.0.1"}, "set camera= for one"},
+           {{"dtrack://127.0.0.1", "--slot", "2", "dtrack://127.0.0.1"}, "another port"},
            {{"vrpn://no-such-host.invalid"}, "no-such-host.invalid does not resolve"},
            {{"--slot", "17", "vrpn"}, "--slot"},
            {{}, "name at least one output"}}) {

@@ -70,7 +70,32 @@ std::string Bridge::AddFeed(const BridgeOptions::Wanted& wanted) {
   return {};
 }
 
+// Two trackers at one place must not have sensors of one name or number.
+void Bridge::KeepApart(Feed& feed) {
+  const std::string key(feed.protocol->apart);
+  if (key.empty()) return;
+  for (Feed& other : feeds_) {
+    if (other.slot == feed.slot || other.protocol != feed.protocol ||
+        HostOf(other) != HostOf(feed) || PortOf(other) != PortOf(feed)) {
+      continue;
+    }
+    const std::string shared = "slots " + std::to_string(std::min(feed.slot, other.slot)) +
+                               " and " + std::to_string(std::max(feed.slot, other.slot)) +
+                               " would send under the same numbers; ";
+    if (key == "port") {
+      feed.options.Complain(shared + "give one of them another port");
+    } else if (key != "name") {
+      if (feed.options.Find(key) == other.options.Find(key))
+        feed.options.Complain(shared + "set " + key + "= for one of them");
+    } else if (feed.slot != 1 && !feed.options.Find("name")) {
+      const std::string name = std::string(feed.protocol->name) + std::to_string(feed.slot) + "-";
+      feed.selector = PoseSelector(feed.options, {feed.protocol->axes, name});
+    }
+  }
+}
+
 std::string Bridge::MakeOutputs() {
+  for (Feed& feed : feeds_) KeepApart(feed);
   for (Feed& feed : feeds_) {
     // Trackers that share a server's port are one output.
     const auto shared = std::find_if(outputs_.begin(), outputs_.end(), [&](const Running& running) {
@@ -96,10 +121,10 @@ std::string Bridge::MakeOutputs() {
 
 std::string Bridge::Open() {
   for (const auto& wanted : options_.outputs) {
-    const std::string complaint = AddFeed(wanted);
+    std::string complaint = AddFeed(wanted);
     if (!complaint.empty()) return complaint;
   }
-  const std::string complaint = MakeOutputs();
+  std::string complaint = MakeOutputs();
   if (!complaint.empty()) return complaint;
   for (Running& running : outputs_) {
     const std::string failure = running.output->Open();

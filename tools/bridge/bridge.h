@@ -66,6 +66,7 @@ class Bridge {
   };
 
   std::string AddFeed(const BridgeOptions::Wanted& wanted);
+  void KeepApart(Feed& feed);
   std::string MakeOutputs();
   void ReadSlot(Tracker& tracker);
   void TellState(Tracker& tracker, const SourceState& state);

@@ -20,6 +20,7 @@ class FreeDOutput final : public UdpOutput {
         camera_(feed.options.Integer("camera", -1, 0, kHighestCamera)),
         zoom_(feed.options.Integer("zoom", 0, 0, kMostOf24Bits)),
         focus_(feed.options.Integer("focus", 0, 0, kMostOf24Bits)) {
+    RefuseNumbersPast(feed, "camera", camera_, kHighestCamera);
     signs_.fill(1);
     ReadFlips(feed.options);
   }
@@ -27,7 +28,9 @@ class FreeDOutput final : public UdpOutput {
   void Publish(const Feed& feed, std::span<const Pose> poses) override {
     std::vector<Packet> packets;
     for (const Pose& pose : poses) {
-      if (pose.Seen()) packets.push_back(PacketOf(feed, pose));
+      const unsigned camera =
+          camera_ < 0 ? pose.sensor + 1 : static_cast<unsigned>(camera_) + pose.place;
+      if (pose.Seen() && camera <= kHighestCamera) packets.push_back(PacketOf(feed, pose, camera));
     }
     SendFrame(packets);
   }
@@ -48,10 +51,8 @@ class FreeDOutput final : public UdpOutput {
     }
   }
 
-  Packet PacketOf(const Feed& feed, const Pose& pose) const {
+  Packet PacketOf(const Feed& feed, const Pose& pose, unsigned camera) const {
     const Angles angles = AnglesIn(feed, pose);
-    const unsigned camera =
-        camera_ < 0 ? pose.sensor + 1 : static_cast<unsigned>(camera_) + pose.place;
     return EncodeFreeD({.camera = static_cast<std::uint8_t>(camera),
                         .pan = signs_[0] * Degrees(angles.azimuth),
                         .tilt = signs_[1] * Degrees(angles.elevation),

@@ -24,7 +24,9 @@ class OpenTrackIoOutput final : public UdpOutput {
                       ? OpenTrackIoEncoding::Json
                       : OpenTrackIoEncoding::Cbor),
         ownGroups_(feed.options.spec().host.empty()),
-        random_(std::random_device{}()) {}
+        random_(std::random_device{}()) {
+    RefuseNumbersPast(feed, "source", first_, kSources);
+  }
 
   void Publish(const Feed& feed, std::span<const Pose> poses) override {
     bool sent = false;

@@ -28,6 +28,13 @@ std::uint16_t PortOf(const Feed& feed) {
   return port == 0 ? feed.protocol->port : port;
 }
 
+void RefuseNumbersPast(Feed& feed, std::string_view key, int first, int limit) {
+  const auto count = static_cast<int>(feed.selector.sensors().size());
+  if (!feed.selector.ChosenByOperator() || first + count - 1 <= limit) return;
+  feed.options.Complain("option " + std::string(key) + " leaves no number for the last sensor; " +
+                        "the highest is " + std::to_string(limit));
+}
+
 bool OutputCounts::Report(const std::string& trouble) {
   const std::lock_guard lock(mutex_);
   if (trouble_ == trouble) return false;

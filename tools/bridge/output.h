@@ -103,6 +103,9 @@ struct Protocol {
   std::string_view axes = {};    // preset: axes and unit of length
   std::string_view angles = {};  // "quaternion", "degree", ...
   std::string_view name = {};    // default name of a sensor, followed by its number
+  // What keeps two trackers apart that are sent to one place: the option that numbers their
+  // sensors; "name"; "port" if only another place does; empty if the protocol does.
+  std::string_view apart = {};
   bool server = false;         // listens at OutputContext::listen; several trackers share one port
   std::string_view help = {};  // one line
   // Makes the output of these feeds: of one, or of several if `server`. Reads the feeds' options
@@ -130,5 +133,8 @@ std::string TitleOf(const Protocol& protocol);
 // Host and port of a feed, or its protocol's defaults.
 std::string HostOf(const Feed& feed);
 std::uint16_t PortOf(const Feed& feed);
+
+// Complains if option `key`, the number of the first chosen sensor, leads another one past `limit`.
+void RefuseNumbersPast(Feed& feed, std::string_view key, int first, int limit);
 
 }  // namespace kinetrel::bridge
