@@ -362,7 +362,7 @@ class LabStreamingLayer(BridgeCase):
             ["s1_qz", "hand1", "OrientationD", "quaternion"], ["s1_c", "hand1", "Confidence", "normalized"]])
         self.assertEqual([channel[0] for channel in channels[8:]],
                          ["s2_" + part for part in ("x", "y", "z", "qw", "qx", "qy", "qz", "c")])
-        self.assertEqual(info.findtext("desc/setup/axes"), "x forward, y right, z down; m")
+        self.assertEqual(info.findtext("desc/setup/axes"), "x forward, y right, z down")
         self.assertTrue(info.findtext("desc/acquisition/model"))
 
         last = 0

@@ -107,11 +107,15 @@ TEST_F(Outputs, LslHasOneSampleForEachFrameAndNaNForWhatIsNotSeen) {
   Publish(4, 1);
   EXPECT_EQ(TakePrinted(),
             (Strings{"Kinetrel-1:" + one + one, "Kinetrel-1:" + one + none,
-                     "Kinetrel-1-buttons: sensor2 button 1 down", "Kinetrel-1:" + none + one}));
+                     "Kinetrel-1-buttons: button 1 down", "Kinetrel-1-buttons: button 1 up",
+                     "Kinetrel-1:" + none + one}));
   // A sensor that is switched off does not hold up the others.
   SetState(kinetrel_state_running, 1);
   Publish(5, 1);
   EXPECT_EQ(TakePrinted(), (Strings{"Kinetrel-1:" + one, "Kinetrel-1:" + one}));
+  SetState(kinetrel_state_recovering, 1);
+  SetState(kinetrel_state_silent, 1);
+  EXPECT_EQ(TakePrinted(), (Strings{"Kinetrel-1:" + none}));
 }
 
 TEST_F(Outputs, DTrackPacketsHoldWholeFrames) {
@@ -147,12 +151,12 @@ TEST_F(Outputs, NumberAndChooseSensorsAsAsked) {
       {"freed://127.0.0.1", false, {}},
       {"opentrack", true, {}},
       {"opentrack?sensors=3", true, {"TX -200.0000 TY -300.0000 TZ -100.0000 yaw 0.0000"}},
+      {"opentrack?sensors=3&axes=tracker", true, {"TX 1.0000 TY 2.0000 TZ 3.0000"}},
+      {"opentrack?sensors=3&axes=tracker&scale=10", true, {"TX 10.0000 TY 20.0000 TZ 30.0000"}},
       {"psn?tracker=40&sensors=1,3", true, {"tracker 41 position (2.000000, -3.000000, 1.000000)"}},
       {"psn", false, {"tracker 3 ", " not valid "}},
       {"osc:///vrchat?sensors=1,2,4,5,6,7,8,9,3", true, {}},
       {"osc://127.0.0.1/adm?object=10&extent=4,4,6&aed=yes&sensors=3&centre=2,0,0",
-      {"opentrack?sensors=3&axes=tracker", true, {"TX 1.0000 TY 2.0000 TZ 3.0000"}},
-      {"opentrack?sensors=3&axes=tracker&scale=10", true, {"TX 10.0000 TY 20.0000 TZ 30.0000"}},
        true,
        {"/adm/obj/10/aed 0.000000 -71.565048 0.527046"}},
       {"opentrackio?sensors=3&source=9", false, {"\"sourceNumber\":9", "\"status\":\"lost\""}},
@@ -170,17 +174,51 @@ TEST_F(Outputs, NumberAndChooseSensorsAsAsked) {
   }
 }
 
+TEST_F(Outputs, OpenTrackIoTellsOnceThatATrackerIsLost) {
+  ASSERT_EQ(Make("opentrackio"), "");
+  Publish(1, 1);
+  Publish(1, 3);
+  TakePrinted();
+  SetState(kinetrel_state_recovering, 5);
+  SetState(kinetrel_state_silent, 5);
+  const Strings printed = TakePrinted();
+  ASSERT_EQ(printed.size(), 2U);
+  EXPECT_NE(printed[0].find("\"sourceNumber\":1,"), std::string::npos) << printed[0];
+  for (const std::string& line : printed) {
+    EXPECT_NE(line.find("\"status\":\"lost\""), std::string::npos) << line;
+    EXPECT_EQ(line.find("transforms"), std::string::npos) << line;
+  }
+}
+
+TEST_F(Outputs, PreferIPv4) {
+  ASSERT_EQ(Make("opentrack://localhost"), "");
+  EXPECT_EQ(output_->Place(), "127.0.0.1:4242");
+  ASSERT_EQ(Make("opentrack://[::1]"), "");
+  EXPECT_EQ(output_->Place(), "[::1]:4242");
+}
+
+TEST_F(Outputs, VrpnCountsNoFrameWithoutAMessage) {
+  ASSERT_EQ(Make("vrpn"), "");
+  Publish(1, 1, false);  // tells the buttons
+  Publish(2, 1, false);
+  EXPECT_EQ(output_->counts().frames, 1U);
+}
+
 TEST_F(Outputs, RefuseWhatTheyCannotDo) {
   const std::pair<const char*, const char*> rows[] = {
       {"freed", "it needs a host"},
       {"freed://127.0.0.1?flip=pan,tilts", "option flip needs some of"},
       {"freed://127.0.0.1?camera=256", "camera"},
+      {"freed://127.0.0.1?camera=255&sensors=1,2", "camera leaves no number"},
+      {"opentrackio?source=199&sensors=1,2,3", "source leaves no number"},
       {"opentrack?sensors=1,2", "takes one sensor"},
       {"opentrackio?encoding=xml", "encoding"},
       {"opentrackio?source=201", "source"},
       {"osc://127.0.0.1/adm?extent=1,0,1", "it needs half the size of the room"},
       {"osc://127.0.0.1/adm", "it needs half the size of the room"},
       {"osc:///vrchat?head=33", "head"},
+      {"osc:///vrchat?sensors=1,2&head=4", "option head needs one of the sensors"},
+      {"osc://127.0.0.1/adm?extent=1,1,1&sensors=1&listener=2", "option listener needs one of"},
       {"osc:///vrchat?time=yes", "time"},
       {"lsl?rate=-1", "rate"},
       {"dtrack://no host", "host"},
@@ -192,7 +230,3 @@ TEST_F(Outputs, RefuseWhatTheyCannotDo) {
 
 }  // namespace
 }  // namespace kinetrel::bridge
-      {"osc:///vrchat?sensors=1,2&head=4", "option head needs one of the sensors"},
-      {"osc://127.0.0.1/adm?extent=1,1,1&sensors=1&listener=2", "option listener needs one of"},
-      {"freed://127.0.0.1?camera=255&sensors=1,2", "camera leaves no number"},
-      {"opentrackio?source=199&sensors=1,2,3", "source leaves no number"},

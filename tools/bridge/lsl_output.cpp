@@ -76,13 +76,14 @@ class LslOutput final : public Output {
 
   void Publish(const Feed&, std::span<const Pose> poses) override {
     gatherer_.Add(poses);
-    for (const Pose& pose : poses) PushButtons(pose);
+    PushButtons(poses.back());  // each record has the buttons of the tracker
   }
 
   // What a stream holds is fixed when its outlet is made: other sensors or another device get a new
   // one.
   void OnState(const Feed&, const SourceState& state) override {
     gatherer_.SetState(state);
+    if (!state.Delivers()) PushLoss();
     if (!state.present) return;
     std::vector<unsigned> sensors;
     for (const unsigned sensor : feed_.selector.sensors()) {
@@ -159,8 +160,10 @@ class LslOutput final : public Output {
     calls_->appendValue(acquisition, "compensated_lag", "0");
     LslXml* const setup = calls_->appendChild(description, "setup");
     const AxesPreset* const preset = FindAxesPreset(axes_);
-    const std::string words =
-        preset != nullptr ? std::string(preset->words) : axes_ + " of x forward, y right, z down";
+    // The unit is said with each channel.
+    const std::string words = preset != nullptr
+                                  ? std::string(preset->words.substr(0, preset->words.find(';')))
+                                  : axes_ + " of x forward, y right, z down";
     calls_->appendValue(setup, "axes", words.c_str());
   }
 
@@ -173,19 +176,35 @@ class LslOutput final : public Output {
   // ---- Sending ----
 
   void Push(std::span<const Pose> poses) {
-    std::fill(values_.begin(), values_.end(), std::numeric_limits<float>::quiet_NaN());
-    for (std::size_t i = kChannels - 1; i < values_.size(); i += kChannels) values_[i] = 0;
+    ClearValues();
     for (const Pose& pose : poses) Fill(pose);
-    const std::int64_t sampleNs = poses[0].sampleNs;
+    delivered_ = PushValues(poses[0].sampleNs) || delivered_;
+  }
+
+  // A tracker that delivers nothing: one sample in which no sensor is seen.
+  void PushLoss() {
+    if (!delivered_) return;
+    delivered_ = false;
+    ClearValues();
+    PushValues(kinetrel_now_ns());
+  }
+
+  // True if liblsl took the sample, or it was printed.
+  bool PushValues(std::int64_t sampleNs) {
     if (context_.dryRun) {
       Show();
-    } else if (!outlet_) {
+    } else if (!outlet_ ||
+               calls_->pushFloats(outlet_->get(), values_.data(), NextStamp(sampleNs), 1) != 0) {
       ++counts().dropped;
-      return;
-    } else {
-      calls_->pushFloats(outlet_->get(), values_.data(), NextStamp(sampleNs), 1);
+      return false;
     }
     ++counts().frames;
+    return true;
+  }
+
+  void ClearValues() {
+    std::fill(values_.begin(), values_.end(), std::numeric_limits<float>::quiet_NaN());
+    for (std::size_t i = kChannels - 1; i < values_.size(); i += kChannels) values_[i] = 0;
   }
 
   void Fill(const Pose& pose) {
@@ -209,14 +228,13 @@ class LslOutput final : public Output {
 
   void PushButtons(const Pose& pose) {
     if (pose.buttonsKnown == 0) return;
-    std::uint32_t& known = buttonsDown_[pose.sensor];
-    const std::uint32_t changed = (known ^ pose.buttons) & pose.buttonsKnown;
-    known ^= changed;
+    const std::uint32_t changed = (buttonsDown_ ^ pose.buttons) & pose.buttonsKnown;
+    buttonsDown_ ^= changed;
     if (calls_ != nullptr && !buttons_ && outlet_) MakeButtonOutlet();
     for (unsigned i = 0; i < 32; ++i) {
       if ((changed >> i & 1U) == 0) continue;
-      const std::string text = std::string(pose.name) + " button " + std::to_string(i + 1) +
-                               ((known >> i & 1U) != 0 ? " down" : " up");
+      const std::string text =
+          "button " + std::to_string(i + 1) + ((buttonsDown_ >> i & 1U) != 0 ? " down" : " up");
       if (context_.dryRun) context_.print(name_ + "-buttons: " + text);
       if (!buttons_) continue;
       const char* marker = text.c_str();
@@ -245,7 +263,8 @@ class LslOutput final : public Output {
   double stamp_ = 0;  // s, of the last sample
   std::unique_ptr<Outlet> outlet_;
   std::unique_ptr<Outlet> buttons_;
-  std::array<std::uint32_t, kinetrel_stream_sensors> buttonsDown_{};
+  std::uint32_t buttonsDown_ = 0;  // bit i: button i
+  bool delivered_ = false;         // since the last loss
 };
 
 }  // namespace

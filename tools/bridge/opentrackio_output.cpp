@@ -1,6 +1,7 @@
 #include <boost/uuid/random_generator.hpp>
 #include <boost/uuid/uuid_io.hpp>
 #include <random>
+#include <vector>
 
 #include "bridge/opentrackio.h"
 #include "bridge/text.h"
@@ -36,13 +37,27 @@ class OpenTrackIoOutput final : public UdpOutput {
       if (source > kSources) continue;
       const Packet packet = EncodeOpenTrackIo(SampleOf(feed, pose, source), encoding_);
       sent = (ownGroups_ ? sender().SendToGroup(packet, source) : sender().Send(packet)) || sent;
+      last_[pose.sensor] = pose;
     }
     if (sent) ++counts().frames;
   }
 
-  void OnState(const Feed&, const SourceState& state) override {
+  // A tracker that delivers nothing: one sample with the status "lost" for each source.
+  void OnState(const Feed& feed, const SourceState& state) override {
     model_ = Printable(state.run.device_name);
     rate_ = state.run.nominal_rate;
+    if (state.Delivers()) return;
+    std::vector<Pose> lost;
+    for (std::optional<Pose>& pose : last_) {
+      if (!pose) continue;
+      pose->hasPosition = pose->hasOrientation = false;
+      const std::int64_t now = kinetrel_now_ns();
+      pose->utcNs += now - pose->sampleNs;
+      pose->sampleNs = now;
+      lost.push_back(*pose);
+    }
+    Publish(feed, lost);
+    last_.fill({});
   }
 
  private:
@@ -84,6 +99,7 @@ class OpenTrackIoOutput final : public UdpOutput {
   std::mt19937_64 random_;
   boost::uuids::basic_random_generator<std::mt19937_64> makeId_{random_};
   std::array<Source, kinetrel_stream_sensors> sources_;
+  std::array<std::optional<Pose>, kinetrel_stream_sensors> last_;  // since the tracker delivers
   std::string model_;
   double rate_ = 0;  // Hz; 0: not known
 };
