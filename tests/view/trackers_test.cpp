@@ -169,6 +169,40 @@ TEST_F(Trackers, ComeAndGoWhileTheyAreWatched) {
   EXPECT_EQ(Next(viewer, "frame")["frame"], 1);
 }
 
+TEST_F(Trackers, NewViewerGetsNoPoseOfAnEarlierRun) {
+  OpenWriter();
+  Publish(1);
+  Serve();
+  WebClient first = Watch();
+  EXPECT_EQ(Next(first, "frame")["frame"], 1);
+  const std::string before = Next(first, "status")["tracker"]["instance"];
+  writer_.reset();
+  OpenWriter();
+  while (Next(first, "status")["tracker"]["instance"] == before) {
+  }
+  WebClient second = Watch();
+  EXPECT_NE(Next(second, "status")["tracker"]["instance"], before);
+  second.SendFrame(9, "");  // what the server had to show came before the answer
+  for (WebClient::Frame frame; (frame = second.ReceiveFrame()).opcode == 1;) {
+    EXPECT_NE(Json::parse(frame.payload)["type"], "frame");
+  }
+  Publish(2);
+  EXPECT_EQ(Next(second, "frame")["frame"], 2);
+}
+
+// The feed's thread need not see that there was no viewer for a moment.
+TEST_F(Trackers, NextViewerGetsAllThatTheLastOneGot) {
+  OpenWriter();
+  writer_->AddLogLine(0, 1, "First.");
+  Publish(1);
+  Serve();
+  for (int i = 0; i < 20; ++i) {
+    WebClient viewer = Watch();
+    ASSERT_EQ(Next(viewer, "log")["lines"][0]["text"], "First.");
+    ASSERT_EQ(Next(viewer, "frame")["frame"], 1);
+  }
+}
+
 TEST_F(Trackers, FramesArePassedOverAndNeverQueued) {
   OpenWriter();
   Serve();
@@ -213,6 +247,20 @@ TEST_F(Trackers, PausedViewerGetsNothing) {
   viewer.SendFrame(1, "resume");
   EXPECT_EQ(Json::parse(viewer.ReceiveFrame().payload)["type"], "status");
   EXPECT_EQ(Next(viewer, "frame")["frame"], 2);
+}
+
+TEST_F(Trackers, ResumedViewerGetsOnlyTheLinesThatAreNew) {
+  OpenWriter();
+  Serve();
+  WebClient viewer = Watch();
+  for (int i = 1; i <= 5; ++i) {
+    writer_->AddLogLine(0, i, "Line.");
+    const Json lines = Next(viewer, "log")["lines"];
+    ASSERT_EQ(lines.size(), 1U) << lines;
+    EXPECT_EQ(lines[0]["code"], i);
+    viewer.SendFrame(1, "pause");
+    viewer.SendFrame(1, "resume");
+  }
 }
 
 TEST_F(Trackers, ViewersOfOtherWordsAreClosed) {

@@ -50,6 +50,7 @@ TrackerFeed::~TrackerFeed() {
 void TrackerFeed::SetWatched(bool watched) {
   {
     const std::lock_guard held(lock_);
+    if (watched && !watched_) ++visit_;
     watched_ = watched;
     if (!watched) news_ = {};
   }
@@ -61,21 +62,23 @@ FeedNews TrackerFeed::News() const {
   return news_;
 }
 
-bool TrackerFeed::IsWatched() const {
+bool TrackerFeed::IsFollowed() const {
   const std::lock_guard held(lock_);
-  return watched_ && !ended_;
+  return IsFollowedLocked();
 }
+
+bool TrackerFeed::IsFollowedLocked() const { return watched_ && !ended_ && visit_ == followed_; }
 
 void TrackerFeed::Rest(Clock::time_point end) {
   std::unique_lock held(lock_);
-  woken_.wait_until(held, end, [this] { return !watched_ || ended_; });
+  woken_.wait_until(held, end, [this] { return !IsFollowedLocked(); });
 }
 
 template <typename Change>
 void TrackerFeed::Tell(Change change) {
   {
     const std::lock_guard held(lock_);
-    if (!watched_) return;
+    if (!IsFollowedLocked()) return;
     change(news_);
   }
   changed_();
@@ -87,23 +90,26 @@ void TrackerFeed::Run() {
       std::unique_lock held(lock_);
       woken_.wait(held, [this] { return watched_ || ended_; });
       if (ended_) return;
+      followed_ = visit_;
     }
     Follow();
   }
 }
 
-// Until the slot has no viewer, or its stream has to be opened anew.
+// Until the visit ends, or the stream has to be opened anew.
 void TrackerFeed::Follow() {
   now_ = {};
   now_.slot = slot_;
   nextLook_ = nextStatus_ = nextFrame_ = Clock::now();
   TrackerStream stream(slot_);
   bool changed = stream.ReadRecords(now_);
-  for (kinetrel_stream_result result = stream.result(); IsWatched();) {
+  for (kinetrel_stream_result result = stream.result(); IsFollowed();) {
     if (result == kinetrel_stream_restarted) {
-      now_.newest = {};
+      now_ = {};
+      now_.slot = slot_;
+      Tell([](FeedNews& news) { news = {}; });  // a new viewer gets no pose of the earlier run
       changed = stream.ReadRecords(now_);
-      nextLook_ = nextStatus_ = Clock::now();
+      nextLook_ = Clock::now();
     } else if (result != kinetrel_stream_ok && result != kinetrel_stream_timed_out) {
       TellProblem(result);
       return Rest(Clock::now() + kRetryEvery);

@@ -44,8 +44,9 @@ class TrackerFeed {
   void LookAtRun(TrackerStream& stream);
   void TellFrame();
   void TellProblem(kinetrel_stream_result result);
-  bool IsWatched() const;
-  void Rest(Clock::time_point end);  // ends early without viewers
+  bool IsFollowed() const;
+  bool IsFollowedLocked() const;
+  void Rest(Clock::time_point end);  // ends early with the visit
 
   template <typename Change>
   void Tell(Change change);
@@ -58,10 +59,12 @@ class TrackerFeed {
   Clock::time_point nextFrame_;   // at the earliest
   Clock::time_point nextStatus_;  // at the latest
   Clock::time_point nextLook_;    // at the run
+  std::uint64_t followed_ = 0;    // visit
 
   mutable std::mutex lock_;
   std::condition_variable woken_;
   bool watched_ = false;
+  std::uint64_t visit_ = 0;  // from the first viewer to the last; the next one starts anew
   bool ended_ = false;
   FeedNews news_;
 

@@ -140,7 +140,7 @@ void Viewer::WriteNext() {
 Message Viewer::TakeNext() {
   if (news_.status != shown_.status) return shown_.status = news_.status;
   if (!shown_.status) return nullptr;
-  if (news_.log != shown_.log) {
+  if (news_.log && news_.log != shown_.log) {
     if (Message log = TakeLog()) return log;
   }
   if (news_.frame != shown_.frame) return shown_.frame = news_.frame;
