@@ -148,7 +148,9 @@ std::string HowToConnect(const EmulateCommand& command, const std::string& port)
   const DeviceRow& row = *command.row;
   if (command.bus) {
     std::string text;
-    for (const auto& [name, value] : command.bus->Environment()) text += name + "=" + value + " ";
+    for (const auto& [name, value] : command.bus->Environment()) {
+      text.append(name).append("=").append(value).append(" ");
+    }
     return text + "kinetrel -d " + std::to_string(row.kinetrelType) + " -p " + port;
   }
   return "KINETREL_COM1=" + port + " kinetrel -d " + std::to_string(row.kinetrelType);
