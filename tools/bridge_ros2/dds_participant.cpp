@@ -165,8 +165,9 @@ DdsWriter::Outcome DdsWriter::Write(const void* message) {
   return Outcome::Dropped;
 }
 
-void DdsWriter::AwaitAcknowledgements() {
-  if (writer_ > 0) dds_wait_for_acks(writer_, DDS_MSECS(500));
+void DdsWriter::AwaitAcknowledgements(dds_time_t until) {
+  const dds_duration_t rest = until - dds_time();
+  if (writer_ > 0 && rest > 0) dds_wait_for_acks(writer_, rest);
 }
 
 std::string DdsWriter::Trouble() const { return dds_strretcode(failure_); }

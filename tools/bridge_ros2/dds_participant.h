@@ -34,8 +34,9 @@ class DdsWriter {
   // Threads  any.
   Outcome Write(const void* message);
 
-  // Waits until the subscribers have what was sent, at most half a second.
-  void AwaitAcknowledgements();
+  // Waits until the subscribers have what was sent.
+  // until  of dds_time(): when it gives up
+  void AwaitAcknowledgements(dds_time_t until);
 
   std::string Trouble() const;  // of the newest message that was dropped
 

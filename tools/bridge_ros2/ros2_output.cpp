@@ -197,10 +197,11 @@ class Ros2Output final : public Output {
 
   void Close() override {
     // What --once sent is to arrive before the readers are told that the writer has gone.
-    if (transforms_) transforms_->AwaitAcknowledgements();
+    const dds_time_t until = dds_time() + DDS_MSECS(500);  // for all of them together
+    if (transforms_) transforms_->AwaitAcknowledgements(until);
     for (Tracker& tracker : trackers_) {
       for (Tracker::Sensor& sensor : tracker.sensors) {
-        if (sensor.writer) sensor.writer->AwaitAcknowledgements();
+        if (sensor.writer) sensor.writer->AwaitAcknowledgements(until);
       }
     }
   }

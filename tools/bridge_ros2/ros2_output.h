@@ -1,7 +1,7 @@
 // Output "ros2": poses as messages of ROS 2, for nodes anywhere in the ROS domain. The messages are
 //
 //     /kinetrel/sensor1/pose   geometry_msgs/msg/PoseStamped, one topic for each sensor
-//     /tf                      tf2_msgs/msg/TFMessage, all sensors of a device frame in one message
+//     /tf                      tf2_msgs/msg/TFMessage, all sensors that arrived together
 //
 // Options of its own:
 //
