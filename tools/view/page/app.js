@@ -138,14 +138,16 @@ function draw() {
   if (performance.now() - wordsAt >= kWordsEvery) showWords(shown, poses);
 }
 
+let epoch = performance.timeOrigin;  // 1970 to zero of performance.now(); the browser's own goes wrong as the clock is set
 const painted = new MessageChannel();
 painted.port1.onmessage = ({ data }) => {
-  lags.push(performance.timeOrigin + performance.now() - data);
+  lags.push(epoch + performance.now() - data);
   if (lags.length > 600) lags.shift();
 };
 
 function showWords(shown, poses) {
   wordsAt = performance.now();
+  epoch = Date.now() - wordsAt;
   const now = feed.now();
   const mood = showCondition(shown, now);
   const stale = (mood === 'bad' || mood === 'off') && !frozen;
@@ -153,7 +155,7 @@ function showWords(shown, poses) {
   table.show(shown, poses, units(), moment(), stale);
   showMeasure(shown, measure(shown, historyOf, moment(), units()));
   const lag = [...lags].sort((a, b) => a - b)[lags.length >> 1];
-  showFigures(shown, units(), stale ? '–' : duration(lag, 1), stale);
+  showFigures(shown, units(), stale ? '–' : duration(lag < 0 ? NaN : lag, 1), stale);
   setText($('moment'), frozen ? `${clock(moment())}, ${(frozen.back / 1000).toFixed(2)} s back` : stale ? 'no live pose' : 'live');
   if (wordsAt - curvesAt < kCurvesEvery) return;
   curvesAt = wordsAt;

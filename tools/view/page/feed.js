@@ -58,7 +58,7 @@ export class Feed {
       this.#lose(error.constructor === Error ? error.message : 'It does not answer.');
     }
     this.#looking = false;
-if (this.#paused) return;
+    if (this.#paused) return;
     this.#timer = setTimeout(() => this.look(), Math.max(0, this.link.retryAt - Date.now()) || kLookEvery);
   }
 
@@ -80,7 +80,11 @@ if (this.#paused) return;
     }
     // A tracker that ended stays on the page as long as it has something to show.
     for (const [slot, tracker] of this.trackers) {
-      if (there.has(slot) || tracker.heard) continue;
+      if (there.has(slot)) continue;
+      if (tracker.heard) {
+        this.#connect(slot);
+        continue;
+      }
       this.trackers.delete(slot);
       this.#sockets.get(slot)?.close();
       fresh = true;
@@ -124,10 +128,11 @@ if (this.#paused) return;
     this.#changed(message.type, slot);
   }
 
-  // The quickest of all answers counts; a slow drift of the clocks is followed.
+  // The quickest of all answers counts; a drift of the clocks is followed, and so is a step.
   #clock(utc) {
     const ahead = Date.now() - utc * 1000;
-    this.#offset = ahead < this.#offset ? ahead : this.#offset + 0.01 * (ahead - this.#offset);
+    const more = ahead - this.#offset;
+    this.#offset = more < 0 || more > 1000 ? ahead : this.#offset + 0.01 * more;
   }
 
   #lose(reason) {

@@ -116,6 +116,7 @@ export class Sensor {
   history = new History();
   jitter = new Jitter();
   record = 0;  // number of the newest one
+  frame = 0;
   share = 1;  // of the frames that had news of this sensor
   newest = null;
   code = null;
@@ -126,12 +127,14 @@ export class Sensor {
     this.name = `Sensor ${number}`;
   }
 
-  // False: this record was there already.
-  take(message, time) {
+  // False: this record was there already. A frame whose sensors come one by one is not complete
+  // before the next one.
+  take(message, time, frame) {
     const fresh = message.record !== this.record && !(this.newest && time <= this.newest.time);
-    this.share += (Number(fresh) - this.share) / 30;
+    if (fresh || frame - this.frame > 1) this.share += (fresh - this.share) / 30;
     if (!fresh) return false;
     this.record = message.record;
+    this.frame = message.frame;
     this.history.add(time, message);
     this.newest = this.history.sample(this.history.size - 1);
     this.jitter.add(this.newest);
@@ -156,8 +159,10 @@ export class Tracker {
   get name() { return this.status.name || `Tracker ${this.slot}`; }
 
   takeStatus({ tracker, now, utc }) {
-    this.#zero = (utc - now) * 1000;
-    if (tracker.instance && tracker.instance !== this.status.instance) {
+    const step = (utc - now) * 1000 - this.#zero;
+    this.#zero += step;
+    // The dates before a step of the clock are of no use either.
+    if (Math.abs(step) > 1000 || (tracker.instance && tracker.instance !== this.status.instance)) {
       this.sensors.clear();
       this.heard = 0;
     }
@@ -167,7 +172,9 @@ export class Tracker {
   }
 
   takeLog({ instance, lines }) {
-    this.log = (instance === this.logOf ? this.log : []).concat(lines).slice(-64);
+    const log = instance === this.logOf ? this.log : [];
+    const last = log.at(-1)?.number ?? 0;
+    this.log = log.concat(lines.filter(({ number }) => number > last)).slice(-64);  // a new connection repeats them
     this.logOf = instance;
   }
 
@@ -175,7 +182,7 @@ export class Tracker {
   takeFrame(message) {
     let fresh = false;
     for (const sensor of message.sensors) {
-      if (!this.sensor(sensor.sensor).take(sensor, this.utc(sensor.sampleTime))) continue;
+      if (!this.sensor(sensor.sensor).take(sensor, this.utc(sensor.sampleTime), message.frame)) continue;
       fresh = true;
       this.heard = Math.max(this.heard, this.utc(sensor.sampleTime));
       this.published = this.utc(sensor.publishTime);

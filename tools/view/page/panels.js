@@ -65,8 +65,9 @@ export function showTabs(trackers, selected, now, choose) {
     Object.assign(tab, { ariaSelected: String(slot === selected), tabIndex: slot === selected ? 0 : -1 });
     tab.onclick = () => choose(slot);
     tab.onkeydown = ({ key }) => {
-      const next = tabs.at((i + { ArrowRight: 1, ArrowLeft: -1 }[key]) % tabs.length);
-      if (!key.startsWith('Arrow') || !next) return;
+      const way = { ArrowRight: 1, ArrowLeft: -1 }[key];
+      if (!way) return;
+      const next = tabs.at((i + way) % tabs.length);
       next.focus();
       next.click();
     };
