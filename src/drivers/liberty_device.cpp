@@ -216,7 +216,10 @@ unsigned LibertyDevice::ReadFrame(double* sampleTime) {
   }
   const std::lock_guard lock(pdiLock_);
   // A tracker that does not stream sends a frame only when it is asked.
-  if (paused_) pdiDevice_.RequestPno();
+  if (paused_) {
+    toldStations_ = judgedStations_ = 0;
+    pdiDevice_.RequestPno();
+  }
   if (!WaitForFrame()) return 0;
   const double time = ElapsedSeconds();
   if (sampleTime != nullptr) *sampleTime = time;
@@ -249,12 +252,13 @@ bool LibertyDevice::WaitForFrame() {
   constexpr int kStepMs = 20;
   for (const Deadline end{Milliseconds(kFrameWaitMs)}; pdiDevice_.CnxReady() != 0;) {
     // It may fail at once. A thread of this priority must not spin then.
-    const std::int64_t before = ClockTicks();
-    if (pdiDevice_.AwaitRecord(kStepMs) == 0 &&
-        ClockTicks() - before < ClockTicksPerSecond() / 1000)
+    const std::int64_t asked = ClockTicks();
+    if (pdiDevice_.AwaitRecord(kStepMs) == 0 && ClockTicks() - asked < ClockTicksPerSecond() / 1000)
       resolution_.Sleep(Milliseconds(1));
     TellArrived();
+    const std::uint32_t before = lastFrameCount_;
     if (TakeFrame()) return true;
+    if (HasAnswered(before)) return TakeTold();
     if (end.Passed()) break;
   }
   return false;
@@ -268,9 +272,23 @@ bool LibertyDevice::LookForFrame() {
       resolution_.Sleep(Milliseconds(1));
     }
     TellArrived();
+    const std::uint32_t before = lastFrameCount_;
     if (TakeFrame()) return true;
+    if (HasAnswered(before)) return TakeTold();
   }
   return false;
+}
+
+// A polled tracker sends one frame for each request, so nothing more comes: all its records may be
+// damaged, or two requests within a cycle brought the same frame.
+bool LibertyDevice::HasAnswered(std::uint32_t before) const {
+  const bool again = toldCount_ == before && judgedStations_ != 0 && judgedStations_ == stationMap_;
+  return paused_ && (lastFrameCount_ != before || again);
+}
+
+bool LibertyDevice::TakeTold() {
+  frameStations_ = toldStations_;
+  return frameStations_ != 0;
 }
 
 bool LibertyDevice::TakeFrame() {

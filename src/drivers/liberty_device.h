@@ -125,6 +125,8 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   bool WaitForFrame();
   bool LookForFrame();
   bool TakeFrame();
+  bool HasAnswered(std::uint32_t before) const;
+  bool TakeTold();
   void DropFrames();
   void TellArrived();
   void StoreRecords(std::span<const std::byte> frame);

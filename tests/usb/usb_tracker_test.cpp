@@ -1,6 +1,7 @@
 // The Liberty and the FASTRAK on USB: the real libusb and the real drivers against emulated units.
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "devices/polhemus_usb.h"
@@ -136,6 +137,37 @@ TEST_F(OnUsb, SixteenStationsComeAtFullRateWithoutALostFrame) {
     }
   }
   EXPECT_EQ(allocations, 0U);
+}
+
+// Rests, and moves 50 cm every half second.
+class Steps final : public Motion {
+  MotionPose At(unsigned, std::uint64_t, double seconds) const override {
+    return {.x = static_cast<std::uint64_t>(2 * seconds) % 2 == 0 ? 0.0 : 50.0};
+  }
+};
+
+TEST_F(OnUsb, APolledFrameThatHasComeIsNotWaitedForAgain) {
+  LibertySettings settings;
+  settings.plugged = 1;
+  const Unit unit(bus(), 1, std::make_unique<LibertyEmulator>(settings, std::make_shared<Steps>()));
+  LibertyDevice device;
+  device.OpenPort("usb", kBaud);
+  ASSERT_EQ(device.Boot(0), kBooted);
+  device.Poll();
+  double quickest = 10;  // s
+  int frames = 0;        // also of two requests within one cycle
+  const Deadline end(Milliseconds(20'000));
+  for (int held = 0; held < 4 && !end.Passed();) {
+    const double before = device.ElapsedSeconds();
+    if (device.ReadFrame(nullptr) != 0) {
+      ++frames;
+      continue;
+    }
+    quickest = std::min(quickest, device.ElapsedSeconds() - before);
+    ++held;
+  }
+  EXPECT_LT(quickest, 0.4);  // a frame is waited for 0.5 s
+  EXPECT_GT(frames, 20);
 }
 
 // In transfers of that many bytes, records are cut at every place over time. So many small
