@@ -21,6 +21,7 @@ constexpr int kAnswerMs = 200;             // the longest wait for a record or a
 constexpr Milliseconds kLongestTail{300};  // of a stream that was ended
 constexpr int kMostStations = 9;           // a station number is one digit
 constexpr unsigned kAllStations = ~0U;
+constexpr const char* kAnyUsbUnit = "usb";
 
 // Items of the output list: position, Euler angles, quaternion.
 constexpr std::array<const char*, 3> kItems16 = {"18", "19", "20"};
@@ -44,14 +45,17 @@ void FastrakDevice::WriteCommand(std::string_view command, unsigned pauseMs) {
 
 int FastrakDevice::OpenPort(const char* name, int baud) {
   if (name == nullptr || !IsUsbName(name)) return TrackerDevice::OpenPort(name, baud);
+  // After an unplug the same unit is meant, not another one.
+  const bool known = !usbUnit_.empty() && std::string_view(name) == kAnyUsbUnit;
   std::string why;
-  auto unit = OpenPolhemusUnit(PolhemusFamily::Fastrak, name, why);
+  auto unit = OpenPolhemusUnit(PolhemusFamily::Fastrak, known ? usbUnit_ : name, why);
   if (!unit.Ok()) return RefuseUsb(unit.status(), std::move(why));
+  usbUnit_ = unit->name;
   return OpenOnUsb(std::move(unit->line), baud);
 }
 
 int FastrakDevice::OpenPortNumber(int number, int baud) {
-  return number == kUsbPortNumber ? OpenPort("usb", baud)
+  return number == kUsbPortNumber ? OpenPort(kAnyUsbUnit, baud)
                                   : TrackerDevice::OpenPortNumber(number, baud);
 }
 

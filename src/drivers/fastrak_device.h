@@ -15,6 +15,7 @@
 #include <array>
 #include <cstdint>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "devices/bounded_text.h"
@@ -204,6 +205,7 @@ class FastrakDevice final : public TrackerDevice {
   int frameLength_ = 0;  // bytes of all active stations' records; a head is searched this far
 
   int knownRate_ = 0;    // baud, at which the unit was found; 0 before
+  std::string usbUnit_;  // "usb:1-2", the unit that was opened; empty before
   int failedBoots_ = 0;  // since then
 
   // Sampling thread only.

@@ -243,6 +243,7 @@ TEST_F(OnUsb, AnUnplugWithinAFrameIsALostConnectionAndOnlyTheSameUnitReturns) {
   EXPECT_FALSE(boots());
   unit.reset();
   unit = std::make_unique<Unit>(bus(), 1, Liberty(16, "1"));
+  const Unit elsewhere(bus(), 2, Liberty(16, "1"));
   EXPECT_TRUE(boots());
   EXPECT_TRUE(ReadOne(device));
   const std::string said = testing::internal::GetCapturedStderr();
@@ -263,8 +264,11 @@ class FastrakOnUsb : public OnUsb, public testing::WithParamInterface<FastrakUni
 TEST_P(FastrakOnUsb, IsTheSerialDriverOnAnotherLine) {
   FastrakSettings settings;
   settings.receivers = 2;
-  const Unit unit(bus(), 1, std::make_unique<FastrakEmulator>(settings, MakeRamp()),
-                  GetParam().identity);
+  const auto plugged = [&](unsigned port) {
+    return std::make_unique<Unit>(
+        bus(), port, std::make_unique<FastrakEmulator>(settings, MakeRamp()), GetParam().identity);
+  };
+  auto unit = plugged(1);
   FastrakDevice device;
   device.SetCrLf(0);
   ASSERT_EQ(device.OpenPortNumber(kUsbPortNumber, kBaud), 1) << device.openFailure();
@@ -275,6 +279,14 @@ TEST_P(FastrakOnUsb, IsTheSerialDriverOnAnotherLine) {
   int frames = 0;
   ASSERT_TRUE(WaitUntil([&] { return (frames += device.ReadFrame(nullptr) == 3 ? 1 : 0) == 50; }));
   EXPECT_FALSE(device.LineLost());
+  // From now on "usb" is this unit.
+  device.ClosePort();
+  const auto other = plugged(2);
+  EXPECT_EQ(device.OpenPortNumber(kUsbPortNumber, kBaud), 1) << device.openFailure();
+  device.ClosePort();
+  unit.reset();
+  EXPECT_EQ(device.OpenPortNumber(kUsbPortNumber, kBaud), 0);
+  EXPECT_NE(device.openFailure().find("usb:1-1: no usable unit"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(
