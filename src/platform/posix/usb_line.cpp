@@ -308,18 +308,18 @@ void UsbLine::Os::CancelReadings() {
   }
 }
 
-// A stalled pipe, or a line with errors. The pipe may be reset only when no transfer uses it.
+// A stalled pipe, or a line with errors. The pipe may be reset only when no transfer uses it. A
+// device that does not answer the reset has gone; each further try might take the kernel's 5 s.
 void UsbLine::Os::Heal() {
   if (lost || closing) return;
   if (withSystem > 0) return CancelReadings();
   lost = ++rests > kMostRests;
   SleepFor(kRest);
   for (const std::uint8_t pipe : {pipes.in, pipes.interruptIn}) {
-    if (pipe != 0 && session.library->clearHalt(session.handle, pipe) == usb::kNoDevice)
-      lost = true;
+    if (!lost && pipe != 0) lost = session.library->clearHalt(session.handle, pipe) < 0;
   }
   troubled = false;
-  SubmitIdle();
+  SubmitIdle();  // nothing, if the device has gone
 }
 
 // Handles what the system has finished; if that is nothing, waits for it.
