@@ -226,6 +226,7 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     new Program(test, 'kinetrel', ['-d', '2', '-s', '3', '-w', String(slot)], { KINETREL_COM1: port });
     const page = await openTracker(test, browser, url, slot);
     await seesMood(page, 'good');
+    await sees(page, () => (document.querySelector('#rows td')?.textContent ?? '–') !== '–');
     const cells = await page.$$eval('#rows tr:first-child td', (list) => list.slice(0, 6).map((cell) => cell.textContent));
     assert.deepEqual(cells, ['20.00', '\u221210.00', '5.00', '30.00', '20.00', '10.00']);
     await sees(page, () => /Standard deviation of 10\.000 cm/.test(document.getElementById('measured').textContent));
