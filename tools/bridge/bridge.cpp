@@ -85,8 +85,10 @@ void Bridge::KeepApart(Feed& feed) {
     if (key == "port") {
       feed.options.Complain(shared + "give one of them another port");
     } else if (key != "name") {
-      if (feed.options.Find(key) == other.options.Find(key))
-        feed.options.Complain(shared + "set " + key + "= for one of them");
+      if (feed.options.Find(key) == other.options.Find(key)) {
+        feed.options.Complain(
+            std::string(shared).append("set ").append(key).append("= for one of them"));
+      }
     } else if (feed.slot != 1 && !feed.options.Find("name")) {
       const std::string name = std::string(feed.protocol->name) + std::to_string(feed.slot) + "-";
       feed.selector = PoseSelector(feed.options, {feed.protocol->axes, name});
