@@ -17,7 +17,7 @@ constexpr Milliseconds kNextLook{1};
 
 std::unique_ptr<EmulatedDevice> MakeEmulated(const DeviceRow& row,
                                              const std::vector<const char*>& options) {
-  OptionValues values = OptionValues::Parse(options, {row.options()});
+  OptionValues values = OptionValues::Parse(options, row.options());
   return row.make(values, MakeHold({}));
 }
 

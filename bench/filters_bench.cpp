@@ -1,10 +1,14 @@
 // What an offset filter adds to the arithmetic that it cannot do without, and what every other
 // filter takes for a pose.
 #include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <random>
 
 #include "bench/harness.h"
-#include "filters/filter_spec.h"
+#include "filters/filter_option.h"
 #include "filters/offset_filter.h"
+#include "filters/pose_pairs.h"
 #include "filters/rigid_math.h"
 
 namespace kinetrel::bench {
@@ -71,6 +75,27 @@ class Circle {
   std::int64_t time_ = 0;
 };
 
+// A file with measured and true poses at random places in the sensor's room.
+class MapFile {
+ public:
+  explicit MapFile(int points) {
+    PosePairTable table;
+    table.hasOrientations = true;
+    std::mt19937 random(1);
+    std::uniform_real_distribution<double> place(-0.5, 0.5);
+    for (int i = 0; i < points; ++i) {
+      const Vector3 truth = {place(random), place(random), place(random)};
+      const Vector3 bend = {0.1 * truth[0] * truth[1], 0.1 * std::sin(3 * truth[2]), 0.0};
+      table.pairs.push_back({truth + bend, truth, FromTurn(bend), kNoRotation, 0, ""});
+    }
+    std::ofstream file(kPath);
+    WritePosePairs(file, table);
+  }
+  ~MapFile() { std::remove(kPath); }
+
+  static constexpr const char* kPath = "bench-filters-map.csv";
+};
+
 // The floor is the same way through a rigid transform that changes nothing; its time is printed.
 void Samples(Report& report) {
   std::string error;
@@ -94,6 +119,12 @@ void Samples(Report& report) {
        {"rigid:tip-m=0.1/0/0,rotation-deg=1/2/3", "one-euro", "predict", "gate", "dropout"}) {
     const std::unique_ptr<Filter> filter = MakeFilter(text, error);
     measure(text, *filter, 150.0);
+  }
+  const MapFile points(500);
+  for (const char* model : {"multiquadric", "polynomial"}) {
+    const std::string text = std::string("map:file=") + MapFile::kPath + ",model=" + model;
+    const std::unique_ptr<Filter> map = MakeFilter(text, error);
+    measure((std::string(model) + " of 500 points").c_str(), *map, 2000.0);
   }
   if (!std::isfinite(sink)) report.Note("not a position any more");
 }

@@ -12,6 +12,7 @@
 #include <deque>
 #include <memory>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "bench/floors.h"
@@ -138,7 +139,9 @@ void ReadingFourSensors(Report& report) {
   report.Ratio("a client's copy of 4 sensors", time[0], "ns", 1.5);
 }
 
-// Both streams are published beside the same busy processes; only one of them is read.
+// Both streams are published beside the same busy processes; only one of them is read. Readers that
+// share a CPU with the writer or with each other read it now and then only. Then the figure depends
+// on when the system lets each one run, and says nothing about the writer.
 void ReadersFlatOut(Report& report) {
   constexpr int kReaders = 16;
   const auto read = OpenStream(kBenchDevice);
@@ -160,7 +163,10 @@ void ReadersFlatOut(Report& report) {
   const auto time = Interleave(300, TimedBlock(64, [&] { lonely->Publish(records); }),
                                TimedBlock(64, [&] { read->Publish(records); }));
   RunAtNormalPriority();
-  report.Ratio("publishing to 16 clients that read flat out", time[0], "ns", 1.3);
+  const std::string item = "publishing to 16 clients that read flat out";
+  if (CpuCount() > kReaders) return report.Ratio(item, time[0], "ns", 1.3);
+  report.Undecided(item, "needs " + std::to_string(kReaders + 1) + " CPUs; here " +
+                             std::to_string(time[0].ratio.middle) + " x");
 }
 
 void PublishForEver() {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 
 namespace kinetrel::bench {
@@ -41,6 +42,16 @@ bool Waits(const Entry& entry) {
       return false;
   }
 }
+
+bool IsConsoleOutput(const Entry& entry) {
+  return entry.number == SYS_write && entry.arguments[0] <= STDERR_FILENO;
+}
+
+struct ThreadCalls {
+  SystemCalls calls;
+  int all = 0;
+  int waits = 0;
+};
 
 class Tracer {
  public:
@@ -105,15 +116,27 @@ std::optional<TracedCalls> CountSystemCalls(const std::function<void()>& body) {
   const pid_t child = StartTraced(body);
   if (child == 0) return std::nullopt;
   TracedCalls calls;
+  std::map<pid_t, ThreadCalls> others;
   bool counting = false;
   Tracer tracer(child);
   while (const std::optional<Entry> entry = tracer.Next()) {
     if (entry->number == kBegin || entry->number == kEnd) {
       counting = entry->number == kBegin;
-    } else if (counting) {
-      ++(entry->thread == child ? calls.own : calls.others)[entry->number];
-      if (entry->thread != child && Waits(*entry)) ++calls.othersWaits;
+    } else if (counting && entry->thread == child) {
+      ++calls.own[entry->number];
+    } else if (counting && !IsConsoleOutput(*entry)) {
+      ThreadCalls& thread = others[entry->thread];
+      ++thread.calls[entry->number];
+      ++thread.all;
+      if (Waits(*entry)) ++thread.waits;
     }
+  }
+  const auto busiest =
+      std::max_element(others.begin(), others.end(),
+                       [](const auto& a, const auto& b) { return a.second.all < b.second.all; });
+  if (busiest != others.end()) {
+    calls.busiest = busiest->second.calls;
+    calls.busiestWaits = busiest->second.waits;
   }
   return calls;
 }

@@ -10,11 +10,11 @@ namespace kinetrel::bench {
 using SystemCalls = std::map<long, int>;  // by number
 
 struct TracedCalls {
-  SystemCalls own;     // of the thread that runs the body
-  SystemCalls others;  // of the threads that it started
+  SystemCalls own;      // of the thread that runs the body
+  SystemCalls busiest;  // of that of its threads that makes most; without output on the console
 
-  // Those of the others that put their thread to sleep until something happens or its time is up.
-  int othersWaits = 0;
+  // Those of the busiest that put it to sleep until something happens or its time is up.
+  int busiestWaits = 0;
 };
 
 // Runs `body` in a traced child and counts the system calls made between BeginCount and EndCount.

@@ -91,22 +91,32 @@ class Viewer {
   std::size_t Byte(std::size_t at) const { return static_cast<unsigned char>(received_[at]); }
 
   bool TakeMessage(std::vector<double>& delays) {
-    if (received_.size() < 10) return false;
+    if (received_.size() < 2) return false;
     std::size_t head = 2;
     std::size_t size = Byte(1);
     if (size == 126) {
+      if (received_.size() < 4) return false;
       head = 4;
       size = Byte(2) << 8 | Byte(3);
     }
     if (received_.size() < head + size) return false;
     const std::string message = received_.substr(head, size);
+    const bool isPing = (Byte(0) & 0xFU) == 9;
     received_.erase(0, head + size);
+    if (isPing) Answer(message);
     const std::size_t at = message.find("\"publishTime\":");
     if (message.find("\"frame\"") < 16 && at != std::string::npos) {
       const double published = std::strtod(message.c_str() + at + 14, nullptr);
       delays.push_back(static_cast<double>(kinetrel_now_ns()) * 1e-6 - published * 1e3);
     }
     return true;
+  }
+
+  // A pong, with a mask of zeros.
+  void Answer(const std::string& ping) const {
+    const std::string pong =
+        std::string("\x8A") + static_cast<char>(0x80U | ping.size()) + std::string(4, '\0') + ping;
+    ::send(socket_, pong.data(), pong.size(), MSG_NOSIGNAL);
   }
 
   int socket_;

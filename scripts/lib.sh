@@ -73,8 +73,20 @@ need() {
   ((${#missing[@]} == 0)) || die "still missing after the installation: ${missing[*]}"
 }
 
-# What the tools that speak to the network are built with: libraries of headers.
-net_tool_needs=(boost/asio.hpp:libboost-dev CLI/CLI.hpp:libcli11-dev nlohmann/json.hpp:nlohmann-json3-dev)
+# What every build needs beyond the compiler: libraries of headers.
+core_needs=(g++ cmake ninja:ninja-build /usr/include/eigen3/Eigen/Dense:libeigen3-dev
+  /usr/include/toml++/toml.h:libtomlplusplus-dev CLI/CLI.hpp:libcli11-dev
+  nlohmann/json.hpp:nlohmann-json3-dev)
+
+# What the tests take from npm. Installed anew only when the list has changed.
+npm_packages() (
+  local folder=$root/tests/npm installed=node_modules/.kinetrel-lock.json
+  cd "$folder" || exit 1
+  cmp -s package-lock.json "$installed" || { quietly npm ci && cp package-lock.json "$installed"; }
+)
+
+# What the tools that speak to the network are built with: a library of headers.
+net_tool_needs=(boost/asio.hpp:libboost-dev)
 
 # What kinetrel-bridge-ros2 is built with.
 ros2_needs=(dds/dds.h:cyclonedds-dev idlc:cyclonedds-tools)

@@ -40,7 +40,8 @@ void kinetrel_set_printing(int on);
  * arguments  count texts; the first one is the name of the program and is not an option.
  * Returns    1 if all options were accepted. 0 at the first malformed option; the options before it
  *            stay applied. 0 and no change while the engine is open. Every accepted value and every
- *            error is printed on standard error.
+ *            error is printed on standard error. The newest text of the status log tells
+ *            the error too.
  */
 int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* arguments);
 
@@ -240,7 +241,8 @@ enum kinetrel_filter_type {
   kinetrel_one_euro_filter = 33,
   kinetrel_outlier_gate_filter = 34,
   kinetrel_dropout_filter = 35,
-  kinetrel_prediction_filter = 36
+  kinetrel_prediction_filter = 36,
+  kinetrel_distortion_filter = 37
 };
 
 /* Adds a filter to a mapping, which is made if it does not exist. Returns the index of the filter,

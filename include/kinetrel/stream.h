@@ -192,7 +192,8 @@ typedef struct kinetrel_run {
   char state_text[256]; /* a sentence that the user can act on */
   char device_name[128];
   char sensor_names[kinetrel_stream_sensors][kinetrel_stream_sensor_name_size];
-  uint64_t reserved[8];
+  uint16_t filter_lag[kinetrel_stream_sensors]; /* 10 us: how late the sensor's filters were
+                                                   measured to make moving positions; 0: nothing */
 } kinetrel_run;
 
 typedef struct kinetrel_log_line {
@@ -277,6 +278,7 @@ KINETREL_AT(kinetrel_run, bytes_out, 152);
 KINETREL_AT(kinetrel_run, state_text, 160);
 KINETREL_AT(kinetrel_run, device_name, 416);
 KINETREL_AT(kinetrel_run, sensor_names, 544);
+KINETREL_AT(kinetrel_run, filter_lag, 1568);
 KINETREL_LAYOUT(sizeof(kinetrel_run) == 1632);
 KINETREL_AT(kinetrel_log_line, utc_ns, 8);
 KINETREL_AT(kinetrel_log_line, code, 16);
@@ -397,6 +399,10 @@ static inline int kinetrel_stream_log(kinetrel_stream* stream, kinetrel_log_line
 
 /* A time of the stream as nanoseconds since 1970 UTC, by the run's pair of clocks. */
 static inline int64_t kinetrel_run_utc_ns(const kinetrel_run* run, int64_t time_ns);
+
+/* Seconds that the filters of a sensor (from 0) delay its positions while it moves, as measured;
+ * 0 when they delay nothing, and for a sensor that the run does not have. */
+static inline double kinetrel_run_filter_lag(const kinetrel_run* run, unsigned sensor);
 
 static inline const char* kinetrel_stream_result_text(kinetrel_stream_result result);
 static inline const char* kinetrel_state_text(kinetrel_state state);
@@ -964,6 +970,10 @@ static inline int kinetrel_stream_log(kinetrel_stream* stream, kinetrel_log_line
     ++copied;
   }
   return copied;
+}
+
+static inline double kinetrel_run_filter_lag(const kinetrel_run* run, unsigned sensor) {
+  return sensor < kinetrel_stream_sensors ? run->filter_lag[sensor] / 1e5 : 0.0;
 }
 
 static inline int64_t kinetrel_run_utc_ns(const kinetrel_run* run, int64_t time_ns) {

@@ -15,10 +15,12 @@ in `tracker.lost`. Checked on x86-64; processors that reorder reads are served b
 number that is read on both sides of each copy, but were not tried.
 """
 
-from ._errors import Denied, KinetrelError, NewerVersion, NoTracker, NotAStream
+from ._errors import (Denied, KinetrelError, NewerVersion, NotARecording, NoTracker, NotAStream)
 from ._memory import now_ns
+from ._recording import Marker, Note, Recording, read_recording
 from ._tracker import Frame, Info, LogLine, Record, State, Tracker, open
 
 __version__ = "0.1.0"
-__all__ = ["Denied", "Frame", "Info", "KinetrelError", "LogLine", "NewerVersion", "NoTracker",
-           "NotAStream", "Record", "State", "Tracker", "now_ns", "open"]
+__all__ = ["Denied", "Frame", "Info", "KinetrelError", "LogLine", "Marker", "NewerVersion",
+           "NotARecording", "Note", "NoTracker", "NotAStream", "Record", "Recording", "State",
+           "Tracker", "now_ns", "open", "read_recording"]

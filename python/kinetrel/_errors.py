@@ -1,4 +1,4 @@
-"""What can be wrong with a stream."""
+"""What can be wrong with a stream or a recording."""
 
 from __future__ import annotations
 
@@ -26,6 +26,13 @@ class NotAStream(KinetrelError):
 
     def __init__(self, slot: int) -> None:
         super().__init__(f"slot {slot}: not a Kinetrel stream")
+
+
+class NotARecording(KinetrelError):
+    """The file is not a recording of kinetrel-record."""
+
+    def __init__(self, path: str, why: str) -> None:
+        super().__init__(f"{path}: not a recording: {why}")
 
 
 class NewerVersion(KinetrelError):

@@ -59,7 +59,7 @@ RUN = Layout(
     ("azimuth_zero", "d"), ("latency_mean", "d"), ("latency_max", "d"), ("jitter", "d"),
     ("frames", "Q"), ("failed_reads", "Q"), ("dropped", "Q"), ("recoveries", "Q"),
     ("bytes_in", "Q"), ("bytes_out", "Q"), ("state_text", "256s"), ("device_name", "128s"),
-    ("sensor_names", "1024s"), ("reserved", "8Q"))
+    ("sensor_names", "1024s"), ("filter_lag", "32H"))
 
 LOG_LINE = Layout(
     ("number", "Q"), ("utc_ns", "q"), ("code", "i"), ("reserved", "i"), ("text", "232s"))

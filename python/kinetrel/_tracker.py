@@ -125,6 +125,7 @@ class Info(NamedTuple):
     bytes_out: int
     started_ns: int
     writer_pid: int
+    filter_lag: Dict[int, float]  #: seconds, of the sensors whose filters delay moving positions
 
 
 class Tracker:
@@ -422,7 +423,11 @@ class Tracker:
         if self._mapping is None:
             return None
         fields = self._whole(layout.RUN, self._head["run_offset"])
-        return None if fields is None else dict(zip(layout.RUN.names(), fields))
+        if fields is None:
+            return None
+        run = dict(zip(layout.RUN.names(), fields))
+        run["filter_lag"] = fields[layout.RUN.index["filter_lag"]:]
+        return run
 
     @property
     def state(self) -> State:
@@ -452,12 +457,14 @@ class Tracker:
         names = {i + 1: layout.text(raw[i * size:(i + 1) * size])
                  for i in range(layout.SENSORS)}
         mask = run["sensor_mask"]
-        kept = {name: run[name] for name in Info._fields if name in run and name != "sensor_names"}
+        kept = {name: run[name] for name in Info._fields if name in run and name not in ("sensor_names", "filter_lag")}
         return Info(device=layout.text(run["device_name"]),
                     sensors=tuple(i + 1 for i in range(layout.SENSORS)
                                   if mask >> i & 1),
                     sensor_names={sensor: name for sensor, name in names.items() if name},
-                    writer_pid=self._head["writer_pid"], **kept)
+                    writer_pid=self._head["writer_pid"],
+                    filter_lag={i + 1: lag / 1e5 for i, lag in enumerate(run["filter_lag"])
+                                if lag}, **kept)
 
     @property
     def log(self) -> List[LogLine]:

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <functional>
 
+#include "app/settings.h"
+
 namespace kinetrel {
 
 class TrackerEngine;
@@ -23,7 +25,7 @@ using Session = std::function<ExitCode(TrackerEngine& engine, const std::atomic<
 
 // What a program does between its options and the device. A result other than Done ends the
 // program.
-using Preparation = std::function<ExitCode()>;
+using Preparation = std::function<ExitCode(const ProgramSettings& settings)>;
 
 // Runs a whole program, from the arguments (the name of the program first) to the exit code. Prints
 // the banner, applies the options, prepares, opens the device, starts sampling, runs the session
@@ -31,8 +33,8 @@ using Preparation = std::function<ExitCode()>;
 //
 // Catches the signals that end a program from the start. Reads keys without echo if standard input
 // is a terminal.
-ExitCode RunConsoleProgram(int count, const char* const* arguments, const Preparation& prepare,
-                           const Session& session);
+ExitCode RunConsoleProgram(Audience audience, int count, const char* const* arguments,
+                           const Preparation& prepare, const Session& session);
 
 // Waits for the sampling thread to end and acts on one key per 500 ms: Ctrl-A zeroes the azimuth,
 // A restores it, ESC stops sampling. A nonzero `stopRequest` stops sampling too. While the tracker

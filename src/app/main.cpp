@@ -9,6 +9,7 @@ int main(int count, char** arguments) {
     kinetrel::RunConsoleLoop(engine, stopRequest, [] { return true; });
     return kinetrel::ExitCode::Done;
   };
-  const auto nothing = [] { return kinetrel::ExitCode::Done; };
-  return static_cast<int>(kinetrel::RunConsoleProgram(count, arguments, nothing, session));
+  const auto nothing = [](const kinetrel::ProgramSettings&) { return kinetrel::ExitCode::Done; };
+  return static_cast<int>(
+      kinetrel::RunConsoleProgram(kinetrel::Audience::Console, count, arguments, nothing, session));
 }

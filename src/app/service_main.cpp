@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "app/console_program.h"
-#include "app/listen_option.h"
+#include "app/listen_address.h"
 #include "engine/tracker_engine.h"
 #include "platform/console.h"
 #include "rpc/server_session.h"
@@ -90,16 +90,16 @@ class EngineProcedures final : public rpc::TrackProcedures {
 };
 
 ExitCode ReportServingFailed(const ListenAddress& listen, const kinetrel::Status& why) {
-  std::fprintf(stderr, "Cannot serve on %s, port %u: %s.\n", listen.address.c_str(),
-               static_cast<unsigned>(listen.port), Describe(why).c_str());
+  kinetrel::PrintError("Cannot serve on %s, port %u: %s.\n", listen.address.c_str(),
+                       static_cast<unsigned>(listen.port), Describe(why).c_str());
   return ExitCode::ServingFailed;
 }
 
 // On standard error: the program that started the service waits for this line.
 void ReportReady(const ListenAddress& listen, unsigned port) {
-  std::fprintf(stderr, "\nServing on %s, port %u: ready.\n", listen.address.c_str(), port);
+  kinetrel::PrintError("\nServing on %s, port %u: ready.\n", listen.address.c_str(), port);
   const bool open = listen.address.rfind("127.", 0) != 0 && listen.address != "::1";
-  if (open) std::fputs("Anyone who can reach this address can follow the tracker.\n", stderr);
+  if (open) kinetrel::PrintError("Anyone who can reach this address can follow the tracker.\n");
 }
 
 ExitCode Serve(TrackerEngine& engine, kinetrel::StreamListener listener,
@@ -118,26 +118,24 @@ ExitCode Serve(TrackerEngine& engine, kinetrel::StreamListener listener,
 }
 
 ExitCode Run(int count, const char* const* arguments) {
-  const auto taken = kinetrel::TakeListenOption(count, arguments);
-  if (!taken) return ExitCode::BadArguments;
+  ListenAddress listen;
+  std::optional<kinetrel::StreamListener> listener;
   // After the options and before the tracker boots, which may take seconds: a wrong option does not
   // touch the port, and a second service fails at once.
-  std::optional<kinetrel::StreamListener> listener;
-  const auto prepare = [&] {
-    auto opened = kinetrel::StreamListener::Open(taken->listen.address, taken->listen.port);
-    if (!opened.Ok()) return ReportServingFailed(taken->listen, opened.status());
+  const auto prepare = [&](const kinetrel::ProgramSettings& settings) {
+    const auto chosen = kinetrel::ChosenListenAddress(settings.listen);
+    if (!chosen) return ExitCode::BadArguments;
+    listen = *chosen;
+    auto opened = kinetrel::StreamListener::Open(listen.address, listen.port);
+    if (!opened.Ok()) return ReportServingFailed(listen, opened.status());
     listener.emplace(std::move(*opened));
     return ExitCode::Done;
   };
   const auto session = [&](TrackerEngine& engine, const std::atomic<int>& stopRequest) {
-    return Serve(engine, std::move(*listener), taken->listen, stopRequest);
+    return Serve(engine, std::move(*listener), listen, stopRequest);
   };
-  const ExitCode code = kinetrel::RunConsoleProgram(static_cast<int>(taken->rest.size()),
-                                                    taken->rest.data(), prepare, session);
-  if (code == ExitCode::BadArguments) {
-    std::fputs("\t--listen {ADDR[:PORT]}\tWhere relays connect: <127.0.0.1:5437>\n", stderr);
-  }
-  return code;
+  return kinetrel::RunConsoleProgram(kinetrel::Audience::Service, count, arguments, prepare,
+                                     session);
 }
 
 }  // namespace

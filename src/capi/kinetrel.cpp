@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include "app/command_line.h"
 #include "devices/bounded_text.h"
@@ -88,8 +90,14 @@ int kinetrel_set_options(kinetrel_engine* engine, int count, const char* const* 
       (void)e.Configure(config);  // logs the refusal
       return false;
     }
-    const bool accepted = kinetrel::ParseCommandLine(config, count, arguments);
-    return e.Configure(config) && accepted;  // the options before a malformed one count
+    kinetrel::Settings settings;
+    settings.start = std::move(config);
+    std::string complaint;
+    const bool accepted =
+        kinetrel::ParseCommandLine(settings, kinetrel::Audience::Host, count, arguments, complaint);
+    const bool configured = e.Configure(settings.start);  // options before a malformed one count
+    if (!accepted) e.status().SetStatus(kinetrel::StatusCode::Refused, complaint.c_str());
+    return configured && accepted;
   });
 }
 

@@ -4,6 +4,7 @@
 // Ownership  devices are owned as TrackerDevice, never through one of these.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace kinetrel {
@@ -50,6 +51,16 @@ class PackedRecords {
 
  protected:
   ~PackedRecords() = default;
+};
+
+// A tracker whose line may be too slow for all that it measures: it then sends fewer records.
+class SerialRecords {
+ public:
+  // Bytes of a record of one sensor, as it is sent with the present settings.
+  virtual std::size_t RecordSize() const = 0;
+
+ protected:
+  ~SerialRecords() = default;
 };
 
 }  // namespace kinetrel

@@ -47,6 +47,8 @@ constexpr ProductRow kProducts[] = {
 
 constexpr std::string_view kScheme = "usb";
 
+int TypeOf(PolhemusFamily family) { return family == kLiberty ? 10 : 2; }
+
 const ProductRow* RowOf(const UsbDevice& device) {
   for (const ProductRow& row : kProducts) {
     if (device.vendor == kVendor && device.product == row.product) return &row;
@@ -93,7 +95,7 @@ std::string AdviceFor(const UsbDevice& device, PolhemusFamily family) {
   const std::string unit = NameOf(device) + " is a " + row->model;
   if (row->use == Use::Unknown) return unit + ", which Kinetrel does not support";
   if (row->family != family) {
-    return unit + ", which is type " + (row->family == kLiberty ? "10" : "2") + " (-d)";
+    return unit + ", which is type " + std::to_string(TypeOf(row->family)) + " (-d)";
   }
   return unit +
          " that waits for its firmware: install the maker's USB tools for Linux, or load it "
@@ -129,7 +131,7 @@ bool IsUsbName(std::string_view name) {
 }
 
 Result<PolhemusUnit> OpenPolhemusUnit(PolhemusFamily family, const std::string& name,
-                                      std::string& why) {
+                                      std::string& why, std::uint16_t product) {
   const Result<std::vector<UsbDevice>> devices = ListInOrder();
   if (!devices.Ok()) {
     why = name + ": " + UsbLine::ExplainFailure(devices.status());
@@ -151,12 +153,27 @@ Result<PolhemusUnit> OpenPolhemusUnit(PolhemusFamily family, const std::string& 
     return Status{Error::Invalid, 0, "find the tracker on USB"};
   }
   const ProductRow& row = *RowOf(fitting.front());
+  if (product != 0 && product != row.product) {
+    const ProductRow* const before = RowOf({{}, kVendor, product});
+    why = Described(fitting.front()) + " is in place of the " +
+          (before != nullptr ? before->model : IdsOf(kVendor, product)) + "; it is left alone";
+    return Status{Error::NotFound, 0, "find the tracker on USB"};
+  }
   auto line = UsbLine::Open(fitting.front(), row.pipes);
   if (!line.Ok()) {
     why = Described(fitting.front()) + ": " + UsbLine::ExplainFailure(line.status());
     return line.status();
   }
-  return PolhemusUnit{std::move(*line), NameOf(fitting.front()), row.model, row.isPatriot};
+  return PolhemusUnit{std::move(*line), NameOf(fitting.front()), row.model, row.isPatriot,
+                      row.product};
+}
+
+std::optional<PolhemusUnitFacts> DescribePolhemusUnit(const UsbDevice& device) {
+  const ProductRow* const row = RowOf(device);
+  if (row == nullptr) return std::nullopt;
+  PolhemusUnitFacts facts{NameOf(device), row->model, {}, TypeOf(row->family)};
+  if (row->use != Use::Ready) facts.advice = AdviceFor(device, row->family);
+  return facts;
 }
 
 }  // namespace kinetrel

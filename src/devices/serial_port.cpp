@@ -1,6 +1,8 @@
 #include "devices/serial_port.h"
 
+#include <array>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -130,6 +132,8 @@ PortStatus SerialPort::OpenLine(const char* name, int baud) {
   auto line = std::make_unique<SerialLine>(std::move(*opened));
   serial_ = line.get();
   line_ = std::move(line);
+  line_->SetTap(tap_);
+  TellTap(LineEvent::Opened, name);
   portStatus_ = PortStatus::HandleCreated;
   return SetUpLine(name, baud);
 }
@@ -179,6 +183,8 @@ int SerialPort::OpenOnUsb(std::unique_ptr<ByteLine> line, int baud) {
   openFailure_.clear();
   lineLost_ = false;
   line_ = std::move(line);
+  line_->SetTap(tap_);
+  TellTap(LineEvent::Opened, "usb");
   portNumber_ = kUsbPortNumber;
   SetLineSettings(baud, 8, 0, 0, 0);  // stored only
   SetReadTimeouts(0, kSameAsBefore, kSameAsBefore);
@@ -198,6 +204,7 @@ int SerialPort::ClosePort() {
   if (!line_) return 0;
   serial_ = nullptr;
   line_.reset();
+  TellTap(LineEvent::Closed, {});
   capabilities_ = {};
   portNumber_ = -1;
   if (portStatus_ == PortStatus::Open) portStatus_ = PortStatus::Closed;
@@ -220,7 +227,7 @@ bool SerialPort::SetLineSettings(int baud, std::uint8_t byteSize, std::uint8_t p
   settings_.stopBits = static_cast<StopBits>(stopBits);
   settings_.rts = static_cast<ModemControl>(rtsControl & 3);
   settings_.ctsOutputFlow = false;
-  return serial_ != nullptr && serial_->Apply(settings_).Ok();
+  return serial_ != nullptr && ApplySettings();
 }
 
 bool SerialPort::SetReadTimeouts(int totalConstant, int perByte, int interval) {
@@ -255,7 +262,27 @@ bool SerialPort::SetHandshake(int mode) {
   }
   (void)serial_->SetRts(false);
   (void)serial_->SetDtr(true);
-  return serial_->Apply(settings_).Ok();
+  return ApplySettings();
+}
+
+bool SerialPort::ApplySettings() {
+  const bool applied = serial_->Apply(settings_).Ok();
+  if (!tap_) return applied;
+  constexpr std::string_view kParities = "NOEMS";
+  const auto parity = static_cast<std::size_t>(settings_.parity);
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%u %u%c%s RTS %d DTR %d", settings_.baud,
+                unsigned{settings_.byteSize}, parity < kParities.size() ? kParities[parity] : '?',
+                settings_.stopBits == StopBits::One   ? "1"
+                : settings_.stopBits == StopBits::Two ? "2"
+                                                      : "1.5",
+                static_cast<int>(settings_.rts), static_cast<int>(settings_.dtr));
+  TellTap(LineEvent::Settings, text.data());
+  return applied;
+}
+
+void SerialPort::TellTap(LineEvent event, std::string_view text) const {
+  if (tap_) tap_->OnLine(event, std::as_bytes(std::span(text)), ClockTicks());
 }
 
 // ---- Transfers -----------------------------------------------------------------------------

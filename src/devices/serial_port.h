@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "platform/byte_line.h"
 #include "platform/serial_line.h"
@@ -64,6 +65,9 @@ class SerialPort {
 
   // Returns 1 when a port was closed, 0 when none was open.
   virtual int ClosePort();
+
+  // `tap` sees the lines that are opened from now on. Null: none does.
+  void SetTap(std::shared_ptr<LineTap> tap) { tap_ = std::move(tap); }
 
   // n of COMn, kUsbPortNumber on USB, 0 for the simulated port, -1 when closed
   virtual int GetPortNumber();
@@ -157,6 +161,8 @@ class SerialPort {
 
   bool IsOnUsb() const { return line_ != nullptr && serial_ == nullptr; }
 
+  const std::shared_ptr<LineTap>& tap() const { return tap_; }  // null: none
+
   int portNumber_ = -1;
 
  private:
@@ -166,6 +172,10 @@ class SerialPort {
   PortStatus Refuse(PortStatus step, const std::string& name, const Status& cause);
   PortStatus Refuse(PortStatus step, std::string why);
 
+  void TellTap(LineEvent event, std::string_view text) const;
+  bool ApplySettings();
+
+  std::shared_ptr<LineTap> tap_;  // null: none
   std::unique_ptr<ByteLine> line_;
   SerialLine* serial_ = nullptr;  // line_, unless that is on USB
   LineSettings settings_;         // starts with XON 0xF7, XOFF 0xF8, limits 2048 and 512

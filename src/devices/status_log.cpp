@@ -1,10 +1,30 @@
 #include "devices/status_log.h"
 #include "platform/console.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
 namespace kinetrel {
+namespace {
+
+// Codes below the engine's own are a device's error numbers.
+JournalLevel LevelOf(StatusCode code) {
+  switch (code) {
+    case StatusCode::Boot:
+    case StatusCode::Port:
+    case StatusCode::SharedMemory:
+    case StatusCode::DeviceErrorLimit:
+      return JournalLevel::Error;
+    case StatusCode::Progress:
+    case StatusCode::Closing:
+      return JournalLevel::Notice;
+    default:
+      return code < StatusCode::Report ? JournalLevel::Warning : JournalLevel::Information;
+  }
+}
+
+}  // namespace
 
 StatusLog::StatusLog() : formatBuffer_(kLongestFormatted + 1) {}
 
@@ -38,6 +58,13 @@ std::vector<StatusEntry> StatusLog::Entries() const {
   return entries_;
 }
 
+std::vector<StatusEntry> StatusLog::EntriesAfter(std::uint64_t& seen) const {
+  const Lock held(lock_);
+  const std::uint64_t fresh = std::min<std::uint64_t>(added_ - seen, entries_.size());
+  seen = added_;
+  return {entries_.end() - static_cast<std::ptrdiff_t>(fresh), entries_.end()};
+}
+
 void StatusLog::Attach(StatusListener& listener) {
   const Lock held(lock_);
   listener_ = &listener;
@@ -50,7 +77,9 @@ void StatusLog::Detach(const StatusListener& listener) {
 }
 
 void StatusLog::Append(StatusCode code, std::string text) {
+  if (PrintsForJournal()) PrintJournalLine(LevelOf(code), text);
   entries_.push_back({std::time(nullptr), static_cast<int>(code), std::move(text)});
+  ++added_;
   if (listener_ != nullptr) listener_->OnEntry(entries_.back());
   if (entries_.size() < kTrimAt) return;
   entries_.erase(entries_.begin(), entries_.end() - kKeep);
@@ -67,7 +96,8 @@ bool Announce(StatusLog& log, const char* prefix, StatusCode code, const char* f
   va_start(arguments, format);
   log.AppendFormatted(code, format, arguments);
   va_end(arguments);
-  PrintError("%s%s", prefix, log.formatBuffer_.data());
+  // The journal has the line by now.
+  if (!PrintsForJournal()) PrintError("%s%s", prefix, log.formatBuffer_.data());
   return true;
 }
 

@@ -8,6 +8,7 @@
 
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
 #include <string>
 #include <vector>
@@ -72,6 +73,10 @@ class StatusLog {
   StatusEntry Newest() const;
   std::vector<StatusEntry> Entries() const;  // a copy, oldest first
 
+  // Copies of the entries that were added after the first `seen`; `seen` then counts them too.
+  // Those that were trimmed meanwhile are missing.
+  std::vector<StatusEntry> EntriesAfter(std::uint64_t& seen) const;
+
   // From now on `listener` gets the entries in place of the one before; first those that are there.
   // It must be detached before it ends; Detach does nothing once another one is attached.
   void Attach(StatusListener& listener);
@@ -87,6 +92,7 @@ class StatusLog {
 
   mutable Mutex lock_;
   std::vector<StatusEntry> entries_ GUARDED_BY(lock_);
+  std::uint64_t added_ GUARDED_BY(lock_) = 0;  // since the start, also those that were trimmed
   std::vector<char> formatBuffer_ GUARDED_BY(lock_);
   StatusListener* listener_ GUARDED_BY(lock_) = nullptr;
 };

@@ -1,6 +1,7 @@
 #include "devices/stream_backlog.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kinetrel {
 namespace {
@@ -22,13 +23,26 @@ std::size_t Drain(SerialPort& port, RecordWindow& window) {
 
 }  // namespace
 
+// The thread did not run for more than half a second, or the device was silent as long.
+bool StreamBacklog::WasAway() {
+  const std::int64_t now = ClockTicks();
+  const std::int64_t last = std::exchange(lastCall_, now);
+  return last != 0 && now - last > ClockTicksPerSecond() / 2;
+}
+
 bool StreamBacklog::DropOld(SerialPort& port, RecordWindow& window, const Stream& stream,
                             StatusLog* log) {
   constexpr Milliseconds kBetweenLooks{250};
-  if (!nextLook_.Passed()) return false;
+  constexpr int kWaitMs = 100;
+  constexpr int kAfterSilence = 16;  // then at most records of 1/16 s wait
+  // The process may be stopped during the wait too.
+  if (window.size() == 0 && port.BytesInHand() == 0) port.WaitForRX(kWaitMs, 1);
+  const bool away = WasAway();
+  if (!away && !nextLook_.Passed()) return false;
   nextLook_ = Deadline(kBetweenLooks);
+  const int parts = away ? kAfterSilence : 2;
   const std::size_t most =
-      stream.recordSize * static_cast<std::size_t>(std::max(stream.recordsPerSecond, 2)) / 2;
+      stream.recordSize * static_cast<std::size_t>(std::max(stream.recordsPerSecond / parts, 1));
   if (window.size() + port.InputQueueLength() <= most) return false;
   const auto dropped = static_cast<unsigned>(Drain(port, window) / stream.recordSize);
   if (log != nullptr) {

@@ -24,8 +24,11 @@ class WireReader {
   std::int16_t I16Be() { return Take<std::int16_t, std::endian::big>(); }
   std::int32_t I32Le() { return Take<std::int32_t, std::endian::little>(); }
   std::int32_t I32Be() { return Take<std::int32_t, std::endian::big>(); }
+  std::uint32_t U32Le() { return Take<std::uint32_t, std::endian::little>(); }
+  std::uint64_t U64Le() { return Take<std::uint64_t, std::endian::little>(); }
   float F32Le() { return Take<float, std::endian::little>(); }
   float F32Be() { return Take<float, std::endian::big>(); }
+  double F64Le() { return Take<double, std::endian::little>(); }
   double F64Be() { return Take<double, std::endian::big>(); }
 
   // Two bytes of 7 bits each, low first, as a signed number of 14 bits: -8192..8191. Bit 7 of both

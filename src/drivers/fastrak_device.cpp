@@ -10,6 +10,7 @@
 
 #include "devices/bounded_text.h"
 #include "devices/polhemus_usb.h"
+#include "platform/console.h"
 
 namespace kinetrel {
 namespace {
@@ -46,11 +47,20 @@ void FastrakDevice::WriteCommand(std::string_view command, unsigned pauseMs) {
 int FastrakDevice::OpenPort(const char* name, int baud) {
   if (name == nullptr || !IsUsbName(name)) return TrackerDevice::OpenPort(name, baud);
   // After an unplug the same unit is meant, not another one.
-  const bool known = !usbUnit_.empty() && std::string_view(name) == kAnyUsbUnit;
+  const bool known =
+      !usbUnit_.empty() && (std::string_view(name) == kAnyUsbUnit || name == usbUnit_);
   std::string why;
-  auto unit = OpenPolhemusUnit(PolhemusFamily::Fastrak, known ? usbUnit_ : name, why);
-  if (!unit.Ok()) return RefuseUsb(unit.status(), std::move(why));
+  auto unit = OpenPolhemusUnit(PolhemusFamily::Fastrak, known ? usbUnit_ : name, why,
+                               known ? usbProduct_ : std::uint16_t{0});
+  if (!unit.Ok()) {
+    // Nothing else tells the user what is at the place of a unit that is waited for.
+    if (known && why != usbRefusal_) PrintError("\n%s\n", why.c_str());
+    usbRefusal_ = why;
+    return RefuseUsb(unit.status(), std::move(why));
+  }
+  usbRefusal_.clear();
   usbUnit_ = unit->name;
+  usbProduct_ = unit->product;
   return OpenOnUsb(std::move(unit->line), baud);
 }
 

@@ -20,13 +20,14 @@
 
 #include "devices/bounded_text.h"
 #include "devices/motion_gate.h"
+#include "devices/optional_interfaces.h"
 #include "devices/stream_backlog.h"
 #include "devices/tracker_device.h"
 #include "drivers/fastrak_wire.h"
 
 namespace kinetrel {
 
-class FastrakDevice final : public TrackerDevice {
+class FastrakDevice final : public TrackerDevice, public SerialRecords {
  public:
   FastrakDevice();
 
@@ -50,6 +51,8 @@ class FastrakDevice final : public TrackerDevice {
   //          answer, the usual baud rates are tried; the port keeps the one that works.
   // Threads  no two devices of this family may boot at the same time.
   BootResult Boot(int reset) override;
+
+  std::size_t RecordSize() const override { return layout_.Size(); }
 
   // Asks for the status record and clears the built-in test errors that it reports, at most 16.
   // Interrupts streaming.
@@ -204,9 +207,11 @@ class FastrakDevice final : public TrackerDevice {
   FastrakLayout layout_;
   int frameLength_ = 0;  // bytes of all active stations' records; a head is searched this far
 
-  int knownRate_ = 0;    // baud, at which the unit was found; 0 before
-  std::string usbUnit_;  // "usb:1-2", the unit that was opened; empty before
-  int failedBoots_ = 0;  // since then
+  int knownRate_ = 0;             // baud, at which the unit was found; 0 before
+  std::string usbUnit_;           // "usb:1-2", the unit that was opened; empty before
+  std::uint16_t usbProduct_ = 0;  // of that unit
+  std::string usbRefusal_;        // printed last
+  int failedBoots_ = 0;           // since then
 
   // Sampling thread only.
   StreamBacklog backlog_;

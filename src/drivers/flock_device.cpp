@@ -428,6 +428,7 @@ unsigned FlockDevice::SetComponentMask(unsigned) { return 0; }
 
 int FlockDevice::SetHemisphere(int sensor, const float zenith[3]) {
   const HemisphereRow hemisphere = HemisphereOf(zenith);
+  gate_.Forget();  // the pose moves at once
   const auto send = [&](int address) {
     const std::array<std::uint8_t, 4> command = {static_cast<std::uint8_t>(kBusAddress + address),
                                                  kHemisphere, hemisphere.axisCode,

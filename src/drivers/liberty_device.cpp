@@ -81,7 +81,7 @@ int LibertyDevice::OpenPort(const char* name, int) {
   if (name == nullptr || !IsUsbName(name)) return 0;
   const std::lock_guard lock(pdiLock_);
   pdiSerial_.SetPort(kUsbPortNumber);
-  if (!pdiDevice_.IsOnUsb()) pdiDevice_.UseTracker(MakeUsbLiberty(name));
+  if (!pdiDevice_.IsOnUsb()) pdiDevice_.UseTracker(MakeUsbLiberty(name, tap()));
   return 1;
 }
 
@@ -90,7 +90,8 @@ int LibertyDevice::OpenPortNumber(int number, int baud) {
   if (number > 0) pdiSerial_.SetPort(number);
   // A library that is installed knows best how to reach the tracker on USB.
   const bool byUs = number == kUsbPortNumber && !pdiDevice_.IsLibraryChosen();
-  if (byUs != pdiDevice_.IsOnUsb()) pdiDevice_.UseTracker(byUs ? MakeUsbLiberty("usb") : nullptr);
+  if (byUs != pdiDevice_.IsOnUsb())
+    pdiDevice_.UseTracker(byUs ? MakeUsbLiberty("usb", tap()) : nullptr);
   const auto* const found = std::ranges::find(kBauds, static_cast<unsigned>(baud));
   if (found == std::end(kBauds)) return 0;
   pdiSerial_.SetBaudRate(static_cast<int>(found - kBauds));
@@ -194,14 +195,45 @@ void LibertyDevice::StartStream() {
   resolution_.Sleep(kStreamStart);
   const std::lock_guard lock(pdiLock_);
   DropFrames();
+  ForgetMotion();  // a new alignment or hemisphere moves the poses at once
 }
 
 // A library may have kept the frames of the time that was slept; each would be published late.
-void LibertyDevice::DropFrames() {
+// Returns how many records that were.
+unsigned LibertyDevice::DropFrames() {
   constexpr int kMost = 256;
-  for (int i = 0; i < kMost && TakeFrame(); ++i) {
+  unsigned records = 0;
+  for (int i = 0; i < kMost; ++i) {
+    const std::uint32_t before = lastFrameCount_;
+    if (!TakeFrame() && lastFrameCount_ == before) break;
+    records += static_cast<unsigned>(std::popcount(frameStations_));
   }
   toldStations_ = judgedStations_ = 0;
+  lastLook_ = ClockTicks();
+  return records;
+}
+
+// True when this thread did not run for half a second. No wait between two looks is that long.
+bool LibertyDevice::WasAway() {
+  const std::int64_t now = ClockTicks();
+  return now - std::exchange(lastLook_, now) > ClockTicksPerSecond() / 2;
+}
+
+void LibertyDevice::ForgetMotion() {
+  for (Record& record : records_) record.gate.Forget();
+}
+
+// After the thread was away, the frames that wait may be as old as that. USB keeps them for ever.
+bool LibertyDevice::DropOld() {
+  if (!WasAway()) return false;
+  const unsigned dropped = DropFrames();
+  ForgetMotion();  // the sensors went on meanwhile
+  if (dropped > 0 && statusLog_ != nullptr) {
+    Announce(*statusLog_, "\n\t", StatusCode::Counts,
+             "%u records of %s waited for more than half a second and were dropped.", dropped,
+             deviceName_);
+  }
+  return true;
 }
 
 unsigned LibertyDevice::ReadFrame(double* sampleTime) {
@@ -219,6 +251,7 @@ unsigned LibertyDevice::ReadFrame(double* sampleTime) {
   if (paused_) {
     toldStations_ = judgedStations_ = 0;
     pdiDevice_.RequestPno();
+    lastLook_ = ClockTicks();
   }
   if (!WaitForFrame()) return 0;
   const double time = ElapsedSeconds();
@@ -255,6 +288,7 @@ bool LibertyDevice::WaitForFrame() {
     const std::int64_t asked = ClockTicks();
     if (pdiDevice_.AwaitRecord(kStepMs) == 0 && ClockTicks() - asked < ClockTicksPerSecond() / 1000)
       resolution_.Sleep(Milliseconds(1));
+    if (DropOld()) return false;
     TellArrived();
     const std::uint32_t before = lastFrameCount_;
     if (TakeFrame()) return true;
@@ -271,6 +305,7 @@ bool LibertyDevice::LookForFrame() {
       // The wait on a timer that was not started ends at once, so sleep instead.
       resolution_.Sleep(Milliseconds(1));
     }
+    if (DropOld()) return false;
     TellArrived();
     const std::uint32_t before = lastFrameCount_;
     if (TakeFrame()) return true;
@@ -300,11 +335,26 @@ bool LibertyDevice::TakeFrame() {
   const bool plausible = size <= kMostStations * layout_.recordSize;
   const auto frame = std::as_bytes(std::span(bytes, plausible ? size : expectedFrameSize_));
   const auto count = LibertyFrameCount(layout_, frame);
-  if (!count || *count == lastFrameCount_) return false;
+  if (!count) return false;
+  // The library may return a frame again, or the late rest of one that came without it.
+  const std::uint32_t stations = StationsIn(frame);
+  const bool again = *count == lastFrameCount_;
+  if (again && (stations & ~seenStations_) == 0) return false;
+  seenStations_ = again ? seenStations_ | stations : stations;
   lastFrameCount_ = *count;
   StoreRecords(frame);
   WatchStations();
   return frameStations_ != 0;
+}
+
+// By the headers; the active ones if the headers do not tell.
+std::uint32_t LibertyDevice::StationsIn(std::span<const std::byte> frame) const {
+  std::array<int, kMostStations> room{};
+  const auto stations = std::span(room).first(frame.size() / layout_.recordSize);
+  if (!ReadLibertyStations(layout_, frame, stations)) return stationMap_;
+  std::uint32_t bits = 0;
+  for (const int station : stations) bits |= StationBit(station);
+  return bits;
 }
 
 // The headers tell the stations. If they do not, the records are those of the active stations.

@@ -127,8 +127,12 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   bool TakeFrame();
   bool HasAnswered(std::uint32_t before) const;
   bool TakeTold();
-  void DropFrames();
+  unsigned DropFrames();
+  void ForgetMotion();
+  bool WasAway();
+  bool DropOld();
   void TellArrived();
+  std::uint32_t StationsIn(std::span<const std::byte> frame) const;
   void StoreRecords(std::span<const std::byte> frame);
   bool StoreRecord(int station, std::span<const std::byte> record);
   bool IsPlausible(int station, std::span<const std::byte> record);
@@ -160,10 +164,12 @@ class LibertyDevice final : public TrackerDevice, public OwnConnection, public P
   std::uint32_t toldCount_ = 0;
   std::uint32_t wantedStations_ = 0;  // as last set; unplugged sensors are waited for
   std::uint32_t lastFrameCount_ = 0xFFFFFFFF;
+  std::uint32_t seenStations_ = 0;  // that delivered in the frame of that count
   bool paused_ = false;
   PeriodicTimer frameTimer_;
   int framePeriodMs_ = 1;
   bool streaming_ = false;
+  std::int64_t lastLook_ = 0;  // ticks, for a frame
   TimerResolution resolution_;
 };
 

@@ -27,7 +27,8 @@ constexpr std::int64_t kLookPeriod = 3000;  // ms between two looks for sensors 
 constexpr std::uint8_t kStationsCommand = 'U' & 0x1F;
 constexpr std::uint8_t kBitCommand = 'T' & 0x1F;
 constexpr std::uint8_t kWhoCommand = 'V' & 0x1F;
-constexpr std::size_t kWhoText = 3;  // after the counts of sensors, which change
+constexpr std::size_t kWhoText = 3;     // after the counts of sensors, which change
+constexpr std::size_t kSerialText = 4;  // after the number of the kind
 constexpr unsigned kPatriotStations = 2;
 constexpr int kPatriotRate = 1;
 constexpr std::size_t kMostItems = 20;
@@ -161,7 +162,7 @@ class LineLiberty final : public LibertyTracker {
     if (!std::exchange(looked_, false)) ReadArrived();
     if (!line_) return false;
     LookForReturns();
-    const auto cycle = cycles_.Take(NowMs());
+    const auto cycle = cycles_.Take(readAt_);
     frame = cycle.data();
     size = static_cast<std::uint32_t>(cycle.size());
     return !cycle.empty();
@@ -245,17 +246,39 @@ class LineLiberty final : public LibertyTracker {
     return line_ != nullptr;
   }
 
-  // The text that a unit gives about itself stays the same. A unit that gives none is believed.
+  // What a unit says of itself stays the same: its text, and at least one of the serial numbers of
+  // its stations. A unit that says nothing is believed.
   bool IsSameUnit() {
     const auto answer = AskOnce(std::string(1, kWhoCommand) + "\r", kWhoCommand);
     if (!answer || answer->size() <= kWhoText) return line_ != nullptr;
     const Answer text(answer->begin() + kWhoText, answer->end());
-    if (unit_.empty()) unit_ = text;
-    if (unit_ == text) return true;
+    std::vector<Answer> serials = AskSerials();
+    if (!line_) return false;
+    const bool sameText = unit_.empty() || unit_ == text;
+    const bool sameParts = serials_.empty() || serials.empty() ||
+                           std::ranges::find_first_of(serials_, serials) != serials_.end();
+    if (sameText && sameParts) {
+      unit_ = text;
+      if (!serials.empty()) serials_ = std::move(serials);
+      return true;
+    }
     PrintOnce("Another tracker answers on " +
               (found_.name.empty() ? std::string("the line") : found_.name) +
-              "; it is left alone.");
+              "; it is left alone. To use it, start Kinetrel anew.");
     return false;
+  }
+
+  // What is at each station, as far as the unit tells. Ends at the first question without answer.
+  std::vector<Answer> AskSerials() {
+    std::vector<Answer> serials;
+    for (int station = 1; station <= MostStations(); ++station) {
+      const auto answer =
+          AskOnce(static_cast<char>(kWhoCommand) + std::to_string(station) + "\r", kWhoCommand);
+      if (!answer) break;
+      // A number, then a text. An error has no body here.
+      if (answer->size() > kSerialText) serials.push_back(*answer);
+    }
+    return serials;
   }
 
   // A line that has gone is tried again and again; the reason is printed only when it changes.
@@ -318,6 +341,7 @@ class LineLiberty final : public LibertyTracker {
 
   // Reads what has arrived: poses go to the cycles, the answer to `command` into `answer`.
   void ReadArrived(std::uint8_t command = 0, std::optional<Answer>* answer = nullptr) {
+    readAt_ = NowMs();
     for (bool more = true; more;) {
       const auto room = std::as_writable_bytes(reader_.Room());
       const auto got = line_->Read(room);
@@ -390,12 +414,15 @@ class LineLiberty final : public LibertyTracker {
     reader_.SetRecordSize(layout.recordSize);
     cycles_.SetLayout(layout.recordSize, layout.frameCount);
     cycles_.SetStations(wanted_, NowMs());
+    const std::size_t perSecond = std::max<std::size_t>(found_.perSecond, 1);
+    cycles_.SetLineTime(static_cast<std::int64_t>(1000 * SizeOfCycle() / perSecond));
   }
 
   const LibertyOpener opener_;
   LibertyConnection found_;  // without its line
   std::unique_ptr<ByteLine> line_;
-  Answer unit_;  // the text that the first unit gave about itself
+  Answer unit_;                  // the text that the first unit gave about itself
+  std::vector<Answer> serials_;  // of its stations, when it was last connected
   LibertyFrameReader reader_;
   LibertyCycles cycles_;
   std::vector<std::int32_t> items_;
@@ -403,11 +430,14 @@ class LineLiberty final : public LibertyTracker {
   std::uint32_t wanted_ = 0;     // as the program asked for; unplugged sensors are waited for
   std::uint32_t returning_ = 0;  // to be made active, with those that are; 0: none
   std::int64_t nextLook_ = 0;    // ms
-  int fitted_ = 0;               // the code of the rate that FitRate set
-  int rate_ = 0;                 // the code that the program set; 0: none
-  bool answers_ = true;          // the last question was answered
-  bool looked_ = false;          // at the line, for the records of the next frame
-  std::string printed_;          // the reason that was printed last
+  // ms, when all that had arrived was read. A thread that is held up after that may find records
+  // waiting that are not late.
+  std::int64_t readAt_ = 0;
+  int fitted_ = 0;       // the code of the rate that FitRate set
+  int rate_ = 0;         // the code that the program set; 0: none
+  bool answers_ = true;  // the last question was answered
+  bool looked_ = false;  // at the line, for the records of the next frame
+  std::string printed_;  // the reason that was printed last
 };
 
 }  // namespace

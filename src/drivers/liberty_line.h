@@ -73,7 +73,9 @@ struct LibertyConnection {
 using LibertyOpener = std::function<LibertyConnection(int port, unsigned baud, std::string& why)>;
 
 // Nothing is written to the tracker's permanent memory: it forgets its settings when it is switched
-// off. Connect refuses another unit than the first one, as far as units say who they are.
+// off. Connect refuses another unit than the first one, as far as units say who they are: by the
+// answers to ^V, and to ^V with the number of a station. The manual leaves open whether the latter
+// is of the unit or of its sensor, so one that is the same is enough.
 std::unique_ptr<LibertyTracker> MakeLineLiberty(LibertyOpener opener);
 
 // On the serial port COM<port>.

@@ -9,6 +9,7 @@
 namespace kinetrel {
 
 // name  "usb" for the only unit, or "usb:1-2.3"; see devices/polhemus_usb.h.
-std::unique_ptr<LibertyTracker> MakeUsbLiberty(std::string name);
+// tap   sees the line; may be null.
+std::unique_ptr<LibertyTracker> MakeUsbLiberty(std::string name, std::shared_ptr<LineTap> tap);
 
 }  // namespace kinetrel

@@ -127,7 +127,7 @@ void LibertyCycles::Close() {
 }
 
 std::span<const std::uint8_t> LibertyCycles::Take(std::int64_t nowMs) {
-  if (have_ != 0 && nowMs - began_ > kTimeOut) Close();
+  if (have_ != 0 && nowMs - began_ > lineTime_ + kTimeOut) Close();
   if (made_ == 0) return {};
   if (taken_ < made_) {
     ++taken_;

@@ -75,6 +75,9 @@ class LibertyCycles {
   // counterOffset  of the frame count, which is the same in all poses of a cycle.
   void SetLayout(std::size_t recordSize, std::size_t counterOffset);
 
+  // How long the line needs for a cycle, beyond which kTimeOut begins.
+  void SetLineTime(std::int64_t ms) { lineTime_ = ms; }
+
   // The stations whose poses are taken; bit 0 is station 1.
   void SetStations(std::uint32_t active, std::int64_t nowMs);
 
@@ -115,7 +118,8 @@ class LibertyCycles {
   Records collected_{};      // the poses of the open cycle, by station
   std::uint32_t have_ = 0;   // their stations
   std::uint32_t counter_ = 0;
-  std::int64_t began_ = 0;  // ms, the open cycle
+  std::int64_t began_ = 0;     // ms, the open cycle
+  std::int64_t lineTime_ = 0;  // ms
   std::uint32_t active_ = 0;
   std::array<std::int64_t, kLibertyStations> lastPose_{};  // ms, by station
   std::array<int, kLibertyStations> misses_{};             // closed cycles in a row without a pose

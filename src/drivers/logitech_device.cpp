@@ -405,6 +405,7 @@ bool LogitechDevice::SetSensorOffsetComponent(int sensor, unsigned component, do
   if (sensor >= static_cast<int>(kSensors)) return false;
   const unsigned channel =
       component < kLogitechChannels ? kChannelOfComponent[component] : component;
+  gate_.Forget();
   if (channel < channels_.size()) channels_[channel].offset = value;
   if (component < givenOffset_.size()) givenOffset_[component] = static_cast<float>(value);
   return TrackerDevice::SetSensorOffsetComponent(sensor, component, value);
@@ -418,6 +419,7 @@ bool LogitechDevice::SetSensorOffset(int sensor, const float pose[6]) {
 }
 
 void LogitechDevice::SetChannelOffsets() {
+  gate_.Forget();  // a new offset moves the pose at once
   const bool facing = protocol_ == static_cast<int>(LogitechMounting::Facing);
   const Pose onAxes = facing ? MountFacing(givenOffset_) : givenOffset_;
   for (std::size_t i = 0; i < onAxes.size(); ++i) {

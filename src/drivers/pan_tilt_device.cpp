@@ -41,6 +41,7 @@ constexpr std::size_t kPan = 4;
 constexpr std::size_t kTilt = 5;
 constexpr double kRadiansPerCount = kPi / 2000.0;
 constexpr double kFastest = 70;  // answers a second that the line carries
+constexpr double kHardestTurn = 10'000 * kRadiansPerDegree;  // a second, each second
 
 // ---- How long the head may take, ms ----------------------------------------------------------
 
@@ -140,7 +141,9 @@ unsigned PanTiltDevice::ReadFrame(double* sampleTime) {
   Pose pose = poses_[0];
   pose[3] = static_cast<float>(channels_[kPan].Value());
   pose[4] = static_cast<float>(channels_[kTilt].Value());
-  if (!gate_.Accept(MotionGate::SampleOf(pose, 1, time), {1.0 / kFastest, 0, kRadiansPerCount})) {
+  MotionGate::Source source{1.0 / kFastest, 0, kRadiansPerCount};
+  source.hardestAngle = kHardestTurn;
+  if (!gate_.Accept(MotionGate::SampleOf(pose, 1, time), source)) {
     Post(statusLog_, StatusCode::Refused, "A record was damaged: the pose jumps.");
     TellDropped();
     return 0;

@@ -23,6 +23,9 @@ void SendSettings(EngineState& state) REQUIRES(state.mutex) {
   device.SetComponentMask(config.componentMask);
   device.SetSensorOffset(-1, config.transmitterOffset.data());
   device.SetHemisphere(-1, config.hemisphere.data());
+  for (const SensorSettings& each : config.sensors) {
+    if (each.hemisphere) device.SetHemisphere(each.sensor, each.hemisphere->data());
+  }
   if (FamilyOf(device.GetStatusCode()) == DeviceFamily::Gps) config.units = kGpsUnits;
   device.SetUnits(config.units);
   device.SetSynchronization(config.sync);
@@ -47,16 +50,23 @@ void PushRoll(EngineState& state, const EngineLock&) {
 }
 
 void PushAlignment(EngineState& state, const EngineLock&, StatusCode code) {
-  if (!state.config.Aligned()) return;
-  const float* const x = state.config.alignX.data();
-  const float* const y = state.config.alignY.data();
-  if (state.device->SetAlignment(-1, x, y) == 0) return;
-  Announce(state.status, " ", code, "ALIGNED");
+  StartConfig& config = state.config;
+  TrackerDevice& device = *state.device;
+  bool aligned = false;
+  if (config.Aligned()) {
+    aligned = device.SetAlignment(-1, config.alignX.data(), config.alignY.data()) != 0;
+  }
+  for (const SensorSettings& each : config.sensors) {
+    if (!each.alignment) continue;
+    const float* const axes = each.alignment->data();
+    aligned = device.SetAlignment(each.sensor, axes, axes + 3) != 0 || aligned;
+  }
+  if (aligned) Announce(state.status, " ", code, "ALIGNED");
 }
 
 int OpenConfiguredPort(TrackerDevice& device, const StartConfig& config) {
-  if (config.port == StartConfig::kUsbPort && !config.usbUnit.empty()) {
-    return device.OpenPort(config.usbUnit.c_str(), StartConfig::kBaud);
+  if (!config.PortName().empty()) {
+    return device.OpenPort(config.portName.c_str(), StartConfig::kBaud);
   }
   return device.OpenPortNumber(config.port, StartConfig::kBaud);
 }

@@ -23,7 +23,8 @@ inline constexpr float kRolledOver = -3.1415927F;
 // roll setting does nothing.
 void PushRoll(EngineState& state, const EngineLock& lock) REQUIRES(state.mutex);
 
-// Sends the alignment if one is given. Prints and logs, with `code`, that the device accepted it.
+// Sends the alignments that are given: that of all sensors, then those of single ones. Prints and
+// logs, with `code`, that the device accepted it.
 void PushAlignment(EngineState& state, const EngineLock& lock, StatusCode code)
     REQUIRES(state.mutex);
 

@@ -282,8 +282,10 @@ void TrackerEngine::PushFloats(ControlCall& call, EngineAttribute attribute) {
   if (attribute == EngineAttribute::Offset) {
     device.SetSensorOffset(-1, state_->config.transmitterOffset.data());
   } else if (attribute == EngineAttribute::Hemisphere) {
+    for (SensorSettings& each : state_->config.sensors) each.hemisphere.reset();
     device.SetHemisphere(-1, state_->config.hemisphere.data());
   } else {
+    for (SensorSettings& each : state_->config.sensors) each.alignment.reset();
     PushAlignment(*state_, call.lock(), StatusCode::Progress);
   }
 }

@@ -11,7 +11,7 @@
 #include "devices/bounded_text.h"
 #include "engine/control_call.h"
 #include "engine/tracker_engine.h"
-#include "filters/filter_spec.h"
+#include "filters/filter_option.h"
 #include "publish/shared_track_reader.h"
 #include "publish/shared_track_writer.h"
 
@@ -166,6 +166,7 @@ int TrackerEngine::AddFilterNamed(const int key[3], const char* text) {
     call.Refuse(error.c_str());
     return -1;
   }
+  LogDescription(state_->status, *filter);
   return call.UseFilters(key).Append(std::move(filter));
 }
 

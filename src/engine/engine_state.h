@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "capture/capture.h"
 #include "devices/daq_control.h"
 #include "devices/status_log.h"
 #include "devices/tracker_device.h"
@@ -50,6 +52,7 @@ struct EngineState {
   std::shared_ptr<TrackerDevice> device GUARDED_BY(mutex);
   DeviceRequests requests GUARDED_BY(mutex);
   std::shared_ptr<DAQControl> joystick GUARDED_BY(mutex);
+  std::shared_ptr<Capture> capture GUARDED_BY(mutex);  // of the open device; null: none
   unsigned samplingRun GUARDED_BY(mutex) = 0;  // the newest run's; see SampleLoop::Superseded
   std::weak_ptr<RecordStreamWriter> stream GUARDED_BY(mutex);  // the newest run's; empty: none
   MappingTable mappings GUARDED_BY(mutex);
@@ -67,7 +70,9 @@ struct EngineState {
 
   // May be read without the mutex.
   std::atomic<bool> isOpen = false;
-  std::atomic<int> pendingCalls = 0;  // control calls that run or wait now
+  std::atomic<int> pendingCalls = 0;      // control calls that run or wait now
+  std::atomic<std::uint64_t> passes = 0;  // of the sampling loop, with a frame or without
+  std::atomic<std::uint64_t> frames = 0;  // that were published
 };
 
 }  // namespace kinetrel

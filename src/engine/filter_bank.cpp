@@ -1,5 +1,8 @@
 #include "engine/filter_bank.h"
 
+#include <algorithm>
+#include <utility>
+
 namespace kinetrel {
 
 // ---- Control calls ---------------------------------------------------------------------------
@@ -52,6 +55,13 @@ void FilterBank::Begin(unsigned run) {
   }
 }
 
+void FilterBank::Entry::Work(const PoseSample& own) {
+  newest.emplace().sample = own;
+  if (!chain.IsEnabled()) return;
+  newest->whole = chain.FilterSample(newest->sample);
+  newest->lag = chain.Lag();
+}
+
 std::optional<FilteredPose> FilterBank::Filter(unsigned run, const PoseSample& own) {
   if (IsEmpty()) return std::nullopt;
   std::optional<FilteredPose> first;
@@ -59,10 +69,32 @@ std::optional<FilteredPose> FilterBank::Filter(unsigned run, const PoseSample& o
   if (run != run_) return std::nullopt;
   for (auto& [key, entry] : entries_) {
     if (entry.sensor != own.sensor || entry.chain.GetNumFilters() == 0) continue;
-    FilteredPose& newest = entry.newest.emplace();
-    newest.sample = own;
-    newest.whole = !entry.chain.IsEnabled() || entry.chain.FilterSample(newest.sample);
-    if (!first.has_value()) first = newest;
+    entry.Work(own);
+    entry.gaveUp = false;
+    if (!first.has_value()) first = entry.newest;
+  }
+  return first;
+}
+
+std::optional<FilteredPose> FilterBank::FilterMissing(unsigned run, int sensor,
+                                                      std::int64_t timeNs) {
+  if (IsEmpty()) return std::nullopt;
+  std::optional<FilteredPose> first;
+  bool shown = false;  // the first mapping with a filter was there
+  const Lock held(mutex);
+  if (run != run_) return std::nullopt;
+  for (auto& [key, entry] : entries_) {
+    if (entry.sensor != sensor || entry.chain.GetNumFilters() == 0) continue;
+    const bool isFirst = !std::exchange(shown, true);
+    const bool bridges = entry.chain.IsEnabled() && entry.chain.BridgesGaps();
+    if (!bridges || !entry.newest.has_value() || entry.gaveUp) continue;
+    PoseSample missing;
+    missing.timeNs = std::max(timeNs, entry.newest->sample.timeNs);  // never backwards
+    missing.sensor = sensor;
+    missing.metresPerUnit = entry.newest->sample.metresPerUnit;
+    entry.Work(missing);
+    entry.gaveUp = !entry.newest->sample.hasPosition && !entry.newest->sample.hasOrientation;
+    if (isFirst) first = entry.newest;
   }
   return first;
 }

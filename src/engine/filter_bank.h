@@ -22,6 +22,7 @@ namespace kinetrel {
 struct FilteredPose {
   PoseSample sample;
   bool whole = true;  // false: a filter could not work on it
+  double lag = 0.0;   // s; see Filter::Lag
 };
 
 class FilterBank {
@@ -54,6 +55,15 @@ class FilterBank {
   //          pose slot; nothing if none has.
   std::optional<FilteredPose> Filter(unsigned run, const PoseSample& own) EXCLUDES(mutex);
 
+  // Fills a gap: works out a pose for a sensor that sends nothing now and has sent before. Only the
+  // mappings whose chains bridge gaps do so. A mapping whose pose became invalid waits for the
+  // sensor's next record.
+  //
+  // timeNs   of what the sensor would have sent.
+  // Returns  as Filter; nothing as well when the first mapping with a filter bridges no gaps.
+  std::optional<FilteredPose> FilterMissing(unsigned run, int sensor, std::int64_t timeNs)
+      EXCLUDES(mutex);
+
   // The newest pose of a mapping; nothing if it has no filter.
   std::optional<FilteredPose> NewestOf(const MappingKey& key) EXCLUDES(mutex);
 
@@ -62,6 +72,9 @@ class FilterBank {
     int sensor = -1;
     FilterChain chain;
     std::optional<FilteredPose> newest;
+    bool gaveUp = false;  // the gap that it bridged lasts longer than its filters go on
+
+    void Work(const PoseSample& own);
   };
 
   StatusLog& log_;

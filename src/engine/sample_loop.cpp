@@ -19,7 +19,7 @@ constexpr int kNapMargin = 10;  // ms; a streaming device is read this much befo
 
 const char* UnitsText(unsigned units) { return units == 1 ? "CM" : units == 3 ? "METER" : "INCH"; }
 
-// Filters may replace the pose of a record without one, but not of a sensor without records.
+// An old filtered pose must not stand for a sensor without records.
 bool IsFresh(const PoseSample& sample) {
   constexpr std::int64_t kHold = 500'000'000;  // ns
   return StreamNanoseconds(ClockTicks()) - sample.timeNs <= kHold;
@@ -94,7 +94,7 @@ void SampleLoop::ChooseMode() {
 void SampleLoop::RaisePriority() {
   const Status raised = RaiseToTimeCritical();
   if (raised.Ok()) return;
-  Announce(state_->status, "\n\t", StatusCode::Setup,
+  Announce(state_->status, "\n\t", StatusCode::Refused,
            "Sampling without real-time priority: %s. Other programs may delay the poses. "
            "Run as administrator, or on Linux give your account a limit of rtprio 50.",
            Describe(raised).c_str());
@@ -145,13 +145,32 @@ void SampleLoop::ReportHeader() {
            UnitsText(header_.units));
   rate_ = device_->GetFrameRate();
   Announce(log, "\n\t", StatusCode::Setup, "Rate = %d Hz.", rate_);
+  ReportSlowLine();
   nap_ = streaming_ && rate_ > 0 ? std::max(0, 1000 / rate_ - kNapMargin) : 0;
+}
+
+// The rate above is the one at which the device measures.
+void SampleLoop::ReportSlowLine() {
+  constexpr int kBitsPerByte = 10;
+  const auto* const records = dynamic_cast<const SerialRecords*>(device_.get());
+  if (records == nullptr || device_->GetPortNumber() == kUsbPortNumber) return;
+  const int baud =
+      static_cast<int>(device_->GetBaudRate());  // other devices may have to measure it
+  if (baud <= 0) return;
+  const int bits =
+      kBitsPerByte * static_cast<int>(records->RecordSize()) * device_->GetActiveSensorCount();
+  if (bits <= 0 || baud / bits >= rate_) return;
+  Announce(state_->status, "\n\t\t", StatusCode::Setup,
+           "The line carries %d of them at %d baud: set the tracker to a higher rate.", baud / bits,
+           baud);
 }
 
 void SampleLoop::OpenStream() {
   stream_.emplace(state_->status, state_->filters, run_);
+  stream_->CaptureInto(state_->capture);
   stream_->Open(state_->config.shmDevice, *device_, state_->config.deviceType, rate_,
                 writer_->timer().startCount());
+  stream_->NameSensors(state_->config.sensors);
   state_->stream = stream_->writer();
 }
 
@@ -247,10 +266,12 @@ void SampleLoop::Pass(EngineLock& lock) {
   header_ = ReadHeader();
   const Frame frame = ReadFrame(lock);
   if (Superseded()) return;
+  ++state_->passes;
   if ((frame.updated & header_.sensors) != 0) {
     stream_->EndGoodFrame();
     PublishFrame(lock, frame);
     if (Superseded()) return;
+    ++state_->frames;
     NoteSuccess();
   } else {
     NoteFailure(lock, frame);
@@ -459,8 +480,9 @@ void SampleLoop::NoteFailure(EngineLock& lock, const Frame& frame) {
   const bool keyboard = device_->GetStatusCode() == kKeyboardStatus;
   stream_->EndFailedFrame(keyboard);
   // A read that failed at once must not be repeated at once: at this priority it would block the
-  // machine.
-  if (frame.atOnce || (nap_ == 0 && !keyboard)) lock.Leave([] { SleepFor(kBackOff); });
+  // machine. After a damaged record the next one is as near as ever.
+  const bool silent = nap_ == 0 && !keyboard && !stream_->hasDropped();
+  if (frame.atOnce || silent) lock.Leave([] { SleepFor(kBackOff); });
   if (keyboard) return;  // no key pressed is no failure
   if (!inError_) LogFailure();
   ShowTransient("e\b");

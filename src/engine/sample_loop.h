@@ -48,6 +48,7 @@ class SampleLoop {
   bool OpenSharedMemory() REQUIRES(state_->mutex);
   void OpenStream() REQUIRES(state_->mutex);
   void ReportHeader();
+  void ReportSlowLine();
   void WriteBinHeaders() REQUIRES(state_->mutex);
   void WriteHeader(SharedTrackBlock& block);  // of the current bin, locked
   void BeginDevice(EngineLock& lock) REQUIRES(state_->mutex);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <limits>
 #include <span>
+#include <utility>
 
 #include "devices/pose.h"
 #include "devices/tracker_device.h"
@@ -15,7 +16,10 @@
 namespace kinetrel {
 namespace {
 
-constexpr std::int64_t kSilence = 1'000'000'000;  // ns without a record that are worth telling
+constexpr std::int64_t kSilence = 1'000'000'000;   // ns without a record that are worth telling
+constexpr std::int64_t kSecond = 1'000'000'000;    // ns
+constexpr std::int64_t kShortestGap = 50'000'000;  // ns
+constexpr int kMissedRecords = 3;                  // that make a gap
 constexpr float kAbsent = std::numeric_limits<float>::quiet_NaN();
 
 std::int64_t Now() { return StreamNanoseconds(ClockTicks()); }
@@ -145,10 +149,14 @@ StreamPublisher::~StreamPublisher() {
 void StreamPublisher::Open(int shmDevice, TrackerDevice& device, int deviceType, int rate,
                            std::int64_t origin) {
   device_ = &device;
+  slot_ = shmDevice + 1;
+  deviceType_ = deviceType;
   packed_ = dynamic_cast<PackedRecords*>(&device);
   rate_ = rate;
   origin_ = StreamNanoseconds(origin);
   filters_.Begin(run_);
+  ownButtons_ = dynamic_cast<const ButtonBits*>(&device);
+  told_ = {};
   Result<std::unique_ptr<RecordStreamWriter>> opened = RecordStreamWriter::Open(shmDevice);
   if (!opened.Ok()) {
     Announce(log_, "\n\t", StatusCode::SharedMemory,
@@ -157,8 +165,6 @@ void StreamPublisher::Open(int shmDevice, TrackerDevice& device, int deviceType,
     return;
   }
   writer_ = std::move(*opened);
-  ownButtons_ = dynamic_cast<const ButtonBits*>(&device);
-  deviceType_ = deviceType;
   lastNews_ = Now();
   DescribeDevice(device.GetSensorMask());
   log_.Attach(*this);
@@ -166,15 +172,32 @@ void StreamPublisher::Open(int shmDevice, TrackerDevice& device, int deviceType,
 
 void StreamPublisher::DescribeDevice(unsigned sensors) {
   sensors_ = sensors;
-  writer_->ChangeRun([this](kinetrel_run& run) {
-    std::snprintf(run.device_name, sizeof run.device_name, "%s", device_->GetDeviceName());
-    run.device_type = deviceType_;
-    run.port = device_->GetPortNumber();
-    run.unit = context_.units;
-    run.components = context_.components;
-    run.sensor_mask = sensors_;
-    run.nominal_rate = rate_;
-    run.azimuth_zero = double{context_.azimuthZero};
+  if (writer_ != nullptr) writer_->ChangeRun([this](kinetrel_run& run) { FillRun(run); });
+  if (capture_ == nullptr) return;
+  kinetrel_run run{};
+  FillRun(run);
+  capture_->OnRun(slot_, run);
+}
+
+void StreamPublisher::FillRun(kinetrel_run& run) const {
+  std::snprintf(run.device_name, sizeof run.device_name, "%s", device_->GetDeviceName());
+  run.device_type = deviceType_;
+  run.port = device_->GetPortNumber();
+  run.unit = context_.units;
+  run.components = context_.components;
+  run.sensor_mask = sensors_;
+  run.nominal_rate = rate_;
+  run.azimuth_zero = double{context_.azimuthZero};
+}
+
+void StreamPublisher::NameSensors(const std::vector<SensorSettings>& sensors) {
+  if (writer_ == nullptr) return;
+  writer_->ChangeRun([&sensors](kinetrel_run& run) {
+    for (const SensorSettings& each : sensors) {
+      if (each.name.empty()) continue;
+      auto& name = run.sensor_names[each.sensor];
+      std::snprintf(name, sizeof name, "%s", each.name.c_str());
+    }
   });
 }
 
@@ -184,11 +207,12 @@ void StreamPublisher::BeginFrame(unsigned sensors, const RecordContext& context)
   const bool same = sensors == sensors_ && context == context_;
   context_ = context;
   sensors_ = sensors;
-  if (!same && writer_ != nullptr) DescribeDevice(sensors);
+  hasDropped_ = false;
+  if (!same && (writer_ != nullptr || capture_ != nullptr)) DescribeDevice(sensors);
 }
 
 void StreamPublisher::OnRecords(unsigned sensors, double sampleTime, int code) {
-  if (writer_ == nullptr && filters_.IsEmpty()) return;
+  if (writer_ == nullptr && capture_ == nullptr && filters_.IsEmpty()) return;
   std::array<kinetrel_record, kinetrel_stream_sensors> records;
   std::array<kinetrel_device_pose, kinetrel_stream_sensors> own;
   std::size_t count = 0;
@@ -197,9 +221,23 @@ void StreamPublisher::OnRecords(unsigned sensors, double sampleTime, int code) {
     FillRecord(records[count], own[count], sensor, sampleTime, code);
     ++count;
   }
-  if (count == 0 || writer_ == nullptr) return;
+  if (count == 0) return;
   if (frameTime_ == 0) frameTime_ = records[0].sample_ns;
-  writer_->Publish(std::span(records).first(count), own.data());
+  Publish(std::span(records).first(count), own.data());
+}
+
+void StreamPublisher::Publish(std::span<kinetrel_record> records, kinetrel_device_pose* own) {
+  if (writer_ != nullptr) writer_->Publish(records, own);
+  if (capture_ != nullptr) CaptureRecords(records, own);
+}
+
+// Without a stream the records have no time of publication.
+void StreamPublisher::CaptureRecords(std::span<kinetrel_record> records,
+                                     const kinetrel_device_pose* own) {
+  if (writer_ == nullptr) {
+    for (kinetrel_record& record : records) record.publish_ns = Now();
+  }
+  capture_->OnRecords(slot_, records, own);
 }
 
 void StreamPublisher::FillRecord(kinetrel_record& record, kinetrel_device_pose& devicePose,
@@ -209,7 +247,12 @@ void StreamPublisher::FillRecord(kinetrel_record& record, kinetrel_device_pose& 
   record.sensor = static_cast<std::uint32_t>(sensor);
   record.frame = frame_;
   record.sample_ns = origin_ + std::llround(sampleTime * 1e9);
-  if (!filters_.IsEmpty()) FilterRecord(record, devicePose, index);
+  told_[record.sensor] = record.sample_ns;
+  if (!filters_.IsEmpty()) {
+    FilterRecord(record, devicePose, index);
+  } else if (HasStation(lagging_, sensor)) {
+    ShowLag(sensor, 0.0);
+  }
   const ButtonBits::Buttons own =
       ownButtons_ != nullptr ? ownButtons_->OwnButtons() : ButtonBits::Buttons{};
   record.buttons = (joystick_.bits & joystick_.known & ~own.known) | (own.bits & own.known);
@@ -236,6 +279,7 @@ void StreamPublisher::FilterRecord(kinetrel_record& record, kinetrel_device_pose
   sample.sensor = static_cast<int>(record.sensor);
   sample.metresPerUnit = MetresOf(context_.units);
   const std::optional<FilteredPose> filtered = filters_.Filter(run_, sample);
+  ShowLag(sample.sensor, filtered.has_value() ? filtered->lag : 0.0);
   if (!filtered.has_value()) return;
   devicePose.flags = record.flags;
   std::ranges::copy(record.position, devicePose.position);
@@ -244,7 +288,46 @@ void StreamPublisher::FilterRecord(kinetrel_record& record, kinetrel_device_pose
   PutFiltered(record, *filtered, context_.azimuthZero);
 }
 
+void StreamPublisher::ShowLag(int sensor, double seconds) {
+  lagging_ = seconds > 0.0 ? lagging_ | StationBit(sensor) : lagging_ & ~StationBit(sensor);
+  if (writer_ != nullptr) writer_->SetFilterLag(sensor, seconds);
+}
+
+// Publishes what the filters make of the sensors that have sent no record for a while. The device's
+// own pose beside such a record has no valid part.
+bool StreamPublisher::BridgeGaps(std::int64_t timeNs) {
+  if (filters_.IsEmpty()) return false;
+  bool published = false;
+  const std::int64_t patience =
+      std::max(kShortestGap, rate_ > 0 ? kMissedRecords * kSecond / rate_ : kShortestGap);
+  for (int sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
+    const std::int64_t told = told_[static_cast<std::size_t>(sensor)];
+    if (!HasStation(sensors_, sensor) || told == 0 || timeNs - told < patience) continue;
+    const std::optional<FilteredPose> pose = filters_.FilterMissing(run_, sensor, timeNs);
+    if (!pose.has_value()) continue;
+    kinetrel_record record = BridgingRecord(sensor, timeNs, *pose);
+    kinetrel_device_pose own{};
+    std::ranges::fill(own.position, double{kAbsent});
+    std::ranges::fill(own.orientation, kAbsent);
+    std::ranges::fill(own.angles, kAbsent);
+    Publish({&record, 1}, &own);
+    published = true;
+  }
+  return published;
+}
+
+kinetrel_record StreamPublisher::BridgingRecord(int sensor, std::int64_t timeNs,
+                                                const FilteredPose& pose) const {
+  kinetrel_record record{};
+  record.sensor = static_cast<std::uint32_t>(sensor);
+  record.frame = frame_;
+  record.sample_ns = timeNs;
+  PutFiltered(record, pose, context_.azimuthZero);
+  return record;
+}
+
 void StreamPublisher::OnDropped() {
+  hasDropped_ = true;
   if (writer_ != nullptr) writer_->NoteDropped(1);
 }
 
@@ -256,13 +339,13 @@ void StreamPublisher::CountBytes() {
 }
 
 void StreamPublisher::EndGoodFrame() {
-  if (writer_ == nullptr) return;
-  CountBytes();
-  if (frameTime_ != 0) {
-    writer_->NoteFrame(frameTime_);
-    frameTime_ = 0;
+  if (const std::int64_t frameTime = std::exchange(frameTime_, 0); frameTime != 0) {
+    BridgeGaps(frameTime);
+    if (writer_ != nullptr) writer_->NoteFrame(frameTime);
     ++frame_;
   }
+  if (writer_ == nullptr) return;
+  CountBytes();
   lastNews_ = Now();
   if (state_ == kinetrel_state_running) return;
   if (state_ == kinetrel_state_recovering) writer_->NoteRecovery();
@@ -270,7 +353,9 @@ void StreamPublisher::EndGoodFrame() {
 }
 
 void StreamPublisher::EndFailedFrame(bool quiet) {
-  if (writer_ == nullptr || quiet) return;
+  if (quiet) return;
+  if (BridgeGaps(Now()) && frameTime_ == 0) ++frame_;
+  if (writer_ == nullptr) return;
   writer_->NoteFailedRead();
   CountBytes();
   if (state_ == kinetrel_state_recovering || Now() - lastNews_ < kSilence) return;

@@ -20,6 +20,12 @@ struct RetiredType {
 };
 constexpr RetiredType kRetiredTypes[] = {{5, "SpaceBall"}, {7, "Veltrano MTS client"}};
 
+// A port in a message: its path if the configuration has one, else its number.
+std::string PortText(const StartConfig& config, int number) {
+  const bool isPath = config.port == StartConfig::kNamedPort && !config.PortName().empty();
+  return isPath ? config.portName : std::to_string(number);
+}
+
 }  // namespace
 
 TrackerEngine::TrackerEngine(DeviceFactory factory)
@@ -58,18 +64,37 @@ OpenResult TrackerEngine::Open(int deviceType, int port, bool resetConfiguration
   state_->trackerName.clear();
   state_->requests = {};
   if (deviceType == kIsenseType) state_->config.componentMask = kEulerComponent;
+  BeginCapture();
   const OpenResult result = Attach(lock);
-  if (result != OpenResult::Opened) return result;
+  if (result != OpenResult::Opened) {
+    state_->capture.reset();
+    return result;
+  }
 
   SetSharedMemoryDevice(lock, state_->config.shmDevice);
   state_->isOpen = true;
   return OpenResult::Opened;
 }
 
+// Before the port is opened: a tracker that does not boot is what a capture is wanted for.
+void TrackerEngine::BeginCapture() {
+  const std::string& file = state_->config.captureFile;
+  if (file.empty()) return;
+  auto begun = Capture::Open(file, state_->config.captureOptions,
+                             std::shared_ptr<StatusLog>(state_, &state_->status));
+  if (begun.Ok()) {
+    state_->capture = std::move(*begun);
+    return;
+  }
+  Announce(state_->status, "\n\t", StatusCode::Refused, "No capture in %s: %s.", file.c_str(),
+           Describe(begun.status()).c_str());
+}
+
 OpenResult TrackerEngine::Attach(const EngineLock& lock) {
   std::shared_ptr<TrackerDevice> device = MakeDevice(state_->config.deviceType);
   if (device == nullptr) return OpenResult::NoDevice;
   device->SetStatusLog(&state_->status);
+  device->SetTap(state_->capture);
   Announce(state_->status, "\n", StatusCode::Progress, "Initializing %s... ",
            device->GetDeviceName());
   if (!OpenPort(*device)) return OpenResult::PortFailed;
@@ -87,6 +112,8 @@ OpenResult TrackerEngine::Attach(const EngineLock& lock) {
     state_->config.sensorMask = sensors;
     ResetMappings(lock);
   }
+  for (const FilterOption& option : state_->config.filters)
+    LogDescription(state_->status, *option.filter);
   return OpenResult::Opened;
 }
 
@@ -112,9 +139,9 @@ std::unique_ptr<TrackerDevice> TrackerEngine::MakeDevice(int deviceType) {
 
 bool TrackerEngine::OpenPort(TrackerDevice& device) {
   StatusLog& log = state_->status;
-  const int asked = state_->config.port;
+  const std::string asked = PortText(state_->config, state_->config.port);
   if (OpenConfiguredPort(device, state_->config) < 1) {
-    Announce(log, "\n\t", StatusCode::Port, "Port(%d) failed to open(%d).", asked,
+    Announce(log, "\n\t", StatusCode::Port, "Port(%s) failed to open(%d).", asked.c_str(),
              static_cast<int>(device.portStatus()));
     if (!device.openFailure().empty()) {
       Announce(log, "\n\t\t", StatusCode::Port, "%s", device.openFailure().c_str());
@@ -125,7 +152,8 @@ bool TrackerEngine::OpenPort(TrackerDevice& device) {
   if (opened > 255) {
     Announce(log, "\n\t", StatusCode::PortOpen, "USB port open ... ");
   } else {
-    Announce(log, "\n\t", StatusCode::PortOpen, "Serial port(%d) open ... ", opened);
+    Announce(log, "\n\t", StatusCode::PortOpen, "Serial port(%s) open ... ",
+             PortText(state_->config, opened).c_str());
   }
   return true;
 }
@@ -174,6 +202,8 @@ bool TrackerEngine::Close() {
   // that thread releases it.
   if (state_->device.use_count() == 1) state_->device->ClosePort();
   state_->device.reset();
+  if (state_->capture != nullptr) state_->capture->Close();
+  state_->capture.reset();
   state_->config.shmDevice = StartConfig::kShmFromPort;
   return true;
 }
@@ -226,28 +256,27 @@ void TrackerEngine::ResetMappings(const EngineLock& lock) {
   AddDefaultMappings(lock);
 }
 
-void TrackerEngine::AddDefaultMappings(const EngineLock&) {
-  for (int sensor = 0; sensor < kPoseSlots; ++sensor) {
-    if (!HasStation(state_->config.sensorMask, sensor)) continue;
-    const MappingKey key = {state_->config.shmDevice, 0, sensor};
-    if (state_->mappings.contains(key)) continue;
-    state_->MapSensor(key, sensor);
-    AddConfiguredFilters(key, sensor);
+void TrackerEngine::AddDefaultMappings(const EngineLock& lock) {
+  for (const ConfiguredMapping& mapping : state_->config.mappings) {
+    AddDefaultMapping(lock, mapping);
   }
+  if (!state_->config.mappings.empty()) return;
+  for (int sensor = 0; sensor < kPoseSlots; ++sensor) AddDefaultMapping(lock, {sensor, 0, sensor});
+}
+
+void TrackerEngine::AddDefaultMapping(const EngineLock&, const ConfiguredMapping& mapping) {
+  if (!HasStation(state_->config.sensorMask, mapping.sensor)) return;
+  const MappingKey key = {state_->config.shmDevice, mapping.bin, mapping.poseSlot};
+  if (state_->mappings.contains(key)) return;
+  state_->MapSensor(key, mapping.sensor);
+  AddConfiguredFilters(key, mapping.sensor);
 }
 
 void TrackerEngine::AddConfiguredFilters(const MappingKey& key, int sensor) {
-  for (const FilterSpec& spec : state_->config.filters) {
-    if (!HasStation(spec.sensors, sensor)) continue;
-    std::string error;
-    std::unique_ptr<Filter> filter = MakeFilter(spec.text, error);
-    if (filter == nullptr) {
-      Announce(state_->status, "\n\t", StatusCode::Refused, "Filter %s: %s", spec.text.c_str(),
-               error.c_str());
-      continue;
-    }
+  for (const FilterOption& option : state_->config.filters) {
+    if (!HasStation(option.sensors, sensor)) continue;
     const Lock held(state_->filters.mutex);
-    state_->filters.ChainOf(key).Append(std::move(filter));
+    state_->filters.ChainOf(key).Append(option.filter->Clone());
     state_->filters.Changed();
   }
 }
@@ -291,6 +320,8 @@ void TrackerEngine::StopAndWait() {
 bool TrackerEngine::WaitSampling(Milliseconds timeout) const { return worker_.Wait(timeout); }
 
 bool TrackerEngine::HasSamplingThread() const { return worker_.Exists(); }
+
+SamplingProgress TrackerEngine::Progress() const { return {state_->passes, state_->frames}; }
 
 bool TrackerEngine::ZeroAzimuth() {
   const EngineLock lock(state_->mutex);

@@ -7,6 +7,7 @@
 //          thread releases between frames.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 
 #include "devices/device_factory.h"
@@ -26,6 +27,12 @@ enum class OpenResult : int {
 };
 
 class ControlCall;
+
+// What the sampling thread has done since the engine was made, over all its runs.
+struct SamplingProgress {
+  std::uint64_t passes = 0;  // reads of the device, whatever came of them
+  std::uint64_t frames = 0;  // published frames
+};
 
 // The numbers of the engine's attributes, in the order of their table.
 enum class EngineAttribute : int {
@@ -90,6 +97,8 @@ class TrackerEngine {
   bool StopSampling(bool wait);                   // true; with `wait`, returns after at most 10 s
   bool WaitSampling(Milliseconds timeout) const;  // true: no thread, or it ended in time
   bool HasSamplingThread() const;                 // started, and not yet told to stop
+  // Takes no lock, so that it answers while the sampling thread hangs in a device.
+  SamplingProgress Progress() const;
 
   // Makes the azimuth last read from any sensor the zero of all sensors; RestoreAzimuth undoes
   // that. Always true.
@@ -100,8 +109,8 @@ class TrackerEngine {
   // and restarts a running sampling thread. 16 and above: false, and nothing changes.
   bool SetSharedMemoryDevice(int id);
 
-  // Makes a new mapping table: sensor i to pose slot i of bin 0, for every enabled sensor, with the
-  // filters of the configuration.
+  // Makes a new mapping table for every enabled sensor: the mappings of the configuration, or
+  // sensor i to pose slot i of bin 0 if it has none; with the filters of the configuration.
   bool ResetMappings();
   bool AddDefaultMappings();  // adds the missing ones of these
 
@@ -134,7 +143,7 @@ class TrackerEngine {
   // Filters are numbered from 0 in the order in which they are applied. The index -1 means the
   // mapping itself.
   int AddFilter(const int key[3], int filterType);  // the index; -1: no such type; 0 if closed
-  // Adds the filter of a text such as "rigid:scale=2"; see filters/filter_spec.h. The index; -1,
+  // Adds the filter of a text such as "rigid:scale=2"; see filters/filter_option.h. The index; -1,
   // and the reason in the status log: refused.
   int AddFilterNamed(const int key[3], const char* text);
   bool ClearFilters(const int key[3]);
@@ -159,6 +168,7 @@ class TrackerEngine {
 
  private:
   OpenResult Attach(const EngineLock& lock) REQUIRES(state_->mutex);
+  void BeginCapture() REQUIRES(state_->mutex);
   bool OpenPort(TrackerDevice& device) REQUIRES(state_->mutex);
   bool BootDevice(TrackerDevice& device);
   bool AttachJoystick(const EngineLock& lock) REQUIRES(state_->mutex);
@@ -166,6 +176,8 @@ class TrackerEngine {
   void StopAndWait() EXCLUDES(state_->mutex);
   void ResetMappings(const EngineLock& lock) REQUIRES(state_->mutex);
   void AddDefaultMappings(const EngineLock& lock) REQUIRES(state_->mutex);
+  void AddDefaultMapping(const EngineLock& lock, const ConfiguredMapping& mapping)
+      REQUIRES(state_->mutex);
   void AddConfiguredFilters(const MappingKey& key, int sensor) REQUIRES(state_->mutex);
   std::unique_ptr<TrackerDevice> MakeDevice(int deviceType);
   bool SetSharedMemoryDevice(EngineLock& lock, int id) REQUIRES(state_->mutex);

@@ -1,7 +1,6 @@
-// Decides what is published while a sensor sends poses that are not valid: for time-s it holds the
-// last valid pose or goes on with its speed, and afterwards the pose is not valid.
-//
-// It works on the records that the tracker sends. A tracker that sends nothing publishes nothing.
+// Decides what is published while a sensor sends poses that are not valid, or no records: for
+// time-s it holds the last valid pose or goes on with its speed, and afterwards the pose is not
+// valid.
 #pragma once
 
 #include "filters/tuned_filter.h"
@@ -12,6 +11,7 @@ class DropoutFilter final : public TunedFilter {
  public:
   DropoutFilter();
   std::unique_ptr<Filter> Clone() const override;
+  bool BridgesGaps() const override { return true; }
 
  private:
   const char* Work(PoseSample& sample, const Step& step) override;

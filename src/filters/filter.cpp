@@ -100,4 +100,10 @@ void Filter::SetName(const char* text) {
   if (text != nullptr) CopyTruncated(name_.data(), static_cast<int>(name_.size()), text);
 }
 
+void LogDescription(StatusLog& log, const Filter& filter) {
+  const std::string text = filter.Describe();
+  if (text.empty()) return;
+  log.SetStatusF(StatusCode::Setup, "Filter %s: %s", filter.GetName(), text.c_str());
+}
+
 }  // namespace kinetrel

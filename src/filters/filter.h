@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <type_traits>
 
 #include "devices/pose.h"
@@ -55,6 +56,7 @@ enum class FilterType : int {
   OutlierGate = 34,
   Dropout = 35,
   Prediction = 36,
+  Distortion = 37,
 };
 
 // One pose on its way through a chain, in units that do not depend on the device's settings.
@@ -125,6 +127,15 @@ class Filter {
   // Forgets what was learnt from the samples before: another run or another sensor begins.
   virtual void Restart() {}
 
+  // Whether it decides what is published of a sensor that sends no record at all.
+  virtual bool BridgesGaps() const { return false; }
+
+  // Seconds by which moving positions were measured to leave the filter late; 0: none.
+  virtual double Lag() const { return 0.0; }
+
+  // What an operator should know of the filter when it is added; empty: nothing.
+  virtual std::string Describe() const { return {}; }
+
   // ---- Not virtual -------------------------------------------------------------------------
 
   void SetName(const char* text);  // the first 63 characters; null changes nothing
@@ -149,5 +160,8 @@ class Filter {
   bool enabled_ = true;
   StatusLog* statusLog_ = nullptr;
 };
+
+// Logs what an operator should know of a filter that is added.
+void LogDescription(StatusLog& log, const Filter& filter);
 
 }  // namespace kinetrel

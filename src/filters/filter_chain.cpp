@@ -1,5 +1,6 @@
 #include "filters/filter_chain.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace kinetrel {
@@ -42,6 +43,19 @@ bool FilterChain::FilterSample(PoseSample& sample) {
 
 void FilterChain::Restart() {
   for (const auto& filter : filters_) filter->Restart();
+}
+
+bool FilterChain::BridgesGaps() const {
+  return std::ranges::any_of(
+      filters_, [](const auto& filter) { return filter->IsEnabled() && filter->BridgesGaps(); });
+}
+
+double FilterChain::Lag() const {
+  double lag = 0.0;
+  for (const auto& filter : filters_) {
+    if (filter->IsEnabled()) lag += filter->Lag();
+  }
+  return lag;
 }
 
 int FilterChain::AddFilter(int) { return -1; }

@@ -23,6 +23,8 @@ class FilterChain final : public Filter {
   // False if one of its enabled filters could not work; the others have.
   bool FilterSample(PoseSample& sample) override;
   void Restart() override;
+  bool BridgesGaps() const override;  // one of its enabled filters does
+  double Lag() const override;        // of its enabled filters together
 
   // ---- The list; the first filter has index 0 and is applied first -------------------------
 

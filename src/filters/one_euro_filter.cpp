@@ -5,7 +5,7 @@
 namespace kinetrel {
 namespace {
 
-enum Row : std::size_t { MinCutoff, Beta, TurnBeta, DerivativeCutoff, Lag };
+enum Row : std::size_t { MinCutoff, Beta, TurnBeta, DerivativeCutoff, LagMs };
 
 constexpr FilterParameter kTable[] = {
     {"min-cutoff-hz", 1, 1e-3, 1e3, {0.4}},
@@ -31,6 +31,8 @@ OneEuroFilter::OneEuroFilter() : TunedFilter(FilterType::OneEuro, "one-euro", kT
 std::unique_ptr<Filter> OneEuroFilter::Clone() const {
   return std::make_unique<OneEuroFilter>(*this);
 }
+
+double OneEuroFilter::Lag() const { return 1e-3 * Value(LagMs); }
 
 const char* OneEuroFilter::Work(PoseSample& sample, const Step& step) {
   if (sample.hasPosition) {
@@ -88,7 +90,7 @@ void OneEuroFilter::MeasureLag(const Vector3& device, double seconds) {
   const double kept = std::max(0.0, 1.0 - seconds / kLagMemory);
   behind_ = kept * behind_ + seconds * Dot(device - position_, velocity_);
   moved_ = kept * moved_ + seconds * speed * speed;
-  SetMeasured(Lag, std::max(0.0, 1e3 * behind_ / moved_));
+  SetMeasured(LagMs, std::max(0.0, 1e3 * behind_ / moved_));
 }
 
 }  // namespace kinetrel

@@ -17,6 +17,7 @@ class OneEuroFilter final : public TunedFilter {
  public:
   OneEuroFilter();
   std::unique_ptr<Filter> Clone() const override;
+  double Lag() const override;
 
  private:
   const char* Work(PoseSample& sample, const Step& step) override;

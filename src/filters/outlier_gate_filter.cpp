@@ -27,7 +27,7 @@ std::unique_ptr<Filter> OutlierGateFilter::Clone() const {
 }
 
 const char* OutlierGateFilter::Work(PoseSample& sample, const Step& step) {
-  sinceGood_ = step.first ? 0.0 : sinceGood_ + step.seconds;
+  sinceGood_ += step.seconds;
   const bool comparable = !step.first && (good_.hasPosition || good_.hasOrientation);
   if (!comparable || !IsOutlier(sample)) {
     Believe(sample, !comparable);

@@ -207,16 +207,23 @@ bool TunedFilter::GetAvailableAttributes(int count, AttributeInfo* rows) {
 
 // ---- By name -------------------------------------------------------------------------------
 
+bool TunedFilter::Complete(std::string&) { return true; }
+
+std::string TunedFilter::NamesOfParameters() const {
+  std::string names;
+  for (const FilterParameter& row : table_) {
+    if (row.access == FilterParameter::Access::Settable) names += ' ' + std::string(row.name);
+  }
+  return names;
+}
+
 bool TunedFilter::SetByName(std::string_view name, std::string_view value, std::string& error) {
   const auto row = std::ranges::find_if(table_, [name](const FilterParameter& candidate) {
     return candidate.name == name && candidate.access == FilterParameter::Access::Settable;
   });
   if (row == table_.end()) {
-    error = std::string(GetName()) + " has no parameter \"" + std::string(name) + "\". It has";
-    for (const FilterParameter& known : table_) {
-      if (known.access == FilterParameter::Access::Settable) error += ' ' + std::string(known.name);
-    }
-    error += '.';
+    error = std::string(GetName()) + " has no parameter \"" + std::string(name) + "\". It has" +
+            NamesOfParameters() + '.';
     return false;
   }
   const int id = static_cast<int>(row - table_.begin()) + 1;

@@ -61,13 +61,17 @@ class TunedFilter : public Filter {
   // error  receives a sentence for the user if the result is false; nothing is changed then.
   virtual bool SetByName(std::string_view name, std::string_view value, std::string& error);
 
+  // Ends the making of a filter by name, after its rows were set: reads the files that it needs.
+  // error  as above.
+  virtual bool Complete(std::string& error);
+
  protected:
   static constexpr std::size_t kMostRows = 12;
 
   TunedFilter(FilterType type, const char* name, std::span<const FilterParameter> table);
   TunedFilter(const TunedFilter&) = default;
 
-  // The time since the sample before. `first`: there is none that counts.
+  // The time since the sample before. `first`: this sample starts anew; none before it counts.
   struct Step {
     double seconds = 0.0;
     bool first = true;
@@ -78,6 +82,8 @@ class TunedFilter : public Filter {
   // step     zero seconds, and not the first, for two samples of one moment.
   // Returns  null, or why the filter cannot work on this sample. The sample is then restored.
   virtual const char* Work(PoseSample& sample, const Step& step) = 0;
+
+  virtual std::string NamesOfParameters() const;  // for a mistake; a space before each
 
   virtual void ParametersChanged() {}  // after one or more were set; not by the constructor
 

@@ -8,7 +8,7 @@
 namespace kinetrel {
 
 // Asks the desktop to open an address, and does not wait until it is shown. No shell sees the
-// address. NotFound: there is no program that opens addresses (on Linux xdg-open).
+// address. NotFound: the program that opens addresses is missing (on Linux xdg-open).
 Status OpenInBrowser(const std::string& address);
 
 }  // namespace kinetrel

@@ -47,7 +47,8 @@ Result<std::size_t> ByteLine::ReadAhead(Milliseconds atMost) {
     end_ -= begin_;
     begin_ = 0;
   }
-  const Result<std::size_t> came = Receive({ahead_.get() + end_, kMostReadAhead - end_}, atMost);
+  const std::span<std::byte> room(ahead_.get() + end_, kMostReadAhead - end_);
+  const Result<std::size_t> came = tap_ ? ReceiveForTap(room, atMost) : Receive(room, atMost);
   if (came.Ok()) end_ += *came;
   return came;
 }
@@ -57,6 +58,42 @@ std::size_t ByteLine::TakeAhead(std::span<std::byte> into) {
   std::copy_n(ahead_.get() + begin_, count, into.data());
   begin_ += count;
   return count;
+}
+
+// ---- The tap -------------------------------------------------------------------------------
+
+void ByteLine::SetTap(std::shared_ptr<LineTap> tap) {
+  tap_ = std::move(tap);
+  emptyAt_ = ClockTicks();
+}
+
+// Bytes that ended a wait came at its end. Others may have come since the call before.
+Result<std::size_t> ByteLine::ReceiveForTap(std::span<std::byte> into, Milliseconds atMost) {
+  const std::int64_t longestCall = ClockTicksPerSecond() / 5000;
+  const std::int64_t begin = ClockTicks();
+  const Result<std::size_t> came = Receive(into, atMost);
+  const std::int64_t end = ClockTicks();
+  const bool waited = atMost.count() > 0 && end - begin > longestCall;
+  TellTap(LineEvent::Received, came, into.first(came.Ok() ? *came : 0), waited ? end : emptyAt_);
+  emptyAt_ = end;
+  return came;
+}
+
+// A transfer that moved bytes, or the first that found the line lost.
+void ByteLine::TellTap(LineEvent event, const Result<std::size_t>& outcome,
+                       std::span<const std::byte> bytes, std::int64_t since) {
+  if (outcome.Ok() && !bytes.empty()) tap_->OnLine(event, bytes, since);
+  if (outcome.status().error != Error::Closed || lostTold_) return;
+  lostTold_ = true;
+  tap_->OnLine(LineEvent::Lost, {}, ClockTicks());
+}
+
+// ---- Writing -------------------------------------------------------------------------------
+
+Result<std::size_t> ByteLine::Write(std::span<const std::byte> from) {
+  const Result<std::size_t> taken = Transmit(from);
+  if (tap_) TellTap(LineEvent::Sent, taken, from.first(taken.Ok() ? *taken : 0), ClockTicks());
+  return taken;
 }
 
 // ---- Reading -------------------------------------------------------------------------------

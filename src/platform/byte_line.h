@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <utility>
 
 #include "platform/clock.h"
 #include "platform/status.h"
@@ -28,6 +29,22 @@ struct ReadTimeouts {
   std::uint32_t constant = 0;
 };
 
+// Received and Sent: bytes. Lost: the far end hung up or was unplugged; told once for each opening.
+enum class LineEvent { Received, Sent, Opened, Settings, Lost, Closed };
+
+// Sees what passes over a line, for a capture.
+//
+// Threads  those that use the line, one at a time. A call neither waits nor allocates.
+class LineTap {
+ public:
+  virtual ~LineTap() = default;
+
+  // bytes  those that passed; of Opened the name of the port, of Settings the settings in words,
+  //        which begin with the rate; else empty.
+  // since  ClockTicks(), of Received: before that none of the bytes was there. Else the moment.
+  virtual void OnLine(LineEvent event, std::span<const std::byte> bytes, std::int64_t since) = 0;
+};
+
 class ByteLine {
  public:
   static constexpr std::size_t kMostReadAhead = 4096;  // bytes
@@ -35,6 +52,9 @@ class ByteLine {
   virtual ~ByteLine() = default;
   ByteLine(const ByteLine&) = delete;
   ByteLine& operator=(const ByteLine&) = delete;
+
+  // From now on `tap` sees what the line receives and sends, and that it is lost. Null: none does.
+  void SetTap(std::shared_ptr<LineTap> tap);
 
   Status SetReadTimeouts(const ReadTimeouts& timeouts);
 
@@ -45,7 +65,7 @@ class ByteLine {
 
   // Returns the number of bytes taken. It is below from.size() when the line then took nothing for
   // 1 s or failed. TimedOut, Closed: none was taken.
-  virtual Result<std::size_t> Write(std::span<const std::byte> from) = 0;
+  Result<std::size_t> Write(std::span<const std::byte> from);
 
   // Bytes read ahead and not yet taken, without asking the system.
   std::size_t HeldAhead() const { return end_ - begin_; }
@@ -71,6 +91,8 @@ class ByteLine {
  private:
   // ---- What each kind of line implements -----------------------------------------------------
 
+  virtual Result<std::size_t> Transmit(std::span<const std::byte> from) = 0;  // as Write
+
   // Returns the bytes that the system holds; when it holds none, waits for the first one. 0: none
   // came within `atMost`, or a signal came.
   virtual Result<std::size_t> Receive(std::span<std::byte> into, Milliseconds atMost) = 0;
@@ -82,7 +104,13 @@ class ByteLine {
 
   Result<std::size_t> ReadAhead(Milliseconds atMost);
   std::size_t TakeAhead(std::span<std::byte> into);
+  Result<std::size_t> ReceiveForTap(std::span<std::byte> into, Milliseconds atMost);
+  void TellTap(LineEvent event, const Result<std::size_t>& outcome,
+               std::span<const std::byte> bytes, std::int64_t since);
 
+  std::shared_ptr<LineTap> tap_;  // null: none
+  bool lostTold_ = false;
+  std::int64_t emptyAt_ = 0;  // ticks; the system then held no bytes
   ReadTimeouts timeouts_;
   std::unique_ptr<std::byte[]> ahead_ = std::make_unique<std::byte[]>(kMostReadAhead);
   std::size_t begin_ = 0;

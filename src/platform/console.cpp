@@ -6,6 +6,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <string>
 
 #include "platform/clock.h"
 #include "platform/key_decoder.h"
@@ -35,6 +36,13 @@ KeyInput input;
 // Whether the process prints. Written by its host, read by every thread that prints.
 // NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
 std::atomic<bool> printing{true};
+
+// Whether cursor and error marks are shown, and whether lines are the journal's. Written once, by
+// the program; read by every thread that prints.
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
+std::atomic<bool> transient{true};
+// NOLINTNEXTLINE(cppcoreguidelines-avoid-non-const-global-variables)
+std::atomic<bool> journal{false};
 
 // Adds the next byte to those that are not yet a key. One byte at a time: what is typed after the
 // last key that the program takes is left to the shell.
@@ -71,6 +79,24 @@ std::optional<Key> NextKey() REQUIRES(input.lock) {
   if (input.putBackCount > 0) return input.putBack[--input.putBackCount];
   if (!input.open) return {};
   return KeySource::HasWholeKeys() ? KeySource::TakeKey() : NextKeyOfBytes();
+}
+
+void PrintJournalLines(std::string_view text) {
+  while (!text.empty()) {
+    const std::size_t end = std::min(text.find('\n'), text.size());
+    PrintJournalLine(JournalLevel::Information, text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+}
+
+void Print(std::FILE* stream, const char* format, std::va_list values) {
+  if (PrintsForJournal()) {
+    std::array<char, 4096> text{};
+    std::vsnprintf(text.data(), text.size(), format, values);
+    return PrintJournalLines(text.data());
+  }
+  std::vfprintf(stream, format, values);
+  if (stream == stdout) std::fflush(stdout);
 }
 
 void PutBack(Key key) REQUIRES(input.lock) {
@@ -136,7 +162,7 @@ void PrintError(const char* format, ...) {
   if (!PrintingIsOn()) return;
   std::va_list values;
   va_start(values, format);
-  std::vfprintf(stderr, format, values);
+  Print(stderr, format, values);
   va_end(values);
 }
 
@@ -144,12 +170,34 @@ void PrintOutput(const char* format, ...) {
   if (!PrintingIsOn()) return;
   std::va_list values;
   va_start(values, format);
-  std::vfprintf(stdout, format, values);
+  Print(stdout, format, values);
   va_end(values);
-  std::fflush(stdout);
 }
 
 void SwitchPrinting(bool on) { printing = on; }
 bool PrintingIsOn() { return printing; }
+
+void SwitchTransient(bool on) { transient = on; }
+bool TransientIsOn() { return transient && !journal; }
+
+void PrintForJournal() { journal = true; }
+bool PrintsForJournal() { return journal; }
+
+std::string PlainLine(std::string_view text) {
+  std::string line(text);
+  std::ranges::replace_if(
+      line, [](unsigned char c) { return c < ' ' || c == 0x7F; }, ' ');
+  line.erase(0, std::min(line.find_first_not_of(' '), line.size()));
+  line.erase(line.find_last_not_of(' ') + 1);
+  return line;
+}
+
+void PrintJournalLine(JournalLevel level, std::string_view text) {
+  if (!PrintingIsOn()) return;
+  const std::string line = PlainLine(text);
+  if (line.empty()) return;
+  // In one piece: lines of several threads must not mix.
+  std::fprintf(stderr, "<%d>%s\n", static_cast<int>(level), line.c_str());
+}
 
 }  // namespace kinetrel

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 #include <string_view>
 
 #include "platform/clock.h"
@@ -101,6 +102,22 @@ void HoldStandardStreams();
 void SwitchPrinting(bool on);
 bool PrintingIsOn();
 
+// ---- The system's journal ------------------------------------------------------------------
+
+// What the journal files a line under. The numbers are those of syslog.
+enum class JournalLevel : int { Error = 3, Warning = 4, Notice = 5, Information = 6 };
+
+// From now on, what is printed goes to standard error as whole lines for the journal. The two
+// functions above print each line that is not empty as information. No transient output.
+void PrintForJournal();
+bool PrintsForJournal();
+
+// Prints PlainLine(text) with its level in front.
+void PrintJournalLine(JournalLevel level, std::string_view text);
+
+// `text` as one line: without control characters, and without blanks around it.
+std::string PlainLine(std::string_view text);
+
 bool StandardOutputIsTerminal();
 
 struct TerminalSize {
@@ -122,5 +139,9 @@ bool OutputTakesLine();
 // Writes a few bytes to standard output if it takes them at once, and drops them otherwise. Never
 // allocates, never waits.
 void ShowTransient(const char* text);
+
+// Switches these few bytes off, or on again.
+void SwitchTransient(bool on);
+bool TransientIsOn();
 
 }  // namespace kinetrel

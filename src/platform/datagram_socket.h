@@ -14,16 +14,19 @@
 
 namespace kinetrel {
 
+// Who can reach a port.
+enum class Reach { Network, ThisMachine };
+
 // Never waits. A peer that refuses a datagram does not disturb the traffic with others.
 //
 // Threads  one at a time.
 // Memory   nothing is allocated.
 class DatagramSocket {
  public:
-  // Binds to all of the machine's IPv4 addresses.
+  // Binds to all of the machine's IPv4 addresses, or to the one that only this machine reaches.
   //
   // port  0: any free one; see port().
-  static Result<DatagramSocket> Open(std::uint16_t port);
+  static Result<DatagramSocket> Open(std::uint16_t port, Reach reach = Reach::Network);
 
   DatagramSocket(DatagramSocket&& other) noexcept
       : handle_(std::exchange(other.handle_, kNoHandle)) {}

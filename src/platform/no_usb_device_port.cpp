@@ -1,4 +1,4 @@
-// A build without umockdev: there is no bus that this program could play a device on.
+// For a build without umockdev, in which this program cannot play a USB device.
 #include "platform/usb_device_port.h"
 
 namespace kinetrel {

@@ -37,6 +37,9 @@ class PseudoTerminal final : public DevicePort {
   void Interrupt() override;
 
  private:
+  // On Windows a real line stands for a pseudo-terminal.
+  friend Result<std::unique_ptr<DevicePort>> OpenSerialDevicePort(const std::string& name,
+                                                                  unsigned baud);
   struct Os;  // posix/pseudo_terminal.cpp, win32/pseudo_terminal.cpp
   explicit PseudoTerminal(std::unique_ptr<Os> os);
   std::unique_ptr<Os> os_;

@@ -87,10 +87,13 @@ class SerialLine final : public ByteLine {
   // settings. Unsupported: the hardware cannot make the rate (within 3 %).
   Status Apply(const LineSettings& settings);
 
+  // Received bytes with a wrong stop bit, and breaks, since the driver was started.
+  // Unsupported: a pseudo-terminal, a driver that does not count them, and Windows.
+  Result<unsigned> FramingErrors() const;
+
   // Tells the system to report received bytes. Windows needs it before WaitForInput.
   Status WatchInput();
 
-  Result<std::size_t> Write(std::span<const std::byte> from) override;
   Status PurgeOutput() override;
   Status DrainOutput() override;
 
@@ -101,6 +104,7 @@ class SerialLine final : public ByteLine {
   struct Os;  // posix/serial_line.cpp, win32/serial_line.cpp
   explicit SerialLine(std::unique_ptr<Os> os);
 
+  Result<std::size_t> Transmit(std::span<const std::byte> from) override;
   Result<std::size_t> Receive(std::span<std::byte> into, Milliseconds atMost) override;
   Status PrepareReads() override;
   Status PurgeDriver() override;

@@ -103,6 +103,10 @@ class StreamConnector {
   std::shared_ptr<LookUp> pending_;
 };
 
+// For a socket that will listen, before it is bound. While it listens, no other program can take
+// its port; when it has ended, the next one can, although old connections are still ending.
+void ClaimPort(std::intptr_t handle);
+
 // A port that accepts connections.
 //
 // Threads  one at a time.

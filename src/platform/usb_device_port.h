@@ -3,7 +3,8 @@
 // library shows it the device and passes its calls on to us. It stands for the kernel, not for the
 // cable: what the host asks of its kernel's USB is answered here.
 //
-// Threads  see DevicePort; StallNext and SetLongestTransfer may be called by any thread.
+// Threads  see DevicePort; StallNext, StallNextCommand, UnplugAfter and SetLongestTransfer may be
+//          called by any thread.
 #pragma once
 
 #include <cstdint>
@@ -36,6 +37,10 @@ class UsbDevicePort : public DevicePort {
  public:
   // A device that stalls ends its transfers with an error until the host resets the endpoint.
   virtual void StallNext() = 0;
+  virtual void StallNextCommand() = 0;  // a transfer from the host, none of which is taken
+
+  // Pulls the plug when it has given that many of the bytes that it is given next at once.
+  virtual void UnplugAfter(std::size_t bytes) = 0;
 
   // No transfer to the host gets more than so many bytes; 0: as many as it has room for.
   virtual void SetLongestTransfer(std::size_t bytes) = 0;

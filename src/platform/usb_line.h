@@ -53,7 +53,6 @@ class UsbLine final : public ByteLine {
   // Ends all transfers, within 1 s, and gives the interface back.
   ~UsbLine() override;
 
-  Result<std::size_t> Write(std::span<const std::byte> from) override;
   Status PurgeOutput() override { return {}; }  // a write ends when the device has the bytes
   Status DrainOutput() override { return {}; }
 
@@ -61,6 +60,7 @@ class UsbLine final : public ByteLine {
   struct Os;  // posix/usb_line.cpp, win32/usb_line.cpp
   explicit UsbLine(std::unique_ptr<Os> os);
 
+  Result<std::size_t> Transmit(std::span<const std::byte> from) override;
   Result<std::size_t> Receive(std::span<std::byte> into, Milliseconds atMost) override;
   Status PurgeDriver() override;
 

@@ -218,6 +218,12 @@ void RecordStreamWriter::SetBytes(std::uint64_t in, std::uint64_t out) {
   bytesOut_.store(out, std::memory_order_relaxed);
 }
 
+void RecordStreamWriter::SetFilterLag(int sensor, double seconds) {
+  const double steps = std::clamp(std::round(seconds * 1e5), 0.0, 65535.0);
+  filterLag_[static_cast<std::size_t>(sensor)].store(static_cast<std::uint16_t>(steps),
+                                                     std::memory_order_relaxed);
+}
+
 // ---- Run -------------------------------------------------------------------------------------
 
 void RecordStreamWriter::WriteRun() {
@@ -236,6 +242,9 @@ void RecordStreamWriter::TakeStatistics() {
   run_.jitter = jitter_.load(std::memory_order_relaxed);
   run_.latency_mean = latencyMean_.load(std::memory_order_relaxed);
   run_.latency_max = latencyMax_.load(std::memory_order_relaxed);
+  for (std::size_t i = 0; i < filterLag_.size(); ++i) {
+    run_.filter_lag[i] = filterLag_[i].load(std::memory_order_relaxed);
+  }
 }
 
 void RecordStreamWriter::SetState(kinetrel_state state, const char* sentence) {

@@ -54,6 +54,8 @@ class RecordStreamWriter {
   void NoteDropped(std::uint64_t records) { Add(dropped_, records); }
   void NoteRecovery() { Add(recoveries_, 1); }
   void SetBytes(std::uint64_t in, std::uint64_t out);
+  // What the filters of a sensor (from 0, below 32) add, in seconds.
+  void SetFilterLag(int sensor, double seconds);
 
   // ---- Any thread ----------------------------------------------------------------------------
 
@@ -113,6 +115,7 @@ class RecordStreamWriter {
   std::atomic<double> jitter_ = 0.0;
   std::atomic<double> latencyMean_ = 0.0;
   std::atomic<double> latencyMax_ = 0.0;
+  std::array<std::atomic<std::uint16_t>, kinetrel_stream_sensors> filterLag_{};  // 10 us
 
   std::uint64_t logNewest_ = 0;  // under the log's own lock
 

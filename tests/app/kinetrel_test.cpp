@@ -116,6 +116,19 @@ TEST_F(Program, TypingAheadReachesTheKeyboardTrackerWhole) {
   EXPECT_EQ(Wait(), 0);
 }
 
+TEST(QuietProgram, ShowsNoBlinkingCursor) {
+  FreeSlot loudSlot;
+  ChildProcess loud("kinetrel", Simulated(loudSlot));
+  ASSERT_TRUE(loud.ExpectOutput("*\b"));
+  SharedTrackReader loudReader(loudSlot.device());
+  const int frames = AwaitFrames(loudReader, 0).frameCount;
+  FreeSlot slot;
+  ChildProcess quiet("kinetrel", Simulated(slot, {"--quiet"}));
+  SharedTrackReader reader(slot.device());
+  AwaitFrames(reader, frames);
+  EXPECT_EQ(quiet.output().find('\b'), std::string::npos);
+}
+
 class EndedBySignal : public Program, public testing::WithParamInterface<int> {};
 
 TEST_P(EndedBySignal, EndsAsByEscape) {

@@ -112,10 +112,10 @@ struct Selected {
 
 Selected Select(const std::string& query, const kinetrel_record& record = Record(),
                 std::uint32_t unit = 1) {
-  OutputSpec spec;
+  OutputAddress address;
   Selected selected;
-  selected.complaint = ParseOutputSpec("test?" + query, spec);
-  SpecOptions options(spec);
+  selected.complaint = ParseOutputAddress("test?" + query, address);
+  OutputOptions options(address);
   const PoseSelector selector(options, {"tracker", "sensor"});
   if (selected.complaint.empty()) selected.complaint = options.Complaint();
   SourceState state;
@@ -201,26 +201,26 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- The text of an output
 // -----------------------------------------------------------------------
 
-TEST(OutputSpec, EveryPartMayBeMissing) {
-  OutputSpec spec;
-  EXPECT_EQ(ParseOutputSpec("VRPN", spec), "");
-  EXPECT_EQ(spec.scheme, "vrpn");
-  EXPECT_EQ(spec.host + spec.path, "");
-  EXPECT_EQ(spec.port, 0);
-  EXPECT_EQ(ParseOutputSpec("osc://[fe80::1]:9000/a/b%20c?name=%C3%A4&x", spec), "");
-  EXPECT_EQ(spec.host, "fe80::1");
-  EXPECT_EQ(spec.port, 9000);
-  EXPECT_EQ(spec.path, "a/b c");
-  ASSERT_EQ(spec.options.size(), 2U);
-  EXPECT_EQ(spec.options[0].second, "\xC3\xA4");
-  EXPECT_EQ(ParseOutputSpec("osc://host?a=1", spec), "");
-  EXPECT_EQ(spec.host, "host");
+TEST(OutputAddress, EveryPartMayBeMissing) {
+  OutputAddress address;
+  EXPECT_EQ(ParseOutputAddress("VRPN", address), "");
+  EXPECT_EQ(address.scheme, "vrpn");
+  EXPECT_EQ(address.host + address.path, "");
+  EXPECT_EQ(address.port, 0);
+  EXPECT_EQ(ParseOutputAddress("osc://[fe80::1]:9000/a/b%20c?name=%C3%A4&x", address), "");
+  EXPECT_EQ(address.host, "fe80::1");
+  EXPECT_EQ(address.port, 9000);
+  EXPECT_EQ(address.path, "a/b c");
+  ASSERT_EQ(address.options.size(), 2U);
+  EXPECT_EQ(address.options[0].second, "\xC3\xA4");
+  EXPECT_EQ(ParseOutputAddress("osc://host?a=1", address), "");
+  EXPECT_EQ(address.host, "host");
   for (const char* const text :
        {"", "://", "a b", "osc:", "osc:9000", "osc://h:0", "osc://h:65536", "osc://h:x",
         "osc://[::1", "osc://[::1]9", "osc/x", "osc://h/%1"}) {
-    EXPECT_NE(ParseOutputSpec(text, spec), "") << text;
+    EXPECT_NE(ParseOutputAddress(text, address), "") << text;
   }
-  EXPECT_NE(ParseOutputSpec("osc?" + std::string(5000, 'a'), spec), "");
+  EXPECT_NE(ParseOutputAddress("osc?" + std::string(5000, 'a'), address), "");
 }
 
 }  // namespace

@@ -29,10 +29,13 @@ class KnownTracker {
   }
 
   // One frame: a pose of each sensor from 0 on, all at (x, -0.25, 2), turned by (0, 0, 0.6, 0.8).
-  // Returns the time of the sample.
-  std::int64_t Publish(double x, unsigned sensors = 1) {
+  // Behind them come sensors that are out of the device's sight. Returns the time of the sample.
+  std::int64_t Publish(double x, unsigned sensors = 1, unsigned unseen = 0) {
     std::vector<kinetrel_record> records;
-    for (unsigned sensor = 0; sensor < sensors; ++sensor) records.push_back(Record(x, sensor));
+    for (unsigned sensor = 0; sensor < sensors + unseen; ++sensor) {
+      records.push_back(Record(x, sensor));
+      if (sensor >= sensors) records.back().flags = 0;
+    }
     ++frame_;
     writer_->Publish(records);
     return records[0].sample_ns;
@@ -46,13 +49,14 @@ class KnownTracker {
   std::uint32_t flags = kinetrel_position_valid | kinetrel_orientation_valid;
   std::uint32_t buttons = 0;
   std::uint32_t buttonsKnown = 0;
+  std::int64_t sampleNs = 0;  // of every pose; 0: now
 
  private:
   kinetrel_record Record(double x, unsigned sensor) const {
     kinetrel_record record{};
     record.frame = frame_;
     record.sensor = sensor;
-    record.sample_ns = kinetrel_now_ns();
+    record.sample_ns = sampleNs != 0 ? sampleNs : kinetrel_now_ns();
     record.position[0] = x;
     record.position[1] = -0.25;
     record.position[2] = 2;

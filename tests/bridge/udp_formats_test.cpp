@@ -50,12 +50,31 @@ void Check(const Example& row, std::string (*describe)(std::span<const std::byte
   EXPECT_TRUE(describe(longer).starts_with("damaged")) << describe(longer);
 }
 
+using OscArguments = std::vector<OscArgument>;
+
 Packet OscFrame() {
-  OscBundler bundler(OscTimeTag(1'700'000'000'250'000'000));
-  bundler.Add(OscMessage("/kinetrel/1/sensor/1/pose", {1.5F, -0.25F, 2.F, 0.F, 0.F, 0.6F, 0.8F}));
-  bundler.Add(OscMessage("/kinetrel/1/frame", {812}));
-  return bundler.Take().at(0);
+  PacketBatch packets;
+  {
+    OscBundler bundler(packets, OscTimeTag(1'700'000'000'250'000'000));
+    bundler.Add("/kinetrel/1/sensor/1/pose", OscArguments{1.5F, -0.25F, 2.F, 0.F, 0.F, 0.6F, 0.8F});
+    bundler.Add("/kinetrel/1/frame", OscArguments{812});
+  }
+  return packets.writer().Take();
 }
+
+// What `encode` appends for these arguments, behind other bytes that it must leave alone.
+template <typename Encode, typename... Arguments>
+Packet Encoded(Encode encode, const Arguments&... arguments) {
+  PacketWriter packet;
+  packet.Text("before");
+  encode(packet, arguments...);
+  return Packet(packet.bytes().begin() + 6, packet.bytes().end());
+}
+
+Packet OscMessage(std::string_view address, const OscArguments& arguments) {
+  return Encoded(EncodeOsc, address, arguments);
+}
+Packet FreeD(const FreeDPose& pose) { return Encoded(EncodeFreeD, pose); }
 
 TEST(UdpFormats, OscIsAsPublished) {
   const Example rows[] = {
@@ -87,30 +106,30 @@ TEST(UdpFormats, OscIsAsPublished) {
 }
 
 TEST(UdpFormats, OscBundlesFillPacketsThatNoNetworkSplits) {
-  OscBundler bundler(kOscAtOnce);
-  const Packet message =
-      OscMessage("/kinetrel/1/sensor/1/pose", {0.F, 0.F, 0.F, 0.F, 0.F, 0.F, 1.F});
-  for (int i = 0; i < 32; ++i) bundler.Add(message);
-  const std::vector<Packet> packets = bundler.Take();
+  PacketBatch packets;
+  {
+    OscBundler bundler(packets, kOscAtOnce);
+    const OscArguments pose = {0.F, 0.F, 0.F, 0.F, 0.F, 0.F, 1.F};
+    for (int i = 0; i < 32; ++i) bundler.Add("/kinetrel/1/sensor/1/pose", pose);
+  }
   // 72 bytes a message: 20 in a packet.
   ASSERT_EQ(packets.size(), 2U);
   EXPECT_EQ(packets[0].size(), 16 + 20 * 72U);
   EXPECT_EQ(packets[1].size(), 16 + 12 * 72U);
   EXPECT_TRUE(DescribeOsc(packets[1]).starts_with("bundle, at once:\n  /kinetrel"));
-  EXPECT_TRUE(bundler.Take().empty());
 }
 
 TEST(UdpFormats, FreeDIsAsPublished) {
   const Example rows[] = {
-      {"Camera1", EncodeFreeD({1, 30, -12.5, 0.25, 1500, -250, 2000, 0x080000, 0x080000}),
+      {"Camera1", FreeD({1, 30, -12.5, 0.25, 1500, -250, 2000, 0x080000, 0x080000}),
        "d1 01 0f0000 f9c000 002000 017700 ffc180 01f400 080000 080000 0000 c9",
        "camera 1 pan 30.0000 tilt -12.5000 roll 0.2500 x 1500.00 y -250.00 height 2000.00 "
        "zoom 524288 focus 524288"},
-      {"HalfTurn", EncodeFreeD({.camera = 255, .pan = -180}),
+      {"HalfTurn", FreeD({.camera = 255, .pan = -180}),
        "d1 ff a60000 000000 000000 000000 000000 000000 000000 000000 0000 ca",
        "camera 255 pan -180.0000 tilt 0.0000 roll 0.0000 x 0.00 y 0.00 height 0.00 zoom 0 focus 0"},
       // Beyond the range, to its ends: never round to the other side.
-      {"OutOfRange", EncodeFreeD({.pan = 181, .tilt = -1e9, .x = 140000, .y = -1e30}),
+      {"OutOfRange", FreeD({.pan = 181, .tilt = -1e9, .x = 140000, .y = -1e30}),
        "d1 01 5a0000 a60000 000000 7fffff 800000 000000 000000 000000 0000 71",
        "camera 1 pan 180.0000 tilt -180.0000 roll 0.0000 x 131071.98 y -131072.00 height 0.00 "
        "zoom 0 focus 0"},
@@ -122,7 +141,7 @@ TEST(UdpFormats, FreeDIsAsPublished) {
 }
 
 TEST(UdpFormats, OpentrackIsAsPublished) {
-  Check({"Head", EncodeOpentrack({25, -12.5, -50, 30, 20, -10}), R"(
+  Check({"Head", Encoded(EncodeOpentrack, std::array<double, 6>{25, -12.5, -50, 30, 20, -10}), R"(
            0000000000003940 00000000000029c0 00000000000049c0
            0000000000003e40 0000000000003440 00000000000024c0)",
          "TX 25.0000 TY -12.5000 TZ -50.0000 yaw 30.0000 pitch 20.0000 roll -10.0000"},
@@ -130,16 +149,20 @@ TEST(UdpFormats, OpentrackIsAsPublished) {
 }
 
 TEST(UdpFormats, PosiStageNetIsAsPublished) {
+  PacketBatch info;
+  PacketBatch data;
   const PsnName names[] = {{1, "sensor 1"}, {2, "sensor 2"}};
   const PsnPose poses[] = {{1, {-0.25, -0.125, 0.5}, {0, 0.5, 0}, true, 999000},
                            {2, {1, 2, 3}, {}, false, 999000}};
+  EncodePsnInfo(info, 1'000'000, 7, "kinetrel", names);
+  EncodePsnData(data, 1'000'000, 7, poses);
   const Example rows[] = {
-      {"Info", EncodePsnInfo(1'000'000, 7, "kinetrel", names).at(0), R"(
+      {"Info", info.writer().Take(), R"(
           56674080 00000c00 40420f0000000000 02030701 01000800 6b696e657472656c 02002080
           01000c80 00000800 73656e736f722031 02000c80 00000800 73656e736f722032)",
        "INFO 1000000 us frame 7, 1 packets, system \"kinetrel\"\n"
        "  tracker 1 \"sensor 1\"\n  tracker 2 \"sensor 2\""},
-      {"Data", EncodePsnData(1'000'000, 7, poses).at(0), R"(
+      {"Data", data.writer().Take(), R"(
           55678480 00000c00 40420f0000000000 02030701 01007080
           01003480 00000c00 000080be 000000be 0000003f 02000c00 00000000 0000003f 00000000
           03000400 0000803f 06000800 583e0f0000000000
@@ -156,13 +179,21 @@ TEST(UdpFormats, PosiStageNetIsAsPublished) {
   // 25 trackers fit in a packet; each packet of a frame tells how many there are.
   std::vector<PsnPose> many(26);
   for (std::uint16_t i = 0; i < 26; ++i) many[i].tracker = static_cast<std::uint16_t>(i + 1);
-  EXPECT_EQ(EncodePsnData(0, 0, std::span(many).first(25)).size(), 1U);
-  const std::vector<Packet> split = EncodePsnData(0, 9, many);
+  PacketBatch one;
+  EncodePsnData(one, 0, 0, std::span(many).first(25));
+  EXPECT_EQ(one.size(), 1U);
+  PacketBatch split;
+  EncodePsnData(split, 0, 9, many);
   ASSERT_EQ(split.size(), 2U);
   EXPECT_EQ(split[0].size(), 24 + 25 * 56U);
-  for (const Packet& packet : split) {
-    EXPECT_TRUE(DescribePsn(packet).starts_with("DATA 0 us frame 9, 2 packets\n"));
+  for (const std::size_t i : {0U, 1U}) {
+    EXPECT_TRUE(DescribePsn(split[i]).starts_with("DATA 0 us frame 9, 2 packets\n"));
   }
+}
+
+std::string DTrack(std::uint32_t frame, std::int64_t utcNs, unsigned known,
+                   std::span<const DTrackBody> bodies) {
+  return std::string(AsText(Encoded(EncodeDTrack, frame, utcNs, known, bodies)));
 }
 
 TEST(UdpFormats, DTrackIsAsPublished) {
@@ -172,14 +203,25 @@ TEST(UdpFormats, DTrackIsAsPublished) {
   // A locale with a decimal comma must not show.
   const std::string before = std::setlocale(LC_NUMERIC, nullptr);
   for (const char* const name : {"de_DE.UTF-8", "fr_FR.UTF-8"}) std::setlocale(LC_NUMERIC, name);
-  EXPECT_EQ(EncodeDTrack(812, 1'700'000'000'250'000'000, 1, std::span(&body, 1)),
+  EXPECT_EQ(DTrack(812, 1'700'000'000'250'000'000, 1, std::span(&body, 1)),
             "fr 812\r\nts 80000.250000\r\n6dcal 1\r\n"
             "6d 1 [0 1.000][1500.000 -250.000 2000.000 0.0000 0.0000 73.7398]"
             "[0.280000 0.960000 0.000000 -0.960000 0.280000 0.000000 0.000000 0.000000 1.000000]"
             "\r\n");
-  EXPECT_EQ(EncodeDTrack(813, 86'400'000'000'000, 4, {}),
-            "fr 813\r\nts 0.000000\r\n6dcal 4\r\n6d 0\r\n");
+  EXPECT_EQ(DTrack(813, 86'400'000'000'000, 4, {}), "fr 813\r\nts 0.000000\r\n6dcal 4\r\n6d 0\r\n");
   std::setlocale(LC_NUMERIC, before.c_str());
+}
+
+Packet OpenTrackIo(std::string_view payload, std::uint16_t sequence) {
+  PacketWriter packet;
+  packet.Text("before").Zeros(16).Text(payload);
+  SetOpenTrackIoHeader(packet, 6, sequence, OpenTrackIoEncoding::Json);
+  return Packet(packet.bytes().begin() + 6, packet.bytes().end());
+}
+
+Packet OpenTrackIo(const OpenTrackIoSample& sample, OpenTrackIoEncoding encoding,
+                   std::size_t leastSize = 0) {
+  return Encoded(EncodeOpenTrackIo, sample, encoding, leastSize);
 }
 
 OpenTrackIoSample Sample() {
@@ -198,7 +240,7 @@ OpenTrackIoSample Sample() {
 
 TEST(UdpFormats, OpenTrackIoIsAsPublished) {
   const std::string_view text = R"({"protocol":{"name":"OpenTrackIO","version":[1,0,1]}})";
-  Check({"Header", OpenTrackIoPacket(std::as_bytes(std::span(text)), 5, OpenTrackIoEncoding::Json),
+  Check({"Header", OpenTrackIo(text, 5),
          R"(
            4f54726b 00010005 00000000 80355bef 7b227072 6f746f63 6f6c223a 7b226e61 6d65223a
            224f7065 6e547261 636b494f 222c2276 65727369 6f6e223a 5b312c30 2c315d7d 7d)",
@@ -212,18 +254,21 @@ TEST(UdpFormats, OpenTrackIoIsAsPublished) {
       R"("sampleTimestamp":{"seconds":1700000000,"nanoseconds":250000000},"sequenceNumber":812},)"
       R"("transforms":[{"translation":{"x":-0.25,"y":0.5,"z":-0.125},)"
       R"("rotation":{"pan":-30,"tilt":20,"roll":10},"id":"Camera"}]})";
-  const Packet json = EncodeOpenTrackIo(Sample(), OpenTrackIoEncoding::Json);
+  const Packet json = OpenTrackIo(Sample(), OpenTrackIoEncoding::Json);
   EXPECT_EQ(Hex(json).substr(0, 32), "4f54726b0001032c0000000081e2bd29");
   EXPECT_EQ(AsText(std::span(json).subspan(16)), sample);
-  const Packet cbor = EncodeOpenTrackIo(Sample(), OpenTrackIoEncoding::Cbor);
+  const Packet cbor = OpenTrackIo(Sample(), OpenTrackIoEncoding::Cbor);
   EXPECT_TRUE(Hex(cbor).substr(32).starts_with(
       "a76870726f746f636f6ca2646e616d656b4f70656e547261636b494f6776657273696f6e83010001"));
   EXPECT_EQ(DescribeOpenTrackIo(cbor), DescribeOpenTrackIo(json));
+  const Packet filled = OpenTrackIo(Sample(), OpenTrackIoEncoding::Json, 576);
+  EXPECT_EQ(filled.size(), 576U);
+  EXPECT_EQ(DescribeOpenTrackIo(filled), DescribeOpenTrackIo(json));
   // A name as no honest tracker has it: the packet is still a sample.
   OpenTrackIoSample named = Sample();
   named.make = "K";
   named.model = "\"\\\n\xff";
-  EXPECT_TRUE(DescribeOpenTrackIo(EncodeOpenTrackIo(named, OpenTrackIoEncoding::Json))
+  EXPECT_TRUE(DescribeOpenTrackIo(OpenTrackIo(named, OpenTrackIoEncoding::Json))
                   .ends_with(R"("static":{"tracker":{"make":"K","model":"\"\\\n)"
                              "\xEF\xBF\xBD\"}}}"));
 }

@@ -17,12 +17,12 @@ class Outputs : public testing::Test {
  protected:
   // Returns what is wrong with the text, empty if nothing is.
   std::string Make(const std::string& text) {
-    OutputSpec spec;
-    std::string complaint = ParseOutputSpec(text, spec);
+    OutputAddress address;
+    std::string complaint = ParseOutputAddress(text, address);
     if (!complaint.empty()) return complaint;
-    const Protocol* const protocol = FindProtocol(spec.scheme, spec.path);
+    const Protocol* const protocol = FindProtocol(address.scheme, address.path);
     if (protocol == nullptr) return "unknown";
-    SpecOptions options(std::move(spec));
+    OutputOptions options(std::move(address));
     PoseSelector selector(options, {protocol->axes, protocol->name});
     feed_ = std::make_unique<Feed>(Feed{1, protocol, std::move(options), std::move(selector)});
     output_ = protocol->make(context_, {feed_.get()});

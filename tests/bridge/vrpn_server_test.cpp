@@ -95,8 +95,8 @@ TEST_F(VrpnServer, AnswersPingsOfItsDevicesOnly) {
   EXPECT_EQ(pong->sender, 0);
   EXPECT_TRUE(pong->payload.empty());
 
-  // The same client asks for "Xinetrel": its user is to learn that there is no such device. Then it
-  // asks for the buttons, so that the first answer shows whether there was one before.
+  // The same client asks for "Xinetrel": the server must not answer, since it has no such device.
+  // Then it asks for the buttons, so that the first answer shows whether there was one before.
   Octets stranger = WatchedVrpnClient();
   Octets sender(stranger.begin() + 72, stranger.begin() + 112);  // the device's description
   const Octets ping(stranger.end() - 24, stranger.end());
@@ -232,7 +232,7 @@ TEST_F(VrpnServer, SendsNothingOldWhenTheTrackerIsSilentOrStartsAgain) {
   EXPECT_EQ(warning->U32(0), 1U);
   EXPECT_EQ(warning->Text(8), "tracker silent: Check the cable.");
   EXPECT_TRUE(bridge_->ExpectError("silent: Check the cable."));
-  tracker_->flags = 0;  // a record of a sensor that is not seen is no pose
+  tracker_->flags = 0;  // the tracker does not see the sensor, so the server sends no pose
   tracker_->Publish(2.5);
   OpenTracker();  // the writer starts again
   ASSERT_TRUE(bridge_->ExpectError("running\n", kPatience));
@@ -319,6 +319,8 @@ TEST_F(VrpnServer, AStoppedReaderHoldsUpNoOtherAndIsDropped) {
       },
       2 * kPatience))
       << bridge_->error();
+  // It learns that at once, not at the system's next attempt to send.
+  EXPECT_TRUE(stopped.ExpectClosed(std::chrono::seconds(2)));
 }
 
 // ---- Starting ----------------------------------------------------------------------------------

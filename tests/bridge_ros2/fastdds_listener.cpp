@@ -105,6 +105,8 @@ class Printer : public fast::DataReaderListener {
 int main(int count, char** arguments) {
   if (count < 4) return 2;
   const std::string reliability = arguments[3];
+  const char* const wanted = std::getenv("ROS_DOMAIN_ID");
+  const auto domain = static_cast<std::uint32_t>(wanted == nullptr ? 0 : std::atoi(wanted));
   fast::DomainParticipantQos participantQos;
   // Not the shared memory that this vendor adds: it would leave the namespace.
   participantQos.transport().use_builtin_transports = false;
@@ -113,12 +115,12 @@ int main(int count, char** arguments) {
   for (std::uint32_t index = 0; count > 4 && index < 33; ++index) {
     rtps::Locator_t place;
     rtps::IPLocator::setIPv4(place, 127, 0, 0, 1);
-    place.port = 7410 + 2 * index;
+    place.port = 7410 + 250 * domain + 2 * index;
     participantQos.wire_protocol().builtin.initialPeersList.push_back(place);
   }
   Discovery discovery;
   auto* const participant = fast::DomainParticipantFactory::get_instance()->create_participant(
-      0, participantQos, &discovery, fast::StatusMask::none());
+      domain, participantQos, &discovery, fast::StatusMask::none());
   if (participant == nullptr) return 1;
   fast::TypeSupport type(new RawMessage(arguments[2]));
   if (type.register_type(participant) != ReturnCode::RETCODE_OK) return 1;

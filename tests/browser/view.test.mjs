@@ -128,6 +128,11 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     const [quantity, value, unit] = copied.split(/\r?\n/)[1].split(',');
     assert.deepEqual([quantity, unit], ['Distance', 'm']);
     close(Number(value), apart, 1e-3, 'distance');
+    await page.click('#copy-text');
+    await until('the text is copied', async () => {
+      const [, number] = /^Distance: (\S+) m \(x.*\nAngle: /.exec(await page.evaluate(() => navigator.clipboard.readText())) ?? [];
+      return Number(number) === Number(value);
+    });
     assert.deepEqual(page.messages, []);
   });
 
@@ -147,6 +152,45 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
       });
     }
   }
+
+  it('is turned, moved and zoomed by the mouse', async (test) => {
+    const page = await watch(test);
+    await page.click('#freeze');
+    const places = () => page.evaluate(() => [[0, 0, 0], [1, 0, 0]].map((place) => kinetrelView.pixel(place)));
+    const box = await (await page.$('#canvas')).boundingBox();
+    const drag = async () => {
+      const [x, y] = [box.x + box.width / 2, box.y + box.height / 2];
+      await page.mouse.move(x, y);
+      await page.mouse.down();
+      await page.mouse.move(x + 60, y + 40);
+      await page.mouse.up();
+    };
+    const size = ([a, b]) => Math.hypot(a.x - b.x, a.y - b.y);
+    await page.click('[data-view=top]');
+    await until('it is seen from the top', async () => { const [a, b] = await places(); return Math.abs(a.x - b.x) < 0.1; });
+    await page.keyboard.down('Shift');
+    await drag();  // from now on nothing else moves the picture
+    const start = await places();
+    await drag();
+    await page.keyboard.up('Shift');
+    const moved = await places();
+    moved.forEach(({ x, y }, i) => { close(x - start[i].x, 60, 2, 'moved right'); close(y - start[i].y, 40, 2, 'moved down'); });
+    await page.mouse.wheel({ deltaY: -300 });
+    await until('it is larger', async () => size(await places()) > 1.3 * size(moved));
+    await drag();
+    await until('it is turned', async () => { const [a, b] = await places(); return Math.abs(a.x - b.x) > 5; });
+    assert.deepEqual(page.messages, []);
+  });
+
+  it('shows all again after its window was narrow', async (test) => {
+    const page = await watch(test);
+    // A metre in pixels.
+    const seen = () => page.evaluate(() => [[0, 0, 0], [1, 0, 0]].map((place) => kinetrelView.pixel(place)).reduce((a, b) => Math.hypot(a.x - b.x, a.y - b.y)));
+    await page.setViewport({ width: 60, height: 1080 });
+    await until('it is small', async () => await seen() < 3);
+    await page.setViewport({ width: 1920, height: 1080 });
+    await until('it is as before', async () => await seen() > 15);
+  });
 
   it('can be used with the keyboard alone', async (test) => {
     const page = await watch(test);
@@ -221,7 +265,7 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     const port = join(scratch(test), 'port');
     const emulator = new Program(test, 'kinetrel-emulate',
       ['fastrak', '--motion', 'hold:20,-10,5,30,20,10', '--receivers', '2', '--link', port, '--fault', 'unplug:3@usr1']);
-    await emulator.says(/kinetrel -d 2/);
+    await emulator.says(/kinetrel --device fastrak/);
     const slot = await freeSlot(url);
     new Program(test, 'kinetrel', ['-d', '2', '-s', '3', '-w', String(slot)], { KINETREL_COM1: port });
     const page = await openTracker(test, browser, url, slot);
@@ -234,7 +278,9 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     const start = Date.now();
     emulator.child.kill('SIGUSR1');
     await seesMood(page, 'bad');
-    test.diagnostic(`unplug is shown after ${Date.now() - start} ms`);
+    const shownAfter = Date.now() - start;
+    test.diagnostic(`unplug is shown after ${shownAfter} ms`);
+    assert.ok(shownAfter < 2000, 'unplug is shown in under 2 s');
     assert.equal(await page.$eval('#picture', (element) => element.dataset.stale), 'true');
     assert.match(await text(page, '#state'), /since \d\d:\d\d:\d\d/);
     assert.notEqual(await text(page, '#advice'), '');
@@ -295,6 +341,15 @@ describe('kinetrel-view in a browser', { timeout: 600000 }, () => {
     await sees(page, () => document.getElementById('outage').hidden);
     const time = await page.evaluate(() => kinetrelView.poses.get(1).time);
     await sees(page, (before) => kinetrelView.poses.get(1).time > before, time);
+  });
+
+  it('needs the token of its address once', { skip: !ours }, async (test) => {
+    const { url: bare, program } = await serve(test, ['--port', '0', '--listen', '127.0.0.1']);
+    assert.equal((await fetch(bare)).status, 401);
+    const page = await openTracker(test, browser, /http:\S+/.exec(program.output)[0], tracker.slot);
+    await page.goto(`${bare}#${tracker.slot}`);
+    await sees(page, () => kinetrelView.pictures > 10);
+    assert.deepEqual(page.messages, []);
   });
 
   it('says how to start a tracker when there is none', async (test) => {

@@ -221,11 +221,11 @@ TEST_F(OpenSerialPort, StringsAreReadUpToALineFeedAndAPurgeDiscardsTheRest) {
 // ---- Waiting -------------------------------------------------------------------------------
 
 TEST_F(OpenSerialPort, AWaitWithoutATimeoutIsForAnyByte) {
+  const std::int64_t start = ClockTicks();
   std::thread device([this] {
     SleepFor(Milliseconds(40));
     far_.Send("a");
   });
-  const std::int64_t start = ClockTicks();
   EXPECT_TRUE(port_.WaitForRX(0, 4));
   EXPECT_GE(MillisecondsSince(start), 40);
   device.join();

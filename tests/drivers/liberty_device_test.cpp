@@ -4,6 +4,8 @@
 #include "drivers/liberty_device.h"
 
 #include <gtest/gtest.h>
+
+#include <kinetrel/stream.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -306,6 +308,43 @@ TEST_F(LibertyProgram, AnUnpluggedSensorStopsNoOtherAndComesBack) {
   ASSERT_TRUE(run_->FramesPass(10));
   EXPECT_EQ(run_->error().find("nothing usable"), std::string::npos) << run_->error();
   EXPECT_EQ(run_->Stop(), 0);
+}
+
+TEST(LibertyFilters, BridgeAnUnpluggedSensorForTheirTime) {
+  EmulatedRun run("liberty", 10, {"--stations=2", "--unplug=2"},
+                  {"-s0x3", "--filter", "dropout:time-s=0.7"},
+                  {{"KINETREL_PDI", KINETREL_PDI_SUBSTITUTE}, {"KINETREL_PDI_SERIAL", "1"}});
+  kinetrel_stream stream;
+  ASSERT_EQ(kinetrel_stream_open(&stream, run.slot(), 20'000), kinetrel_stream_ok);
+  std::int64_t sent = 0;  // ns; of the newest record that the device sent
+  int held = 0;
+  int invalid = 0;
+  double longest = 0.0;
+  bool back = false;
+  while (!back) {
+    kinetrel_record record;
+    kinetrel_device_pose own;
+    ASSERT_EQ(kinetrel_stream_next(&stream, &record, 20'000), kinetrel_stream_ok);
+    if (record.sensor != 1) {
+      EXPECT_NE(record.flags & kinetrel_position_valid, 0U) << "the other one goes on";
+      continue;
+    }
+    ASSERT_EQ(kinetrel_stream_device_pose(&stream, &record, &own), kinetrel_stream_ok);
+    if ((own.flags & kinetrel_position_valid) != 0) {
+      back = invalid > 0;
+      sent = record.sample_ns;
+    } else if ((record.flags & kinetrel_position_valid) != 0) {
+      ++held;
+      longest = std::max(longest, static_cast<double>(record.sample_ns - sent) * 1e-9);
+    } else {
+      ++invalid;
+    }
+  }
+  EXPECT_GT(held, 10);
+  EXPECT_LE(longest, 0.7);
+  EXPECT_EQ(invalid, 1) << "said once";
+  kinetrel_stream_close(&stream);
+  EXPECT_EQ(run.Stop(), 0);
 }
 
 TEST_F(LibertyProgram, AReplacedPortIsOpenedAndSettingsAreRestored) {

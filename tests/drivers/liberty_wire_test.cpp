@@ -163,6 +163,21 @@ TEST_F(LibertyCyclesOfTwo, CloseWithoutAStationWhenTheNextBeginsOrByTimeOut) {
   EXPECT_EQ(Take(), "1:6 3:6 ");
 }
 
+TEST_F(LibertyCyclesOfTwo, StayOpenForAsLongAsASlowLineNeeds) {
+  cycles_.SetLineTime(75);
+  Add(1, 4);
+  now_ += 75;
+  EXPECT_EQ(Take(), "");
+  Add(3, 4);
+  EXPECT_EQ(Take(), "1:4 3:4 ");
+  Add(1, 5);
+  now_ += 75 + LibertyCycles::kTimeOut + 1;
+  EXPECT_EQ(Take(), "1:5 ");
+  Add(3, 5);  // the late rest
+  now_ += 75 + LibertyCycles::kTimeOut + 1;
+  EXPECT_EQ(Take(), "3:5 ");
+}
+
 TEST_F(LibertyCyclesOfTwo, DoNotWaitForAMissingStationUntilItReturns) {
   char count = 0;
   while (count < 11) Add(1, ++count);

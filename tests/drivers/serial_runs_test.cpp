@@ -2,6 +2,7 @@
 // poses that it sees are the device's, at the precision of its records, with none lost and none
 // doubled.
 #include <gtest/gtest.h>
+#include <kinetrel/stream.h>
 
 #include <algorithm>
 #include <chrono>
@@ -163,11 +164,10 @@ TEST_P(SerialRun, LosesNothingAndDoublesNothing) {
     shifts.insert(row.turn > 0 ? (shift % row.turn + row.turn) % row.turn : shift);
   }
   // A sanitizer's program may be so slow that answers come too late and the line has no room.
-  if (!kMayLoseFrames) {
-    const std::size_t announced = FailuresAnnounced(run.tracker());
-    EXPECT_LE(announced, static_cast<std::size_t>(row.frames / 100));
-    EXPECT_LE(shifts.size(), 1 + announced);
-  }
+  const auto share = [&](int part) { return static_cast<std::size_t>(row.frames / part); };
+  const std::size_t announced = FailuresAnnounced(run.tracker());
+  EXPECT_LE(announced, share(kMayLoseFrames ? 4 : 100));
+  EXPECT_LE(shifts.size(), 1 + announced + (kMayLoseFrames ? share(2) : 0));
   EXPECT_LE(worst, 1.0);
   EXPECT_EQ(run.Stop(), 0);
 }
@@ -346,14 +346,42 @@ TEST_P(SerialDamage, FewDamagedRecordsArePublished) {
   const double damaged = static_cast<double>(blocks.size()) / 5;
   const double share = static_cast<double>(wrong) / damaged;
   RecordProperty("percent", std::to_string(100 * share));
-  // 5 % on a machine that is not busy.
-  EXPECT_LE(share, kMayLoseFrames ? 0.3 : 0.12);
+  EXPECT_LE(share, kMayLoseFrames ? 0.3 : 0.05);
 }
 
 INSTANTIATE_TEST_SUITE_P(Of, SerialDamage,
                          testing::Values(kFastrak, kFlock, kLogitech, kIntertrax, kPanTilt,
                                          kLiberty),
                          [](const auto& row) { return std::string(row.param.name); });
+
+// ---- Honest motion -------------------------------------------------------------------------
+
+class SerialFastMotion : public SerialRun {};
+
+// 4.7 m/s and 900 degrees a second: the judge of poses takes no record for a damaged one.
+TEST_P(SerialFastMotion, CostsNoRecord) {
+  const Tracker& row = GetParam();
+  Arguments motion = row.ofEmulator;
+  motion.emplace_back("--motion=circle:30,0.4");
+  EmulatedRun run(row.device, row.type, motion, row.ofTracker, row.environment);
+  ASSERT_FALSE(run.Watch(row.frames / 4).empty()) << run.tracker().error();
+  kinetrel_stream stream;
+  ASSERT_EQ(kinetrel_stream_open(&stream, run.slot(), 20'000), kinetrel_stream_ok);
+  kinetrel_run figures{};
+  EXPECT_EQ(kinetrel_stream_run(&stream, &figures), kinetrel_stream_ok);
+  kinetrel_stream_close(&stream);
+  // A machine that is far too busy may cut a record.
+  const std::size_t announced = FailuresAnnounced(run.tracker());
+  EXPECT_LE(figures.dropped, announced + (kMayLoseFrames ? figures.frames / 4 : 0));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, SerialFastMotion,
+    testing::Values(kFlock, kFastrak, kLogitech, kIntertrax, kPanTilt, kLiberty,
+                    With(kFastrak, "FastrakOfFourStations", {}, {"-s", "0xF"}, nullptr, 1000, 4),
+                    With(kLiberty, "LibertyOfFourOnAThinLine", {"--stations=4"}, {"-s", "0xF"},
+                         nullptr, 1000, 4)),
+    [](const auto& row) { return std::string(row.param.name); });
 
 // ---- Sensors that the device lacks ---------------------------------------------------------
 
@@ -370,6 +398,22 @@ TEST_P(SerialSensors, ThatAreMissingAreReportedAndSensor1IsSampled) {
 INSTANTIATE_TEST_SUITE_P(Of, SerialSensors,
                          testing::Values(kLogitech, kFlock, kPanTilt, kIntertrax),
                          [](const auto& row) { return std::string(row.param.name); });
+
+// ---- A line that is too slow -----------------------------------------------------------------
+
+TEST(SerialRuns, TellWhatASlowLineCarries) {
+  if (kMayLoseFrames)
+    GTEST_SKIP() << "the search for the rate has deadlines that a sanitizer misses";
+  EmulatedRun slow("fastrak", 2, {"--baud", "9600"});
+  EXPECT_TRUE(slow.tracker().ExpectError("Running ..."));
+  EXPECT_NE(
+      slow.tracker().error().find("Rate = 120 Hz.\n\t\tThe line carries 35 of them at 9600 baud"),
+      std::string::npos)
+      << slow.tracker().error();
+  EmulatedRun fast("fastrak", 2);
+  EXPECT_TRUE(fast.tracker().ExpectError("Running ..."));
+  EXPECT_EQ(fast.tracker().error().find("The line carries"), std::string::npos);
+}
 
 }  // namespace
 }  // namespace kinetrel::test

@@ -42,7 +42,7 @@ class Standing final : public Motion {
 EmulatorThread StartUnit(const char* device, std::vector<const char*> arguments,
                          std::shared_ptr<const Motion> motion) {
   const DeviceRow& row = *FindDevice(device);
-  OptionValues values = OptionValues::Parse(arguments, {row.options()});
+  OptionValues values = OptionValues::Parse(arguments, row.options());
   EmulatorOptions options;
   options.line.baud = row.baud;
   auto unit = EmulatorThread::Start(row.make(values, std::move(motion)), options);

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "tests/emulate/device_bench.h"
 
 namespace kinetrel::test {
@@ -61,6 +63,32 @@ TEST(EmulatorClock, GoesOnAfterAnyHalt) {
       last += milliseconds(250);
     }
   }
+}
+
+// Each record is late by chance, none is too early or overtakes another.
+TEST(DeviceLine, JitterHasItsSpread) {
+  LineOptions options{115'200};
+  options.jitter = milliseconds(2);
+  options.whole = true;
+  DeviceBench bench = BeaconAt(options);
+  const auto pieces = bench.Watch(std::chrono::seconds(400));
+  ASSERT_GT(pieces.size(), 3900U);
+  double sum = 0, squares = 0;
+  for (std::size_t i = 0; i < pieces.size(); ++i) {
+    ASSERT_EQ(pieces[i].bytes[0], static_cast<char>('a' + i % 26));
+    const double late = static_cast<double>((pieces[i].when % milliseconds(100)).count()) * 1e-6;
+    sum += late;
+    squares += late * late;
+  }
+  const double mean = sum / static_cast<double>(pieces.size());
+  EXPECT_NEAR(std::sqrt(squares / static_cast<double>(pieces.size()) - mean * mean), 2, 0.1);
+}
+
+TEST(EmulatorClock, IsFasterByItsDrift) {
+  EmulatorClock clock(0, 1'000'000'000, 100);
+  Moment now{0};
+  for (std::int64_t i = 1; i <= 7200; ++i) now = clock.At(i * 500'000'000);
+  EXPECT_EQ(now, std::chrono::seconds(3600) + milliseconds(360));
 }
 
 // ---- Faults ------------------------------------------------------------------------------------

@@ -8,9 +8,7 @@
 #include <filesystem>
 
 #include "emulate/fastrak_emulator.h"
-#include "platform/serial_line.h"
-#include "tests/support/child_process.h"
-#include "tests/support/wait_until.h"
+#include "tests/emulate/emulated_line.h"
 
 namespace kinetrel::test {
 using namespace emulate;
@@ -26,55 +24,6 @@ EmulatorThread StartFastrak(EmulatorOptions options, FastrakSettings settings = 
   if (!thread.Ok()) throw std::runtime_error(Describe(thread.status()));
   return std::move(*thread);
 }
-
-std::string LinkName(const std::string& name) {
-  return testing::TempDir() + "kinetrel-" + name + "-" + std::to_string(::getpid());
-}
-
-// A host's end of the line.
-class Host {
- public:
-  explicit Host(const std::string& port) : line_(Opened(port)) {
-    LineSettings settings = *line_.Settings();
-    settings.baud = 115200;
-    EXPECT_TRUE(line_.Apply(settings).Ok());
-    EXPECT_TRUE(line_.SetReadTimeouts({0, 0, 50}).Ok());  // reads wait, with a limit
-  }
-
-  bool ReadOnce(std::string& into) {
-    std::byte bytes[256];
-    const auto got = line_.Read(bytes);
-    if (!got.Ok()) return false;
-    into.append(reinterpret_cast<const char*>(bytes), *got);
-    return true;
-  }
-
-  std::string Ask(std::string_view question, std::size_t count) {
-    EXPECT_TRUE(line_.Write(std::as_bytes(std::span(question.data(), question.size()))).Ok());
-    std::string text;
-    WaitUntil([&] { return text.size() >= count || !ReadOnce(text); });
-    return text;
-  }
-
-  bool WaitUntilHungUp() {
-    std::string ignored;
-    return WaitUntil([&] { return !ReadOnce(ignored); });
-  }
-
- private:
-  static SerialLine Opened(const std::string& port) {
-    std::optional<SerialLine> line;
-    WaitUntil([&] {
-      auto opened = SerialLine::Open(port);
-      if (opened.Ok()) line.emplace(std::move(*opened));
-      return line.has_value();
-    });
-    if (!line) throw std::runtime_error("cannot open " + port);
-    return std::move(*line);
-  }
-
-  SerialLine line_;
-};
 
 constexpr std::size_t kStatusLength = 55;
 
@@ -118,7 +67,13 @@ TEST(KinetrelEmulate, PrintsItsPortShowsCommandsAndEndsCleanly) {
                        {"fastrak", "--show", "--link", link, "--motion=hold:1,2,3",
                         "--fault=error:B@usr1", "--fault=unplug:0.1@usr2"},
                        {.emptyInput = true});
-  ASSERT_TRUE(program.ExpectOutput("KINETREL_COM1=" + link + " kinetrel -d 2"));
+  ASSERT_TRUE(program.ExpectOutput("kinetrel --device fastrak --port " + link + "\n"));
+  // The hint works as it is, from any folder.
+  const std::string& hint = program.output();
+  const std::size_t start = hint.find("\n  ") + 3;
+  const std::string started = hint.substr(start, hint.find(" --device") - start);
+  EXPECT_TRUE(std::filesystem::path(started).is_absolute() && std::filesystem::exists(started))
+      << hint;
   Host host(link);
   host.Ask("l1,0\rS", kStatusLength);
   EXPECT_TRUE(program.ExpectOutput("station 1 off"));
@@ -131,20 +86,45 @@ TEST(KinetrelEmulate, PrintsItsPortShowsCommandsAndEndsCleanly) {
   EXPECT_FALSE(std::filesystem::is_symlink(link));
 }
 
+TEST(KinetrelEmulate, HasTheSamePortNameAtEachStart) {
+  const std::string folder = LinkName("names");
+  std::filesystem::create_directory(folder);
+  const std::string name = folder + "/kinetrel-gps";
+  const auto start = [&](const std::string& expected) {
+    auto program = std::make_unique<ChildProcess>(
+        "kinetrel-emulate", std::vector<std::string>{"gps"},
+        ChildProcess::Options{.environment = {{"XDG_RUNTIME_DIR", folder}}, .emptyInput = true});
+    EXPECT_TRUE(program->ExpectOutput(" --port " + expected + "\n")) << program->output();
+    return program;
+  };
+  auto first = start(name);
+  const auto second = start(name + "-2");
+  first->Signal(SIGKILL);  // its link stays behind
+  first->Wait();
+  first = start(name);
+  first->Signal(SIGTERM);
+  EXPECT_EQ(first->Wait(), 0);
+  EXPECT_FALSE(std::filesystem::is_symlink(name));
+  second->Signal(SIGTERM);
+  second->Wait();
+  std::filesystem::remove_all(folder);
+}
+
 TEST(KinetrelEmulate, RefusesUnknownArguments) {
   struct Case {
     std::vector<std::string> arguments;
     const char* complaint;
   };
-  for (const Case& row : std::vector<Case>{{{"sextant"}, "there is no device 'sextant'"},
-                                           {{"fastrak", "--bogus"}, "unknown argument '--bogus'"},
-                                           {{"fastrak", "--model", "x"}, "--model wants one of"},
-                                           {{"fastrak", "--seed"}, "--seed wants a value"},
-                                           {{"fastrak", "--baud", "0"}, "--baud wants a number"},
-                                           {{"fastrak", "--fault", "x@5s"}, "--fault wants"},
-                                           {{"fastrak", "--motion", "x"}, "the motions are"},
-                                           {{"fastrak", "--show=1"}, "takes no value"},
-                                           {{"fastrak", "--receivers", "5"}, "from 0 to 4"}}) {
+  for (const Case& row :
+       std::vector<Case>{{{"sextant"}, "there is no device 'sextant'"},
+                         {{"fastrak", "--bogus"}, "unknown argument '--bogus'"},
+                         {{"fastrak", "--model", "x"}, "--model: wants one of"},
+                         {{"fastrak", "--seed"}, "--seed: 1 required NUMBER missing"},
+                         {{"fastrak", "--baud", "0"}, "--baud: wants a number"},
+                         {{"fastrak", "--fault", "x@5s"}, "--fault: wants"},
+                         {{"fastrak", "--motion", "x"}, "the motions are"},
+                         {{"fastrak", "--show=0"}, "show was given"},
+                         {{"fastrak", "--receivers", "5"}, "from 0 to 4"}}) {
     ChildProcess program("kinetrel-emulate", row.arguments, {.emptyInput = true});
     EXPECT_TRUE(program.ExpectError(row.complaint)) << program.error();
     EXPECT_EQ(program.Wait(), 2) << row.complaint;

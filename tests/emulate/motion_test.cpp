@@ -35,6 +35,31 @@ TEST(Motion, BadTextIsRefusedWithAReason) {
   }
 }
 
+// The same pose gets the same noise; over many frames its size is the one asked for.
+TEST(Motion, NoiseHasItsSizeOnEachAxis) {
+  const MotionPose still{10, 20, 30, 170, 5, -170};
+  const auto noisy = MakeNoisy(MakeHold(still), *ParsePoseNoise("0.5,2"), 1);
+  EXPECT_EQ(noisy->At(1, 7, 0), noisy->At(1, 7, 0));
+  EXPECT_NE(noisy->At(1, 7, 0), noisy->At(2, 7, 0));
+  constexpr std::uint64_t kFrames = 40'000;
+  double x = 0, squares = 0, azimuths = 0, both = 0;
+  for (std::uint64_t i = 0; i < kFrames; ++i) {
+    const MotionPose pose = noisy->At(0, i, 0);
+    x += (pose.x - 10) / kFrames;
+    squares += (pose.x - 10) * (pose.x - 10) / kFrames;
+    azimuths += std::pow(std::remainder(pose.azimuth - 170, 360), 2) / kFrames;
+    both += (pose.x - 10) * (pose.y - 20) / kFrames;
+    ASSERT_LE(std::abs(pose.azimuth), 180);
+  }
+  EXPECT_NEAR(x, 0, 0.01);
+  EXPECT_NEAR(std::sqrt(squares), 0.5, 0.01);
+  EXPECT_NEAR(std::sqrt(azimuths), 2, 0.04);
+  EXPECT_NEAR(both, 0, 0.01);
+  for (const char* const text : {"", "x", "1,", "-1", "1,2,3", "101"}) {
+    EXPECT_FALSE(ParsePoseNoise(text)) << text;
+  }
+}
+
 MadeMotion Read(const std::string& text) {
   std::istringstream stream(text);
   return ReadMotion(stream);

@@ -86,7 +86,7 @@ TEST(WireFaults, ARestartForgetsWhatTheHostSet) {
   flock.Ask("P2\x03@");
   flock.Strike(FaultKind::Restart);
   flock.Collect(milliseconds(20));
-  EXPECT_EQ(flock.Ask("O\x00"s), "\x00\x90"s);
+  EXPECT_EQ(flock.Ask("O\x00"s), "\x08\x90"s);
 
   DeviceBench liberty = Liberty();
   liberty.Ask("F1\r");

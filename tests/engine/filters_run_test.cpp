@@ -5,6 +5,7 @@
 #include <kinetrel/stream.h>
 
 #include <algorithm>
+#include <cmath>
 #include <thread>
 
 #include "publish/shared_track_reader.h"
@@ -22,14 +23,16 @@ constexpr float kQuarter = static_cast<float>(kPi / 2);
 class FilteredRun : public testing::Test {
  protected:
   // Two sensors, both 100 cm ahead and turned a quarter to the left, a frame a millisecond.
-  void Start(const std::vector<FilterSpec>& filters) {
+  void Start(const std::vector<const char*>& filters) {
     script_.readFrame = [this](TrackerDevice& device, double* sampleTime) {
       SleepFor(Milliseconds(1));
+      const double now = device.ElapsedSeconds();
       for (int sensor = 0; sensor < 2; ++sensor) {
-        const float pose[6] = {100, 0, 0, kQuarter, 0, 0};
+        const auto way = static_cast<float>(speed_ * now);
+        const float pose[6] = {100 + way, 0, 0, kQuarter, 0, 0};
         if (float* const record = device.GetSensorPose(sensor)) std::copy_n(pose, 6, record);
       }
-      *sampleTime = device.ElapsedSeconds();
+      *sampleTime = now;
       const unsigned told = 3U & ~untold_.load();
       static_cast<ScriptedDevice&>(device).TellRecords(told, *sampleTime);
       reads_ += 1;
@@ -38,7 +41,10 @@ class FilteredRun : public testing::Test {
     StartConfig config;
     config.shmDevice = slot_.device();
     config.sensorMask = 3;
-    config.filters = filters;
+    for (const char* const text : filters) {
+      std::string error;
+      ASSERT_TRUE(ReadFilterOption(text, config.filters.emplace_back(), error)) << error;
+    }
     engine_.Configure(config);
     ASSERT_EQ(engine_.Open(3, 1, false), OpenResult::Opened);
     ASSERT_TRUE(engine_.StartSampling());
@@ -68,13 +74,14 @@ class FilteredRun : public testing::Test {
   const FreeSlot slot_;
   std::atomic<int> reads_ = 0;
   std::atomic<unsigned> untold_ = 0;  // sensors
+  std::atomic<double> speed_ = 0.0;   // cm/s along x
   Script script_;
   TrackerEngine engine_{ScriptedFactory(script_)};
   kinetrel_stream stream_{};
 };
 
 TEST_F(FilteredRun, AConfiguredFilterChangesItsSensorAndKeepsTheDevicesOwnPose) {
-  Start({{"rigid:translation-m=0/0/2,tip-m=0.5/0/0", 1}});
+  Start({"rigid:translation-m=0/0/2,tip-m=0.5/0/0,sensors=1"});
   const kinetrel_record record = Next(0, kinetrel_filtered, true);
   EXPECT_NEAR(record.position[0], 1.0, 1e-6);
   EXPECT_NEAR(record.position[1], 0.5, 1e-6);
@@ -112,7 +119,7 @@ TEST_F(FilteredRun, AConfiguredFilterChangesItsSensorAndKeepsTheDevicesOwnPose) 
 }
 
 TEST_F(FilteredRun, TheZeroIsTheAzimuthThatTheFiltersMade) {
-  Start({{"rigid:rotation-deg=90/0/0", 2}});  // the last sensor decides
+  Start({"rigid:rotation-deg=90/0/0,sensors=2"});  // the last sensor decides
   EXPECT_NEAR(std::abs(Next(1, kinetrel_filtered, true).angles[0]), 2 * kQuarter, 1e-5);
   EXPECT_TRUE(WaitUntil([&] {
     engine_.ZeroAzimuth();
@@ -123,7 +130,7 @@ TEST_F(FilteredRun, TheZeroIsTheAzimuthThatTheFiltersMade) {
 
 // A lost sensor of some devices has records without a pose, one of others has no records at all.
 TEST_F(FilteredRun, ALostSensorKeepsNoOldPoseInItsBlock) {
-  Start({{"rigid:translation-m=0/0/2", 2}, {"dropout:time-s=1000000", 2}});
+  Start({"rigid:translation-m=0/0/2,sensors=2", "dropout:time-s=1000000,sensors=2"});
   SharedTrackReader reader(slot_.device());
   SharedTrackBlock block{};
   const auto showsTheSensor = [&](bool shown) {
@@ -136,8 +143,48 @@ TEST_F(FilteredRun, ALostSensorKeepsNoOldPoseInItsBlock) {
   EXPECT_TRUE(WaitUntil([&] { return reads_ > reads + 1000; }));
   EXPECT_TRUE(showsTheSensor(true));  // the dropout filter goes on for it
   untold_ = 2;
+  const int more = reads_;
+  EXPECT_TRUE(WaitUntil([&] { return reads_ > more + 1000; }));
+  EXPECT_TRUE(showsTheSensor(true));
+  EXPECT_TRUE(engine_.SetFilterAttributeDouble(kMappingOf1, 1, 2, 0.1));
   EXPECT_TRUE(WaitUntil([&] { return showsTheSensor(false); }));
   EXPECT_EQ(block.poses[1][0], 0.0F);
+}
+
+// The second sensor falls silent alone, then both do.
+TEST_F(FilteredRun, ASilentSensorGoesOnForItsTimeAndIsInvalidOnce) {
+  speed_ = 50.0;
+  Start({"dropout:time-s=0.5,instead=extrapolate,sensors=2"});
+  for (const unsigned silent : {2U, 3U}) {
+    const kinetrel_record last = Next(1, kinetrel_position_valid, true);
+    ASSERT_TRUE(
+        WaitUntil([&] { return Next(1, kinetrel_filtered, true).frame > last.frame + 600; }));
+    untold_ = silent;
+    kinetrel_record record{};
+    kinetrel_device_pose own{};
+    int bridged = 0;
+    for (;;) {
+      record = Next(1, kinetrel_filtered, true);
+      ASSERT_EQ(kinetrel_stream_device_pose(&stream_, &record, &own), kinetrel_stream_ok);
+      if ((record.flags & kinetrel_position_valid) == 0 || testing::Test::HasFailure()) break;
+      if ((own.flags & kinetrel_position_valid) != 0) continue;  // sent before it fell silent
+      ++bridged;
+      EXPECT_TRUE(std::isnan(own.position[0]) && std::isnan(own.orientation[0]));
+      const double x =
+          last.position[0] + 0.5 * static_cast<double>(record.sample_ns - last.sample_ns) * 1e-9;
+      EXPECT_NEAR(record.position[0], x, 0.01) << "its speed goes on";
+      EXPECT_NEAR(record.angles[0], kQuarter, 1e-5);
+    }
+    EXPECT_GT(bridged, 3);
+    EXPECT_TRUE(std::isnan(record.position[0]) && std::isnan(record.orientation[0]));
+    const int reads = reads_;
+    EXPECT_TRUE(WaitUntil([&] { return reads_ > reads + 20; }));
+    kinetrel_record newest;
+    ASSERT_EQ(kinetrel_stream_newest(&stream_, 1, &newest), kinetrel_stream_ok);
+    EXPECT_EQ(newest.number, record.number) << "nothing more is said of it";
+    untold_ = 0;
+    EXPECT_GT(Next(1, kinetrel_position_valid, true).number, record.number);
+  }
 }
 
 TEST_F(FilteredRun, ChainsChangeWhileSamplingAndNoRecordIsLost) {
@@ -170,6 +217,23 @@ TEST_F(FilteredRun, ChainsChangeWhileSamplingAndNoRecordIsLost) {
   EXPECT_TRUE(done);
   EXPECT_EQ(kinetrel_stream_lost(&stream_), 0U);
   EXPECT_EQ(Next(0, kinetrel_filtered, false).sensor, 0U);
+}
+
+TEST_F(FilteredRun, TheStreamTellsHowLateFiltersMakeAMovingSensor) {
+  Start({"one-euro:min-cutoff-hz=1,beta-hz-per-mps=0,sensors=2"});
+  kinetrel_run run{};
+  const auto lagOf = [&](unsigned sensor) {
+    EXPECT_EQ(kinetrel_stream_run(&stream_, &run), kinetrel_stream_ok);
+    return kinetrel_run_filter_lag(&run, sensor);
+  };
+  EXPECT_EQ(lagOf(1), 0.0);
+  speed_ = 50.0;
+  constexpr double kLag = 1.0 / (2.0 * kPi);  // s, of a low-pass filter of 1 Hz
+  EXPECT_TRUE(WaitUntil([&] { return std::abs(lagOf(1) - kLag) < 0.1 * kLag; })) << lagOf(1);
+  EXPECT_EQ(lagOf(0), 0.0);
+  EXPECT_EQ(lagOf(32), 0.0);
+  ASSERT_TRUE(engine_.ClearFilters(kMappingOf1));
+  EXPECT_TRUE(WaitUntil([&] { return lagOf(1) == 0.0; }));
 }
 
 TEST_F(FilteredRun, TheFirstMappingWithAFilterDecidesWhatTheStreamShows) {
@@ -209,7 +273,7 @@ TEST_F(FilteredRun, BadTextsAreRefusedWithTheReason) {
 
 TEST_F(FilteredRun, AFilterThatCannotWorkSaysSoOnceAndThePosePasses) {
   // Only positions: a tip cannot be placed.
-  Start({{"rigid:tip-m=0.5/0/0", 1}});
+  Start({"rigid:tip-m=0.5/0/0,sensors=1"});
   ASSERT_TRUE(engine_.SetAttributeInt(static_cast<int>(EngineAttribute::ComponentMask),
                                       static_cast<int>(kPositionComponent)));
   const kinetrel_record record = Next(0, kinetrel_filter_failed, true);

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "filters/filter_spec.h"
+#include "filters/filter_option.h"
 #include "filters/rigid_math.h"
 
 namespace kinetrel::test {
@@ -42,8 +42,8 @@ inline PoseSample HandAt(double seconds) {
 // The noise of a magnetic tracker at half a metre: 0.1 mm and 0.03 degrees, each axis.
 class Noise {
  public:
-  explicit Noise(double metres = 1e-4, double degrees = 0.03)
-      : metres_(0.0, metres), radians_(0.0, degrees * kRadiansPerDegree) {}
+  explicit Noise(double metres = 1e-4, double degrees = 0.03, unsigned seed = 7)
+      : random_(seed), metres_(0.0, metres), radians_(0.0, degrees * kRadiansPerDegree) {}
 
   void On(PoseSample& sample) {
     for (double& part : sample.position) part += metres_(random_);
@@ -52,7 +52,7 @@ class Noise {
   }
 
  private:
-  std::mt19937 random_{7};
+  std::mt19937 random_;
   std::normal_distribution<double> metres_;
   std::normal_distribution<double> radians_;
 };

@@ -86,7 +86,9 @@ TEST(Prediction, OfThirtyMillisecondsHalvesTheErrorOfNoneAndMore) {
 
 TEST(Prediction, ReachesNoFurtherThanItsSamplesAndItsBound) {
   const auto filter = Make("predict:horizon-ms=100,max-reach-m=0.05");
-  const auto at = [](double seconds) { return SampleAt(seconds, {2.0 * seconds, 0, 0}); };
+  const auto at = [](double seconds) {
+    return SampleAt(seconds, {2.0 * seconds, 0, 0}, FromAngles({2.0 * seconds, 0, 0}));
+  };
   PoseSample first = at(0.0);
   ASSERT_TRUE(filter->FilterSample(first));
   EXPECT_EQ(first.position[0], 0.0) << "one sample tells no speed";
@@ -94,6 +96,7 @@ TEST(Prediction, ReachesNoFurtherThanItsSamplesAndItsBound) {
   ASSERT_TRUE(filter->FilterSample(second));
   EXPECT_LT(second.position[0], 0.02 + 0.02 + 1e-3)
       << "no further ahead than the samples reach back";
+  EXPECT_LT(ToAngles(second.orientation)[0], 0.02 + 0.02 + 1e-3);
   for (int i = 2; i < 50; ++i) {
     PoseSample sample = at(i * 0.01);
     ASSERT_TRUE(filter->FilterSample(sample));
@@ -266,6 +269,94 @@ TEST(BadSamples, AFilterThatBeginsAnewTakesTheSampleAsItIs) {
       EXPECT_TRUE(filter->FilterSample(sample));
       EXPECT_EQ(sample.position, (Vector3{7, 8, 9})) << text << " " << shift;
     }
+  }
+}
+
+TEST(BadSamples, ASecondPoseOfOneMomentTeachesNothing) {
+  for (const char* text : {"one-euro", "predict", "gate", "dropout:instead=extrapolate"}) {
+    SCOPED_TRACE(text);
+    const auto filter = Make(text);
+    const auto spared = Make(text);
+    for (int i = 0; i < 100; ++i) {
+      PoseSample sample = HandAt(i * 0.01);
+      PoseSample expected = sample;
+      EXPECT_TRUE(filter->FilterSample(sample));
+      EXPECT_TRUE(spared->FilterSample(expected));
+      EXPECT_LT(Length(sample.position - expected.position), 1e-12) << i;
+      EXPECT_LT(TurnBetween(sample.orientation, expected.orientation), 1e-9) << i;
+      if (i % 10 != 5) continue;
+      PoseSample again = HandAt(i * 0.01);
+      for (double& part : again.position) part += 3e-4;
+      again.orientation = again.orientation * FromTurn({0, 5e-4, 0});
+      EXPECT_TRUE(filter->FilterSample(again));
+    }
+    PoseSample lost = HandAt(1.0);
+    lost.hasPosition = lost.hasOrientation = false;
+    EXPECT_TRUE(filter->FilterSample(lost));
+    EXPECT_EQ(lost.hasPosition, std::string(text).starts_with("dropout"));
+    if (!lost.hasPosition) continue;
+    EXPECT_LT(Length(lost.position - HandAt(1.0).position), 0.005);
+  }
+}
+
+TEST(BadSamples, APartThatIsBackIsTakenAsItIs) {
+  for (const char* text : {"one-euro", "predict"}) {
+    for (const bool positionIsLost : {true, false}) {
+      SCOPED_TRACE(std::string(text) + (positionIsLost ? " position" : " orientation"));
+      const auto filter = Make(text);
+      for (int i = 0; i < 50; ++i) {
+        PoseSample sample = HandAt(i * 0.01);
+        filter->FilterSample(sample);
+      }
+      PoseSample lost = HandAt(0.50);
+      (positionIsLost ? lost.hasPosition : lost.hasOrientation) = false;
+      filter->FilterSample(lost);
+      const Rotation turned = FromAngles({2.0, 1.0, 0.5});
+      PoseSample back = SampleAt(0.51, {7, 8, 9}, turned);
+      EXPECT_TRUE(filter->FilterSample(back));
+      EXPECT_EQ(back.position == (Vector3{7, 8, 9}), positionIsLost);
+      EXPECT_EQ(TurnBetween(back.orientation, turned) < 1e-9, !positionIsLost);
+    }
+  }
+}
+
+TEST(BadSamples, AResultThatIsNoNumberCostsNoLaterPose) {
+  for (const char* text : {"one-euro", "predict"}) {
+    const auto filter = Make(text);
+    for (int i = 0; i < 50; ++i) {
+      PoseSample sample = HandAt(i * 0.01);
+      if (i == 10) sample.position[0] = 1e308;
+      if (i == 11) sample.position[0] = -1e308;
+      const PoseSample device = sample;
+      const bool worked = filter->FilterSample(sample);
+      EXPECT_TRUE(worked || i <= 13) << text << ' ' << i;
+      EXPECT_TRUE(worked || sample.position == device.position) << text << ' ' << i;
+    }
+  }
+}
+
+TEST(BadSamples, TheGateComparesWithTheLastGoodPoseAcrossLostOnes) {
+  const auto filter = Make("gate");
+  const auto send = [&filter](double seconds, double x, bool valid) {
+    PoseSample sample = SampleAt(seconds, {x, 0, 0});
+    sample.hasPosition = sample.hasOrientation = valid;
+    EXPECT_TRUE(filter->FilterSample(sample));
+    return sample;
+  };
+  for (int i = 0; i < 10; ++i) send(i * 0.01, 0.5, true);
+  EXPECT_FALSE(send(0.10, 0.0, false).hasPosition);
+  EXPECT_EQ(send(0.11, 3.5, true).position[0], 0.5);
+}
+
+TEST(BadSamples, ADropoutHoldsNoPoseAcrossALongGap) {
+  const auto filter = Make("dropout:time-s=1000");
+  PoseSample valid = HandAt(0.0);
+  EXPECT_TRUE(filter->FilterSample(valid));
+  for (const double seconds : {5.0, 5.01}) {
+    PoseSample lost = HandAt(seconds);
+    lost.hasPosition = lost.hasOrientation = false;
+    EXPECT_TRUE(filter->FilterSample(lost));
+    EXPECT_FALSE(lost.hasPosition || lost.hasOrientation);
   }
 }
 

@@ -1,5 +1,5 @@
 // What kinetrel-bridge reads: the bytes of VRPN clients (fuzz-vrpn), and what an operator or a
-// script writes for an output (fuzz-output_spec). KINETREL_FUZZ selects one.
+// script writes for an output (fuzz-output_address). KINETREL_FUZZ selects one.
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "bridge/vrpn_wire.h"
-#include "bridge_front/output_spec.h"
+#include "bridge_front/output_address.h"
 #include "bridge_front/pose_selector.h"
 
 namespace {
@@ -39,11 +39,11 @@ void Client(std::span<const std::byte> data) {
 }
 
 // A selector whose options are accepted gives poses that are finite.
-void Specification(std::span<const std::byte> data) {
-  OutputSpec spec;
+void Address(std::span<const std::byte> data) {
+  OutputAddress address;
   const std::string_view text(reinterpret_cast<const char*>(data.data()), data.size());
-  if (!ParseOutputSpec(text, spec).empty()) return;
-  SpecOptions options(spec);
+  if (!ParseOutputAddress(text, address).empty()) return;
+  OutputOptions options(address);
   const PoseSelector selector(options, {"unity", "sensor"});
   if (!options.Complaint().empty()) return;
   kinetrel_record record{};
@@ -66,6 +66,6 @@ void Specification(std::span<const std::byte> data) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   constexpr bool kIsClient = std::string_view(KINETREL_FUZZ) == "vrpn";
-  (kIsClient ? Client : Specification)(std::as_bytes(std::span(data, size)));
+  (kIsClient ? Client : Address)(std::as_bytes(std::span(data, size)));
   return 0;
 }

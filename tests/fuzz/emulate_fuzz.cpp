@@ -32,7 +32,7 @@ SteppedDevice Make(std::uint8_t pick) {
   const DeviceRow& row =
       arguments.empty() ? Devices()[pick - kVariants.size()] : *FindDevice(arguments[0]);
   if (!arguments.empty()) arguments.erase(arguments.begin());
-  OptionValues options = OptionValues::Parse(arguments, {row.options()});
+  OptionValues options = OptionValues::Parse(arguments, row.options());
   auto device = row.make(options, MakeRamp());
   if (!options.complaint().empty()) std::abort();
   LineOptions line{row.baud};

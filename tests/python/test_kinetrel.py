@@ -1,6 +1,7 @@
 """The Python client against a real tracker program: test_kinetrel.py BIN_DIR INCLUDE_DIR [unittest options]"""
 
 import asyncio
+import csv
 import fcntl
 import os
 import pathlib
@@ -249,6 +250,21 @@ class WithFilter(unittest.TestCase):
         self.assertEqual((filtered.number, filtered.position[:2]), (own.number, own.position[:2]))
         self.assertIs(*seen[1])
 
+    def test_the_lag_of_filters_is_that_of_the_run(self):
+        program = Program()
+        self.addCleanup(program.clean_up)
+        with kinetrel.open(program.slot, patience) as tracker:
+            self.assertEqual(tracker.info.filter_lag, {})
+            lag_of_2 = tracker._head["run_offset"] + layout.RUN.offsets["filter_lag"] + 2
+            end = time.monotonic() + patience
+            lag = {}
+            while not lag and time.monotonic() < end:  # the writer has its own word each second
+                with open(object_of(program.slot), "r+b") as stream:
+                    stream.seek(lag_of_2)
+                    stream.write((120).to_bytes(2, "little"))
+                lag = tracker.info.filter_lag
+        self.assertEqual(lag, {2: 0.0012})
+
 
 class WithoutTracker(unittest.TestCase):
     def test_the_layout_is_that_of_the_header(self):
@@ -277,6 +293,86 @@ class WithoutTracker(unittest.TestCase):
                               cwd=root / "python", capture_output=True, text=True)
         self.assertEqual((done.returncode, done.stderr),
                          (2, f"slot {slot}: no tracker publishes there\n"))
+
+
+class WithRecording(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        folder = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(folder.cleanup)
+        cls.path = pathlib.Path(folder.name) / "a.mcap"
+        program = Program("--filter", "rigid:sensors=2,translation-m=0/0/100")
+        cls.addClassCleanup(program.clean_up)
+        with subprocess.Popen([bin_dir / "kinetrel-record", cls.path, f"--slot={program.slot}",
+                               "--seconds=1.5"], stdin=subprocess.PIPE,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL) as recorder:
+            while not cls.path.exists():
+                time.sleep(0.01)
+            recorder.stdin.write(b"begin\n")
+            recorder.stdin.flush()
+            recorder.wait()
+        cls.slot = program.slot
+        subprocess.run([bin_dir / "kinetrel-record", cls.path, "--to-csv"], check=True,
+                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        cls.recording = kinetrel.read_recording(cls.path)
+
+    def test_the_arrays_are_those_of_the_table(self):
+        with open(self.path.with_suffix(".csv"), newline="") as file:
+            rows = list(csv.DictReader(file))
+        for sensor in (1, 2, 3):
+            poses = self.recording.poses[self.slot, sensor]
+            of_sensor = [row for row in rows if row["sensor"] == str(sensor)]
+            self.assertEqual(len(poses), len(of_sensor))
+            self.assertGreater(len(poses), 20)
+            for i, axis in enumerate("xyz"):
+                column = next(name for name in rows[0] if name.lower().startswith(axis))
+                for pose, row in zip(poses, of_sensor):
+                    self.assertAlmostEqual(pose["position"][i], float(row[column]), 5)
+            lengths = (poses["orientation"] ** 2).sum(axis=1)
+            self.assertLess(abs(lengths - 1).max(), 1e-6)
+            self.assertTrue((poses["publish_ns"] >= poses["sample_ns"]).all())
+            self.assertTrue((poses["frame"][1:] > poses["frame"][:-1]).all())
+        self.assertEqual(list(self.recording.device_poses), [(self.slot, 2)])
+        own = self.recording.device_poses[self.slot, 2]["position"]
+        self.assertAlmostEqual((self.recording.poses[self.slot, 2]["position"] - own)[0][2], 100)
+        self.assertLess(abs(self.recording.poses[self.slot, 1]["sample_ns"][-1] * 1e-9 -
+                            time.time()), 600)
+
+    def test_what_else_was_recorded(self):
+        self.assertEqual([marker.text for marker in self.recording.markers], ["begin"])
+        self.assertIn("running", [note.value for note in self.recording.notes])
+        self.assertTrue(self.recording.whole)
+        self.assertEqual(self.recording.damaged, 0)
+        self.assertIn("version", self.recording.about)
+
+    def test_damage_costs_only_itself(self):
+        whole = self.path.read_bytes()
+        path = self.path.with_name("damaged.mcap")
+        every = self.recording.poses[self.slot, 1]
+        source = random.Random(3)
+        counts = []
+        for size in sorted(source.randrange(8, len(whole)) for _ in range(200)):
+            path.write_bytes(whole[:size])
+            cut = kinetrel.read_recording(path)
+            poses = cut.poses.get((self.slot, 1), every[:0])
+            self.assertTrue((poses == every[:len(poses)]).all())
+            self.assertFalse(cut.whole)
+            counts.append(len(poses))
+        self.assertEqual(counts, sorted(counts))
+        self.assertGreater(counts[150], len(every) // 2)  # most of what lies before the cut
+        for _ in range(200):
+            damaged = bytearray(whole)
+            for _ in range(source.randrange(1, 5)):
+                damaged[source.randrange(8, len(whole))] = source.randrange(256)
+            path.write_bytes(damaged)
+            try:
+                left = kinetrel.read_recording(path).poses.get((self.slot, 1), every[:0])
+                self.assertLessEqual(set(left["position"].flat), set(every["position"].flat))
+            except kinetrel.NotARecording:
+                pass
+        path.write_bytes(b"\x89PNG\r\n" + whole)
+        self.assertRaisesRegex(kinetrel.NotARecording, "begin", kinetrel.read_recording, path)
+        self.assertRaises(FileNotFoundError, kinetrel.read_recording, "nowhere.mcap")
 
 
 if __name__ == "__main__":

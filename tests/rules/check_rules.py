@@ -16,9 +16,9 @@ root = pathlib.Path(__file__).resolve().parents[2]
 sources = (".cpp", ".h", ".c")
 
 # A folder's files may include their own folder and these. The longest matching row counts.
-src_libraries = {"platform", "publish", "devices", "rpc", "filters", "drivers", "engine"}
+src_libraries = {"platform", "publish", "devices", "rpc", "mcap", "capture", "filters", "drivers", "probe", "engine"}
 net_headers = {"boost", "CLI", "nlohmann"}
-library_headers = net_headers | {"dds"}  # of the one program that links Cyclone DDS
+library_headers = net_headers | {"dds", "eigen3", "toml++"}  # each of the one row below that names it
 may_include = {
     "include/kinetrel": set(),
     "src/platform": set(),
@@ -27,20 +27,32 @@ may_include = {
     "src/publish": {"platform", "kinetrel/track_block.h"},  # a client compiles it without any device
     "src/devices": {"platform"},
     "src/rpc": {"platform"},
-    "src/filters": {"devices"},
+    "src/mcap": {"platform", "devices/wire.h"},
+    "src/filters": {"devices", "eigen3"},
     "src/drivers": {"devices", "filters", "rpc", "platform", "vendor"},
-    "src/engine": {"publish", "filters", "devices", "platform"},
-    "src/app": src_libraries,
+    "src/probe": {"drivers", "devices", "platform"},
+    "src/capture": {"mcap", "publish", "devices", "platform"},
+    "src/engine": {"capture", "publish", "filters", "devices", "platform"},
+    "src/app": src_libraries | {"toml++"},
     "src/capi": src_libraries | {"app"},
     # Only the Liberty on a line is shared: our library is that driver behind the vendor's calls.
     "src/vendor": {"platform", "drivers/liberty_line.h", "drivers/liberty_table.h"},
     # An emulator that shared the driver's encoding would prove nothing.
-    "tools/emulate": {"platform"},
-    "tools/watch": {"publish", "platform"},
+    "tools/program": {"platform", "CLI"},  # the frame of every tool
+    "tools/recording": {"mcap", "platform", "nlohmann"},  # for all that play a recording
+    "tools/emulate": {"program", "recording", "mcap", "bridge_front", "platform", "CLI"},
+    "docs/pictures": {"filters"},
+    "tools/watch": {"program", "publish", "platform"},
     "tools/bridge_front": {"platform"},  # programs that have no Boost link it too
-    "tools/bridge": {"bridge_front", "platform"} | net_headers,
+    "tools/report": {"platform"},
+    "tools/certify": {"program", "report", "filters", "devices", "platform", "CLI", "nlohmann"},
+    "tools/calibrate": {"program", "report", "bridge_front", "filters", "platform", "CLI", "eigen3"},
+    "tools/bridge": {"program", "bridge_front", "platform"} | net_headers,
     "tools/bridge_ros2": {"bridge", "bridge_front", "platform", "dds"},
-    "tools/view": {"platform"} | net_headers,  # it knows a tracker by its stream alone
+    "tools/record": {"program", "report", "recording", "mcap", "engine", "devices", "platform", "CLI",
+                     "nlohmann"},
+    "tools/view": {"program", "platform"} | net_headers,  # it knows a tracker by its stream alone
+    "tools/scan": {"program", "report", "probe", "engine", "drivers", "devices", "publish", "platform"} | net_headers,
 }
 unchecked = ("tests/", "bench/", "examples/")
 # The stream's reader is a header that a client compiles without any library.
@@ -126,9 +138,19 @@ def stream_page_complaints():
                 yield 1, f"{name}.{field} is at {offset} in the header, {rows.get(field)} here"
 
 
+def version_complaints():
+    """CMakeLists.txt has the version; two tools want it in files of their own."""
+    version = re.search(r"project\(Kinetrel VERSION (\S+)", (root / "CMakeLists.txt").read_text()).group(1)
+    copies = {"debian/changelog": r"\A\S+ \(([^)]*)\)", "python/kinetrel/__init__.py": r'__version__ = "(.*)"'}
+    for path, pattern in copies.items():
+        if re.search(pattern, (root / path).read_text()).group(1) != version:
+            yield path, 1, f"the version is {version} in CMakeLists.txt"
+
+
 def check_tree():
     found = [(path, number, text) for path in tracked_files() for number, text in complaints(path)]
     found += [("docs/stream.md", number, text) for number, text in stream_page_complaints()]
+    found += version_complaints()
     for path, number, text in found:
         print(f"{path}:{number}: {text}")
     print(f"rules: {len(tracked_files())} files, {len(found)} complaints")

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "emulate/emulator.h"
 #include "emulate/fastrak_emulator.h"
@@ -23,6 +24,11 @@ inline const UsbIdentity kLiberty = {
 inline UsbIdentity OlderLiberty() {
   return {0x0F44, 0xFF12, false, {{0x82, false}, {0x02, false}, {0x06, false}}, 0x82};
 }
+
+inline const UsbIdentity kFastrak = {0x0F44, 0x0003, false, {{0x02, false}, {0x84, false}}, 0x84};
+
+inline const UsbIdentity kOlderFastrak = {
+    0x0F44, 0x0002, false, {{0x82, false}, {0x02, false}, {0x84, true}}, 0x84};
 
 inline UsbIdentity With(std::uint16_t vendor, std::uint16_t product) {
   UsbIdentity identity = kLiberty;
@@ -54,12 +60,25 @@ class Unit {
   std::optional<emulate::EmulatorThread> emulator_;
 };
 
-inline std::unique_ptr<emulate::EmulatedDevice> Liberty(unsigned stations,
-                                                        const std::string& unit = "1") {
+struct Kind {
+  std::string unit = "1";
+  std::string serial = "1";
+  bool isPatriot = false;
+};
+
+inline std::unique_ptr<emulate::EmulatedDevice> Liberty(unsigned stations, const Kind& kind = {}) {
   emulate::LibertySettings settings;
   settings.plugged = (1U << stations) - 1;
-  settings.unit = unit;
+  settings.unit = kind.unit;
+  settings.serial = kind.serial;
+  settings.isPatriot = kind.isPatriot;
   return std::make_unique<emulate::LibertyEmulator>(settings, emulate::MakeRamp());
+}
+
+inline std::unique_ptr<emulate::EmulatedDevice> Fastrak(int receivers) {
+  emulate::FastrakSettings settings;
+  settings.receivers = receivers;
+  return std::make_unique<emulate::FastrakEmulator>(settings, emulate::MakeRamp());
 }
 
 class OnUsb : public testing::Test {
@@ -72,8 +91,16 @@ class OnUsb : public testing::Test {
 
   UsbBus& bus() { return *bus_; }
 
+  // As a destroyed unit does, but it still ends the transfers that its host has given to the
+  // system.
+  void PullOut(std::unique_ptr<Unit>& unit) {
+    unit->port().Unplug();
+    pulledOut_.push_back(std::move(unit));
+  }
+
  private:
   std::shared_ptr<UsbBus> bus_;
+  std::vector<std::unique_ptr<Unit>> pulledOut_;
 };
 
 }  // namespace kinetrel::test

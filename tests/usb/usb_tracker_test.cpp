@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 #include "devices/polhemus_usb.h"
 #include "drivers/fastrak_device.h"
@@ -37,6 +38,7 @@ struct Found {
   const char* asked;
   Error error;
   const char* why;
+  PolhemusFamily family = PolhemusFamily::Liberty;
 };
 
 class UsbSearch : public OnUsb, public testing::WithParamInterface<Found> {};
@@ -49,7 +51,7 @@ TEST_P(UsbSearch, SaysWhatIsThere) {
     ports.push_back(std::move(*port));
   }
   std::string why;
-  const auto unit = OpenPolhemusUnit(PolhemusFamily::Liberty, GetParam().asked, why);
+  const auto unit = OpenPolhemusUnit(GetParam().family, GetParam().asked, why);
   EXPECT_EQ(unit.status().error, GetParam().error);
   EXPECT_NE(why.find(GetParam().why), std::string::npos) << why;
 }
@@ -81,6 +83,12 @@ INSTANTIATE_TEST_SUITE_P(
               "usb",
               Error::NotFound,
               "usb:1-1 is a Polhemus Liberty that waits for its firmware"},
+        Found{"FastrakWaitsForFirmware",
+              {With(0x0F44, 0x0001)},
+              "usb",
+              Error::NotFound,
+              "usb:1-1 is a Polhemus FASTRAK (older) that waits for its firmware",
+              PolhemusFamily::Fastrak},
         Found{"OtherFamily",
               {With(0x0F44, 0x0003)},
               "usb",
@@ -170,30 +178,50 @@ TEST_F(OnUsb, APolledFrameThatHasComeIsNotWaitedForAgain) {
   EXPECT_GT(frames, 20);
 }
 
-// In transfers of that many bytes, records are cut at every place over time. So many small
-// transfers may be too much for the machine that plays them; then frames are left out, whole.
-class UsbSplits : public OnUsb, public testing::WithParamInterface<std::size_t> {};
+struct Splits {
+  const char* name;
+  UsbIdentity identity;
+};
 
-TEST_P(UsbSplits, FramesAreWhole) {
-  Unit unit(bus(), 1, Liberty(2), GetParam() % 2 == 0 ? OlderLiberty() : kLiberty);
-  unit.port().SetLongestTransfer(GetParam());
+class UsbSplits : public OnUsb, public testing::WithParamInterface<Splits> {};
+
+// Every record is cut at each of its places over time. So many small transfers may be too much for
+// the machine that plays them; then frames are left out, whole.
+TEST_P(UsbSplits, FramesThatAreCutAtAnyPlaceAreWhole) {
+  constexpr std::size_t kFrameSize = 72;  // bytes, of two stations
+  Unit unit(bus(), 1, Liberty(2), GetParam().identity);
   LibertyDevice device;
   ASSERT_EQ(device.OpenPort("usb:1-1", kBaud), 1);
   ASSERT_EQ(device.Boot(0), kBooted);
   std::uint64_t last = 0;
-  for (int i = 0; i < 50; ++i) {
-    ASSERT_EQ(device.ReadFrame(nullptr), 0x3U);
+  // On a busy machine a frame may fail or lack a station; those that come are right.
+  int failed = 0;
+  const auto readWhole = [&] {
+    if (device.ReadFrame(nullptr) != 0x3U) {
+      ++failed;
+      return false;
+    }
     const std::uint64_t frame = FrameOf(device);
     EXPECT_GT(frame, last);
     const float* const second = device.GetSensorPose(1);
-    ASSERT_NE(second, nullptr);
-    EXPECT_EQ(RampFrame(second[0], second[2]), frame);
+    EXPECT_EQ(second != nullptr ? RampFrame(second[0], second[2]) : 0, frame);
     last = frame;
+    return true;
+  };
+  for (std::size_t size = 1; size <= kFrameSize; ++size) {
+    unit.port().SetLongestTransfer(size);
+    for (int i = 0; i < 3; ++i) ASSERT_TRUE(WaitUntil(readWhole)) << size;
+  }
+  for (int i = 0; i < 100; ++i) ASSERT_TRUE(WaitUntil(readWhole));  // those that still wait
+  if (!kMayLoseFrames) {
+    EXPECT_LE(failed, 30);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, UsbSplits, testing::Values(5, 8, 37, 0),
-                         [](const auto& row) { return "Bytes" + std::to_string(row.param); });
+INSTANTIATE_TEST_SUITE_P(Of, UsbSplits,
+                         testing::Values(Splits{"HighSpeed", kLiberty},
+                                         Splits{"FullSpeed", OlderLiberty()}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // ---- Trouble -------------------------------------------------------------------------------
 
@@ -223,34 +251,110 @@ TEST_F(OnUsb, SilenceIsNotALostConnection) {
   EXPECT_FALSE(device.ConnectionLost());
 }
 
-TEST_F(OnUsb, AnUnplugWithinAFrameIsALostConnectionAndOnlyTheSameUnitReturns) {
-  auto unit = std::make_unique<Unit>(bus(), 1, Liberty(16, "1"));
-  unit->port().SetLongestTransfer(100);
+TEST_F(OnUsb, AStalledCommandIsSentAgain) {
+  Unit unit(bus(), 1, Liberty(2));
+  LibertyDevice device;
+  ASSERT_EQ(device.OpenPort("usb", kBaud), 1);
+  unit.port().StallNextCommand();
+  ASSERT_EQ(device.Boot(0), kBooted);
+  ASSERT_TRUE(ReadOne(device));
+  for (int i = 0; i < 3; ++i) {  // the command that starts the stream
+    device.Poll();
+    unit.port().StallNextCommand();
+    device.StartContinuous();
+    EXPECT_TRUE(ReadOne(device));
+    EXPECT_FALSE(device.ConnectionLost());
+  }
+}
+
+class UsbUnplug : public OnUsb, public testing::WithParamInterface<std::size_t> {};
+
+TEST_P(UsbUnplug, WithinAFrameLosesTheConnectionAndNothingOfItIsReadLater) {
+  Unit unit(bus(), 1, Liberty(2));
   LibertyDevice device;
   device.OpenPort("usb", kBaud);
   ASSERT_EQ(device.Boot(0), kBooted);
   for (int i = 0; i < 10; ++i) ASSERT_TRUE(ReadOne(device));
-  unit->emulator().Unplug();
-  EXPECT_TRUE(WaitUntil([&] { return device.ReadFrame(nullptr) == 0 && device.ConnectionLost(); }));
-  const auto boots = [&device] {
+  unit.port().UnplugAfter(GetParam());
+  unsigned last = 0;
+  EXPECT_TRUE(WaitUntil([&] {
+    if (const unsigned stations = device.ReadFrame(nullptr); stations != 0) last = stations;
+    return device.ConnectionLost();
+  }));
+  if (GetParam() < 36) {
+    EXPECT_NE(last, 0x1U);  // the first station's record is cut
+  }
+  EXPECT_NE(last, 0x2U);
+  unit.emulator().Plug();
+  EXPECT_TRUE(WaitUntil([&] {
     device.ClosePort();
     return device.OpenPort("usb", kBaud) == 1 && device.Boot(0) == kBooted;
+  }));
+  std::uint64_t before = 0;
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_EQ(device.ReadFrame(nullptr), 0x3U);
+    const float* const second = device.GetSensorPose(1);
+    EXPECT_EQ(RampFrame(second[0], second[2]), FrameOf(device));
+    EXPECT_GT(FrameOf(device), before);
+    before = FrameOf(device);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(After, UsbUnplug, testing::Values(5, 36, 50),
+                         [](const auto& row) { return std::to_string(row.param) + "Bytes"; });
+
+struct Stranger {
+  const char* name;
+  std::optional<UsbIdentity> identity;
+  std::unique_ptr<EmulatedDevice> (*make)();
+  const char* said;
+};
+
+class UsbStranger : public OnUsb, public testing::WithParamInterface<Stranger> {};
+
+TEST_P(UsbStranger, InPlaceOfTheUnitIsLeftAlone) {
+  const Unit elsewhere(bus(), 2, Liberty(16));
+  auto unit = std::make_unique<Unit>(bus(), 1, Liberty(16));
+  LibertyDevice device;
+  device.OpenPort("usb:1-1", kBaud);
+  ASSERT_EQ(device.Boot(0), kBooted);
+  ASSERT_TRUE(ReadOne(device));
+  PullOut(unit);
+  const auto boots = [&device] {
+    device.ClosePort();
+    return device.OpenPort("usb:1-1", kBaud) == 1 && device.Boot(0) == kBooted;
   };
+  if (GetParam().identity) {
+    unit = std::make_unique<Unit>(bus(), 1, GetParam().make(), *GetParam().identity);
+  }
   testing::internal::CaptureStderr();
   EXPECT_FALSE(boots());
-  unit.reset();
-  unit = std::make_unique<Unit>(bus(), 1, Liberty(16, "2"));
-  EXPECT_FALSE(boots());
-  unit.reset();
-  unit = std::make_unique<Unit>(bus(), 1, Liberty(16, "1"));
-  const Unit elsewhere(bus(), 2, Liberty(16, "1"));
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_NE(said.find(GetParam().said), std::string::npos) << said;
+  if (unit) PullOut(unit);
+  unit = std::make_unique<Unit>(bus(), 1, Liberty(16));
   EXPECT_TRUE(boots());
   EXPECT_TRUE(ReadOne(device));
-  const std::string said = testing::internal::GetCapturedStderr();
-  EXPECT_NE(said.find("no device is on USB"), std::string::npos) << said;
-  EXPECT_NE(said.find("Another tracker answers on Polhemus Liberty at usb:1-1"), std::string::npos)
-      << said;
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    A, UsbStranger,
+    testing::Values(
+        Stranger{"LibertyThatSaysAnotherText", kLiberty, [] { return Liberty(16, {.unit = "2"}); },
+                 "Another tracker answers on Polhemus Liberty at usb:1-1; it is left alone."},
+        Stranger{"LibertyOfOtherSerialNumbers", kLiberty,
+                 [] { return Liberty(16, {.serial = "2"}); },
+                 "Another tracker answers on Polhemus Liberty at usb:1-1; it is left alone."},
+        Stranger{"Patriot", With(0x0F44, 0xEF20), [] { return Liberty(2, {.isPatriot = true}); },
+                 "usb:1-1 Polhemus Patriot 0f44:ef20 is in place of the Polhemus Liberty; it is "
+                 "left alone"},
+        Stranger{"Fastrak", kFastrak, [] { return Fastrak(1); },
+                 "usb:1-1 is a Polhemus FASTRAK, which is type 2"},
+        Stranger{"LibertyWithoutFirmware", With(0x0F44, 0xFF21), [] { return Liberty(1); },
+                 "usb:1-1 is a Polhemus Liberty that waits for its firmware"},
+        Stranger{"Nothing", std::nullopt, nullptr,
+                 "usb:1-1: no usable unit; looked for 0f44:ff20"}),
+    [](const auto& row) { return std::string(row.param.name); });
 
 // ---- FASTRAK -------------------------------------------------------------------------------
 
@@ -262,11 +366,8 @@ struct FastrakUnit {
 class FastrakOnUsb : public OnUsb, public testing::WithParamInterface<FastrakUnit> {};
 
 TEST_P(FastrakOnUsb, IsTheSerialDriverOnAnotherLine) {
-  FastrakSettings settings;
-  settings.receivers = 2;
   const auto plugged = [&](unsigned port) {
-    return std::make_unique<Unit>(
-        bus(), port, std::make_unique<FastrakEmulator>(settings, MakeRamp()), GetParam().identity);
+    return std::make_unique<Unit>(bus(), port, Fastrak(2), GetParam().identity);
   };
   auto unit = plugged(1);
   FastrakDevice device;
@@ -289,19 +390,17 @@ TEST_P(FastrakOnUsb, IsTheSerialDriverOnAnotherLine) {
   EXPECT_NE(device.openFailure().find("usb:1-1: no usable unit"), std::string::npos);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Unit, FastrakOnUsb,
-    testing::Values(
-        FastrakUnit{"Newer", {0x0F44, 0x0003, false, {{0x02, false}, {0x84, false}}, 0x84}},
-        FastrakUnit{"OlderThroughItsInterruptEndpoint",
-                    {0x0F44, 0x0002, false, {{0x82, false}, {0x02, false}, {0x84, true}}, 0x84}}),
-    [](const auto& row) { return std::string(row.param.name); });
+INSTANTIATE_TEST_SUITE_P(Unit, FastrakOnUsb,
+                         testing::Values(FastrakUnit{"Newer", kFastrak},
+                                         FastrakUnit{"OlderThroughItsInterruptEndpoint",
+                                                     kOlderFastrak}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // ---- Whole runs ----------------------------------------------------------------------------
 
 TEST_F(OnUsb, TwoRunsUseAUnitEachAndFollowItThroughAnUnplug) {
-  Unit one(bus(), 1, Liberty(16, "1"));
-  Unit two(bus(), 2, Liberty(2, "2"));
+  Unit one(bus(), 1, Liberty(16, {.unit = "1"}));
+  Unit two(bus(), 2, Liberty(2, {.unit = "2"}));
   LibraryRun first(10, {"-p", "usb:1-1", "-s0xFFFF"});
   LibraryRun second(10, {"-p", "usb:1-2", "-s0x3"});
   ASSERT_TRUE(first.program().ExpectError("USB port open")) << first.error();
@@ -318,6 +417,92 @@ TEST_F(OnUsb, TwoRunsUseAUnitEachAndFollowItThroughAnUnplug) {
   EXPECT_EQ(first.Stop(), 0);
   EXPECT_EQ(second.Stop(), 0);
 }
+
+struct Only {
+  const char* name;
+  UsbIdentity identity;
+  std::unique_ptr<EmulatedDevice> (*make)();
+  int type;
+  const char* said;  // about a Liberty in its place
+};
+
+class OnlyUnitRun : public OnUsb, public testing::WithParamInterface<Only> {};
+
+TEST_P(OnlyUnitRun, NeedsNoNameAndWaitsForThisUnit) {
+  auto unit = std::make_unique<Unit>(bus(), 1, GetParam().make(), GetParam().identity);
+  LibraryRun run(GetParam().type, {"-p", "U", "-s0x3"});
+  ASSERT_TRUE(run.FramesPass(100)) << run.error();
+  EXPECT_NE(run.block().poses[1][0], 0.0F);
+  PullOut(unit);
+  unit = std::make_unique<Unit>(bus(), 1, Liberty(2));
+  ASSERT_TRUE(run.program().ExpectError(GetParam().said)) << run.error();
+  PullOut(unit);
+  unit = std::make_unique<Unit>(bus(), 1, GetParam().make(), GetParam().identity);
+  ASSERT_TRUE(run.program().ExpectError("is back")) << run.error();
+  EXPECT_TRUE(run.FramesPass(50)) << run.error();
+  EXPECT_EQ(run.Stop(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    With, OnlyUnitRun,
+    testing::Values(Only{"APatriot", With(0x0F44, 0xEF20),
+                         [] { return Liberty(2, {.isPatriot = true}); }, 10,
+                         "usb:1-1 Polhemus Liberty 0f44:ff20 is in place of the Polhemus Patriot"},
+                    Only{"AFastrak", kFastrak, [] { return Fastrak(2); }, 2,
+                         "usb:1-1 is a Polhemus Liberty, which is type 10"},
+                    Only{"AnOlderFastrak", kOlderFastrak, [] { return Fastrak(2); }, 2,
+                         "usb:1-1 is a Polhemus Liberty, which is type 10"}),
+    [](const auto& row) { return std::string(row.param.name); });
+
+struct Stopped {
+  const char* name;
+  UsbIdentity identity;
+  bool isLiberty;
+  unsigned rate;  // records of its one station in a second
+};
+
+class StoppedRun : public OnUsb, public testing::WithParamInterface<Stopped> {};
+
+// The system keeps the first frames of such a stop for as long as it lasts.
+TEST_P(StoppedRun, PublishesNoPoseOfTheTimeInWhichItDidNotRun) {
+  const Stopped& row = GetParam();
+  Unit unit(bus(), 1, row.isLiberty ? Liberty(1) : Fastrak(1), row.identity);
+  LibraryRun run(row.isLiberty ? 10 : 2, {"-p", "usb:1-1"});
+  ASSERT_TRUE(run.FramesPass(50)) << run.error();
+  const auto sent = [&unit] { return unit.emulator().RecordsSent(); };
+  const auto frame = [&run] { return RampFrame(run.block().poses[0][0], run.block().poses[0][2]); };
+  const std::uint64_t ahead = sent() - frame();
+  // On a busy machine it may just be starting the unit anew, which then sends nothing. A program
+  // that is stopped within a system call for the unit stops the emulated bus too: it hands over a
+  // transfer just after a frame, so the stops come at several places between two frames.
+  std::uint64_t stopped = 0;
+  int tries = 0;
+  EXPECT_TRUE(WaitUntil([&] {
+    run.program().Signal(SIGCONT);
+    if (!run.FramesPass(10)) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(++tries % 4));
+    run.program().Signal(SIGSTOP);
+    stopped = sent();
+    return WaitUntil([&] { return sent() > stopped + 2 * row.rate; }, std::chrono::seconds(4));
+  }));
+  const auto last = run.Watch(0);
+  ASSERT_FALSE(last.empty());
+  run.program().Signal(SIGCONT);
+  const std::uint64_t resumed = sent() - ahead;
+  ASSERT_TRUE(run.program().ExpectError("waited for more than half a second and were dropped"))
+      << run.error();
+  for (const SharedTrackBlock& block : run.Watch(5)) {
+    if (block.frameCount == last.back().frameCount) continue;
+    EXPECT_GE(RampFrame(block.poses[0][0], block.poses[0][2]) + row.rate / 2, resumed)
+        << run.error();
+  }
+  EXPECT_EQ(run.Stop(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, StoppedRun,
+                         testing::Values(Stopped{"Liberty", kLiberty, true, 240},
+                                         Stopped{"OlderFastrak", kOlderFastrak, false, 120}),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(OnUsb, AMissingRightNamesTheRule) {
   const Unit unit(bus(), 1, Liberty(1));

@@ -198,7 +198,7 @@ TEST_F(Requests, CommandLineIsCheckedInOneLine) {
       {{"--listen", "192.0.2.1"}, "cannot serve 192.0.2.1"},
       {{"--allow-origin", "https://lab.example/page"}, "--allow-origin: wants an origin"},
       {{"--patience", "0"}, "--patience"},
-      {{"now"}, "not expected: now"},
+      {{"now"}, "unknown argument 'now'"},
   };
   for (const auto& [arguments, words] : rows) {
     ChildProcess refused("kinetrel-view", arguments);

@@ -90,7 +90,6 @@ class ViewedSlot : public testing::Test {
   static Json Next(WebClient& viewer, const std::string& type) {
     for (;;) {
       const WebClient::Frame frame = viewer.ReceiveFrame();
-      if (frame.opcode == 9) continue;  // a ping
       if (frame.opcode != 1) return nullptr;
       Json message = Json::parse(frame.payload);
       if (message["type"] == type) return message;

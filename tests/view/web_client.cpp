@@ -106,6 +106,14 @@ void WebClient::SendFrame(int opcode, const std::string& payload) {
 }
 
 WebClient::Frame WebClient::ReceiveFrame() {
+  for (;;) {
+    const Frame frame = ReceiveAnyFrame();
+    if (frame.opcode != 9) return frame;
+    SendFrame(10, frame.payload);
+  }
+}
+
+WebClient::Frame WebClient::ReceiveAnyFrame() {
   const std::string head = Take(2);
   if (head.size() < 2) return {};
   std::size_t size = static_cast<unsigned char>(head[1]);

@@ -37,9 +37,10 @@ class WebClient {
     int opcode = -1;  // 1 text, 8 close, 10 pong; -1: the connection is closed
     std::string payload;
   };
-  Frame ReceiveFrame();
+  Frame ReceiveFrame();  // answers pings by itself
 
  private:
+  Frame ReceiveAnyFrame();
   std::string Take(std::size_t count);  // fewer: the connection is closed
   bool Fill();
 

@@ -22,14 +22,14 @@ class StreamWatch : public testing::Test {
     writer_->AddLogLine(0, -3, "The port has gone.");
     writer_->SetState(kinetrel_state_running, "All is well.");
   }
-  void Publish() {
+  void Publish(unsigned flags = 0) {
     kinetrel_record record{};
     record.frame = 7;
     record.sensor = 2;
     record.sample_ns = kinetrel_now_ns();
     record.position[0] = 1.5;
     record.orientation[0] = 1;
-    record.flags = kinetrel_position_valid | kinetrel_orientation_valid;
+    record.flags = kinetrel_position_valid | kinetrel_orientation_valid | flags;
     writer_->Publish({&record, 1});
   }
   std::unique_ptr<ChildProcess> Start(Strings arguments = {}) const {
@@ -37,9 +37,9 @@ class StreamWatch : public testing::Test {
     return std::make_unique<ChildProcess>("kinetrel-watch", arguments);
   }
   // Publishes until the watch, which takes what comes from its start on, has shown one.
-  bool PublishUntilEnded(ChildProcess& watch) {
+  bool PublishUntilEnded(ChildProcess& watch, unsigned flags = 0) {
     return WaitUntil([&] {
-      Publish();
+      Publish(flags);
       return watch.Wait(std::chrono::milliseconds(1)) != ChildProcess::kStillRuns;
     });
   }
@@ -79,6 +79,30 @@ TEST_F(StreamWatch, JsonIsWholeWhateverTheNamesHold) {
       << line;
   EXPECT_TRUE(Contains(line, R"("device":"Test ?[2Jtracker")")) << line;
   EXPECT_TRUE(Contains(line, R"("buttons":null)")) << line;
+}
+
+TEST_F(StreamWatch, JsonTellsTheLagOfFilters) {
+  OpenWriter();
+  writer_->SetFilterLag(2, 0.0012);
+  writer_->SetState(kinetrel_state_running, "Now with filters.");
+  const auto plain = Start({"--json", "--once"});
+  ASSERT_TRUE(PublishUntilEnded(*plain));
+  EXPECT_TRUE(Contains(plain->output(), R"("filterLag":null,)")) << plain->output();
+  ASSERT_TRUE(WaitUntil([&] {  // the run is written every second
+    const auto watch = Start({"--json", "--once"});
+    return PublishUntilEnded(*watch, kinetrel_filtered) &&
+           Contains(watch->output(), R"("filterLag":0.0012,)");
+  }));
+}
+
+TEST_F(StreamWatch, NamesTheSlotThatHasATracker) {
+  OpenWriter();
+  const FreeSlot empty;
+  ChildProcess watch("kinetrel-watch", {"--slot", std::to_string(empty.slot())});
+  ASSERT_TRUE(WaitUntil([&] { return Contains(watch.error(), " one: --slot "); })) << watch.error();
+  // Other tests may publish in lower slots.
+  const std::string words = watch.error().substr(watch.error().find(" ... Slot"));
+  EXPECT_TRUE(Contains(words, " " + std::to_string(slot_.slot()))) << words;
 }
 
 TEST_F(StreamWatch, PrintsTheLogAndEnds) {

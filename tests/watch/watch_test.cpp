@@ -109,9 +109,9 @@ INSTANTIATE_TEST_SUITE_P(
                 {"--slot", "17", "--json"},
                 2,
                 0,
-                "kinetrel-watch: --slot wants a number from 1 to 16, not '17' (see kinetrel-watch "
+                "kinetrel-watch: --slot: wants a number from 1 to 16, not '17' (see kinetrel-watch "
                 "--help)\n"},
-        EndCase{"Version", {"--version"}, 0, 1, ""}),
+        EndCase{"Version", {"--version"}, 0, 3, ""}),
     [](const auto& row) { return std::string(row.param.name); });
 
 }  // namespace

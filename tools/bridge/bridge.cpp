@@ -12,41 +12,44 @@ namespace {
 constexpr int kPatienceMs = 100;                             // of a slot's thread without records
 constexpr auto kWatchEvery = std::chrono::milliseconds(50);  // stop request, table, end of --once
 
-std::string UnknownPath(const OutputSpec& spec) {
+std::string UnknownPath(const OutputAddress& address) {
   std::string presets;
   for (const Protocol& row : Protocols()) {
-    if (row.scheme != spec.scheme || row.path.empty()) continue;
+    if (row.scheme != address.scheme || row.path.empty()) continue;
     presets += (presets.empty() ? "" : ", ") + std::string(row.path);
   }
-  return presets.empty() ? spec.scheme + " takes no path"
-                         : spec.scheme + " has no preset " + spec.path + "; known are " + presets;
+  return presets.empty()
+             ? address.scheme + " takes no path"
+             : address.scheme + " has no preset " + address.path + "; known are " + presets;
 }
 
-std::string UnknownProtocol(const OutputSpec& spec) {
+std::string UnknownProtocol(const OutputAddress& address) {
   std::vector<std::string_view> schemes;
   std::string list;
   for (const Protocol& row : Protocols()) {
-    if (row.scheme == spec.scheme) return UnknownPath(spec);
+    if (row.scheme == address.scheme) return UnknownPath(address);
     if (!row.path.empty()) continue;
     schemes.push_back(row.scheme);
     list += (list.empty() ? "" : ", ") + std::string(row.scheme);
   }
-  const std::string_view closest = Nearest(spec.scheme, schemes);
-  return "unknown protocol " + spec.scheme +
+  const std::string_view closest = Nearest(address.scheme, schemes);
+  return "unknown protocol " + address.scheme +
          (closest.empty() ? "; known are " + list : "; did you mean " + std::string(closest) + "?");
 }
 
 std::string Failure(const Feed& feed, const std::string& why) {
-  return feed.options.spec().text + ": " + why;
+  return feed.options.address().text + ": " + why;
 }
 
 }  // namespace
 
-Bridge::Bridge(const BridgeOptions& options, const std::atomic<int>& stop)
+Bridge::Bridge(const BridgeOptions& options, LineWriter& errors, LineWriter& prints,
+               const std::atomic<int>& stop)
     : options_(options),
+      errors_(errors),
       stop_(stop),
       context_{io_, options.listen, options.dryRun, [this](const std::string& line) { Say(line); },
-               [this](const std::string& line) { Print(line); }} {}
+               [&prints](const std::string& line) { prints.Write(line); }} {}
 
 Bridge::~Bridge() {
   ending_ = true;
@@ -59,12 +62,12 @@ Bridge::~Bridge() {
 // -------------------------------------------------------------------------------------
 
 std::string Bridge::AddFeed(const BridgeOptions::Wanted& wanted) {
-  OutputSpec spec;
-  const std::string complaint = ParseOutputSpec(wanted.text, spec);
+  OutputAddress address;
+  const std::string complaint = ParseOutputAddress(wanted.text, address);
   if (!complaint.empty()) return wanted.text + ": " + complaint;
-  const Protocol* const protocol = FindProtocol(spec.scheme, spec.path);
-  if (protocol == nullptr) return wanted.text + ": " + UnknownProtocol(spec);
-  SpecOptions read(std::move(spec));
+  const Protocol* const protocol = FindProtocol(address.scheme, address.path);
+  if (protocol == nullptr) return wanted.text + ": " + UnknownProtocol(address);
+  OutputOptions read(std::move(address));
   PoseSelector selector(read, {protocol->axes, protocol->name});
   feeds_.push_back({wanted.slot, protocol, std::move(read), std::move(selector)});
   return {};
@@ -108,7 +111,7 @@ std::string Bridge::MakeOutputs() {
     if (shared != outputs_.end()) {
       shared->feeds.push_back(&feed);
     } else {
-      outputs_.push_back({nullptr, {&feed}, feed.options.spec().text});
+      outputs_.push_back({nullptr, {&feed}, feed.options.address().text});
     }
   }
   for (Running& running : outputs_) {
@@ -258,14 +261,7 @@ void Bridge::ShowTable() {
 }
 
 void Bridge::Say(const std::string& line) {
-  const std::lock_guard lock(sayMutex_);
-  std::fprintf(stderr, "%s: %s\n", std::string(ThisProgram().name).c_str(), line.c_str());
-}
-
-void Bridge::Print(const std::string& line) {
-  const std::lock_guard lock(sayMutex_);
-  std::printf("%s\n", line.c_str());
-  std::fflush(stdout);
+  errors_.Write(std::string(ThisProgram().name) + ": " + line);
 }
 
 }  // namespace kinetrel::bridge

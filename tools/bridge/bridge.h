@@ -3,7 +3,7 @@
 //
 // One thread for each slot waits for its records and sends them itself: a second thread between
 // them would cost a second wake-up, which takes longer than all the rest. Nothing that it calls
-// waits, and between the tracker and the network there is no queue but the stream's own ring. The
+// waits, and only the stream's own ring queues records on their way to the network. The
 // sockets that wait (clients that connect, ask, or read slowly) and the table on standard error
 // belong to the one thread that runs the io_context.
 #pragma once
@@ -15,11 +15,11 @@
 #include <deque>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "bridge/line_writer.h"
 #include "bridge/output.h"
 
 namespace kinetrel::bridge {
@@ -38,8 +38,12 @@ struct BridgeOptions {
 
 class Bridge {
  public:
-  // stop  nonzero once the program is to end; outlives the object.
-  Bridge(const BridgeOptions& options, const std::atomic<int>& stop);
+  // errors  for the operator.
+  // prints  of the dry run.
+  // stop    nonzero once the program is to end.
+  // All three outlive the object.
+  Bridge(const BridgeOptions& options, LineWriter& errors, LineWriter& prints,
+         const std::atomic<int>& stop);
   ~Bridge();
   Bridge(const Bridge&) = delete;
   Bridge& operator=(const Bridge&) = delete;
@@ -75,9 +79,9 @@ class Bridge {
   bool AllSent();
   void ShowTable();
   void Say(const std::string& line);
-  void Print(const std::string& line);
 
   const BridgeOptions options_;
+  LineWriter& errors_;
   const std::atomic<int>& stop_;
   boost::asio::io_context io_{1};
   OutputContext context_;
@@ -88,7 +92,6 @@ class Bridge {
   boost::asio::steady_timer timer_{io_};
   std::int64_t nextTableNs_ = 0;
   std::int64_t lastTableNs_ = 0;
-  std::mutex sayMutex_;
 };
 
 }  // namespace kinetrel::bridge

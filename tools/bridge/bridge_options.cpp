@@ -1,20 +1,21 @@
 #include "bridge/bridge_options.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdio>
+
+#include "program/command_line.h"
 
 namespace kinetrel::bridge {
 namespace {
-
-constexpr const char* kVersion = " 0.1.0\n";
 
 std::string Footer() {
   const Program& program = ThisProgram();
   return "\nAn output is PROTOCOL or PROTOCOL://HOST:PORT/PATH?OPTION=VALUE&OPTION=VALUE, for "
          "example\n  " +
          std::string(program.name) + " " + std::string(program.example) +
-         "\nEvery output has the options sensors, name, axes, scale, mount, arm, room and origin.\n"
-         "Exit codes: 0 done, 2 an argument or an output cannot be used.";
+         "\nEvery output has the options sensors, name, axes, scale, mount, arm, room and origin; "
+         "the\n"
+         "manual page explains them, and those of single protocols.\n"
+         "Exit codes: 0 ended as asked, 2 an argument is wrong or an output cannot be opened.";
 }
 
 // CLI11 keeps the values of each option together; --slot holds for the outputs behind it, so the
@@ -46,11 +47,21 @@ std::vector<BridgeOptions::Wanted> InOrder(const CLI::App& app, const CLI::Optio
   return wanted;
 }
 
-// "127.0.0.1:9000  ", "port 3883  ", or empty for a protocol without addresses.
+// "to 127.0.0.1:9000", "to HOST:9000", "serves port 3883", or empty for a protocol without
+// addresses.
 std::string DefaultPlace(const Protocol& protocol) {
   if (protocol.port == 0) return "";
-  const std::string before = protocol.host.empty() ? "port" : std::string(protocol.host);
-  return before + (protocol.host.empty() ? " " : ":") + std::to_string(protocol.port) + "  ";
+  const std::string port = std::to_string(protocol.port);
+  if (protocol.server) return "; serves port " + port;
+  return "; to " + (protocol.host.empty() ? "HOST" : std::string(protocol.host)) + ":" + port;
+}
+
+// "x right, y up, z forward; lengths in m"
+std::string WordsOf(const AxesPreset& preset) {
+  std::string words(preset.words);
+  const std::size_t unit = words.find("; ");
+  if (unit != words.npos) words.insert(unit + 2, "lengths in ");
+  return words;
 }
 
 }  // namespace
@@ -58,46 +69,40 @@ std::string DefaultPlace(const Protocol& protocol) {
 BridgeCommand ParseBridgeCommand(int count, const char* const* arguments) {
   BridgeCommand command;
   BridgeOptions& options = command.options;
-  CLI::App app("Sends the poses of running trackers in the protocols of other software.",
-               std::string(ThisProgram().name));
-  app.footer(Footer());
+  ToolCommandLine app(std::string(ThisProgram().name),
+                      "Sends the poses of running trackers in the protocols of other software.",
+                      Footer());
   std::vector<int> slots;
   std::vector<std::string> outputs;
   bool list = false;
-  bool version = false;
   const CLI::Option* const slot =
-      app.add_option("--slot", slots, "Slot of the tracker, 1 to 16, for the outputs that follow")
+      app.add_option("--slot", slots,
+                     "Slot of the tracker, 1 to 16, for the outputs that follow it [1]")
           ->expected(1)
           ->allow_extra_args(false)
           ->take_all()
-          ->check(CLI::Range(1, 16));
+          ->check(NumberFrom(1, 16))
+          ->option_text("NUMBER");
   const CLI::Option* const output =
       app.add_option("OUTPUT", outputs, "Where to send; --list shows the protocols");
   if (ThisProgram().listens) {
-    app.add_option("--listen", options.listen, "Address that servers listen on")
-        ->capture_default_str();
+    app.add_option("--listen", options.listen,
+                   "Address that servers listen on; 0.0.0.0: every address of the machine")
+        ->option_text("ADDRESS [127.0.0.1]");
   }
-  app.add_option("--status", options.statusSeconds, "Seconds between two tables; 0: none")
-      ->check(CLI::Range(0, 86400))
-      ->capture_default_str();
+  app.add_option("--status", options.statusSeconds,
+                 "Time between two tables on standard error of what goes where; 0: none")
+      ->check(NumberFrom(0, 86400))
+      ->option_text("SECONDS [5]");
   app.add_flag("--once", options.once, "End when every output has sent a frame");
   app.add_flag("--dry-run", options.dryRun, "Print the packets instead of sending them");
   app.add_flag("--list", list, "List the protocols, their ports, axes and units");
-  app.add_flag("--version", version, "Print the version");
-  try {
-    app.parse(count, arguments);
-  } catch (const CLI::CallForHelp&) {
-    return {BridgeRequest::Print, {}, app.help()};
-  } catch (const CLI::ParseError& error) {
-    return {BridgeRequest::Refuse, {}, error.what()};
-  }
-  if (list || version)
-    return {BridgeRequest::Print,
-            {},
-            list ? ProtocolList() : std::string(ThisProgram().name) + kVersion};
+  command.ending = app.Read(count, arguments);
+  if (list && !command.ending) command.ending = Ending{0, ProtocolList()};
+  if (command.ending) return command;
   options.outputs = InOrder(app, slot, output);
   if (options.outputs.empty()) {
-    return {BridgeRequest::Refuse, {}, "name at least one output, for example vrpn"};
+    command.ending = app.Mistake("name at least one output, for example vrpn");
   }
   return command;
 }
@@ -108,8 +113,8 @@ std::string ProtocolList() {
     const AxesPreset* const axes = FindAxesPreset(row.axes);
     char line[512];
     std::snprintf(line, sizeof line, "%-17s %s%s\n%-17s axes: %s; rotation: %s\n",
-                  TitleOf(row).c_str(), DefaultPlace(row).c_str(), std::string(row.help).c_str(),
-                  "", axes == nullptr ? "" : std::string(axes->words).c_str(),
+                  TitleOf(row).c_str(), std::string(row.help).c_str(), DefaultPlace(row).c_str(),
+                  "", axes == nullptr ? "" : WordsOf(*axes).c_str(),
                   std::string(row.angles).c_str());
     text += line;
   }
@@ -117,7 +122,7 @@ std::string ProtocolList() {
   for (const AxesPreset& preset : AxesPresets()) {
     char line[256];
     std::snprintf(line, sizeof line, "%-12s %s\n", std::string(preset.name).c_str(),
-                  std::string(preset.words).c_str());
+                  WordsOf(preset).c_str());
     text += line;
   }
   return text;

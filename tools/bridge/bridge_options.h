@@ -1,18 +1,17 @@
 // The command line of kinetrel-bridge.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "bridge/bridge.h"
+#include "program/program.h"
 
 namespace kinetrel::bridge {
 
-enum class BridgeRequest { Run, Print, Refuse };
-
 struct BridgeCommand {
-  BridgeRequest request = BridgeRequest::Run;
+  std::optional<Ending> ending;  // set: send nothing
   BridgeOptions options;
-  std::string text;  // to print; or why the command is refused
 };
 
 // `arguments` as main has them, the program's name first.

@@ -12,7 +12,8 @@
 #include <array>
 #include <cstdint>
 #include <span>
-#include <string>
+
+#include "bridge/packet.h"
 
 namespace kinetrel::bridge {
 
@@ -22,11 +23,12 @@ struct DTrackBody {
   std::array<double, 9> rotation{};  // the matrix, row by row
 };
 
-// All bodies are in one text, as receivers expect; from some ten bodies on the network splits it.
+// Appends the text, which has all bodies, as receivers expect; from some ten bodies on the network
+// splits it.
 //
 // utcNs  since 1970.
 // known  the highest number of a body plus 1.
-std::string EncodeDTrack(std::uint32_t frame, std::int64_t utcNs, unsigned known,
-                         std::span<const DTrackBody> bodies);
+void EncodeDTrack(PacketWriter& packet, std::uint32_t frame, std::int64_t utcNs, unsigned known,
+                  std::span<const DTrackBody> bodies);
 
 }  // namespace kinetrel::bridge

@@ -37,25 +37,28 @@ class DTrackOutput final : public UdpOutput {
 
  private:
   void Send(std::span<const Pose> poses) {
-    std::vector<DTrackBody> bodies;
+    bodies_.clear();
     for (const Pose& pose : poses) {
       known_ = std::max(known_, pose.place + 1);
       if (!pose.Seen()) continue;
       const Matrix m = MatrixOf(pose.orientation);
-      bodies.push_back(
+      bodies_.push_back(
           {pose.place,
            pose.position,
            {m[0][0], m[0][1], m[0][2], m[1][0], m[1][1], m[1][2], m[2][0], m[2][1], m[2][2]}});
     }
     lastUtcNs_ = poses[0].utcNs;
-    SendBodies(lastUtcNs_, bodies);
+    SendBodies(lastUtcNs_, bodies_);
   }
 
   void SendBodies(std::int64_t utcNs, std::span<const DTrackBody> bodies) {
-    SendFrame(PacketWriter().Text(EncodeDTrack(number_++, utcNs, known_, bodies)).Take());
+    EncodeDTrack(packets().writer(), number_++, utcNs, known_, bodies);
+    packets().End();
+    SendFrame();
   }
 
   FrameGatherer frame_;
+  std::vector<DTrackBody> bodies_;  // of the present frame
   std::uint32_t number_ = 1;
   unsigned known_ = 0;          // the highest body's number plus 1
   std::int64_t lastUtcNs_ = 0;  // of the last frame; 0: none since the tracker was lost

@@ -20,14 +20,16 @@ class FrameGatherer {
   // finish  is given each frame, once.
   FrameGatherer(const Feed& feed, Finish finish) : feed_(feed), finish_(std::move(finish)) {}
 
-  void SetState(const SourceState& state);  // which sensors make a frame whole
+  // Which sensors make a frame whole. Without a tracker that delivers, what it holds is left out.
+  void SetState(const SourceState& state);
   // Finishes the frame when its last sensor has come, or the first one of the next frame.
   void Add(std::span<const Pose> poses);
   // Finishes a frame that has been waiting for too long.
   void Tick(std::int64_t nowNs);
 
  private:
-  void Flush();
+  void Flush(std::int64_t nowNs);
+  void Clear();
   bool IsWhole() const { return expected_ != 0 && (expected_ & ~present_) == 0; }
 
   const Feed& feed_;

@@ -40,14 +40,13 @@ double I24Be(PacketReader& reader) {
 
 }  // namespace
 
-Packet EncodeFreeD(const FreeDPose& pose) {
-  PacketWriter packet;
+void EncodeFreeD(PacketWriter& packet, const FreeDPose& pose) {
+  const std::size_t start = packet.size();
   packet.U8(kType).U8(pose.camera);
   for (const double angle : {pose.pan, pose.tilt, pose.roll}) packet.U24Be(Angle(angle));
   for (const double length : {pose.x, pose.y, pose.height}) packet.U24Be(Length(length));
   packet.U24Be(pose.zoom).U24Be(pose.focus).U16Be(0);
-  packet.U8(kSum - Sum(packet.bytes()));
-  return packet.Take();
+  packet.U8(kSum - Sum(packet.bytes().subspan(start)));
 }
 
 std::string DescribeFreeD(std::span<const std::byte> packet) {

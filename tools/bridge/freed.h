@@ -38,8 +38,8 @@ struct FreeDPose {
   std::uint32_t focus = 0;  // 24 bits
 };
 
-// Rounds, and limits angles to +-180 degrees and lengths to +-131072 mm.
-Packet EncodeFreeD(const FreeDPose& pose);
+// Appends the message. Rounds, and limits angles to +-180 degrees and lengths to +-131072 mm.
+void EncodeFreeD(PacketWriter& packet, const FreeDPose& pose);
 
 // The packet as text. Text that says so if the packet is damaged. For any bytes.
 std::string DescribeFreeD(std::span<const std::byte> packet);

@@ -25,18 +25,17 @@ class FreeDOutput final : public UdpOutput {
     ReadFlips(feed.options);
   }
 
-  void Publish(const Feed& feed, std::span<const Pose> poses) override {
-    std::vector<Packet> packets;
+  void Publish(const Feed&, std::span<const Pose> poses) override {
     for (const Pose& pose : poses) {
       const unsigned camera =
           camera_ < 0 ? pose.sensor + 1 : static_cast<unsigned>(camera_) + pose.place;
-      if (pose.Seen() && camera <= kHighestCamera) packets.push_back(PacketOf(feed, pose, camera));
+      if (pose.Seen() && camera <= kHighestCamera) AddPacket(pose, camera);
     }
-    SendFrame(packets);
+    SendFrame();
   }
 
  private:
-  void ReadFlips(SpecOptions& options) {
+  void ReadFlips(OutputOptions& options) {
     std::string rest = options.Text("flip", "");
     while (!rest.empty()) {
       const std::size_t comma = std::min(rest.find(','), rest.size());
@@ -51,17 +50,17 @@ class FreeDOutput final : public UdpOutput {
     }
   }
 
-  Packet PacketOf(const Feed& feed, const Pose& pose, unsigned camera) const {
-    const Angles angles = AnglesIn(feed, pose);
-    return EncodeFreeD({.camera = static_cast<std::uint8_t>(camera),
-                        .pan = signs_[0] * Degrees(angles.azimuth),
-                        .tilt = signs_[1] * Degrees(angles.elevation),
-                        .roll = signs_[2] * Degrees(angles.roll),
-                        .x = signs_[3] * pose.position[0],
-                        .y = signs_[4] * pose.position[1],
-                        .height = signs_[5] * pose.position[2],
-                        .zoom = static_cast<std::uint32_t>(zoom_),
-                        .focus = static_cast<std::uint32_t>(focus_)});
+  void AddPacket(const Pose& pose, unsigned camera) {
+    EncodeFreeD(packets().writer(), {.camera = static_cast<std::uint8_t>(camera),
+                                     .pan = signs_[0] * Degrees(pose.angles.azimuth),
+                                     .tilt = signs_[1] * Degrees(pose.angles.elevation),
+                                     .roll = signs_[2] * Degrees(pose.angles.roll),
+                                     .x = signs_[3] * pose.position[0],
+                                     .y = signs_[4] * pose.position[1],
+                                     .height = signs_[5] * pose.position[2],
+                                     .zoom = static_cast<std::uint32_t>(zoom_),
+                                     .focus = static_cast<std::uint32_t>(focus_)});
+    packets().End();
   }
 
   const int camera_;  // of the first chosen sensor; -1: not given

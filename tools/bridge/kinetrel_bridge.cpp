@@ -2,12 +2,14 @@
 // trackers in the protocols of other software.
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "bridge/bridge.h"
 #include "bridge/bridge_options.h"
-#include "platform/console.h"
+#include "bridge/line_writer.h"
 #include "platform/signals.h"
+#include "program/program.h"
 
 namespace kinetrel::bridge {
 namespace {
@@ -15,27 +17,23 @@ namespace {
 constexpr int kDone = 0;
 constexpr int kRefused = 2;
 
-int Refuse(const std::string& why) {
-  std::fprintf(stderr, "%s: %s\n", std::string(ThisProgram().name).c_str(), why.c_str());
-  return kRefused;
-}
-
-int Serve(const BridgeCommand& command) {
-  if (command.request == BridgeRequest::Print) {
-    std::fputs(command.text.c_str(), stdout);
-    return kDone;
-  }
-  if (command.request == BridgeRequest::Refuse) {
-    return Refuse(command.text + " (see " + std::string(ThisProgram().name) + " --help)");
-  }
+int Serve(const BridgeOptions& options) {
+  LineWriter errors(stderr);
+  LineWriter prints(stdout);
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);
   CatchStopSignals(stop);
-  Bridge bridge(command.options, stop);
-  const std::string failure = bridge.Open();
-  if (!failure.empty()) return Refuse(failure);
-  bridge.Run();
-  return kDone;
+  std::string failure;
+  {
+    Bridge bridge(options, errors, prints, stop);
+    failure = bridge.Open();
+    if (failure.empty()) bridge.Run();
+  }
+  if (!failure.empty()) errors.Write(std::string(ThisProgram().name) + ": " + failure);
+  const int code = failure.empty() ? kDone : kRefused;
+  const bool allWritten = errors.Finish() && prints.Finish();
+  if (!allWritten) std::_Exit(code);
+  return code;
 }
 
 }  // namespace
@@ -43,7 +41,9 @@ int Serve(const BridgeCommand& command) {
 
 int main(int count, char** arguments) {
   using namespace kinetrel::bridge;
-  kinetrel::HoldStandardStreams();
-  std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems buffer it when it leads to a pipe
-  return Serve(ParseBridgeCommand(count, arguments));
+  const std::string name(ThisProgram().name);
+  return kinetrel::RunProgram(name, [&] {
+    const BridgeCommand command = ParseBridgeCommand(count, arguments);
+    return command.ending ? Print(*command.ending, name) : Serve(command.options);
+  });
 }

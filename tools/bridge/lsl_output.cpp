@@ -8,6 +8,7 @@
 #include "bridge/frame_gatherer.h"
 #include "bridge/lsl_library.h"
 #include "bridge/text.h"
+#include "program/program.h"
 
 namespace kinetrel::bridge {
 namespace {

@@ -4,10 +4,8 @@
 
 namespace kinetrel::bridge {
 
-Packet EncodeOpentrack(const std::array<double, 6>& values) {
-  PacketWriter packet;
+void EncodeOpentrack(PacketWriter& packet, const std::array<double, 6>& values) {
   for (const double value : values) packet.F64Le(value);
-  return packet.Take();
 }
 
 std::string DescribeOpentrack(std::span<const std::byte> packet) {

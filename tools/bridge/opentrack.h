@@ -20,8 +20,9 @@
 
 namespace kinetrel::bridge {
 
+// Appends the packet.
 // values  in the order of the table.
-Packet EncodeOpentrack(const std::array<double, 6>& values);
+void EncodeOpentrack(PacketWriter& packet, const std::array<double, 6>& values);
 
 // The packet as text. Text that says so if the packet is damaged. For any bytes.
 std::string DescribeOpentrack(std::span<const std::byte> packet);

@@ -15,13 +15,15 @@ class OpentrackOutput final : public UdpOutput {
     }
   }
 
-  void Publish(const Feed& feed, std::span<const Pose> poses) override {
+  void Publish(const Feed&, std::span<const Pose> poses) override {
     for (const Pose& pose : poses) {
       if (pose.place != 0 || !pose.Seen()) continue;
       const auto& [x, y, z] = pose.position;
-      const Angles angles = AnglesIn(feed, pose);
-      SendFrame(EncodeOpentrack(
-          {x, y, z, Degrees(angles.azimuth), Degrees(angles.elevation), -Degrees(angles.roll)}));
+      const auto& [azimuth, elevation, roll] = pose.angles;
+      EncodeOpentrack(packets().writer(),
+                      {x, y, z, Degrees(azimuth), Degrees(elevation), -Degrees(roll)});
+      packets().End();
+      SendFrame();
     }
   }
 };

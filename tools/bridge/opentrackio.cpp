@@ -1,6 +1,5 @@
 #include "bridge/opentrackio.h"
 
-#include <charconv>
 #include <cmath>
 #include <nlohmann/json.hpp>
 
@@ -11,97 +10,119 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr std::string_view kMark = "OTrk";
+constexpr std::uint32_t kMark = 0x4F54726B;  // "OTrk"
+constexpr std::size_t kHead = 16;
 constexpr std::size_t kHeadBeforeSum = 14;
 constexpr std::uint16_t kLast = 0x8000;
 constexpr std::int64_t kSecond = 1'000'000'000;
 
 std::uint16_t Fletcher16(std::span<const std::byte> head, std::span<const std::byte> payload) {
-  unsigned first = 0;
-  unsigned second = 0;
+  std::uint32_t first = 0;  // modulo 2^32, and so modulo 256 too
+  std::uint32_t second = 0;
   for (const std::span<const std::byte> part : {head, payload}) {
     for (const std::byte byte : part) {
-      first = (first + std::to_integer<unsigned>(byte)) & 0xFF;
-      second = (second + first) & 0xFF;
+      first += std::to_integer<std::uint32_t>(byte);
+      second += first;
     }
   }
-  return static_cast<std::uint16_t>(second << 8 | first);
+  return static_cast<std::uint16_t>((second & 0xFF) << 8 | (first & 0xFF));
 }
 
+// To six places behind the point, without zeros at its end.
 std::string Number(double value) {
-  std::array<char, 32> digits{};
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value);
-  return {digits.data(), end.ptr};
+  std::string text = Fixed(value, 6);
+  text.resize(text.find_last_not_of('0') + 1);
+  if (text.back() == '.') text.pop_back();
+  return text;
 }
 
 // Bytes that are not UTF-8 become the character that stands for such.
-std::string Quoted(const std::string& text) {
+std::string Quoted(std::string_view text) {
   return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// The schema wants a ratio of whole numbers.
-std::string RatioOf(double rate) {
-  const double whole = std::round(rate);
-  const bool isWhole = std::abs(rate - whole) < 1e-6;
-  return R"({"num":)" + Number(isWhole ? whole : std::round(rate * 1000)) +
-         (isWhole ? R"(,"denom":1})" : R"(,"denom":1000})");
-}
-
-std::string TimingOf(const OpenTrackIoSample& sample) {
-  std::string text = R"({"mode":"internal",)";
-  if (sample.rate > 0) text += R"("sampleRate":)" + RatioOf(sample.rate) + ",";
-  text += R"("sampleTimestamp":{"seconds":)" + std::to_string(sample.utcNs / kSecond);
-  text += R"(,"nanoseconds":)" + std::to_string(sample.utcNs % kSecond);
-  return text + R"(},"sequenceNumber":)" + std::to_string(sample.sequence) + "}";
-}
-
-std::string TransformOf(const OpenTrackIoSample& sample) {
-  const auto& [x, y, z] = sample.position;
-  return R"({"translation":{"x":)" + Number(x) + R"(,"y":)" + Number(y) + R"(,"z":)" + Number(z) +
-         R"(},"rotation":{"pan":)" + Number(sample.pan) + R"(,"tilt":)" + Number(sample.tilt) +
-         R"(,"roll":)" + Number(sample.roll) + R"(},"id":"Camera"})";
-}
-
-// Written as text, since a tree of members for each sample takes ten times as long.
-std::string TextOf(const OpenTrackIoSample& sample) {
-  std::string text = R"({"protocol":{"name":"OpenTrackIO","version":[1,0,1]},"sampleId":")";
-  text += sample.sampleId + R"(","sourceId":")" + sample.sourceId;
-  text += R"(","sourceNumber":)" + std::to_string(sample.sourceNumber);
-  text += R"(,"tracker":{"status":")" + std::string(sample.seen ? "ok" : "lost");
-  text += R"("},"timing":)" + TimingOf(sample);
-  if (sample.seen) text += R"(,"transforms":[)" + TransformOf(sample) + "]";
-  if (!sample.make.empty()) {
-    text += R"(,"static":{"tracker":{"make":)" + Quoted(sample.make);
-    text += R"(,"model":)" + Quoted(sample.model) + "}}";
+void AppendTiming(PacketWriter& packet, const OpenTrackIoSample& sample) {
+  packet.Text(R"({"mode":"internal",)");
+  if (sample.rate > 0) {
+    // The schema wants a ratio of whole numbers.
+    const double whole = std::round(sample.rate);
+    const bool isWhole = std::abs(sample.rate - whole) < 1e-6;
+    packet.Text(R"("sampleRate":{"num":)");
+    packet.Text(Number(isWhole ? whole : std::round(sample.rate * 1000)));
+    packet.Text(isWhole ? R"(,"denom":1},)" : R"(,"denom":1000},)");
   }
-  return text + "}";
+  packet.Text(R"("sampleTimestamp":{"seconds":)").Text(std::to_string(sample.utcNs / kSecond));
+  packet.Text(R"(,"nanoseconds":)").Text(std::to_string(sample.utcNs % kSecond));
+  packet.Text(R"(},"sequenceNumber":)").Text(std::to_string(sample.sequence)).Text("}");
+}
+
+void AppendTransform(PacketWriter& packet, const OpenTrackIoSample& sample) {
+  const auto& [x, y, z] = sample.position;
+  packet.Text(R"({"translation":{"x":)").Text(Number(x)).Text(R"(,"y":)").Text(Number(y));
+  packet.Text(R"(,"z":)").Text(Number(z)).Text(R"(},"rotation":{"pan":)").Text(Number(sample.pan));
+  packet.Text(R"(,"tilt":)").Text(Number(sample.tilt)).Text(R"(,"roll":)");
+  packet.Text(Number(sample.roll)).Text(R"(},"id":"Camera"})");
+}
+
+// All but the last brace. Written as text, since a tree of members for each sample takes ten times
+// as long.
+void AppendJson(PacketWriter& packet, const OpenTrackIoSample& sample) {
+  packet.Text(R"({"protocol":{"name":"OpenTrackIO","version":[1,0,1]},"sampleId":")");
+  packet.Text(sample.sampleId).Text(R"(","sourceId":")").Text(sample.sourceId);
+  packet.Text(R"(","sourceNumber":)").Text(std::to_string(sample.sourceNumber));
+  packet.Text(R"(,"tracker":{"status":")").Text(sample.seen ? "ok" : "lost");
+  packet.Text(R"("},"timing":)");
+  AppendTiming(packet, sample);
+  if (sample.seen) {
+    packet.Text(R"(,"transforms":[)");
+    AppendTransform(packet, sample);
+    packet.Text("]");
+  }
+  if (!sample.make.empty()) {
+    packet.Text(R"(,"static":{"tracker":{"make":)").Text(Quoted(sample.make));
+    packet.Text(R"(,"model":)").Text(Quoted(sample.model)).Text("}}");
+  }
 }
 
 }  // namespace
 
-Packet OpenTrackIoPacket(std::span<const std::byte> payload, std::uint16_t sequence,
-                         OpenTrackIoEncoding encoding) {
-  PacketWriter packet;
-  packet.Text(kMark).U8(0).U8(static_cast<std::uint8_t>(encoding)).U16Be(sequence).U32Be(0);
-  packet.U16Be(kLast | static_cast<std::uint32_t>(payload.size()));
-  packet.U16Be(Fletcher16(packet.bytes(), payload)).Bytes(payload);
-  return packet.Take();
+void SetOpenTrackIoHeader(PacketWriter& packet, std::size_t start, std::uint16_t sequence,
+                          OpenTrackIoEncoding encoding) {
+  const std::size_t length = packet.size() - start - kHead;
+  packet.SetU32Be(start, kMark);
+  packet.SetU16Be(start + 4, static_cast<std::uint32_t>(encoding));
+  packet.SetU16Be(start + 6, sequence);
+  packet.SetU32Be(start + 8, 0);
+  packet.SetU16Be(start + 12, kLast | static_cast<std::uint32_t>(length));
+  const auto bytes = packet.bytes().subspan(start);
+  packet.SetU16Be(start + kHeadBeforeSum,
+                  Fletcher16(bytes.first(kHeadBeforeSum), bytes.subspan(kHead)));
 }
 
-Packet EncodeOpenTrackIo(const OpenTrackIoSample& sample, OpenTrackIoEncoding encoding) {
-  const std::string text = TextOf(sample);
-  const auto sequence = static_cast<std::uint16_t>(sample.sequence & 0xFFFF);
+void EncodeOpenTrackIo(PacketWriter& packet, const OpenTrackIoSample& sample,
+                       OpenTrackIoEncoding encoding, std::size_t leastSize) {
+  const std::size_t start = packet.size();
+  packet.Zeros(kHead);
   if (encoding == OpenTrackIoEncoding::Json) {
-    return OpenTrackIoPacket(std::as_bytes(std::span(text)), sequence, encoding);
+    AppendJson(packet, sample);
+    const std::size_t size = packet.size() - start + 1;
+    if (size < leastSize) packet.Fill(leastSize - size, std::byte{' '});
+    packet.Text("}");
+  } else {
+    PacketWriter text;
+    AppendJson(text, sample);
+    text.Text("}");
+    const std::vector<std::uint8_t> cbor = Json::to_cbor(Json::parse(AsText(text.bytes())));
+    packet.Bytes(std::as_bytes(std::span(cbor)));
   }
-  const std::vector<std::uint8_t> cbor = Json::to_cbor(Json::parse(text));
-  return OpenTrackIoPacket(std::as_bytes(std::span(cbor)), sequence, encoding);
+  SetOpenTrackIoHeader(packet, start, static_cast<std::uint16_t>(sample.sequence & 0xFFFF),
+                       encoding);
 }
 
 std::string DescribeOpenTrackIo(std::span<const std::byte> packet) {
   constexpr const char* kDamaged = "damaged OpenTrackIO packet";
   PacketReader reader(packet);
-  const bool marked = AsText(reader.Bytes(kMark.size())) == kMark && reader.U8() == 0;
+  const bool marked = reader.U32Be() == kMark && reader.U8() == 0;
   const unsigned encoding = reader.U8();
   const unsigned sequence = reader.U16Be();
   const bool whole = reader.U32Be() == 0;

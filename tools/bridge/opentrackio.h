@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "bridge/packet.h"
 
@@ -24,8 +25,8 @@ namespace kinetrel::bridge {
 enum class OpenTrackIoEncoding : std::uint8_t { Json = 1, Cbor = 2 };
 
 struct OpenTrackIoSample {
-  std::string sampleId;       // "urn:uuid:" and a UUID of its own
-  std::string sourceId;       // the same for a whole run
+  std::string_view sampleId;  // "urn:uuid:" and a UUID of its own
+  std::string_view sourceId;  // the same for a whole run
   unsigned sourceNumber = 1;  // 1 to 200
   bool seen = true;           // false: without a pose, status "lost"
   double rate = 0;            // Hz; 0: not known, left out
@@ -35,16 +36,20 @@ struct OpenTrackIoSample {
   double pan = 0;                    // degree, positive to the left
   double tilt = 0;                   // degree, positive up
   double roll = 0;                   // degree, positive clockwise, seen from behind
-  std::string make;                  // of the tracker; empty: make and model are left out
-  std::string model;
+  std::string_view make;             // of the tracker; empty: make and model are left out
+  std::string_view model;
 };
 
-// Header and payload. The header's sequence number is the low half of the sample's.
-Packet EncodeOpenTrackIo(const OpenTrackIoSample& sample, OpenTrackIoEncoding encoding);
+// Appends header and payload. The header's sequence number is the low half of the sample's.
+// leastSize  of a packet in JSON, which is filled with spaces before its last brace. Packets of one
+//            length are cheaper to send.
+void EncodeOpenTrackIo(PacketWriter& packet, const OpenTrackIoSample& sample,
+                       OpenTrackIoEncoding encoding, std::size_t leastSize = 0);
 
-// Header and any payload, at most 32767 bytes.
-Packet OpenTrackIoPacket(std::span<const std::byte> payload, std::uint16_t sequence,
-                         OpenTrackIoEncoding encoding);
+// Writes the header of a packet that begins at `start`: 16 bytes of any kind, and then its payload,
+// at most 32767 bytes.
+void SetOpenTrackIoHeader(PacketWriter& packet, std::size_t start, std::uint16_t sequence,
+                          OpenTrackIoEncoding encoding);
 
 // The packet as text: sequence number and the sample as JSON. Text that says so if the packet is
 // damaged. For any bytes.

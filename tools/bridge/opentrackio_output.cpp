@@ -1,17 +1,20 @@
+#include <algorithm>
+#include <array>
 #include <boost/uuid/random_generator.hpp>
-#include <boost/uuid/uuid_io.hpp>
 #include <random>
 #include <vector>
 
 #include "bridge/opentrackio.h"
 #include "bridge/text.h"
 #include "bridge/udp_output.h"
+#include "program/program.h"
 
 namespace kinetrel::bridge {
 namespace {
 
 constexpr int kSources = 200;
 constexpr std::int64_t kStaticEveryNs = 2'000'000'000;
+constexpr std::size_t kUsualSize = 576;  // hardly any packet is longer
 
 // Source numbers: the sensor's own, or counted from option source=N in the order of the chosen
 // sensors. Without a host, each source has the multicast group of its number. Option encoding: json
@@ -24,22 +27,26 @@ class OpenTrackIoOutput final : public UdpOutput {
         encoding_(feed.options.Choice("encoding", 0, {"json", "cbor"}) == 0
                       ? OpenTrackIoEncoding::Json
                       : OpenTrackIoEncoding::Cbor),
-        ownGroups_(feed.options.spec().host.empty()),
+        ownGroups_(feed.options.address().host.empty()),
         random_(std::random_device{}()) {
     RefuseNumbersPast(feed, "source", first_, kSources);
   }
 
-  void Publish(const Feed& feed, std::span<const Pose> poses) override {
-    bool sent = false;
+  void Publish(const Feed&, std::span<const Pose> poses) override {
     for (const Pose& pose : poses) {
       const unsigned source =
           first_ < 0 ? pose.sensor + 1 : static_cast<unsigned>(first_) + pose.place;
       if (source > kSources) continue;
-      const Packet packet = EncodeOpenTrackIo(SampleOf(feed, pose, source), encoding_);
-      sent = (ownGroups_ ? sender().SendToGroup(packet, source) : sender().Send(packet)) || sent;
+      if (ownGroups_) {
+        EncodeOpenTrackIo(packets().writer(), SampleOf(pose, source), encoding_);
+        packets().End(static_cast<std::uint8_t>(source));
+      } else {
+        EncodeOpenTrackIo(packets().writer(), SampleOf(pose, source), encoding_, kUsualSize);
+        packets().End();
+      }
       last_[pose.sensor] = pose;
     }
-    if (sent) ++counts().frames;
+    SendFrame();
   }
 
   // A tracker that delivers nothing: one sample with the status "lost" for each source.
@@ -61,19 +68,23 @@ class OpenTrackIoOutput final : public UdpOutput {
   }
 
  private:
+  using Id = std::array<char, 45>;  // "urn:uuid:" and a UUID
+
   struct Source {
-    std::string id;
+    std::optional<Id> id;
     std::uint32_t sequence = 0;
     std::int64_t nextStaticNs = 0;
   };
 
-  OpenTrackIoSample SampleOf(const Feed& feed, const Pose& pose, unsigned number) {
-    const Angles angles = AnglesIn(feed, pose);
+  // Good until the next call.
+  OpenTrackIoSample SampleOf(const Pose& pose, unsigned number) {
+    const Angles& angles = pose.angles;
     Source& source = sources_[pose.sensor];
-    if (source.id.empty()) source.id = NewId();
+    if (!source.id) source.id = NewId();
+    sampleId_ = NewId();
     OpenTrackIoSample sample;
-    sample.sampleId = NewId();
-    sample.sourceId = source.id;
+    sample.sampleId = {sampleId_.data(), sampleId_.size()};
+    sample.sourceId = {source.id->data(), source.id->size()};
     sample.sourceNumber = number;
     sample.seen = pose.Seen();
     sample.rate = rate_;
@@ -91,13 +102,26 @@ class OpenTrackIoOutput final : public UdpOutput {
     return sample;
   }
 
-  std::string NewId() { return "urn:uuid:" + boost::uuids::to_string(makeId_()); }
+  Id NewId() {
+    constexpr std::string_view kScheme = "urn:uuid:";
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    const boost::uuids::uuid number = makeId_();
+    Id id;
+    auto end = std::copy(kScheme.begin(), kScheme.end(), id.begin());
+    for (std::size_t i = 0; i < number.size(); ++i) {
+      if (i >= 4 && i <= 10 && i % 2 == 0) *end++ = '-';
+      *end++ = kDigits[number.data[i] >> 4];
+      *end++ = kDigits[number.data[i] & 0xF];
+    }
+    return id;
+  }
 
   const int first_;  // source of the first chosen sensor; -1: not given
   const OpenTrackIoEncoding encoding_;
   const bool ownGroups_;
   std::mt19937_64 random_;
   boost::uuids::basic_random_generator<std::mt19937_64> makeId_{random_};
+  Id sampleId_{};
   std::array<Source, kinetrel_stream_sensors> sources_;
   std::array<std::optional<Pose>, kinetrel_stream_sensors> last_;  // since the tracker delivers
   std::string model_;

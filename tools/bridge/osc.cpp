@@ -1,8 +1,7 @@
 #include "bridge/osc.h"
 
-#include <utility>
-
 #include "bridge/text.h"
+#include "program/program.h"
 
 namespace kinetrel::bridge {
 namespace {
@@ -18,7 +17,10 @@ void AppendText(PacketWriter& packet, std::string_view text) {
   packet.Text(text).Zeros(Padding(text.size()));
 }
 
-char TypeOf(const OscArgument& argument) { return "ifs"[argument.index()]; }
+unsigned char TypeOf(const OscArgument& argument) {
+  constexpr std::string_view kTypes = "ifs";
+  return static_cast<unsigned char>(kTypes[argument.index()]);
+}
 
 void Append(PacketWriter& packet, const OscArgument& argument) {
   if (const auto* number = std::get_if<std::int32_t>(&argument)) {
@@ -28,6 +30,17 @@ void Append(PacketWriter& packet, const OscArgument& argument) {
   } else {
     AppendText(packet, std::get<std::string_view>(argument));
   }
+}
+
+std::size_t SizeOfText(std::size_t length) { return length + Padding(length); }
+
+std::size_t SizeOf(std::string_view address, std::span<const OscArgument> arguments) {
+  std::size_t size = SizeOfText(address.size()) + SizeOfText(1 + arguments.size());
+  for (const OscArgument& argument : arguments) {
+    const auto* const text = std::get_if<std::string_view>(&argument);
+    size += text == nullptr ? 4 : SizeOfText(text->size());
+  }
+  return size;
 }
 
 // ---- Reading ----
@@ -77,18 +90,13 @@ std::string DescribeTime(PacketReader& reader) {
 
 }  // namespace
 
-Packet OscMessage(std::string_view address, std::span<const OscArgument> arguments) {
-  PacketWriter packet;
+void EncodeOsc(PacketWriter& packet, std::string_view address,
+               std::span<const OscArgument> arguments) {
   AppendText(packet, address);
-  std::string types = ",";
-  for (const OscArgument& argument : arguments) types += TypeOf(argument);
-  AppendText(packet, types);
+  packet.Text(",");
+  for (const OscArgument& argument : arguments) packet.U8(TypeOf(argument));
+  packet.Zeros(Padding(1 + arguments.size()));
   for (const OscArgument& argument : arguments) Append(packet, argument);
-  return packet.Take();
-}
-
-Packet OscMessage(std::string_view address, std::initializer_list<OscArgument> arguments) {
-  return OscMessage(address, std::span(arguments.begin(), arguments.size()));
 }
 
 std::uint64_t OscTimeTag(std::int64_t utcNs) {
@@ -97,17 +105,19 @@ std::uint64_t OscTimeTag(std::int64_t utcNs) {
   return seconds << 32 | (part << 32) / kSecond;
 }
 
-void OscBundler::Add(const Packet& message) {
-  if (present_.size() > 0 && present_.size() + 4 + message.size() > kLargestPacket) {
-    done_.push_back(present_.Take());
-  }
-  if (present_.size() == 0) present_.Text(kBundle).U64Be(timeTag_);
-  present_.U32Be(static_cast<std::uint32_t>(message.size())).Bytes(message);
+OscBundler::~OscBundler() {
+  if (packets_.sizeOfPresent() > 0) packets_.End();
 }
 
-std::vector<Packet> OscBundler::Take() {
-  if (present_.size() > 0) done_.push_back(present_.Take());
-  return std::exchange(done_, {});
+void OscBundler::Add(std::string_view address, std::span<const OscArgument> arguments) {
+  const std::size_t size = 4 + SizeOf(address, arguments);
+  if (packets_.sizeOfPresent() > 0 && packets_.sizeOfPresent() + size > kLargestPacket) {
+    packets_.End();
+  }
+  PacketWriter& packet = packets_.writer();
+  if (packets_.sizeOfPresent() == 0) packet.Text(kBundle).U64Be(timeTag_);
+  packet.U32Be(static_cast<std::uint32_t>(size - 4));
+  EncodeOsc(packet, address, arguments);
 }
 
 std::string DescribeOsc(std::span<const std::byte> packet) {

@@ -2,11 +2,10 @@
 //
 // Everything is big-endian and a multiple of 4 bytes long. A message is its address, a comma with
 // one letter for each argument, and the arguments: i (32-bit number), f (32-bit float), s (text).
-// Source: the OSC 1.0 specification.
+// Source: the published text of OSC 1.0.
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <span>
 #include <string>
 #include <string_view>
@@ -18,9 +17,10 @@ namespace kinetrel::bridge {
 
 using OscArgument = std::variant<std::int32_t, float, std::string_view>;
 
+// Appends a message.
 // address  begins with '/'.
-Packet OscMessage(std::string_view address, std::span<const OscArgument> arguments);
-Packet OscMessage(std::string_view address, std::initializer_list<OscArgument> arguments);
+void EncodeOsc(PacketWriter& packet, std::string_view address,
+               std::span<const OscArgument> arguments);
 
 // The tag with which receivers act at once.
 inline constexpr std::uint64_t kOscAtOnce = 1;
@@ -29,22 +29,21 @@ inline constexpr std::uint64_t kOscAtOnce = 1;
 // utcNs  since 1970.
 std::uint64_t OscTimeTag(std::int64_t utcNs);
 
-// Joins messages to packets that no network splits. A packet of several messages is a bundle.
+// Joins messages to bundles that no network splits.
 class OscBundler {
  public:
   // timeTag  of every bundle: OscTimeTag() or kOscAtOnce.
-  explicit OscBundler(std::uint64_t timeTag) : timeTag_(timeTag) {}
+  OscBundler(PacketBatch& packets, std::uint64_t timeTag) : packets_(packets), timeTag_(timeTag) {}
+  ~OscBundler();  // ends the last bundle
+  OscBundler(const OscBundler&) = delete;
+  OscBundler& operator=(const OscBundler&) = delete;
 
-  // A message that has no room in the present packet begins the next one.
-  void Add(const Packet& message);
-  std::vector<Packet> Take();
+  // A message that has no room in the present bundle begins the next one.
+  void Add(std::string_view address, std::span<const OscArgument> arguments);
 
  private:
-  void Begin();
-
-  std::uint64_t timeTag_;
-  std::vector<Packet> done_;
-  PacketWriter present_;
+  PacketBatch& packets_;
+  const std::uint64_t timeTag_;
 };
 
 // The packet as text: for each message its address and arguments; a bundle begins with its time.

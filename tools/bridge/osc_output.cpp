@@ -13,10 +13,9 @@ constexpr std::uint64_t kMostOfInt32 = 0x7FFFFFFF;
 
 float F(double value) { return static_cast<float>(value); }
 
-std::vector<OscArgument> Floats(std::initializer_list<double> values) {
-  std::vector<OscArgument> arguments;
-  for (const double value : values) arguments.emplace_back(F(value));
-  return arguments;
+template <typename... Values>
+std::array<OscArgument, sizeof...(Values)> Floats(Values... values) {
+  return {F(values)...};
 }
 
 // A name without the characters that mean something else in an address.
@@ -43,15 +42,9 @@ class OscOutput : public UdpOutput {
 
   // Each message alone, for receivers that know no bundles.
   void Add(std::string_view address, std::span<const OscArgument> arguments) {
-    messages_.push_back(OscMessage(address, arguments));
+    EncodeOsc(packets().writer(), address, arguments);
+    packets().End();
   }
-  void SendMessages() {
-    SendFrame(messages_);
-    messages_.clear();
-  }
-
- private:
-  std::vector<Packet> messages_;
 };
 
 // ---- Plain ----
@@ -66,45 +59,67 @@ class OscPlain final : public UdpOutput {
  public:
   OscPlain(const OutputContext& context, Feed& feed)
       : UdpOutput(context, feed, DescribeOsc),
-        root_("/kinetrel/" + std::to_string(feed.slot) + "/"),
-        timed_(feed.options.Flag("time", false)) {}
-
-  void Publish(const Feed& feed, std::span<const Pose> poses) override {
-    OscBundler bundler(timed_ ? OscTimeTag(poses[0].utcNs) : kOscAtOnce);
-    for (const Pose& pose : poses) {
-      AddPose(bundler, feed, pose);
-      AddButtons(bundler, pose);
+        buttonsAddress_(RootOf(feed) + "buttons"),
+        frameAddress_(RootOf(feed) + "frame"),
+        timed_(feed.options.Flag("time", false)) {
+    for (std::size_t place = 0; place < feed.selector.sensors().size(); ++place) {
+      const std::string address = RootOf(feed) + AsPartOfAddress(feed.selector.NameOf(place));
+      sensors_[feed.selector.sensors()[place]] = {address + "/pose", address + "/lost"};
     }
-    const auto frame = static_cast<std::int32_t>(poses[0].frame & kMostOfInt32);
-    bundler.Add(OscMessage(root_ + "frame", {frame}));
-    SendFrame(bundler.Take());
   }
 
-  void OnState(const Feed& feed, const SourceState& state) override {
-    if (state.Delivers() || seen_ == 0) return;
-    OscBundler bundler(kOscAtOnce);
-    for (unsigned sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
-      AddLost(bundler, feed, sensor);
+  void Publish(const Feed&, std::span<const Pose> poses) override {
+    {
+      OscBundler bundler(packets(), timed_ ? OscTimeTag(poses[0].utcNs) : kOscAtOnce);
+      for (const Pose& pose : poses) {
+        AddPose(bundler, pose);
+        AddButtons(bundler, pose);
+      }
+      AddNumber(bundler, frameAddress_, poses[0].frame & kMostOfInt32);
     }
-    SendFrame(bundler.Take());
+    SendFrame();
+  }
+
+  void OnState(const Feed&, const SourceState& state) override {
+    if (state.Delivers() || seen_ == 0) return;
+    {
+      OscBundler bundler(packets(), kOscAtOnce);
+      for (unsigned sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
+        AddLost(bundler, sensor);
+      }
+    }
+    SendFrame();
   }
 
  private:
-  void AddPose(OscBundler& bundler, const Feed& feed, const Pose& pose) {
+  struct Addresses {
+    std::string pose;
+    std::string lost;
+  };
+
+  static std::string RootOf(const Feed& feed) {
+    return "/kinetrel/" + std::to_string(feed.slot) + "/";
+  }
+
+  static void AddNumber(OscBundler& bundler, const std::string& address, std::uint64_t number) {
+    const OscArgument argument = static_cast<std::int32_t>(number);
+    bundler.Add(address, std::span(&argument, 1));
+  }
+
+  void AddPose(OscBundler& bundler, const Pose& pose) {
     if (!pose.Seen()) {
-      AddLost(bundler, feed, pose.sensor);
+      AddLost(bundler, pose.sensor);
       return;
     }
     const auto& [x, y, z] = pose.position;
     const Quaternion& q = pose.orientation;
-    bundler.Add(
-        OscMessage(AddressOf(feed, pose.sensor) + "/pose", Floats({x, y, z, q.x, q.y, q.z, q.w})));
+    bundler.Add(sensors_[pose.sensor].pose, Floats(x, y, z, q.x, q.y, q.z, q.w));
     seen_ |= 1U << pose.sensor;
   }
 
-  void AddLost(OscBundler& bundler, const Feed& feed, unsigned sensor) {
+  void AddLost(OscBundler& bundler, unsigned sensor) {
     if ((seen_ >> sensor & 1U) == 0) return;
-    bundler.Add(OscMessage(AddressOf(feed, sensor) + "/lost", {}));
+    bundler.Add(sensors_[sensor].lost, {});
     seen_ &= ~(1U << sensor);
   }
 
@@ -115,16 +130,12 @@ class OscPlain final : public UdpOutput {
     if (buttonsTold_ && buttons == buttons_) return;
     buttons_ = buttons;
     buttonsTold_ = true;
-    bundler.Add(OscMessage(root_ + "buttons", {static_cast<std::int32_t>(buttons)}));
+    AddNumber(bundler, buttonsAddress_, buttons);
   }
 
-  std::string AddressOf(const Feed& feed, unsigned sensor) const {
-    const auto sensors = feed.selector.sensors();
-    const auto place = std::find(sensors.begin(), sensors.end(), sensor) - sensors.begin();
-    return root_ + AsPartOfAddress(feed.selector.NameOf(static_cast<std::size_t>(place)));
-  }
-
-  const std::string root_;
+  const std::string buttonsAddress_;
+  const std::string frameAddress_;
+  std::array<Addresses, kinetrel_stream_sensors> sensors_;  // of the chosen ones
   const bool timed_;
   std::uint32_t seen_ = 0;  // bit i: the receiver has a pose of sensor i
   std::uint32_t buttons_ = 0;
@@ -138,33 +149,41 @@ class OscPlain final : public UdpOutput {
 class OscVrchat final : public OscOutput {
  public:
   OscVrchat(const OutputContext& context, Feed& feed)
-      : OscOutput(context, feed), head_(ReadChosenSensor(feed, "head")) {}
+      : OscOutput(context, feed), head_(ReadChosenSensor(feed, "head")) {
+    for (std::size_t i = 0; i < trackers_.size(); ++i) {
+      trackers_[i] = AddressesOf(std::to_string(i + 1));
+    }
+  }
 
-  void Publish(const Feed& feed, std::span<const Pose> poses) override {
+  void Publish(const Feed&, std::span<const Pose> poses) override {
     for (const Pose& pose : poses) {
-      const std::string number = NumberOf(pose);
-      if (!pose.Seen() || number.empty()) continue;
-      const std::string address = "/tracking/trackers/" + number;
+      const bool isHead = static_cast<int>(pose.sensor) + 1 == head_;
+      if (!pose.Seen() || (!isHead && pose.place >= trackers_.size())) continue;
+      const Addresses& to = isHead ? headAddresses_ : trackers_[pose.place];
       if (pose.hasPosition) {
-        Add(address + "/position", Floats({pose.position[0], pose.position[1], pose.position[2]}));
+        Add(to.position, Floats(pose.position[0], pose.position[1], pose.position[2]));
       }
       if (pose.hasOrientation) {
-        const Angles angles = AnglesIn(feed, pose);
-        Add(address + "/rotation",
-            Floats({-Degrees(angles.elevation), Degrees(angles.azimuth), -Degrees(angles.roll)}));
+        const auto& [azimuth, elevation, roll] = pose.angles;
+        Add(to.rotation, Floats(-Degrees(elevation), Degrees(azimuth), -Degrees(roll)));
       }
     }
-    SendMessages();
+    SendFrame();
   }
 
  private:
-  static constexpr unsigned kMostTrackers = 8;
+  struct Addresses {
+    std::string position;
+    std::string rotation;
+  };
 
-  std::string NumberOf(const Pose& pose) const {
-    if (static_cast<int>(pose.sensor) + 1 == head_) return "head";
-    return pose.place < kMostTrackers ? std::to_string(pose.place + 1) : "";
+  static Addresses AddressesOf(const std::string& tracker) {
+    const std::string address = "/tracking/trackers/" + tracker;
+    return {address + "/position", address + "/rotation"};
   }
 
+  std::array<Addresses, 8> trackers_;  // by Pose::place
+  const Addresses headAddresses_ = AddressesOf("head");
   const int head_;  // from 1; 0: none
 };
 
@@ -180,12 +199,12 @@ class OscVmc final : public OscOutput {
       if (!pose.Seen()) continue;
       const auto& [x, y, z] = pose.position;
       const Quaternion& q = pose.orientation;
-      std::vector<OscArgument> arguments = Floats({x, y, z, q.x, q.y, q.z, q.w});
-      arguments.insert(arguments.begin(), pose.name);
+      const std::array<OscArgument, 8> arguments = {pose.name, F(x),   F(y),   F(z),
+                                                    F(q.x),    F(q.y), F(q.z), F(q.w)};
       Add("/VMC/Ext/Tra/Pos", arguments);
       sending_ = true;
     }
-    SendMessages();
+    SendFrame();
   }
 
   void OnState(const Feed&, const SourceState& state) override {
@@ -196,9 +215,10 @@ class OscVmc final : public OscOutput {
   void Tick(const Feed&, std::int64_t nowNs) override {
     if (!sending_ || nowNs < nextNs_) return;
     nextNs_ = nowNs + kSecondNs;
-    (void)sender().Send(OscMessage("/VMC/Ext/OK", {1}));
-    const double seconds = static_cast<double>(nowNs - startNs_) / kSecondNs;
-    (void)sender().Send(OscMessage("/VMC/Ext/T", {F(seconds)}));
+    const OscArgument isThere = 1;
+    Add("/VMC/Ext/OK", std::span(&isThere, 1));
+    Add("/VMC/Ext/T", Floats(static_cast<double>(nowNs - startNs_) / kSecondNs));
+    SendAside();
   }
 
  private:
@@ -227,33 +247,42 @@ class OscAdm final : public OscOutput {
     }
     if (centre_.empty()) centre_ = {0, 0, 0};
     reach_ = *std::max_element(extent_.begin(), extent_.end());
+    for (std::size_t place = 0; place < feed.selector.sensors().size(); ++place) {
+      const std::string object =
+          "/adm/obj/" + std::to_string(first_ + static_cast<int>(place)) + "/";
+      objects_.push_back({object + "xyz", object + "aed", object + "dmax"});
+    }
   }
 
-  void Publish(const Feed& feed, std::span<const Pose> poses) override {
+  void Publish(const Feed&, std::span<const Pose> poses) override {
     for (const Pose& pose : poses) {
       if (static_cast<int>(pose.sensor) + 1 == listener_) {
-        AddListener(feed, pose);
+        AddListener(pose);
       } else if (pose.hasPosition) {
         AddObject(pose);
       }
     }
-    SendMessages();
+    SendFrame();
   }
 
  private:
-  std::vector<OscArgument> PlaceOf(const Pose& pose) const {
-    std::vector<OscArgument> place;
-    for (std::size_t i = 0; i < 3; ++i) {
-      place.emplace_back(F(std::clamp((pose.position[i] - centre_[i]) / extent_[i], -1.0, 1.0)));
-    }
-    return place;
+  struct Addresses {
+    std::string xyz;
+    std::string aed;
+    std::string dmax;
+  };
+
+  std::array<OscArgument, 3> PlaceOf(const Pose& pose) const {
+    const auto part = [&](std::size_t i) {
+      return std::clamp((pose.position[i] - centre_[i]) / extent_[i], -1.0, 1.0);
+    };
+    return Floats(part(0), part(1), part(2));
   }
 
   void AddObject(const Pose& pose) {
-    const std::string address =
-        "/adm/obj/" + std::to_string(first_ + static_cast<int>(pose.place)) + "/";
+    const Addresses& to = objects_[pose.place];
     if (!polar_) {
-      Add(address + "xyz", PlaceOf(pose));
+      Add(to.xyz, PlaceOf(pose));
       return;
     }
     const double x = pose.position[0] - centre_[0];
@@ -261,25 +290,25 @@ class OscAdm final : public OscOutput {
     const double z = pose.position[2] - centre_[2];
     const double distance = std::hypot(x, y, z);
     const double elevation = distance > 0 ? std::asin(std::clamp(z / distance, -1.0, 1.0)) : 0;
-    Add(address + "aed",
-        Floats({Degrees(std::atan2(-x, y)), Degrees(elevation), std::min(distance / reach_, 1.0)}));
-    Add(address + "dmax", Floats({reach_}));
+    Add(to.aed,
+        Floats(Degrees(std::atan2(-x, y)), Degrees(elevation), std::min(distance / reach_, 1.0)));
+    Add(to.dmax, Floats(reach_));
   }
 
-  void AddListener(const Feed& feed, const Pose& pose) {
+  void AddListener(const Pose& pose) {
     if (pose.hasPosition) Add("/adm/lis/xyz", PlaceOf(pose));
     if (!pose.hasOrientation) return;
-    const Angles angles = AnglesIn(feed, pose);
-    Add("/adm/lis/ypr",
-        Floats({-Degrees(angles.azimuth), Degrees(angles.elevation), Degrees(angles.roll)}));
+    const auto& [azimuth, elevation, roll] = pose.angles;
+    Add("/adm/lis/ypr", Floats(-Degrees(azimuth), Degrees(elevation), Degrees(roll)));
   }
 
   const int first_;
   const int listener_;  // from 1; 0: none
   const bool polar_;
-  std::vector<double> extent_;  // m
-  std::vector<double> centre_;  // m
-  double reach_ = 1;            // m that the distance 1 stands for
+  std::vector<Addresses> objects_;  // by Pose::place
+  std::vector<double> extent_;      // m
+  std::vector<double> centre_;      // m
+  double reach_ = 1;                // m that the distance 1 stands for
 };
 
 template <typename Kind>

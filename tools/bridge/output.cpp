@@ -19,12 +19,12 @@ std::string TitleOf(const Protocol& protocol) {
 }
 
 std::string HostOf(const Feed& feed) {
-  const std::string& host = feed.options.spec().host;
+  const std::string& host = feed.options.address().host;
   return host.empty() ? std::string(feed.protocol->host) : host;
 }
 
 std::uint16_t PortOf(const Feed& feed) {
-  const std::uint16_t port = feed.options.spec().port;
+  const std::uint16_t port = feed.options.address().port;
   return port == 0 ? feed.protocol->port : port;
 }
 

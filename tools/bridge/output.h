@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "bridge_front/output_spec.h"
+#include "bridge_front/output_address.h"
 #include "bridge_front/pose_selector.h"
 #include "bridge_front/stream_source.h"
 
@@ -28,7 +28,7 @@ struct Protocol;
 struct Feed {
   int slot = 1;  // 1 to 16
   const Protocol* protocol = nullptr;
-  SpecOptions options;    // of this feed; an output reads its own options in its factory
+  OutputOptions options;  // of this feed; an output reads its own options in its factory
   PoseSelector selector;  // applied before Publish
 };
 

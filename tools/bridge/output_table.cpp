@@ -56,7 +56,7 @@ constexpr Protocol kProtocols[] = {
      .angles = "degree",
      .name = "sensor",
      .apart = "object",
-     .help = "OSC for ADM: objects and listener for spatial sound",
+     .help = "OSC for ADM: objects and listener for spatial sound, as parts of the room (-1 to 1)",
      .make = MakeOscAdm},
     {.scheme = "freed",
      .port = 40000,
@@ -99,7 +99,7 @@ constexpr Protocol kProtocols[] = {
      .angles = "degree",
      .name = "Camera",
      .apart = "source",
-     .help = "OpenTrackIO 1.0: camera tracking for virtual production",
+     .help = "OpenTrackIO 1.0: camera tracking; source N has the group 239.135.1.N",
      .make = MakeOpenTrackIo},
 };
 

@@ -54,17 +54,26 @@ class PacketWriter {
     return Bytes(std::as_bytes(std::span(text.data(), text.size())));
   }
   PacketWriter& Bytes(std::span<const std::byte> bytes) {
-    for (const std::byte byte : bytes) bytes_.push_back(byte);
+    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
     return *this;
   }
-  PacketWriter& Zeros(std::size_t count) {
-    for (; count > 0; --count) bytes_.push_back(std::byte{0});
+  PacketWriter& Fill(std::size_t count, std::byte with) {
+    bytes_.insert(bytes_.end(), count, with);
     return *this;
   }
+  PacketWriter& Zeros(std::size_t count) { return Fill(count, std::byte{0}); }
 
-  const Packet& bytes() const { return bytes_; }
+  // Writes over bytes from `at` on, which are there already.
+  void SetU16Be(std::size_t at, std::uint32_t value) {
+    Put<std::endian::big>(at, static_cast<std::uint16_t>(value));
+  }
+  void SetU32Be(std::size_t at, std::uint32_t value) { Put<std::endian::big>(at, value); }
+  void SetU32Le(std::size_t at, std::uint32_t value) { Put<std::endian::little>(at, value); }
+
+  std::span<const std::byte> bytes() const { return bytes_; }
   std::size_t size() const { return bytes_.size(); }
   Packet Take() { return std::move(bytes_); }
+  void Clear() { bytes_.clear(); }  // and keeps the memory
 
  private:
   // A double beyond a float's range would become an infinity, which receivers do not expect.
@@ -74,15 +83,57 @@ class PacketWriter {
   }
 
   template <std::endian Order, typename Value>
-  PacketWriter& Number(std::uint64_t value) {
+  void Put(std::size_t at, Value value) {
     for (std::size_t i = 0; i < sizeof(Value); ++i) {
       const std::size_t shift = 8 * (Order == std::endian::big ? sizeof(Value) - 1 - i : i);
-      U8(static_cast<std::uint32_t>(value >> shift & 0xFF));
+      bytes_[at + i] = static_cast<std::byte>(value >> shift & 0xFF);
     }
+  }
+
+  template <std::endian Order, typename Value>
+  PacketWriter& Number(std::uint64_t value) {
+    const std::size_t at = bytes_.size();
+    bytes_.resize(at + sizeof(Value));
+    Put<Order>(at, static_cast<Value>(value));
     return *this;
   }
 
   Packet bytes_;
+};
+
+// The packets of a frame, one behind the other in memory that the next frame uses again.
+class PacketBatch {
+ public:
+  // Writes the present packet, which begins at start().
+  PacketWriter& writer() { return writer_; }
+  std::size_t start() const { return packets_.empty() ? 0 : packets_.back().end; }
+  std::size_t sizeOfPresent() const { return writer_.size() - start(); }
+
+  // Ends the present packet.
+  // lastByte  of the receiver's address, for a format with a multicast group for each sensor; 0: as
+  //           the operator gave it.
+  void End(std::uint8_t lastByte = 0) { packets_.push_back({writer_.size(), lastByte}); }
+
+  std::size_t size() const { return packets_.size(); }
+  std::span<const std::byte> operator[](std::size_t i) const {
+    const std::size_t begin = i == 0 ? 0 : packets_[i - 1].end;
+    return writer_.bytes().subspan(begin, packets_[i].end - begin);
+  }
+  std::uint8_t LastByteOf(std::size_t i) const { return packets_[i].lastByte; }
+
+  void Clear() {
+    packets_.clear();
+    writer_.Clear();
+  }
+
+ private:
+  struct Ended {
+    std::size_t end = 0;
+    std::uint8_t lastByte = 0;
+  };
+
+  PacketWriter writer_;
+  std::vector<Ended> packets_;
 };
 
 // Reads a packet. Past its end it returns zeros, and Ok() stays false.

@@ -1,6 +1,7 @@
 #include "bridge/posistagenet.h"
 
 #include "bridge/text.h"
+#include "program/program.h"
 
 namespace kinetrel::bridge {
 namespace {
@@ -16,68 +17,110 @@ constexpr std::uint16_t kOrientation = 0x0002;
 constexpr std::uint16_t kValidity = 0x0003;
 constexpr std::uint16_t kTimeStamp = 0x0006;
 constexpr std::size_t kChunkHead = 4;
-constexpr std::size_t kHeaderSize = 12;
 
-void AppendChunk(PacketWriter& packet, std::uint16_t id, bool holdsChunks,
-                 std::span<const std::byte> content) {
-  const auto length = static_cast<std::uint32_t>(content.size());
-  packet.U32Le(id | length << 16 | (holdsChunks ? 1U << 31 : 0)).Bytes(content);
-}
+constexpr std::size_t kTimeSize = kChunkHead + 12;  // of a packet's header
 
-void AppendText(PacketWriter& packet, std::uint16_t id, const std::string& text) {
-  AppendChunk(packet, id, false, std::as_bytes(std::span(text)));
+// A chunk from here on, of which the length is written at its end.
+class OpenChunk {
+ public:
+  OpenChunk(PacketWriter& packet, std::uint16_t id, bool holdsChunks = true)
+      : packet_(packet), at_(packet.size()), head_(id | (holdsChunks ? 1U << 31 : 0)) {
+    packet.U32Le(0);
+  }
+  ~OpenChunk() {
+    const auto length = static_cast<std::uint32_t>(packet_.size() - at_ - kChunkHead);
+    packet_.SetU32Le(at_, head_ | length << 16);
+  }
+  OpenChunk(const OpenChunk&) = delete;
+  OpenChunk& operator=(const OpenChunk&) = delete;
+
+ private:
+  PacketWriter& packet_;
+  const std::size_t at_;
+  const std::uint32_t head_;
+};
+
+void AppendText(PacketWriter& packet, std::uint16_t id, std::string_view text) {
+  const OpenChunk chunk(packet, id, false);
+  packet.Text(text);
 }
 
 void AppendVector(PacketWriter& packet, std::uint16_t id, const std::array<double, 3>& vector) {
-  PacketWriter content;
-  for (const double value : vector) content.F32Le(value);
-  AppendChunk(packet, id, false, content.bytes());
+  const OpenChunk chunk(packet, id, false);
+  for (const double value : vector) packet.F32Le(value);
 }
 
-Packet TrackerChunk(const PsnPose& pose) {
-  PacketWriter content;
-  AppendVector(content, kPosition, pose.position);
-  AppendVector(content, kOrientation, pose.orientation);
-  AppendChunk(content, kValidity, false, PacketWriter().F32Le(pose.valid ? 1 : 0).bytes());
-  AppendChunk(content, kTimeStamp, false, PacketWriter().U64Le(pose.sampleUs).bytes());
-  PacketWriter chunk;
-  AppendChunk(chunk, pose.tracker, true, content.bytes());
-  return chunk.Take();
+std::size_t SizeOf(const PsnPose&) { return 56; }
+std::size_t SizeOf(const PsnName& name) { return 2 * kChunkHead + name.name.size(); }
+
+void Append(PacketWriter& packet, const PsnPose& pose) {
+  const OpenChunk chunk(packet, pose.tracker);
+  AppendVector(packet, kPosition, pose.position);
+  AppendVector(packet, kOrientation, pose.orientation);
+  {
+    const OpenChunk validity(packet, kValidity, false);
+    packet.F32Le(pose.valid ? 1 : 0);
+  }
+  const OpenChunk stamp(packet, kTimeStamp, false);
+  packet.U64Le(pose.sampleUs);
 }
 
-Packet TrackerChunk(const PsnName& name) {
-  PacketWriter content;
-  AppendText(content, kName, name.name);
-  PacketWriter chunk;
-  AppendChunk(chunk, name.tracker, true, content.bytes());
-  return chunk.Take();
+void Append(PacketWriter& packet, const PsnName& name) {
+  const OpenChunk chunk(packet, name.tracker);
+  AppendText(packet, kName, name.name);
 }
 
-// front  the chunks between the header and the list of trackers, which every packet repeats.
+// How many of the first trackers have room.
 template <typename Tracker>
-std::vector<Packet> EncodeFrame(PacketKind kind, std::uint64_t timeUs, std::uint8_t frame,
-                                const Packet& front, std::uint16_t listId,
-                                std::span<const Tracker> trackers) {
-  const std::size_t room = kLargestPacket - 3 * kChunkHead - kHeaderSize - front.size();
-  std::vector<PacketWriter> lists(1);
+std::size_t CountThatFits(std::span<const Tracker> trackers, std::size_t room) {
+  std::size_t count = 0;
   for (const Tracker& tracker : trackers) {
-    const Packet chunk = TrackerChunk(tracker);
-    if (lists.back().size() + chunk.size() > room) lists.emplace_back();
-    lists.back().Bytes(chunk);
+    const std::size_t size = SizeOf(tracker);
+    if (size > room) break;
+    room -= size;
+    ++count;
   }
-  std::vector<Packet> packets;
-  for (const PacketWriter& list : lists) {
-    PacketWriter header;
-    header.U64Le(timeUs).U8(2).U8(3).U8(frame).U8(static_cast<std::uint32_t>(lists.size()));
-    PacketWriter content;
-    AppendChunk(content, kHeader, false, header.bytes());
-    content.Bytes(front);
-    AppendChunk(content, listId, true, list.bytes());
-    PacketWriter packet;
-    AppendChunk(packet, static_cast<std::uint16_t>(kind), true, content.bytes());
-    packets.push_back(packet.Take());
+  return count;
+}
+
+struct Frame {
+  PacketKind kind;
+  std::uint64_t timeUs;
+  std::uint8_t number;
+  std::string_view system;  // of INFO
+  std::uint16_t listId;
+};
+
+template <typename Tracker>
+void EncodePacket(PacketWriter& packet, const Frame& frame, std::size_t count,
+                  std::span<const Tracker> trackers) {
+  const OpenChunk whole(packet, static_cast<std::uint16_t>(frame.kind));
+  {
+    const OpenChunk header(packet, kHeader, false);
+    packet.U64Le(frame.timeUs).U8(2).U8(3).U8(frame.number).U8(static_cast<std::uint32_t>(count));
   }
-  return packets;
+  if (frame.kind == PacketKind::Info) AppendText(packet, kSystemName, frame.system);
+  const OpenChunk list(packet, frame.listId);
+  for (const Tracker& tracker : trackers) Append(packet, tracker);
+}
+
+// Two walks, since each packet says how many there are.
+template <typename Tracker>
+void EncodeFrame(PacketBatch& packets, const Frame& frame, std::span<const Tracker> trackers) {
+  std::size_t room = kLargestPacket - 2 * kChunkHead - kTimeSize;
+  if (frame.kind == PacketKind::Info) room -= kChunkHead + frame.system.size();
+  std::size_t count = 0;
+  auto rest = trackers;
+  do {
+    rest = rest.subspan(CountThatFits(rest, room));
+    ++count;
+  } while (!rest.empty());
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t fits = CountThatFits(trackers, room);
+    EncodePacket(packets.writer(), frame, count, trackers.first(fits));
+    packets.End();
+    trackers = trackers.subspan(fits);
+  }
 }
 
 // ---- Reading ----
@@ -150,16 +193,14 @@ void DescribeHeader(std::string& text, PacketReader& header) {
 
 }  // namespace
 
-std::vector<Packet> EncodePsnData(std::uint64_t timeUs, std::uint8_t frame,
-                                  std::span<const PsnPose> poses) {
-  return EncodeFrame(PacketKind::Data, timeUs, frame, {}, kDataTrackers, poses);
+void EncodePsnData(PacketBatch& packets, std::uint64_t timeUs, std::uint8_t frame,
+                   std::span<const PsnPose> poses) {
+  EncodeFrame(packets, {PacketKind::Data, timeUs, frame, {}, kDataTrackers}, poses);
 }
 
-std::vector<Packet> EncodePsnInfo(std::uint64_t timeUs, std::uint8_t frame,
-                                  const std::string& system, std::span<const PsnName> names) {
-  PacketWriter front;
-  AppendText(front, kSystemName, system);
-  return EncodeFrame(PacketKind::Info, timeUs, frame, front.bytes(), kInfoTrackers, names);
+void EncodePsnInfo(PacketBatch& packets, std::uint64_t timeUs, std::uint8_t frame,
+                   std::string_view system, std::span<const PsnName> names) {
+  EncodeFrame(packets, {PacketKind::Info, timeUs, frame, system, kInfoTrackers}, names);
 }
 
 std::string DescribePsn(std::span<const std::byte> packet) {

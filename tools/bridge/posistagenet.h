@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <span>
 #include <string>
-#include <vector>
+#include <string_view>
 
 #include "bridge/packet.h"
 
@@ -26,17 +26,17 @@ struct PsnPose {
 
 struct PsnName {
   std::uint16_t tracker = 1;
-  std::string name;
+  std::string_view name;
 };
 
-// The packets of one frame: several if they do not fit in one, each whole by itself.
+// Append the packets of one frame: several if they do not fit in one, each whole by itself.
 //
 // timeUs  since the server started.
 // frame   one more with each frame, modulo 256; DATA and INFO count apart.
-std::vector<Packet> EncodePsnData(std::uint64_t timeUs, std::uint8_t frame,
-                                  std::span<const PsnPose> poses);
-std::vector<Packet> EncodePsnInfo(std::uint64_t timeUs, std::uint8_t frame,
-                                  const std::string& system, std::span<const PsnName> names);
+void EncodePsnData(PacketBatch& packets, std::uint64_t timeUs, std::uint8_t frame,
+                   std::span<const PsnPose> poses);
+void EncodePsnInfo(PacketBatch& packets, std::uint64_t timeUs, std::uint8_t frame,
+                   std::string_view system, std::span<const PsnName> names);
 
 // The packet as text. Text that says so if the packet is damaged. For any bytes.
 std::string DescribePsn(std::span<const std::byte> packet);

@@ -24,47 +24,55 @@ class PosiStageNetOutput final : public UdpOutput {
   PosiStageNetOutput(const OutputContext& context, Feed& feed)
       : UdpOutput(context, feed, DescribePsn),
         first_(feed.options.Integer("tracker", -1, 1, 65'000)),
-        system_(feed.options.Text("system", "kinetrel").substr(0, 200)),
+        system_(FirstBytes(feed.options.Text("system", "kinetrel"))),
         startNs_(kinetrel_now_ns()) {}
 
   void Publish(const Feed&, std::span<const Pose> poses) override {
-    std::vector<PsnPose> chosen;
+    chosen_.clear();
     for (const Pose& pose : poses) {
       last_[pose.sensor] = PoseOf(pose);
-      chosen.push_back(last_[pose.sensor]);
+      chosen_.push_back(last_[pose.sensor]);
       known_ |= 1U << pose.sensor;
-      names_[pose.sensor] = pose.name.substr(0, 200);
     }
-    SendFrame(EncodePsnData(ServerUs(kinetrel_now_ns()), dataFrame_++, chosen));
+    SendPoses();
   }
 
   // A tracker that delivers nothing: the places that receivers have are told to be invalid, once.
   void OnState(const Feed&, const SourceState& state) override {
     if (state.Delivers() || known_ == 0) return;
-    std::vector<PsnPose> lost;
+    chosen_.clear();
     for (unsigned sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
       if ((known_ >> sensor & 1U) == 0) continue;
-      lost.push_back(last_[sensor]);
-      lost.back().valid = false;
+      chosen_.push_back(last_[sensor]);
+      chosen_.back().valid = false;
     }
     known_ = 0;
-    SendFrame(EncodePsnData(ServerUs(kinetrel_now_ns()), dataFrame_++, lost));
+    SendPoses();
   }
 
   // The names, once a second.
-  void Tick(const Feed&, std::int64_t nowNs) override {
+  void Tick(const Feed& feed, std::int64_t nowNs) override {
     if (known_ == 0 || nowNs < nextNs_) return;
     nextNs_ = nowNs + kSecondNs;
     std::vector<PsnName> names;
-    for (unsigned sensor = 0; sensor < kinetrel_stream_sensors; ++sensor) {
-      if ((known_ >> sensor & 1U) != 0) names.push_back({last_[sensor].tracker, names_[sensor]});
+    for (std::size_t place = 0; place < feed.selector.sensors().size(); ++place) {
+      const unsigned sensor = feed.selector.sensors()[place];
+      if ((known_ >> sensor & 1U) == 0) continue;
+      names.push_back({last_[sensor].tracker, FirstBytes(feed.selector.NameOf(place))});
     }
-    for (const Packet& packet : EncodePsnInfo(ServerUs(nowNs), infoFrame_++, system_, names)) {
-      (void)sender().Send(packet);
-    }
+    EncodePsnInfo(packets(), ServerUs(nowNs), infoFrame_++, system_, names);
+    SendAside();
   }
 
  private:
+  // Of a name: so many that a packet has room for it.
+  static std::string_view FirstBytes(std::string_view name) { return name.substr(0, 200); }
+
+  void SendPoses() {
+    EncodePsnData(packets(), ServerUs(kinetrel_now_ns()), dataFrame_++, chosen_);
+    SendFrame();
+  }
+
   PsnPose PoseOf(const Pose& pose) const {
     const unsigned tracker =
         first_ < 0 ? pose.sensor + 1 : static_cast<unsigned>(first_) + pose.place;
@@ -81,8 +89,8 @@ class PosiStageNetOutput final : public UdpOutput {
   const std::string system_;
   const std::int64_t startNs_;
   std::array<PsnPose, kinetrel_stream_sensors> last_{};
-  std::array<std::string, kinetrel_stream_sensors> names_{};
-  std::uint32_t known_ = 0;  // bit i: sensor i was sent
+  std::vector<PsnPose> chosen_;  // of the present frame
+  std::uint32_t known_ = 0;      // bit i: sensor i was sent
   std::int64_t nextNs_ = 0;
   std::uint8_t dataFrame_ = 0;
   std::uint8_t infoFrame_ = 0;

@@ -4,16 +4,11 @@
 #include <numbers>
 
 namespace kinetrel::bridge {
-void UdpOutput::SendFrame(std::span<const Packet> packets) {
-  bool sent = false;
-  for (const Packet& packet : packets) sent = sender_.Send(packet) || sent;
-  if (sent) ++counts().frames;
-}
 
-Angles AnglesIn(const Feed& feed, const Pose& pose) {
-  const Matrix& own = FindAxesPreset(feed.protocol->axes)->axes.rows;
-  if (feed.selector.axes().rows == own) return pose.angles;
-  return AnglesOf(MatrixOf(OrientationIn({Transposed(own), 1}, pose.orientation)));
+bool UdpOutput::SendPackets() {
+  const bool sent = packets_.size() > 0 && sender_.Send(packets_);
+  packets_.Clear();
+  return sent;
 }
 
 double Degrees(double radians) { return std::remainder(radians * 180 / std::numbers::pi, 360.0); }

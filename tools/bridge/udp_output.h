@@ -20,19 +20,21 @@ class UdpOutput : public Output {
   UdpOutput(const OutputContext& context, Feed& feed, UdpSender::Describe describe)
       : sender_(context, feed, counts(), describe) {}
 
-  // Sends the packets of one frame, and counts it if the network took one of them.
-  void SendFrame(std::span<const Packet> packets);
-  void SendFrame(const Packet& packet) { SendFrame(std::span(&packet, 1)); }
+  PacketBatch& packets() { return packets_; }  // the present frame's
 
-  UdpSender& sender() { return sender_; }
+  // Sends and clears the packets of one frame, and counts it if the network took one of them.
+  void SendFrame() {
+    if (SendPackets()) ++counts().frames;
+  }
+  // Sends packets that do not count as a frame of the tracker.
+  void SendAside() { (void)SendPackets(); }
 
  private:
-  UdpSender sender_;
-};
+  bool SendPackets();
 
-// The quaternion's azimuth, elevation and roll where the operator chose other axes than the
-// protocol's own: as the tracker's angles would be if it stood so.
-Angles AnglesIn(const Feed& feed, const Pose& pose);
+  UdpSender sender_;
+  PacketBatch packets_;
+};
 
 double Degrees(double radians);  // -180 to 180
 

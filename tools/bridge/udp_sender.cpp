@@ -22,7 +22,7 @@ UdpSender::UdpSender(const OutputContext& context, Feed& feed, OutputCounts& cou
     : context_(context),
       counts_(counts),
       describe_(describe),
-      title_(feed.options.spec().text),
+      title_(feed.options.address().text),
       host_(HostOf(feed)),
       port_(PortOf(feed)),
       ttl_(feed.options.Integer("ttl", 1, 0, 255)),
@@ -60,50 +60,88 @@ std::string UdpSender::OpenSocket() {
     socket_.set_option(boost::asio::socket_base::broadcast(true), error);
   }
   if (interface_.empty()) return {};
-  const auto address = boost::asio::ip::make_address_v4(interface_, error);
-  if (!error) socket_.set_option(multicast::outbound_interface(address), error);
+  error = endpoint_.address().is_v4() ? ChooseInterfaceV4() : ChooseInterfaceV6();
   return error ? "interface " + interface_ + " cannot be used: " + error.message() : std::string();
 }
 
-bool UdpSender::Send(std::span<const std::byte> datagram) { return SendTo(datagram, endpoint_); }
-
-bool UdpSender::SendToGroup(std::span<const std::byte> datagram, unsigned lastByte) {
-  udp::endpoint group = endpoint_;
-  auto bytes = group.address().to_v4().to_bytes();
-  bytes.back() = static_cast<unsigned char>(lastByte);
-  group.address(boost::asio::ip::address_v4(bytes));
-  return SendTo(datagram, group);
+boost::system::error_code UdpSender::ChooseInterfaceV4() {
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address_v4(interface_, error);
+  if (!error) socket_.set_option(multicast::outbound_interface(address), error);
+  return error;
 }
 
-bool UdpSender::SendTo(std::span<const std::byte> datagram, const udp::endpoint& endpoint) {
+boost::system::error_code UdpSender::ChooseInterfaceV6() {
+  boost::system::error_code error;
+  // The library looks names up as a part of an address.
+  const auto any = boost::asio::ip::make_address_v6("fe80::1%" + interface_, error);
+  if (error || any.scope_id() == 0)
+    return boost::system::errc::make_error_code(boost::system::errc::no_such_device);
+  socket_.set_option(multicast::outbound_interface(static_cast<unsigned>(any.scope_id())), error);
+  return error;
+}
+
+void UdpSender::Print(const PacketBatch& packets) const {
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    context_.print(title_ + ": " + describe_(packets[i]));
+  }
+}
+
+void UdpSender::Collect(const PacketBatch& packets) {
+  datagrams_.clear();
+  groups_.clear();
+  groups_.reserve(packets.size());  // they stay where they are
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    const std::uint8_t lastByte = packets.LastByteOf(i);
+    const udp::endpoint& to = lastByte == 0 ? endpoint_ : groups_.emplace_back(GroupOf(lastByte));
+    datagrams_.push_back(
+        {packets[i], std::span(reinterpret_cast<const std::byte*>(to.data()), to.size())});
+  }
+}
+
+// The host's address with another last byte.
+udp::endpoint UdpSender::GroupOf(std::uint8_t lastByte) const {
+  auto bytes = endpoint_.address().to_v4().to_bytes();
+  bytes.back() = lastByte;
+  return {boost::asio::ip::address_v4(bytes), endpoint_.port()};
+}
+
+bool UdpSender::Send(const PacketBatch& packets) {
   if (context_.dryRun) {
-    context_.print(title_ + ": " + describe_(datagram));
+    Print(packets);
     return true;
   }
   if (pauseNs_ != 0 && kinetrel_now_ns() < nextTryNs_) {
-    ++counts_.dropped;
+    counts_.dropped += packets.size();
     return false;
   }
-  boost::system::error_code error;
-  socket_.send_to(boost::asio::buffer(datagram.data(), datagram.size()), endpoint, 0, error);
-  // Windows reports here that an earlier datagram found no receiver; the socket goes on.
-  if (error == boost::asio::error::connection_refused ||
-      error == boost::asio::error::connection_reset) {
-    return true;
-  }
-  if (error) {
-    Fail(error);
-    return false;
+  Collect(packets);
+  std::span<const OutgoingDatagram> rest = datagrams_;
+  bool sent = false;
+  while (!rest.empty()) {
+    const auto outcome = burst_.Send(static_cast<std::intptr_t>(socket_.native_handle()), rest);
+    const boost::system::error_code error(outcome.osCode, boost::system::system_category());
+    rest = rest.subspan(outcome.sent);
+    // Windows reports here that an earlier datagram found no receiver; the socket goes on.
+    const bool refused = error == boost::asio::error::connection_refused ||
+                         error == boost::asio::error::connection_reset;
+    sent = sent || outcome.sent > 0 || refused;
+    if (refused) {
+      rest = rest.subspan(1);
+    } else if (error) {
+      Fail(error, rest.size());
+      return sent;
+    }
   }
   if (pauseNs_ != 0) {
     pauseNs_ = 0;
     if (counts_.Clear()) context_.say(title_ + ": sends again");
   }
-  return true;
+  return sent;
 }
 
-void UdpSender::Fail(const boost::system::error_code& error) {
-  ++counts_.dropped;
+void UdpSender::Fail(const boost::system::error_code& error, std::size_t packets) {
+  counts_.dropped += packets;
   if (error == boost::asio::error::would_block || error == boost::asio::error::try_again) return;
   pauseNs_ = std::clamp(2 * pauseNs_, kFirstPauseNs, kLongestPauseNs);
   nextTryNs_ = kinetrel_now_ns() + pauseNs_;

@@ -11,8 +11,11 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "bridge/output.h"
+#include "bridge/packet.h"
+#include "platform/datagram_burst.h"
 
 namespace kinetrel::bridge {
 
@@ -21,26 +24,28 @@ class UdpSender {
   // describe  a datagram as text, for the dry run. For any bytes.
   using Describe = std::string (*)(std::span<const std::byte> datagram);
 
-  // Reads the options of multicast from the feed: ttl=1 (0 to 255) and interface=ADDRESS.
+  // Reads the options of multicast from the feed: ttl=1 (0 to 255), and interface=ADDRESS of an
+  // interface, or interface=NAME for groups of IPv6.
   // counts  of the output that the sender belongs to; lives as long as the sender.
   UdpSender(const OutputContext& context, Feed& feed, OutputCounts& counts, Describe describe);
 
   // Resolves the host and opens a socket. Returns empty, or why it failed.
   std::string Open();
 
-  // Returns  true if the network took it, or the dry run printed it.
+  // Returns  true if the network took one of them, or the dry run printed them.
   // Threads  one at a time.
-  bool Send(std::span<const std::byte> datagram);
-
-  // The same to another multicast group: the host's address with `lastByte` as its last byte.
-  bool SendToGroup(std::span<const std::byte> datagram, unsigned lastByte);
+  bool Send(const PacketBatch& packets);
 
   std::string Place() const;  // "192.168.1.20:9000"
 
  private:
   std::string OpenSocket();
-  bool SendTo(std::span<const std::byte> datagram, const boost::asio::ip::udp::endpoint& endpoint);
-  void Fail(const boost::system::error_code& error);
+  boost::system::error_code ChooseInterfaceV4();
+  boost::system::error_code ChooseInterfaceV6();
+  void Print(const PacketBatch& packets) const;
+  void Collect(const PacketBatch& packets);
+  boost::asio::ip::udp::endpoint GroupOf(std::uint8_t lastByte) const;
+  void Fail(const boost::system::error_code& error, std::size_t packets);
 
   const OutputContext& context_;
   OutputCounts& counts_;
@@ -52,6 +57,9 @@ class UdpSender {
   const std::string interface_;
   boost::asio::ip::udp::socket socket_;
   boost::asio::ip::udp::endpoint endpoint_;
+  DatagramBurst burst_;
+  std::vector<OutgoingDatagram> datagrams_;             // what Send sends
+  std::vector<boost::asio::ip::udp::endpoint> groups_;  // that they go to
   std::int64_t pauseNs_ = 0;    // after the last failure; 0: the last datagram went out
   std::int64_t nextTryNs_ = 0;  // of kinetrel_now_ns()
 };

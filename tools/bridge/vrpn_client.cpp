@@ -73,9 +73,14 @@ void VrpnClient::Close() {
 
 void VrpnClient::JudgeTime(std::int64_t nowNs) {
   if (IsClosed()) return;
-  if ((!reader_.HasCookie() && nowNs > greetBy_) || (!queue_.empty() && nowNs > progressBy_)) {
-    Close();
+  const bool stuck = !queue_.empty() && nowNs > progressBy_;
+  if (stuck) {
+    // Without this, the system goes on offering what it holds for this client, at longer and longer
+    // intervals, and the client learns only then that it was dropped.
+    boost::system::error_code ignored;
+    socket_.set_option(boost::asio::socket_base::linger(true, 0), ignored);
   }
+  if (stuck || (!reader_.HasCookie() && nowNs > greetBy_)) Close();
 }
 
 // ---- Reading

@@ -7,13 +7,14 @@
 #include <boost/asio/steady_timer.hpp>
 #include <chrono>
 #include <cmath>
-#include <filesystem>
+#include <cstdint>
 #include <list>
 #include <map>
 #include <mutex>
 
 #include "bridge/vrpn_client.h"
 #include "bridge/vrpn_wire.h"
+#include "platform/stream_socket.h"
 
 namespace kinetrel::bridge {
 namespace {
@@ -31,10 +32,6 @@ std::int64_t UtcNow() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
-
-// On Windows this option would let two servers share the port; elsewhere, without it, the port
-// stays taken for a minute after the server was restarted.
-constexpr bool kMayReuse = std::filesystem::path::preferred_separator == '/';
 
 // The devices of one tracker.
 struct Devices {
@@ -171,7 +168,7 @@ std::string VrpnServer::Bind(const tcp::endpoint& endpoint) {
   if (!error) udp_.bind({endpoint.address(), endpoint.port()}, error);
   if (error) return failed("UDP");
   acceptor_.open(tcp::v4(), error);
-  if (!error && kMayReuse) acceptor_.set_option(tcp::acceptor::reuse_address(true), error);
+  if (!error) ClaimPort(static_cast<std::intptr_t>(acceptor_.native_handle()));
   if (!error) acceptor_.bind(endpoint, error);
   if (!error) acceptor_.listen(boost::asio::socket_base::max_listen_connections, error);
   if (error) return failed("TCP");

@@ -49,14 +49,14 @@ bool IsFinite(const Vector& v) {
 
 }  // namespace
 
-PoseSelector::PoseSelector(SpecOptions& options, const Defaults& defaults) {
+PoseSelector::PoseSelector(OutputOptions& options, const Defaults& defaults) {
   ReadSensors(options);
   ReadNames(options, defaults.name);
   ReadAxes(options, defaults.axes);
   ReadPlacements(options);
 }
 
-void PoseSelector::ReadSensors(SpecOptions& options) {
+void PoseSelector::ReadSensors(OutputOptions& options) {
   places_.fill(-1);
   auto text = options.Find("sensors");
   const auto alone = options.Find("sensor");  // people write both
@@ -79,7 +79,7 @@ void PoseSelector::ReadSensors(SpecOptions& options) {
   }
 }
 
-void PoseSelector::ReadNames(SpecOptions& options, std::string_view fallback) {
+void PoseSelector::ReadNames(OutputOptions& options, std::string_view fallback) {
   const auto text = options.Find("name");
   const std::vector<std::string> given = SplitAtCommas(text.value_or(std::string(fallback)));
   const bool each = text && chosen_ && given.size() == sensors_.size();
@@ -91,8 +91,9 @@ void PoseSelector::ReadNames(SpecOptions& options, std::string_view fallback) {
   }
 }
 
-void PoseSelector::ReadAxes(SpecOptions& options, std::string_view fallback) {
+void PoseSelector::ReadAxes(OutputOptions& options, std::string_view fallback) {
   if (const AxesPreset* const preset = FindAxesPreset(fallback)) axes_ = preset->axes;
+  own_ = axes_.rows;
   if (const auto text = options.Find("axes")) {
     const auto rows = ParseAxes(*text);
     if (const AxesPreset* const named = FindAxesPreset(*text)) {
@@ -105,17 +106,21 @@ void PoseSelector::ReadAxes(SpecOptions& options, std::string_view fallback) {
           "reflection, or the name of a preset");
     }
   }
+  ownAxes_ = axes_.rows == own_;
   axes_.scale = options.Number("scale", axes_.scale, 1e-6, 1e6);
 }
 
-void PoseSelector::ReadPlacements(SpecOptions& options) {
+void PoseSelector::ReadPlacements(OutputOptions& options) {
   const auto mount = options.Numbers("mount", 3);
   const auto room = options.Numbers("room", 3);
+  const auto arm = options.Numbers("arm", 3);
+  const auto origin = options.Numbers("origin", 3);
   mount_ = Turn(mount);
   room_ = Turn(room);
-  arm_ = Shift(options.Numbers("arm", 3));
-  origin_ = Shift(options.Numbers("origin", 3));
+  arm_ = Shift(arm);
+  origin_ = Shift(origin);
   turned_ = !mount.empty() || !room.empty();
+  placed_ = turned_ || !arm.empty() || !origin.empty();
 }
 
 void PoseSelector::Select(std::span<const kinetrel_record> records, const SourceState& state,
@@ -145,25 +150,39 @@ Pose PoseSelector::PoseOf(const kinetrel_record& record, unsigned place) const {
   const auto given = Normalised(
       {record.orientation[0], record.orientation[1], record.orientation[2], record.orientation[3]});
   pose.hasOrientation = (record.flags & kinetrel_orientation_valid) != 0 && given.has_value();
-  const Vector measured = {record.position[0], record.position[1], record.position[2]};
-  pose.hasPosition = (record.flags & kinetrel_position_valid) != 0 && IsFinite(measured);
-  const Quaternion sensor = pose.hasOrientation ? *given : Quaternion{};
-
-  if (pose.hasPosition) {
-    const Vector body = Sum(measured, MatrixOf(sensor) * arm_);
-    pose.metres = Sum(MatrixOf(room_) * body, origin_);
-    pose.position = PositionIn(axes_, pose.metres);
-    pose.hasPosition = IsFinite(pose.position);
-    if (!pose.hasPosition) pose.position = {0, 0, 0};
-  }
-  if (pose.hasOrientation) {
-    const Quaternion body = room_ * sensor * mount_;
-    pose.orientation = OrientationIn(axes_, body);
-    const Vector told = {record.angles[0], record.angles[1], record.angles[2]};
-    pose.angles =
-        turned_ || !IsFinite(told) ? AnglesOf(MatrixOf(body)) : Angles{told[0], told[1], told[2]};
+  if (pose.hasOrientation) SetOrientation(pose, record, *given);
+  if ((record.flags & kinetrel_position_valid) != 0) {
+    SetPosition(pose, record, pose.hasOrientation ? *given : Quaternion{});
   }
   return pose;
+}
+
+void PoseSelector::SetPosition(Pose& pose, const kinetrel_record& record,
+                               const Quaternion& sensor) const {
+  Vector metres = {record.position[0], record.position[1], record.position[2]};
+  if (placed_) {
+    const Vector body = Sum(metres, MatrixOf(sensor) * arm_);
+    metres = Sum(MatrixOf(room_) * body, origin_);
+  }
+  const Vector position = PositionIn(axes_, metres);
+  if (!IsFinite(position)) return;
+  pose.hasPosition = true;
+  pose.metres = metres;
+  pose.position = position;
+}
+
+void PoseSelector::SetOrientation(Pose& pose, const kinetrel_record& record,
+                                  const Quaternion& sensor) const {
+  const Quaternion body = turned_ ? room_ * sensor * mount_ : sensor;
+  pose.orientation = OrientationIn(axes_, body);
+  const Vector told = {record.angles[0], record.angles[1], record.angles[2]};
+  if (!ownAxes_) {
+    pose.angles = AnglesOf(MatrixOf(OrientationIn({Transposed(own_), 1}, pose.orientation)));
+  } else if (turned_ || !IsFinite(told)) {
+    pose.angles = AnglesOf(MatrixOf(body));
+  } else {
+    pose.angles = {told[0], told[1], told[2]};
+  }
 }
 
 }  // namespace kinetrel::bridge

@@ -27,7 +27,7 @@
 #include <vector>
 
 #include "bridge_front/axes.h"
-#include "bridge_front/output_spec.h"
+#include "bridge_front/output_address.h"
 #include "bridge_front/stream_source.h"
 
 namespace kinetrel::bridge {
@@ -46,8 +46,10 @@ struct Pose {
   bool hasOrientation = false;
   Vector position = {0, 0, 0};  // in the target's axes and unit
   Quaternion orientation;       // in the target's axes; length 1
-  Angles angles;                // rad, in the tracker's frame, after mount and room
-  Vector metres = {0, 0, 0};    // the position before axes and scale
+  // rad, in the tracker's frame, after mount and room. Where the operator chose other axes than the
+  // protocol's own: as the tracker would tell them if it stood so.
+  Angles angles;
+  Vector metres = {0, 0, 0};  // the position before axes and scale
 
   std::uint32_t buttons = 0;  // bit i is button i, for the bits of buttonsKnown
   std::uint32_t buttonsKnown = 0;
@@ -64,7 +66,7 @@ class PoseSelector {
   };
 
   // Reads its options; what is wrong with them stays in `options`.
-  PoseSelector(SpecOptions& options, const Defaults& defaults);
+  PoseSelector(OutputOptions& options, const Defaults& defaults);
 
   // Appends the poses of the chosen sensors among the records, in their order. A GPS receiver
   // (unit 2) has no pose in this sense and gives none.
@@ -79,22 +81,27 @@ class PoseSelector {
   const std::string& NameOf(std::size_t place) const { return names_[place]; }
 
  private:
-  void ReadSensors(SpecOptions& options);
-  void ReadNames(SpecOptions& options, std::string_view fallback);
-  void ReadAxes(SpecOptions& options, std::string_view fallback);
-  void ReadPlacements(SpecOptions& options);
+  void ReadSensors(OutputOptions& options);
+  void ReadNames(OutputOptions& options, std::string_view fallback);
+  void ReadAxes(OutputOptions& options, std::string_view fallback);
+  void ReadPlacements(OutputOptions& options);
   Pose PoseOf(const kinetrel_record& record, unsigned place) const;
+  void SetPosition(Pose& pose, const kinetrel_record& record, const Quaternion& sensor) const;
+  void SetOrientation(Pose& pose, const kinetrel_record& record, const Quaternion& sensor) const;
 
   bool chosen_ = false;
   std::vector<unsigned> sensors_;
   std::vector<std::string> names_;                     // as sensors_
   std::array<int, kinetrel_stream_sensors> places_{};  // of a sensor; -1: not chosen
   Axes axes_;
+  Matrix own_ = kIdentity;  // the axes of the protocol
+  bool ownAxes_ = true;     // and no others were chosen
   Quaternion mount_;
   Vector arm_ = {0, 0, 0};  // m, along the sensor's axes
   Quaternion room_;
   Vector origin_ = {0, 0, 0};  // m
   bool turned_ = false;        // mount_ or room_ is set, so that the device's angles do not hold
+  bool placed_ = false;        // one of mount_, arm_, room_ and origin_ is set
 };
 
 }  // namespace kinetrel::bridge

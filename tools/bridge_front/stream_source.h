@@ -53,6 +53,11 @@ class StreamSource {
 
   const SourceState& state() const { return state_; }
 
+  // The device's own pose of a record of the last News. False: it was overwritten meanwhile.
+  bool DevicePose(const kinetrel_record& record, kinetrel_device_pose& pose) {
+    return open_ && kinetrel_stream_device_pose(&stream_, &record, &pose) == kinetrel_stream_ok;
+  }
+
  private:
   bool OpenStream();
   void BeginWriter();

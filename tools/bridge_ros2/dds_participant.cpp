@@ -1,6 +1,6 @@
 #include "bridge_ros2/dds_participant.h"
 
-#include <cstdio>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string_view>
@@ -20,7 +20,7 @@ constexpr std::int64_t kSilenceAfterLine = DDS_SECS(60);
 
 struct LibraryLines {
   std::mutex lock;
-  bool quiet = false;
+  std::function<void(const std::string&)> say;  // empty: the library's lines are not shown
   std::string last;
   std::map<std::pair<std::string, std::uint32_t>, dds_time_t> saidAt;  // by the line of its source
 };
@@ -37,12 +37,12 @@ void Say(void*, const dds_log_data_t* data) {
   LibraryLines& lines = Lines();
   const std::lock_guard<std::mutex> held(lines.lock);
   lines.last = text;
-  if (lines.quiet) return;
+  if (!lines.say) return;
   const dds_time_t now = dds_time();
   dds_time_t& said = lines.saidAt[{data->file, data->line}];
   if (said != 0 && now - said < kSilenceAfterLine) return;
   said = now;
-  std::fprintf(stderr, "kinetrel-bridge-ros2: Cyclone DDS: %s\n", lines.last.c_str());
+  lines.say("Cyclone DDS: " + lines.last);
 }
 
 // ---- Configuration ------------------------------------------------------------------------------
@@ -86,10 +86,10 @@ std::string Complain(std::uint32_t domain, dds_return_t code) {
   return text;
 }
 
-void KeepQuiet(bool quiet) {
+void ShowLines(const std::function<void(const std::string&)>& say) {
   LibraryLines& lines = Lines();
   const std::lock_guard<std::mutex> held(lines.lock);
-  lines.quiet = quiet;
+  lines.say = say;
 }
 
 }  // namespace
@@ -97,7 +97,6 @@ void KeepQuiet(bool quiet) {
 std::unique_ptr<DdsParticipant> DdsParticipant::Join(const DdsSettings& settings,
                                                      std::string& complaint) {
   dds_set_log_sink(&Say, nullptr);
-  KeepQuiet(true);  // a failure is told in one line
   dds_entity_t domain =
       dds_create_domain(settings.domain, Configuration(settings, kFixedPorts).c_str());
   if (domain < 0 && !settings.thisMachineOnly) {
@@ -105,18 +104,19 @@ std::unique_ptr<DdsParticipant> DdsParticipant::Join(const DdsSettings& settings
     domain = dds_create_domain(settings.domain, Configuration(settings, kAnyPorts).c_str());
   }
   const dds_entity_t participant = domain < 0 ? domain : CreateParticipant(settings.domain);
-  KeepQuiet(false);
-  if (participant < 0) {
+  if (participant < 0) {  // told in one line
     complaint = Complain(settings.domain, participant);
     if (domain >= 0) dds_delete(domain);
     return nullptr;
   }
+  ShowLines(settings.say);
   return std::unique_ptr<DdsParticipant>(new DdsParticipant(domain, participant));
 }
 
 DdsParticipant::~DdsParticipant() {
   dds_delete(participant_);
   dds_delete(domain_);
+  ShowLines({});
 }
 
 std::unique_ptr<DdsWriter> DdsParticipant::CreateWriter(const dds_topic_descriptor_t& type,

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -14,6 +15,7 @@ struct DdsSettings {
   std::uint32_t domain = 0;       // ROS_DOMAIN_ID
   bool thisMachineOnly = false;   // is found by and sends to nodes on this machine only
   std::string userConfiguration;  // of Cyclone DDS, as CYCLONEDDS_URI has it; it wins over ours
+  std::function<void(const std::string&)> say;  // gets the library's lines; must not wait
 };
 
 // A writer as ROS 2's own are: one that answers for messages that were lost, and that does not

@@ -91,8 +91,8 @@ Tracker::Sensor SensorOf(const std::string& prefix, const std::string& frame,
 
 // Reads the feed's options; what is wrong with them stays there.
 Tracker ReadTracker(Feed& feed) {
-  const OutputSpec& spec = feed.options.spec();
-  if (!spec.host.empty() || spec.port != 0 || !spec.path.empty()) {
+  const OutputAddress& address = feed.options.address();
+  if (!address.host.empty() || address.port != 0 || !address.path.empty()) {
     feed.options.Complain("ros2 takes no address; ROS finds its nodes by their domain");
   }
   std::string prefix = "kinetrel";
@@ -170,7 +170,8 @@ class Ros2Output final : public Output {
     std::string complaint;
     participant_ = DdsParticipant::Join({.domain = environment_.domain,
                                          .thisMachineOnly = environment_.thisMachineOnly,
-                                         .userConfiguration = user == nullptr ? "" : user},
+                                         .userConfiguration = user == nullptr ? "" : user,
+                                         .say = context_.say},
                                         complaint);
     if (!participant_) return complaint;
     if (std::ranges::any_of(trackers_, &Tracker::transforms)) {

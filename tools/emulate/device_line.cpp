@@ -1,6 +1,7 @@
 #include "emulate/device_line.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace kinetrel::emulate {
@@ -17,7 +18,8 @@ constexpr std::size_t kPiece = 8;
 DeviceLine::DeviceLine(LineOptions options)
     : options_(std::move(options)),
       faults_(options_.faults, options_.seed),
-      random_(options_.seed + 1) {}
+      random_(options_.seed + 1),
+      jitter_(options_.seed + 2) {}
 
 // ---- Sending ------------------------------------------------------------------------------------
 
@@ -28,7 +30,10 @@ void DeviceLine::SendRecord(Moment start, std::span<const std::byte> bytes) {
   }
   std::vector<std::byte> record(bytes.begin(), bytes.end());
   Damage(record);
-  Send(start, std::move(record));
+  const double late =
+      std::clamp(3 + (options_.jitter.count() > 0 ? jitter_.Normal() : 0), 0.0, 6.0);
+  const auto delay = static_cast<double>(options_.jitter.count()) * late;
+  Send(start + Moment(std::llround(delay)), std::move(record));
 }
 
 void DeviceLine::SendReply(Moment start, std::span<const std::byte> bytes) {
@@ -57,19 +62,23 @@ void DeviceLine::Say(Moment now, const std::string& text) const {
 
 std::size_t DeviceLine::NextPiece(const Burst& burst) const {
   const std::size_t size = burst.bytes.size();
-  return options_.whole ? size : std::min(size, burst.gone + kPiece);
+  return options_.whole || options_.wired ? size : std::min(size, burst.gone + kPiece);
+}
+
+Moment DeviceLine::DepartureOf(const Burst& burst) const {
+  return options_.wired ? burst.start : burst.EndOf(NextPiece(burst));
 }
 
 Moment DeviceLine::NextDeparture() const {
   if (bursts_.empty()) return kNever;
-  return bursts_.front().EndOf(NextPiece(bursts_.front()));
+  return DepartureOf(bursts_.front());
 }
 
 void DeviceLine::Take(Moment now, std::vector<std::byte>& into) {
   while (!bursts_.empty()) {
     Burst& burst = bursts_.front();
     const std::size_t end = NextPiece(burst);
-    const Moment departure = burst.EndOf(end);
+    const Moment departure = DepartureOf(burst);
     if (departure > now) return;
     const auto from = burst.bytes.begin();
     if (departure >= silentUntil_) {

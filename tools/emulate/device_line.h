@@ -20,10 +20,14 @@ using ShowLine = std::function<void(Moment, const std::string&)>;
 
 struct LineOptions {
   unsigned baud = 9600;
-  bool whole = false;  // hand over each record in one piece, when its last byte is out
+  double clockPpm = 0;  // the device's clock is faster by this many millionths
+  Moment jitter{0};     // standard deviation of the time at which a record leaves
+  bool whole = false;   // hand over each record in one piece, when its last byte is out
+  bool wired = false;   // a real line takes the time itself: hand over as soon as it is free
   std::uint64_t seed = 1;
   std::vector<FaultRule> faults = {};
-  ShowLine show = {};  // empty: no text is wanted
+  ShowLine show = {};    // empty: no text is wanted
+  bool anyRate = false;  // it fits every rate of the host
 };
 
 class DeviceLine {
@@ -33,15 +37,20 @@ class DeviceLine {
   // ---- The device's side -----------------------------------------------------------------------
 
   unsigned baud() const { return options_.baud; }
+  bool Fits(unsigned hostBaud) const { return options_.anyRate || hostBaud == options_.baud; }
   void SetBaud(unsigned baud) { options_.baud = baud; }  // for later bytes
 
   // The first byte starts at `start`, or when all that was sent before is out; each takes ten bits.
+  // With jitter a record starts later, by three times the jitter on average and never out of order.
   // Faults count and damage records only. Bytes beyond the device's buffer are lost.
   void SendRecord(Moment start, std::span<const std::byte> bytes);
   void SendReply(Moment start, std::span<const std::byte> bytes);
 
   Moment FreeAt() const { return freeAt_; }  // when all that was sent so far is out
   void DropWaiting();                        // drops the bytes that have not left yet
+
+  // A fault of the device's own making, which concerns the port.
+  void Raise(const Fault& fault) { foreignFaults_.push_back(fault); }
 
   bool Shown() const { return static_cast<bool>(options_.show); }
   void Say(Moment now, const std::string& text) const;
@@ -81,10 +90,12 @@ class DeviceLine {
   bool StrikeBytes(Moment now, const Fault& fault);
   void Damage(std::vector<std::byte>& record);
   std::size_t NextPiece(const Burst& burst) const;
+  Moment DepartureOf(const Burst& burst) const;  // of the next piece
 
   LineOptions options_;
   FaultSchedule faults_;
   RandomSource random_;
+  RandomSource jitter_;  // apart, so that faults are the same with and without
   std::deque<Burst> bursts_;
   std::size_t waiting_ = 0;
   Moment freeAt_{0};

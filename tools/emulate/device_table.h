@@ -20,9 +20,12 @@ struct DeviceRow {
   std::string_view name;     // on the command line
   std::string_view summary;  // one line for the help
   int kinetrelType;          // n of kinetrel -d n
+  const char* kinetrelName;  // NAME of kinetrel --device NAME
+  bool takesPath;            // false: its driver takes COM numbers only
   unsigned baud;             // of its line when power comes on
   OptionTable (*options)();  // its own options
   const UsbIdentity* usb;    // what it is on USB; null: it has no USB
+  double unitsPerMetre;      // of the positions of its motion
 
   // A refused option leaves a complaint in `options`; the device made is then not used.
   std::unique_ptr<EmulatedDevice> (*make)(OptionValues& options,

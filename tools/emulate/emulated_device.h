@@ -32,6 +32,10 @@ class EmulatedDevice {
   virtual Moment NextEvent() const = 0;
   virtual void OnEvent(Moment now, DeviceLine& line) = 0;
 
+  // The live source of its motion has new poses of these stations; bit i is station i, from 0. A
+  // device that does not stream them as they come takes them at its own pace.
+  virtual void NewPoses(Moment, std::uint32_t /*stations*/, DeviceLine&) {}
+
   // A host opened the port. Most devices do not notice.
   virtual void HostOpened(Moment, DeviceLine&) {}
 

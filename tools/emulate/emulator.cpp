@@ -24,6 +24,8 @@ Status Failure(const std::error_code& error, const char* what) {
 // A host that writes without end must not keep the device from its own work.
 constexpr int kMostReads = 16;
 
+constexpr Moment kTryAgain = std::chrono::seconds(1);  // to open a port
+
 }  // namespace
 
 // ---- The link -----------------------------------------------------------------------------------
@@ -70,7 +72,8 @@ Emulator::Emulator(std::unique_ptr<EmulatedDevice> device, const EmulatorOptions
       port_(std::move(port)),
       link_(options.link),
       firstBaud_(options.line.baud),
-      clock_(ClockTicks(), ClockTicksPerSecond()) {}
+      wired_(options.line.wired),
+      clock_(ClockTicks(), ClockTicksPerSecond(), options.line.clockPpm) {}
 
 Result<std::shared_ptr<Emulator>> Emulator::Open(std::unique_ptr<EmulatedDevice> device,
                                                  const EmulatorOptions& options,
@@ -139,6 +142,7 @@ void Emulator::NoticeHost(Moment now) {
 // ---- The plug -----------------------------------------------------------------------------------
 
 void Emulator::PullPlug(Moment replugAt) {
+  pulled_ = true;
   port_->Unplug();
   hostPresent_ = false;
   replugAt_ = replugAt;
@@ -148,11 +152,18 @@ void Emulator::PullPlug(Moment replugAt) {
 }
 
 void Emulator::ServePlug(Moment now) {
+  if (wired_ && !port_->IsPlugged() && !pulled_ && replugAt_ == kNever) {
+    hostPresent_ = false;
+    replugAt_ = now + kTryAgain;
+    device_.line().Say(now, "the port has gone; it is tried every second");
+    PublishPort(now);
+  }
   if (now < replugAt_) return;
   replugAt_ = kNever;
   if (port_->IsPlugged()) return;
-  // If the system has no free port now, try again later.
-  if (!port_->Plug(firstBaud_).Ok()) replugAt_ = now + std::chrono::seconds(1);
+  // If the port is not there, or the system has no free one now, try again later.
+  pulled_ = false;
+  if (!port_->Plug(firstBaud_).Ok()) replugAt_ = now + kTryAgain;
   if (port_->IsPlugged()) device_.line().Say(now, "the port is plugged in: " + port_->path());
   PublishPort(now);
 }
@@ -193,6 +204,10 @@ void Emulator::ServeRequests(Moment now) {
     requests.swap(requests_);
   }
   for (const Request& request : requests) request(now);
+}
+
+void Emulator::NewPoses(std::uint32_t stations) {
+  Post([this, stations](Moment now) { device_.NewPoses(now, stations); });
 }
 
 void Emulator::Strike(const Fault& fault) {

@@ -65,6 +65,7 @@ class Emulator {
   // unplugged.
   std::string Port() const;
 
+  void NewPoses(std::uint32_t stations);  // of the live source of the device's motion; bits
   void Strike(const Fault& fault);
   void StrikeAll(FaultTrigger asked);  // the rules that wait for this
   void Unplug();                       // until Plug
@@ -96,8 +97,10 @@ class Emulator {
   PortLink link_;
   std::string linked_;  // the port's name that the link points at
   const unsigned firstBaud_;
+  const bool wired_;  // a real line, which may vanish by itself
   EmulatorClock clock_;
   Moment replugAt_ = kNever;
+  bool pulled_ = false;  // by Unplug or a fault; otherwise a missing port was lost
   bool hostPresent_ = false;
   std::vector<std::byte> out_;
 

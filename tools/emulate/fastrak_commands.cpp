@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <span>
 
 #include "emulate/fastrak_emulator.h"
 
@@ -12,10 +13,15 @@ namespace {
 constexpr Moment kReplyDelay = std::chrono::milliseconds(1);
 
 constexpr double kInch = 2.54;  // cm
-constexpr std::size_t kMostItems = 20;
+constexpr std::size_t kMostItems = 32;
 
 std::string OfStation(double number, const std::string& text) {
   return "station " + std::to_string(static_cast<int>(number)) + text;
+}
+
+// The beginning of a station's answer.
+std::string AnswerHead(double station, char letter) {
+  return "2" + std::to_string(static_cast<int>(station)) + letter;
 }
 
 std::string Listed(const std::vector<FastrakItem>& items) {
@@ -26,6 +32,17 @@ std::string Listed(const std::vector<FastrakItem>& items) {
     text += name != nullptr ? name : "item " + std::to_string(static_cast<int>(item));
   }
   return text.empty() ? " nothing" : text;
+}
+
+// As the unit answers numbers: seven characters each.
+std::string Sevens(std::span<const double> numbers, int decimals) {
+  std::string text;
+  for (const double number : numbers) {
+    char seven[32];
+    std::snprintf(seven, sizeof seven, "%7.*f", decimals, number);
+    text += seven;
+  }
+  return text;
 }
 
 std::string Triple(const std::vector<double>& numbers, std::size_t from) {
@@ -47,12 +64,34 @@ struct FastrakEmulator::CommandRow {
 std::span<const FastrakEmulator::CommandRow> FastrakEmulator::Commands() {
   using Self = FastrakEmulator;
   static constexpr CommandRow kRows[] = {
-      {'C', &Self::StartStream},     {'c', &Self::StopStream},      {'P', &Self::Poll},
-      {'S', &Self::TellStatus},      {'U', &Self::UseInches},       {'u', &Self::UseCentimetres},
-      {'f', &Self::UseBinary},       {'F', &Self::UseAscii},        {'K', &Self::Save},
-      {'\x19', &Self::Reinitialize}, {'O', &Self::OutputList},      {'l', &Self::ActiveStations},
-      {'A', &Self::Align},           {'R', &Self::ResetAlignment},  {'H', &Self::Hemisphere},
-      {'N', &Self::TipOffset},       {'y', &Self::Synchronization}, {'T', &Self::ClearError},
+      {'C', &Self::StartStream},
+      {'c', &Self::StopStream},
+      {'P', &Self::Poll},
+      {'S', &Self::TellStatus},
+      {'U', &Self::UseInches},
+      {'u', &Self::UseCentimetres},
+      {'f', &Self::UseBinary},
+      {'F', &Self::UseAscii},
+      {'K', &Self::Save},
+      {'\x19', &Self::Reinitialize},
+      {'O', &Self::OutputList},
+      {'l', &Self::ActiveStations},
+      {'A', &Self::Align},
+      {'R', &Self::ResetAlignment},
+      {'H', &Self::Hemisphere},
+      {'N', &Self::TipOffset},
+      {'y', &Self::Synchronization},
+      {'T', &Self::ClearError},
+      {'x', &Self::PositionFilter},
+      {'v', &Self::AttitudeFilter},
+      {'e', &Self::StylusMode},
+      {'b', &Self::Boresight},
+      {'B', &Self::Boresight},
+      {'G', &Self::BoresightReference},
+      {'d', &Self::PassOver},
+      {'D', &Self::PassOver},
+      {'t', &Self::PassOver},
+      {'Y', &Self::PassOver},
   };
   return kRows;
 }
@@ -68,6 +107,7 @@ void FastrakEmulator::Obey(const FastrakCommand& command, Context context) {
   const CommandRow* const row = command.known ? FindCommand(command.letter) : nullptr;
   const auto numbers = command.Numbers();
   std::string done = row != nullptr && numbers ? (this->*row->obey)(*numbers, context) : "";
+  if (command.known && command.letter == 'M') done = ObeyInterSense(command.arguments, context);
   if (done.empty()) {
     done = "not understood: answered with an error";
     Reply(context, "21E*ERROR* EC -99 " + command.Shown() + "\r\n");
@@ -154,7 +194,7 @@ std::string FastrakEmulator::OutputList(const Numbers& numbers, Context context)
   std::vector<FastrakItem> items;
   for (std::size_t i = first; i < numbers.size(); ++i) {
     const double code = numbers[i];
-    if (code < 0 || code > 63 || std::floor(code) != code || items.size() == kMostItems) return "";
+    if (code < 0 || code > 66 || std::floor(code) != code || items.size() == kMostItems) return "";
     items.push_back(static_cast<FastrakItem>(static_cast<int>(code)));
   }
   const std::string sends = " sends" + Listed(items);
@@ -213,14 +253,89 @@ std::string FastrakEmulator::Hemisphere(const Numbers& numbers, Context) {
   return OfStation(numbers[0], " works in the hemisphere toward") + Triple(numbers, 1);
 }
 
-std::string FastrakEmulator::TipOffset(const Numbers& numbers, Context) {
-  Station* const station = StationOf(numbers, 4);
+std::string FastrakEmulator::TipOffset(const Numbers& numbers, Context context) {
+  Station* const station = StationOf(numbers, 1);
   if (station == nullptr) return "";
+  if (numbers.size() == 1) {
+    Vector3 tip = station->tip;
+    for (double& length : tip) length /= metric_ ? 1 : kInch;
+    Reply(context, AnswerHead(numbers[0], 'N') + Sevens(tip, 3) + "\r\n");
+    return OfStation(numbers[0], ": its tip is asked for");
+  }
+  if (numbers.size() < 4) return "";
   station->tip = Length(numbers, 1);
   return OfStation(numbers[0], " has its tip at") + Triple(numbers, 1);
 }
 
+// The poses stay as they are: a boresight would need a person at the receiver.
+std::string FastrakEmulator::Boresight(const Numbers& numbers, Context) {
+  if (StationOf(numbers, 1) == nullptr) return "";
+  return OfStation(numbers[0], ": boresight, not played");
+}
+
+std::string FastrakEmulator::BoresightReference(const Numbers& numbers, Context context) {
+  Station* const station = StationOf(numbers, 1);
+  if (station == nullptr) return "";
+  if (numbers.size() == 1) {
+    Reply(context, AnswerHead(numbers[0], 'G') + Sevens(station->reference, 2) + "\r\n");
+    return OfStation(numbers[0], ": its boresight reference is asked for");
+  }
+  if (numbers.size() < 4) return "";
+  station->reference = {numbers[1], numbers[2], numbers[3]};
+  return OfStation(numbers[0], ": boresight reference") + Triple(numbers, 1);
+}
+
+std::string FastrakEmulator::StylusMode(const Numbers& numbers, Context) {
+  if (StationOf(numbers, 2) == nullptr || numbers[1] < 0 || numbers[1] > 1) return "";
+  return OfStation(numbers[0], numbers[1] == 0 ? ": the button is shown" : ": the button acts");
+}
+
+// ---- Filters ------------------------------------------------------------------------------------
+
+// x: told, or x2 to x5: one of the unit's own. The poses are not filtered.
+std::string FastrakEmulator::ServeFilter(char letter, Filter& filter, const Numbers& numbers,
+                                         Context context) {
+  if (numbers.empty()) {
+    Reply(context, std::string("2 ") + letter + Sevens(filter, 3) + "\r\n");
+    return "the filter is asked for";
+  }
+  if (numbers.size() == 1) return numbers[0] >= 2 && numbers[0] <= 5 ? "a filter of its own" : "";
+  if (numbers.size() != filter.size()) return "";
+  std::copy(numbers.begin(), numbers.end(), filter.begin());
+  return "a filter, not played";
+}
+
+std::string FastrakEmulator::PositionFilter(const Numbers& numbers, Context context) {
+  return ServeFilter('x', positionFilter_, numbers, context);
+}
+
+std::string FastrakEmulator::AttitudeFilter(const Numbers& numbers, Context context) {
+  return ServeFilter('v', attitudeFilter_, numbers, context);
+}
+
 // ---- The unit -----------------------------------------------------------------------------------
+
+// Compensation of metal, and letters that drivers send to a unit that does not answer.
+std::string FastrakEmulator::PassOver(const Numbers&, Context) { return "accepted, not played"; }
+
+std::string FastrakEmulator::ObeyInterSense(std::string_view arguments, Context context) {
+  const char what = arguments.empty() ? ' ' : arguments[0];
+  if (what == 'Z') {
+    timeZero_ = context.now;
+    return "the time stamp begins at zero";
+  }
+  if (what == 'S') {
+    Reply(context, "31S000\r\n");
+    return "the tracker's status is asked for";
+  }
+  if (what == 's') {
+    const auto station = ParseNumber(arguments.substr(1), 1U, model_.stations);
+    if (!station) return "";
+    Reply(context, "3" + std::to_string(*station) + "s000\r\n");
+    return OfStation(*station, ": its status is asked for");
+  }
+  return "InterSense's own setting, accepted";
+}
 
 std::string FastrakEmulator::TellStatus(const Numbers&, Context context) {
   const int error = errors_.empty() ? 0 : errors_.front();

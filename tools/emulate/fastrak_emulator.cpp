@@ -7,6 +7,7 @@ namespace kinetrel::emulate {
 namespace {
 
 constexpr std::size_t kMostUnread = 512;  // the unit's input buffer
+constexpr std::byte kReset{0x19};         // Ctrl-Y
 
 const std::vector<FastrakItem> kDefaultList = {FastrakItem::Position, FastrakItem::Euler,
                                                FastrakItem::CrLf};
@@ -22,7 +23,7 @@ FastrakEmulator::FastrakEmulator(FastrakSettings settings, std::shared_ptr<const
     : settings_(std::move(settings)),
       model_(RowOf(settings_.model)),
       motion_(std::move(motion)),
-      parser_("CcPSUufFK\x19", "OlARHNyT") {
+      parser_("CcPSUufFKdDtY\x19", model_.interSense ? "OlARHNyTxvebBGM" : "OlARHNyTxvebBG") {
   for (const int code : settings_.errors) RaiseError(Moment(0), code);
   SetDefaults();
 }
@@ -31,6 +32,7 @@ FastrakEmulator::FastrakEmulator(FastrakSettings settings, std::shared_ptr<const
 
 void FastrakEmulator::SetDefaults() {
   binary_ = metric_ = streaming_ = owesHalfRecord_ = false;
+  positionFilter_ = attitudeFilter_ = {0.2, 0.2, 0.8, 0.95};
   pollAt_ = kNever;
   stations_.assign(model_.stations, Station{});
   for (unsigned i = 0; i < model_.stations; ++i) {
@@ -48,6 +50,7 @@ void FastrakEmulator::SetAsLeftByHost() {
 
 void FastrakEmulator::PowerOn(Moment now, DeviceLine& line) {
   SetDefaults();
+  timeZero_ = now;
   const bool lostPower = std::exchange(poweredBefore_, true);
   busyUntil_ = lostPower ? now + settings_.resetTime : now;
   if (lostPower || settings_.start == FastrakStart::Ascii) return;
@@ -63,7 +66,7 @@ void FastrakEmulator::PowerOn(Moment now, DeviceLine& line) {
 
 void FastrakEmulator::HostOpened(Moment now, DeviceLine& line) {
   if (!std::exchange(owesHalfRecord_, false)) return;
-  const WireWriter record = EncodeRecord(Measure(0), model_);
+  const WireWriter record = EncodeRecord(Measure(0, now), model_);
   line.SendReply(now, record.bytes().subspan(record.bytes().size() / 2));
 }
 
@@ -77,7 +80,8 @@ bool FastrakEmulator::RaiseError(Moment, std::optional<int> code) {
 void FastrakEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
   for (const std::byte byte : bytes) {
     if (now < busyUntil_) {
-      if (unread_.size() < kMostUnread) unread_.push_back(byte);
+      // A host that is not sure repeats the reset; the second one must not begin it again.
+      if (unread_.size() < kMostUnread && byte != kReset) unread_.push_back(byte);
     } else if (const auto command = parser_.Feed(byte)) {
       Obey(*command, {now, line});
     }
@@ -89,7 +93,10 @@ void FastrakEmulator::Receive(Moment now, std::span<const std::byte> bytes, Devi
 Moment FastrakEmulator::NextEvent() const {
   const Moment ready = unread_.empty() ? kNever : busyUntil_;
   const bool sends = streaming_ && ActiveCount() > 0;
-  const Moment stream = sends ? NthOf(streamStart_, slot_ + 1, model_.recordsPerSecond) : kNever;
+  const Moment stream = !sends ? kNever
+                        : motion_->IsLive()
+                            ? fresh_.Next()
+                            : NthOf(streamStart_, slot_ + 1, model_.recordsPerSecond);
   return std::min({ready, stream, pollAt_});
 }
 
@@ -99,8 +106,26 @@ void FastrakEmulator::OnEvent(Moment now, DeviceLine& line) {
     Receive(now, bytes, line);
   } else if (now >= pollAt_) {
     AnswerPoll(now, line);
+  } else if (motion_->IsLive()) {
+    SendFresh(now, line);
   } else {
     SendNextOfStream(now, line);
+  }
+}
+
+void FastrakEmulator::NewPoses(Moment now, std::uint32_t stations, DeviceLine& line) {
+  if (!streaming_) return;
+  for (unsigned i = 0; i < stations_.size(); ++i) {
+    if ((stations >> i & 1) != 0 && stations_[i].active) fresh_.Add(now, 1U << i);
+  }
+  SendFresh(now, line);
+}
+
+// A station whose sensor was lost meanwhile sends nothing, as without a receiver.
+void FastrakEmulator::SendFresh(Moment now, DeviceLine& line) {
+  while (const auto index = fresh_.Take(now, line, model_.recordsPerSecond, ActiveCount())) {
+    if (!motion_->Has(*index) || !stations_[*index].active) continue;
+    line.SendRecord(now, EncodeRecord(Measure(*index, now), model_).bytes());
   }
 }
 
@@ -110,6 +135,7 @@ void FastrakEmulator::RestartStream(Moment now) {
   nextStation_ = 0;
   slot_ = 0;
   streamStart_ = now;
+  fresh_.Clear();
 }
 
 // On a line that is too slow for all records the unit sends fewer; it never falls behind.
@@ -117,7 +143,7 @@ void FastrakEmulator::SendNextOfStream(Moment now, DeviceLine& line) {
   ++slot_;
   if (line.FreeAt() > now) return;
   const unsigned index = NextActive(nextStation_);
-  const WireWriter record = EncodeRecord(Measure(index), model_);
+  const WireWriter record = EncodeRecord(Measure(index, now), model_);
   line.SendRecord(now, record.bytes());
   nextStation_ = index + 1;
   if (NextActive(nextStation_) < stations_.size()) return;
@@ -129,7 +155,8 @@ void FastrakEmulator::AnswerPoll(Moment now, DeviceLine& line) {
   pollAt_ = kNever;
   if (ActiveCount() == 0) return;
   for (unsigned i = NextActive(0); i < stations_.size(); i = NextActive(i + 1)) {
-    const WireWriter record = EncodeRecord(Measure(i), model_);
+    if (!motion_->Has(i)) continue;
+    const WireWriter record = EncodeRecord(Measure(i, now), model_);
     line.SendRecord(now, record.bytes());
   }
   ++frame_;
@@ -152,7 +179,7 @@ unsigned FastrakEmulator::NextActive(unsigned from) const {
   return from;
 }
 
-FastrakRecord FastrakEmulator::Measure(unsigned index) const {
+FastrakRecord FastrakEmulator::Measure(unsigned index, Moment now) const {
   const Station& station = stations_[index];
   MotionPose pose = motion_->At(index, frame_, static_cast<double>(frame_) / FramesPerSecond());
   if (station.tip != Vector3{}) {
@@ -164,7 +191,8 @@ FastrakRecord FastrakEmulator::Measure(unsigned index) const {
   // Turning by the default frame would change the last bits.
   if (station.frame != Frame{}) pose = SeenFrom(station.frame, pose);
   const char error = errors_.empty() ? ' ' : static_cast<char>(errors_.front());
-  return {index, error, pose, station.items, binary_, metric_};
+  const double time = std::chrono::duration<double, std::milli>(now - timeZero_).count();
+  return {index, error, pose, station.items, binary_, metric_, motion_->Buttons(index), time};
 }
 
 // ---- Options ------------------------------------------------------------------------------------
@@ -202,14 +230,15 @@ std::unique_ptr<EmulatedDevice> MakeFastrak(OptionValues& options,
                                             std::shared_ptr<const Motion> motion) {
   FastrakSettings settings;
   settings.model = static_cast<FastrakModel>(options.Choice("--model", FastrakModels()));
-  settings.receivers = options.Get("--receivers", RowOf(settings.model).stations, 0U,
-                                   RowOf(settings.model).stations);
+  const unsigned most = RowOf(settings.model).stations;
+  const unsigned served = motion->Stations() > 0 ? std::min(motion->Stations(), most) : most;
+  settings.receivers = options.Get("--receivers", served, 0U, most);
   settings.start = kStarts[options.Choice("--start", kStarts)].start;
   settings.stickyErrors = options.Has("--sticky-errors");
   settings.resetTime = NthOf(Moment(0), 1, 1 / options.Get("--reset-time", 10.0, 0.001, 3600.0));
   for (const std::string& error : options.All("--error")) {
     if (error.size() != 1 || !IsErrorCode(error[0])) {
-      options.Refuse("--error wants a letter: A to L, T to Z, a to z");
+      options.Refuse("--error: wants a letter: A to L, T to Z, a to z");
     } else {
       settings.errors.push_back(error[0]);
     }

@@ -9,11 +9,17 @@
 //   l1,1         station 1 on, 0: off; l1 tells the states (IsoTRAK: l1 turns it over, l tells)
 //   A1,o,x,y     alignment frame of station 1: origin, a point on x, a point toward y; R1 resets it
 //   H1,x,y,z     hemisphere        N1,x,y,z  tip offset        y0  synchronization 0, 1 or 2
-//   T65,0        clears that BIT error
+//   T65,0        clears that BIT error            e1,0      stylus of station 1: 0 mouse, 1 point
+//   x, v         position and attitude filter: f,low,high,factor; x alone tells it
+//   N1, G1       tell the tip offset and the boresight reference
+//   b B G d D t Y  are accepted in silence and change nothing
+//   M...         InterSense only: MZ zeroes the time stamp, MS and Ms1 tell a status; any other is
+//                accepted in silence
 //
 // Lines end with CR or LF. An unknown command is answered with an error record.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -21,6 +27,7 @@
 #include "emulate/emulated_device.h"
 #include "emulate/fastrak_parser.h"
 #include "emulate/fastrak_records.h"
+#include "emulate/fresh_poses.h"
 #include "emulate/motion.h"
 #include "emulate/options.h"
 #include "emulate/pose.h"
@@ -55,6 +62,7 @@ class FastrakEmulator final : public EmulatedDevice {
   Moment NextEvent() const override;
   void OnEvent(Moment now, DeviceLine& line) override;
   void HostOpened(Moment now, DeviceLine& line) override;
+  void NewPoses(Moment now, std::uint32_t stations, DeviceLine& line) override;
   bool RaiseError(Moment now, std::optional<int> code) override;
 
  private:
@@ -62,7 +70,8 @@ class FastrakEmulator final : public EmulatedDevice {
     bool active = true;
     std::vector<FastrakItem> items;
     Frame frame;
-    Vector3 tip{};
+    Vector3 tip{};        // cm
+    Vector3 reference{};  // of the boresight, degrees
   };
   struct CommandRow;
   using Numbers = std::vector<double>;
@@ -92,13 +101,22 @@ class FastrakEmulator final : public EmulatedDevice {
   std::string TipOffset(const Numbers& numbers, Context context);
   std::string Synchronization(const Numbers& numbers, Context context);
   std::string ClearError(const Numbers& numbers, Context context);
+  std::string PositionFilter(const Numbers& numbers, Context context);
+  std::string AttitudeFilter(const Numbers& numbers, Context context);
+  std::string StylusMode(const Numbers& numbers, Context context);
+  std::string Boresight(const Numbers& numbers, Context context);
+  std::string BoresightReference(const Numbers& numbers, Context context);
+  std::string PassOver(const Numbers& numbers, Context context);
 
   static std::span<const CommandRow> Commands();
   static const CommandRow* FindCommand(char letter);
   void Obey(const FastrakCommand& command, Context context);
+  std::string ObeyInterSense(std::string_view arguments, Context context);
   std::string SetStationActive(unsigned index, bool on, Moment now);
 
   void Reply(Context context, const std::string& text) const;
+  using Filter = std::array<double, 4>;  // sensitivity, low, high, factor
+  std::string ServeFilter(char letter, Filter& filter, const Numbers& numbers, Context context);
   Station* StationOf(const Numbers& numbers, std::size_t wantedCount);
   Vector3 Length(const Numbers& numbers, std::size_t from) const;  // in cm, from the unit in force
 
@@ -109,8 +127,9 @@ class FastrakEmulator final : public EmulatedDevice {
   void SetAsLeftByHost();
   void RestartStream(Moment now);
   void SendNextOfStream(Moment now, DeviceLine& line);
+  void SendFresh(Moment now, DeviceLine& line);
   void AnswerPoll(Moment now, DeviceLine& line);
-  FastrakRecord Measure(unsigned index) const;
+  FastrakRecord Measure(unsigned index, Moment now) const;
   unsigned ActiveCount() const;
   double FramesPerSecond() const;
   unsigned NextActive(
@@ -124,6 +143,9 @@ class FastrakEmulator final : public EmulatedDevice {
   // What the host has set.
   bool binary_ = false;
   bool metric_ = false;
+  Filter positionFilter_{};
+  Filter attitudeFilter_{};
+  Moment timeZero_{0};
   std::vector<Station> stations_;
 
   // What it does now.
@@ -138,6 +160,7 @@ class FastrakEmulator final : public EmulatedDevice {
   std::uint64_t slot_ = 0;    // of the stream: each may take one record
   unsigned nextStation_ = 0;  // of the frame that is being sent
   std::uint64_t frame_ = 0;
+  FreshPoses fresh_;  // of a live source
   Moment pollAt_ = kNever;
   Moment nextMeasured_{0};  // a poll is never answered with an old frame
 };

@@ -8,8 +8,8 @@
 namespace kinetrel::emulate {
 namespace {
 
-constexpr std::size_t kLongestLine = 160;
-constexpr std::size_t kMostNumbers = 32;
+constexpr std::size_t kLongestLine = 254;
+constexpr std::size_t kMostNumbers = 33;
 constexpr double kMostNumber = 1e6;
 
 bool IsPrintable(char letter) { return letter >= ' ' && letter <= '~'; }

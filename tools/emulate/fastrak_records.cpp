@@ -19,13 +19,16 @@ constexpr double kFourRadians = 4 * 180 / std::numbers::pi;  // degrees
 
 // A host recognises the model by the dot in the version and the characters around it.
 constexpr FastrakModelRow kModels[] = {
-    {"fastrak", "FasTRAK", 4, 120, true, true, kFar, 180, "3.02  ", "Polhemus 3SPACE FASTRAK"},
-    {"insidetrak", "InsideTRAK", 2, 30, false, true, kFar, 180, " 50.12", "Polhemus InsideTRAK"},
-    {"isotrak", "IsoTRAK", 1, 30, false, false, kNear, kFourRadians, "V 2011", "3SPACE ISOTRAK"},
-    {"isotrak2", "IsoTRAK2", 2, 60, false, false, kNear, kFourRadians, "V 3013",
+    {"fastrak", "FasTRAK", 4, 120, true, false, true, kFar, 180, "3.02  ",
+     "Polhemus 3SPACE FASTRAK"},
+    {"insidetrak", "InsideTRAK", 2, 30, false, false, true, kFar, 180, " 50.12",
+     "Polhemus InsideTRAK"},
+    {"isotrak", "IsoTRAK", 1, 30, false, false, false, kNear, kFourRadians, "V 2011",
+     "3SPACE ISOTRAK"},
+    {"isotrak2", "IsoTRAK2", 2, 60, false, false, false, kNear, kFourRadians, "V 3013",
      "3SPACE ISOTRAK II"},
-    {"is300", "IS-300", 4, 150, true, true, kFar, 180, "  2.41", "IS300 InterSense tracker"},
-    {"is600", "IS-600", 4, 150, true, true, kFar, 180, "  2.41", "IS600 InterSense tracker"},
+    {"is300", "IS-300", 4, 150, true, true, true, kFar, 180, "  2.41", "IS300 InterSense tracker"},
+    {"is600", "IS-600", 4, 150, true, true, true, kFar, 180, "  2.41", "IS600 InterSense tracker"},
 };
 
 // ---- Records ------------------------------------------------------------------------------------
@@ -45,6 +48,10 @@ constexpr ItemName kNames[] = {
     {FastrakItem::ShortPosition, "short position"},
     {FastrakItem::ShortEuler, "short Euler angles"},
     {FastrakItem::ShortQuaternion, "short quaternion"},
+    {FastrakItem::Stylus, "stylus switch"},
+    {FastrakItem::TimeStamp, "time stamp"},
+    {FastrakItem::Buttons, "buttons"},
+    {FastrakItem::Joystick, "joystick"},
 };
 
 // The values of one item, and their full scale.
@@ -104,12 +111,50 @@ class Encoder {
       case FastrakItem::ShortQuaternion:
         AddValues(item, QuaternionValues(record_));
         break;
+      case FastrakItem::Stylus:
+        if (!model_.interSense) out_.U8(' ');
+        out_.U8((record_.buttons & 1) != 0 ? '1' : '0');
+        break;
+      case FastrakItem::TimeStamp:
+      case FastrakItem::Buttons:
+      case FastrakItem::Joystick:
+        if (model_.interSense) AddInterSense(item);
+        break;
     }
+  }
+
+  void AddInterSense(FastrakItem item) {
+    constexpr unsigned kMiddle = 127;
+    if (item == FastrakItem::TimeStamp) {
+      if (record_.binary)
+        out_.F32Le(record_.time);
+      else
+        AddText("%14.3f", record_.time);
+    } else if (item == FastrakItem::Buttons) {
+      AddByte(record_.buttons & 0xFF);
+    } else {
+      AddByte(kMiddle);
+      AddByte(kMiddle);
+    }
+  }
+
+  void AddByte(unsigned value) {
+    if (record_.binary)
+      out_.U8(value);
+    else
+      AddText("%03u", value);
+  }
+
+  template <typename Value>
+  void AddText(const char* format, Value value) {
+    char text[32];
+    std::snprintf(text, sizeof text, format, value);
+    out_.Text(text);
   }
 
   // Short items are binary in ASCII records too.
   void AddValues(FastrakItem item, const Values& values) {
-    const bool isShort = item >= FastrakItem::ShortPosition;
+    const bool isShort = item >= FastrakItem::ShortPosition && item <= FastrakItem::ShortQuaternion;
     if (!record_.binary && !isShort) return AddAscii(values);
     for (const double value : values.all()) {
       if (isShort && model_.floats) {

@@ -20,6 +20,7 @@ struct FastrakModelRow {
   unsigned stations;
   double recordsPerSecond;    // over all active stations together
   bool floats;                // plain binary values are 32-bit floats, else 16-bit words
+  bool interSense;            // has the command M and the items 21 to 23
   bool stationInLists;        // O and l name the station they are about
   double fullScale;           // cm, of the words
   double fullAngle;           // degrees, of the words
@@ -41,9 +42,13 @@ enum class FastrakItem : int {
   Position = 2,
   Euler = 4,
   Quaternion = 11,
+  Stylus = 16,
   ShortPosition = 18,
   ShortEuler = 19,
   ShortQuaternion = 20,
+  TimeStamp = 21,  // this and the next two: InterSense models only
+  Buttons = 22,
+  Joystick = 23,
 };
 
 // The name of an item for people; null for an item that this unit does not know.
@@ -55,7 +60,9 @@ struct FastrakRecord {
   MotionPose pose;
   std::vector<FastrakItem> items;
   bool binary = false;
-  bool metric = false;  // centimetres, else inches
+  bool metric = false;        // centimetres, else inches
+  std::uint32_t buttons = 0;  // bit i: button i is pressed; the stylus has button 0
+  double time = 0;            // ms, since the host set it to zero or power came on
 };
 
 // A header of '0', the station's digit and the error character, and then the items in their order:
@@ -64,6 +71,10 @@ struct FastrakRecord {
 //   words      16 bits, little-endian, of the model's full scale
 //   short      on models whose plain values are floats: 14 bits as two 7-bit bytes, low first; else
 //              words. Bit 7 is set in the first byte of the first value only
+//   stylus     a blank and '0' or '1', in binary records too; InterSense models leave out the blank
+//   time       32-bit float, or 14 characters
+//   buttons    a byte, or 3 digits
+//   joystick   two bytes, or 3 digits each: left to right, back to front; 127 is the middle
 WireWriter EncodeRecord(const FastrakRecord& record, const FastrakModelRow& model);
 
 struct FastrakStatus {

@@ -26,6 +26,7 @@ constexpr double kWeekStart = 100000;  // seconds into the week when power comes
 constexpr double kUtcOffset = 18;
 constexpr std::uint64_t kHealthPeriod = 5;  // s
 constexpr unsigned kFix3d = 4;
+constexpr std::size_t kMostData = 16;  // bytes of a request that matter
 
 double Seconds(Moment time) { return std::chrono::duration<double>(time).count(); }
 
@@ -78,7 +79,6 @@ bool GpsEmulator::RaiseError(Moment now, std::optional<int> code) {
 
 // ---- Requests -----------------------------------------------------------------------------------
 
-// It answers requests of a single byte and ignores the rest of a packet.
 void GpsEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLine& line) {
   for (const std::byte byte : bytes) {
     const auto value = std::to_integer<unsigned>(byte);
@@ -89,24 +89,58 @@ void GpsEmulator::Receive(Moment now, std::span<const std::byte> bytes, DeviceLi
         break;
       case Place::Mark:
         request_ = value;
+        data_.clear();
         place_ = value == kDle ? Place::Mark : value == kEtx ? Place::Outside : Place::Inside;
         break;
       case Place::Inside:
-        if (value == kDle) place_ = Place::MarkInside;
+        if (value == kDle) {
+          place_ = Place::MarkInside;
+        } else if (data_.size() < kMostData) {
+          data_.push_back(value);
+        }
         break;
       case Place::MarkInside:
         place_ = value == kEtx ? Place::Outside : Place::Inside;
-        if (value != kEtx) break;
+        if (value != kEtx) {
+          if (data_.size() < kMostData) data_.push_back(value);
+          break;
+        }
         char text[64];
-        std::snprintf(text, sizeof text, "%02X  %s", request_, Obey(now, request_, line));
+        std::snprintf(text, sizeof text, "%02X  %s", request_, Obey(now, line));
         line.Say(now, text);
     }
   }
 }
 
-const char* GpsEmulator::Obey(Moment now, unsigned id, DeviceLine& line) {
+const char* GpsEmulator::Obey(Moment now, DeviceLine& line) {
   const Moment reply = now + kReplyDelay;
-  switch (id) {
+  switch (request_) {
+    case 0x1F: {
+      // Of the application and of its core: version, month, day, year since 1900.
+      WireWriter version;
+      for (int i = 0; i < 2; ++i) version.U8(1).U8(16).U8(6).U8(1).U8(110);
+      Send(reply, 0x45, version, line);
+      return "version";
+    }
+    case 0x22:
+    case 0x24:
+      SendSelection(reply, line);
+      return "satellites in use";
+    case 0x2C: {
+      // Land, the lowest elevation in radians, the lowest level, the largest dilutions.
+      WireWriter needs;
+      needs.U8(1).F32Be(5 * kRadians).F32Be(2).F32Be(12).F32Be(8);
+      Send(reply, 0x4C, needs, line);
+      return "what it requires of a fix";
+    }
+    case 0x35:
+      // It keeps what it sends: latitude and longitude, height over sea level, single precision,
+      // east-north-up velocity.
+      Send(reply, 0x55, WireWriter().U8(0x06).U8(0x02).U8(0).U8(0x08), line);
+      return "which reports it sends";
+    case 0x3C:
+      SendDetails(reply, data_.empty() ? 0 : data_[0], line);
+      return "satellites in detail";
     case 0x21:
       SendTime(reply, line);
       return "time";
@@ -118,7 +152,8 @@ const char* GpsEmulator::Obey(Moment now, unsigned id, DeviceLine& line) {
       SendPosition(reply, line);
       return "position and velocity";
     default:
-      return "not understood";
+      Send(reply, 0x13, WireWriter().U8(request_).U8(data_.empty() ? 0 : data_[0]), line);
+      return "not understood: answered with 13";
   }
 }
 
@@ -174,24 +209,41 @@ void GpsEmulator::SendHealth(Moment now, DeviceLine& line) {
 }
 
 void GpsEmulator::SendSatellites(Moment now, DeviceLine& line) {
+  SendSelection(now, line);
   const unsigned count = settings_.satellites;
-  WireWriter selection;
-  selection.U8(count << 4 | kFix3d);
-  for (const double dop : {2.5, 1.5, 2.0, 1.25}) selection.F32Be(dop);
   WireWriter levels;
   levels.U8(count);
   for (unsigned i = 0; i < count; ++i) {
     const GpsSky sky = SatelliteAt(i, Seconds(now));
-    selection.U8(sky.prn);
     levels.U8(sky.prn).F32Be(sky.level);
   }
-  Send(now, 0x6D, selection, line);
   Send(now, 0x47, levels, line);
-  if (count == 0) return;
-  const GpsSky sky = SatelliteAt(static_cast<unsigned>(seconds_ % count), Seconds(now));
+  if (count > 0) SendDetail(now, static_cast<unsigned>(seconds_ % count), line);
+}
+
+void GpsEmulator::SendSelection(Moment now, DeviceLine& line) {
+  const unsigned count = settings_.satellites;
+  WireWriter selection;
+  selection.U8(count << 4 | kFix3d);
+  for (const double dop : {2.5, 1.5, 2.0, 1.25}) selection.F32Be(dop);
+  for (unsigned i = 0; i < count; ++i) selection.U8(SatelliteAt(i, Seconds(now)).prn);
+  Send(now, 0x6D, selection, line);
+}
+
+// Each satellite has a channel of its own, by which hosts file it.
+void GpsEmulator::SendDetail(Moment now, unsigned index, DeviceLine& line) {
+  constexpr std::uint32_t kCollected = 1;
+  const GpsSky sky = SatelliteAt(index, Seconds(now));
   WireWriter detail;
-  detail.U8(sky.prn).U8(0).U8(1).U8(0).F32Be(sky.level).F32Be(kWeekStart + Seconds(now));
-  Send(now, 0x5C, detail.F32Be(sky.elevation).F32Be(sky.azimuth).U32Be(0), line);
+  detail.U8(sky.prn).U8(index << 3).U8(1).U8(0);
+  detail.F32Be(sky.level).F32Be(kWeekStart + Seconds(now));
+  Send(now, 0x5C, detail.F32Be(sky.elevation).F32Be(sky.azimuth).U32Be(kCollected), line);
+}
+
+void GpsEmulator::SendDetails(Moment now, unsigned prn, DeviceLine& line) {
+  for (unsigned i = 0; i < settings_.satellites; ++i) {
+    if (prn == 0 || SatelliteAt(i, Seconds(now)).prn == prn) SendDetail(now, i, line);
+  }
 }
 
 // ---- Options ------------------------------------------------------------------------------------

@@ -4,7 +4,10 @@
 // Numbers are big-endian. Unasked, it sends its position and velocity at its rate; once a second
 // the time, the satellites in use, their levels, and one of them in detail; every five seconds its
 // health and identity. A host may ask with packets:
-//   21h  time    26h  health and identity    37h  position and velocity
+//   21h  time                       1Fh  version            26h  health and identity
+//   22h, 24h  satellites in use     2Ch  what it requires   35h  which reports it sends
+//   37h  position and velocity      3Ch  each satellite in detail, or the one that is named
+// Any other packet is answered with 13h: its identifier and first byte.
 //
 // It follows the motion with centimetres as metres: x north of its origin, y east, z up. Its
 // satellites rise and set.
@@ -63,14 +66,17 @@ class GpsEmulator final : public EmulatedDevice {
   bool RaiseError(Moment now, std::optional<int> code) override;
 
  private:
-  const char* Obey(Moment now, unsigned id, DeviceLine& line);
+  const char* Obey(Moment now, DeviceLine& line);
   void Send(Moment now, std::uint8_t id, const WireWriter& data, DeviceLine& line);
   void SendPosition(Moment now, DeviceLine& line);
   void SendTime(Moment now, DeviceLine& line);
   void SendHealth(Moment now, DeviceLine& line);
   void SendSatellites(Moment now, DeviceLine& line);
+  void SendSelection(Moment now, DeviceLine& line);
+  void SendDetail(Moment now, unsigned index, DeviceLine& line);
+  void SendDetails(Moment now, unsigned prn, DeviceLine& line);  // 0: of all
   GpsPlace PlaceAt(double seconds) const;
-  bool HasFix(Moment now) const { return now >= fixAt_; }
+  bool HasFix(Moment now) const { return now >= fixAt_ && motion_->Has(0); }
 
   const GpsSettings settings_;
   const std::shared_ptr<const Motion> motion_;
@@ -85,6 +91,7 @@ class GpsEmulator final : public EmulatedDevice {
   enum class Place { Outside, Mark, Inside, MarkInside };
   Place place_ = Place::Outside;
   unsigned request_ = 0;
+  std::vector<unsigned> data_;  // its first bytes
 };
 
 // ---- For the table of devices -------------------------------------------------------------------

@@ -144,6 +144,7 @@ void IntertraxEmulator::OnEvent(Moment now, DeviceLine& line) {
 }
 
 void IntertraxEmulator::SendRecord(Moment now, DeviceLine& line) {
+  if (!motion_->Has(0)) return;
   const double seconds = std::chrono::duration<double>(now).count();
   line.SendRecord(now, EncodeIntertraxRecord(motion_->At(0, frame_++, seconds)).bytes());
 }

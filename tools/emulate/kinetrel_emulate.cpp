@@ -1,164 +1,99 @@
 // kinetrel-emulate: plays a tracker at the other end of a serial line.
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
+#include <filesystem>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <span>
 #include <string>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
 
-#include "emulate/device_table.h"
+#include "emulate/emulate_command.h"
 #include "emulate/emulator.h"
 #include "platform/clock.h"
 #include "platform/console.h"
+#include "platform/serial_device_port.h"
+#include "platform/serial_line.h"
 #include "platform/signals.h"
+#include "program/program.h"
 
 namespace kinetrel::emulate {
 namespace {
 
-// ---- The command line ---------------------------------------------------------------------------
+// ---- How to start kinetrel on it ----------------------------------------------------------------
 
-// USB is so fast that a record is out at once.
-constexpr unsigned kUsbRate = 4'000'000'000;
-
-enum class EmulateRequest { Emulate, Help, Refuse };
-
-struct EmulateCommand {
-  EmulateRequest request = EmulateRequest::Emulate;
-  std::string text = {};  // the help, or why it is refused
-  const DeviceRow* row = nullptr;
-  std::unique_ptr<EmulatedDevice> device = {};
-  EmulatorOptions options = {};
-  bool show = false;
-  bool usb = false;
-  std::shared_ptr<UsbBus> bus = {};  // made when the emulation starts
-};
-
-constexpr OptionRow kCommonOptions[] = {
-    {"--link", "PATH", "a name for the port that stays the same when the port is unplugged"},
-    {"--motion", "MOTION",
-     "circle[:RADIUS_CM[,PERIOD_S]] (default), ramp, file:CSV, or\n"
-     "hold:X,Y,Z[,AZIMUTH,ELEVATION,ROLL] (cm, degrees)"},
-    {"--fault", "WHAT@WHEN", "a fault and when it occurs, see below; repeatable"},
-    {"--seed", "NUMBER", "seed of chance and noise: the same seed gives the same faults (1)"},
-    {"--baud", "RATE", "baud rate of the line (default: that of the device)"},
-    {"--whole", "", "hand over each record in one piece, as a USB adapter does"},
-    {"--usb", "", "play it on USB instead, for hosts with the environment that is printed"},
-    {"--show", "", "show what the host sends, in words"},
-    {"--help", "", "print this text and end"},
-};
-
-constexpr const char* kIntroduction =
-    "usage: kinetrel-emulate DEVICE [OPTION]...\n\n"
-    "Plays a tracker at the other end of a serial line: opens a pseudo-terminal, prints its name "
-    "and\n"
-    "how to start kinetrel on it, and answers there as the device would, at its own rate and at\n"
-    "the line's speed. Ctrl-C ends it.\n\n";
-
-constexpr const char* kFaultHelp =
-    "\nFaults, and when they occur:\n"
-    "  noise[:BYTES]       random bytes between the records\n"
-    "  garble[:BYTES]      random bytes in a record\n"
-    "  cut[:BYTES]         only the first BYTES of a record\n"
-    "  silence[:SECONDS]   nothing comes\n"
-    "  error[:CODE]        the device reports an error\n"
-    "  restart             the device loses its power for a moment\n"
-    "  unplug[:SECONDS]    the port disappears and comes back\n"
-    "  @5s @/5s            at 5 s, every 5 s\n"
-    "  @#100 @/#100        at the 100th record, every 100th\n"
-    "  @1%                 with this chance for each record\n"
-    "  @usr1 @usr2         at the signal SIGUSR1, SIGUSR2\n"
-    "On a terminal the keys n g c s e r u cause one at once.\n"
-    "  kinetrel-emulate fastrak --fault silence:1@/20s --fault garble@0.5% --fault unplug@usr1\n";
-
-std::string DeviceList() {
-  std::string text = "Devices:\n";
-  for (const DeviceRow& row : Devices()) {
-    std::string left = "  " + std::string(row.name);
-    left.resize(std::max<std::size_t>(left.size() + 2, 16), ' ');
-    text += left + std::string(row.summary) + "\n";
-  }
-  return text;
-}
-
-std::string Help(const DeviceRow* row) {
-  std::string text = kIntroduction;
-  if (row == nullptr) {
-    text += DeviceList() + "kinetrel-emulate DEVICE --help lists the device's own options.\n";
-  } else {
-    text += std::string(row->name) + ": " + std::string(row->summary) + "\n" +
-            DescribeOptions(row->options());
-  }
-  return text + "\nOptions of every device:\n" + DescribeOptions(kCommonOptions) + kFaultHelp;
-}
-
-void ReadFaults(OptionValues& values, LineOptions& line) {
-  for (const std::string& text : values.All("--fault")) {
-    if (const auto rule = ParseFaultRule(text)) {
-      line.faults.push_back(*rule);
-    } else {
-      values.Refuse("--fault wants WHAT@WHEN, not '" + text + "'");
+// How a person starts the program kinetrel that is beside this one: by its path, unless the shell
+// found this one by its name alone.
+std::string KinetrelBeside(const std::string& started) {
+  namespace fs = std::filesystem;
+  const fs::path own(started);
+  if (!own.has_parent_path()) return "kinetrel";
+  std::error_code error;
+  const fs::path beside = fs::absolute(own, error).parent_path() / "kinetrel";
+  if (error) return "kinetrel";
+  for (const char* ending : {"", ".exe"}) {
+    if (fs::exists(beside.string() + ending, error)) {
+      return fs::path(beside.string() + ending).lexically_normal().string();
     }
   }
+  return "kinetrel";
 }
 
-void ReadOptions(EmulateCommand& command, OptionValues& values) {
-  LineOptions& line = command.options.line;
-  line.baud = values.Get("--baud", command.row->baud, 50U, 4'000'000U);
-  line.seed = values.Get<std::uint64_t>("--seed", 1, 0, UINT64_MAX);
-  line.whole = values.Has("--whole");
-  command.usb = values.Has("--usb");
-  if (command.usb) {
-    if (command.row->usb == nullptr) values.Refuse("this device has no USB: --usb");
-    line.baud = kUsbRate;
-  }
-  ReadFaults(values, line);
-  command.options.link = values.Text("--link", "");
-  command.show = values.Has("--show");
-  const MadeMotion motion = ParseMotion(values.Text("--motion", "circle"));
-  if (!motion.motion) return values.Refuse(motion.complaint);
-  command.device = command.row->make(values, motion.motion);
-}
+// The command that starts kinetrel on a device.
+struct Hint {
+  std::string kinetrel;  // how a person starts it
+  const DeviceRow& row;
+  std::string options;               // besides the port
+  bool wired = false;                // the host is at the other end of a real line
+  std::shared_ptr<UsbBus> bus = {};  // where the device is; null: on a serial line
 
-EmulateCommand Refused(std::string complaint) {
-  return {EmulateRequest::Refuse, std::move(complaint)};
-}
-
-// `arguments` without the program's name.
-EmulateCommand ParseEmulateCommand(std::span<const char* const> arguments) {
-  const std::string_view first = arguments.empty() ? "--help" : arguments[0];
-  if (first == "--help" || first == "-h") return {EmulateRequest::Help, Help(nullptr)};
-  EmulateCommand command;
-  command.row = FindDevice(first);
-  if (command.row == nullptr) {
-    return Refused("there is no device '" + std::string(first) + "'\n" + DeviceList());
-  }
-  OptionValues values =
-      OptionValues::Parse(arguments.subspan(1), {kCommonOptions, command.row->options()});
-  if (values.Has("--help")) return {EmulateRequest::Help, Help(command.row)};
-  ReadOptions(command, values);
-  if (!values.complaint().empty()) return Refused(values.complaint());
-  return command;
-}
-
-// The lines that start kinetrel on this device.
-std::string HowToConnect(const EmulateCommand& command, const std::string& port) {
-  const DeviceRow& row = *command.row;
-  if (command.bus) {
-    std::string text;
-    for (const auto& [name, value] : command.bus->Environment()) {
-      text.append(name).append("=").append(value).append(" ");
+  std::string On(const std::string& port) const {
+    const std::string started = ShellWord(kinetrel) + " " + options + " --port ";
+    if (bus) {
+      std::string text;
+      for (const auto& [name, value] : bus->Environment()) {
+        text.append(name).append("=").append(ShellWord(value)).append(" ");
+      }
+      return text + started + port;
     }
-    return text + "kinetrel -d " + std::to_string(row.kinetrelType) + " -p " + port;
+    if (!row.takesPath) return "KINETREL_COM1=" + ShellWord(port) + " " + started + "1";
+    return started + ShellWord(port);
   }
-  return "KINETREL_COM1=" + port + " kinetrel -d " + std::to_string(row.kinetrelType);
+};
+
+// A name for the port that is the same at each start, unless another emulator has it: then one with
+// a number. The name is taken, as a link that leads nowhere. Empty: the system makes no link.
+std::string TakeStableName(std::string_view device) {
+  namespace fs = std::filesystem;
+  // Ports of Windows keep their names.
+  if constexpr (fs::path::preferred_separator != '/') return {};
+  constexpr int kMostAtOnce = 9;
+  std::error_code error;
+  const char* const own = std::getenv("XDG_RUNTIME_DIR");
+  const fs::path folder =
+      own != nullptr && *own != '\0' ? fs::path(own) : fs::temp_directory_path(error);
+  for (int number = 1; number <= kMostAtOnce && !error; ++number) {
+    std::string name = "kinetrel-" + std::string(device);
+    if (number > 1) name += "-" + std::to_string(number);
+    const fs::path link = folder / name;
+    // The link of an emulator that was killed leads to a port that is gone.
+    if (fs::is_symlink(link, error) && !fs::exists(link, error)) fs::remove(link, error);
+    fs::create_symlink(link.string() + ".starting", link, error);
+    if (!error) return link.string();
+    if (error == std::errc::file_exists) error.clear();
+  }
+  return {};
 }
 
 // ---- Running ------------------------------------------------------------------------------------
 
-enum class ExitCode : int { Done = 0, CannotOpen = 1, BadArguments = 2 };
+constexpr int kDone = 0;
+constexpr int kCannotOpen = 1;
+constexpr Milliseconds kSourcePatience{3000};
 
 // Lines on their way from the emulator to a terminal that may be slow. A host that polls repeats
 // the same command: repeats are counted and shown once a second.
@@ -234,12 +169,19 @@ void ServeSignals(Emulator& emulator, UserSignals& signals) {
   }
 }
 
-void TellPort(const EmulateCommand& command, const std::string& port) {
-  std::printf("  %s\n", HowToConnect(command, port).c_str());
+void TellPort(const Hint& hint, const std::string& port) {
+  std::printf("  %s\n", hint.On(port).c_str());
   std::fflush(stdout);
 }
 
-void Serve(const EmulateCommand& command, Emulator& emulator, UserSignals& signals, Lines& lines,
+void TellNews(PoseFeed* feed) {
+  if (feed == nullptr) return;
+  const std::vector<std::string> news = feed->TakeNews();
+  for (const std::string& line : news) std::printf("%s\n", line.c_str());
+  if (!news.empty()) std::fflush(stdout);
+}
+
+void Serve(const Hint& hint, PoseFeed* feed, Emulator& emulator, UserSignals& signals, Lines& lines,
            const std::atomic<int>& stop) {
   const KeySession keys;
   std::string told = emulator.Port();
@@ -247,10 +189,18 @@ void Serve(const EmulateCommand& command, Emulator& emulator, UserSignals& signa
     ServeKeys(emulator);
     ServeSignals(emulator, signals);
     lines.Print();
+    TellNews(feed);
     const std::string port = emulator.Port();
-    if (!port.empty() && port != told) {
+    if (hint.wired) {
+      if (port != told) {
+        std::printf("%s\n", port.empty() ? "The port has gone; it is tried every second."
+                                         : "The port is back.");
+        std::fflush(stdout);
+        told = port;
+      }
+    } else if (!port.empty() && port != told) {
       std::printf("The port has a new name:\n");
-      TellPort(command, told = port);
+      TellPort(hint, told = port);
     }
     SleepFor(Milliseconds(20));
   }
@@ -260,22 +210,27 @@ void Serve(const EmulateCommand& command, Emulator& emulator, UserSignals& signa
               static_cast<unsigned long long>(emulator.BytesLost()));
 }
 
-ExitCode CannotOpen(const Status& status) {
+int CannotOpen(const Status& status) {
   std::fprintf(stderr, "kinetrel-emulate: %s\n", Describe(status).c_str());
-  return ExitCode::CannotOpen;
+  return kCannotOpen;
 }
 
-Status PlugIntoUsb(EmulateCommand& command, std::unique_ptr<DevicePort>& port) {
+Status PlugIntoUsb(const DeviceRow& row, Hint& hint, std::unique_ptr<DevicePort>& port) {
   auto bus = UsbBus::Make();
   if (!bus.Ok()) return bus.status();
-  auto attached = (*bus)->Attach(1, *command.row->usb);
+  auto attached = (*bus)->Attach(1, *row.usb);
   if (!attached.Ok()) return attached.status();
-  command.bus = std::move(*bus);
+  hint.bus = std::move(*bus);
   port = std::move(*attached);
   return {};
 }
 
-ExitCode Emulate(EmulateCommand command) {
+int Emulate(EmulateCommand command, const std::string& started) {
+  Hint hint{KinetrelBeside(started), *command.row, command.kinetrelOptions};
+  hint.wired = !command.port.empty();
+  if (command.options.link.empty() && !command.usb && !hint.wired) {
+    command.options.link = TakeStableName(command.row->name);
+  }
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);
   CatchStopSignals(stop);
@@ -284,24 +239,53 @@ ExitCode Emulate(EmulateCommand command) {
   if (command.show) {
     command.options.line.show = [&lines](Moment now, const std::string& t) { lines.Put(now, t); };
   }
+  if (command.feed) {
+    // How many stations the device has depends on the source, if it is there.
+    command.feed->Await(kSourcePatience);
+    command.MakeDevice();
+  }
   const std::string name = command.device->Name();
   const unsigned baud = command.options.line.baud;
   std::unique_ptr<DevicePort> port;
   if (command.usb) {
-    if (const Status plugged = PlugIntoUsb(command, port); !plugged.Ok())
+    if (const Status plugged = PlugIntoUsb(*command.row, hint, port); !plugged.Ok()) {
       return CannotOpen(plugged);
+    }
+  }
+  if (hint.wired) {
+    auto opened = OpenSerialDevicePort(command.port, baud);
+    if (!opened.Ok()) {
+      std::fprintf(stderr, "kinetrel-emulate: %s\n",
+                   SerialLine::ExplainOpenFailure(command.port, opened.status()).c_str());
+      return kCannotOpen;
+    }
+    port = std::move(*opened);
   }
   auto emulator =
       EmulatorThread::Start(std::move(command.device), command.options, std::move(port));
   if (!emulator.Ok()) {
     return CannotOpen(emulator.status());
   }
-  const std::string rate = command.usb ? "" : " at " + std::to_string(baud) + " baud";
-  std::printf("%s%s on %s. In another terminal:\n", name.c_str(), rate.c_str(),
-              (*emulator)->Port().c_str());
-  TellPort(command, (*emulator)->Port());
-  Serve(command, **emulator, signals, lines, stop);
-  return ExitCode::Done;
+  const bool hasRate = !command.usb && !command.options.line.anyRate;
+  const std::string rate = !hasRate ? "" : " at " + std::to_string(baud) + " baud";
+  std::printf("%s%s on %s. %s\n", name.c_str(), rate.c_str(), (*emulator)->Port().c_str(),
+              hint.wired ? "The host is at the other end of the line." : "In another terminal:");
+  std::fflush(stdout);
+  if (!hint.wired) TellPort(hint, (*emulator)->Port());
+  if (command.options.link.empty() && !command.usb && !hint.wired &&
+      (*emulator)->Port().starts_with('/')) {
+    std::printf("The port has another name at each start; --link PATH gives it one that stays.\n");
+    std::fflush(stdout);
+  }
+  PoseFeed* const feed = command.feed.get();
+  if (feed != nullptr) {
+    const Status feeding =
+        feed->Start([&device = **emulator](std::uint32_t stations) { device.NewPoses(stations); });
+    if (!feeding.Ok()) return CannotOpen(feeding);
+  }
+  Serve(hint, feed, **emulator, signals, lines, stop);
+  command.feed.reset();  // it calls the emulator
+  return kDone;
 }
 
 }  // namespace
@@ -309,18 +293,9 @@ ExitCode Emulate(EmulateCommand command) {
 
 int main(int count, char** arguments) {
   using namespace kinetrel::emulate;
-  kinetrel::HoldStandardStreams();
-  EmulateCommand command = ParseEmulateCommand(
-      std::span(arguments + 1, static_cast<std::size_t>(count > 0 ? count - 1 : 0)));
-  switch (command.request) {
-    case EmulateRequest::Help:
-      std::fputs(command.text.c_str(), stdout);
-      return static_cast<int>(ExitCode::Done);
-    case EmulateRequest::Refuse:
-      std::fprintf(stderr, "kinetrel-emulate: %s (see kinetrel-emulate --help)\n",
-                   command.text.c_str());
-      return static_cast<int>(ExitCode::BadArguments);
-    case EmulateRequest::Emulate:
-      return static_cast<int>(Emulate(std::move(command)));
-  }
+  return kinetrel::RunProgram("kinetrel-emulate", [&] {
+    EmulateCommand command = ParseEmulateCommand(count, arguments);
+    if (command.ending) return Print(*command.ending, "kinetrel-emulate");
+    return Emulate(std::move(command), arguments[0]);
+  });
 }

@@ -17,6 +17,7 @@ constexpr Moment kStartTime = std::chrono::seconds(5);
 constexpr std::size_t kLongestCommand = 200;
 constexpr std::size_t kMostItems = 20;
 constexpr unsigned kStations = 16;
+constexpr unsigned kPatriotStations = 2;
 constexpr double kCentimetresPerInch = 2.54;
 constexpr char Control(char letter) { return static_cast<char>(letter & 0x1F); }
 
@@ -29,6 +30,19 @@ std::uint32_t StationsOf(std::string_view field) {
   return number ? 1U << (*number - 1) : 0;
 }
 
+std::string TwoDigits(unsigned number) { return (number < 10 ? "0" : "") + std::to_string(number); }
+
+// Numbers of a record in text, with blanks between.
+std::string Columns(std::span<const double> numbers, int width, int decimals) {
+  std::string text;
+  for (const double number : numbers) {
+    char column[64];
+    std::snprintf(column, sizeof column, " %*.*f", width, decimals, number);
+    text += column;
+  }
+  return text;
+}
+
 }  // namespace
 
 // ---- Life ---------------------------------------------------------------------------------------
@@ -39,7 +53,7 @@ LibertyEmulator::LibertyEmulator(LibertySettings settings, std::shared_ptr<const
 }
 
 void LibertyEmulator::SetFactory() {
-  binary_ = streaming_ = metric_ = sync_ = false;
+  binary_ = streaming_ = metric_ = sync_ = buffers_ = false;
   rate_ = 4;
   active_ = settings_.plugged;
   bit_ = settings_.bit;
@@ -49,7 +63,7 @@ void LibertyEmulator::SetFactory() {
 
 void LibertyEmulator::PowerOn(Moment now, DeviceLine& line) {
   SetFactory();
-  start_ = now;
+  start_ = timeZero_ = now;
   cycle_ = zero_ = 0;
   if (std::exchange(poweredBefore_, true)) return Restart(now, {}, line);
   if (settings_.start == LibertyStart::HalfCommand) heard_ = "O*,2";
@@ -59,7 +73,8 @@ void LibertyEmulator::PowerOn(Moment now, DeviceLine& line) {
 void LibertyEmulator::Restart(Moment now, std::string_view, DeviceLine& line) {
   SetFactory();
   deafUntil_ = now + kStartTime;
-  line.SendReply(deafUntil_, AsBytes("\r\nLIBERTY Ready!\r\n"));
+  line.SendReply(deafUntil_, AsBytes(settings_.isPatriot ? "\r\nPATRIOT Ready!\r\n"
+                                                         : "\r\nLIBERTY Ready!\r\n"));
 }
 
 bool LibertyEmulator::RaiseError(Moment, std::optional<int> code) {
@@ -105,7 +120,8 @@ void LibertyEmulator::Obey(Moment now, std::string_view command, DeviceLine& lin
       {Control('Y'), &Self::Restart},
       {Control('V'), &Self::WhoAmI},
       {Control('R'), &Self::Take},
-      {'@', &Self::Take},
+      {'@', &Self::Buffer},
+      {Control('B'), &Self::Take},
       {'A', &Self::Take},
       {'H', &Self::Take},
       {'L', &Self::Take},
@@ -118,8 +134,9 @@ void LibertyEmulator::Obey(Moment now, std::string_view command, DeviceLine& lin
   if (line.Shown()) line.Say(now, "command of " + std::to_string(command.size()) + " letters");
   const char first = command.empty() ? '\0' : command[0];
   const char name = first >= 'a' && first <= 'z' ? static_cast<char>(first - 'a' + 'A') : first;
+  const bool known = !settings_.isPatriot || (name != 'R' && name != 'Z');
   for (const CommandRow& row : kCommands) {
-    if (row.name == name) return (this->*row.obey)(now, command.substr(1), line);
+    if (known && row.name == name) return (this->*row.obey)(now, command.substr(1), line);
   }
   Refuse(now, name, kInvalidCommand, line);
 }
@@ -129,6 +146,7 @@ void LibertyEmulator::Take(Moment, std::string_view, DeviceLine&) {}
 void LibertyEmulator::Stream(Moment now, std::string_view, DeviceLine&) {
   SkipTo(now);
   streaming_ = true;
+  fresh_.Clear();
 }
 
 void LibertyEmulator::Format(Moment now, std::string_view values, DeviceLine& line) {
@@ -164,9 +182,16 @@ void LibertyEmulator::Sync(Moment now, std::string_view values, DeviceLine& line
   sync_ = *value == 1;
 }
 
-void LibertyEmulator::Counters(Moment now, std::string_view, DeviceLine&) {
+void LibertyEmulator::Counters(Moment now, std::string_view values, DeviceLine&) {
   SkipTo(now);
-  zero_ = cycle_;
+  if (values != "2") zero_ = cycle_;
+  if (values != "1") timeZero_ = now;
+}
+
+// "B" asks, "B0" and "B1" set.
+void LibertyEmulator::Buffer(Moment now, std::string_view values, DeviceLine& line) {
+  if (values == "B" || values == "b") return AnswerNumber(now, '@', buffers_ ? 1 : 0, line);
+  buffers_ = values.ends_with('1');
 }
 
 // "<n>,0|1", "0,<hex>", or "0" alone: the active stations, and in the high half the plugged ones.
@@ -211,11 +236,33 @@ void LibertyEmulator::Items(Moment now, std::string_view values, DeviceLine& lin
   }
 }
 
-void LibertyEmulator::WhoAmI(Moment now, std::string_view, DeviceLine& line) {
-  const std::string text = "Liberty emulator, unit " + settings_.unit + "\r\n";
+void LibertyEmulator::WhoAmI(Moment now, std::string_view values, DeviceLine& line) {
   WireWriter body;
+  if (!values.empty()) {
+    const std::uint32_t station = StationsOf(values) & Plugged(now);
+    if (station == 0) return Refuse(now, Control('V'), kInvalidStation, line);
+    const unsigned index = static_cast<unsigned>(std::countr_zero(station)) + 1;
+    const std::string number = std::to_string(index);
+    const std::string serial = settings_.serial + "-" + number;
+    const std::string head = "Station " + number;
+    return Answer(now, Control('V'), body.U32Le(1).Text("sensor " + serial),
+                  head + " ID: 1\r\n" + head + " Serial Number: " + serial, line, index);
+  }
+  const std::string text = WhoText();
   body.U8(static_cast<unsigned>(std::popcount(Plugged(now)))).U8(0).U8(0).Text(text);
   Answer(now, Control('V'), body, text, line);
+}
+
+// The unit's number stands in its first line, so that a host tells two units apart.
+std::string LibertyEmulator::WhoText() const {
+  std::string text = settings_.isPatriot ? "Polhemus PATRIOT" : "Polhemus LIBERTY HST";
+  text += " emulator, unit " + settings_.unit + "\r\n" +
+          std::to_string(settings_.isPatriot ? kPatriotStations : kStations) + " Stations\r\n\r\n";
+  for (const char* const part : {"Boot Loader", "System Controller", "Source Controller",
+                                 "Sensor Processor", "I/O Processor"}) {
+    text += part + std::string(" Version: 1.00\r\n");
+  }
+  return text + "\r\nFirmware Packet Load: emulated";
 }
 
 void LibertyEmulator::SelfTest(Moment now, std::string_view values, DeviceLine& line) {
@@ -235,13 +282,15 @@ WireWriter LibertyEmulator::Header(unsigned station, char command, unsigned erro
                                    std::size_t size) const {
   const unsigned good = settings_.blankMeansGood ? ' ' : 0;
   WireWriter header;
-  header.Text("LY").U8(station).U8(static_cast<unsigned char>(command));
+  header.Text(settings_.isPatriot ? "PA" : "LY")
+      .U8(station)
+      .U8(static_cast<unsigned char>(command));
   header.U8(error == 0 ? good : error).U8(0).U16Le(static_cast<std::uint32_t>(size));
   return header;
 }
 
 void LibertyEmulator::Answer(Moment now, char command, const WireWriter& body,
-                             std::string_view text, DeviceLine& line) {
+                             std::string_view text, DeviceLine& line, unsigned station) {
   if (binary_) {
     line.SendReply(now + kReplyDelay, Header(0, command, 0, body.bytes().size()).bytes());
     line.SendReply(now + kReplyDelay, body.bytes());
@@ -249,7 +298,7 @@ void LibertyEmulator::Answer(Moment now, char command, const WireWriter& body,
   }
   const char shown = command < ' ' ? static_cast<char>(command + 'a' - 1) : command;
   line.SendReply(now + kReplyDelay,
-                 AsBytes("00" + std::string(1, shown) + "  " + std::string(text) + "\r\n"));
+                 AsBytes(TwoDigits(station) + shown + "  " + std::string(text) + "\r\n"));
 }
 
 void LibertyEmulator::AnswerNumber(Moment now, char command, std::uint32_t value,
@@ -277,7 +326,8 @@ std::uint32_t LibertyEmulator::Plugged(Moment now) const {
 }
 
 Moment LibertyEmulator::NextEvent() const {
-  return streaming_ ? NthOf(start_, cycle_ + 1, Rate()) : kNever;
+  if (!streaming_) return kNever;
+  return motion_->IsLive() ? fresh_.Next() : NthOf(start_, cycle_ + 1, Rate());
 }
 
 // The unit measures all the time, asked or not.
@@ -287,6 +337,7 @@ void LibertyEmulator::SkipTo(Moment now) {
 }
 
 void LibertyEmulator::OnEvent(Moment now, DeviceLine& line) {
+  if (motion_->IsLive()) return SendFresh(now, line);
   ++cycle_;
   const Moment period = NthOf(Moment(0), 1, Rate());
   if (line.FreeAt() > now + period) return;  // the line is behind: this cycle is lost
@@ -295,30 +346,80 @@ void LibertyEmulator::OnEvent(Moment now, DeviceLine& line) {
 
 void LibertyEmulator::SendCycle(Moment now, char command, DeviceLine& line) {
   active_ &= Plugged(now);  // a sensor that is plugged in again stays inactive until it is set
-  const double seconds = std::chrono::duration<double>(now).count();
   for (unsigned i = 0; i < kStations; ++i) {
-    if ((active_ >> i & 1) == 0) continue;
-    const MotionPose pose = motion_->At(i, cycle_ - zero_, seconds);
-    if (!binary_) {
-      char text[96];
-      const double unit = metric_ ? 1 : kCentimetresPerInch;
-      std::snprintf(text, sizeof text, "%02u  %8.3f %8.3f %8.3f %8.3f %8.3f %8.3f\r\n", i + 1,
-                    pose.x / unit, pose.y / unit, pose.z / unit, pose.azimuth, pose.elevation,
-                    pose.roll);
-      line.SendRecord(now, AsBytes(text));
-      continue;
-    }
-    WireWriter body;
-    for (const int item : items_[i]) AddItem(body, item, pose, seconds);
-    WireWriter frame = Header(i + 1, command, bit_ != 0 ? 'I' : 0, body.bytes().size());
-    for (const std::byte byte : body.bytes()) frame.U8(std::to_integer<unsigned>(byte));
-    line.SendRecord(now, frame.bytes());
+    if ((active_ >> i & 1) != 0 && motion_->Has(i)) SendStation(now, i, command, line);
   }
 }
 
-void LibertyEmulator::AddItem(WireWriter& body, int item, const MotionPose& pose,
-                              double seconds) const {
+void LibertyEmulator::NewPoses(Moment now, std::uint32_t stations, DeviceLine& line) {
+  if (!streaming_) return;
+  fresh_.Add(now, stations & active_);
+  SendFresh(now, line);
+}
+
+// A station whose sensor was lost meanwhile sends nothing, as without a sensor.
+void LibertyEmulator::SendFresh(Moment now, DeviceLine& line) {
+  SkipTo(now);
+  active_ &= Plugged(now);
+  const auto count = static_cast<unsigned>(std::popcount(active_));
+  while (const auto i = fresh_.Take(now, line, Rate() * std::max(1U, count), count)) {
+    if ((active_ >> *i & 1) != 0 && motion_->Has(*i)) SendStation(now, *i, 'C', line);
+  }
+}
+
+void LibertyEmulator::SendStation(Moment now, unsigned i, char command, DeviceLine& line) {
+  const double seconds = std::chrono::duration<double>(now).count();
+  const auto stamp = std::chrono::duration_cast<std::chrono::milliseconds>(now - timeZero_);
+  const Cycle cycle{motion_->At(i, cycle_ - zero_, seconds),
+                    static_cast<std::uint32_t>(stamp.count()), (motion_->Buttons(i) & 1) != 0};
+  if (!binary_) {
+    std::string text = TwoDigits(i + 1) + (bit_ != 0 ? "I" : " ");
+    for (const int item : items_[i]) text += TextOf(item, cycle);
+    return line.SendRecord(now, AsBytes(text));
+  }
+  WireWriter body;
+  for (const int item : items_[i]) AddItem(body, item, cycle);
+  WireWriter frame = Header(i + 1, command, bit_ != 0 ? 'I' : 0, body.bytes().size());
+  for (const std::byte byte : body.bytes()) frame.U8(std::to_integer<unsigned>(byte));
+  line.SendRecord(now, frame.bytes());
+}
+
+std::string LibertyEmulator::TextOf(int item, const Cycle& cycle) const {
   const double unit = metric_ ? 1 : kCentimetresPerInch;
+  const MotionPose& pose = cycle.pose;
+  const std::array<double, 3> place = {pose.x / unit, pose.y / unit, pose.z / unit};
+  const std::array<double, 3> angles = {pose.azimuth, pose.elevation, pose.roll};
+  const bool precise = item == 3 || item == 5;
+  switch (item) {
+    case 0:
+      return " ";
+    case 1:
+      return "\r\n";
+    case 2:
+    case 3:
+      return precise ? Columns(place, 13, 6) : Columns(place, 8, 3);
+    case 4:
+    case 5:
+      return precise ? Columns(angles, 13, 6) : Columns(angles, 8, 3);
+    case 6: {
+      std::string text;
+      for (const Vector3& row : RotationOf(pose)) text += Columns(row, 8, 5);
+      return text;
+    }
+    case 7:
+      return Columns(QuaternionOf(pose), 8, 5);
+    case 8:
+      return " " + std::to_string(cycle.milliseconds);
+    case 9:
+      return " " + std::to_string(cycle_ - zero_);
+    default:
+      return item == 10 && cycle.pressed ? " 1" : " 0";
+  }
+}
+
+void LibertyEmulator::AddItem(WireWriter& body, int item, const Cycle& cycle) const {
+  const double unit = metric_ ? 1 : kCentimetresPerInch;
+  const MotionPose& pose = cycle.pose;
   switch (item) {
     case 0:
       body.U8(' ');
@@ -335,19 +436,21 @@ void LibertyEmulator::AddItem(WireWriter& body, int item, const MotionPose& pose
       body.F32Le(pose.azimuth).F32Le(pose.elevation).F32Le(pose.roll);
       break;
     case 6:
-      for (int i = 0; i < 9; ++i) body.F32Le(i % 4 == 0 ? 1 : 0);  // always level
+      for (const Vector3& row : RotationOf(pose)) {
+        for (const double part : row) body.F32Le(part);
+      }
       break;
     case 7:
       for (const double part : QuaternionOf(pose)) body.F32Le(part);
       break;
     case 8:
-      body.U32Le(static_cast<std::uint32_t>(seconds * 1000));
+      body.U32Le(cycle.milliseconds);
       break;
     case 9:
       body.U32Le(static_cast<std::uint32_t>(cycle_ - zero_));
       break;
     default:
-      body.U32Le(0);
+      body.U32Le(item == 10 && cycle.pressed ? 1 : 0);
   }
 }
 
@@ -381,21 +484,38 @@ constexpr OptionRow kOptions[] = {
 
 OptionTable LibertyOptions() { return kOptions; }
 
-std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
-                                            std::shared_ptr<const Motion> motion) {
+namespace {
+
+std::unique_ptr<EmulatedDevice> MakeOneOf(bool isPatriot, OptionValues& options,
+                                          std::shared_ptr<const Motion> motion) {
+  const unsigned most = isPatriot ? kPatriotStations : kStations;
   LibertySettings settings;
+  settings.isPatriot = isPatriot;
   settings.start = kStarts[options.Choice("--start", kStarts)].start;
-  settings.plugged = (1U << options.Get("--stations", 1U, 0U, kStations)) - 1;
-  if (const unsigned station = options.Get("--unplug", 0U, 1U, kStations)) {
+  const unsigned served = std::clamp(motion->Stations(), 1U, most);
+  settings.plugged = (1U << options.Get("--stations", served, 0U, most)) - 1;
+  if (const unsigned station = options.Get("--unplug", 0U, 1U, most)) {
     settings.unplugged = 1U << (station - 1);
     settings.unplugFrom = std::chrono::seconds(3);
     settings.unplugTo = std::chrono::seconds(6);
   }
   settings.bit = options.Get("--bit", 0U, 0U, 0xFFFFFFFFU);
-  settings.unit = options.Text("--unit", "1");
+  settings.unit = settings.serial = options.Text("--unit", "1");
   settings.blankMeansGood = options.Has("--blank-good");
   settings.lastCycle = options.Has("--last-cycle");
   return std::make_unique<LibertyEmulator>(std::move(settings), std::move(motion));
+}
+
+}  // namespace
+
+std::unique_ptr<EmulatedDevice> MakeLiberty(OptionValues& options,
+                                            std::shared_ptr<const Motion> motion) {
+  return MakeOneOf(false, options, std::move(motion));
+}
+
+std::unique_ptr<EmulatedDevice> MakePatriot(OptionValues& options,
+                                            std::shared_ptr<const Motion> motion) {
+  return MakeOneOf(true, options, std::move(motion));
 }
 
 }  // namespace kinetrel::emulate

@@ -142,7 +142,7 @@ void LogitechEmulator::OnEvent(Moment now, DeviceLine& line) {
 }
 
 void LogitechEmulator::SendRecord(Moment now, DeviceLine& line) {
-  const bool valid = !std::exchange(outOfSight_, false);
+  const bool valid = !std::exchange(outOfSight_, false) && motion_->Has(0);
   const double seconds = std::chrono::duration<double>(now).count();
   const MotionPose pose = motion_->At(0, frame_, seconds);
   const unsigned header = (settings_.buttons & ~kNotValid) | (valid ? 0 : kNotValid);

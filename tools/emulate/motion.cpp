@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "emulate/options.h"
+#include "emulate/time_and_chance.h"
 
 namespace kinetrel::emulate {
 namespace {
@@ -46,6 +47,44 @@ class HoldMotion final : public Motion {
 
  private:
   MotionPose pose_;
+};
+
+// ---- Noise --------------------------------------------------------------------------------------
+
+// SplitMix64: the next word of a sequence that may begin anywhere.
+std::uint64_t NextWord(std::uint64_t& state) {
+  state += 0x9E3779B97F4A7C15;
+  std::uint64_t word = state;
+  word = (word ^ word >> 30) * 0xBF58476D1CE4E5B9;
+  word = (word ^ word >> 27) * 0x94D049BB133111EB;
+  return word ^ word >> 31;
+}
+
+class NoisyMotion final : public Motion {
+ public:
+  NoisyMotion(std::shared_ptr<const Motion> motion, const PoseNoise& noise, std::uint64_t seed)
+      : motion_(std::move(motion)), noise_(noise), seed_(seed) {}
+
+  MotionPose At(unsigned station, std::uint64_t frame, double seconds) const override {
+    std::uint64_t state = seed_ + station;
+    state = NextWord(state) + frame;
+    state = NextWord(state);
+    const auto normal = [&state] {
+      const std::uint64_t first = NextWord(state);
+      return NormalFrom(first, NextWord(state));
+    };
+    MotionPose pose = motion_->At(station, frame, seconds);
+    for (double* const length : {&pose.x, &pose.y, &pose.z}) *length += noise_.length * normal();
+    pose.azimuth = Wrapped(pose.azimuth + noise_.angle * normal());
+    pose.elevation = std::clamp(pose.elevation + noise_.angle * normal(), -90.0, 90.0);
+    pose.roll = Wrapped(pose.roll + noise_.angle * normal());
+    return pose;
+  }
+
+ private:
+  std::shared_ptr<const Motion> motion_;
+  PoseNoise noise_;
+  std::uint64_t seed_;
 };
 
 // ---- Ramp ---------------------------------------------------------------------------------------
@@ -233,6 +272,21 @@ std::string AtLine(std::size_t number, const std::string& complaint) {
 
 std::shared_ptr<const Motion> MakeCircle(const Circle& circle) {
   return std::make_shared<CircleMotion>(circle);
+}
+
+std::shared_ptr<const Motion> MakeNoisy(std::shared_ptr<const Motion> motion,
+                                        const PoseNoise& noise, std::uint64_t seed) {
+  return std::make_shared<NoisyMotion>(std::move(motion), noise, seed);
+}
+
+std::optional<PoseNoise> ParsePoseNoise(std::string_view text) {
+  constexpr double kMostLength = 100;
+  constexpr double kMostAngle = 45;
+  const bool hasAngle = text.find(',') != std::string_view::npos;
+  const auto length = ParseNumber(NextField(text, ','), 0.0, kMostLength);
+  const auto angle = hasAngle ? ParseNumber(text, 0.0, kMostAngle) : std::optional<double>(0.0);
+  if (!length || !angle) return std::nullopt;
+  return PoseNoise{*length, *angle};
 }
 
 std::shared_ptr<const Motion> MakeHold(const MotionPose& pose) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <istream>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -11,10 +12,22 @@
 
 namespace kinetrel::emulate {
 
-// Threads  any: a motion never changes.
+// Threads  any. A motion never changes, except a live one.
 class Motion {
  public:
   virtual ~Motion() = default;
+
+  // ---- A live source answers otherwise
+  // -----------------------------------------------------------
+
+  // Poses come when the source has them: a device that streams sends each as it comes.
+  virtual bool IsLive() const { return false; }
+  virtual bool Has(unsigned /*station*/) const { return true; }            // a pose now
+  virtual std::uint32_t Buttons(unsigned /*station*/) const { return 0; }  // bit i: button i
+  virtual unsigned Stations() const { return 0; }  // that the source serves; 0: any number
+
+  // ---- All motions
+  // -------------------------------------------------------------------------------
 
   // station  from 0
   // frame    counts the device's frames from 0: all stations' records of one round are one frame
@@ -34,6 +47,19 @@ std::shared_ptr<const Motion> MakeHold(const MotionPose& pose);
 // Every pose encodes the number of its frame, at the precision of every record format: see
 // RampFrame.
 std::shared_ptr<const Motion> MakeRamp();
+
+// What the device's noise does to each pose: standard deviations of each coordinate and each angle.
+struct PoseNoise {
+  double length = 0;  // cm
+  double angle = 0;   // degrees
+};
+
+// `motion` with normally distributed noise. The same seed, station and frame get the same noise.
+std::shared_ptr<const Motion> MakeNoisy(std::shared_ptr<const Motion> motion,
+                                        const PoseNoise& noise, std::uint64_t seed);
+
+// "CM[,DEGREES]"; empty if it is anything else.
+std::optional<PoseNoise> ParsePoseNoise(std::string_view text);
 
 // The frame that a pose of the ramp belongs to, from its x and z in centimetres.
 std::uint64_t RampFrame(double x, double z);

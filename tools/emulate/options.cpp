@@ -1,57 +1,44 @@
 #include "emulate/options.h"
 
+#include <CLI/CLI.hpp>
+
 namespace kinetrel::emulate {
-namespace {
 
-const OptionRow* Find(std::string_view name, std::initializer_list<OptionTable> tables) {
-  for (const OptionTable table : tables) {
-    for (const OptionRow& row : table) {
-      if (row.name == name) return &row;
-    }
-  }
-  return nullptr;
-}
-
-}  // namespace
-
-std::string DescribeOptions(OptionTable table) {
-  constexpr std::size_t kWidth = 26;
-  std::string text;
+void AddOptions(CLI::App& app, OptionTable table, const std::string& group) {
   for (const OptionRow& row : table) {
-    std::string left = "  " + std::string(row.name) + " " + std::string(row.value);
-    left.resize(std::max(left.size() + 1, kWidth), ' ');
-    text += left;
-    for (const char letter : row.help) {
-      text += letter;
-      if (letter == '\n') text += std::string(kWidth, ' ');
-    }
-    text += '\n';
+    const std::string name(row.name);
+    const std::string help(row.help);
+    CLI::Option* const option = row.value.empty()
+                                    ? app.add_flag(name)->description(help)->disable_flag_override()
+                                    : app.add_option(name, help)
+                                          ->type_name(std::string(row.value))
+                                          ->type_size(1)
+                                          ->expected(1)
+                                          ->allow_extra_args(false)
+                                          ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    option->group(group);
   }
-  return text;
 }
 
-OptionValues OptionValues::Parse(std::span<const char* const> arguments,
-                                 std::initializer_list<OptionTable> tables) {
+OptionValues OptionValues::Parse(std::span<const char* const> arguments, OptionTable table) {
+  CLI::App app;
+  AddOptions(app, table, "Options");
   OptionValues values;
-  for (std::size_t i = 0; i < arguments.size(); ++i) {
-    const std::string_view argument = arguments[i];
-    const std::size_t equals = argument.find('=');
-    const std::string name(argument.substr(0, equals));
-    const OptionRow* const row = Find(name, tables);
-    const bool joined = equals != std::string_view::npos;
-    if (row == nullptr) {
-      values.Refuse("unknown argument '" + std::string(argument) + "'");
-    } else if (row->value.empty() && joined) {
-      values.Refuse(name + " takes no value");
-    } else if (row->value.empty() || joined) {
-      values.given_.emplace_back(name, joined ? argument.substr(equals + 1) : "");
-    } else if (i + 1 == arguments.size()) {
-      values.Refuse(name + " wants a value: " + std::string(row->value));
-    } else {
-      values.given_.emplace_back(name, arguments[++i]);
-    }
+  try {
+    app.parse(
+        std::vector<std::string>(arguments.rbegin(), arguments.rend()));  // the last one first
+    values.Take(app);
+  } catch (const CLI::ParseError& error) {
+    values.Refuse(error.what());
   }
   return values;
+}
+
+void OptionValues::Take(const CLI::App& app) {
+  for (const CLI::Option* const option : app.get_options()) {
+    for (const std::string& value : option->results())
+      given_.emplace_back(option->get_name(), value);
+  }
 }
 
 std::vector<std::string> OptionValues::All(std::string_view name) const {

@@ -1,15 +1,19 @@
-// Numbers in text, and command-line options in tables: one row each, with its help.
+// Numbers in text, and command-line options in tables: one row each, with its help. CLI11 reads
+// them.
 #pragma once
 
 #include <algorithm>
 #include <charconv>
-#include <initializer_list>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+namespace CLI {  // NOLINT(readability-identifier-naming): the library's own
+class App;
+}
 
 namespace kinetrel::emulate {
 
@@ -48,15 +52,18 @@ struct OptionRow {
 
 using OptionTable = std::span<const OptionRow>;
 
-// The lines of `table` in a help text.
-std::string DescribeOptions(OptionTable table);
+// Adds the options of `table` to `app`, below the headline `group` of its help. Each option may be
+// given several times.
+void AddOptions(CLI::App& app, OptionTable table, const std::string& group);
 
 // The options of one command line. Asking for a bad value leaves a complaint; the first one stays.
 class OptionValues {
  public:
-  // Reads "--name value", "--name=value" and "--name"; every option must be in one of `tables`.
-  static OptionValues Parse(std::span<const char* const> arguments,
-                            std::initializer_list<OptionTable> tables);
+  // Reads the arguments of a program that has the options of `table` alone.
+  static OptionValues Parse(std::span<const char* const> arguments, OptionTable table);
+
+  // Takes over the options that `app` was given.
+  void Take(const CLI::App& app);
 
   bool Has(std::string_view name) const { return !All(name).empty(); }
   std::vector<std::string> All(std::string_view name) const;  // every value, in order
@@ -68,7 +75,7 @@ class OptionValues {
     const std::string text = Text(name, "");
     const auto number = ParseNumber(text, least, most);
     if (!number) {
-      Refuse(std::string(name) + " wants a number from " + Shown(least) + " to " + Shown(most) +
+      Refuse(std::string(name) + ": wants a number from " + Shown(least) + " to " + Shown(most) +
              ", not '" + text + "'");
     }
     return number.value_or(byItself);
@@ -84,7 +91,7 @@ class OptionValues {
       if (text == rows[i].option) return i;
       all += (i == 0 ? "" : ", ") + std::string(rows[i].option);
     }
-    Refuse(std::string(name) + " wants one of " + all + ", not '" + text + "'");
+    Refuse(std::string(name) + ": wants one of " + all + ", not '" + text + "'");
     return 0;
   }
 
@@ -97,8 +104,10 @@ class OptionValues {
   template <typename Number>
   static std::string Shown(Number number) {
     std::string text = std::to_string(number);
-    if (text.find('.') != std::string::npos) text.erase(text.find_last_not_of("0.") + 1);
-    return text.empty() ? "0" : text;
+    if (text.find('.') == std::string::npos) return text;
+    text.erase(text.find_last_not_of('0') + 1);
+    if (text.back() == '.') text.pop_back();
+    return text;
   }
 
   std::vector<std::pair<std::string, std::string>> given_;

@@ -81,6 +81,7 @@ void PanTiltEmulator::Obey(Moment now, char request, DeviceLine& line) {
                   row != nullptr ? row->what : "not understood");
     line.Say(now, text);
   }
+  if (!motion_->Has(0)) return;
   const double seconds = std::chrono::duration<double>(now).count();
   const WireWriter answer = EncodePanTilt(request, motion_->At(0, frame_, seconds));
   if (answer.bytes().empty()) return;

@@ -52,6 +52,13 @@ Quaternion4 QuaternionOf(const MotionPose& pose) {
           sa * ce * cr - ca * se * sr};
 }
 
+void SetAngles(MotionPose& pose, const Quaternion4& orientation) {
+  const auto& [w, x, y, z] = orientation;
+  pose.azimuth = std::atan2(2 * (w * z + x * y), 1 - 2 * (y * y + z * z)) / kRadians;
+  pose.elevation = std::asin(std::clamp(2 * (w * y - z * x), -1.0, 1.0)) / kRadians;
+  pose.roll = std::atan2(2 * (w * x + y * z), 1 - 2 * (x * x + y * y)) / kRadians;
+}
+
 Vector3 Turn(const Matrix3& matrix, const Vector3& vector) {
   return {Dot(matrix[0], vector), Dot(matrix[1], vector), Dot(matrix[2], vector)};
 }

@@ -25,6 +25,7 @@ using Quaternion4 = std::array<double, 4>;  // w, x, y, z
 
 Matrix3 RotationOf(const MotionPose& pose);  // its angles; columns are the sensor's axes
 Quaternion4 QuaternionOf(const MotionPose& pose);
+void SetAngles(MotionPose& pose, const Quaternion4& orientation);  // of a unit quaternion
 
 Vector3 Turn(const Matrix3& matrix, const Vector3& vector);
 Vector3 TurnBack(const Matrix3& matrix, const Vector3& vector);

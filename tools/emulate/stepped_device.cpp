@@ -36,6 +36,11 @@ void SteppedDevice::Receive(Moment now, std::span<const std::byte> bytes) {
   StrikeForeign(now);
 }
 
+void SteppedDevice::NewPoses(Moment now, std::uint32_t stations) {
+  device_->NewPoses(now, stations, line_);
+  StrikeForeign(now);
+}
+
 Moment SteppedDevice::NextEvent() const {
   return std::min({device_->NextEvent(), line_.NextFault(), line_.NextDeparture()});
 }

@@ -27,6 +27,8 @@ class SteppedDevice {
 
   void Receive(Moment now, std::span<const std::byte> bytes);
 
+  void NewPoses(Moment now, std::uint32_t stations);  // of the live source; bits
+
   Moment NextEvent() const;
 
   // Does all that is due by `now`, in order of time, and appends the bytes that left the device.
@@ -41,7 +43,7 @@ class SteppedDevice {
  private:
   void Step(Moment next);
   void StrikeForeign(Moment now);
-  bool RatesDiffer() const { return hostBaud_ != 0 && hostBaud_ != line_.baud(); }
+  bool RatesDiffer() const { return hostBaud_ != 0 && !line_.Fits(hostBaud_); }
 
   std::unique_ptr<EmulatedDevice> device_;
   DeviceLine line_;

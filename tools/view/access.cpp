@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <boost/asio/ip/address.hpp>
-#include <boost/beast/core/string.hpp>
 #include <cstdint>
 #include <random>
 #include <utility>
@@ -12,8 +11,13 @@ namespace {
 
 namespace asio = boost::asio;
 
+char Lower(char letter) {
+  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+}
+
+// Not by boost::beast::iequals, which may read a byte past the end.
 bool EqualNames(std::string_view one, std::string_view other) {
-  return boost::beast::iequals({one.data(), one.size()}, {other.data(), other.size()});
+  return std::ranges::equal(one, other, {}, Lower, Lower);
 }
 
 // "name", "name:port", "[address]:port" without the port; empty: none of these.
@@ -35,6 +39,7 @@ std::string_view NameOf(std::string_view host) {
 
 bool IsThisMachine(std::string_view name) {
   if (EqualNames(name, "localhost")) return true;
+  if (name.find('\0') != name.npos) return false;  // only the part before it would be read
   boost::system::error_code bad;
   const auto address = asio::ip::make_address(std::string(name), bad);
   return !bad && address.is_loopback();

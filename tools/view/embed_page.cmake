@@ -1,5 +1,5 @@
 # Turns files into a C++ source: cmake -DFILES=a;b -DINTO=page_files.cpp -P embed_page.cmake
-# Indentation and comments stay behind: they are for readers of the sources.
+# Indentation, comments and ends of lines that need none stay behind: they are for readers of the sources.
 set(most 61440)  # bytes of all files together: a page that needs no build step stays small
 set(type_html "text/html; charset=utf-8")
 set(type_css "text/css; charset=utf-8")
@@ -22,10 +22,13 @@ foreach(path IN LISTS FILES)
   if(ending STREQUAL js)
     string(REGEX REPLACE "  //[^\n]*" "" text "${text}")
     string(REGEX REPLACE "\n//[^\n]*" "" text "\n${text}")
+    string(REGEX REPLACE "([{(,;])\n" "\\1" text "${text}")
+    string(REGEX REPLACE "\n([})])" "\\1" text "${text}")
   elseif(ending STREQUAL css)
     string(REGEX REPLACE "([:;,{]) +" "\\1" text "${text}")
     string(REGEX REPLACE " +([{}])" "\\1" text "${text}")
     string(REGEX REPLACE "([;{}])\n" "\\1" text "${text}")
+    string(REPLACE ";}" "}" text "${text}")
   endif()
   string(HEX "${text}" bytes)
   string(LENGTH "${bytes}" size)

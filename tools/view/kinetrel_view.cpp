@@ -1,9 +1,8 @@
 // kinetrel-view: shows trackers in a browser.
 #include <cstdio>
-#include <exception>
 
 #include "platform/browser.h"
-#include "platform/console.h"
+#include "program/program.h"
 #include "view/server.h"
 #include "view/view_options.h"
 
@@ -31,15 +30,9 @@ int Serve(const ViewOptions& options) {
 }  // namespace kinetrel::view
 
 int main(int count, char** arguments) {
-  kinetrel::HoldStandardStreams();
-  std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems buffer it when it leads to a pipe
-  try {
+  return kinetrel::RunProgram("kinetrel-view", [&] {
     const auto command = kinetrel::view::ParseViewCommand(count, arguments);
-    if (!command.exitCode) return kinetrel::view::Serve(command.options);
-    std::fputs(command.text.c_str(), *command.exitCode == 0 ? stdout : stderr);
-    return *command.exitCode;
-  } catch (const std::exception& error) {
-    std::fprintf(stderr, "kinetrel-view: %s\n", error.what());
-    return 1;
-  }
+    return command.ending ? Print(*command.ending, "kinetrel-view")
+                          : kinetrel::view::Serve(command.options);
+  });
 }

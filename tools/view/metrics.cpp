@@ -123,6 +123,20 @@ std::string Ages(const std::vector<TrackerFigures>& trackers, std::int64_t nowNs
   return text;
 }
 
+std::string FilterLags(const std::vector<TrackerFigures>& trackers) {
+  std::string text = Head("kinetrel_filter_lag_seconds", "gauge",
+                          "How late the sensor's filters make moving positions, as measured.");
+  for (const TrackerFigures& figures : trackers) {
+    for (unsigned i = 0; i < kinetrel_stream_sensors; ++i) {
+      const double lag = kinetrel_run_filter_lag(&figures.tracker.run, i);
+      if (lag == 0) continue;
+      text += Line("kinetrel_filter_lag_seconds",
+                   Slot(figures) + ",sensor=\"" + std::to_string(i + 1) + "\"", lag);
+    }
+  }
+  return text;
+}
+
 std::string Latencies(const std::vector<TrackerFigures>& trackers) {
   std::string text = Head("kinetrel_latency_seconds", "summary",
                           "From sample to publication, of the records kept of the last minute.");
@@ -145,7 +159,7 @@ std::string MetricsText(const std::vector<TrackerFigures>& trackers, const Serve
                         std::int64_t nowNs) {
   std::string text = Names(trackers) + States(trackers);
   for (const Metric& metric : kMetrics) text += OneForEach(trackers, metric);
-  text += Ages(trackers, nowNs) + Latencies(trackers);
+  text += Ages(trackers, nowNs) + FilterLags(trackers) + Latencies(trackers);
   text += Head("kinetrel_view_connections", "gauge", "Connections to kinetrel-view.") +
           Line("kinetrel_view_connections", "", static_cast<double>(server.connections));
   text += Head("kinetrel_view_viewers", "gauge", "Viewers that watch a tracker.") +

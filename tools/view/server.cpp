@@ -12,10 +12,12 @@
 #include <boost/beast/websocket/rfc6455.hpp>
 #include <chrono>
 #include <csignal>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 #include <utility>
 
+#include "platform/stream_socket.h"
 #include "view/access.h"
 #include "view/site.h"
 #include "view/viewer.h"
@@ -224,17 +226,6 @@ std::string UrlOf(const std::string& host, unsigned port, const std::string& tok
          (token.empty() ? "" : "?token=" + token);
 }
 
-// Another program may take a served port, unless we forbid it; on other systems a port that was
-// in use a moment ago may be served again.
-void SetReuse(tcp::acceptor& acceptor, Error& error) {
-#ifdef SO_EXCLUSIVEADDRUSE
-  using Exclusive = asio::detail::socket_option::boolean<SOL_SOCKET, SO_EXCLUSIVEADDRUSE>;
-  acceptor.set_option(Exclusive(true), error);
-#else
-  acceptor.set_option(tcp::acceptor::reuse_address(true), error);
-#endif
-}
-
 }  // namespace
 
 // ---- The server ---------------------------------------------------------------------------------
@@ -251,7 +242,7 @@ std::string Server::Open() {
   const std::string host = options_.listen.empty() ? "127.0.0.1" : options_.listen;
   const tcp::endpoint endpoint(asio::ip::make_address(host), options_.port);
   acceptor_.open(endpoint.protocol(), error);
-  if (!error) SetReuse(acceptor_, error);
+  if (!error) ClaimPort(static_cast<std::intptr_t>(acceptor_.native_handle()));
   if (!error && endpoint.address() == asio::ip::address_v6::any()) {
     acceptor_.set_option(asio::ip::v6_only(false), error);
   }

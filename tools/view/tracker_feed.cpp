@@ -90,6 +90,7 @@ void TrackerFeed::Run() {
       std::unique_lock held(lock_);
       woken_.wait(held, [this] { return watched_ || ended_; });
       if (ended_) return;
+      if (followed_ != visit_) problem_ = kinetrel_stream_ok;
       followed_ = visit_;
     }
     Follow();
@@ -100,7 +101,7 @@ void TrackerFeed::Run() {
 void TrackerFeed::Follow() {
   now_ = {};
   now_.slot = slot_;
-  nextLook_ = nextStatus_ = nextFrame_ = Clock::now();
+  nextLook_ = nextFrame_ = Clock::now();
   TrackerStream stream(slot_);
   bool changed = stream.ReadRecords(now_);
   for (kinetrel_stream_result result = stream.result(); IsFollowed();) {
@@ -114,6 +115,7 @@ void TrackerFeed::Follow() {
       TellProblem(result);
       return Rest(Clock::now() + kRetryEvery);
     }
+    problem_ = kinetrel_stream_ok;
     if (Clock::now() >= nextLook_) LookAtRun(stream);
     // A frame that comes much too early gives way to the next one. If it waited, so would all later
     // frames of a tracker of 60 Hz.
@@ -156,7 +158,9 @@ void TrackerFeed::TellFrame() {
 }
 
 void TrackerFeed::TellProblem(kinetrel_stream_result result) {
-  now_.result = result;
+  if (result == problem_ && Clock::now() < nextStatus_) return;
+  nextStatus_ = Clock::now() + kStatusEvery;
+  now_.result = problem_ = result;
   Message status = Share(StatusMessage(now_, MomentNow()));
   Tell([&](FeedNews& news) {
     news = {};

@@ -56,10 +56,11 @@ class TrackerFeed {
 
   // The feed's thread only.
   TrackerSnapshot now_;
-  Clock::time_point nextFrame_;   // at the earliest
-  Clock::time_point nextStatus_;  // at the latest
-  Clock::time_point nextLook_;    // at the run
-  std::uint64_t followed_ = 0;    // visit
+  Clock::time_point nextFrame_;                          // at the earliest
+  Clock::time_point nextStatus_;                         // at the latest
+  kinetrel_stream_result problem_ = kinetrel_stream_ok;  // that was told in this visit
+  Clock::time_point nextLook_;                           // at the run
+  std::uint64_t followed_ = 0;                           // visit
 
   mutable std::mutex lock_;
   std::condition_variable woken_;

@@ -56,11 +56,13 @@ Json ComponentNames(std::uint32_t components) {
 
 std::string InstanceOf(const kinetrel_run& run) { return std::to_string(run.started_ns); }
 
-Json SensorNames(const kinetrel_run& run) {
+Json ActiveSensors(const kinetrel_run& run) {
   Json sensors = Json::array();
   for (unsigned i = 0; i < kinetrel_stream_sensors; ++i) {
     if ((run.sensor_mask >> i & 1U) == 0) continue;
-    sensors.push_back({{"sensor", i + 1}, {"name", run.sensor_names[i]}});
+    sensors.push_back({{"sensor", i + 1},
+                       {"name", run.sensor_names[i]},
+                       {"filterLag", Rounded(kinetrel_run_filter_lag(&run, i), 1e5)}});
   }
   return sensors;
 }
@@ -96,7 +98,7 @@ Json Tracker(const TrackerSnapshot& tracker) {
           {"recoveries", run.recoveries},
           {"bytesIn", run.bytes_in},
           {"bytesOut", run.bytes_out},
-          {"sensors", SensorNames(run)}};
+          {"sensors", ActiveSensors(run)}};
 }
 
 Json Sensor(const kinetrel_record& record, std::int64_t nowNs) {

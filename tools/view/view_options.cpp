@@ -1,7 +1,8 @@
 #include "view/view_options.h"
 
-#include <CLI/CLI.hpp>
 #include <boost/asio/ip/address.hpp>
+
+#include "program/command_line.h"
 
 namespace kinetrel::view {
 namespace {
@@ -32,13 +33,10 @@ std::string OriginComplaint(const std::string& text) {
 ViewCommand ParseViewCommand(int count, const char* const* arguments) {
   ViewCommand command;
   ViewOptions& options = command.options;
-  CLI::App app(kAbout, "kinetrel-view");
-  app.footer(kExitCodes);
-  app.set_help_flag("--help", "print this and end");
-  app.set_version_flag("--version", "kinetrel-view " KINETREL_VERSION, "print the version and end");
+  ToolCommandLine app("kinetrel-view", kAbout, kExitCodes);
   app.add_option("--port", options.port, "port to serve (8047); 0: a free one, which is printed")
       ->type_name("NUMBER")
-      ->check(CLI::Range(0, 65535));
+      ->check(NumberFrom(0, 65535));
   app.add_option("--listen", options.listen,
                  "serve this address of the machine too, and ask for the printed token")
       ->type_name("ADDRESS")
@@ -51,20 +49,9 @@ ViewCommand ParseViewCommand(int count, const char* const* arguments) {
   app.add_option("--patience", options.patience,
                  "drop a client that is silent for so long, in seconds (20)")
       ->type_name("SECONDS")
-      ->check(CLI::Range(1, 3600));
+      ->check(NumberFrom(1, 3600));
   app.add_flag("--open", options.open, "open the address in the browser");
-  try {
-    app.parse(count, arguments);
-  } catch (const CLI::CallForHelp&) {
-    command.exitCode = 0;
-    command.text = app.help();
-  } catch (const CLI::CallForVersion&) {
-    command.exitCode = 0;
-    command.text = app.version() + "\n";
-  } catch (const CLI::ParseError& error) {
-    command.exitCode = 2;
-    command.text = "kinetrel-view: " + std::string(error.what()) + " (see kinetrel-view --help)\n";
-  }
+  command.ending = app.Read(count, arguments);
   return command;
 }
 

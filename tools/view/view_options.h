@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "program/program.h"
+
 namespace kinetrel::view {
 
 struct ViewOptions {
@@ -17,8 +19,7 @@ struct ViewOptions {
 };
 
 struct ViewCommand {
-  std::optional<int> exitCode;  // do not serve: print `text` and end
-  std::string text;             // for standard output, or if the code is not 0 standard error
+  std::optional<Ending> ending;  // set: do not serve
   ViewOptions options;
 };
 

@@ -4,6 +4,8 @@
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/buffers_to_string.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
+#include <charconv>
+#include <string>
 #include <utility>
 
 #include "view/view_json.h"
@@ -16,7 +18,11 @@ namespace websocket = boost::beast::websocket;
 
 constexpr std::size_t kLargestMessage = 64;  // bytes that a viewer may send at once
 
-// The system's own buffer is a queue too: it must not hold many old frames.
+// A viewer that reads late finds at most this many old messages.
+constexpr std::uint64_t kMostUnconfirmed = 8;
+constexpr std::uint64_t kAskEvery = 2;  // messages from one ping to the next
+
+// What the system holds for a viewer that confirms without reading.
 constexpr int kSendBuffer = 64 * 1024;
 
 }  // namespace
@@ -62,12 +68,17 @@ Viewer::Viewer(boost::beast::tcp_stream stream, int slot, std::shared_ptr<Audien
       received_(kLargestMessage),
       slot_(slot),
       audience_(std::move(audience)),
-      ticket_(std::move(ticket)) {
-  // Pings find a viewer that has gone, and one that reads nothing any more.
+      ticket_(std::move(ticket)),
+      patience_(patience),
+      timer_(socket_.get_executor()) {
+  // Finds a viewer that has gone while it was paused.
   socket_.set_option(websocket::stream_base::timeout{patience, patience, true});
   socket_.read_message_max(kLargestMessage);
   socket_.auto_fragment(false);
   socket_.text(true);
+  socket_.control_callback([this](websocket::frame_type kind, boost::beast::string_view payload) {
+    if (kind == websocket::frame_type::pong) Confirm({payload.data(), payload.size()});
+  });
 }
 
 Viewer::~Viewer() {
@@ -82,6 +93,7 @@ void Viewer::Start(const Request& request) {
   tcp.socket().set_option(asio::socket_base::send_buffer_size(kSendBuffer), ignored);
   socket_.async_accept(request, [self = shared_from_this()](Error error) {
     if (error) return;
+    self->CheckPatience();
     self->SetWatching(true);
     self->Read();
   });
@@ -128,13 +140,58 @@ void Viewer::Show(const FeedNews& news) {
 // One message at a time. What comes meanwhile replaces what is waiting.
 void Viewer::WriteNext() {
   if (writing_ || !watching_ || refused_) return;
-  writing_ = TakeNext();
-  if (!writing_) return;
-  socket_.async_write(asio::buffer(*writing_),
-                      [self = shared_from_this()](Error error, std::size_t) {
-                        self->writing_ = nullptr;
-                        if (!error) self->WriteNext();
-                      });
+  if (sent_ - asked_ >= kAskEvery) return Ask();
+  if (sent_ - confirmed_ >= kMostUnconfirmed) return;  // until it confirms some
+  const Message next = TakeNext();
+  if (!next) return;
+  BeginWriting();
+  ++sent_;
+  socket_.async_write(
+      asio::buffer(*next),
+      [self = shared_from_this(), next](Error error, std::size_t) { self->EndWriting(error); });
+}
+
+// A ping with the count of messages, which the answer repeats.
+void Viewer::Ask() {
+  BeginWriting();
+  asked_ = sent_;
+  const std::string count = std::to_string(asked_);
+  socket_.async_ping({count.data(), count.size()},
+                     [self = shared_from_this()](Error error) { self->EndWriting(error); });
+}
+
+void Viewer::BeginWriting() {
+  if (!IsDue()) dueSince_ = std::chrono::steady_clock::now();
+  writing_ = true;
+}
+
+void Viewer::EndWriting(Error error) {
+  writing_ = false;
+  if (!error) WriteNext();
+}
+
+// Counts that were not asked for confirm nothing.
+void Viewer::Confirm(std::string_view answer) {
+  std::uint64_t count = 0;
+  const char* const end = answer.data() + answer.size();
+  const auto [stop, bad] = std::from_chars(answer.data(), end, count);
+  if (bad != std::errc() || stop != end || count <= confirmed_ || count > asked_) return;
+  confirmed_ = count;
+  dueSince_ = std::chrono::steady_clock::now();
+  asio::post(socket_.get_executor(), [self = shared_from_this()] { self->WriteNext(); });
+}
+
+bool Viewer::IsDue() const { return writing_ || asked_ > confirmed_; }
+
+// Drops a viewer that has taken nothing for too long, whatever it sends itself.
+void Viewer::CheckPatience() {
+  const auto now = std::chrono::steady_clock::now();
+  const auto end = (IsDue() ? dueSince_ : now) + patience_;
+  if (now >= end) return socket_.next_layer().close();
+  timer_.expires_at(end);
+  timer_.async_wait([weak = weak_from_this()](Error error) {
+    if (const auto self = weak.lock(); self && !error) self->CheckPatience();
+  });
 }
 
 Message Viewer::TakeNext() {
@@ -150,12 +207,11 @@ Message Viewer::TakeNext() {
 // The lines that this viewer has not seen. Null: none.
 Message Viewer::TakeLog() {
   const auto before = std::exchange(shown_.log, news_.log);
-  if (!shown_.log || shown_.log->log.empty()) return nullptr;
-  const bool sameRun = before && before->run.started_ns == shown_.log->run.started_ns;
-  const std::uint64_t after = sameRun ? lastLine_ : 0;
-  lastLine_ = shown_.log->log.back().number;
-  if (lastLine_ == after) return nullptr;
-  return std::make_shared<const std::string>(LogMessage(*shown_.log, after));
+  const TrackerSnapshot& now = *shown_.log;
+  if (!before || before->run.started_ns != now.run.started_ns) lastLine_ = 0;
+  if (now.log.empty() || now.log.back().number <= lastLine_) return nullptr;
+  const std::uint64_t after = std::exchange(lastLine_, now.log.back().number);
+  return std::make_shared<const std::string>(LogMessage(now, after));
 }
 
 }  // namespace kinetrel::view

@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/empty_body.hpp>
@@ -15,6 +16,7 @@
 #include <cstdint>
 #include <memory>
 #include <set>
+#include <string_view>
 
 #include "view/tracker_feed.h"
 
@@ -49,6 +51,8 @@ class Audience {
 // Each copy counts one: a connection of the server, or a viewer.
 using Ticket = std::shared_ptr<void>;
 
+// One WebSocket. It confirms what it has taken by its answers to pings, which every WebSocket gives
+// by itself: the system's buffers would take many old frames for it.
 class Viewer : public std::enable_shared_from_this<Viewer> {
  public:
   using Request = boost::beast::http::request<boost::beast::http::empty_body>;
@@ -69,8 +73,14 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   void Obey(Error error, std::size_t size);
   void SetWatching(bool watching);
   void WriteNext();
+  void Ask();
+  void BeginWriting();
+  void EndWriting(Error error);
   Message TakeNext();
   Message TakeLog();
+  void Confirm(std::string_view answer);
+  bool IsDue() const;  // it has not taken all that was sent, as far as we know
+  void CheckPatience();
 
   boost::beast::websocket::stream<boost::beast::tcp_stream> socket_;
   boost::beast::flat_buffer received_;
@@ -82,7 +92,16 @@ class Viewer : public std::enable_shared_from_this<Viewer> {
   FeedNews news_;         // the newest
   FeedNews shown_;        // what was sent of it
   std::uint64_t lastLine_ = 0;
-  Message writing_;  // null: nothing is being written
+  bool writing_ = false;
+
+  // Messages, counted from the first one.
+  std::uint64_t sent_ = 0;
+  std::uint64_t asked_ = 0;      // up to here pings have asked
+  std::uint64_t confirmed_ = 0;  // up to here pings were answered
+
+  const std::chrono::seconds patience_;
+  std::chrono::steady_clock::time_point dueSince_;  // counts while IsDue()
+  boost::asio::steady_timer timer_;
 };
 
 }  // namespace kinetrel::view

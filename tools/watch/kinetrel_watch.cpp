@@ -9,6 +9,7 @@
 
 #include "platform/console.h"
 #include "platform/signals.h"
+#include "program/program.h"
 #include "watch/frame_follower.h"
 #include "watch/stream_watcher.h"
 #include "watch/watch_face.h"
@@ -107,33 +108,15 @@ std::optional<ExitCode> Watcher::EndReason(WriteResult written,
 
 // ---- The program --------------------------------------------------------------------------------
 
-ExitCode Print(const std::string& text) {
-  if (WriteOut(text) != WriteResult::Failed) return ExitCode::Done;
-  std::perror("kinetrel-watch: the output cannot be written");
-  return ExitCode::CannotWrite;
-}
-
-ExitCode Serve(const WatchCommand& command) {
-  switch (command.request) {
-    case WatchRequest::Help:
-      return Print(WatchUsage());
-    case WatchRequest::Version:
-      return Print(std::string(kWatchVersion) + "\n");
-    case WatchRequest::Refuse:
-      std::fprintf(stderr, "kinetrel-watch: %s (see kinetrel-watch --help)\n",
-                   command.complaint.c_str());
-      return ExitCode::BadArguments;
-    case WatchRequest::Watch:
-      break;
-  }
+ExitCode Serve(const WatchOptions& options) {
   // Never deleted: a late signal may still store into it.
   std::atomic<int>& stop = *new std::atomic<int>(0);
   CatchStopSignals(stop);
-  if (command.options.block) return Watcher(command.options, stop).Run();
+  if (options.block) return Watcher(options, stop).Run();
   std::setvbuf(stdout, nullptr, _IOFBF, kLargestFrame);
-  const bool table = command.options.form == OutputForm::Automatic && !command.options.log &&
-                     EnableTerminalSequences();
-  return StreamWatcher(command.options, stop, table).Run();
+  const bool table =
+      options.form == OutputForm::Automatic && !options.log && EnableTerminalSequences();
+  return StreamWatcher(options, stop, table).Run();
 }
 
 }  // namespace
@@ -141,7 +124,9 @@ ExitCode Serve(const WatchCommand& command) {
 
 int main(int count, char** arguments) {
   using namespace kinetrel::watch;
-  kinetrel::HoldStandardStreams();
-  std::setvbuf(stderr, nullptr, _IONBF, 0);  // some systems buffer it when it leads to a pipe
-  return static_cast<int>(Serve(ParseWatchCommand(count, arguments)));
+  return kinetrel::RunProgram("kinetrel-watch", [&] {
+    const WatchCommand command = ParseWatchCommand(count, arguments);
+    if (!command.ending) return static_cast<int>(Serve(command.options));
+    return Print(*command.ending, "kinetrel-watch", static_cast<int>(ExitCode::CannotWrite));
+  });
 }

@@ -41,6 +41,20 @@ std::string RecordWords(const StreamSnapshot& snapshot) {
          " recoveries";
 }
 
+// Empty when the filters of no sensor were measured to add a lag.
+std::string FilterWords(const StreamSnapshot& snapshot) {
+  unsigned sensors = 0;
+  unsigned most = 0;
+  for (unsigned i = 0; i < kinetrel_stream_sensors; ++i) {
+    if (snapshot.run.filter_lag[i] == 0) continue;
+    ++sensors;
+    if (snapshot.run.filter_lag[i] > snapshot.run.filter_lag[most]) most = i;
+  }
+  if (sensors == 0) return {};
+  return "moving positions " + Milliseconds3(kinetrel_run_filter_lag(&snapshot.run, most)) +
+         " late" + (sensors == 1 ? ", sensor " : " at most, sensor ") + std::to_string(most + 1);
+}
+
 ViewLine SensorRow(const kinetrel_record& record, double rate, const StreamSnapshot& snapshot,
                    bool degrees) {
   std::string line = Cell(record.sensor + 1.0, 6, 0);
@@ -59,13 +73,24 @@ std::string JsonArray(std::span<const Value> values) {
   return text + "]";
 }
 
+std::string ElsewhereWords(const std::vector<int>& slots) {
+  if (slots.empty()) return {};
+  std::string text = slots.size() == 1 ? " Slot " : " Slots ";
+  for (std::size_t i = 0; i < slots.size(); ++i) {
+    text += (i == 0 ? "" : ", ") + std::to_string(slots[i]);
+  }
+  return text + (slots.size() == 1 ? " has" : " have") + " one: --slot " +
+         std::to_string(slots.front());
+}
+
 }  // namespace
 
 std::string StreamStateWords(const StreamSnapshot& snapshot) {
   if (!snapshot.open) {
-    return "waiting for a tracker on slot " + std::to_string(snapshot.slot) + " ...";
+    return "waiting for a tracker on slot " + std::to_string(snapshot.slot) + " ..." +
+           ElsewhereWords(snapshot.elsewhere);
   }
-  return std::string(kinetrel_state_text(snapshot.state)) + ": " + Printable(snapshot.sentence);
+  return std::string(kinetrel_state_text(snapshot.state)) + ": " + AsciiText(snapshot.sentence);
 }
 
 std::string LogWords(const kinetrel_log_line& line) {
@@ -80,11 +105,11 @@ std::string LogWords(const kinetrel_log_line& line) {
                 static_cast<unsigned>(date.day()), static_cast<int>(clock.hours().count()),
                 static_cast<int>(clock.minutes().count()),
                 static_cast<int>(clock.seconds().count()), line.code);
-  return text.data() + Printable(line.text);
+  return text.data() + AsciiText(line.text);
 }
 
 std::vector<ViewLine> StreamTable(const StreamSnapshot& snapshot, const TableForm& form) {
-  const std::string name = Printable(snapshot.run.device_name);
+  const std::string name = AsciiText(snapshot.run.device_name);
   std::vector<ViewLine> lines = {
       {(name.empty() ? "no tracker" : name) + "  slot " + std::to_string(snapshot.slot),
        LineStyle::Strong},
@@ -94,6 +119,9 @@ std::vector<ViewLine> StreamTable(const StreamSnapshot& snapshot, const TableFor
     lines.push_back(Row("rate", RateWords(snapshot.run)));
     lines.push_back(Row("latency", Milliseconds3(snapshot.run.latency_mean) + " mean, " +
                                        Milliseconds3(snapshot.run.latency_max) + " at most"));
+    if (const std::string filters = FilterWords(snapshot); !filters.empty()) {
+      lines.push_back(Row("filters", filters));
+    }
     lines.push_back(Row("records", RecordWords(snapshot)));
     lines.push_back({});
     lines.push_back(
@@ -152,6 +180,10 @@ std::string JsonRecord(const kinetrel_record& record, const StreamSnapshot& snap
          (Has(record, kinetrel_buttons_valid) ? std::to_string(record.buttons) : "null") +
          ",\"code\":" +
          (Has(record, kinetrel_code_valid) ? std::to_string(record.device_code) : "null") +
+         ",\"filterLag\":" +
+         (Has(record, kinetrel_filtered)
+              ? JsonNumber(kinetrel_run_filter_lag(&snapshot.run, record.sensor))
+              : "null") +
          ",\"position\":" +
          (Has(record, kinetrel_position_valid) ? JsonArray(std::span<const double>(record.position))
                                                : "null") +

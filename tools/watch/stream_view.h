@@ -16,7 +16,8 @@ namespace kinetrel::watch {
 // What is known of a stream at one moment.
 struct StreamSnapshot {
   int slot = 1;
-  bool open = false;  // there is a stream, or there was one
+  bool open = false;           // there is a stream, or there was one
+  std::vector<int> elsewhere;  // while there is none: the slots in which trackers publish
   kinetrel_state state = kinetrel_state_unknown;
   std::string sentence;  // the state's
   kinetrel_run run{};

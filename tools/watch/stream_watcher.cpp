@@ -10,6 +10,7 @@ constexpr int kIdleMs = 250;  // between two looks at a stop request, a key, a n
 constexpr int kDrawMs = 50;
 constexpr std::int64_t kNsPerMs = 1'000'000;
 constexpr std::int64_t kRateWindow = 1'000'000'000;  // ns
+constexpr std::int64_t kLookPeriod = 1'000'000'000;  // ns
 
 // What passes by itself when a tracker comes.
 bool IsAwaited(kinetrel_stream_result result) {
@@ -75,6 +76,7 @@ kinetrel_stream_result StreamWatcher::Take(kinetrel_record& record) {
     const kinetrel_stream_result opened = kinetrel_stream_open(&stream_, options_.slot, 0);
     now_.open = opened == kinetrel_stream_ok;
     if (now_.open) return kinetrel_stream_timed_out;
+    LookElsewhere();
     SleepFor(Milliseconds(wait));
     return opened;
   }
@@ -85,6 +87,25 @@ kinetrel_stream_result StreamWatcher::Take(kinetrel_record& record) {
     ++counts_[record.sensor];
   }
   return result;
+}
+
+// Once a second: a look opens every stream of the machine.
+void StreamWatcher::LookElsewhere() {
+  const std::int64_t now = kinetrel_now_ns();
+  if (now < nextLook_) return;
+  nextLook_ = now + kLookPeriod;
+  now_.elsewhere.clear();
+  for (int slot = 1; slot <= kinetrel_stream_slots; ++slot) {
+    kinetrel_stream other;
+    if (slot == options_.slot || kinetrel_stream_open(&other, slot, 0) != kinetrel_stream_ok) {
+      continue;
+    }
+    std::array<char, 256> sentence{};
+    if (kinetrel_stream_state(&other, sentence.data()) == kinetrel_state_running) {
+      now_.elsewhere.push_back(slot);
+    }
+    kinetrel_stream_close(&other);
+  }
 }
 
 void StreamWatcher::LookAtState() {

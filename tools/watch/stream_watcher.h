@@ -30,6 +30,7 @@ class StreamWatcher {
 
  private:
   kinetrel_stream_result Take(kinetrel_record& record);
+  void LookElsewhere();
   void LookAtState();
   void Announce();
   WriteResult ShowRecord(const kinetrel_record& record);
@@ -47,6 +48,7 @@ class StreamWatcher {
   bool logShown_ = false;
   std::string announced_;
   std::int64_t nextDraw_ = 0;                                    // ns
+  std::int64_t nextLook_ = 0;                                    // ns
   std::array<std::uint32_t, kinetrel_stream_sensors> counts_{};  // records since countedFrom_
   std::int64_t countedFrom_ = 0;                                 // ns
 };

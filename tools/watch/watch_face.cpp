@@ -1,6 +1,5 @@
 #include "watch/watch_face.h"
 
-#include <cerrno>
 #include <cstdio>
 
 namespace kinetrel::watch {
@@ -52,12 +51,6 @@ bool EndsWatching(Key key) {
 
 // ---- WatchScreen --------------------------------------------------------------------------------
 
-WriteResult WriteOut(const std::string& text) {
-  const std::size_t written = std::fwrite(text.data(), 1, text.size(), stdout);
-  if (written == text.size() && std::fflush(stdout) == 0) return WriteResult::Written;
-  return errno == EPIPE ? WriteResult::ReaderGone : WriteResult::Failed;
-}
-
 WriteResult WatchScreen::Draw(const std::vector<ViewLine>& lines, TerminalSize size) {
   // The terminal may have broken lines that were drawn for another width, at an unknown place.
   const bool resized = size.columns != size_.columns || size.rows != size_.rows;
@@ -89,7 +82,7 @@ void LineFace::Announce(const WatchSnapshot& snapshot) {
   std::string words = StateWords(snapshot);
   // No line for a tracker that runs from the start.
   if (words.empty() && announced_.has_value()) {
-    words = "frames from " + Printable(DeviceNameOf(snapshot.block));
+    words = "frames from " + AsciiText(DeviceNameOf(snapshot.block));
   }
   announced_ = snapshot.state;
   if (!words.empty()) std::fprintf(stderr, "kinetrel-watch: %s\n", words.c_str());

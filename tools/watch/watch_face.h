@@ -6,21 +6,13 @@
 #include <vector>
 
 #include "platform/console.h"
+#include "program/program.h"
 #include "publish/track_timer.h"
 #include "watch/frame_follower.h"
 #include "watch/watch_options.h"
 #include "watch/watch_view.h"
 
 namespace kinetrel::watch {
-
-enum class WriteResult {
-  Written,
-  ReaderGone,  // the other end of the pipe is closed
-  Failed,
-};
-
-// Writes to standard output at once, in one piece.
-WriteResult WriteOut(const std::string& text);
 
 // A block of lines on a terminal, redrawn in place.
 //

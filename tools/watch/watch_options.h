@@ -3,13 +3,11 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 
 #include "platform/clock.h"
+#include "program/program.h"
 
 namespace kinetrel::watch {
-
-inline constexpr const char* kWatchVersion = "kinetrel-watch 1.3 (shared-memory interface 1.42)";
 
 // The exit codes of the program; --help lists them.
 enum class ExitCode : int {
@@ -37,17 +35,12 @@ struct WatchOptions {
   std::optional<Milliseconds> timeout;  // give up after this time without a frame
 };
 
-enum class WatchRequest { Watch, Help, Version, Refuse };
-
 struct WatchCommand {
-  WatchRequest request = WatchRequest::Watch;
+  std::optional<Ending> ending;  // set: watch nothing
   WatchOptions options;
-  std::string complaint;  // why the command is refused; printable
 };
 
 // `arguments` as main has them, the program's name first. The last of several values counts.
 WatchCommand ParseWatchCommand(int count, const char* const* arguments);
-
-std::string WatchUsage();
 
 }  // namespace kinetrel::watch

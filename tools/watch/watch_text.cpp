@@ -47,7 +47,7 @@ std::string Format(const char* format, int decimals, double value) {
 
 }  // namespace
 
-std::string Printable(std::string_view text) {
+std::string AsciiText(std::string_view text) {
   std::string safe(text);
   for (char& byte : safe) {
     if (byte < 0x20 || byte > 0x7E) byte = '?';
@@ -86,7 +86,7 @@ std::string JsonNumber(double value) { return ShortestJson(value); }
 
 std::string JsonText(std::string_view text) {
   std::string quoted = "\"";
-  for (const char byte : Printable(text)) {
+  for (const char byte : AsciiText(text)) {
     if (byte == '"' || byte == '\\') quoted += '\\';
     quoted += byte;
   }

@@ -82,7 +82,7 @@ ViewLine Row(const char* head, const std::string& text) {
 ViewLine Title(const WatchSnapshot& snapshot, int columns) {
   const std::string place =
       "slot " + std::to_string(snapshot.slot) + ", bin " + std::to_string(snapshot.bin);
-  std::string line = Printable(DeviceNameOf(snapshot.block));
+  std::string line = AsciiText(DeviceNameOf(snapshot.block));
   if (line.empty()) line = "no tracker";
   constexpr int kWidest = 80;
   const auto width = static_cast<std::size_t>(std::max(std::min(columns, kWidest) - 1, 1));

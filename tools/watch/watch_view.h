@@ -45,7 +45,7 @@ std::string StateWords(const WatchSnapshot& snapshot);
 
 // `text` with a '?' for each byte that is not printable ASCII. No control sequence gets through,
 // and the result is valid in any encoding.
-std::string Printable(std::string_view text);
+std::string AsciiText(std::string_view text);
 
 std::string SensorWords(std::uint32_t mask);  // "1-3, 7", as the operator counts; "none"
 std::string ButtonWords(std::uint32_t bits);  // "1, 4"; "none pressed"
@@ -60,6 +60,6 @@ std::string Cell(double value, std::size_t width, int decimals);
 // The shortest text that reads back as the same value; "null" if JSON has no number for it.
 std::string JsonNumber(float value);
 std::string JsonNumber(double value);
-std::string JsonText(std::string_view text);  // quoted and escaped, after Printable
+std::string JsonText(std::string_view text);  // quoted and escaped, after AsciiText
 
 }  // namespace kinetrel::watch

@@ -40,7 +40,7 @@ bool OutputTakesLine() {
 }
 
 void ShowTransient(const char* text) {
-  if (!OutputTakesLine()) return;
+  if (!TransientIsOn() || !OutputTakesLine()) return;
   // If the output takes less, the rest is not worth a second try.
   [[maybe_unused]] const ssize_t wrote = ::write(STDOUT_FILENO, text, std::strlen(text));
 }

@@ -14,11 +14,11 @@ namespace {
 
 int FdOf(std::intptr_t handle) { return static_cast<int>(handle); }
 
-sockaddr_in AnyAddress(std::uint16_t port) {
+sockaddr_in OwnAddress(std::uint16_t port, Reach reach) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  address.sin_addr.s_addr = htonl(reach == Reach::Network ? INADDR_ANY : INADDR_LOOPBACK);
   return address;
 }
 
@@ -33,11 +33,11 @@ bool SetOption(int fd, int name, int value) {
 
 }  // namespace
 
-Result<DatagramSocket> DatagramSocket::Open(std::uint16_t port) {
+Result<DatagramSocket> DatagramSocket::Open(std::uint16_t port, Reach reach) {
   const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (fd < 0) return SocketFailure(errno, "making a socket");
   DatagramSocket socket(fd);
-  const sockaddr_in address = AnyAddress(port);
+  const sockaddr_in address = OwnAddress(port, reach);
   if (::bind(fd, Generic(address), sizeof address) != 0)
     return SocketFailure(errno, "taking the port");
   return socket;
@@ -66,7 +66,7 @@ Result<std::size_t> DatagramSocket::Receive(std::span<std::byte> into) {
 Status DatagramSocket::Send(const char* address, std::uint16_t port,
                             std::span<const std::byte> bytes) {
   constexpr const char* kWhat = "sending";
-  sockaddr_in to = AnyAddress(port);
+  sockaddr_in to = OwnAddress(port, Reach::Network);
   if (::inet_pton(AF_INET, address, &to.sin_addr) != 1) return {Error::Invalid, 0, kWhat};
   for (;;) {
     const ssize_t sent =

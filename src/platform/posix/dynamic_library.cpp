@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <cerrno>
+#include <mutex>
 #include <vector>
 
 namespace kinetrel {
@@ -32,6 +33,12 @@ std::vector<std::string> Candidates(const std::string& name, const std::string& 
   return {"lib" + stem + ".so", name};
 }
 
+// The loader has a lock of its own, but the thread sanitizer cannot see it.
+std::mutex& LoaderMutex() {
+  static std::mutex mutex;
+  return mutex;
+}
+
 // Keeps the first failure, which helps the user most.
 void NoteFailure(std::string* why) {
   const char* const text = ::dlerror();
@@ -42,6 +49,7 @@ void NoteFailure(std::string* why) {
 
 Result<DynamicLibrary> DynamicLibrary::Load(const std::string& name, std::string* why) {
   if (why != nullptr) why->clear();
+  const std::lock_guard lock(LoaderMutex());
   for (const std::string& file : Candidates(name, Stem(name), ChosenFile(name))) {
     void* const handle = ::dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL | kOwnFunctionsFirst);
     if (handle != nullptr) return DynamicLibrary(handle);
@@ -51,7 +59,9 @@ Result<DynamicLibrary> DynamicLibrary::Load(const std::string& name, std::string
 }
 
 DynamicLibrary::~DynamicLibrary() {
-  if (handle_ != nullptr) ::dlclose(handle_);
+  if (handle_ == nullptr) return;
+  const std::lock_guard lock(LoaderMutex());
+  ::dlclose(handle_);
 }
 
 // The system has no number for a missing function.

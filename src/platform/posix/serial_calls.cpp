@@ -24,16 +24,6 @@
 namespace kinetrel {
 namespace {
 
-// The near end of a pseudo-terminal keeps its exclusive mode as long as the far end lives. A killed
-// program would lock every other account out, so the file lock alone guards it.
-bool IsPseudoTerminal(int fd) {
-  constexpr unsigned kFirstMajor = 136;
-  constexpr unsigned kLastMajor = 143;
-  struct stat found {};
-  if (::fstat(fd, &found) != 0) return false;
-  return major(found.st_rdev) >= kFirstMajor && major(found.st_rdev) <= kLastMajor;
-}
-
 Transfer FailedTransfer(int code) {
   if (code == EAGAIN) return {};
   return {code == EIO ? Ended::HungUp : Ended::Failed, 0, code};
@@ -50,6 +40,12 @@ int BitOf(ModemLine line) { return line == ModemLine::Dtr ? TIOCM_DTR : TIOCM_RT
 }  // namespace
 
 // ---- Names ---------------------------------------------------------------------------------
+
+bool IsPseudoTerminal(const struct stat& file) {
+  constexpr unsigned kFirstMajor = 136;
+  constexpr unsigned kLastMajor = 143;
+  return major(file.st_rdev) >= kFirstMajor && major(file.st_rdev) <= kLastMajor;
+}
 
 std::string SerialDevicePath(const std::string& name) {
   const std::optional<unsigned> number = ComNumber(name);
@@ -96,10 +92,13 @@ Result<int> OpenSerialDevice(const std::string& path) {
 }
 
 // The lock works between programs that ask for it, of any account. The exclusive mode keeps out all
-// other programs except those of root.
+// other programs except those of root. The near end of a pseudo-terminal keeps that mode as long as
+// the far end lives: a killed program would lock every other account out, so the file lock alone
+// guards it.
 Status ClaimLine(int fd) {
   if (::flock(fd, LOCK_EX | LOCK_NB) != 0) return StatusFromErrno(errno, "lock the serial line");
-  if (!IsPseudoTerminal(fd)) ::ioctl(fd, TIOCEXCL);
+  struct stat file {};
+  if (::fstat(fd, &file) != 0 || !IsPseudoTerminal(file)) ::ioctl(fd, TIOCEXCL);
   return {};
 }
 
@@ -166,6 +165,13 @@ bool SenderIsEmpty(int fd) {
 Status DiscardOutput(int fd) {
   if (::ioctl(fd, TCFLSH, TCOFLUSH) == 0) return {};
   return StatusFromErrno(errno, "discard unsent bytes");
+}
+
+Result<unsigned> CountFramingErrors(int fd) {
+  serial_icounter_struct counted{};
+  constexpr const char* kWhat = "count framing errors";
+  if (::ioctl(fd, TIOCGICOUNT, &counted) != 0) return Status{Error::Unsupported, errno, kWhat};
+  return static_cast<unsigned>(counted.frame) + static_cast<unsigned>(counted.brk);
 }
 
 // ---- Modem lines ---------------------------------------------------------------------------

@@ -10,6 +10,8 @@
 #include "platform/clock.h"
 #include "platform/status.h"
 
+struct stat;  // the system's
+
 namespace kinetrel {
 
 using Microseconds = std::chrono::microseconds;
@@ -20,6 +22,9 @@ using Microseconds = std::chrono::microseconds;
 // names, or else the machine's own line /dev/ttyS<n-1>. Any other name is already a path. Empty:
 // COM0 without the variable.
 std::string SerialDevicePath(const std::string& name);
+
+// `file` is a character device's.
+bool IsPseudoTerminal(const struct stat& file);
 
 // The group whose members may use the device. Empty: no group may, or only root's own.
 std::string GroupThatMayUse(const std::string& path);
@@ -66,6 +71,9 @@ Result<std::size_t> CountUnsent(int fd);  // written, not yet sent
 bool SenderIsEmpty(int fd);               // also the hardware's own store
 
 Status DiscardOutput(int fd);
+
+// Unsupported: the driver does not count them.
+Result<unsigned> CountFramingErrors(int fd);
 
 // ---- Modem lines ---------------------------------------------------------------------------
 

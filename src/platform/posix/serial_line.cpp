@@ -151,6 +151,8 @@ Status SerialLine::Apply(const LineSettings& settings) {
   return {};
 }
 
+Result<unsigned> SerialLine::FramingErrors() const { return CountFramingErrors(os_->fd); }
+
 Status SerialLine::WatchInput() { return {}; }
 Status SerialLine::PrepareReads() { return {}; }
 
@@ -170,7 +172,7 @@ Status SerialLine::PurgeDriver() { return {}; }
 void SerialLine::NapFor(std::size_t bytes) { NapForBytes(bytes, os_->baud); }
 
 // Naps instead of polling: poll may call a full pseudo-terminal writable although it takes nothing.
-Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
+Result<std::size_t> SerialLine::Transmit(std::span<const std::byte> from) {
   Deadline deadline(kWritePatience);
   std::size_t sent = 0;
   while (sent < from.size()) {

@@ -100,6 +100,9 @@ void StreamSocket::LimitBuffers(int bytes) {
 
 // ---- Listening -------------------------------------------------------------------------------
 
+// Without the option the port stays taken for a minute.
+void ClaimPort(std::intptr_t handle) { SetOption(FdOf(handle), SOL_SOCKET, SO_REUSEADDR, 1); }
+
 Result<StreamListener> StreamListener::Open(const std::string& address, std::uint16_t port) {
   constexpr const char* kWhat = "listening";
   const auto at = NumericAddresses(address, port);
@@ -108,8 +111,7 @@ Result<StreamListener> StreamListener::Open(const std::string& address, std::uin
   const int fd = NewSocket(where.family);
   if (fd < 0) return SocketFailure(errno, kWhat);
   StreamListener listener(fd);
-  // The next run can use the port although connections of this one have just ended.
-  SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);
+  ClaimPort(fd);
   const bool listens =
       ::bind(fd, SystemForm(where), where.length) == 0 && ::listen(fd, kBacklog) == 0;
   if (!listens) return SocketFailure(errno, kWhat);

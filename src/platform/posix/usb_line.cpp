@@ -20,6 +20,7 @@ constexpr Milliseconds kWritePatience{1000};
 constexpr Milliseconds kClosePatience{1000};
 constexpr Milliseconds kRest{10};  // before a failed pipe is used again
 constexpr int kMostRests = 20;     // without a byte; then the device counts as gone
+constexpr int kMostStalls = 3;     // of one write
 
 // At high speed no cycle of a tracker is an exact number of packets, so every cycle ends a
 // transfer. At full speed some cycles are, so each packet is a transfer of its own.
@@ -408,12 +409,16 @@ Status UsbLine::PurgeDriver() {
   return {};
 }
 
-Result<std::size_t> UsbLine::Write(std::span<const std::byte> from) {
+// A device that stalls has not taken the bytes, so they are sent again.
+Result<std::size_t> UsbLine::Transmit(std::span<const std::byte> from) {
   std::size_t sent = 0;
-  while (sent < from.size()) {
+  for (int stalls = 0; sent < from.size();) {
     const std::size_t before = sent;
     const Status status =
         os_->SendPiece(from.subspan(sent, std::min(kLongestWrite, from.size() - sent)), sent);
+    if (os_->writing->status == TransferStatus::Stall && !os_->lost && stalls++ < kMostStalls) {
+      continue;
+    }
     if (!status.Ok() && sent == 0) return status;
     if (!status.Ok() || sent == before) break;
   }
@@ -441,10 +446,10 @@ Status UsbLine::Os::SendPiece(std::span<const std::byte> piece, std::size_t& sen
   }
   sent += static_cast<std::size_t>(writing->actualLength);
   if (writing->status == TransferStatus::NoDevice) lost = true;
-  if (lost) return {Error::Closed, 0, "write"};
   if (writing->status == TransferStatus::Stall) {
-    (void)session.library->clearHalt(session.handle, pipes.out);
+    lost = lost || session.library->clearHalt(session.handle, pipes.out) < 0;
   }
+  if (lost) return {Error::Closed, 0, "write"};
   if (cancelled) return {Error::TimedOut, 0, "write"};
   const bool whole = writing->status == TransferStatus::Completed;
   return whole ? Status{} : Status{Error::Failed, 0, "write"};

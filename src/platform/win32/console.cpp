@@ -97,7 +97,7 @@ bool EnableTerminalSequences() {
 bool OutputTakesLine() { return PrintingIsOn(); }
 
 void ShowTransient(const char* text) {
-  if (OutputTakesLine()) writer.Show(text);
+  if (TransientIsOn() && OutputTakesLine()) writer.Show(text);
 }
 
 }  // namespace kinetrel

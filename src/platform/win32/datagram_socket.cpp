@@ -27,11 +27,11 @@ const char* Bytes(std::span<const std::byte> bytes) {
   return static_cast<const char*>(static_cast<const void*>(bytes.data()));
 }
 
-sockaddr_in AnyAddress(std::uint16_t port) {
+sockaddr_in OwnAddress(std::uint16_t port, Reach reach) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_port = ::htons(port);
-  address.sin_addr.s_addr = ::htonl(INADDR_ANY);
+  address.sin_addr.s_addr = ::htonl(reach == Reach::Network ? INADDR_ANY : INADDR_LOOPBACK);
   return address;
 }
 
@@ -49,14 +49,14 @@ void IgnoreRefusals(SOCKET socket) {
 
 }  // namespace
 
-Result<DatagramSocket> DatagramSocket::Open(std::uint16_t port) {
+Result<DatagramSocket> DatagramSocket::Open(std::uint16_t port, Reach reach) {
   const SOCKET made = NewSocket(AF_INET, SOCK_DGRAM);
   if (made == INVALID_SOCKET) return LastSocketFailure("making a socket");
   DatagramSocket socket(HandleOf(made));
   IgnoreRefusals(made);
   // Without this, another program could share the port and take our datagrams.
   SetSocketOption(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);
-  const sockaddr_in address = AnyAddress(port);
+  const sockaddr_in address = OwnAddress(port, reach);
   if (::bind(made, Generic(address), sizeof address) != 0) {
     return LastSocketFailure("taking the port");
   }
@@ -90,7 +90,7 @@ Result<std::size_t> DatagramSocket::Receive(std::span<std::byte> into) {
 Status DatagramSocket::Send(const char* address, std::uint16_t port,
                             std::span<const std::byte> bytes) {
   constexpr const char* kWhat = "sending";
-  sockaddr_in to = AnyAddress(port);
+  sockaddr_in to = OwnAddress(port, Reach::Network);
   if (::inet_pton(AF_INET, address, &to.sin_addr) != 1) return {Error::Invalid, 0, kWhat};
   const int sent =
       ::sendto(SocketOf(handle_), Bytes(bytes), SizeOf(bytes.size()), 0, Generic(to), sizeof to);

@@ -8,6 +8,7 @@
 #include <sstream>
 
 #include "platform/named_objects.h"
+#include "platform/serial_device_port.h"
 #include "platform/win32/line_settings.h"
 #include "platform/win32/serial_calls.h"
 
@@ -46,6 +47,9 @@ struct PseudoTerminal::Os {
   unsigned baud = 0;
   Handle line;
   Event wake;
+
+  static Result<PseudoTerminal> Open(const std::string& ours, const std::string& hosts,
+                                     unsigned baud);
 };
 
 PseudoTerminal::PseudoTerminal(std::unique_ptr<Os> os) : os_(std::move(os)) {}
@@ -54,13 +58,21 @@ PseudoTerminal& PseudoTerminal::operator=(PseudoTerminal&&) noexcept = default;
 PseudoTerminal::~PseudoTerminal() = default;
 
 Result<PseudoTerminal> PseudoTerminal::Open(unsigned baud) {
-  auto os = std::make_unique<Os>();
   const char* const names = std::getenv("KINETREL_EMULATE");
   std::istringstream both(names != nullptr ? names : "");
-  if (!(both >> os->ours)) {
+  std::string ours, hosts;
+  if (!(both >> ours)) {
     return Status{Error::NotFound, 0, "open the port that KINETREL_EMULATE should name"};
   }
-  if (!(both >> os->hosts)) os->hosts = os->ours;
+  if (!(both >> hosts)) hosts = ours;
+  return Os::Open(ours, hosts, baud);
+}
+
+Result<PseudoTerminal> PseudoTerminal::Os::Open(const std::string& ours, const std::string& hosts,
+                                                unsigned baud) {
+  auto os = std::make_unique<Os>();
+  os->ours = ours;
+  os->hosts = hosts;
   PseudoTerminal terminal(std::move(os));
   if (const Status plugged = terminal.Plug(baud); !plugged.Ok()) return plugged;
   return terminal;
@@ -117,5 +129,11 @@ void PseudoTerminal::Wait(nanoseconds atMost) {
 }
 
 void PseudoTerminal::Interrupt() { os_->wake.Set(); }
+
+Result<std::unique_ptr<DevicePort>> OpenSerialDevicePort(const std::string& name, unsigned baud) {
+  auto opened = PseudoTerminal::Os::Open(name, name, baud);
+  if (!opened.Ok()) return opened.status();
+  return std::unique_ptr<DevicePort>(std::make_unique<PseudoTerminal>(std::move(*opened)));
+}
 
 }  // namespace kinetrel

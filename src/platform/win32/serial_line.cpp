@@ -179,6 +179,11 @@ Status SerialLine::Apply(const LineSettings& settings) {
   return {};
 }
 
+// The system clears its error flags whenever the queue is looked at, and counts nothing.
+Result<unsigned> SerialLine::FramingErrors() const {
+  return Status{Error::Unsupported, 0, "count framing errors"};
+}
+
 Status SerialLine::WatchInput() { return WatchReceivedBytes(os_->get()); }
 
 Status SerialLine::PrepareReads() { return os_->LimitReads(kStep); }
@@ -212,7 +217,7 @@ Status SerialLine::PurgeDriver() { return DiscardInput(os_->get()); }
 
 void SerialLine::NapFor(std::size_t) { SleepFor(kStep); }
 
-Result<std::size_t> SerialLine::Write(std::span<const std::byte> from) {
+Result<std::size_t> SerialLine::Transmit(std::span<const std::byte> from) {
   std::size_t sent = 0;
   while (sent < from.size()) {
     const Result<std::size_t> written = WriteOnce(os_->get(), from.subspan(sent));

@@ -115,8 +115,12 @@ void StreamSocket::LimitBuffers(int bytes) {
 
 // ---- Listening -------------------------------------------------------------------------------
 
-// On this system the next run can use the port although connections of this one have just ended.
-// Address reuse would let another program take the port while we listen.
+// On this system the next program can use the port anyway. Address reuse would let another program
+// take it while we listen.
+void ClaimPort(std::intptr_t handle) {
+  SetSocketOption(SocketOf(handle), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);
+}
+
 Result<StreamListener> StreamListener::Open(const std::string& address, std::uint16_t port) {
   constexpr const char* kWhat = "listening";
   const auto at = NumericAddresses(address, port);
@@ -125,7 +129,7 @@ Result<StreamListener> StreamListener::Open(const std::string& address, std::uin
   const SOCKET made = NewSocket(where.family, SOCK_STREAM);
   if (made == INVALID_SOCKET) return LastSocketFailure(kWhat);
   StreamListener listener(HandleOf(made));
-  SetSocketOption(made, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, 1);
+  ClaimPort(HandleOf(made));
   const bool listens = ::bind(made, SystemForm(where), static_cast<int>(where.length)) == 0 &&
                        ::listen(made, kBacklog) == 0;
   if (!listens) return LastSocketFailure(kWhat);

@@ -10,54 +10,28 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <optional>
 
+#include "platform/win32/device_list.h"
 #include "platform/win32/os.h"
 
 namespace kinetrel {
 namespace {
 
-constexpr ULONG kWritePatience = 1000;  // ms
-constexpr Milliseconds kRest{10};       // before a failed pipe is used again
-constexpr int kMostRests = 20;          // without a byte; then the device counts as gone
-constexpr std::size_t kReadings = 64;   // of each pipe
+constexpr Milliseconds kWritePatience{1000};
+constexpr Milliseconds kEndPatience{1000};  // for transfers that were told to end
+constexpr Milliseconds kRest{10};           // before a failed pipe is used again
+constexpr int kMostRests = 20;              // without a byte; then the device counts as gone
+constexpr int kMostStalls = 3;              // of one write
+constexpr std::size_t kReadings = 64;       // of each pipe
 constexpr std::size_t kHighSpeedPacket = 512;
 constexpr std::size_t kHighSpeedTransfer = 1024;
+constexpr std::size_t kLongestWrite = 512;
 
 constexpr const char* kOtherDriver = "use WinUSB";
 
 // ---- What is plugged in --------------------------------------------------------------------
-
-class DeviceList {
- public:
-  DeviceList(const GUID* kind, const char* which, DWORD flags)
-      : list_(::SetupDiGetClassDevsA(kind, which, nullptr, flags | DIGCF_PRESENT)) {}
-  ~DeviceList() {
-    if (list_ != INVALID_HANDLE_VALUE) ::SetupDiDestroyDeviceInfoList(list_);
-  }
-  DeviceList(const DeviceList&) = delete;
-  DeviceList& operator=(const DeviceList&) = delete;
-
-  bool Device(DWORD index, SP_DEVINFO_DATA& device) const {
-    device = {};
-    device.cbSize = sizeof device;
-    return ::SetupDiEnumDeviceInfo(list_, index, &device) != FALSE;
-  }
-
-  // The first string of a property; empty when the device lacks it.
-  std::string Text(SP_DEVINFO_DATA& device, DWORD property) const {
-    std::array<char, 1024> text{};
-    const bool read = ::SetupDiGetDeviceRegistryPropertyA(
-                          list_, &device, property, nullptr, reinterpret_cast<BYTE*>(text.data()),
-                          static_cast<DWORD>(text.size() - 1), nullptr) != FALSE;
-    return read ? std::string(text.data()) : std::string();
-  }
-
-  HDEVINFO get() const { return list_; }
-
- private:
-  HDEVINFO list_;
-};
 
 struct FoundDevice {
   UsbDevice device;
@@ -65,35 +39,45 @@ struct FoundDevice {
   std::string driver;  // the service that has it
 };
 
-std::optional<std::uint16_t> HexAfter(const std::string& text, const char* mark) {
-  const std::size_t at = text.find(mark);
-  if (at == std::string::npos) return std::nullopt;
-  const std::string digits = text.substr(at + std::strlen(mark), 4);
-  return static_cast<std::uint16_t>(std::strtoul(digits.c_str(), nullptr, 16));
+constexpr char kPortStep[] = "#USB(";
+
+// "PCIROOT(0)#PCI(1400)#USBROOT(0)#USB(2)#USB(3)" is port 3 of the hub at port 2 of the bus before
+// the first "#USB(".
+std::string BusOf(const std::string& location) {
+  return location.substr(0, location.find(kPortStep));
 }
 
-// "PCIROOT(0)#PCI(1400)#USBROOT(0)#USB(2)#USB(3)" is port 3 of the hub at port 2. Buses are counted
-// in the order in which they are found.
-std::string PortOf(const std::string& location, std::vector<std::string>& buses) {
-  constexpr char kStep[] = "#USB(";
-  std::size_t at = location.find(kStep);
-  const std::string bus = location.substr(0, at);
-  auto known = std::find(buses.begin(), buses.end(), bus);
-  if (known == buses.end()) known = buses.insert(buses.end(), bus);
-  std::string port = std::to_string(known - buses.begin() + 1);
+// The buses of the machine, in the order of their places. Each has a root hub, whatever is plugged
+// in, so a device keeps its bus number when another one comes or goes.
+std::vector<std::string> FindBuses(const DeviceList& list) {
+  std::vector<std::string> buses;
+  SP_DEVINFO_DATA info;
+  for (DWORD i = 0; list.Device(i, info); ++i) {
+    const std::string location = list.Text(info, SPDRP_LOCATION_PATHS);
+    if (!location.empty()) buses.push_back(BusOf(location));
+  }
+  std::sort(buses.begin(), buses.end());
+  buses.erase(std::unique(buses.begin(), buses.end()), buses.end());
+  return buses;
+}
+
+std::string PortOf(const std::string& location, const std::vector<std::string>& buses) {
+  const auto bus = std::lower_bound(buses.begin(), buses.end(), BusOf(location));
+  std::string port = std::to_string(bus - buses.begin() + 1);
+  std::size_t at = location.find(kPortStep);
   for (char separator = '-'; at != std::string::npos; separator = '.') {
-    at += std::strlen(kStep);
+    at += std::strlen(kPortStep);
     const std::size_t end = location.find(')', at);
     port += separator + location.substr(at, end - at);
-    at = location.find(kStep, at);
+    at = location.find(kPortStep, at);
   }
   return port;
 }
 
 std::vector<FoundDevice> FindDevices() {
   std::vector<FoundDevice> found;
-  std::vector<std::string> buses;
   const DeviceList list(nullptr, "USB", DIGCF_ALLCLASSES);
+  const std::vector<std::string> buses = FindBuses(list);
   SP_DEVINFO_DATA info;
   for (DWORD i = 0; list.Device(i, info); ++i) {
     const std::string hardware = list.Text(info, SPDRP_HARDWAREID);
@@ -102,13 +86,10 @@ std::vector<FoundDevice> FindDevices() {
     const std::string driver = list.Text(info, SPDRP_SERVICE);
     const bool part = hardware.find("&MI_") != std::string::npos;
     if (!vendor || !product || part || ::_strnicmp(driver.c_str(), "USBHUB", 6) == 0) continue;
-    std::array<char, 512> instance{};
-    if (::SetupDiGetDeviceInstanceIdA(list.get(), &info, instance.data(),
-                                      static_cast<DWORD>(instance.size()), nullptr) == FALSE) {
-      continue;
-    }
+    const std::string instance = list.Instance(info);
+    if (instance.empty()) continue;
     const std::string location = list.Text(info, SPDRP_LOCATION_PATHS);
-    found.push_back({{PortOf(location, buses), *vendor, *product}, instance.data(), driver});
+    found.push_back({{PortOf(location, buses), *vendor, *product}, instance, driver});
   }
   return found;
 }
@@ -187,7 +168,8 @@ struct UsbLine::Os {
   Os& operator=(const Os&) = delete;
   ~Os();
 
-  struct Reading {
+  // One transfer. The system writes into it until it has ended.
+  struct Transfer {
     OVERLAPPED overlapped{};
     Handle ended;
     std::vector<unsigned char> bytes;
@@ -197,38 +179,60 @@ struct UsbLine::Os {
   struct Pipe {
     std::uint8_t address = 0;
     std::size_t transfer = 0;
-    std::vector<Reading> readings;
+    std::vector<std::unique_ptr<Transfer>> readings;
     std::size_t first = 0;
-    Reading& oldest() { return readings[first]; }
+    Transfer& oldest() { return *readings[first]; }
   };
 
   Status Open(const UsbDevice& wanted, const UsbPipes& wantedPipes);
   Status AddPipe(std::uint8_t address);
   std::optional<std::size_t> PacketSize(std::uint8_t address) const;
-  void Begin(Pipe& pipe, Reading& reading);
+  void Begin(Pipe& pipe, Transfer& reading);
   bool Wait(Milliseconds atMost);
   std::size_t TakeFrom(Pipe& pipe, std::span<std::byte> into);
   void Heal(Pipe& pipe, DWORD code);
+  Status SendPiece(std::span<const std::byte> piece, std::size_t& sent);
 
   Handle file;
   WINUSB_INTERFACE_HANDLE usb = nullptr;
   std::uint8_t out = 0;
   std::vector<Pipe> pipes;
-  Handle written;
+  std::unique_ptr<Transfer> writing = std::make_unique<Transfer>();
+  bool stalled = false;  // the last write, and the pipe was reset
   bool lost = false;
   int rests = 0;
 };
 
+namespace {
+
+// True when the transfer ended in that time. One that never ends is given up with its memory.
+template <typename Transfer>
+bool AwaitEnd(WINUSB_INTERFACE_HANDLE usb, Transfer& transfer, Milliseconds atMost) {
+  if (!transfer.begun) return true;
+  if (WaitFor(transfer.ended.get(), atMost) != WaitEnd::Signalled) return false;
+  DWORD count = 0;
+  (void)::WinUsb_GetOverlappedResult(usb, &transfer.overlapped, &count, FALSE);
+  transfer.begun = false;
+  return true;
+}
+
+}  // namespace
+
 UsbLine::Os::~Os() {
+  const Deadline end(kEndPatience);
+  bool allEnded = true;
+  const auto finish = [&](std::unique_ptr<Transfer>& transfer) {
+    if (AwaitEnd(usb, *transfer, end.Remaining())) return;
+    allEnded = false;
+    (void)transfer.release();
+  };
   for (Pipe& pipe : pipes) {
     (void)::WinUsb_AbortPipe(usb, pipe.address);
-    // The system writes into the buffers until each reading has ended, which aborting ensures.
-    for (Reading& reading : pipe.readings) {
-      DWORD count = 0;
-      if (reading.begun) (void)::WinUsb_GetOverlappedResult(usb, &reading.overlapped, &count, TRUE);
-    }
+    for (auto& reading : pipe.readings) finish(reading);
   }
-  if (usb != nullptr) ::WinUsb_Free(usb);
+  if (writing->begun) (void)::WinUsb_AbortPipe(usb, out);
+  finish(writing);
+  if (usb != nullptr && allEnded) ::WinUsb_Free(usb);
 }
 
 std::optional<std::size_t> UsbLine::Os::PacketSize(std::uint8_t address) const {
@@ -257,12 +261,11 @@ Status UsbLine::Os::Open(const UsbDevice& wanted, const UsbPipes& wantedPipes) {
     return StatusOfLastError("take the USB interface");
   }
   out = wantedPipes.out;
-  written = Handle(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-  if (!written) return StatusOfLastError("prepare to write");
+  writing->ended = Handle(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+  if (!writing->ended) return StatusOfLastError("prepare to write");
+  writing->bytes.resize(kLongestWrite);
   if (!PacketSize(out)) return {Error::Invalid, 0, "find the endpoints of the USB device"};
-  ULONG patience = kWritePatience;
   UCHAR on = TRUE;
-  (void)::WinUsb_SetPipePolicy(usb, out, PIPE_TRANSFER_TIMEOUT, sizeof patience, &patience);
   (void)::WinUsb_SetPipePolicy(usb, out, SHORT_PACKET_TERMINATE, sizeof on, &on);
   pipes.reserve(2);
   if (const Status added = AddPipe(wantedPipes.in); !added.Ok()) return added;
@@ -278,16 +281,17 @@ Status UsbLine::Os::AddPipe(std::uint8_t address) {
   pipe.address = address;
   pipe.transfer = *packet >= kHighSpeedPacket ? kHighSpeedTransfer : *packet;
   pipe.readings.resize(kReadings);
-  for (Reading& reading : pipe.readings) {
-    reading.ended = Handle(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
-    if (!reading.ended) return StatusOfLastError("prepare to read");
-    reading.bytes.resize(pipe.transfer);
+  for (auto& reading : pipe.readings) {
+    reading = std::make_unique<Transfer>();
+    reading->ended = Handle(::CreateEventA(nullptr, TRUE, FALSE, nullptr));
+    if (!reading->ended) return StatusOfLastError("prepare to read");
+    reading->bytes.resize(pipe.transfer);
   }
-  for (Reading& reading : pipe.readings) Begin(pipe, reading);
+  for (auto& reading : pipe.readings) Begin(pipe, *reading);
   return {};
 }
 
-void UsbLine::Os::Begin(Pipe& pipe, Reading& reading) {
+void UsbLine::Os::Begin(Pipe& pipe, Transfer& reading) {
   reading.taken = 0;
   reading.overlapped = {};
   reading.overlapped.hEvent = reading.ended.get();
@@ -309,44 +313,52 @@ bool UsbLine::Os::Wait(Milliseconds atMost) {
   return ended != WAIT_TIMEOUT && ended != WAIT_FAILED;
 }
 
-// A stalled pipe, or a line with errors. The pipe is reset when no reading uses it.
+// A stalled pipe, or a line with errors. The pipe is reset when no reading uses it. A device whose
+// readings do not end has gone.
 void UsbLine::Os::Heal(Pipe& pipe, DWORD code) {
   lost = lost || IsGone(code) || ++rests > kMostRests;
   if (lost) return;
   SleepFor(kRest);
   (void)::WinUsb_AbortPipe(usb, pipe.address);
-  for (Reading& reading : pipe.readings) {
-    DWORD count = 0;
-    if (reading.begun) (void)::WinUsb_GetOverlappedResult(usb, &reading.overlapped, &count, TRUE);
-    reading.begun = false;
+  const Deadline end(kEndPatience);
+  for (auto& reading : pipe.readings) {
+    if (!AwaitEnd(usb, *reading, end.Remaining())) lost = true;
   }
-  if (::WinUsb_ResetPipe(usb, pipe.address) == FALSE) lost = lost || IsGone(::GetLastError());
+  if (lost) return;
+  if (::WinUsb_ResetPipe(usb, pipe.address) == FALSE) {
+    lost = true;
+    return;
+  }
   pipe.first = 0;
-  for (Reading& reading : pipe.readings) Begin(pipe, reading);
+  for (auto& reading : pipe.readings) Begin(pipe, *reading);
 }
 
+// Also of a lost device the readings that have ended are taken.
 std::size_t UsbLine::Os::TakeFrom(Pipe& pipe, std::span<std::byte> into) {
   std::size_t count = 0;
   while (count < into.size()) {
-    Reading& reading = pipe.oldest();
-    DWORD came = 0;
-    if (reading.begun &&
-        ::WinUsb_GetOverlappedResult(usb, &reading.overlapped, &came, FALSE) == FALSE) {
-      const DWORD code = ::GetLastError();
-      if (code != ERROR_IO_INCOMPLETE && code != ERROR_IO_PENDING) Heal(pipe, code);
-      break;
-    }
+    Transfer& reading = pipe.oldest();
     if (!reading.begun) {
       Heal(pipe, ERROR_GEN_FAILURE);
       break;
     }
-    const std::size_t step = std::min(came - reading.taken, into.size() - count);
+    DWORD came = 0;
+    const bool good = ::WinUsb_GetOverlappedResult(usb, &reading.overlapped, &came, FALSE) != FALSE;
+    const DWORD code = good ? ERROR_SUCCESS : ::GetLastError();
+    if (code == ERROR_IO_INCOMPLETE || code == ERROR_IO_PENDING) break;
+    const std::size_t there = std::min<std::size_t>(came, reading.bytes.size());
+    const std::size_t step = std::min(there - std::min(reading.taken, there), into.size() - count);
     std::memcpy(into.data() + count, reading.bytes.data() + reading.taken, step);
     count += step;
     reading.taken += step;
-    if (reading.taken < came) break;
-    if (came > 0) rests = 0;
-    Begin(pipe, reading);
+    if (reading.taken < there) break;
+    if (there > 0) rests = 0;
+    reading.begun = false;
+    if (!good) {
+      Heal(pipe, code);
+      break;
+    }
+    if (!lost) Begin(pipe, reading);
     pipe.first = (pipe.first + 1) % pipe.readings.size();
   }
   return count;
@@ -382,7 +394,7 @@ Result<std::size_t> UsbLine::Receive(std::span<std::byte> into, Milliseconds atM
   for (const Deadline end(atMost);;) {
     std::size_t count = 0;
     for (Os::Pipe& pipe : os_->pipes) {
-      if (!os_->lost) count += os_->TakeFrom(pipe, into.subspan(count));
+      count += os_->TakeFrom(pipe, into.subspan(count));
     }
     if (count > 0) return count;
     if (os_->lost) return Status{Error::Closed, 0, "read"};
@@ -395,35 +407,58 @@ Result<std::size_t> UsbLine::Receive(std::span<std::byte> into, Milliseconds atM
 Status UsbLine::PurgeDriver() {
   std::array<std::byte, 512> dropped;
   for (Os::Pipe& pipe : os_->pipes) {
-    while (!os_->lost && os_->TakeFrom(pipe, dropped) > 0) {
+    while (os_->TakeFrom(pipe, dropped) > 0) {
     }
   }
   return {};
 }
 
-Result<std::size_t> UsbLine::Write(std::span<const std::byte> from) {
-  if (os_->lost) return Status{Error::Closed, 0, "write"};
-  OVERLAPPED overlapped{};
-  overlapped.hEvent = os_->written.get();
-  auto* const bytes = const_cast<UCHAR*>(reinterpret_cast<const UCHAR*>(from.data()));
+// A device that stalls has not taken the bytes, so they are sent again.
+Result<std::size_t> UsbLine::Transmit(std::span<const std::byte> from) {
+  std::size_t sent = 0;
+  for (int stalls = 0; sent < from.size();) {
+    const std::size_t before = sent;
+    const Status status =
+        os_->SendPiece(from.subspan(sent, std::min(kLongestWrite, from.size() - sent)), sent);
+    if (os_->stalled && stalls++ < kMostStalls) continue;
+    if (!status.Ok() && sent == 0) return status;
+    if (!status.Ok() || sent == before) break;
+  }
+  return sent;
+}
+
+Status UsbLine::Os::SendPiece(std::span<const std::byte> piece, std::size_t& sent) {
+  stalled = false;
+  if (lost || writing->begun) return {Error::Closed, 0, "write"};
+  std::memcpy(writing->bytes.data(), piece.data(), piece.size());
+  writing->overlapped = {};
+  writing->overlapped.hEvent = writing->ended.get();
+  ::ResetEvent(writing->ended.get());
+  writing->begun = true;
+  const BOOL done =
+      ::WinUsb_WritePipe(usb, out, writing->bytes.data(), static_cast<ULONG>(piece.size()), nullptr,
+                         &writing->overlapped);
+  DWORD code = done != FALSE ? ERROR_SUCCESS : ::GetLastError();
   ULONG count = 0;
-  const BOOL begun = ::WinUsb_WritePipe(os_->usb, os_->out, bytes, static_cast<ULONG>(from.size()),
-                                        nullptr, &overlapped);
-  if (begun == FALSE && ::GetLastError() != ERROR_IO_PENDING) {
-    const Status failed = StatusOfLastError("write");
-    os_->lost = IsGone(static_cast<DWORD>(failed.osCode));
-    return os_->lost ? Status{Error::Closed, failed.osCode, "write"} : failed;
+  bool late = false;
+  if (code == ERROR_SUCCESS || code == ERROR_IO_PENDING) {
+    late = WaitFor(writing->ended.get(), kWritePatience) != WaitEnd::Signalled;
+    if (late) (void)::WinUsb_AbortPipe(usb, out);
+    if (late && WaitFor(writing->ended.get(), kEndPatience) != WaitEnd::Signalled) {
+      return {Error::TimedOut, 0, "write"};  // no other write may begin
+    }
+    code = ::WinUsb_GetOverlappedResult(usb, &writing->overlapped, &count, FALSE) != FALSE
+               ? ERROR_SUCCESS
+               : ::GetLastError();
   }
-  // The pipe's own time-out ends it.
-  if (::WinUsb_GetOverlappedResult(os_->usb, &overlapped, &count, TRUE) == FALSE && count == 0) {
-    const DWORD code = ::GetLastError();
-    if (code == ERROR_SEM_TIMEOUT) return Status{Error::TimedOut, 0, "write"};
-    os_->lost = os_->lost || IsGone(code);
-    (void)::WinUsb_ResetPipe(os_->usb, os_->out);
-    return os_->lost ? Status{Error::Closed, static_cast<int>(code), "write"}
-                     : StatusFromSystem(code, "write");
-  }
-  return static_cast<std::size_t>(count);
+  writing->begun = false;
+  sent += count;
+  if (late) return {Error::TimedOut, 0, "write"};
+  if (code == ERROR_SUCCESS) return {};
+  lost = lost || IsGone(code) || ::WinUsb_ResetPipe(usb, out) == FALSE;
+  if (lost) return {Error::Closed, static_cast<int>(code), "write"};
+  stalled = code == ERROR_GEN_FAILURE;
+  return StatusFromSystem(code, "write");
 }
 
 }  // namespace kinetrel

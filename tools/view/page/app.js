@@ -15,13 +15,14 @@ let wanted = false;  // a picture is asked for
 let wordsAt = 0;
 let curvesAt = 0;
 let drawn = 0;  // when the pose that was last drawn was published
-const lags = [];  // ms from publication to picture
+const lags = [];  // ms from publication to picture, the last 600
+let pictures = 0;  // with a new pose
 
 const view = new View(makeScene(), ask);
 const table = new SensorTable();
 const feed = new Feed((what, slot) => {
   if (what === 'link') showLink(feed.link);
-  if (what === 'log' && slot === selected) showLog(tracker());
+  if (what === 'log' && slot === selected) showLog(tracker(), true);
   if (what !== 'log' && what !== 'frame') showTrackers();
   ask();
 });
@@ -46,7 +47,7 @@ function choose(slot) {
   selected = slot;
   view.choose(slot);
   $('tracker').setAttribute('aria-labelledby', `slot-${slot}`);
-  showLog(tracker());
+  showLog(tracker(), true);
   curvesAt = 0;
   showTabs(feed.trackers, selected, feed.now(), pick);
   $(`slot-${slot}`).scrollIntoView({ block: 'nearest' });
@@ -141,6 +142,7 @@ function draw() {
 let epoch = performance.timeOrigin;  // 1970 to zero of performance.now(); the browser's own goes wrong as the clock is set
 const painted = new MessageChannel();
 painted.port1.onmessage = ({ data }) => {
+  ++pictures;
   lags.push(epoch + performance.now() - data);
   if (lags.length > 600) lags.shift();
 };
@@ -160,6 +162,7 @@ function showWords(shown, poses) {
   if (wordsAt - curvesAt < kCurvesEvery) return;
   curvesAt = wordsAt;
   table.drawCurves(shown);
+  showLog(shown);
   showTabs(feed.trackers, selected, now, pick);
 }
 
@@ -264,5 +267,6 @@ globalThis.kinetrelView = {
   get moment() { return moment(); },
   get poses() { return posesAt(moment()); },
   get lags() { return [...lags]; },
+  get pictures() { return pictures; },
   pixel: (position) => view.camera.pixel(position, $('picture').clientWidth, $('picture').clientHeight),
 };

@@ -168,7 +168,7 @@ export class Tracker {
     }
     // A slot that was left keeps the words about the tracker that was there.
     this.status = tracker.instance ? tracker : { ...this.status, ...tracker };
-    for (const { sensor, name } of tracker.sensors ?? []) this.sensor(sensor).name = name || `Sensor ${sensor}`;
+    for (const each of tracker.sensors ?? []) Object.assign(this.sensor(each.sensor), each, { name: each.name || `Sensor ${each.sensor}` });
   }
 
   takeLog({ instance, lines }) {

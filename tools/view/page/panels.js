@@ -1,5 +1,5 @@
 // The words and tables of the page. What a tracker says goes in as text, never as HTML.
-import { bytes, clock, count, duration, fixed, kAngles, kLengths, stateOf } from './text.js';
+import { bytes, clock, count, day, duration, fixed, kAngles, kLengths, stateOf } from './text.js';
 import { between, pathLength, rest } from './measure.js';
 
 const kColours = ['#ffb454', '#5cc0ff', '#7ddb8f', '#ff8fb3', '#c7a6ff', '#f2e06b', '#5fd8c8', '#ff9d76'];
@@ -129,7 +129,7 @@ export class SensorTable {
     const wanted = [slot, ...sensors.keys(), ...labels].join();
     if (wanted === this.#made) return;
     this.#made = wanted;
-    $('columns').replaceChildren(...labels.map((textContent) => make('th', { role: 'columnheader', scope: 'col', textContent })));
+    $('columns').replaceChildren(...labels.map((label) => make('th', { role: 'columnheader', scope: 'col', textContent: label.replace(', ', '\n') })));
     this.#rows = new Map([...sensors.keys()].map((number) => [number, makeRow(number, labels.slice(1))]));
     $('rows').replaceChildren(...[...this.#rows.values()].map((row) => row.line));
   }
@@ -153,9 +153,10 @@ function makeRow(number, labels) {
   return { line, name, note, values, curve };
 }
 
-function noteOf({ code, buttons }) {
+function noteOf({ code, buttons, filterLag }) {
   const pressed = [...Array(32).keys()].filter((bit) => (buttons >>> bit) & 1).map((bit) => bit + 1);
-  return [code ? `device code ${code}` : '', pressed.length ? `buttons ${pressed.join(', ')}` : ''].filter(Boolean).join(', ');
+  return [code && `device code ${code}`, pressed.length && `buttons ${pressed.join(', ')}`,
+    filterLag && `filters add ${duration(filterLag * 1000)}`].filter(Boolean).join(', ');
 }
 
 // ---- Measurements ----------------------------------------------------------------------------------
@@ -167,7 +168,7 @@ export function measure(tracker, historyOf, time, units) {
   if (!from || !to) return { rows, moved: false };
   const { perMetre, decimals } = kLengths[units.length];
   const angle = kAngles[units.angle];
-  const byAxis = (list, digits) => list.map((value, i) => `${'xyz'[i]} ${fixed(value * perMetre, digits)}`).join(', ');
+  const byAxis = (list, digits) => list.map((value, i) => `${'xyz'[i]}\u00a0${fixed(value * perMetre, digits)}`).join(', ');
   const addLength = (name, metres, digits, note) => rows.push([name, fixed(metres * perMetre, digits), units.length, note]);
   const addAngle = (name, radians, digits) => rows.push([name, fixed(radians * angle.perRadian, digits), angle.sign, '']);
   const [a, b] = [from, to].map((sensor) => historyOf(sensor).at(time));
@@ -224,7 +225,13 @@ function showList(list, rows) {
   });
 }
 
-export function showLog({ log }) {
+let logDay = '';
+
+// Anew also when a day has passed, for lines of today and of other days look different.
+export function showLog({ log }, fresh) {
+  const today = day(Date.now());
+  if (!fresh && today === logDay) return;
+  logDay = today;
   const lines = $('lines');
   const atEnd = lines.scrollTop + lines.clientHeight >= lines.scrollHeight - 8;
   lines.replaceChildren(...log.map(({ time, code, text }) => make('li', {}, make('time', { textContent: clock(time * 1000) }),

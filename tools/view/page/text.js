@@ -31,7 +31,14 @@ export function duration(ms, least = 0) {
   return `${(Math.max(ms, 0) / size).toFixed(digits ?? 0)} ${unit}`;
 }
 
-export const clock = (utc) => (Number.isFinite(utc) ? new Date(utc).toLocaleTimeString('en-GB') : '–');
+export const day = (utc) => new Date(utc).toLocaleDateString('en-GB', { day: 'numeric', month: 'short', year: 'numeric' });
+
+// The time of day, after the date if that is not today.
+export function clock(utc) {
+  if (!Number.isFinite(utc)) return '–';
+  const date = day(utc);
+  return (date === day(Date.now()) ? '' : `${date}, `) + new Date(utc).toLocaleTimeString('en-GB');
+}
 
 export const count = (value, options) => value?.toLocaleString('en', options) ?? '–';
 export const bytes = (value) => `${count(value, { notation: 'compact' })} bytes`;

@@ -29,7 +29,7 @@ export class View {
     $('canvas').hidden = !scene;
     this.choose(0);
     this.#listen($('canvas'));
-    new ResizeObserver(changed).observe($('picture'));
+    new ResizeObserver(() => this.#moved()).observe($('picture'));
   }
 
   readColours() {

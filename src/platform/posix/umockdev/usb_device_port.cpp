@@ -17,6 +17,8 @@
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <optional>
+#include <utility>
 
 #include "platform/clock.h"
 #include "platform/thread.h"
@@ -26,7 +28,7 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr std::size_t kMostWaiting = 65536;  // bytes that the host has not asked for
+constexpr std::size_t kMostWaiting = 4096;  // bytes that the host has not asked for
 
 // The host waits until its device file can be written to, which tells it of a finished transfer. So
 // the file is a pipe: a full one keeps the host waiting.
@@ -129,6 +131,8 @@ class MockDevice final : public UsbDevicePort {
   void Interrupt() override;
 
   void StallNext() override;
+  void StallNextCommand() override;
+  void UnplugAfter(std::size_t bytes) override;
   void SetLongestTransfer(std::size_t bytes) override;
   void SetIdentity(UsbIdentity identity) override { identity_ = std::move(identity); }
 
@@ -181,9 +185,12 @@ class MockDevice final : public UsbDevicePort {
   std::condition_variable changed_;
   bool gone_ = false;  // unplugged: the host's calls fail
   bool interrupted_ = false;
-  bool stalls_ = false;     // the next transfer
-  bool halted_ = false;     // until the host resets the endpoint
-  bool hasDriver_ = false;  // of the host
+  bool stalls_ = false;         // the next transfer
+  bool halted_ = false;         // until the host resets the endpoint
+  bool commandStalls_ = false;  // the same of the host's transfers
+  bool commandsHalted_ = false;
+  std::optional<std::size_t> unplugAfter_;  // of the next bytes
+  bool hasDriver_ = false;                  // of the host
   UMockdevIoctlClient* claimedBy_ = nullptr;
   int hosts_ = 0;
   int lastHosts_ = 0;
@@ -289,7 +296,7 @@ Status MockDevice::Plug(unsigned) {
   sysPath_ = "/devices/pci0000:00/0000:00:14.0/usb1/1-" + std::to_string(port_);
   {
     const std::lock_guard lock(mutex_);
-    gone_ = stalls_ = halted_ = false;
+    gone_ = stalls_ = halted_ = commandStalls_ = commandsHalted_ = false;
     hasDriver_ = identity_.usedByDriver;
     claimedBy_ = nullptr;
     fromHost_.clear();
@@ -354,12 +361,21 @@ std::size_t MockDevice::Read(std::span<std::byte> into) {
 }
 
 std::size_t MockDevice::Write(std::span<const std::byte> from) {
-  const Held lock(mutex_);
-  if (gone_ || hosts_ == 0) return from.size();
-  const std::size_t count = std::min(from.size(), kMostWaiting - toHost_.size());
-  toHost_.insert(toHost_.end(), from.begin(), from.begin() + static_cast<std::ptrdiff_t>(count));
-  Serve(lock);
-  return count;
+  {
+    const Held lock(mutex_);
+    if (gone_ || hosts_ == 0) return from.size();
+    if (from.size() > kMostWaiting - toHost_.size()) return 0;  // left out whole
+    if (from.empty() || !unplugAfter_) {
+      toHost_.insert(toHost_.end(), from.begin(), from.end());
+      Serve(lock);
+      return from.size();
+    }
+    const std::size_t last = std::min(*std::exchange(unplugAfter_, std::nullopt), from.size());
+    toHost_.insert(toHost_.end(), from.begin(), from.begin() + static_cast<std::ptrdiff_t>(last));
+    Serve(lock);
+  }
+  Unplug();
+  return from.size();
 }
 
 void MockDevice::Wait(nanoseconds atMost) {
@@ -382,6 +398,16 @@ void MockDevice::StallNext() {
   const Held lock(mutex_);
   stalls_ = true;
   Serve(lock);
+}
+
+void MockDevice::StallNextCommand() {
+  const std::lock_guard lock(mutex_);
+  commandStalls_ = true;
+}
+
+void MockDevice::UnplugAfter(std::size_t bytes) {
+  const std::lock_guard lock(mutex_);
+  unplugAfter_ = bytes;
 }
 
 void MockDevice::SetLongestTransfer(std::size_t bytes) {
@@ -426,7 +452,7 @@ void MockDevice::Forget(const UMockdevIoctlClient* client) {
   asked_.clear();
   done_.clear();
   toHost_.clear();
-  halted_ = false;
+  halted_ = commandsHalted_ = false;
   ready_.Set(gone_);
 }
 
@@ -449,10 +475,12 @@ int MockDevice::Answer(const Held& lock, UMockdevIoctlClient* client, unsigned l
       std::memcpy(word->data, &able, sizeof able);
       return 0;
     }
-    case USBDEVFS_CLEAR_HALT:
-      halted_ = false;
+    case USBDEVFS_CLEAR_HALT: {
+      const Owned<UMockdevIoctlData> pipe(umockdev_ioctl_data_resolve(argument, 0, 4, nullptr));
+      (pipe && (pipe->data[0] & 0x80) == 0 ? commandsHalted_ : halted_) = false;
       Serve(lock);
       return 0;
+    }
     case USBDEVFS_CLAIMINTERFACE:
       return Claim(client, false);
     case USBDEVFS_DISCONNECT_CLAIM:
@@ -509,6 +537,11 @@ int MockDevice::Submit(const Held& lock, UMockdevIoctlData* argument) {
   if ((urb.endpoint & 0x80) != 0) {
     asked_.push_back(std::move(request));
     Serve(lock);
+    return 0;
+  }
+  if (commandsHalted_ || std::exchange(commandStalls_, false)) {
+    commandsHalted_ = true;
+    Finish(std::move(request), -EPIPE, 0);
     return 0;
   }
   const auto* const bytes = reinterpret_cast<const std::byte*>(request.buffer->data);
