@@ -273,9 +273,13 @@ TEST(Measurement, TellsOfSilencesAndNewWriters) {
   };
   play(0, 500);
   play(7.99, 500);  // after 3 s
-  tracker.End();
-  tracker.Start(100);
-  for (int i = 0; i < 100 && tracker.measured.writers() < 2; ++i) tracker.reader.Read(20);
+  const auto startAgain = [&] {
+    const std::uint64_t before = tracker.measured.writers();
+    tracker.End();
+    tracker.Start(100);
+    for (int i = 0; i < 100 && tracker.measured.writers() == before; ++i) tracker.reader.Read(20);
+  };
+  startAgain();
   play(20, 500);
   tracker.measured.Finish();
   const FramePace& pace = tracker.measured.pace();
@@ -290,6 +294,10 @@ TEST(Measurement, TellsOfSilencesAndNewWriters) {
   std::string told;
   for (const Event& event : tracker.measured.events()) told += event.text + "\n";
   EXPECT_NE(told.find("started again"), std::string::npos) << told;
+  startAgain();
+  play(24.5, 10);  // the two wrote at once
+  EXPECT_EQ(pace.interruptions(), 3U);
+  EXPECT_NEAR(pace.interruptedSeconds(), 3 + 7.02, 0.001);
 }
 
 }  // namespace

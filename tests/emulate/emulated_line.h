@@ -51,6 +51,17 @@ class Host {
     return text;
   }
 
+  // What comes until the line is quiet for 50 ms; it may be nothing.
+  std::string AnswerTo(std::string_view question) {
+    Send(question);
+    std::string text;
+    std::size_t before = 0;
+    do {
+      before = text.size();
+    } while (ReadOnce(text) && text.size() > before);
+    return text;
+  }
+
   bool WaitUntilHungUp() {
     std::string ignored;
     return WaitUntil([&] { return !ReadOnce(ignored); });

@@ -128,11 +128,15 @@ void FramePace::Take(std::int64_t sampleNs) {
   ++frames_;
   if (!hasLast_) return BeginSection(sampleNs);
   const double interval = SecondsBetween(last_, sampleNs);
-  if (interval < 0) return BeginSection(sampleNs);
+  const bool broken = std::exchange(broken_, false);
+  if (interval < 0) {  // two writers at once, or a clock that was set back
+    if (broken) ++interruptions_;
+    return BeginSection(sampleNs);
+  }
   ++intervalsInAll_;
   seconds_ += interval;
   const bool isLong = interval > kInterruption && interval > kInterruptionPeriods * period_;
-  if (std::exchange(broken_, false) || isLong) {
+  if (broken || isLong) {
     ++interruptions_;
     interruptedSeconds_ += interval;
     return BeginSection(sampleNs);
