@@ -77,14 +77,24 @@ class Held:
         if windows:
             link = os.path.join(os.environ["WINEPREFIX"], "dosdevices", "com3")
             port, environment = "-p3", {"KINETREL_ANY_MAX_BAUD": "1"}
+            # Wine looks for ports while it starts, and would do so beside the tracker.
+            subprocess.run(["wine", "cmd", "/c", "exit"], stdin=subprocess.DEVNULL, check=True)
             pathlib.Path(link).unlink(missing_ok=True)
         quiet = {"stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
         self.emulator = subprocess.Popen([bin_dir / "kinetrel-emulate", "fastrak", "--link", link,
                                           "--motion", HELD, "--fault", "unplug@usr1"], **quiet)
         wait_until(lambda: os.path.islink(link))
-        self.tracker = subprocess.Popen(
-            [*command("kinetrel"), "-d2", port, "-s0x3", "-z-", f"-w{self.slot.number}"],
-            env={**os.environ, **environment}, **quiet)
+        said = pathlib.Path(self.folder.name) / "said"
+        with open(said, "wb") as output:
+            self.tracker = subprocess.Popen(
+                [*command("kinetrel"), "-d2", port, "-s0x3", "-z-", f"-w{self.slot.number}"],
+                env={**os.environ, **environment},
+                **{**quiet, "stdout": output, "stderr": output})
+        wait_until(lambda: b"Running" in said.read_bytes() or self.tracker.poll() is not None)
+        if self.tracker.poll() is not None:
+            what = said.read_text(errors="replace")
+            self.end()
+            raise AssertionError(f"kinetrel ended: {what}")
 
     def end(self):
         for process in (self.tracker, self.emulator):

@@ -87,9 +87,12 @@ HANDLE StartProgram(const std::string& path, std::string line, const Pipe& in, c
   start.hStdOutput = out.write;
   start.hStdError = err.write;
   PROCESS_INFORMATION process{};
-  if (!::CreateProcessA(path.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                        &start, &process)) {
-    throw std::runtime_error("starting " + path + ": error " + std::to_string(::GetLastError()));
+  // On a busy machine Wine now and then loses a program while it loads it.
+  for (int attemptsLeft = 3; !::CreateProcessA(path.c_str(), line.data(), nullptr, nullptr, TRUE, 0,
+                                               nullptr, nullptr, &start, &process);) {
+    const DWORD failure = ::GetLastError();
+    if (failure == ERROR_INTERNAL_ERROR && --attemptsLeft > 0) continue;
+    throw std::runtime_error("starting " + path + ": error " + std::to_string(failure));
   }
   ::CloseHandle(process.hThread);
   return process.hProcess;
